@@ -1,0 +1,173 @@
+#pragma once
+
+#include <cmath>
+
+#include <zorn/structure/node.h>
+
+// Host channels and their sample rings.
+namespace Harvane::RT::Core {
+
+// Codes of the host for the type of one sample.
+enum class SampleDataType : int32_t {
+    Float64 = 0,
+    Int32 = 1,
+    Int16 = 2,
+    Int8 = 3,
+    Float32 = 4,
+    Opaque = 8,  // one byte, only as element of a vector channel: dimension bytes make a sample
+};
+
+// A sample ring of the host. Index and position count samples; slot i stands at byte i * sample size. The newest sample
+// stands before the position, wrapping. Address and capacity stay unchanged while an acquisition runs.
+class IChannelBuffer : public IBaseObject {
+public:
+    using Base = IBaseObject;
+    static constexpr IntfID Id = interfaceId("IChannelBuffer");
+    virtual ErrCode getData(void** data) = 0;
+    virtual ErrCode getCapacity(size_t* capacity) = 0;
+    virtual ErrCode getSize(size_t* size) = 0;
+    virtual ErrCode getPosition(size_t* position) = 0;  // slot of the next write
+    virtual ErrCode getSampleSize(size_t* bytes) = 0;
+    virtual ErrCode isEmpty(unsigned char* empty) = 0;
+    virtual ErrCode getSample(size_t position, void** sample) = 0;            // OutOfRange beyond the capacity
+    virtual ErrCode getSampleInDouble(size_t position, double* value) = 0;   // the raw number, never scaled
+
+protected:
+    ~IChannelBuffer() = default;
+};
+
+class IChannelBufferV2 : public IBaseObject {
+public:
+    using Base = IBaseObject;
+    static constexpr IntfID Id = interfaceId("IChannelBufferV2");
+    // Address of the live write position, valid as long as the buffer object. Written by incrementSamplePosition only.
+    virtual ErrCode getPositionPointer(size_t** position) = 0;
+
+protected:
+    ~IChannelBufferV2() = default;
+};
+
+class IChannel : public IChannelNode {
+public:
+    using Base = IChannelNode;
+    static constexpr IntfID Id = interfaceId("IChannel");
+    // `Used`, latched by initializeAcquisition; before the first latch it is `Used`.
+    virtual ErrCode getActive(unsigned char* active) = 0;
+    virtual ErrCode getUsed(unsigned char* used) = 0;
+    virtual ErrCode setUsed(unsigned char used) = 0;
+    virtual ErrCode getUnit(IString** unit) = 0;
+    virtual ErrCode setUnit(IString* unit) = 0;
+    virtual ErrCode getScale(double* scale) = 0;
+    virtual ErrCode setScale(double scale) = 0;
+    virtual ErrCode getOffset(double* offset) = 0;
+    virtual ErrCode setOffset(double offset) = 0;
+    virtual ErrCode getMinValue(double* value) = 0;
+    virtual ErrCode setMinValue(double value) = 0;
+    virtual ErrCode getMaxValue(double* value) = 0;
+    virtual ErrCode setMaxValue(double value) = 0;
+    virtual ErrCode getBuffer(IChannelBuffer** buffer) = 0;
+    virtual ErrCode getSamplesAcquired(long* count) = 0;  // since initializeAcquisition; any thread
+    // `count` samples have been written behind the position; below the capacity. Cycle thread.
+    virtual ErrCode incrementSamplePosition(size_t count) = 0;
+    virtual ErrCode getSampleRate(IRatio** rate) = 0;
+    virtual ErrCode setSampleRate(IRatio* rate) = 0;  // through the property "SampleRate", so that it fires
+    virtual ErrCode getChannelId(IString** id) = 0;
+    virtual ErrCode initialize() = 0;
+    // Latches active, reserves memory (2 s of the rate, a multiple of "BufferSizeIsMultipleOf"; page aligned, zeroed)
+    // when active and "ShouldReserveMemory", otherwise capacity 0; sets position, size and count to 0. Module thread.
+    virtual ErrCode initializeAcquisition() = 0;
+    virtual ErrCode startAcquisition() = 0;
+    virtual ErrCode stopAcquisition() = 0;
+    virtual ErrCode finalizeAcquisition() = 0;  // the memory stays until the next initializeAcquisition
+    virtual ErrCode getCurrentSample(double* value) = 0;             // scaled; the channel's NaN without samples
+    virtual ErrCode getSampleAtPos(size_t position, double* value) = 0;
+    virtual ErrCode getSampleAtRelativePos(int position, double* value) = 0;  // -1 is the newest
+    virtual ErrCode hasSamples(unsigned char* has) = 0;
+    virtual ErrCode scaleValue(double raw, double* value) = 0;
+    virtual ErrCode getSampleDataType(SampleDataType* type) = 0;
+    virtual ErrCode getDimension(size_t* dimension) = 0;
+    virtual ErrCode getType(int* type) = 0;  // 0 synchronous, 1 asynchronous
+
+protected:
+    ~IChannel() = default;
+};
+
+class IAsyncChannel : public IBaseObject {
+public:
+    using Base = IBaseObject;
+    static constexpr IntfID Id = interfaceId("IAsyncChannel");
+    // Samples added since the start of the acquisition, never the ring's fill.
+    virtual ErrCode getSamplesAcquired(long* count) = 0;
+    // Copies one sample and its time stamp (ticks of 1 ns since the start); overwrites the oldest silently.
+    virtual ErrCode addSample(long timestamp, const void* sample) = 0;
+    virtual ErrCode getTimestampAtPos(size_t position, long* timestamp) = 0;
+    virtual ErrCode getSampleAddressAtPos(size_t position, void** sample) = 0;
+    virtual ErrCode getBuffer(IChannelBuffer** buffer) = 0;
+
+protected:
+    ~IAsyncChannel() = default;
+};
+
+// Identifier, sample type, vector dimension (bytes), value of numeric reads without a sample.
+ZORN_FUNCTION ErrCode createSyncChannel(IChannel** channel, IString* id, int dataType, double nan);
+ZORN_FUNCTION ErrCode createAsyncChannel(IChannel** channel, IString* id, int dataType, double nan);
+ZORN_FUNCTION ErrCode createSyncVectorChannel(IChannel** channel, IString* id, int dataType, size_t dimension,
+                                              double nan);
+ZORN_FUNCTION ErrCode createAsyncVectorChannel(IChannel** channel, IString* id, int dataType, size_t dimension,
+                                               double nan);
+
+template <class I = IChannelBuffer>
+class ChannelBufferPtr : public ObjectPtr<I> {
+public:
+    using ObjectPtr<I>::ObjectPtr;
+    ChannelBufferPtr(ObjectPtr<I>&& other) : ObjectPtr<I>(std::move(other)) {}
+    void* getData() const { return this->template read<void*>([&](void** r) { return this->checked()->getData(r); }); }
+    size_t getCapacity() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getCapacity(r); }); }
+    size_t getSize() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getSize(r); }); }
+    size_t getPosition() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getPosition(r); }); }
+    size_t getSampleSize() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getSampleSize(r); }); }
+    bool isEmpty() const { return this->template read<unsigned char>([&](unsigned char* r) { return this->checked()->isEmpty(r); }) != 0; }
+    void* getSample(size_t position) const { return this->template read<void*>([&](void** r) { return this->checked()->getSample(position, r); }); }
+    double getSampleInDouble(size_t position) const {
+        return this->template read<double>([&](double* r) { return this->checked()->getSampleInDouble(position, r); });
+    }
+};
+
+template <class I = IChannel>
+class ChannelPtr : public ChannelNodePtr<I> {
+public:
+    using ChannelNodePtr<I>::ChannelNodePtr;
+    ChannelPtr(const ObjectPtr<I>& other) : ChannelNodePtr<I>(other) {}
+    ChannelPtr(ObjectPtr<I>&& other) : ChannelNodePtr<I>(std::move(other)) {}
+    bool getActive() const { return this->template read<unsigned char>([&](unsigned char* r) { return this->checked()->getActive(r); }) != 0; }
+    bool getUsed() const { return this->template read<unsigned char>([&](unsigned char* r) { return this->checked()->getUsed(r); }) != 0; }
+    void setUsed(bool used) const { checkErrorInfo(this->checked()->setUsed(used ? 1 : 0)); }
+    StringPtr getUnit() const { return this->template fetch<IString>([&](IString** r) { return this->checked()->getUnit(r); }); }
+    void setUnit(const StringPtr& unit) const { checkErrorInfo(this->checked()->setUnit(unit.get())); }
+    double getScale() const { return this->template read<double>([&](double* r) { return this->checked()->getScale(r); }); }
+    void setScale(double value) const { checkErrorInfo(this->checked()->setScale(value)); }
+    double getOffset() const { return this->template read<double>([&](double* r) { return this->checked()->getOffset(r); }); }
+    void setOffset(double value) const { checkErrorInfo(this->checked()->setOffset(value)); }
+    double getMinValue() const { return this->template read<double>([&](double* r) { return this->checked()->getMinValue(r); }); }
+    void setMinValue(double value) const { checkErrorInfo(this->checked()->setMinValue(value)); }
+    double getMaxValue() const { return this->template read<double>([&](double* r) { return this->checked()->getMaxValue(r); }); }
+    void setMaxValue(double value) const { checkErrorInfo(this->checked()->setMaxValue(value)); }
+    ChannelBufferPtr<> getBuffer() const { return this->template fetch<IChannelBuffer>([&](IChannelBuffer** r) { return this->checked()->getBuffer(r); }); }
+    long getSamplesAcquired() const { return this->template read<long>([&](long* r) { return this->checked()->getSamplesAcquired(r); }); }
+    Ratio getSampleRate() const {
+        return fromValue<Ratio>(asBase(this->template fetch<IRatio>([&](IRatio** r) { return this->checked()->getSampleRate(r); })));
+    }
+    void setSampleRate(const Ratio& rate) const {
+        checkErrorInfo(this->checked()->setSampleRate(toValue(rate).template asPtr<IRatio>().get()));
+    }
+    double getSampleAtRelativePos(int position) const {
+        return this->template read<double>([&](double* r) { return this->checked()->getSampleAtRelativePos(position, r); });
+    }
+    SampleDataType getSampleDataType() const { return this->template read<SampleDataType>([&](SampleDataType* r) { return this->checked()->getSampleDataType(r); }); }
+    int getType() const { return this->template read<int>([&](int* r) { return this->checked()->getType(r); }); }
+    size_t getDimension() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getDimension(r); }); }
+};
+
+using AsyncChannelPtr = ObjectPtr<IAsyncChannel>;
+
+}  // namespace Harvane::RT::Core

@@ -1,0 +1,571 @@
+#include "tests/host/coreobjects/Objects.h"
+
+#include <vector>
+
+#include <zorn/objects/property_object_impl.h>
+
+using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Core::Testing;
+
+namespace {
+
+// Writes down what an event says.
+ObjectPtr<IEventHandler> recorder(std::vector<std::string>& log, std::string who) {
+    return makeHandler([&log, who](const BasePtr& sender, const ObjectPtr<IEventArgs>& raw) {
+        const PropertyValueChangedEventArgsPtr arguments(raw.asPtr<IPropertyValueChangedEventArgs>());
+        int32_t type = -1;
+        checkErrorInfo(arguments->getChangeType(&type));
+        EXPECT_TRUE(sender.asPtrOrNull<IPropertyObject>());
+        log.push_back(who + " " + arguments.getPropertyName().toStdString() + "=" + textOf(arguments.getValue()) +
+                      (type == 1 ? " cleared" : ""));
+    });
+}
+
+void listen(const GenericPropertyObjectPtr& object, const ObjectPtr<IEventHandler>& handler) {
+    checkErrorInfo(object.getOnPropertyValueChanged()->addHandler(handler.get()));
+}
+
+std::string names(const std::vector<PropertyInfoPtr>& infos) {
+    std::string result;
+    for (const auto& info : infos)
+        result += (result.empty() ? "" : " ") + info.getName().toStdString();
+    return result;
+}
+
+}  // namespace
+
+TEST(Engine, valueThenDefaultThenNothing) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Rate", CoreType::Int).defaultValue(7));
+    object.registerProperty(PropertyInfoPtr::create("Empty", CoreType::Int));
+    EXPECT_EQ("7", get(object, "Rate"));
+    EXPECT_FALSE(object.isPropertySet("Rate"));
+    object.setPropertyValue("Rate", 8);
+    EXPECT_EQ("8", get(object, "Rate"));
+    EXPECT_TRUE(object.isPropertySet("Rate"));
+    object.clearProperty("Rate");
+    EXPECT_EQ("7", get(object, "Rate"));
+    EXPECT_EQ("8000000B Not assigned", get(object, "Empty"));
+    EXPECT_EQ("80000006 Not found", get(object, "Unknown"));
+    EXPECT_FALSE(object.hasProperty("Unknown"));
+    EXPECT_EQ("PropertyObject", textOf(object));
+    // Never registered, stored all the same.
+    object.setPropertyValue("Unknown", 2.5);
+    EXPECT_EQ("2.5", get(object, "Unknown"));
+    EXPECT_TRUE(object.hasProperty("Unknown"));
+    EXPECT_TRUE(object.isPropertySet("Unknown"));
+}
+
+TEST(Engine, aFailureLeavesNoOlderText) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Empty", CoreType::Int));
+    IBaseObject* value = nullptr;
+    for (const char* name : {"Empty", "Unknown"}) {
+        makeError(Errors::GeneralError, "stale");
+        EXPECT_TRUE(failed(object->getProperty(StringPtr(name).get(), &value)));
+        EXPECT_EQ("", takeErrorMessage());
+    }
+    makeError(Errors::GeneralError, "stale");
+    EXPECT_EQ(Errors::InvalidParameter, object->registerProperty(nullptr));
+    EXPECT_EQ("", takeErrorMessage());
+}
+
+TEST(Engine, nullsAreRefused) {
+    const auto object = makeObject();
+    const StringPtr name("x");
+    IBaseObject* value = nullptr;
+    unsigned char flag = 0;
+    EXPECT_EQ(Errors::ArgumentNull, object->setProperty(nullptr, value));
+    EXPECT_EQ(Errors::ArgumentNull, object->getProperty(nullptr, &value));
+    EXPECT_EQ(Errors::ArgumentNull, object->getProperty(name.get(), nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, object->hasProperty(name.get(), nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, object->isPropertySet(nullptr, &flag));
+    EXPECT_EQ(Errors::ArgumentNull, object->getPropertyInfo(name.get(), nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, object->enumProperties(PropertyOrder::Name, nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, object->clearProperty(nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, object->setClassName(nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, object->serialize(nullptr));
+}
+
+TEST(Engine, anInfoServesOneRegistration) {
+    const auto object = makeObject();
+    const auto first = PropertyInfoPtr::create("A", CoreType::Int);
+    object.registerProperty(first);
+    EXPECT_EQ(0, first.getIndex());
+    EXPECT_EQ("80000017 Object frozen", failure([&] { first.min(1); }));
+    EXPECT_EQ("80000017 Object frozen", failure([&] { makeObject().registerProperty(first); }));
+    const auto indexed = PropertyInfoPtr::create("B", CoreType::Int);
+    checkErrorInfo(indexed->setIndex(4));
+    EXPECT_EQ("8000000E Invalid value", failure([&] { object.registerProperty(indexed); }));
+    EXPECT_EQ("8000000A Property A already exists",
+              failure([&] { object.registerProperty(PropertyInfoPtr::create("A", CoreType::Int)); }));
+    const auto second = PropertyInfoPtr::create("C", CoreType::Int);
+    object.registerProperty(second);
+    EXPECT_EQ(1, second.getIndex());
+}
+
+TEST(Engine, valuesTakeTheTypeOfTheirProperty) {
+    struct Case {
+        CoreType type;
+        BasePtr value;
+        const char* stored;
+    };
+    const std::string refused = "80000001 Value type is different than property type and conversion failed";
+    const Case cases[] = {
+        {CoreType::Int, toValue(2.9), "2"},
+        {CoreType::Int, toValue("12"), "12"},
+        {CoreType::Int, toValue("twelve"), refused.c_str()},
+        {CoreType::Int, asBase(ListPtr::create()), refused.c_str()},
+        {CoreType::Float, toValue(2), "2"},
+        {CoreType::Bool, toValue(1), "true"},
+        {CoreType::String, toValue(1.5), "1.5"},
+        {CoreType::Ratio, toValue("1000/3"), "1000/3"},
+        {CoreType::Ratio, toValue(50), "50/1"},
+        {CoreType::Enum, toValue(1.0), "1"},
+        {CoreType::Object, toValue("anything"), "anything"},
+        {CoreType::List, toValue(1), refused.c_str()},
+        {CoreType::Proc, toValue(1), refused.c_str()},
+        {CoreType::Int, asBase(makeEval("1 + 1")), "1 + 1"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(textOf(c.value));
+        const auto object = makeObject();
+        object.registerProperty(PropertyInfoPtr::create("P", c.type));
+        const std::string error = failure([&] { object.setPropertyValue("P", c.value); });
+        EXPECT_EQ(c.stored, error.empty() ? get(object, "P") : error);
+        EXPECT_EQ(error.empty(), object.isPropertySet("P"));
+    }
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Do", CoreType::Proc));
+    object.registerProperty(PropertyInfoPtr::create("Ask", CoreType::Func));
+    const auto procedure = makeProc([](const BasePtr&) -> ErrCode { return 0; });
+    object.setPropertyValue("Do", procedure);
+    EXPECT_TRUE(object.getPropertyValue<>("Do") == asBase(procedure));
+    EXPECT_EQ(refused, failure([&] { object.setPropertyValue("Ask", procedure); }));
+}
+
+TEST(Engine, writingNeverRefusesLimitsReadOnlyOrDisabled) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Limited", CoreType::Int).min(0).max(5));
+    object.registerProperty(PropertyInfoPtr::create("Fixed", CoreType::String).readOnly("always"));
+    object.registerProperty(PropertyInfoPtr::create("Bare", CoreType::Int).readOnly(BasePtr()));
+    object.registerProperty(PropertyInfoPtr::create("Off", CoreType::Int).enabled(false));
+    object.setPropertyValue("Limited", 99);
+    EXPECT_EQ("99", get(object, "Limited"));
+    object.setPropertyValue("Fixed", "written");
+    EXPECT_EQ("always", get(object, "Fixed"));
+    object.setPropertyValue("Bare", 1);
+    EXPECT_EQ("80000001 Property Bare set as readonly, but readonly value not assigned", get(object, "Bare"));
+    object.setPropertyValue("Off", 1);
+    EXPECT_EQ("80000013 Property Off is not enabled", get(object, "Off"));
+    EXPECT_TRUE(object.isPropertySet("Off"));
+}
+
+TEST(Engine, attributesFollowOtherProperties) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Mode", CoreType::Int).defaultValue(0));
+    object.registerProperty(PropertyInfoPtr::create("P", CoreType::Int)
+                                .defaultValue(makeEval("$Mode * 10"))
+                                .enabled(makeEval("$Mode < 2"))
+                                .visible(makeEval("$Mode == 1"))
+                                .unit(makeEval("if($Mode == 0, \"V\", \"mV\")"))
+                                .max(makeEval("$Mode + 5")));
+    EXPECT_EQ("0", get(object, "P"));
+    EXPECT_EQ("Mode", names(object.enumProperties(PropertyOrder::Index, true)));
+    object.setPropertyValue("Mode", 1);
+    EXPECT_EQ("10", get(object, "P"));
+    EXPECT_EQ("Mode P", names(object.enumProperties(PropertyOrder::Index, true)));
+    const auto info = object.getPropertyInfo("P");
+    EXPECT_EQ("mV", textOf(info.getUnit()));
+    EXPECT_EQ("6", textOf(info.getMaxValue()));
+    EXPECT_EQ("10", textOf(info.getDefaultValue()));
+    EXPECT_EQ(1, info.getIndex());
+    EXPECT_EQ(0u, info.getValuesAsList().getCount());
+    object.setPropertyValue("Mode", 2);
+    EXPECT_EQ("80000013 Property P is not enabled", get(object, "P"));
+    EXPECT_EQ("80000006 Property Q not found", failure([&] { object.getPropertyInfo("Q"); }));
+}
+
+TEST(Engine, indices) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Default", CoreType::List).defaultValue(makeTexts({"x", "y"})));
+    object.registerProperty(PropertyInfoPtr::create("Computed", CoreType::List).defaultValue(makeEval("$Two")));
+    object.setPropertyValue("Two", makeTexts({"a", "b"}));
+    object.setPropertyValue("Three", ListPtr::create({toValue(1), asBase(makeEval("40 + 2")), toValue(3)}));
+    object.setPropertyValue("Number", 5);
+    const std::string tooHigh = "80000005 The index parameter is out of bounds of the list.";
+    const std::string noNumber = "80000001 Could not parse the property index.";
+    const std::string noBracket = "80000001 No matching ] found.";
+    const std::string noList = "80000001 Could not access the index as the value is not a list.";
+    const std::pair<const char*, std::string> cases[] = {
+        {"Two[0]", "a"},          {"Two[1]", "b"},           {"Two[2]", tooHigh},      {"Three[2]", "3"},
+        {"Three[1]", "42"},       {"Two[x]", noNumber},      {"Two[-1]", noNumber},    {"Two[ 1]", noNumber},
+        {"Two[]", noNumber},      {"Two[1x]", noNumber},     {"Two[1", noBracket},     {"Number[0]", noList},
+        {"Default[1]", "y"},      {"Default[2]", tooHigh},   {"Default[1", noBracket}, {"Default[x]", noNumber},
+        {"Computed[1]", "b"},     {"None[0]", "80000006 Not found"},
+        {"Two[18446744073709551617]", noNumber},
+    };
+    for (const auto& [name, result] : cases)
+        EXPECT_EQ(result, get(object, name)) << name;
+    // Elements can be read only; written, such a name is one like any other.
+    object.setPropertyValue("Two[0]", "new");
+    EXPECT_EQ("a", get(object, "Two[0]"));
+}
+
+TEST(Engine, childNamesReachTheChildAlone) {
+    const auto parent = makeObject();
+    const auto child = makeObject();
+    std::vector<std::string> log;
+    listen(parent, recorder(log, "parent"));
+    listen(child, recorder(log, "child"));
+    parent.registerProperty(PropertyInfoPtr::create("Number", CoreType::Int).defaultValue(1));
+    parent.setPropertyValue("Child", child);
+    log.clear();
+    parent.setPropertyValue("Child.X", 3);
+    EXPECT_EQ((std::vector<std::string>{"child X=3"}), log);
+    EXPECT_EQ("3", get(parent, "Child.X"));
+    EXPECT_EQ("3", get(child, "X"));
+    EXPECT_FALSE(parent.isPropertySet("Child.X"));
+    child.setPropertyValue("Grand", makeObject());
+    parent.setPropertyValue("Child.Grand.Y", 4);
+    EXPECT_EQ("4", get(parent, "Child.Grand.Y"));
+    parent.setPropertyValue("List", ListPtr::create({asBase(child)}));
+    EXPECT_EQ("3", get(parent, "List[0].X"));
+    parent.clearProperty("Child.X");
+    EXPECT_FALSE(child.isPropertySet("X"));
+    EXPECT_EQ("80000006 Property Nobody value not found", get(parent, "Nobody.X"));
+    EXPECT_EQ("80000006 Property Number value not found", failure([&] { parent.setPropertyValue("Number.X", 1); }));
+    parent.setPropertyValue("Number", 2);
+    EXPECT_EQ("80004002", get(parent, "Number.X").substr(0, 8));
+}
+
+TEST(Engine, eventsObjectFirstThenProperty) {
+    const auto object = makeObject();
+    std::vector<std::string> log;
+    listen(object, recorder(log, "object"));
+    object.registerProperty(
+        PropertyInfoPtr::create("P", CoreType::Int).defaultValue(0).onValueChanged(recorder(log, "property")));
+    object.setPropertyValue("P", 1);
+    object.setPropertyValue("P", 1);  // an equal value fires too
+    object.setPropertyValue("Free", "text");
+    object.clearProperty("P");
+    object.clearProperty("P");
+    EXPECT_EQ((std::vector<std::string>{"object P=1", "property P=1", "object P=1", "property P=1", "object Free=text",
+                                        "object P=1 cleared", "property P=1 cleared", "object P= cleared",
+                                        "property P= cleared"}),
+              log);
+}
+
+TEST(Engine, aHandlerMayWriteBackAndItsFailureIsTheWriters) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Rate", CoreType::Int).onValueChanged(makeHandler(
+        [&](const BasePtr& sender, const ObjectPtr<IEventArgs>& raw) {
+            const int value = fromValue<int>(
+                PropertyValueChangedEventArgsPtr(raw.asPtr<IPropertyValueChangedEventArgs>()).getValue());
+            if (value < 0)
+                throw InvalidStateException("no rate below 0");
+            if (value % 10 != 0)
+                GenericPropertyObjectPtr(sender.asPtr<IPropertyObject>()).setPropertyValue("Rate", value / 10 * 10);
+        })));
+    object.setPropertyValue("Rate", 57);
+    EXPECT_EQ("50", get(object, "Rate"));
+    EXPECT_EQ("80000029 no rate below 0", failure([&] { object.setPropertyValue("Rate", -1); }));
+    EXPECT_EQ("-1", get(object, "Rate"));
+}
+
+TEST(Engine, readAndWriteFunctionsReplaceTheValue) {
+    const auto object = makeObject();
+    const auto info = PropertyInfoPtr::create("P", CoreType::Int).defaultValue(1);
+    checkErrorInfo(info->setOnWriteValue(makeFunc([](const BasePtr& value, BasePtr& result) -> ErrCode {
+        if (fromValue<int>(value) > 100)
+            throw ValidateFailedException("too much");
+        result = toValue(fromValue<int>(value) + 1);
+        return 0;
+    }).get()));
+    checkErrorInfo(info->setOnReadValue(makeFunc([](const BasePtr& value, BasePtr& result) -> ErrCode {
+        result = toValue(fromValue<int>(value) * 10);
+        return 0;
+    }).get()));
+    object.registerProperty(info);
+    EXPECT_EQ("10", get(object, "P"));
+    object.setPropertyValue("P", 4);
+    EXPECT_EQ("50", get(object, "P"));
+    EXPECT_EQ("80000030 too much", failure([&] { object.setPropertyValue("P", 101); }));
+    EXPECT_EQ("50", get(object, "P"));
+}
+
+TEST(Engine, referencesLeadToTheirTarget) {
+    const auto object = makeObject();
+    std::vector<std::string> log;
+    listen(object, recorder(log, "object"));
+    object.registerProperty(PropertyInfoPtr::create("Mode", CoreType::Int).defaultValue(0));
+    object.registerProperty(PropertyInfoPtr::create("Range", CoreType::Reference)
+                                .reference(makeEval("switch($Mode, 0, %Volts, 1, %Amps)")));
+    object.registerProperty(PropertyInfoPtr::create("Alias", CoreType::Reference).reference(makeEval("%Range")));
+    object.registerProperty(PropertyInfoPtr::create("Volts", CoreType::Int).defaultValue(1).unit("V"));
+    object.registerProperty(
+        PropertyInfoPtr::create("Amps", CoreType::List).defaultValue(makeTexts({"a", "b"})).unit("A"));
+    EXPECT_EQ("1", get(object, "Range"));
+    EXPECT_EQ("1", get(object, "Alias"));
+    object.setPropertyValue("Alias", "7");
+    EXPECT_EQ((std::vector<std::string>{"object Volts=7"}), log);
+    EXPECT_EQ("7", get(object, "Volts"));
+    EXPECT_FALSE(object.isPropertySet("Range"));
+    object.setPropertyValue("Mode", 1);
+    EXPECT_EQ("Amps", object.getPropertyInfo("Range").getName());
+    EXPECT_EQ("A", textOf(object.getPropertyInfo("Alias").getUnit()));
+    EXPECT_EQ("b", get(object, "Range[1]"));
+    object.setPropertyValue("Range", makeTexts({"c"}));
+    EXPECT_EQ("c", get(object, "Range[0]"));
+    object.clearProperty("Range");
+    EXPECT_EQ("b", get(object, "Amps[1]"));
+    EXPECT_EQ("7", get(object, "Volts"));
+    object.setPropertyValue("Mode", 2);
+    const std::string lost = "80000014 Invalid reference to property";
+    EXPECT_EQ(lost, get(object, "Range"));
+    EXPECT_EQ(lost, failure([&] { object.setPropertyValue("Range", 1); }));
+    EXPECT_EQ(lost, failure([&] { object.getPropertyInfo("Alias"); }));
+    EXPECT_TRUE(object.hasProperty("Range"));
+    // The list of all shows the reference under its own name, and one that leads nowhere hides nothing.
+    EXPECT_EQ("Mode Range Alias Volts Amps", names(object.enumProperties()));
+}
+
+TEST(Engine, referencesInACircleEnd) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("A", CoreType::Reference).reference(makeEval("%B")));
+    object.registerProperty(PropertyInfoPtr::create("B", CoreType::Reference).reference(makeEval("%A")));
+    object.registerProperty(PropertyInfoPtr::create("Self", CoreType::Reference).reference(makeEval("%Self")));
+    object.registerProperty(PropertyInfoPtr::create("Text", CoreType::Reference).reference(makeEval("\"B\"")));
+    for (const char* name : {"A", "Self", "Text"})
+        EXPECT_EQ("80000014 Invalid reference to property", get(object, name)) << name;
+}
+
+TEST(Engine, enumQueries) {
+    const auto object = makeObject();
+    auto add = [&](const char* name, CoreType type, const BasePtr& values) {
+        auto info = PropertyInfoPtr::create(name, type).defaultValue(1);
+        if (values)
+            info.values(values);
+        object.registerProperty(info);
+    };
+    add("Good", CoreType::Enum, asBase(makeTexts({"x", "y"})));
+    add("Computed", CoreType::Enum, asBase(makeEval("$Names")));
+    add("Plain", CoreType::Int, asBase(makeTexts({"x", "y"})));
+    add("None", CoreType::Enum, {});
+    add("NoList", CoreType::Enum, toValue(3));
+    object.registerProperty(PropertyInfoPtr::create("Selected", CoreType::Int)
+                                .selection()
+                                .defaultValue(0)
+                                .values(makeTexts({"first", "second"})));
+    object.setPropertyValue("Names", makeTexts({"p", "q"}));
+    object.setPropertyValue("Free", 1);
+    auto text = [&](const char* name) {
+        std::string result;
+        const std::string error = failure([&] { result = textOf(object.getPropertyEnum(name)); });
+        return error.empty() ? result : error;
+    };
+    EXPECT_EQ("y", text("Good"));
+    EXPECT_EQ("q", text("Computed"));
+    EXPECT_EQ("first", text("Selected"));
+    EXPECT_EQ("80000001 Property Plain is not an enum", text("Plain"));
+    EXPECT_EQ("80000001 Enum property None has no value list assigned", text("None"));
+    EXPECT_EQ("80000001 Enum property NoList values is not a list", text("NoList"));
+    EXPECT_EQ("80000001 Enum property Free must be registered", text("Free"));
+    EXPECT_EQ("80000001 Enum property Nobody must be registered", text("Nobody"));
+    for (const int beyond : {2, -1}) {
+        object.setPropertyValue("Good", beyond);
+        EXPECT_EQ("80000005", text("Good").substr(0, 8));
+    }
+}
+
+TEST(Engine, prototypeAndOwnerAreAskedForWhatIsUnset) {
+    const TemporaryClass base("EngineBase"), derived("EngineDerived", "EngineBase");
+    const auto prototype = makeObject();
+    prototype.registerProperty(PropertyInfoPtr::create("P", CoreType::Int).defaultValue(5));
+    prototype.setPropertyValue("EngineBase:Q", "by class");
+    const auto object = makeObject("EngineDerived");
+    object.registerProperty(PropertyInfoPtr::create("Own", CoreType::Int).defaultValue(1));
+    checkErrorInfo(object->setPrototype(prototype.get()));
+    EXPECT_EQ("5", get(object, "P"));
+    EXPECT_TRUE(object.hasProperty("P"));
+    EXPECT_FALSE(object.isPropertySet("P"));
+    EXPECT_EQ("by class", get(object, "Q"));
+    EXPECT_EQ("P", object.getPropertyInfo("P").getName());
+
+    const auto owner = makeObject();
+    owner.setPropertyValue(":Own", 10);
+    owner.setPropertyValue("R", "plain");
+    const auto grandOwner = makeObject();
+    grandOwner.setPropertyValue(":S", "too far");
+    grandOwner.setPropertyValue("::S", "too far");
+    grandOwner.setPropertyValue("Child", owner);
+    owner.setPropertyValue("Child", object);
+    EXPECT_EQ("10", get(object, "Own"));
+    owner.setPropertyValue("EngineBase:Own", 20);
+    EXPECT_EQ("20", get(object, "Own"));
+    owner.setPropertyValue("EngineDerived:Own", 30);
+    EXPECT_EQ("30", get(object, "Own"));
+    EXPECT_FALSE(object.isPropertySet("Own"));
+    EXPECT_EQ("80000006 Not found", get(object, "R"));
+    EXPECT_EQ("80000006 Not found", get(object, "S"));
+    object.setPropertyValue("Own", 2);
+    EXPECT_EQ("2", get(object, "Own"));
+    object.clearProperty("Own");
+    owner.clearProperty("Child");  // lets the child go
+    EXPECT_EQ("1", get(object, "Own"));
+}
+
+TEST(Engine, prototypesAndOwnersAreHeldWeakly) {
+    const size_t before = zornCoreObjectsGetObjectCount();
+    {
+        const auto object = makeObject();
+        {
+            const auto prototype = makeObject();
+            const auto owner = makeObject();
+            prototype.setPropertyValue("P", 5);
+            owner.setPropertyValue(":O", 6);
+            checkErrorInfo(object->setPrototype(prototype.get()));
+            checkErrorInfo(object->setOwner(owner.get(), StringPtr("Child").get()));
+            EXPECT_EQ("5", get(object, "P"));
+            EXPECT_EQ("6", get(object, "O"));
+            IPropertyObject* held = nullptr;
+            checkErrorInfo(object->getPrototype(&held));
+            EXPECT_TRUE(ObjectPtr<IPropertyObject>::take(held) == prototype);
+            EXPECT_EQ("80000001 The prototypes form a circle",
+                      failure([&] { checkErrorInfo(prototype->setPrototype(object.get())); }));
+        }
+        EXPECT_EQ("80000006 Not found", get(object, "P"));
+        EXPECT_EQ("80000006 Not found", get(object, "O"));
+        IPropertyObject* held = object.get();
+        checkErrorInfo(object->getPrototype(&held));
+        EXPECT_EQ(nullptr, held);
+    }
+    EXPECT_EQ(before, zornCoreObjectsGetObjectCount());
+}
+
+TEST(Engine, nothingIsLeftBehind) {
+    zornClearErrorInfo();
+    const size_t objects = zornCoreObjectsGetObjectCount();
+    const size_t values = zornCoreTypesGetObjectCount();
+    const uint64_t here = zornSharedLibObjectCount;
+    {
+        class Own final : public GenericPropertyObjectImpl<IPropertyObject> {};
+        std::vector<std::string> log;
+        IPropertyObject* raw = nullptr;
+        checkErrorInfo((createObject<Own, IPropertyObject>(&raw)));
+        const GenericPropertyObjectPtr object(ObjectPtr<IPropertyObject>::take(raw));
+        object.registerProperty(PropertyInfoPtr::create("P", CoreType::Int)
+                                    .defaultValue(makeEval("1 / 0"))
+                                    .onValueChanged(recorder(log, "p")));
+        object.registerProperty(PropertyInfoPtr::create("R", CoreType::Reference).reference(makeEval("%P")));
+        object.setPropertyValue("Child", makeObject());
+        object.setPropertyValue("Child.X", ListPtr::create({toValue(1)}));
+        object.setPropertyValue("R", 3);
+        get(object, "Child.X[4]");
+        get(object, "Nobody.X");
+        object.clearProperty("P");
+        EXPECT_EQ("80000015", get(object, "P").substr(0, 8));
+        object.enumProperties();
+        EXPECT_EQ("80000015", failure([&] { object.getPropertyInfo("R"); }).substr(0, 8));
+        deserialized(serialized(object.asPtr<IBaseObject>()));
+        EXPECT_GT(zornSharedLibObjectCount, here);
+    }
+    zornClearErrorInfo();
+    EXPECT_EQ(here, zornSharedLibObjectCount);
+    EXPECT_EQ(objects, zornCoreObjectsGetObjectCount());
+    EXPECT_EQ(values, zornCoreTypesGetObjectCount());
+}
+
+TEST(Engine, furtherInterfacesStandBeside) {
+    class Both final : public GenericPropertyObjectImpl<IPropertyObject, IProcObject> {
+    public:
+        ErrCode dispatch(IBaseObject*) override { return setProperty(StringPtr("Ran").get(), toValue(true).get()); }
+
+    protected:
+        void serializeProperty(const StringPtr& name, const BasePtr& value, ISerializer* serializer) override {
+            if (name != "Hidden")
+                GenericPropertyObjectImpl::serializeProperty(name, value, serializer);
+        }
+        void serializeCustomValues(ISerializer* serializer) override {
+            checkErrorInfo(serializer->key("custom"));
+            checkErrorInfo(serializer->writeInt(1));
+        }
+    };
+    IPropertyObject* raw = nullptr;
+    checkErrorInfo((createObject<Both, IPropertyObject>(&raw)));
+    const GenericPropertyObjectPtr object(ObjectPtr<IPropertyObject>::take(raw));
+    EXPECT_EQ(0u, object.asPtr<IProcObject>()->dispatch(nullptr));
+    object.setPropertyValue("Hidden", makeProc([](const BasePtr&) -> ErrCode { return 0; }));
+    EXPECT_EQ("{\n  \"propValues\": {\n    \"Ran\": true\n  },\n  \"custom\": 1\n}",
+              serialized(object.asPtr<IBaseObject>()));
+    EXPECT_TRUE(object.asPtr<ISupportsWeakRef>());
+    EXPECT_EQ(CoreType::Object, coreTypeOf(object.asPtr<IBaseObject>()));
+    const auto holder = makeObject();
+    holder.setPropertyValue("Both", object);
+    EXPECT_EQ("true", get(holder, "Both.Ran"));
+    checkErrorInfo(object->dispose());
+    EXPECT_FALSE(object.hasProperty("Ran"));
+    object.setPropertyValue("Again", 1);
+    EXPECT_EQ("1", get(object, "Again"));
+}
+
+TEST(Engine, checkedSetRefusesReadably) {
+    const auto object = makeObject();
+    object.registerProperty(PropertyInfoPtr::create("Rate", CoreType::Int).defaultValue(10).min(10).max(1000));
+    object.registerProperty(PropertyInfoPtr::create("Level", CoreType::Float).min(0.5));
+    object.registerProperty(PropertyInfoPtr::create("Ratio", CoreType::Ratio).max(Ratio{7, 2}));
+    object.registerProperty(
+        PropertyInfoPtr::create("Filter", CoreType::Int).selection().values(makeTexts({"Off", "10 kHz"})));
+    object.registerProperty(PropertyInfoPtr::create("Alias", CoreType::Reference).reference(makeEval("%Rate")));
+    object.registerProperty(PropertyInfoPtr::create("Fixed", CoreType::Int).readOnly(1));
+    object.registerProperty(PropertyInfoPtr::create("Off", CoreType::Int).enabled(false));
+    object.setPropertyValue("Free", 1);
+    object.setPropertyValue("Child", makeObject());
+    object.setPropertyValue("Child.X", 1);
+    auto set = [&](const char* name, const BasePtr& value) {
+        const StringPtr property(name);
+        return failure([&] { checkErrorInfo(zornCheckedSetProperty(object.get(), property.get(), value.get())); });
+    };
+    struct Case {
+        const char* name;
+        BasePtr value;
+        const char* result;
+    };
+    const double infinite = std::numeric_limits<double>::infinity();
+    const Case cases[] = {
+        {"Rate", toValue(1000), ""},
+        {"Rate", toValue("20"), ""},
+        {"Rate", toValue(1001), "80000005 Property Rate takes 10 to 1000, not 1001"},
+        {"Rate", toValue(9), "80000005 Property Rate takes 10 to 1000, not 9"},
+        {"Rate", toValue("fast"), "80000001 Property Rate takes a value of type int, not \"fast\""},
+        {"Rate", toValue(20.5), "80000001 Property Rate takes a value of type int, not 20.5"},
+        {"Alias", toValue(5), "80000005 Property Alias takes 10 to 1000, not 5"},
+        {"Level", toValue(0.4), "80000005 Property Level takes 0.5 or more, not 0.4"},
+        {"Level", toValue(infinite - infinite), nullptr},
+        {"Ratio", toValue("7/2"), ""},
+        {"Ratio", toValue(4), "80000005 Property Ratio takes 7/2 or less, not 4/1"},
+        {"Filter", toValue(1), ""},
+        {"Filter", toValue(2), "80000005 Property Filter has the choices 0: Off, 1: 10 kHz; there is no 2"},
+        {"Fixed", toValue(1), "80000027 Property Fixed is read-only"},
+        {"Off", toValue(1), "80000013 Property Off is not enabled"},
+        {"Free", toValue("x"), ""},
+        {"Nobody", toValue(1), "80000006 Property Nobody not found"},
+        {"Child.X", toValue(2), ""},
+        {"Child.Y", toValue(2), "80000006 Property Y not found"},
+        {"Rate.X", toValue(2), "80000006 Property Rate.X not found: Rate holds no properties"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " " + textOf(c.value));
+        const std::string before = get(object, c.name);
+        const std::string result = set(c.name, c.value);
+        if (c.result != nullptr) {
+            EXPECT_EQ(c.result, result);
+        } else {
+            EXPECT_EQ("80000005", result.substr(0, 8));
+        }
+        if (!result.empty()) {
+            EXPECT_EQ(before, get(object, c.name));
+        }
+    }
+    EXPECT_EQ("20", get(object, "Rate"));
+}

@@ -1,0 +1,298 @@
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/host/corestructure/Helpers.h"
+
+using namespace Harvane::RT::Core;
+
+namespace {
+
+size_t* positionOf(const ChannelPtr<>& channel) {
+    size_t* position = nullptr;
+    checkErrorInfo(channel.getBuffer().asPtr<IChannelBufferV2>()->getPositionPointer(&position));
+    return position;
+}
+
+template <class T>
+void writeSamples(const ChannelPtr<>& channel, std::initializer_list<T> samples) {
+    auto buffer = channel.getBuffer();
+    for (const T sample : samples) {
+        std::memcpy(buffer.getSample(*positionOf(channel)), &sample, sizeof sample);
+        checkErrorInfo(channel->incrementSamplePosition(1));
+    }
+}
+
+double sampleAt(const ChannelPtr<>& channel, size_t position) {
+    double value = 0.0;
+    checkErrorInfo(channel->getSampleAtPos(position, &value));
+    return value;
+}
+
+}  // namespace
+
+TEST(ChannelMemory, HoldsTwoSecondsInWholeMultiples) {
+    struct Case {
+        Ratio rate;
+        int64_t multiple;  // 0: the property is not there
+        size_t capacity;
+    };
+    const Case cases[] = {
+        {{1000, 1}, 0, 2000},      {{1000, 1}, 1, 2000},       {{1000, 1}, 64, 1984},     {{1000, 1}, 2000, 2000},
+        {{1000, 1}, 2001, 2001},   {{1, 1}, 0, 2},             {{1, 4}, 0, 1},            {{3, 4}, 0, 1},
+        {{0, 1}, 0, 1},            {{0, 1}, 32, 32},           {{-5, 1}, 16, 16},         {{1000, 1}, -3, 2000},
+        {{46875, 2}, 16, 46864},   {{10000000, 9}, 0, 2222222}, {{5000000, 1}, 512, 9999872},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.rate.numerator) + "/" + std::to_string(c.rate.denominator) + " x " +
+                     std::to_string(c.multiple));
+        const auto channel = syncChannel(SampleDataType::Int32);
+        channel.setUsed(true);
+        channel.setSampleRate(c.rate);
+        if (c.multiple != 0)
+            channel.setPropertyValue("BufferSizeIsMultipleOf", c.multiple);
+        checkErrorInfo(channel->initializeAcquisition());
+        EXPECT_EQ(channel.getBuffer().getCapacity(), c.capacity);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(channel.getBuffer().getData()) % 4096, 0u);
+    }
+}
+
+TEST(ChannelMemory, AbsurdRateIsRefusedWithoutMemory) {
+    const auto channel = syncChannel(SampleDataType::Float64, "17");
+    reserve(channel, 100);
+    channel.setSampleRate({std::numeric_limits<int64_t>::max(), 1});
+    EXPECT_THROW(checkErrorInfo(channel->initializeAcquisition()), NoMemoryException);
+    EXPECT_EQ(channel.getBuffer().getCapacity(), 0u);
+    EXPECT_EQ(codeOf(channel->incrementSamplePosition(1)), Errors::OutOfRange);
+    reserve(channel, 100);
+    EXPECT_EQ(channel.getBuffer().getCapacity(), 100u);
+}
+
+TEST(ChannelMemory, OnlyForActiveChannelsThatWantIt) {
+    struct Case {
+        bool used;
+        bool shouldReserve;
+        bool hasMemory;
+    };
+    for (const auto& c : {Case{true, true, true}, Case{true, false, false}, Case{false, true, false}}) {
+        const auto channel = syncChannel(SampleDataType::Int16);
+        channel.setSampleRate({1000, 1});
+        channel.setUsed(c.used);
+        channel.setPropertyValue("ShouldReserveMemory", c.shouldReserve);
+        checkErrorInfo(channel->initializeAcquisition());
+        EXPECT_EQ(channel.getBuffer().getCapacity() != 0, c.hasMemory);
+        EXPECT_EQ(channel.getBuffer().getData() != nullptr, c.hasMemory);
+        EXPECT_EQ(channel.getActive(), c.used);
+    }
+}
+
+TEST(ChannelMemory, ActiveStateIsLatchedAndMemoryStaysUntilTheNextRun) {
+    const auto channel = syncChannel(SampleDataType::Int16);
+    channel.setUsed(true);
+    EXPECT_TRUE(channel.getActive());
+    channel.setUsed(false);
+    EXPECT_FALSE(channel.getActive()) << "before the first latch the wish counts";
+
+    reserve(channel, 10);
+    void* const data = channel.getBuffer().getData();
+    channel.setUsed(false);
+    checkErrorInfo(channel->startAcquisition());
+    checkErrorInfo(channel->stopAcquisition());
+    checkErrorInfo(channel->finalizeAcquisition());
+    EXPECT_TRUE(channel.getActive());
+    EXPECT_EQ(channel.getBuffer().getData(), data);
+    checkErrorInfo(channel->initializeAcquisition());
+    EXPECT_FALSE(channel.getActive());
+    EXPECT_EQ(channel.getBuffer().getCapacity(), 0u);
+}
+
+TEST(ChannelMemory, EveryRunStartsZeroedAtPositionZero) {
+    const auto channel = syncChannel(SampleDataType::Int32);
+    size_t* const position = positionOf(channel);
+    for (const int64_t capacity : {3000, 3000, 5000, 3000}) {
+        reserve(channel, capacity);
+        auto buffer = channel.getBuffer();
+        const auto* words = static_cast<const int32_t*>(buffer.getData());
+        for (size_t i = 0; i < buffer.getCapacity(); ++i)
+            ASSERT_EQ(words[i], 0) << "slot " << i;
+        EXPECT_EQ(*position, 0u);
+        EXPECT_EQ(channel.getSamplesAcquired(), 0);
+        EXPECT_TRUE(buffer.isEmpty());
+        EXPECT_EQ(positionOf(channel), position) << "the module keeps this address";
+        std::memset(buffer.getData(), 0x55, buffer.getCapacity() * sizeof(int32_t));
+        checkErrorInfo(channel->incrementSamplePosition(7));
+    }
+}
+
+TEST(ChannelRing, PositionSizeAndCountOverTheEnd) {
+    const auto channel = syncChannel(SampleDataType::Int16);
+    reserve(channel, 10);
+    const auto buffer = channel.getBuffer();
+    const size_t* const position = positionOf(channel);
+    struct Step {
+        size_t add;
+        size_t position;
+        size_t size;
+        long count;
+    };
+    for (const auto& step : {Step{0, 0, 0, 0}, Step{4, 4, 4, 4}, Step{5, 9, 9, 9}, Step{1, 0, 10, 10},
+                             Step{9, 9, 10, 19}, Step{9, 8, 10, 28}, Step{2, 0, 10, 30}, Step{10, 0, 10, 40}}) {
+        checkErrorInfo(channel->incrementSamplePosition(step.add));
+        EXPECT_EQ(*position, step.position);
+        EXPECT_EQ(buffer.getPosition(), step.position);
+        EXPECT_EQ(buffer.getSize(), step.size);
+        EXPECT_EQ(channel.getSamplesAcquired(), step.count);
+    }
+    EXPECT_EQ(codeOf(channel->incrementSamplePosition(11)), Errors::OutOfRange);
+    EXPECT_EQ(*position, 0u);
+    EXPECT_EQ(channel.getSamplesAcquired(), 40);
+}
+
+TEST(ChannelRing, RawNumbersOfEveryType) {
+    struct Case {
+        SampleDataType type;
+        std::vector<unsigned char> bytes;  // little-endian
+        double number;
+    };
+    const Case cases[] = {
+        {SampleDataType::Int8, {0x80}, -128.0},
+        {SampleDataType::Int16, {0x00, 0x80}, -32768.0},
+        {SampleDataType::Int32, {0xff, 0xff, 0xff, 0xff}, -1.0},
+        {SampleDataType::Float32, {0x00, 0x00, 0x20, 0xc0}, -2.5},
+        {SampleDataType::Float64, {0, 0, 0, 0, 0, 0, 0x04, 0x40}, 2.5},
+    };
+    for (const auto& c : cases) {
+        const auto channel = syncChannel(c.type);
+        reserve(channel, 4);
+        channel.setScale(10.0);
+        channel.setOffset(1.0);
+        auto buffer = channel.getBuffer();
+        ASSERT_EQ(buffer.getSampleSize(), c.bytes.size());
+        std::memcpy(buffer.getSample(0), c.bytes.data(), c.bytes.size());
+        checkErrorInfo(channel->incrementSamplePosition(1));
+        EXPECT_EQ(buffer.getSampleInDouble(0), c.number) << "the buffer never scales";
+        EXPECT_EQ(sampleAt(channel, 0), c.number * 10.0 + 1.0);
+        EXPECT_EQ(channel.getSampleAtRelativePos(-1), c.number * 10.0 + 1.0);
+    }
+}
+
+TEST(ChannelRing, RelativePositionsCountBackFromTheNewest) {
+    const auto channel = syncChannel(SampleDataType::Int16, "0", -99.0);
+    reserve(channel, 4);
+    channel.setOffset(0.5);
+    EXPECT_EQ(channel.getSampleAtRelativePos(-1), -98.5) << "no sample: the number given at creation";
+    writeSamples<int16_t>(channel, {1, 2, 3});
+    EXPECT_EQ(channel.getSampleAtRelativePos(-1), 3.5);
+    EXPECT_EQ(channel.getSampleAtRelativePos(-3), 1.5);
+    EXPECT_EQ(channel.getSampleAtRelativePos(-4), -98.5);
+    writeSamples<int16_t>(channel, {4, 5, 6});
+    EXPECT_EQ(channel.getSampleAtRelativePos(-1), 6.5);
+    EXPECT_EQ(channel.getSampleAtRelativePos(-4), 3.5);
+    EXPECT_EQ(sampleAt(channel, 1), 6.5);
+
+    double value = 0.0;
+    for (const int position : {0, 1, -5, std::numeric_limits<int>::min()})
+        EXPECT_EQ(codeOf(channel->getSampleAtRelativePos(position, &value)), Errors::OutOfRange) << position;
+    EXPECT_EQ(codeOf(channel->getSampleAtPos(4, &value)), Errors::OutOfRange);
+    EXPECT_EQ(codeOf(channel->getSampleAtPos(0, nullptr)), Errors::ArgumentNull);
+}
+
+TEST(ChannelRing, NothingToReadWithoutMemoryOrNumbers) {
+    const auto bare = syncChannel(SampleDataType::Int32);
+    EXPECT_TRUE(std::isnan(bare.getSampleAtRelativePos(-1)));
+    unsigned char has = 1;
+    checkErrorInfo(bare->hasSamples(&has));
+    EXPECT_EQ(has, 0);
+
+    const auto vector = asyncVectorChannel(16);
+    reserve(vector, 8);
+    EXPECT_EQ(vector.getBuffer().getSampleSize(), 16u);
+    EXPECT_EQ(vector.getDimension(), 16u);
+    double value = 0.0;
+    EXPECT_EQ(codeOf(vector->getCurrentSample(&value)), Errors::InvalidOperation);
+    EXPECT_EQ(codeOf(vector->getSampleAtPos(0, &value)), Errors::InvalidOperation);
+    EXPECT_EQ(codeOf(vector.getBuffer()->getSampleInDouble(0, &value)), Errors::InvalidOperation);
+}
+
+TEST(AsyncChannel, KeepsSamplesWithTheirTimes) {
+    const auto channel = asyncChannel(SampleDataType::Int32);
+    reserve(channel, 4);
+    const auto async = channel.asPtr<IAsyncChannel>();
+    for (int32_t i = 1; i <= 6; ++i)
+        checkErrorInfo(async->addSample(i * 1000L, &i));
+
+    long count = 0;
+    checkErrorInfo(async->getSamplesAcquired(&count));
+    EXPECT_EQ(count, 6) << "since the start, not what the ring holds";
+    EXPECT_EQ(channel.getBuffer().getSize(), 4u);
+    EXPECT_EQ(channel.getBuffer().getPosition(), 2u);
+    const long times[] = {5000, 6000, 3000, 4000};
+    for (size_t slot = 0; slot < 4; ++slot) {
+        long time = 0;
+        void* address = nullptr;
+        checkErrorInfo(async->getTimestampAtPos(slot, &time));
+        checkErrorInfo(async->getSampleAddressAtPos(slot, &address));
+        EXPECT_EQ(time, times[slot]);
+        EXPECT_EQ(*static_cast<int32_t*>(address), times[slot] / 1000);
+    }
+    long time = 0;
+    void* address = nullptr;
+    EXPECT_EQ(codeOf(async->getTimestampAtPos(4, &time)), Errors::OutOfRange);
+    EXPECT_EQ(codeOf(async->getSampleAddressAtPos(4, &address)), Errors::OutOfRange);
+    EXPECT_EQ(codeOf(async->addSample(0, nullptr)), Errors::ArgumentNull);
+
+    checkErrorInfo(channel->initializeAcquisition());
+    checkErrorInfo(async->getSamplesAcquired(&count));
+    EXPECT_EQ(count, 0);
+    checkErrorInfo(async->getTimestampAtPos(0, &time));
+    EXPECT_EQ(time, 0);
+}
+
+TEST(AsyncChannel, WithoutMemoryStillCounts) {
+    const auto channel = asyncChannel(SampleDataType::Float64);
+    const auto async = channel.asPtr<IAsyncChannel>();
+    const double sample = 1.0;
+    checkErrorInfo(async->addSample(1, &sample));
+    checkErrorInfo(async->addSample(2, &sample));
+    EXPECT_EQ(channel.getSamplesAcquired(), 2);
+    EXPECT_TRUE(channel.getBuffer().isEmpty());
+    EXPECT_EQ(channel.getBuffer().getPosition(), 0u);
+}
+
+TEST(AsyncChannel, IsAnotherInterfaceOfAsynchronousChannelsOnly) {
+    EXPECT_FALSE(syncChannel(SampleDataType::Int32).asPtrOrNull<IAsyncChannel>());
+    const auto channel = asyncChannel(SampleDataType::Int32);
+    const auto async = channel.asPtrOrNull<IAsyncChannel>();
+    ASSERT_TRUE(async);
+    EXPECT_TRUE(channel.equals(async));
+    EXPECT_EQ(channel.getType(), 1);
+    EXPECT_EQ(syncChannel(SampleDataType::Int32).getType(), 0);
+}
+
+// A reader on another thread may trust every sample that the count covers.
+TEST(ChannelRing, CountIsPublishedAfterTheSamples) {
+    const auto channel = syncChannel(SampleDataType::Int32);
+    constexpr int Total = 100000;
+    reserve(channel, Total);
+    auto* const samples = static_cast<int32_t*>(channel.getBuffer().getData());
+    std::atomic<bool> wrong{false};
+    std::thread reader([&] {
+        long count = 0;
+        while (count < Total && !wrong) {
+            count = channel.getSamplesAcquired();
+            if (count > 0 && (samples[count - 1] != count || samples[0] != 1))
+                wrong = true;
+        }
+    });
+    for (int32_t i = 0; i < Total; i += 10) {
+        for (int32_t k = 0; k < 10; ++k)
+            samples[i + k] = i + k + 1;
+        checkErrorInfo(channel->incrementSamplePosition(10));
+    }
+    reader.join();
+    EXPECT_FALSE(wrong);
+}

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <unordered_set>
+
+#include <zorn/types/object_impl.h>
+#include <zorn/types/values.h>
+
+using namespace Harvane::RT::Core;
+
+namespace {
+
+constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr int64_t largest = std::numeric_limits<int64_t>::max();
+constexpr int64_t smallest = std::numeric_limits<int64_t>::min();
+
+// The text form of a conversion's result, or "-" when it is refused.
+std::string converted(const BasePtr& value, CoreType type) {
+    IBaseObject* result = nullptr;
+    const ErrCode code = value.asPtr<IConvertible>()->convertTo(type, &result);
+    if (failed(code)) {
+        EXPECT_EQ(Errors::ConversionFailed, code);
+        EXPECT_EQ(nullptr, result);
+        EXPECT_FALSE(takeErrorMessage().empty());
+        return "-";
+    }
+    const auto object = BasePtr::take(result);
+    EXPECT_EQ(type, coreTypeOf(object));
+    return textOf(object);
+}
+
+}  // namespace
+
+TEST(Values, convertIntoEachOther) {
+    struct Case {
+        BasePtr value;
+        const char *toBool, *toInt, *toFloat, *toString, *toRatio;
+    };
+    const Case cases[] = {
+        {toValue(true), "true", "1", "1", "true", "1/1"},
+        {toValue(false), "false", "0", "0", "false", "0/1"},
+        {toValue(0), "false", "0", "0", "0", "0/1"},
+        {toValue(-7), "true", "-7", "-7", "-7", "-7/1"},
+        {toValue(largest), "true", "9223372036854775807", "9223372036854775808", "9223372036854775807",
+         "9223372036854775807/1"},
+        {toValue(0.0), "false", "0", "0", "0", "0/1"},
+        {toValue(2.9), "true", "2", "2.9", "2.9", "29/10"},
+        {toValue(-2.9), "true", "-2", "-2.9", "-2.9", "-29/10"},
+        {toValue(0.1), "true", "0", "0.1", "0.1", "1/10"},
+        {toValue(1e300), "true", "-", "1e+300", "1e+300", "-"},
+        {toValue(0x1p63), "true", "-", "9223372036854775808", "9223372036854775808", "-"},
+        {toValue(notANumber), "-", "-", "nan", "nan", "-"},
+        {toValue(M_PI), "true", "3", "3.141592653589793", "3.141592653589793", "-"},
+        {toValue(Ratio{1000, 1}), "true", "1000", "1000", "1000/1", "1000/1"},
+        {toValue(Ratio{-7, 2}), "true", "-3", "-3.5", "-7/2", "-7/2"},
+        {toValue(Ratio{smallest, -1}), "true", "-", "9223372036854775808", "-9223372036854775808/-1",
+         "-9223372036854775808/-1"},
+        {toValue("true"), "true", "-", "-", "true", "-"},
+        {toValue("0"), "false", "0", "0", "0", "0/1"},
+        {toValue("12"), "-", "12", "12", "12", "12/1"},
+        {toValue("1.5"), "-", "-", "1.5", "1.5", "-"},
+        {toValue("1000/3"), "-", "-", "-", "1000/3", "1000/3"},
+        {toValue("5/0"), "-", "-", "-", "5/0", "-"},
+        {toValue(" 1"), "-", "-", "-", " 1", "-"},
+        {toValue("1x"), "-", "-", "-", "1x", "-"},
+        {toValue(""), "-", "-", "-", "", "-"},
+        {toValue("9223372036854775808"), "-", "-", "9223372036854775808", "9223372036854775808", "-"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(textOf(c.value) + " of type " + std::to_string(static_cast<int>(coreTypeOf(c.value))));
+        EXPECT_EQ(c.toBool, converted(c.value, CoreType::Bool));
+        EXPECT_EQ(c.toInt, converted(c.value, CoreType::Int));
+        EXPECT_EQ(c.toFloat, converted(c.value, CoreType::Float));
+        EXPECT_EQ(c.toString, converted(c.value, CoreType::String));
+        EXPECT_EQ(c.toRatio, converted(c.value, CoreType::Ratio));
+    }
+}
+
+TEST(Values, readThroughTheirOwnInterfaceOrAConversion) {
+    EXPECT_EQ(5, fromValue<int64_t>(toValue(5)));
+    EXPECT_EQ(2, fromValue<int64_t>(toValue(2.5)));
+    EXPECT_EQ(1000, fromValue<int64_t>(toValue(Ratio{1000, 1})));
+    EXPECT_DOUBLE_EQ(0.25, fromValue<double>(toValue(Ratio{1, 4})));
+    EXPECT_EQ("12", fromValue<std::string>(toValue(12)));
+    EXPECT_EQ((Ratio{3, 1}), fromValue<Ratio>(toValue(3)));
+    EXPECT_THROW(fromValue<int64_t>(toValue("twelve")), ConversionFailedException);
+    EXPECT_THROW(fromValue<int64_t>(asBase(ListPtr::create())), NoInterfaceException);
+    EXPECT_THROW(fromValue<double>(BasePtr()), InvalidParameterException);
+
+    // An integer interface that can't answer makes the reader convert.
+    class Reluctant final : public ObjectImpl<IIntObject, IConvertible> {
+        ErrCode getValue(int64_t*) override { return Errors::InvalidType; }
+        ErrCode toBool(unsigned char*) override { return Errors::ConversionFailed; }
+        ErrCode toInt(int64_t* value) override { return *value = 42, Errors::Success; }
+        ErrCode toFloat(double*) override { return Errors::ConversionFailed; }
+        ErrCode convertTo(CoreType, IBaseObject**) override { return Errors::ConversionFailed; }
+    };
+    IIntObject* raw = nullptr;
+    ASSERT_EQ(Errors::Success, (createObject<Reluctant, IIntObject>(&raw)));
+    EXPECT_EQ(42, fromValue<int64_t>(BasePtr::take(raw)));
+}
+
+TEST(Values, compareByContentWithinTheirKind) {
+    struct Case {
+        BasePtr left, right;
+        int order;
+    };
+    const Case cases[] = {
+        {toValue("abc"), toValue("abc"), 0},          {toValue("abc"), toValue("abd"), -1},
+        {toValue("b"), toValue("abc"), 1},            {toValue(1), toValue(1), 0},
+        {toValue(smallest), toValue(largest), -1},    {toValue(1.5), toValue(1.5), 0},
+        {toValue(notANumber), toValue(notANumber), 0},              {toValue(notANumber), toValue(-1e300), -1},
+        {toValue(0.0), toValue(-0.0), 0},             {toValue(false), toValue(true), -1},
+        {toValue(Ratio{1, 2}), toValue(Ratio{2, 4}), 0}, {toValue(Ratio{1, -2}), toValue(Ratio{-2, 4}), 0},
+        {toValue(Ratio{1, -3}), toValue(Ratio{1, 3}), -1},
+        {toValue(Ratio{largest, smallest}), toValue(Ratio{-1, 2}), -1},
+    };
+    auto sign = [](int value) { return (value > 0) - (value < 0); };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(textOf(c.left) + " and " + textOf(c.right));
+        int order = 99;
+        ASSERT_EQ(Errors::Success, c.left.asPtr<IComparable>()->compareTo(c.right.get(), &order));
+        EXPECT_EQ(c.order, sign(order));
+        ASSERT_EQ(Errors::Success, c.right.asPtr<IComparable>()->compareTo(c.left.get(), &order));
+        EXPECT_EQ(-c.order, sign(order));
+        EXPECT_EQ(c.order == 0, c.left.equals(c.right));
+        size_t left = 0, right = 0;
+        ASSERT_EQ(Errors::Success, c.left->getHashCode(&left));
+        ASSERT_EQ(Errors::Success, c.right->getHashCode(&right));
+        if (c.order == 0) {
+            EXPECT_EQ(left, right);
+        }
+    }
+    // Other kinds are never equal and have no order.
+    int order = 0;
+    EXPECT_FALSE(toValue(1).equals(toValue(1.0)));
+    EXPECT_FALSE(toValue("1").equals(toValue(1)));
+    EXPECT_EQ(Errors::InvalidType, toValue(1).asPtr<IComparable>()->compareTo(toValue("1").get(), &order));
+}
+
+TEST(Values, refuseWhatCannotBe) {
+    IRatio* ratio = nullptr;
+    EXPECT_EQ(Errors::InvalidParameter, createRatio(&ratio, 1, 0));
+    EXPECT_EQ(nullptr, ratio);
+    IString* text = nullptr;
+    EXPECT_EQ(Errors::ArgumentNull, createString(nullptr, "x"));
+    EXPECT_EQ(Errors::ArgumentNull, createString(&text, nullptr));
+    EXPECT_EQ(Errors::ArgumentNull, createIntObject(nullptr, 1));
+    EXPECT_EQ(Errors::ArgumentNull, createList(nullptr));
+    zornClearErrorInfo();
+}
+
+TEST(Values, stringsKeepTheirLength) {
+    const StringPtr text(std::string_view("a\0b", 3));
+    EXPECT_EQ(3u, text.view().size());
+    EXPECT_NE(text, StringPtr("a"));
+    EXPECT_EQ(StringPtr(""), StringPtr(std::string()));
+}
+
+TEST(Values, listsHoldAndReleaseTheirItems) {
+    const size_t before = zornCoreTypesGetObjectCount();
+    {
+        ListPtr list = ListPtr::create({toValue(1), toValue("two")});
+        list.pushBack(toValue(3.0));
+        EXPECT_EQ(3u, list.getCount());
+        EXPECT_EQ("two", fromValue<std::string>(list.getItemAt(1)));
+        EXPECT_EQ(Errors::Success, list->setItemAt(1, toValue("zwei").get()));
+        EXPECT_EQ("zwei", fromValue<std::string>(list.getItemAt(1)));
+        EXPECT_EQ(Errors::Success, list->removeAt(0));
+        EXPECT_EQ("zwei", fromValue<std::string>(list.getItemAt(0)));
+        EXPECT_THROW(list.getItemAt(2), OutOfRangeException);
+        EXPECT_EQ(Errors::OutOfRange, list->setItemAt(2, nullptr));
+        EXPECT_EQ(Errors::OutOfRange, list->removeAt(2));
+        zornClearErrorInfo();
+        EXPECT_EQ(Errors::Success, list->clear());
+        EXPECT_EQ(0u, list.getCount());
+        EXPECT_EQ(before + 1, zornCoreTypesGetObjectCount());
+    }
+    EXPECT_EQ(before, zornCoreTypesGetObjectCount());
+}
+
+TEST(Values, dictionariesFindKeysByContent) {
+    IDict* raw = nullptr;
+    ASSERT_EQ(Errors::Success, createDict(&raw));
+    const auto dict = ObjectPtr<IDict>::take(raw);
+    ASSERT_EQ(Errors::Success, dict->setItem(toValue("a").get(), toValue(1).get()));
+    ASSERT_EQ(Errors::Success, dict->setItem(toValue("a").get(), toValue(2).get()));
+    ASSERT_EQ(Errors::Success, dict->setItem(toValue(7).get(), toValue(3).get()));
+    size_t count = 0;
+    ASSERT_EQ(Errors::Success, dict->getCount(&count));
+    EXPECT_EQ(2u, count);
+    IBaseObject* value = nullptr;
+    ASSERT_EQ(Errors::Success, dict->getItem(toValue("a").get(), &value));
+    EXPECT_EQ(2, fromValue<int>(BasePtr::take(value)));
+    EXPECT_EQ(Errors::NotFound, dict->getItem(toValue("b").get(), &value));
+    EXPECT_NE(std::string::npos, takeErrorMessage().find("\"b\""));
+    ASSERT_EQ(Errors::Success, dict->removeItem(toValue(7).get()));
+    unsigned char found = 1;
+    ASSERT_EQ(Errors::Success, dict->hasKey(toValue(7).get(), &found));
+    EXPECT_EQ(0, found);
+    IList* keys = nullptr;
+    ASSERT_EQ(Errors::Success, dict->getKeys(&keys));
+    EXPECT_EQ(1u, ListPtr(ObjectPtr<IList>::take(keys)).getCount());
+}
+
+TEST(Values, versions) {
+    unsigned major = 9, minor = 9, patch = 9;
+    zornCoreTypesGetVersion(&major, &minor, &patch);
+    EXPECT_EQ("1.1.0", std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch));
+    zornCoreTypesGetVersion(nullptr, nullptr, nullptr);
+    IVersionInfo* info = nullptr;
+    ASSERT_EQ(Errors::Success, createVersionInfo(&info, 4, 5, 6));
+    EXPECT_EQ("4.5.6", textOf(ObjectPtr<IVersionInfo>::take(info)));
+}

@@ -1,0 +1,224 @@
+// A module library for the tests of the module manager. It tells every call to the logger "FakeModule", which a test
+// reads, and takes its orders from properties of the data object:
+//   "FailStep"     text: the lifecycle call of that name fails with "broken on demand"
+//   "BalanceAsks"  int: how many times "GetSensorBalanceStatus" answers true
+// Compile definitions make the variants: FAKE_WRONG_VERSION, FAKE_FAILING_INIT, FAKE_NO_CHECK, FAKE_NO_DRIVER,
+// FAKE_LEAK.
+
+#include <cstring>
+
+#include <zorn/logger/logger.h>
+#include <zorn/objects/property_object_impl.h>
+#include <zorn/structure/module.h>
+
+using namespace Harvane::RT::Core;
+
+namespace {
+
+void tell(const std::string& text) {
+    zornLogMessageWithSource("FakeModule", 0, __FILE__, __LINE__, "tell", text.c_str());
+}
+
+template <class I, class Operation>
+ObjectPtr<I> made(Operation&& operation) {
+    I* object = nullptr;
+    checkErrorInfo(operation(&object));
+    return ObjectPtr<I>::take(object);
+}
+
+constexpr int SamplesPerCycle = 10;
+
+class FakeModule final : public GenericPropertyObjectImpl<IPropertyObject, IModule, IClockProvider, IAbsTimeProvider> {
+public:
+    FakeModule() { tell("constructed"); }
+    ~FakeModule() override { tell("destroyed"); }
+
+    ErrCode add(IModuleAddParams* parameters) override {
+        return wrapHandler([&] {
+            data_ = made<IData>([&](IData** r) { return parameters->getData(r); });
+            dataModule_ = made<IDataModule>([&](IDataModule** r) { return parameters->getDataModule(r); });
+            sync_ = made<IAcquisitionSync>([&](IAcquisitionSync** r) { return parameters->getAcquisitionSync(r); });
+            const auto root = dataModule_.getRootFolder();
+            const auto inner = ChannelFolderPtr::create("inner");
+            root.addChild(inner);
+            input_ = made<IChannel>([](IChannel** r) { return createSyncChannel(r, StringPtr("0").get(), 1, 0.0); });
+            inner.addChild(input_);
+            event_ = made<IChannel>([](IChannel** r) { return createAsyncChannel(r, StringPtr("1").get(), 0, 0.0); });
+            root.addChild(event_);
+            for (const auto& channel : {input_, event_}) {
+                channel.setUsed(true);
+                channel.setSampleRate({1000, 1});
+            }
+            // Code of this library that only the tree holds.
+            input_.setPropertyValue("GetSensorBalanceStatus", makeFunc([this](const BasePtr&, BasePtr& result) {
+                tell("balance asked");
+                result = toValue(balanceAsks_-- > 0);
+                return Errors::Success;
+            }));
+            checkErrorInfo(input_.getOnPropertyValueChanged()->addHandler(
+                makeHandler([](const BasePtr&, const ObjectPtr<IEventArgs>&) {}).get()));
+            balanceAsks_ = data_.isPropertySet("BalanceAsks") ? data_.getPropertyValue<int>("BalanceAsks") : 0;
+            step("add");
+        });
+    }
+    ErrCode remove() override { return run("remove"); }
+    ErrCode configure(IModuleConfig* config) override {
+        return wrapHandler([&] {
+            checkErrorInfo(config->setClockProvider(this));
+            checkErrorInfo(config->setAbsTimeProvider(this));
+            step("configure");
+        });
+    }
+    ErrCode initialize() override { return run("initialize"); }
+    ErrCode start() override {
+        return wrapHandler([&] {
+            tell("capacity " + std::to_string(input_.getBuffer().getCapacity()) + " " +
+                 std::to_string(event_.getBuffer().getCapacity()));
+            step("start");
+        });
+    }
+    ErrCode postStart() override { return run("postStart"); }
+    ErrCode preStop() override { return run("preStop"); }
+    ErrCode stop() override { return run("stop"); }
+    ErrCode finalize() override { return run("finalize"); }
+
+    ErrCode processData() override {
+        if (failInCycle_)
+            return makeError(Errors::GeneralError, "broken on demand", self());
+        const auto buffer = input_.getBuffer();
+        auto* samples = static_cast<int32_t*>(buffer.getData());
+        const size_t position = buffer.getPosition();
+        for (int i = 0; i < SamplesPerCycle; ++i)
+            samples[(position + static_cast<size_t>(i)) % buffer.getCapacity()] = static_cast<int32_t>(acquired_++);
+        ErrCode code = input_->incrementSamplePosition(SamplesPerCycle);
+        const double sample = static_cast<double>(acquired_);
+        void* async = nullptr;
+        if (succeeded(code))
+            code = event_->borrowInterface(IAsyncChannel::Id, &async);
+        return failed(code) ? code : static_cast<IAsyncChannel*>(async)->addSample(acquired_, &sample);
+    }
+    ErrCode getTaskList(IList** tasks) override { return *tasks = nullptr, Errors::Success; }
+    ErrCode getInputs(IInputGroups** inputs) override { return *inputs = nullptr, Errors::Success; }
+    ErrCode getConfigurationMode(ConfigurationMode* mode) override { return *mode = 3, Errors::Success; }
+
+    ErrCode getUnit(IString** unit) override { return createString(unit, "s"); }
+    ErrCode getClockBase(IRatio** base) override { return createRatio(base, 1, 1000000000); }
+    ErrCode getResolution(IRatio** resolution) override { return createRatio(resolution, 1, 1000000000); }
+    ErrCode getCurrentClock(long* ticks) override { return *ticks = 7, Errors::Success; }
+    ErrCode getAcquiredClock(long* ticks) override { return *ticks = 6, Errors::Success; }
+    ErrCode getStartAbsTime(long* time) override { return *time = 5, Errors::Success; }
+    ErrCode getCurrentAbsTime(long* time) override { return *time = 6, Errors::Success; }
+    ErrCode getTracking(TrackingEnum* tracking) override { return *tracking = TrackingEnum::Yes, Errors::Success; }
+    ErrCode getTimingError(TimingErrorEnum* error) override { return *error = TimingErrorEnum::No, Errors::Success; }
+    ErrCode getIsAbsTimeSynchronized(unsigned char* yes) override { return *yes = 1, Errors::Success; }
+
+private:
+    ErrCode run(const char* name) {
+        return wrapHandler([&] { step(name); });
+    }
+    // The lock answers its holder with an error: so it tells whether this call was made under it.
+    void step(const std::string& name) {
+        const bool locked = failed(sync_->lock());
+        if (locked)
+            zornClearErrorInfo();
+        else
+            sync_.unlock();
+        tell(name + (locked ? " (locked)" : ""));
+        std::string wanted;
+        if (data_.isPropertySet("FailStep"))
+            wanted = data_.getPropertyValue<std::string>("FailStep");
+        failInCycle_ = wanted == "processData";
+        if (wanted == name)
+            throw InvalidStateException("broken on demand");
+    }
+
+    DataPtr data_;
+    DataModulePtr dataModule_;
+    AcquisitionSyncPtr sync_;
+    ChannelPtr<> input_;
+    ChannelPtr<> event_;
+    long acquired_ = 0;
+    int balanceAsks_ = 0;
+    bool failInCycle_ = false;
+};
+
+class FakeFactory final : public ObjectImpl<IModuleFactory> {
+public:
+    ErrCode getName(IString** name) override { return createString(name, "Fake Module"); }
+    ErrCode createInstance(IString** name, IModule** module) override {
+        if (created_)
+            return Errors::InstanceLimit;
+        created_ = true;
+        createString(name, "Fake Module");
+        *module = new FakeModule;
+        return Errors::Success;
+    }
+
+private:
+    bool created_ = false;
+};
+
+class FakeDriver final : public ObjectImpl<IModuleDriver> {
+public:
+    ErrCode getName(IString** name) override { return createString(name, "Fake Driver"); }
+    ErrCode enumerateModuleFactories(IList** factories) override {
+        const ListPtr list = ListPtr::create();
+        const auto factory = ObjectPtr<IModuleFactory>::take(new FakeFactory);
+        list.pushBack(asBase(factory));
+        *factories = ListPtr(list).detach();
+        return Errors::Success;
+    }
+    ErrCode getVersionInfo(IVersionInfo** version) override { return createVersionInfo(version, 3, 1, 4); }
+};
+
+ErrCode makeThing(ISerializedObject*, IBaseObject** object) {
+    *object = toValue("a thing").detach();
+    return Errors::Success;
+}
+
+[[maybe_unused]] const ErrCode thingRegistered = zornRegisterSerializerFactory("FakeThing", &makeThing);
+
+#ifdef FAKE_LEAK
+IBaseObject* volatile leaked = nullptr;
+#endif
+
+}  // namespace
+
+#ifndef FAKE_NO_CHECK
+ZORN_FUNCTION ErrCode zornCheckDependencies([[maybe_unused]] IString** message) {
+#ifdef FAKE_WRONG_VERSION
+    createString(message, "Incompatible CoreTypes v2.0.0 (expected compatible with v1.1.0)");
+    return Errors::IncompatibleVersion;
+#else
+    return Errors::Success;
+#endif
+}
+#endif
+
+ZORN_FUNCTION ErrCode zornInitDaqModuleLibrary() {
+    tell("library initialized");
+#ifdef FAKE_FAILING_INIT
+    return makeError(Errors::NotFound, "the logger is missing");
+#else
+    return Errors::Success;
+#endif
+}
+
+#ifndef FAKE_NO_DRIVER
+ZORN_FUNCTION ErrCode createDaqModuleDriver(IModuleDriver** driver) {
+#ifdef FAKE_LEAK
+    leaked = makeProc([](const BasePtr&) { return Errors::Success; }).detach();
+#endif
+    return createObject<FakeDriver>(driver);
+}
+#endif
+
+ZORN_FUNCTION ErrCode zornCanUnload(bool* canUnload) {
+    *canUnload = zornSharedLibObjectCount.load() == 0;
+    return Errors::Success;
+}
+
+ZORN_FUNCTION ErrCode zornGetObjectCount(size_t* count) {
+    *count = zornSharedLibObjectCount.load();
+    return Errors::Success;
+}

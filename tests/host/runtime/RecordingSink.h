@@ -1,0 +1,55 @@
+#pragma once
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <zorn/logger/logger.h>
+
+namespace Harvane::RT::Core {
+
+// Keeps what was logged, of one logger or of all.
+class RecordingSink final : public ILogSink {
+public:
+    struct Line {
+        std::string logger;
+        int level;
+        std::string message;
+    };
+
+    explicit RecordingSink(std::string logger = {}, int minimumLevel = 0) : logger_(std::move(logger)) {
+        addLogSink(this, minimumLevel);
+    }
+    ~RecordingSink() override { removeLogSink(this); }
+
+    void write(const LogRecord& record) override {
+        if (!logger_.empty() && logger_ != record.logger)
+            return;
+        std::lock_guard lock(mutex_);
+        lines_.push_back({record.logger, record.level, record.message});
+    }
+
+    std::vector<std::string> messages() const {
+        std::lock_guard lock(mutex_);
+        std::vector<std::string> result;
+        for (const auto& line : lines_)
+            result.push_back(line.message);
+        return result;
+    }
+    std::vector<Line> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        lines_.clear();
+    }
+
+private:
+    const std::string logger_;
+    mutable std::mutex mutex_;
+    std::vector<Line> lines_;
+};
+
+}  // namespace Harvane::RT::Core
