@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "libraries/utils/ThreadExceptionAdapter.h"
+
+namespace Harvane::Utils::Threading {
+
+// Stored and read back only, never handed to the operating system.
+enum class ThreadExPriority : int {
+    Idle = 0,
+    Lowest = 1,
+    Low = 2,
+    Normal = 3,
+    High = 4,
+    Highest = 5,
+    TimeCritical = 6,
+};
+
+// A thread with an overridable body, a cooperative stop flag and a join.
+//
+// Life: made, running (start), told to stop (terminate), finished (execute has returned, getStarted is still true),
+// joined (waitFor); from there it can start again. It must be joined before it is destroyed: a destructor that finds
+// the thread joinable ends the process. A derived class therefore stops in its own destructor.
+//
+// start, stop and waitFor belong to one owner; terminate and the flags may be used from any thread. stop and waitFor
+// must not be called from the thread itself.
+class ThreadEx {
+public:
+    ThreadEx();
+    ThreadEx(const ThreadEx&) = delete;
+    ThreadEx& operator=(const ThreadEx&) = delete;
+    virtual ~ThreadEx();
+
+    // Throws std::runtime_error "Thread is already started." until waitFor has joined the previous run.
+    virtual void start();
+    // Terminates and joins.
+    virtual void stop();
+    // The body. It looks at getTerminated at points of its own choosing; nothing else ends it.
+    virtual void execute() = 0;
+
+    // Sets the stop flag; neither waits nor wakes.
+    void terminate();
+    void waitFor();
+
+    bool getTerminated() const;
+    // True once execute has returned, by whatever way.
+    bool getFinished() const;
+    // True from start until waitFor.
+    bool getStarted() const;
+
+    ThreadExPriority getPriority() const;
+    void setPriority(ThreadExPriority priority);
+
+    // For the use of derived classes and callers; no operation of this class takes it.
+    std::recursive_mutex& getLock();
+
+    // Not owned; set it before start.
+    ThreadExceptionAdapter* getExceptionAdapter() const;
+    void setExceptionAdapter(ThreadExceptionAdapter* adapter);
+
+    // Names the calling thread; the kernel keeps 15 characters, longer names are cut.
+    static void setThreadName(const char* name);
+
+protected:
+    // Hands the exception in flight to the adapter, if there is one. Only inside a catch block.
+    void reportCurrentException() noexcept;
+
+private:
+    void mainThread() noexcept;
+
+    std::recursive_mutex lock_;
+    std::atomic<bool> terminated_{false};
+    std::atomic<bool> finished_{false};
+    ThreadExceptionAdapter* exceptionAdapter_ = nullptr;
+    std::unique_ptr<std::thread> thread_;
+    ThreadExPriority priority_ = ThreadExPriority::Normal;
+};
+
+}  // namespace Harvane::Utils::Threading

@@ -1,0 +1,10 @@
+#include "shared/libraries/kestrix/src/registers/AdcControlRegister.h"
+
+#include <utility>
+
+namespace Harvane::Shared::Kestrix {
+
+AdcControlRegister::AdcControlRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness)
+    : FpgaRegisterDevice(baseAddress, endianness, false, std::move(access)) {}
+
+}  // namespace Harvane::Shared::Kestrix

@@ -1,0 +1,10 @@
+#include "shared/libraries/kestrix/src/registers/IrigCoreRegister.h"
+
+#include <utility>
+
+namespace Harvane::Shared::Kestrix {
+
+IrigCoreRegister::IrigCoreRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness)
+    : FpgaRegisterDevice(baseAddress, endianness, false, std::move(access)) {}
+
+}  // namespace Harvane::Shared::Kestrix

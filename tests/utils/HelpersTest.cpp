@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <thread>
+
+#include "libraries/utils/ByteHelper.h"
+#include "libraries/utils/StringHelper.h"
+#include "libraries/utils/Timer.h"
+
+namespace {
+
+using Harvane::Utils::DataTypes::ByteHelper;
+using Harvane::Utils::DataTypes::StringHelper;
+using Harvane::Utils::Synchronization::Timer;
+using Strings = std::vector<std::string>;
+
+TEST(StringHelper, formatGrowsUntilTheTextFits) {
+    EXPECT_EQ(StringHelper::format("Module %d was detected.\n", 3), "Module 3 was detected.\n");
+    EXPECT_EQ(StringHelper::format("%s", ""), "");
+    // Around the size at which a text no longer fits a buffer of some power of two, with its closing 0.
+    for (const size_t length : {127u, 128u, 255u, 256u, 257u, 1024u, 100000u}) {
+        const std::string text(length, 'x');
+        EXPECT_EQ(StringHelper::format("<%s>%d", text.c_str(), 7), "<" + text + ">7") << length;
+    }
+}
+
+TEST(StringHelper, caseIsMappedForLettersOnly) {
+    EXPECT_EQ(StringHelper::toUppercase("aZ9_\xE4"), "AZ9_\xE4");
+    EXPECT_EQ(StringHelper::toLowercase("aZ9_\xC4"), "az9_\xC4");
+    EXPECT_TRUE(StringHelper::areSame("Pps", "pPS"));
+    EXPECT_FALSE(StringHelper::areSame("Pps", "Pps "));
+}
+
+TEST(StringHelper, replaceAll) {
+    struct {
+        const char* text;
+        const char* from;
+        const char* to;
+        const char* result;
+    } const cases[] = {
+        {"a.b.c", ".", "::", "a::b::c"},
+        {"aaaa", "aa", "a", "aa"},
+        {"aaa", "aa", "b", "ba"},
+        {"a", "a", "aa", "aa"},  // what was inserted is not searched again
+        {"abc", "", "x", "abc"},
+        {"abc", "c", "", "ab"},
+    };
+    for (const auto& entry : cases)
+        EXPECT_EQ(StringHelper::replaceAll(entry.text, entry.from, entry.to), entry.result) << entry.text;
+}
+
+TEST(StringHelper, trim) {
+    struct {
+        const char* text;
+        const char* left;
+        const char* right;
+        const char* both;
+    } const cases[] = {
+        {" \t a b \r\n", "a b \r\n", " \t a b", "a b"},
+        {"ab", "ab", "ab", "ab"},
+        {" \n\t", "", "", ""},
+        {"", "", "", ""},
+    };
+    for (const auto& entry : cases) {
+        EXPECT_EQ(StringHelper::lTrim(entry.text), entry.left);
+        EXPECT_EQ(StringHelper::rTrim(entry.text), entry.right);
+        EXPECT_EQ(StringHelper::trim(entry.text), entry.both);
+    }
+}
+
+TEST(StringHelper, tokenize) {
+    EXPECT_EQ(StringHelper::tokenize("a;b;c", ';'), (Strings{"a", "b", "c"}));
+    EXPECT_EQ(StringHelper::tokenize(";a;;b", ';'), (Strings{"", "a", "", "b"}));
+    EXPECT_EQ(StringHelper::tokenize("line\nline\n", '\n'), (Strings{"line", "line"}));
+    EXPECT_EQ(StringHelper::tokenize("alone", ';'), (Strings{"alone"}));
+    EXPECT_EQ(StringHelper::tokenize("", ';'), Strings{});
+}
+
+TEST(StringHelper, serialNumberShowsSixteenDigits) {
+    EXPECT_EQ(StringHelper::serialNumberToStr(0x2A), "000000000000002A");
+    EXPECT_EQ(StringHelper::serialNumberToStr(0xFEDCBA9876543210), "FEDCBA9876543210");
+}
+
+TEST(ByteHelper, swapReversesSoManyBytes) {
+    const auto swapped = [](void (*swap)(unsigned char*)) {
+        std::array<unsigned char, 8> bytes{1, 2, 3, 4, 5, 6, 7, 8};
+        swap(bytes.data());
+        return bytes;
+    };
+    using Bytes = std::array<unsigned char, 8>;
+    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<1>), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<2>), (Bytes{2, 1, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<4>), (Bytes{4, 3, 2, 1, 5, 6, 7, 8}));
+    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<8>), (Bytes{8, 7, 6, 5, 4, 3, 2, 1}));
+}
+
+TEST(ByteHelper, tellsTheByteOrderOfTheMachine) {
+    const uint16_t number = 1;
+    unsigned char first = 0;
+    std::memcpy(&first, &number, 1);
+    EXPECT_EQ(ByteHelper::isLittleEndian(), first == 1);
+}
+
+TEST(Timer, countsSecondsFromTheLastReset) {
+    Timer timer;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const double seconds = timer.elapsed();
+    EXPECT_GE(seconds, 0.02);
+    EXPECT_GE(timer.elapsedMs(), seconds * 1000.0);
+    Timer other;
+    timer.reset();
+    const double sinceReset = timer.elapsed();
+    EXPECT_LE(sinceReset, other.elapsed());
+}
+
+}  // namespace
