@@ -1,0 +1,207 @@
+#include "simulator/model/AmplifierLink.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "simulator/model/Hash.h"
+
+namespace kestrixsim {
+
+namespace {
+
+constexpr double bootSeconds = 0.150;
+constexpr uint8_t frameKey = 0xA5;
+constexpr uint8_t frameEnd = 0x5A;
+
+std::string describe(int slot, const std::vector<uint8_t>& frame) {
+    std::string text = std::to_string(slot) + ":";
+    for (const uint8_t byte : frame) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, " %02X", byte);
+        text += digits;
+    }
+    return text;
+}
+
+// Bytes that a disturbed line delivers: nothing that could begin or end a frame, but for one beginning in the short
+// form that leads nowhere.
+std::vector<uint8_t> noise(int size) {
+    if (size <= 0) {
+        return {0xFF, 0x3C, frameKey, 0xF0, 0x00};
+    }
+    std::vector<uint8_t> bytes;
+    for (uint64_t i = 0; bytes.size() < static_cast<size_t>(size); ++i) {
+        const auto byte = static_cast<uint8_t>(mix(i));
+        if (byte != frameKey && byte != frameEnd) {
+            bytes.push_back(byte);
+        }
+    }
+    return bytes;
+}
+
+}  // namespace
+
+AmplifierLink::AmplifierLink(const Clock& clock, Faults& faults) : clock_(clock), faults_(faults) {
+}
+
+bool AmplifierLink::alive(const Slot& slot) const {
+    return slot.firmware && slot.supplied && clock_.seconds() >= slot.bootedAt &&
+           clock_.realSeconds() >= slot.restartedAt;
+}
+
+void AmplifierLink::plug(int slot, std::unique_ptr<Firmware> firmware) {
+    const std::lock_guard lock(mutex_);
+    arrive();
+    Slot& place = slots_.at(static_cast<size_t>(slot));
+    std::erase_if(pending_, [slot](const Pending& reply) { return reply.slot == slot; });
+    place.firmware = std::move(firmware);
+    place.collector.drop();
+    place.bootedAt = clock_.seconds() + bootSeconds;
+    place.restartedAt = 0.0;
+}
+
+void AmplifierLink::supply(uint8_t before, uint8_t after, bool atOnce) {
+    const std::lock_guard lock(mutex_);
+    arrive();
+    for (int i = 0; i < slotCount; ++i) {
+        const bool was = (before >> i & 1) != 0;
+        const bool is = (after >> i & 1) != 0;
+        if (was == is) {
+            continue;
+        }
+        Slot& slot = slots_[static_cast<size_t>(i)];
+        slot.supplied = is;
+        slot.collector.drop();
+        slot.restartedAt = 0.0;
+        slot.bootedAt = atOnce ? clock_.seconds() : clock_.seconds() + bootSeconds;
+        if (slot.firmware) {
+            slot.firmware->powerOn();
+        }
+        std::erase_if(pending_, [i](const Pending& reply) { return reply.slot == i; });
+    }
+}
+
+void AmplifierLink::select(int slot) {
+    const std::lock_guard lock(mutex_);
+    if (slot == selected_) {
+        return;
+    }
+    arrive();
+    if (selected_ >= 0) {
+        slots_[static_cast<size_t>(selected_)].collector.drop();
+    }
+    selected_ = slot >= 0 && slot < slotCount ? slot : -1;
+}
+
+// Moves what is due to the port; what comes from a slot that is not selected is lost.
+void AmplifierLink::arrive() {
+    const double now = clock_.realSeconds();
+    std::stable_sort(pending_.begin(), pending_.end(),
+                     [](const Pending& a, const Pending& b) { return a.due < b.due; });
+    auto next = pending_.begin();
+    for (; next != pending_.end() && next->due <= now; ++next) {
+        if (next->slot == selected_) {
+            received_.insert(received_.end(), next->bytes.begin(), next->bytes.end());
+        }
+    }
+    pending_.erase(pending_.begin(), next);
+}
+
+void AmplifierLink::send(int slot, double due, std::vector<uint8_t> bytes) {
+    pending_.push_back({slot, due, std::move(bytes)});
+    changed_.notify_all();
+}
+
+ssize_t AmplifierLink::write(const uint8_t* bytes, size_t size) {
+    const std::lock_guard lock(mutex_);
+    if (selected_ >= 0) {
+        Slot& slot = slots_[static_cast<size_t>(selected_)];
+        if (alive(slot)) {
+            slot.collector.add(bytes, size, clock_.realSeconds());
+            while (const auto frame = slot.collector.take()) {
+                takeFrame(selected_, *frame);
+            }
+        }
+    }
+    return static_cast<ssize_t>(size);
+}
+
+void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
+    frames_.push_back(describe(slot, frame));
+    if (faults_.hit(FaultKind::AmplifierSilent, slot)) {
+        return;
+    }
+    Slot& place = slots_[static_cast<size_t>(slot)];
+    Firmware::Reply reply;
+    if (const auto fault = faults_.hit(FaultKind::AmplifierBadStatus, slot)) {
+        reply.status = static_cast<uint8_t>(fault->code == 0 ? 3 : fault->code);
+    } else {
+        reply = place.firmware->execute(frame[2], {frame.begin() + 3, frame.end() - 1});
+    }
+    std::vector<uint8_t> bytes(reply.data.size() + 4);
+    bytes[0] = frameKey;
+    bytes[1] = static_cast<uint8_t>(reply.data.size() + 1);
+    bytes[2] = reply.status;
+    std::copy(reply.data.begin(), reply.data.end(), bytes.begin() + 3);
+    bytes.back() = frameEnd;
+    if (faults_.hit(FaultKind::AmplifierHalfFrame, slot)) {
+        bytes.resize(bytes.size() / 2);
+    }
+    if (const auto fault = faults_.hit(FaultKind::AmplifierGarbage, slot)) {
+        const std::vector<uint8_t> before = noise(fault->code);
+        bytes.insert(bytes.begin(), before.begin(), before.end());
+    }
+    double due = clock_.realSeconds() + reply.seconds;
+    if (const auto fault = faults_.hit(FaultKind::AmplifierLate, slot)) {
+        due += fault->code * 0.001;
+    }
+    send(slot, due, std::move(bytes));
+    if (!reply.text.empty()) {
+        send(slot, due + 0.005, reply.text);
+        place.restartedAt = due + bootSeconds;
+        place.collector.drop();
+    }
+}
+
+ssize_t AmplifierLink::read(uint8_t* bytes, size_t size, int timeoutMs) {
+    using Steady = std::chrono::steady_clock;
+    const auto deadline = Steady::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        arrive();
+        if (!received_.empty() || size == 0) {
+            break;
+        }
+        const auto now = Steady::now();
+        if (now >= deadline) {
+            return 0;
+        }
+        auto wake = deadline;
+        if (!pending_.empty()) {
+            const double left = std::max(pending_.front().due - clock_.realSeconds(), 0.0002);
+            const auto due = now + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(left));
+            wake = std::min(wake, due);
+        }
+        changed_.wait_until(lock, wake);
+    }
+    const size_t count = std::min(size, received_.size());
+    const auto end = received_.begin() + static_cast<std::ptrdiff_t>(count);
+    std::copy(received_.begin(), end, bytes);
+    received_.erase(received_.begin(), end);
+    return static_cast<ssize_t>(count);
+}
+
+void AmplifierLink::flush() {
+    const std::lock_guard lock(mutex_);
+    arrive();
+    received_.clear();
+}
+
+std::vector<std::string> AmplifierLink::framesReceived() const {
+    const std::lock_guard lock(mutex_);
+    return frames_;
+}
+
+}  // namespace kestrixsim

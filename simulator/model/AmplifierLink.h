@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "simulator/model/Clock.h"
+#include "simulator/model/Faults.h"
+#include "simulator/model/Firmware.h"
+
+namespace kestrixsim {
+
+// The serial line and the eight slots behind the multiplexer. Bytes reach the slot that is selected when they are
+// written, and come back only from the slot that is selected when they are due. Replies take real time, whatever the
+// scenario's time factor: what waits for them does too. Thread-safe.
+class AmplifierLink {
+public:
+    static constexpr int slotCount = 8;
+
+    AmplifierLink(const Clock& clock, Faults& faults);
+
+    void plug(int slot, std::unique_ptr<Firmware> firmware);  // null: the slot is empty
+    void supply(uint8_t before, uint8_t after, bool atOnce);  // bit i: slot i. `atOnce`: up without a boot
+    void select(int slot);                                    // -1: nobody
+    ssize_t write(const uint8_t* bytes, size_t size);
+    ssize_t read(uint8_t* bytes, size_t size, int timeoutMs);
+    void flush();
+    std::vector<std::string> framesReceived() const;
+
+private:
+    struct Slot {
+        std::unique_ptr<Firmware> firmware;
+        FrameCollector collector;
+        bool supplied = false;
+        double bootedAt = 0.0;      // instrument time
+        double restartedAt = 0.0;   // real time: after a restart by command
+    };
+
+    struct Pending {
+        int slot;
+        double due;  // real time
+        std::vector<uint8_t> bytes;
+    };
+
+    bool alive(const Slot& slot) const;
+    void takeFrame(int slot, const std::vector<uint8_t>& frame);
+    void send(int slot, double due, std::vector<uint8_t> bytes);
+    void arrive();
+
+    const Clock& clock_;
+    Faults& faults_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::array<Slot, slotCount> slots_;
+    int selected_ = -1;
+    std::vector<Pending> pending_;
+    std::deque<uint8_t> received_;
+    std::vector<std::string> frames_;
+};
+
+}  // namespace kestrixsim

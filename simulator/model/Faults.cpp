@@ -1,0 +1,77 @@
+#include "simulator/model/Faults.h"
+
+namespace kestrixsim {
+
+namespace {
+
+// The kinds in which `code` tells which accesses are meant; in the others it says how they fail.
+bool codeSelects(FaultKind kind) {
+    return kind == FaultKind::DmaIoctl || kind == FaultKind::MuxReadsBack;
+}
+
+}  // namespace
+
+Faults::Faults(const Clock& clock) : clock_(clock) {
+}
+
+void Faults::add(const Fault& fault) {
+    const std::lock_guard lock(mutex_);
+    Entry entry{fault};
+    if (fault.kind == FaultKind::MuxReadsBack && fault.code == 0) {
+        entry.fault.code = 0x4D;
+    }
+    entries_.push_back(entry);
+    any_ = true;
+}
+
+void Faults::clear() {
+    const std::lock_guard lock(mutex_);
+    entries_.clear();
+    any_ = false;
+}
+
+std::optional<Fault> Faults::hit(FaultKind kind, int target, uint32_t code) {
+    if (!any_) {
+        return std::nullopt;
+    }
+    const std::lock_guard lock(mutex_);
+    const double now = clock_.seconds();
+    for (Entry& entry : entries_) {
+        const Fault& fault = entry.fault;
+        if (fault.kind != kind || (fault.target != -1 && target != -1 && fault.target != target)) {
+            continue;
+        }
+        if (codeSelects(kind) && fault.code != 0 && static_cast<uint32_t>(fault.code) != code) {
+            continue;
+        }
+        if (now < fault.atSeconds) {
+            continue;
+        }
+        if (entry.passed < fault.afterCount) {
+            ++entry.passed;
+            continue;
+        }
+        if (fault.times >= 0 && entry.hits >= fault.times) {
+            continue;
+        }
+        ++entry.hits;
+        return fault;
+    }
+    return std::nullopt;
+}
+
+bool Faults::present(FaultKind kind, int target) const {
+    if (!any_) {
+        return false;
+    }
+    const std::lock_guard lock(mutex_);
+    for (const Entry& entry : entries_) {
+        if (entry.fault.kind == kind &&
+            (entry.fault.target == -1 || target == -1 || entry.fault.target == target)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace kestrixsim

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "simulator/model/Clock.h"
+#include "simulator/model/Scenario.h"
+
+namespace kestrixsim {
+
+// The faults in force. Every place that can fail asks here once for each access. Thread-safe; costs one atomic load
+// while there are none.
+class Faults {
+public:
+    explicit Faults(const Clock& clock);
+
+    void add(const Fault& fault);
+    void clear();
+
+    // Whether this access is hit, and by what. `target` -1 and `code` 0 stand for accesses that have none; a fault
+    // with target -1 or code 0 hits all of them.
+    std::optional<Fault> hit(FaultKind kind, int target = -1, uint32_t code = 0);
+
+    // Whether a fault of this kind exists, due or not, for the target.
+    bool present(FaultKind kind, int target = -1) const;
+
+private:
+    struct Entry {
+        Fault fault;
+        uint64_t passed = 0;
+        int64_t hits = 0;
+    };
+
+    const Clock& clock_;
+    std::atomic<bool> any_{false};
+    mutable std::mutex mutex_;
+    std::vector<Entry> entries_;
+};
+
+}  // namespace kestrixsim

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+namespace kestrixsim {
+
+// Mixes a number so that neighbours share nothing: the generator behind everything that comes from the seed. A value
+// depends on its number alone, so the same sample is the same however it is asked for.
+constexpr uint64_t mix(uint64_t value) {
+    value += 0x9E3779B97F4A7C15u;
+    value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
+    value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
+    return value ^ (value >> 31);
+}
+
+// -1 (included) to 1 (excluded), uniform.
+constexpr double symmetric(uint64_t hash) {
+    return static_cast<double>(static_cast<int64_t>(hash) >> 11) * 0x1p-52;
+}
+
+}  // namespace kestrixsim

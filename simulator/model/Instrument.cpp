@@ -1,0 +1,315 @@
+#include "simulator/model/Instrument.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "simulator/model/AmplifierLink.h"
+#include "simulator/model/Clock.h"
+#include "simulator/model/DmaStream.h"
+#include "simulator/model/Faults.h"
+#include "simulator/model/Fpga.h"
+#include "simulator/model/Hash.h"
+#include "simulator/model/I2cBus.h"
+#include "simulator/model/RootFolder.h"
+#include "simulator/model/Scripts.h"
+#include "simulator/model/Signal.h"
+#include "simulator/model/WavFile.h"
+
+namespace kestrixsim {
+
+namespace {
+
+constexpr int slotCount = 8;
+
+struct StreamPair {
+    DmaStream raw;
+    DmaStream filtered;
+
+    StreamPair(const Clock& clock, bool unthrottled)
+        : raw(clock, Stream::Raw, unthrottled), filtered(clock, Stream::Filtered, unthrottled) {
+    }
+};
+
+void checkSlot(int slot) {
+    if (slot < 0 || slot >= slotCount) {
+        throw std::out_of_range("The instrument has no slot " + std::to_string(slot));
+    }
+}
+
+}  // namespace
+
+class Instrument::Implementation {
+public:
+    Implementation(Scenario wanted, std::function<double()> now)
+        : scenario(std::move(wanted)), clock(scenario.timeFactor, std::move(now)), faults(clock),
+          link(clock, faults), bus(scenario, faults, [this](int slot) { link.select(slot); }),
+          streams(makeStreams()),
+          fpga(clock, faults, pointers(), scenario.oscillatorErrorPpm, scenario.supplyOn,
+               [this](uint8_t before, uint8_t after) { supply(before, after); }),
+          scripts(faults, [this](int megahertz) { fpga.setOscillator(megahertz); }) {
+        for (const Fault& fault : scenario.faults) {
+            faults.add(fault);
+        }
+        for (const ModuleScenario& module : scenario.modules) {
+            plug(module);
+        }
+        // The supply word switches nothing on the two-slot board: its modules are always on.
+        if (scenario.supplyOn || !switchable()) {
+            link.supply(0, 0xFF, true);
+        }
+    }
+
+    bool switchable() const { return scenario.boardType != 1; }
+
+    void supply(uint8_t before, uint8_t after) {
+        if (switchable()) {
+            link.supply(before, after, false);
+        }
+    }
+
+    void plug(const ModuleScenario& module) {
+        checkSlot(module.slot);
+        const uint64_t made = (mix(scenario.seed + static_cast<uint64_t>(module.slot)) & 0xFFFF) | 0x4B580000;
+        auto firmware =
+            std::make_unique<Firmware>(module.kind, module.serial != 0 ? module.serial : made, scenario.seed);
+        setWaveform(module.slot, module.waveform);
+        link.plug(module.slot, std::move(firmware));
+    }
+
+    void unplug(int slot) {
+        checkSlot(slot);
+        link.plug(slot, nullptr);
+        Waveform open;
+        open.kind = WaveformKind::Constant;
+        setWaveform(slot, open);
+    }
+
+    void setWaveform(int slot, const Waveform& waveform) {
+        checkSlot(slot);
+        SignalSource source;
+        source.waveform = waveform;
+        source.seed = mix(scenario.seed ^ static_cast<uint64_t>(slot + 1) << 56);
+        if (waveform.kind == WaveformKind::Wav) {
+            source.recording = std::make_shared<const std::vector<int16_t>>(readWavFile(waveform.file));
+        }
+        const auto index = static_cast<size_t>(slot);
+        if (index < streams.size()) {
+            streams[index]->raw.setSource(source);
+            streams[index]->filtered.setSource(source);
+        }
+    }
+
+    DmaStream* stream(int module, Stream kind) {
+        if (module < 0 || static_cast<size_t>(module) >= streams.size()) {
+            return nullptr;
+        }
+        StreamPair& pair = *streams[static_cast<size_t>(module)];
+        return kind == Stream::Raw ? &pair.raw : &pair.filtered;
+    }
+
+    std::string networkAddress() const {
+        const auto bytes = bus.eeprom();
+        char text[18];
+        std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0xFA], bytes[0xFB], bytes[0xFC],
+                      bytes[0xFD], bytes[0xFE], bytes[0xFF]);
+        return text;
+    }
+
+    const Scenario scenario;
+    const Clock clock;
+    Faults faults;
+    AmplifierLink link;
+    I2cBus bus;
+    std::vector<std::unique_ptr<StreamPair>> streams;
+    Fpga fpga;
+    Scripts scripts;
+
+private:
+    std::vector<std::unique_ptr<StreamPair>> makeStreams() {
+        std::vector<std::unique_ptr<StreamPair>> result;
+        const size_t modules = scenario.boardType == 1 ? 2 : slotCount;
+        for (size_t m = 0; m < modules; ++m) {
+            result.push_back(std::make_unique<StreamPair>(clock, scenario.unthrottled));
+        }
+        return result;
+    }
+
+    std::vector<std::array<DmaStream*, 2>> pointers() {
+        std::vector<std::array<DmaStream*, 2>> result;
+        for (const auto& pair : streams) {
+            result.push_back({&pair->raw, &pair->filtered});
+        }
+        return result;
+    }
+};
+
+Instrument::Instrument(Scenario scenario) : Instrument(std::move(scenario), {}) {
+}
+
+Instrument::Instrument(Scenario scenario, std::function<double()> now)
+    : implementation_(std::make_unique<Implementation>(std::move(scenario), std::move(now))) {
+}
+
+Instrument::~Instrument() = default;
+
+int Instrument::memOpen() {
+    return implementation_->faults.hit(FaultKind::MemOpen) ? -ENOENT : 0;
+}
+
+int Instrument::memMap() {
+    return implementation_->faults.hit(FaultKind::MemMap) ? -EPERM : 0;
+}
+
+void Instrument::readPage(uint64_t physicalAddress, uint32_t* words, size_t count) {
+    implementation_->fpga.readWords(physicalAddress, words, count);
+}
+
+void Instrument::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after) {
+    implementation_->fpga.storeWord(physicalAddress, before, after);
+}
+
+int Instrument::i2cOpen() {
+    return implementation_->faults.hit(FaultKind::I2cOpen) ? -ENOENT : 0;
+}
+
+ssize_t Instrument::i2cWrite(int slave, const uint8_t* data, size_t size) {
+    return implementation_->bus.write(slave, data, size);
+}
+
+ssize_t Instrument::i2cRead(int slave, uint8_t* data, size_t size) {
+    return implementation_->bus.read(slave, data, size);
+}
+
+int Instrument::i2cTransfer(I2cMessage* messages, size_t count) {
+    return implementation_->bus.transfer(messages, count);
+}
+
+int Instrument::uartOpen() {
+    return implementation_->faults.hit(FaultKind::UartOpen) ? -ENOENT : 0;
+}
+
+ssize_t Instrument::uartWrite(const uint8_t* data, size_t size) {
+    return implementation_->link.write(data, size);
+}
+
+ssize_t Instrument::uartRead(uint8_t* data, size_t size, int timeoutMs) {
+    return implementation_->link.read(data, size, timeoutMs);
+}
+
+void Instrument::uartFlush() {
+    implementation_->link.flush();
+}
+
+namespace {
+
+int channelOf(int module, Stream stream) {
+    return 2 * module + (stream == Stream::Filtered ? 1 : 0);
+}
+
+}  // namespace
+
+int Instrument::dmaOpen(int module, Stream stream) {
+    if (implementation_->stream(module, stream) == nullptr ||
+        implementation_->faults.hit(FaultKind::DmaOpen, channelOf(module, stream))) {
+        return -ENOENT;
+    }
+    return 0;
+}
+
+int Instrument::dmaIoctl(int module, Stream stream, unsigned long request, unsigned long argument) {
+    DmaStream* target = implementation_->stream(module, stream);
+    if (target == nullptr) {
+        return -ENODEV;
+    }
+    if (implementation_->faults.hit(FaultKind::DmaIoctl, channelOf(module, stream), static_cast<uint32_t>(request))) {
+        return -EIO;
+    }
+    return target->control(request, argument);
+}
+
+ssize_t Instrument::dmaRead(int module, Stream stream, void* buffer, size_t size) {
+    DmaStream* target = implementation_->stream(module, stream);
+    if (target == nullptr) {
+        return -ENODEV;
+    }
+    Faults& faults = implementation_->faults;
+    const int channel = channelOf(module, stream);
+    if (const auto fault = faults.hit(FaultKind::DmaRead, channel)) {
+        return fault->code == 0 ? -EIO : -fault->code;
+    }
+    if (faults.hit(FaultKind::DmaStall, channel)) {
+        return -EAGAIN;
+    }
+    return target->read(buffer, size, [&faults, channel] {
+        const auto fault = faults.hit(FaultKind::DmaShortRead, channel);
+        if (!fault) {
+            return DmaStream::ReadFault::None;
+        }
+        return fault->code == 1 ? DmaStream::ReadFault::PartOfDescriptor : DmaStream::ReadFault::OneDescriptorLess;
+    });
+}
+
+bool Instrument::ownsCommand(const std::string& commandLine) const {
+    return Scripts::owns(commandLine);
+}
+
+std::string Instrument::runCommand(const std::string& commandLine) {
+    return implementation_->scripts.run(commandLine);
+}
+
+void Instrument::populateRoot(const std::string& folder) const {
+    populateRootFolder(folder, implementation_->scenario, implementation_->networkAddress());
+}
+
+const Scenario& Instrument::scenario() const {
+    return implementation_->scenario;
+}
+
+void Instrument::plug(const ModuleScenario& module) {
+    implementation_->plug(module);
+}
+
+void Instrument::unplug(int slot) {
+    implementation_->unplug(slot);
+}
+
+void Instrument::setWaveform(int slot, const Waveform& waveform) {
+    implementation_->setWaveform(slot, waveform);
+}
+
+void Instrument::inject(const Fault& fault) {
+    implementation_->faults.add(fault);
+}
+
+void Instrument::clearFaults() {
+    implementation_->faults.clear();
+}
+
+uint32_t Instrument::registerWord(uint64_t physicalAddress) const {
+    uint32_t word = 0;
+    implementation_->fpga.readWords(physicalAddress, &word, 1);
+    return word;
+}
+
+StreamStatistics Instrument::statistics(int module, Stream stream) const {
+    DmaStream* target = implementation_->stream(module, stream);
+    return target != nullptr ? target->statistics() : StreamStatistics{};
+}
+
+std::vector<std::string> Instrument::commandsRun() const {
+    return implementation_->scripts.commandsRun();
+}
+
+std::vector<std::string> Instrument::framesReceived() const {
+    return implementation_->link.framesReceived();
+}
+
+uint64_t Instrument::supplySwitches() const {
+    return implementation_->fpga.supplySwitches();
+}
+
+}  // namespace kestrixsim

@@ -1,0 +1,116 @@
+#include "simulator/model/RootFolder.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace kestrixsim {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void writeFile(const fs::path& file, const std::string& text) {
+    fs::create_directories(file.parent_path());
+    std::ofstream stream(file, std::ios::binary | std::ios::trunc);
+    stream << text;
+    stream.close();
+    if (!stream) {
+        throw std::runtime_error("Cannot write \"" + file.string() + "\"");
+    }
+}
+
+void writeScript(const fs::path& file, const std::string& text) {
+    writeFile(file, text);
+    fs::permissions(file, fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec,
+                    fs::perm_options::add);
+}
+
+// The state lies beside the scripts, so that copies of the folder do not disturb each other.
+const char* const ptpText = R"sh(#!/bin/sh
+# Role of the PTP daemon and of the timing driver's IRIG lines.
+state="$(dirname "$0")/state"
+mkdir -p "$state" || { echo "ERR:state"; exit 1; }
+case "$*" in
+    master|"master pps"|"master standalone"|slave|"irig master"|"irig slave"|disable)
+        echo "$*" > "$state/ptp.stored" && echo "OK:"
+        ;;
+    restart)
+        [ -f "$state/ptp.stored" ] && cp "$state/ptp.stored" "$state/ptp.running"
+        echo "OK:"
+        ;;
+    status)
+        case "$(cat "$state/ptp.running" 2>/dev/null)" in
+            master) echo "OK:mode=master;pps_mode=none" ;;
+            "master pps") echo "OK:mode=master;pps_mode=pps" ;;
+            "master standalone") echo "OK:mode=master;pps_mode=standalone" ;;
+            slave) echo "OK:mode=slave;pps_mode=none" ;;
+            *) echo "OK:mode=disabled;pps_mode=none" ;;
+        esac
+        ;;
+    *)
+        echo "ERR:usage"
+        exit 1
+        ;;
+esac
+)sh";
+
+const char* const vcxoText = R"sh(#!/bin/sh
+# Output of the sampling oscillator in megahertz.
+state="$(dirname "$0")/state"
+mkdir -p "$state" || { echo "ERR:state"; exit 1; }
+case "$1 $2" in
+    "set_clock 15"|"set_clock 10")
+        echo "switching oscillator output to $2 MHz"
+        echo "$2" > "$state/vcxo" && echo "OK:"
+        ;;
+    "set_clock "*)
+        echo "ERR:range"
+        exit 1
+        ;;
+    *)
+        echo "ERR:usage"
+        exit 1
+        ;;
+esac
+)sh";
+
+}  // namespace
+
+void populateRootFolder(const std::string& folder, const Scenario& scenario, const std::string& networkAddress) {
+    const fs::path root(folder);
+    const bool switchesMissing =
+        std::any_of(scenario.faults.begin(), scenario.faults.end(),
+                    [](const Fault& fault) { return fault.kind == FaultKind::SysfsMissing; });
+    if (!switchesMissing) {
+        for (const char* place : {"board/leds", "sys/class/leds"}) {
+            for (const char* led : {"led2", "alarm"}) {
+                writeFile(root / place / led / "brightness", "0\n");
+                writeFile(root / place / led / "trigger", "none\n");
+            }
+        }
+        // Lines of the board: cable detection 496 and 497, timing selection 504 to 506.
+        for (int line : {496, 497, 504, 505, 506}) {
+            const fs::path gpio = root / "sys/class/gpio" / ("gpio" + std::to_string(line));
+            writeFile(gpio / "value", "0\n");
+            writeFile(gpio / "direction", line < 504 ? "in\n" : "out\n");
+        }
+    }
+    const fs::path timing = root / "sys/class/tolvn_korvel/tolvn_timing";
+    for (const char* name : {"irig_in_enabled", "irig_out_enabled", "igb_ptp_update_correction_ns"}) {
+        writeFile(timing / name, "0\n");
+    }
+    // Millidegrees.
+    const fs::path hwmon = root / "sys/class/hwmon";
+    writeFile(hwmon / "hwmon0/temp1_input", "38500\n");
+    writeFile(hwmon / "hwmon1/temp1_input", "41250\n");
+    writeFile(hwmon / "hwmon2/temp1_input", "52300\n");
+    writeFile(hwmon / "hwmon2/temp2_input", "51800\n");
+    writeFile(hwmon / "hwmon2/temp3_input", "53100\n");
+    writeFile(root / "sys/class/net/eth0/address", networkAddress + "\n");
+    writeScript(root / "opt/harvane/scripts/ptp_control.sh", ptpText);
+    writeScript(root / "opt/harvane/scripts/vcxo_control.sh", vcxoText);
+}
+
+}  // namespace kestrixsim

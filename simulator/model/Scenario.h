@@ -1,0 +1,112 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What is plugged into the simulated instrument and what happens to it. Plain data: the JSON form is read by
+// ScenarioJson, the instrument takes a copy.
+namespace kestrixsim {
+
+// The signal at a module's input, before it reaches the converter.
+enum class WaveformKind {
+    Constant,  // offset
+    Sine,      // offset + amplitude * sin(2 pi frequencyHz t + phaseRadians)
+    Square,    // offset +- amplitude
+    Ramp,      // saw tooth from offset - amplitude up to offset + amplitude, once a period
+    Noise,     // white, uniform in offset +- amplitude, reproducible from the seed
+    Wav,       // the samples of a 16-bit PCM mono or stereo file, one file sample for each channel sample; loops
+    Counter,   // sample n of each stream has the value n: n mod 2^16 as int16 on the raw stream, n mod 2^32 as
+               // int32 on the filtered one; no filter, no delay: it proves the way of a sample bit by bit
+};
+
+// Amplitude and offset are counts of the 16-bit converter (-32768..32767, fractions allowed). The filtered stream
+// has the same signal in counts of 32 bits, 65536 times as many.
+struct Waveform {
+    WaveformKind kind = WaveformKind::Sine;
+    double frequencyHz = 50.0;
+    double amplitude = 16000.0;
+    double offset = 0.0;
+    double phaseRadians = 0.0;
+    std::string file;  // Wav only
+};
+
+enum class AmplifierKind {
+    Voltage,   // fast voltage, identity 1.0.1.1
+    Bridge,    // bridge and strain gauge, identity 2.1.3.2, with TEDS and a custom TEDS area
+    Iepe,      // constant-current sensors with its own excitation, identity 3.0.3.1, with a TEDS chip
+    HighVoltage,  // identity 4.2.1.4
+};
+
+struct ModuleScenario {
+    int slot = 0;  // 0 to 7
+    AmplifierKind kind = AmplifierKind::Voltage;
+    Waveform waveform;
+    uint64_t serial = 0;  // 0: made from the seed and the slot
+};
+
+// Something that goes wrong. `afterCount` accesses of the kind named pass unharmed once `atSeconds` of the
+// instrument's time have gone by; then `times` of them are hit (-1: all that follow).
+enum class FaultKind {
+    EepromSilent,       // no chip at 0x50: ENXIO
+    EepromShortRead,    // a read of the EEPROM delivers one byte less than asked for
+    MemOpen,            // open of /dev/mem fails (ENOENT)
+    MemMap,             // mmap of /dev/mem fails (EPERM)
+    I2cOpen,            // open of /dev/i2c-1 fails (ENOENT)
+    UartOpen,           // open of /dev/ttyPS1 fails (ENOENT)
+    DmaOpen,            // open of a stream's node fails (ENOENT); `target` is the AI channel, -1 any
+    DmaIoctl,           // an ioctl of a stream fails (EIO); `target` is the AI channel, `code` the request, 0 any
+    DmaRead,            // read of a stream fails with `code` as errno (0: EIO); `target` is the AI channel
+    DmaShortRead,       // read delivers one descriptor less than it could (not in whole descriptors if `code` is 1)
+    DmaStall,           // a stream delivers nothing
+    AmplifierSilent,    // `target` slot: requests are not answered
+    AmplifierGarbage,   // bytes of noise in front of the reply
+    AmplifierBadStatus, // status `code` (0: 3) in place of the answer
+    AmplifierHalfFrame, // the reply stops half-way
+    AmplifierLate,      // the reply comes `code` ms late
+    MuxAgain,           // I2C_RDWR fails with EAGAIN
+    MuxError,           // I2C_RDWR fails with EIO
+    MuxReadsBack,       // the multiplexer at address `code` (0: 0x4D) reads back 0
+    ScriptRefuses,      // platform scripts answer "ERR:fault" instead of "OK:"
+    ScriptSilent,       // platform scripts print nothing
+    ClearNever,         // CLRST of module `target` (-1 all) is never set
+    PllBusy,            // the PLL stays busy
+    SysfsMissing,       // files below the LED and GPIO folders are missing
+};
+
+struct Fault {
+    FaultKind kind = FaultKind::DmaRead;
+    int target = -1;
+    int code = 0;
+    double atSeconds = 0.0;
+    uint64_t afterCount = 0;
+    int64_t times = 1;
+};
+
+struct Scenario {
+    // Board and identity EEPROM.
+    int boardType = 0;               // 0: eight slots, 1: two slots
+    int slots = 8;                   // as the EEPROM says; up to 255 for tests of nonsense
+    uint64_t serialNumber = 0x4B53000000000001;
+    uint32_t hardwareVersion = 0x00020301;  // shown as "1.3.2.0"
+    uint16_t canPorts = 0xC000;
+    bool eepromKeyValid = true;
+    int eepromVersion = 1;
+    bool supplyOn = false;           // true: the supply is already up when the module opens it (saves 2.4 s)
+
+    std::vector<ModuleScenario> modules;
+    std::vector<Fault> faults;
+
+    // Time. 1.0 is real time; unthrottled: every stream always has all its descriptors ready.
+    double timeFactor = 1.0;
+    bool unthrottled = false;
+    double oscillatorErrorPpm = 0.0;
+    uint64_t seed = 1;
+
+    // Eight modules of all kinds with different sines: what one sees without a scenario file.
+    static Scenario standard();
+    // The same modules, every one with a Counter waveform.
+    static Scenario counters(int modules = 8);
+};
+
+}  // namespace kestrixsim

@@ -1,0 +1,451 @@
+#include "simulator/model/ScenarioJson.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string_view>
+#include <utility>
+
+namespace kestrixsim {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+template <typename E>
+using Choice = std::pair<std::string_view, E>;
+
+constexpr auto waveformKinds = std::to_array<Choice<WaveformKind>>({
+    {"constant", WaveformKind::Constant},
+    {"sine", WaveformKind::Sine},
+    {"square", WaveformKind::Square},
+    {"ramp", WaveformKind::Ramp},
+    {"noise", WaveformKind::Noise},
+    {"wav", WaveformKind::Wav},
+    {"counter", WaveformKind::Counter},
+});
+
+constexpr auto amplifierKinds = std::to_array<Choice<AmplifierKind>>({
+    {"voltage", AmplifierKind::Voltage},
+    {"bridge", AmplifierKind::Bridge},
+    {"iepe", AmplifierKind::Iepe},
+    {"highVoltage", AmplifierKind::HighVoltage},
+});
+
+constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
+    {"eepromSilent", FaultKind::EepromSilent},
+    {"eepromShortRead", FaultKind::EepromShortRead},
+    {"memOpen", FaultKind::MemOpen},
+    {"memMap", FaultKind::MemMap},
+    {"i2cOpen", FaultKind::I2cOpen},
+    {"uartOpen", FaultKind::UartOpen},
+    {"dmaOpen", FaultKind::DmaOpen},
+    {"dmaIoctl", FaultKind::DmaIoctl},
+    {"dmaRead", FaultKind::DmaRead},
+    {"dmaShortRead", FaultKind::DmaShortRead},
+    {"dmaStall", FaultKind::DmaStall},
+    {"amplifierSilent", FaultKind::AmplifierSilent},
+    {"amplifierGarbage", FaultKind::AmplifierGarbage},
+    {"amplifierBadStatus", FaultKind::AmplifierBadStatus},
+    {"amplifierHalfFrame", FaultKind::AmplifierHalfFrame},
+    {"amplifierLate", FaultKind::AmplifierLate},
+    {"muxAgain", FaultKind::MuxAgain},
+    {"muxError", FaultKind::MuxError},
+    {"muxReadsBack", FaultKind::MuxReadsBack},
+    {"scriptRefuses", FaultKind::ScriptRefuses},
+    {"scriptSilent", FaultKind::ScriptSilent},
+    {"clearNever", FaultKind::ClearNever},
+    {"pllBusy", FaultKind::PllBusy},
+    {"sysfsMissing", FaultKind::SysfsMissing},
+});
+
+template <typename E, size_t N>
+std::string_view nameOf(const std::array<Choice<E>, N>& choices, E value) {
+    const auto found = std::find_if(choices.begin(), choices.end(), [&](const auto& c) { return c.second == value; });
+    return found != choices.end() ? found->first : std::string_view("?");
+}
+
+std::string hex(uint64_t value, int digits) {
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%0*llX", digits, static_cast<unsigned long long>(value));
+    return text;
+}
+
+std::string number(double value) {
+    char text[40];
+    std::snprintf(text, sizeof text, "%.10g", value);
+    return text;
+}
+
+// One JSON object while it is read: every key must be asked for, or it is unknown.
+class Section {
+public:
+    Section(const Json& json, std::string where, std::string name)
+        : json_(json), where_(std::move(where)), name_(std::move(name)) {
+        if (!json_.is_object()) {
+            throw ScenarioError(name_ + ": " + (where_.empty() ? "the scenario" : where_) + " must be an object");
+        }
+    }
+
+    // Call after the last key has been asked for.
+    void finish() const {
+        for (const auto& item : json_.items()) {
+            if (std::find(asked_.begin(), asked_.end(), item.key()) == asked_.end()) {
+                std::string known;
+                for (std::string_view key : asked_) {
+                    known += (known.empty() ? "" : ", ") + std::string(key);
+                }
+                fail(item.key(), "unknown key; known are " + known);
+            }
+        }
+    }
+
+    void read(std::string_view key, bool& value) {
+        if (const Json* found = find(key)) {
+            if (!found->is_boolean()) {
+                wrongType(key, *found, "true or false");
+            }
+            value = found->get<bool>();
+        }
+    }
+
+    void read(std::string_view key, std::string& value) {
+        if (const Json* found = find(key)) {
+            if (!found->is_string()) {
+                wrongType(key, *found, "a text");
+            }
+            value = found->get<std::string>();
+        }
+    }
+
+    void read(std::string_view key, double& value, double low, double high) {
+        if (const Json* found = find(key)) {
+            if (!found->is_number()) {
+                wrongType(key, *found, "a number");
+            }
+            const double read = found->get<double>();
+            if (!(read >= low && read <= high)) {
+                fail(key, "is " + found->dump() + ", must be from " + number(low) + " to " + number(high));
+            }
+            value = read;
+        }
+    }
+
+    // A number, or a text "0x..." where numbers are usually written in hexadecimal.
+    template <typename T>
+    void readInteger(std::string_view key, T& value, int64_t low, uint64_t high) {
+        const Json* found = find(key);
+        if (found == nullptr) {
+            return;
+        }
+        bool negative = false;
+        uint64_t magnitude = 0;
+        if (found->is_number_unsigned()) {
+            magnitude = found->get<uint64_t>();
+        } else if (found->is_number_integer()) {
+            const int64_t read = found->get<int64_t>();
+            negative = read < 0;
+            magnitude = negative ? 0 - static_cast<uint64_t>(read) : static_cast<uint64_t>(read);
+        } else if (!found->is_string() || !fromHex(found->get_ref<const std::string&>(), magnitude)) {
+            wrongType(key, *found, "a whole number or a text \"0x...\"");
+        }
+        const bool inside = negative ? low < 0 && magnitude <= 0 - static_cast<uint64_t>(low)
+                                     : magnitude <= high && (low <= 0 || magnitude >= static_cast<uint64_t>(low));
+        if (!inside) {
+            fail(key, "is " + found->dump() + ", must be from " + std::to_string(low) + " to " + std::to_string(high));
+        }
+        value = static_cast<T>(negative ? 0 - magnitude : magnitude);
+    }
+
+    template <typename E, size_t N>
+    void read(std::string_view key, E& value, const std::array<Choice<E>, N>& choices) {
+        const Json* found = find(key);
+        if (found == nullptr) {
+            return;
+        }
+        if (found->is_string()) {
+            for (const auto& [name, choice] : choices) {
+                if (found->get_ref<const std::string&>() == name) {
+                    value = choice;
+                    return;
+                }
+            }
+        }
+        std::string names;
+        for (const auto& choice : choices) {
+            names += (names.empty() ? "" : ", ") + std::string(choice.first);
+        }
+        fail(key, "is " + found->dump() + ", must be one of " + names);
+    }
+
+    // Calls `each` with a Section for every element of a list.
+    template <typename Each>
+    void readList(std::string_view key, Each&& each) {
+        const Json* found = find(key);
+        if (found == nullptr) {
+            return;
+        }
+        if (!found->is_array()) {
+            wrongType(key, *found, "a list");
+        }
+        for (size_t i = 0; i < found->size(); ++i) {
+            Section section((*found)[i], path(key) + "[" + std::to_string(i) + "]", name_);
+            each(section);
+            section.finish();
+        }
+    }
+
+    template <typename Each>
+    void readSection(std::string_view key, Each&& each) {
+        if (const Json* found = find(key)) {
+            Section section(*found, path(key), name_);
+            each(section);
+            section.finish();
+        }
+    }
+
+    bool has(std::string_view key) const { return json_.contains(std::string(key)); }
+
+    [[noreturn]] void fail(std::string_view key, const std::string& what) const {
+        throw ScenarioError(name_ + ": " + path(key) + ": " + what);
+    }
+
+    void require(std::string_view key) const {
+        if (!has(key)) {
+            fail(key, "is missing");
+        }
+    }
+
+private:
+    const Json* find(std::string_view key) {
+        asked_.push_back(key);
+        const auto found = json_.find(std::string(key));
+        return found != json_.end() ? &*found : nullptr;
+    }
+
+    std::string path(std::string_view key) const {
+        return where_.empty() ? std::string(key) : where_ + "." + std::string(key);
+    }
+
+    [[noreturn]] void wrongType(std::string_view key, const Json& found, const std::string& expected) const {
+        std::string shown = found.dump();
+        if (shown.size() > 40) {
+            shown = shown.substr(0, 37) + "...";
+        }
+        fail(key, "is " + shown + ", must be " + expected);
+    }
+
+    static bool fromHex(const std::string& text, uint64_t& value) {
+        if (text.size() < 3 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) {
+            return false;
+        }
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data() + 2, end, value, 16);
+        return error == std::errc() && stop == end;
+    }
+
+    const Json& json_;
+    std::string where_;
+    std::string name_;
+    std::vector<std::string_view> asked_;
+};
+
+constexpr double anyCount = 1e6;
+
+Waveform readWaveform(Section& section, const std::string& folder) {
+    Waveform waveform;
+    section.read("kind", waveform.kind, waveformKinds);
+    section.read("frequencyHz", waveform.frequencyHz, 0.0, 1e9);
+    section.read("amplitudeCounts", waveform.amplitude, -anyCount, anyCount);
+    section.read("offsetCounts", waveform.offset, -anyCount, anyCount);
+    section.read("phaseRadians", waveform.phaseRadians, -1e6, 1e6);
+    section.read("file", waveform.file);
+    if (waveform.kind == WaveformKind::Wav) {
+        if (waveform.file.empty()) {
+            section.fail("file", "is missing; kind wav needs it");
+        }
+        if (waveform.file.front() != '/') {
+            waveform.file = (std::filesystem::path(folder) / waveform.file).lexically_normal().string();
+        }
+    } else if (!waveform.file.empty()) {
+        section.fail("file", "goes with kind wav only");
+    }
+    return waveform;
+}
+
+ModuleScenario readModule(Section& section, const std::string& folder) {
+    ModuleScenario module;
+    section.require("slot");
+    section.readInteger("slot", module.slot, 0, 7);
+    section.read("amplifier", module.kind, amplifierKinds);
+    section.readInteger("serial", module.serial, 0, std::numeric_limits<uint64_t>::max());
+    section.readSection("waveform", [&](Section& inner) { module.waveform = readWaveform(inner, folder); });
+    return module;
+}
+
+Fault readFault(Section& section) {
+    constexpr int64_t lowest = std::numeric_limits<int>::min();
+    constexpr uint64_t highest = std::numeric_limits<int>::max();
+    Fault fault;
+    section.require("kind");
+    section.read("kind", fault.kind, faultKinds);
+    section.readInteger("target", fault.target, -1, 15);
+    // An ioctl's number as the driver sees it may have its top bit set.
+    uint32_t code = 0;
+    if (section.has("code")) {
+        int64_t wide = 0;
+        section.readInteger("code", wide, lowest, std::numeric_limits<uint32_t>::max());
+        code = static_cast<uint32_t>(wide);
+    }
+    fault.code = static_cast<int>(code);
+    section.read("atSeconds", fault.atSeconds, 0.0, 1e9);
+    section.readInteger("afterCount", fault.afterCount, 0, std::numeric_limits<uint64_t>::max());
+    section.readInteger("times", fault.times, -1, highest);
+    if (fault.times == 0) {
+        section.fail("times", "is 0, must be -1 (all that follow) or at least 1");
+    }
+    return fault;
+}
+
+Scenario readScenario(const Json& json, const std::string& name, const std::string& folder) {
+    Section section(json, "", name);
+    Scenario scenario;
+    section.readInteger("boardType", scenario.boardType, 0, 255);
+    section.readInteger("slots", scenario.slots, 0, 255);
+    section.readInteger("serialNumber", scenario.serialNumber, 0, std::numeric_limits<uint64_t>::max());
+    section.readInteger("hardwareVersion", scenario.hardwareVersion, 0, std::numeric_limits<uint32_t>::max());
+    section.readInteger("canPorts", scenario.canPorts, 0, std::numeric_limits<uint16_t>::max());
+    section.read("eepromKeyValid", scenario.eepromKeyValid);
+    section.readInteger("eepromVersion", scenario.eepromVersion, 0, 255);
+    section.read("supplyOn", scenario.supplyOn);
+    section.readList("modules", [&](Section& inner) {
+        const ModuleScenario module = readModule(inner, folder);
+        for (const ModuleScenario& other : scenario.modules) {
+            if (other.slot == module.slot) {
+                inner.fail("slot", "is " + std::to_string(module.slot) + ", where a module stands already");
+            }
+        }
+        scenario.modules.push_back(module);
+    });
+    section.readList("faults", [&](Section& inner) { scenario.faults.push_back(readFault(inner)); });
+    section.read("timeFactor", scenario.timeFactor, 0.001, 1000.0);
+    section.read("unthrottled", scenario.unthrottled);
+    section.read("oscillatorErrorPpm", scenario.oscillatorErrorPpm, -1000.0, 1000.0);
+    section.readInteger("seed", scenario.seed, 0, std::numeric_limits<uint64_t>::max());
+    section.finish();
+    return scenario;
+}
+
+// JSON lets a key stand twice in an object and takes the last one: in a file written by hand that is a mistake.
+class RepeatedKeys {
+public:
+    explicit RepeatedKeys(std::string name) : name_(std::move(name)) {}
+
+    bool operator()(int, Json::parse_event_t event, const Json& parsed) {
+        if (event == Json::parse_event_t::object_start) {
+            open_.emplace_back();
+        } else if (event == Json::parse_event_t::object_end) {
+            open_.pop_back();
+        } else if (event == Json::parse_event_t::key && !open_.back().insert(parsed.get<std::string>()).second) {
+            throw ScenarioError(name_ + ": " + parsed.get<std::string>() + ": stands twice in the same object");
+        }
+        return true;
+    }
+
+private:
+    std::string name_;
+    std::vector<std::set<std::string>> open_;
+};
+
+}  // namespace
+
+Scenario ScenarioJson::parse(const std::string& text, const std::string& name, const std::string& folder) {
+    Json json;
+    try {
+        RepeatedKeys repeated(name);
+        json = Json::parse(text, std::ref(repeated));
+    } catch (const Json::exception& error) {
+        // "[json.exception.parse_error.101] parse error at line 3, column 5: ...": the place and the reason are ours.
+        const std::string what = error.what();
+        const size_t end = what.find("] ");
+        throw ScenarioError(name + ": " + (end != what.npos ? what.substr(end + 2) : what));
+    }
+    return readScenario(json, name, folder);
+}
+
+Scenario ScenarioJson::read(const std::string& file) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file, ignored)) {
+        throw ScenarioError(file + ": is a folder, must be a scenario file");
+    }
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    std::ostringstream text;
+    if (stream) {
+        text << stream.rdbuf();
+    }
+    if (!stream) {
+        throw ScenarioError(file + ": cannot be read: " + std::strerror(errno != 0 ? errno : EIO));
+    }
+    const std::string folder = std::filesystem::path(file).parent_path().string();
+    return parse(text.str(), file, folder.empty() ? "." : folder);
+}
+
+std::string ScenarioJson::write(const Scenario& scenario) {
+    Json json;
+    json["boardType"] = scenario.boardType;
+    json["slots"] = scenario.slots;
+    json["serialNumber"] = hex(scenario.serialNumber, 16);
+    json["hardwareVersion"] = hex(scenario.hardwareVersion, 8);
+    json["canPorts"] = hex(scenario.canPorts, 4);
+    json["eepromKeyValid"] = scenario.eepromKeyValid;
+    json["eepromVersion"] = scenario.eepromVersion;
+    json["supplyOn"] = scenario.supplyOn;
+    json["timeFactor"] = scenario.timeFactor;
+    json["unthrottled"] = scenario.unthrottled;
+    json["oscillatorErrorPpm"] = scenario.oscillatorErrorPpm;
+    json["seed"] = scenario.seed;
+    json["modules"] = Json::array();
+    for (const ModuleScenario& module : scenario.modules) {
+        Json waveform;
+        waveform["kind"] = nameOf(waveformKinds, module.waveform.kind);
+        waveform["frequencyHz"] = module.waveform.frequencyHz;
+        waveform["amplitudeCounts"] = module.waveform.amplitude;
+        waveform["offsetCounts"] = module.waveform.offset;
+        waveform["phaseRadians"] = module.waveform.phaseRadians;
+        if (module.waveform.kind == WaveformKind::Wav) {
+            waveform["file"] = module.waveform.file;
+        }
+        Json item;
+        item["slot"] = module.slot;
+        item["amplifier"] = nameOf(amplifierKinds, module.kind);
+        item["serial"] = module.serial;
+        item["waveform"] = std::move(waveform);
+        json["modules"].push_back(std::move(item));
+    }
+    json["faults"] = Json::array();
+    for (const Fault& fault : scenario.faults) {
+        Json item;
+        item["kind"] = nameOf(faultKinds, fault.kind);
+        item["target"] = fault.target;
+        item["code"] = fault.code;
+        item["atSeconds"] = fault.atSeconds;
+        item["afterCount"] = fault.afterCount;
+        item["times"] = fault.times;
+        json["faults"].push_back(std::move(item));
+    }
+    return json.dump(2) + "\n";
+}
+
+}  // namespace kestrixsim

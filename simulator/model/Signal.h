@@ -1,0 +1,117 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "simulator/model/Scenario.h"
+
+namespace kestrixsim {
+
+__extension__ typedef unsigned __int128 Uint128;
+
+// What lies at a converter's input.
+struct SignalSource {
+    Waveform waveform;
+    std::shared_ptr<const std::vector<int16_t>> recording;  // Wav only
+    uint64_t seed = 0;                                      // Noise only
+    // From the waveform's unit to counts of the 16-bit converter: (value - zero) * countsPerUnit. Waveforms are in
+    // counts so far; an amplifier's range and calibration would go in here.
+    double countsPerUnit = 1.0;
+    double zero = 0.0;
+    bool debugCounter = false;  // the FPGA's counter instead of the converter
+};
+
+// The half-band filter of the filtered stream, as its 33 coefficient words hold it.
+struct HalfBand {
+    std::array<int32_t, 33> coefficients{};  // 0 to 31: distance 63 - 2k from the centre; 32: the centre
+
+    int64_t sum() const;                     // gain at 0 Hz, 2^26 for 1
+    double norm() const;                     // what a coefficient is divided by
+    double response(double relative) const;  // real gain at `relative` x its input rate
+    double gain() const { return static_cast<double>(sum()) / norm(); }
+};
+
+// How a stream samples its source, latched when it is enabled.
+struct StreamFormat {
+    bool filtered = false;
+    double baseClock = 15e6;      // ticks a second, with the oscillator's error
+    Uint128 period = 0;           // ticks from sample to sample, in units of 2^-38
+    Uint128 delay = 0;            // ticks by which the filter chain delays, in units of 2^-38
+    uint32_t decimation = 1;      // raw stream only
+    uint32_t stages = 0;          // halvings of the filter chain behind the resampler
+    uint64_t limit = UINT64_MAX;  // samples until the stream ends
+    HalfBand filter;
+
+    double rate() const;          // samples a second, with the oscillator's error
+
+    static StreamFormat raw(double baseClock, uint32_t decimation, uint32_t length);
+    static StreamFormat lowPassed(double baseClock, uint64_t ratio, uint32_t halfBands, const HalfBand& filter);
+};
+
+// The samples of one stream, each a function of its number alone: any piece can be asked for in any order, by any
+// thread, and days of samples lose no phase.
+//
+// The raw stream is the waveform at the instants of conversion, unfiltered: what lies above half the rate folds. On
+// the filtered stream a sine has the exact gain and delay of the filter chain. A square or ramp is built from its
+// steps with the step response of the last half-band behind a smooth low-pass that stands for the chain before it:
+// edges lie exactly, images are some 70 dB down. Noise is white within the stream's own band with the power
+// that a perfect low-pass would leave. In its first samples (about 75) the filter settles from 0 with the last
+// half-band's exact sum. Counter and Wav are neither filtered nor delayed.
+class Signal {
+public:
+    Signal(const SignalSource& source, const StreamFormat& format);
+    ~Signal();
+
+    void generate(uint64_t first, size_t count, int16_t* samples) const;
+    void generate(uint64_t first, size_t count, int32_t* samples) const;
+
+private:
+    template <typename Sample>
+    void produce(uint64_t first, size_t count, Sample* samples) const;
+    template <typename Sample>
+    void steady(uint64_t first, size_t count, Sample* samples) const;
+    template <typename Sample>
+    void sine(uint64_t first, size_t count, Sample* samples) const;
+    void edged(uint64_t first, size_t count, int16_t* samples) const;
+    template <typename Sample>
+    void noise(uint64_t first, size_t count, Sample* samples) const;
+    double valueAt(uint64_t sample) const;
+    double settling(uint64_t sample) const;
+    double shape(double cycles) const;
+    double residue(double samplesBehindEdge) const;
+    double edges(double cycles) const;
+    void prepareFilter();
+    void prepareStepResponse();
+    void prepareTable();
+    template <typename Sample>
+    void fillTable(std::vector<Sample>& table, uint64_t period);
+    Uint128 phase(uint64_t sample) const { return phaseStart_ + phaseStep_ * sample; }
+
+    WaveformKind kind_;
+    StreamFormat format_;
+    std::shared_ptr<const std::vector<int16_t>> recording_;
+    uint64_t seed_;
+    bool debugCounter_;
+    double frequency_;         // Hz
+    double amplitude_;         // counts of this stream
+    double offset_;            // counts of this stream
+    double startCycles_;       // phase of the waveform at the first instant
+    double gain_ = 1.0;        // of the filter at 0 Hz
+    double sineGain_ = 1.0;    // of the filter at the sine's frequency
+    double cyclesPerSample_;
+    Uint128 phaseStart_ = 0;   // fractions of a cycle, 2^-128
+    Uint128 phaseStep_ = 0;
+    uint64_t settled_ = 0;     // samples before this one are still settling
+    bool fundamentalOnly_ = false;      // square or ramp at or above half the rate
+    std::vector<double> stepResponse_;  // square and ramp only: from -stepReach to stepReach samples
+    std::vector<double> cosines_;       // of sample j of a block against its first
+    std::vector<double> sines_;
+    // One whole number of periods, if it is short enough: one of the two.
+    std::vector<int16_t> table16_;
+    std::vector<int32_t> table32_;
+};
+
+}  // namespace kestrixsim

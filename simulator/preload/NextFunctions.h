@@ -1,0 +1,61 @@
+#pragma once
+
+#include <dirent.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <termios.h>
+
+#include <cstdio>
+
+#include "simulator/preload/Next.h"
+
+// The functions behind the interposed ones. Nothing in this folder calls an interposed function by its own name.
+// On 64-bit targets the plain and the "64" functions take the same types, so one of them stands for both.
+namespace kestrixsim::next {
+
+extern Next<int(const char*, int, ...)> open;
+extern Next<int(int, const char*, int, ...)> openat;
+extern Next<int(int)> close;
+extern Next<int(unsigned, unsigned, int)> closeRange;
+extern Next<void(int)> closefrom;
+extern Next<int(int)> dup;
+extern Next<int(int, int)> dup2;
+extern Next<int(int, int, int)> dup3;
+extern Next<int(int, int, ...)> fcntl;
+extern Next<ssize_t(int, void*, size_t)> read;
+extern Next<ssize_t(int, void*, size_t, off_t)> pread;
+extern Next<ssize_t(int, const iovec*, int)> readv;
+extern Next<ssize_t(int, const void*, size_t)> write;
+extern Next<ssize_t(int, const void*, size_t, off_t)> pwrite;
+extern Next<ssize_t(int, const iovec*, int)> writev;
+extern Next<int(int, unsigned long, ...)> ioctl;
+extern Next<void*(void*, size_t, int, int, int, off_t)> mmap;
+extern Next<int(void*, size_t)> munmap;
+extern Next<int(int, termios*)> tcgetattr;
+extern Next<int(int, int, const termios*)> tcsetattr;
+extern Next<int(int, int)> tcflush;
+extern Next<int(int)> tcdrain;
+extern Next<int(int)> isatty;
+extern Next<int(pollfd*, nfds_t, int)> poll;
+extern Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll;
+extern Next<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
+extern Next<int(int, fd_set*, fd_set*, fd_set*, const timespec*, const sigset_t*)> pselect;
+extern Next<int(int, struct stat*)> fstat;
+extern Next<FILE*(const char*, const char*)> fopen;
+extern Next<FILE*(const char*, const char*, FILE*)> freopen;
+extern Next<FILE*(int, const char*)> fdopen;
+extern Next<int(FILE*)> fclose;
+extern Next<FILE*(const char*, const char*)> popen;
+extern Next<int(FILE*)> pclose;
+extern Next<int(const char*, int)> access;
+extern Next<int(int, const char*, int, int)> faccessat;
+extern Next<int(const char*, struct stat*)> stat;
+extern Next<int(const char*, struct stat*)> lstat;
+extern Next<int(int, const char*, struct stat*, int)> fstatat;
+extern Next<int(int, const char*, int, unsigned, struct statx*)> statx;
+extern Next<DIR*(const char*)> opendir;
+
+}  // namespace kestrixsim::next

@@ -1,0 +1,223 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "tests/simulator/model/Rig.h"
+
+using namespace kestrixsim;
+
+namespace {
+
+Scenario quiet() {
+    Scenario scenario = Scenario::counters(2);
+    scenario.supplyOn = true;
+    return scenario;
+}
+
+struct StoreCase {
+    const char* name;
+    uint64_t address;
+    uint32_t stored;
+    uint32_t reads;
+};
+
+class StoreTest : public testing::TestWithParam<StoreCase> {};
+
+TEST_P(StoreTest, reachesOnlyTheBitsThatTheHardwareLetsWrite) {
+    Rig rig(quiet());
+    rig.store(GetParam().address, GetParam().stored);
+    EXPECT_EQ(GetParam().reads, rig.word(GetParam().address));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Words, StoreTest,
+    testing::Values(StoreCase{"coefficient", 0xA0000008, 0xFFFFFC58, 0x07FFFC58},
+                    StoreCase{"centreOfModule7", 0xA0070080, 0xFFFFFFFF, 0x07FFFFFF},
+                    StoreCase{"holeInModule", 0xA0000084, 0xFFFFFFFF, 0},
+                    StoreCase{"ratioHigh", 0xA0000104, 0xFF, 0x3F}, StoreCase{"halfBands", 0xA0000108, 0xFF, 0x1F},
+                    StoreCase{"stages", 0xA0000118, 0xFFFFFFFF, 0x3FFF},
+                    StoreCase{"triggerWord", 0xA000012C, 0xFFFFFFFF, 0xC003FFFF},
+                    StoreCase{"stateOfModulesIsHardware", 0xA0200004, 0xFFFF0500, 0x00000500},
+                    StoreCase{"holeInAdc", 0xA0200030, 0xFFFFFFFF, 0},
+                    StoreCase{"timingControl", 0xA3000000, 0xFFFFFFFF, 0x00033137},
+                    StoreCase{"phaseIsHardware", 0xA3000010, 0xFFFFFFFF, 0},
+                    StoreCase{"resyncWithoutReference", 0xA3000014, 0x20000000, 0},
+                    StoreCase{"irigControl", 0xA3800000, 0xFFFFFFFF, 0xDF},
+                    StoreCase{"irigStatusIsHardware", 0xA3800020, 0xFFFFFFFF, 0},
+                    StoreCase{"versionIsHardware", 0xA6000000, 0, 0x00010000},
+                    StoreCase{"supplyInterval", 0xA6000008, 85, 21}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(Registers, aBitThatTheHardwareMovedMeanwhileWins) {
+    Rig rig(quiet());
+    rig.store(0xA0000120, 1);
+    const uint32_t snapshot = rig.word(0xA0000120);  // the clear is not reported yet
+    ASSERT_EQ(1u, snapshot);
+    rig.now += 0.01;
+    rig.instrument.storeWord(0xA0000120, snapshot, snapshot);  // an access that changes nothing
+    EXPECT_EQ(3u, rig.word(0xA0000120));
+}
+
+TEST(Registers, aPageHoldsItsBlockAndNothingElse) {
+    Rig rig(quiet());
+    rig.store(0xA000010C, 15000);
+    rig.store(0xA001010C, 7);
+    std::vector<uint32_t> page(1024, 0xDEAD);
+    rig.instrument.readPage(0xA0000000, page.data(), page.size());
+    EXPECT_EQ(15000u, page[0x10C / 4]);
+    EXPECT_EQ(1, page.size() - std::count(page.begin(), page.end(), 0u));
+    // A page of 64 KiB ends where the next module begins.
+    std::vector<uint32_t> large(16384, 0xDEAD);
+    rig.instrument.readPage(0xA0010000, large.data(), large.size());
+    EXPECT_EQ(7u, large[0x10C / 4]);
+    EXPECT_EQ(1, large.size() - std::count(large.begin(), large.end(), 0u));
+}
+
+// What a program does for one clear: it takes the report back, asks, and polls.
+bool clearChain(Rig& rig, int m) {
+    const uint64_t address = Rig::module(m) + 0x120;
+    rig.storeBits(address, 2, 0);
+    rig.storeBits(address, 1, 1);
+    for (int i = 0; i < 100; ++i) {
+        if ((rig.word(address) & 2) != 0) {
+            rig.storeBits(address, 2, 0);
+            return true;
+        }
+        rig.now += 0.010;
+    }
+    return false;
+}
+
+TEST(Registers, everyClearIsReportedThoughTheRequestStaysSet) {
+    Rig rig(quiet());
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(clearChain(rig, 1)) << i;
+        EXPECT_EQ(1u, rig.word(0xA0010120) & 1);
+    }
+    // At once after the last one too, when its own report has not come back yet.
+    EXPECT_EQ(0u, rig.word(0xA0010120) & 2);
+    EXPECT_TRUE(clearChain(rig, 1));
+    EXPECT_EQ(0u, rig.word(0xA0000120));
+}
+
+TEST(Registers, clearThatNeverEndsEndsWhenTheFaultIsTakenAway) {
+    Rig rig(quiet());
+    rig.instrument.inject({.kind = FaultKind::ClearNever, .target = 1, .times = -1});
+    EXPECT_TRUE(clearChain(rig, 0));
+    EXPECT_FALSE(clearChain(rig, 1));
+    rig.instrument.clearFaults();
+    EXPECT_TRUE(clearChain(rig, 1));
+}
+
+TEST(Registers, pllIsBusyThenLocksIfTheOscillatorFits) {
+    Rig rig(quiet());
+    EXPECT_EQ(0x110u, rig.word(0xB0000000));
+    rig.storeBits(0xB0000000, 7, 3);
+    EXPECT_EQ(3u, rig.word(0xB0000000));
+    rig.now += 0.021;
+    EXPECT_EQ(2u, rig.word(0xB0000000)) << "10 MHz asked for, 15 MHz come in";
+    rig.instrument.runCommand("/opt/harvane/scripts/vcxo_control.sh set_clock 10");
+    EXPECT_EQ(0x112u, rig.word(0xB0000000));
+
+    rig.instrument.inject({.kind = FaultKind::PllBusy, .times = -1});
+    rig.storeBits(0xB0000000, 7, 1);
+    rig.now += 10.0;
+    EXPECT_EQ(1u, rig.word(0xB0000000));
+    rig.instrument.clearFaults();
+    EXPECT_EQ(0u, rig.word(0xB0000000) & 1);
+}
+
+TEST(Registers, clockCounterRunsFromTheStartToTheStop) {
+    Rig rig(quiet());
+    constexpr uint64_t timing = 0xA3000000;
+    rig.now += 0.25;
+    rig.store(timing, 0x100);  // own timing: a start takes effect at once
+    rig.store(timing + 0x1C, 1);
+    rig.store(timing + 0x1C, 0);
+    rig.now += 1.0;
+    EXPECT_EQ(0u, rig.word(timing + 0x20));
+    rig.store(timing + 0x18, 1);
+    rig.now += 0.5;
+    EXPECT_NEAR(7500000.0, rig.word(timing + 0x20), 1.0);
+    rig.now += 286.0;  // 2^32 ticks are 286.33 s
+    EXPECT_NEAR(286.5 * 15e6 - 4294967296.0, rig.word(timing + 0x20), 1.0);
+    rig.store(timing + 0x18, 0);
+    const uint32_t stopped = rig.word(timing + 0x20);
+    rig.now += 1.0;
+    EXPECT_EQ(stopped, rig.word(timing + 0x20));
+    rig.store(timing + 0x1C, 1);
+    EXPECT_EQ(0u, rig.word(timing + 0x20));
+    rig.store(timing + 0x1C, 0);
+    // Following a reference the start waits for the next pulse of the internal second.
+    rig.store(timing, 0);
+    rig.now = 1000.0 + 300.75;
+    rig.store(timing + 0x18, 1);
+    rig.now += 0.2;
+    EXPECT_EQ(0u, rig.word(timing + 0x20));
+    rig.now += 0.1;
+    EXPECT_NEAR(0.05 * 15e6, rig.word(timing + 0x20), 1.0);
+}
+
+TEST(Registers, debugCounterRunsWhileItIsTold) {
+    Rig rig(quiet());
+    rig.storeBits(0xA0200078, 0x10000, 0x10000);
+    rig.now += 0.001;
+    EXPECT_NEAR(15000.0, rig.word(0xA0200078) & 0xFFFF, 1.0);
+    rig.storeBits(0xA0200078, 0x20000, 0x20000);
+    EXPECT_EQ(0u, rig.word(0xA0200078) & 0xFFFF);
+}
+
+TEST(Registers, supplyBootsTheFirmwareOfEachSlot) {
+    Rig rig(Scenario::counters(2));
+    rig.select(1);
+    EXPECT_TRUE(rig.exchange({0xA5, 0x01, 0xA7, 0x5A}).empty());
+    rig.store(0xA6000010, 1);
+    rig.store(0xA6000010, 3);
+    EXPECT_EQ(2u, rig.instrument.supplySwitches());
+    rig.now += 0.140;
+    rig.instrument.uartWrite(reinterpret_cast<const uint8_t*>("\xA5\x01\xA7\x5A"), 4);
+    rig.now += 0.1;
+    uint8_t bytes[8];
+    EXPECT_EQ(0, rig.instrument.uartRead(bytes, sizeof bytes, 0)) << "still booting";
+    EXPECT_EQ((std::vector<uint8_t>{0xA5, 0x02, 0x00, 0x02, 0x5A}), rig.exchange({0xA5, 0x01, 0xA7, 0x5A}));
+    rig.exchange({0xA5, 0x02, 0xC8, 0x02, 0x5A});
+    rig.store(0xA6000010, 0);
+    EXPECT_TRUE(rig.exchange({0xA5, 0x01, 0xA7, 0x5A}).empty());
+    rig.store(0xA6000010, 255);
+    rig.now += 0.3;
+    EXPECT_EQ((std::vector<uint8_t>{0xA5, 0x02, 0x00, 0x00, 0x5A}), rig.exchange({0xA5, 0x01, 0x9F, 0x5A}))
+        << "settings are gone";
+}
+
+TEST(Registers, supplyWordSwitchesNothingOnTheTwoSlotBoard) {
+    Scenario scenario = Scenario::counters(2);
+    scenario.boardType = 1;
+    scenario.slots = 2;
+    Rig rig(scenario);
+    rig.store(0xA6000010, 0xFF);
+    rig.store(0xA6000010, 0);
+    uint8_t value[2] = {0, 0x22};
+    I2cMessage message{0x4F, false, value, 2};
+    ASSERT_EQ(1, rig.instrument.i2cTransfer(&message, 1));
+    EXPECT_EQ(5u, rig.exchange({0xA5, 0x01, 0xA7, 0x5A}).size());
+    EXPECT_EQ(0, rig.instrument.dmaOpen(1, Stream::Filtered));
+    EXPECT_EQ(-ENOENT, rig.instrument.dmaOpen(2, Stream::Raw));
+}
+
+TEST(Registers, memoryFaultsComeAtTheAccessTheyAreSetFor) {
+    Rig rig(quiet());
+    rig.instrument.inject({.kind = FaultKind::MemMap, .afterCount = 2, .times = 2});
+    const std::vector<int> expected = {0, 0, -EPERM, -EPERM, 0};
+    std::vector<int> results;
+    for (size_t i = 0; i < expected.size(); ++i) {
+        results.push_back(rig.instrument.memMap());
+    }
+    EXPECT_EQ(expected, results);
+    rig.instrument.inject({.kind = FaultKind::MemOpen, .atSeconds = 5.0, .times = -1});
+    EXPECT_EQ(0, rig.instrument.memOpen());
+    rig.now += 5.0;
+    EXPECT_EQ(-ENOENT, rig.instrument.memOpen());
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "simulator/model/Instrument.h"
+
+// The instrument with its time in the test's hand, and the few steps that every program takes on its registers and
+// streams. Numbers are those of the hardware.
+class Rig {
+public:
+    explicit Rig(kestrixsim::Scenario scenario) : instrument(std::move(scenario), [this] { return now; }) {}
+
+    uint32_t word(uint64_t address) const { return instrument.registerWord(address); }
+
+    // One access: take the page, change the word, give it back.
+    void store(uint64_t address, uint32_t value) { instrument.storeWord(address, word(address), value); }
+
+    void storeBits(uint64_t address, uint32_t mask, uint32_t value) {
+        store(address, (word(address) & ~mask) | value);
+    }
+
+    static uint64_t module(int m) { return 0xA0000000 + (static_cast<uint64_t>(m) << 16); }
+
+    void coefficients(int m);
+    void raw(int m, uint32_t decimation);                          // decimation and endless length
+    void filtered(int m, uint32_t halfBands, uint64_t ratio);      // coefficients, ratio and stages
+    void enable(int m, bool rawStream, bool filteredStream);       // RAWEN, FILTEN
+
+    int control(int m, kestrixsim::Stream stream, unsigned long request, unsigned long argument = 0) {
+        return instrument.dmaIoctl(m, stream, request, argument);
+    }
+    void open(int m, kestrixsim::Stream stream, int descriptorSize);   // sizes, memory; fails the test
+    void start(int m, kestrixsim::Stream stream);
+    void convert(uint32_t moduleMask);                             // manual start of these modules
+
+    // Whatever a read of at most `bytes` brings; the result of the call in `result`.
+    template <typename Sample>
+    std::vector<Sample> read(int m, kestrixsim::Stream stream, size_t bytes) {
+        std::vector<Sample> samples(bytes / sizeof(Sample));
+        result = instrument.dmaRead(m, stream, samples.data(), bytes);
+        samples.resize(result > 0 ? static_cast<size_t>(result) / sizeof(Sample) : 0);
+        return samples;
+    }
+
+    // A request to the amplifier that the multiplexer selects, and what comes back within 5 s of the rig's time.
+    std::vector<uint8_t> exchange(std::vector<uint8_t> request);
+    void select(int slot);
+
+    double now = 1000.0;
+    ssize_t result = 0;
+    kestrixsim::Instrument instrument;
+};
+
+constexpr unsigned long setCount = 0x40064C01;
+constexpr unsigned long setSize = 0x40064C03;
+constexpr unsigned long reserve = 0x40064C05;
+constexpr unsigned long reserveUsb = 0x40064C0B;
+constexpr unsigned long startTransfer = 0x40064C08;
+constexpr unsigned long startUsb = 0x00064C0C;
+constexpr unsigned long stopTransfer = 0x40064C09;
+constexpr unsigned long stopUsb = 0x00064C0D;
+
+// The 33 words of the filter, lowest tap first.
+extern const std::vector<int32_t> halfBandWords;

@@ -1,0 +1,443 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <numeric>
+#include <thread>
+
+#include "tests/simulator/model/Rig.h"
+
+using namespace kestrixsim;
+
+namespace {
+
+struct RateCase {
+    const char* name;
+    Stream stream;
+    int clock;            // MHz
+    uint32_t decimation;  // or half-bands
+    uint64_t ratio;
+    double rate;
+    int descriptorSize;
+};
+
+class RateTest : public testing::TestWithParam<RateCase> {};
+
+TEST_P(RateTest, descriptorIsReadyWhenItsLastSampleIs) {
+    const RateCase& parameter = GetParam();
+    Scenario scenario = Scenario::counters(1);
+    Rig rig(scenario);
+    if (parameter.clock == 10) {
+        rig.instrument.runCommand("/opt/harvane/scripts/vcxo_control.sh set_clock 10");
+        rig.storeBits(0xB0000000, 7, 3);
+    }
+    const bool raw = parameter.stream == Stream::Raw;
+    if (raw) {
+        rig.raw(0, parameter.decimation);
+    } else {
+        rig.filtered(0, parameter.decimation, parameter.ratio);
+    }
+    const size_t size = static_cast<size_t>(parameter.descriptorSize);
+    rig.open(0, parameter.stream, parameter.descriptorSize);
+    rig.enable(0, raw, !raw);
+    rig.start(0, parameter.stream);
+    std::vector<uint8_t> buffer(20 * size);
+    const auto read = [&] { return rig.instrument.dmaRead(0, parameter.stream, buffer.data(), buffer.size()); };
+    rig.now += 10.0;
+    EXPECT_EQ(-EAGAIN, read()) << "nothing converts yet";
+    rig.convert(1);
+    const double samples = static_cast<double>(size) / (raw ? 2 : 4);
+    const double start = rig.now;
+    rig.now = start + (samples - 0.5) / parameter.rate;
+    EXPECT_EQ(-EAGAIN, read());
+    rig.now = start + samples / parameter.rate;
+    EXPECT_EQ(parameter.descriptorSize, read());
+    EXPECT_EQ(-EAGAIN, read());
+    rig.now = start + 4.5 * samples / parameter.rate;
+    EXPECT_EQ(3 * parameter.descriptorSize, read());
+    // Half a million descriptors later the place is still right.
+    rig.now = start + (500000.0 * samples - 0.25) / parameter.rate;
+    read();
+    rig.now = start + (500000.0 * samples + 0.25) / parameter.rate;
+    EXPECT_EQ(parameter.descriptorSize, read());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Settings, RateTest,
+    testing::Values(RateCase{"raw15M", Stream::Raw, 15, 1, 0, 15e6, 937500},
+                    RateCase{"rawDecimationZero", Stream::Raw, 15, 0, 0, 15e6, 937500},
+                    RateCase{"raw1k", Stream::Raw, 15, 15000, 0, 1000.0, 248},
+                    RateCase{"raw100on10M", Stream::Raw, 10, 100000, 0, 100.0, 24},
+                    RateCase{"filtered1875k", Stream::Filtered, 15, 1, 0, 1875000.0, 200000},
+                    RateCase{"filtered1M", Stream::Filtered, 15, 1, 240518168576, 1e6, 200000},
+                    RateCase{"filtered50k", Stream::Filtered, 15, 6, 47244640256, 50000.0, 25000},
+                    RateCase{"filtered100", Stream::Filtered, 15, 15, 39694893056, 100.0, 48},
+                    RateCase{"filtered16kOn10M", Stream::Filtered, 10, 7, 60666413056, 16000.0, 8000},
+                    RateCase{"filtered10HasWrappedStages", Stream::Filtered, 15, 0, 118338093056, 2621440.0, 4000}),
+    [](const auto& info) { return info.param.name; });
+
+// One raw stream of 1 kHz with descriptors of 100 samples, converting.
+class RawStream : public testing::Test {
+protected:
+    void prepare(Scenario scenario = Scenario::counters(1)) {
+        rig = std::make_unique<Rig>(std::move(scenario));
+        rig->raw(0, 15000);
+        rig->open(0, Stream::Raw, 200);
+        rig->enable(0, true, false);
+        rig->start(0, Stream::Raw);
+        rig->convert(1);
+    }
+
+    std::vector<int16_t> read(size_t bytes = 100000) { return rig->read<int16_t>(0, Stream::Raw, bytes); }
+
+    static std::vector<int16_t> counting(int first, size_t count) {
+        std::vector<int16_t> numbers(count);
+        std::iota(numbers.begin(), numbers.end(), static_cast<int16_t>(first));
+        return numbers;
+    }
+
+    std::unique_ptr<Rig> rig;
+};
+
+TEST_F(RawStream, deliversWholeDescriptorsOnlyAndAsManyAsFit) {
+    prepare();
+    rig->now += 1.05;
+    EXPECT_EQ(counting(0, 200), read(599));
+    EXPECT_EQ(counting(200, 300), read(600));
+    EXPECT_TRUE(read(199).empty());
+    EXPECT_EQ(-EINVAL, rig->result);
+    EXPECT_EQ(counting(500, 500), read());
+    EXPECT_TRUE(read().empty());
+    EXPECT_EQ(-EAGAIN, rig->result);
+    const StreamStatistics statistics = rig->instrument.statistics(0, Stream::Raw);
+    EXPECT_TRUE(statistics.started);
+    EXPECT_EQ(200, statistics.descriptorSize);
+    EXPECT_EQ(1000u, statistics.samplesDelivered);
+    EXPECT_EQ(0u, statistics.samplesDropped);
+    EXPECT_EQ(3u, statistics.reads);
+}
+
+TEST_F(RawStream, fullRingDropsNewDescriptorsAndCountsThem) {
+    prepare();
+    rig->now += 2.05;
+    EXPECT_EQ(counting(0, 800), read(1600));
+    EXPECT_EQ(400u, rig->instrument.statistics(0, Stream::Raw).samplesDropped);
+    // Eight descriptors are left; the next ones follow with the gap between.
+    rig->now += 0.3;
+    std::vector<int16_t> expected = counting(800, 800);
+    const std::vector<int16_t> later = counting(2000, 300);
+    expected.insert(expected.end(), later.begin(), later.end());
+    EXPECT_EQ(expected, read());
+}
+
+TEST_F(RawStream, timeFactorSpeedsTheSamplesUp) {
+    Scenario scenario = Scenario::counters(1);
+    scenario.timeFactor = 10.0;
+    prepare(scenario);
+    rig->now += 0.1;
+    EXPECT_EQ(1000u, read().size());
+}
+
+TEST_F(RawStream, oscillatorErrorChangesTheRate) {
+    Scenario scenario = Scenario::counters(1);
+    scenario.oscillatorErrorPpm = -500.0;
+    prepare(scenario);
+    rig->now += 1.0;
+    EXPECT_EQ(900u, read().size());
+    rig->now += 0.0006;
+    EXPECT_EQ(100u, read().size());
+}
+
+TEST_F(RawStream, unthrottledHasAlwaysARingOfData) {
+    Scenario scenario = Scenario::counters(1);
+    scenario.unthrottled = true;
+    prepare(scenario);
+    EXPECT_EQ(counting(0, 1600), read());
+    EXPECT_EQ(counting(1600, 300), read(700));
+    EXPECT_EQ(counting(1900, 1600), read());
+    rig->storeBits(0xA0200000, 1, 0);
+    EXPECT_LE(read().size(), 1600u);
+    EXPECT_TRUE(read().empty());
+}
+
+TEST_F(RawStream, finishedDescriptorsStayReadableBetweenStopOfConversionAndStopOfTransfer) {
+    prepare();
+    rig->now += 0.45;
+    rig->storeBits(0xA0200000, 1, 0);
+    rig->now += 1.0;
+    EXPECT_EQ(counting(0, 200), read(400));
+    EXPECT_EQ(0, rig->control(0, Stream::Raw, stopTransfer));
+    EXPECT_TRUE(read().empty());
+    EXPECT_EQ(-EAGAIN, rig->result);
+    // The next start begins at sample 0 again.
+    EXPECT_EQ(0, rig->control(0, Stream::Raw, startTransfer));
+    rig->now += 1.0;
+    rig->convert(1);
+    rig->now += 0.1;
+    EXPECT_EQ(counting(0, 100), read());
+}
+
+TEST_F(RawStream, clearEmptiesTheChain) {
+    prepare();
+    rig->now += 0.25;
+    rig->store(0xA0000120, 1);
+    EXPECT_TRUE(read().empty());
+    rig->now += 0.1;
+    EXPECT_EQ(counting(0, 100), read());
+}
+
+TEST_F(RawStream, rateIsLatchedWhenTheStreamIsEnabled) {
+    prepare();
+    rig->store(0xA000010C, 150);
+    rig->now += 0.1;
+    EXPECT_EQ(100u, read().size());
+    rig->enable(0, false, false);
+    rig->enable(0, true, false);
+    rig->now += 0.01;
+    EXPECT_EQ(1000u, read().size());
+}
+
+TEST_F(RawStream, lengthEndsTheStream) {
+    prepare();
+    rig->enable(0, false, false);
+    rig->store(0xA0000130, 250);
+    rig->store(0xA0000120, 1);
+    rig->enable(0, true, false);
+    rig->now += 10.0;
+    EXPECT_EQ(counting(0, 200), read());
+    EXPECT_TRUE(read().empty());
+    rig->enable(0, false, false);
+    rig->store(0xA0000130, 0);
+    rig->enable(0, true, false);
+    rig->now += 10.0;
+    EXPECT_TRUE(read().empty());
+}
+
+TEST_F(RawStream, noClockNoSamples) {
+    prepare();
+    rig->now += 0.1;
+    EXPECT_EQ(100u, read().size());
+    rig->instrument.runCommand("/opt/harvane/scripts/vcxo_control.sh set_clock 10");
+    rig->now += 1.0;
+    EXPECT_TRUE(read().empty());
+    EXPECT_EQ(0u, rig->word(0xA0200004) >> 16);
+}
+
+TEST_F(RawStream, shortReads) {
+    prepare();
+    rig->now += 0.35;
+    rig->instrument.inject({.kind = FaultKind::DmaShortRead, .target = 0});
+    EXPECT_EQ(counting(0, 200), read());
+    EXPECT_EQ(counting(200, 100), read());
+    rig->now += 0.2;
+    rig->instrument.inject({.kind = FaultKind::DmaShortRead, .target = 0, .code = 1});
+    EXPECT_EQ(counting(300, 150), read());
+    EXPECT_TRUE(read(98).empty());
+    EXPECT_EQ(-EINVAL, rig->result);
+    EXPECT_EQ(counting(450, 50), read(100));
+    EXPECT_TRUE(read().empty());
+}
+
+TEST_F(RawStream, readFaultsHitTheirChannelOnly) {
+    prepare();
+    rig->now += 0.5;
+    rig->instrument.inject({.kind = FaultKind::DmaRead, .target = 1, .times = -1});
+    EXPECT_EQ(100u, read(200).size());
+    rig->instrument.inject({.kind = FaultKind::DmaRead, .target = 0, .code = ENODEV});
+    EXPECT_TRUE(read(200).empty());
+    EXPECT_EQ(-ENODEV, rig->result);
+    EXPECT_EQ(counting(100, 100), read(200));
+    rig->instrument.inject({.kind = FaultKind::DmaStall, .target = 0, .times = 2});
+    EXPECT_TRUE(read(200).empty());
+    EXPECT_TRUE(read(200).empty());
+    EXPECT_EQ(counting(200, 100), read(200));
+    rig->instrument.inject({.kind = FaultKind::DmaIoctl, .target = 0, .code = static_cast<int>(stopTransfer)});
+    EXPECT_EQ(-EBUSY, rig->control(0, Stream::Raw, reserve));
+    EXPECT_EQ(-EIO, rig->control(0, Stream::Raw, stopTransfer));
+    EXPECT_EQ(0, rig->control(0, Stream::Raw, stopTransfer));
+    rig->instrument.inject({.kind = FaultKind::DmaOpen, .target = 5});
+    EXPECT_EQ(0, rig->instrument.dmaOpen(2, Stream::Raw));
+    EXPECT_EQ(-ENOENT, rig->instrument.dmaOpen(2, Stream::Filtered));
+}
+
+TEST_F(RawStream, misalignedBufferGetsTheSameSamples) {
+    prepare();
+    rig->now += 0.1;
+    std::vector<uint8_t> bytes(201);
+    ASSERT_EQ(200, rig->instrument.dmaRead(0, Stream::Raw, bytes.data() + 1, 200));
+    std::vector<int16_t> samples(100);
+    std::memcpy(samples.data(), bytes.data() + 1, 200);
+    EXPECT_EQ(counting(0, 100), samples);
+}
+
+TEST(Streams, requestsInTheWrongOrder) {
+    Rig rig(Scenario::counters(1));
+    const auto call = [&](unsigned long request, unsigned long argument = 0) {
+        return rig.control(0, Stream::Filtered, request, argument);
+    };
+    EXPECT_EQ(-EINVAL, call(startTransfer)) << "no memory";
+    EXPECT_EQ(-EINVAL, call(reserve)) << "no size";
+    EXPECT_EQ(-EINVAL, call(setSize, 0));
+    EXPECT_EQ(-EINVAL, call(setCount, 0));
+    EXPECT_EQ(0, call(setCount, 16));
+    EXPECT_EQ(0, call(setSize, 234375)) << "splits a sample, and passes while the stream is not enabled";
+    EXPECT_EQ(0, call(reserve, 0xBADBADBAD));
+    EXPECT_EQ(-EINVAL, call(startUsb)) << "memory of the other mode";
+    EXPECT_EQ(0, call(startTransfer));
+    EXPECT_EQ(-EBUSY, call(startTransfer));
+    EXPECT_EQ(-EBUSY, call(setSize, 400));
+    EXPECT_EQ(-EBUSY, call(setCount, 16));
+    EXPECT_EQ(-EBUSY, call(reserve));
+    EXPECT_EQ(0, call(stopTransfer));
+    EXPECT_EQ(0, call(stopTransfer));
+    rig.filtered(0, 1, 0);
+    rig.enable(0, false, true);
+    EXPECT_EQ(-EINVAL, call(startTransfer)) << "now the size matters";
+    EXPECT_EQ(0, call(setSize, 400));
+    EXPECT_EQ(-EINVAL, call(startTransfer)) << "the new size has no memory yet";
+    EXPECT_EQ(0, call(reserveUsb));
+    EXPECT_EQ(0, call(startUsb));
+    rig.convert(1);
+    rig.now += 1.0;
+    uint8_t bytes[4000];
+    EXPECT_EQ(-EAGAIN, rig.instrument.dmaRead(0, Stream::Filtered, bytes, sizeof bytes)) << "the data goes elsewhere";
+    EXPECT_EQ(0, call(stopUsb));
+    EXPECT_EQ(-ENOTTY, call(0x40064C02));
+}
+
+TEST(Streams, unusedStreamIsStartedAndStaysEmpty) {
+    Rig rig(Scenario::counters(1));
+    rig.open(0, Stream::Filtered, 234375);
+    rig.start(0, Stream::Filtered);
+    rig.convert(1);
+    rig.now += 100.0;
+    std::vector<uint8_t> bytes(1000000);
+    EXPECT_EQ(-EAGAIN, rig.instrument.dmaRead(0, Stream::Filtered, bytes.data(), bytes.size()));
+    EXPECT_EQ(0u, rig.instrument.statistics(0, Stream::Filtered).samplesDropped);
+}
+
+TEST(Streams, modulesOfOneMaskStartTogetherAndOthersDoNot) {
+    Rig rig(Scenario::counters(3));
+    for (int m = 0; m < 3; ++m) {
+        rig.raw(m, 15000);
+        rig.open(m, Stream::Raw, 2);
+        rig.enable(m, true, false);
+        rig.start(m, Stream::Raw);
+    }
+    rig.convert(5);
+    rig.now += 0.01;
+    EXPECT_EQ(0x50000u, rig.word(0xA0200004) & 0xFF0000);
+    EXPECT_EQ(10u, rig.read<int16_t>(0, Stream::Raw, 100).size());
+    EXPECT_EQ(0u, rig.read<int16_t>(1, Stream::Raw, 100).size());
+    EXPECT_EQ(10u, rig.read<int16_t>(2, Stream::Raw, 100).size());
+}
+
+TEST(Streams, triggerOfTheTimingCoreStartsAtTheSecond) {
+    Rig rig(Scenario::counters(1));
+    rig.raw(0, 15000);
+    rig.open(0, Stream::Raw, 20);
+    rig.enable(0, true, false);
+    rig.start(0, Stream::Raw);
+    rig.now = 1000.4;
+    rig.store(0xA0200004, 0x100);
+    rig.storeBits(0xA0200000, 1, 1);
+    rig.store(0xA3000018, 1);
+    rig.now = 1000.95;
+    EXPECT_EQ(0u, rig.read<int16_t>(0, Stream::Raw, 1000).size());
+    EXPECT_EQ(0u, rig.word(0xA0200004) >> 16);
+    rig.now = 1001.055;
+    EXPECT_EQ(50u, rig.read<int16_t>(0, Stream::Raw, 1000).size());
+    EXPECT_EQ(1u, rig.word(0xA0200004) >> 16);
+    rig.store(0xA3000018, 0);
+    rig.now += 1.0;
+    EXPECT_EQ(0u, rig.read<int16_t>(0, Stream::Raw, 1000).size());
+}
+
+// Every door has its own lock: run with a thread sanitizer this shows a forgotten one.
+TEST(Streams, threadsShareTheInstrument) {
+    Scenario scenario = Scenario::counters(2);
+    scenario.unthrottled = true;
+    scenario.supplyOn = true;
+    Instrument instrument(scenario);
+    const auto store = [&](uint64_t address, uint32_t value) {
+        instrument.storeWord(address, instrument.registerWord(address), value);
+    };
+    store(0xA000010C, 15);
+    store(0xA0000130, 0xFFFFFFFF);
+    store(0xA0000124, 3);
+    for (const Stream stream : {Stream::Raw, Stream::Filtered}) {
+        ASSERT_EQ(0, instrument.dmaIoctl(0, stream, setCount, 16));
+        ASSERT_EQ(0, instrument.dmaIoctl(0, stream, setSize, 4000));
+        ASSERT_EQ(0, instrument.dmaIoctl(0, stream, reserve, 0));
+        ASSERT_EQ(0, instrument.dmaIoctl(0, stream, startTransfer, 0));
+    }
+    store(0xA0200004, 1);
+    store(0xA0200000, 1);
+    std::atomic<bool> stop{false};
+    uint64_t next = 0;
+    bool inOrder = true;
+    std::thread reader([&] {
+        std::vector<int16_t> samples(8000);
+        for (int i = 0; i < 200; ++i) {
+            const ssize_t count = instrument.dmaRead(0, Stream::Raw, samples.data(), 16000) / 2;
+            for (ssize_t n = 0; n < count; ++n) {
+                inOrder = inOrder && samples[static_cast<size_t>(n)] == static_cast<int16_t>(next++);
+            }
+        }
+        stop = true;
+    });
+    std::thread other([&] {
+        std::vector<int32_t> samples(4000);
+        while (!stop) {
+            instrument.dmaRead(0, Stream::Filtered, samples.data(), 16000);
+            instrument.statistics(0, Stream::Raw);
+            uint8_t bytes[16];
+            instrument.uartRead(bytes, sizeof bytes, 0);
+        }
+    });
+    while (!stop) {
+        store(0xA0010120, 1 - (instrument.registerWord(0xA0010120) & 1));
+        instrument.inject({.kind = FaultKind::DmaRead, .target = 3});
+        instrument.clearFaults();
+        uint8_t value[2] = {0, 1};
+        I2cMessage messages[] = {{0x4D, false, value, 2}, {0x4F, false, value, 2}};
+        instrument.i2cTransfer(messages, 2);
+        instrument.uartWrite(reinterpret_cast<const uint8_t*>("\xA5\x01\xA7\x5A"), 4);
+        instrument.setWaveform(1, {});
+        instrument.runCommand("/opt/harvane/scripts/ptp_control.sh status");
+    }
+    reader.join();
+    other.join();
+    EXPECT_TRUE(inOrder);
+    EXPECT_EQ(200u * 8000u, next);
+}
+
+TEST(Streams, debugCounterTakesThePlaceOfTheConverter) {
+    Scenario scenario = Scenario::standard();
+    Rig rig(scenario);
+    rig.raw(0, 150);
+    rig.filtered(0, 1, 0);
+    rig.open(0, Stream::Raw, 2000);
+    rig.open(0, Stream::Filtered, 4000);
+    rig.enable(0, true, true);
+    rig.start(0, Stream::Raw);
+    rig.start(0, Stream::Filtered);
+    rig.store(0xA0200004, 1);
+    rig.storeBits(0xA0200078, 0x01010000, 0x01010000);
+    rig.now += 0.1;
+    const auto raw = rig.read<int16_t>(0, Stream::Raw, 4000);
+    ASSERT_EQ(2000u, raw.size());
+    for (size_t n = 0; n < raw.size(); ++n) {
+        ASSERT_EQ(static_cast<int16_t>(n * 150), raw[n]) << n;
+    }
+    // 8 ticks a sample, 349 ticks late, far from the step of the 16-bit counter.
+    const auto filtered = rig.read<int32_t>(0, Stream::Filtered, 4000);
+    ASSERT_EQ(1000u, filtered.size());
+    for (size_t n = 100; n < filtered.size(); ++n) {
+        ASSERT_NEAR((8.0 * static_cast<double>(n) - 349.0) * 65536.0, filtered[n], 2.0) << n;
+    }
+}
+
+}  // namespace

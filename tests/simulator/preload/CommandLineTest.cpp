@@ -1,0 +1,143 @@
+#include <sys/wait.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "simulator/model/ScenarioJson.h"
+#include "tests/simulator/preload/PreloadFixture.h"
+
+using namespace kestrixsim;
+
+namespace {
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+// Runs the program that was built beside this one.
+class CommandLine : public testing::Test {
+protected:
+    TemporaryFolder folder_;
+    const std::string program_ = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "kestrix-sim";
+
+    // The simulator's folders go where the test can see them.
+    Result run(const std::string& arguments, const std::string& environment = "") {
+        const std::string line = "cd " + folder_.path().string() + " && mkdir -p tmp && env TMPDIR=" +
+                                 (folder_ / "tmp") + " " + environment + " timeout 60 " + program_ + " " + arguments +
+                                 " >out 2>err </dev/null";
+        const int status = std::system(line.c_str());
+        return {WEXITSTATUS(status), content("out"), content("err")};
+    }
+
+    std::string content(const std::string& name) {
+        std::ifstream file(folder_ / name);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+};
+
+TEST_F(CommandLine, RunServesAProgramThatKnowsNothingOfIt) {
+    const Result address = run("run -- cat /sys/class/net/eth0/address");
+    EXPECT_EQ(address.status, 0) << address.err;
+    EXPECT_EQ(address.out.size(), 18u);
+    EXPECT_TRUE(std::filesystem::is_empty(folder_ / "tmp")) << "the root folder stays behind";
+    EXPECT_EQ(run("run -- test -c /dev/ttyPS1").status, 0);
+    EXPECT_EQ(run("run -- cat /dev/tolvn_timing").status, 1);
+    const Result pipeline = run("run -- sh -c 'cat /sys/class/gpio/gpio504/value | wc -l; exit 7'");
+    EXPECT_EQ(pipeline.status, 7);
+    EXPECT_EQ(pipeline.err, "");
+    const Result size = run("run -- stat -c %t:%T /dev/i2c-1");
+    EXPECT_EQ(size.out, "59:1\n");
+    // With blocking reads of one descriptor through an ordinary tool: the stream was never configured.
+    EXPECT_NE(run("run -- dd if=/dev/tolvn_dma_r0 iflag=nonblock bs=100 count=1").status, 0);
+}
+
+TEST_F(CommandLine, RunReportsWhatItCannotRun) {
+    EXPECT_EQ(run("run -- no-such-program").status, 127);
+    std::ofstream(folder_ / "plain") << "#!/bin/sh\n";
+    EXPECT_EQ(run("run -- ./plain").status, 126);
+    EXPECT_EQ(run("run").status, 2);
+    EXPECT_EQ(run("").status, 2);
+    EXPECT_EQ(run("bogus").status, 2);
+    EXPECT_EQ(run("--help").status, 0);
+}
+
+TEST_F(CommandLine, RunHandsTheScenarioOn) {
+    std::ofstream(folder_ / "two.json") << R"({"slots": 2, "boardType": 1})";
+    EXPECT_EQ(run("run --scenario two.json -- test -c /dev/tolvn_dma_f1").status, 0);
+    EXPECT_EQ(run("run --scenario two.json -- test -c /dev/tolvn_dma_f2").status, 1);
+    EXPECT_EQ(run("run -- test -c /dev/tolvn_dma_f2").status, 0);
+    EXPECT_EQ(run("run -- test -c /dev/tolvn_dma_f2", "KESTRIX_SIM_SCENARIO=" + (folder_ / "two.json")).status, 0)
+        << "without a file it is the standard scenario, whatever the environment says";
+    std::ofstream(folder_ / "wrong.json") << R"({"slots": "two"})";
+    const Result wrong = run("run --scenario wrong.json -- true");
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_NE(wrong.err.find("slots"), std::string::npos);
+}
+
+TEST_F(CommandLine, PreloadsAreChained) {
+    const Result both = run("run -- env", "LD_PRELOAD=libdl.so.2 KESTRIX_SIM_PRELOAD_FIRST=libpthread.so.0");
+    const size_t start = both.out.find("LD_PRELOAD=libpthread.so.0:/");
+    ASSERT_NE(start, std::string::npos) << both.out;
+    EXPECT_NE(both.out.find("libkestrixsim.so:libdl.so.2\n", start), std::string::npos) << both.out;
+}
+
+TEST_F(CommandLine, AWrongScenarioEndsAPreloadedProgram) {
+    std::ofstream(folder_ / "wrong.json") << "{";
+    const std::filesystem::path folder = std::filesystem::path(program_).parent_path();
+    const std::string library = std::filesystem::canonical(folder / "../lib/libkestrixsim.so");
+    const std::string line = "KESTRIX_SIM_SCENARIO=" + (folder_ / "wrong.json") + " LD_PRELOAD=" + library +
+                             " cat /sys/class/net/eth0/address >" + (folder_ / "out") + " 2>" + (folder_ / "err");
+    const int status = std::system(line.c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 78);
+    EXPECT_NE(content("err").find("wrong.json"), std::string::npos);
+    EXPECT_EQ(content("out"), "");
+}
+
+TEST_F(CommandLine, ScenariosArePrintedAsTheyAreRead) {
+    const Result standard = run("scenario");
+    EXPECT_EQ(standard.out, ScenarioJson::write(Scenario::standard()));
+    EXPECT_EQ(run("scenario --standard").out, standard.out);
+    EXPECT_EQ(run("scenario --counters").out, ScenarioJson::write(Scenario::counters()));
+    EXPECT_EQ(run("scenario --standard --counters").status, 2);
+    EXPECT_EQ(standard.err, "");
+}
+
+TEST_F(CommandLine, CheckSaysWhatIsWrong) {
+    std::ofstream(folder_ / "good.json") << R"({"slots": 2, "modules": [{"slot": 1}]})";
+    std::ofstream(folder_ / "bad\"name.json") << R"({"slotz": 2})";
+    const Result good = run("check good.json");
+    EXPECT_EQ(good.status, 0);
+    EXPECT_EQ(good.out, "good.json: board type 0, 2 slots, 1 modules, 0 faults\n");
+    EXPECT_EQ(nlohmann::json::parse(run("check --json good.json").out)["modules"], 1);
+    const Result bad = run("check 'bad\"name.json'");
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_NE(bad.err.find("slotz: unknown key"), std::string::npos);
+    const Result report = run("check --json 'bad\"name.json'");
+    EXPECT_EQ(report.status, 1);
+    const auto json = nlohmann::json::parse(report.out);
+    EXPECT_EQ(json["valid"], false);
+    EXPECT_EQ(json["file"], "bad\"name.json");
+    EXPECT_EQ(run("check").status, 2);
+}
+
+TEST_F(CommandLine, DoorsListWhatIsServed) {
+    const auto doors = nlohmann::json::parse(run("doors --json").out);
+    const auto answer = [&](const std::string& path) {
+        for (const auto& door : doors) {
+            if (door["path"] == path) {
+                return door["answer"].get<std::string>();
+            }
+        }
+        return std::string();
+    };
+    EXPECT_EQ(answer("/dev/mem"), "device");
+    EXPECT_EQ(answer("/dev/tolvn_dma_rN"), "device");
+    EXPECT_EQ(answer("/dev/tolvn_*"), "absent");
+    EXPECT_EQ(answer("/sys/class/leds/..."), "files");
+    EXPECT_NE(run("doors").out.find("falls through"), std::string::npos);
+}
+
+}  // namespace

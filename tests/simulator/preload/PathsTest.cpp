@@ -1,0 +1,149 @@
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "tests/simulator/preload/PreloadFixture.h"
+
+using namespace kestrixsim;
+
+namespace {
+
+const char* const gpio = "/sys/class/gpio/gpio504/value";
+const char* const macAddress = "/sys/class/net/eth0/address";
+
+class Paths : public PreloadTest {
+protected:
+    static std::string content(const std::string& path) {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    static std::string under(const char* path) { return rootFolder() + path; }
+};
+
+TEST_F(Paths, StreamsReachTheRootFolder) {
+    const std::string mac = content(under(macAddress));
+    ASSERT_EQ(mac.size(), 18u) << "six bytes in hexadecimal, colons, line end";
+    EXPECT_EQ(content(macAddress), mac);
+    char line[64] = {};
+    FILE* const opened[] = {::fopen(macAddress, "r"), ::fopen64(macAddress, "r"),
+                            ::freopen(macAddress, "r", ::fopen("/dev/null", "r")),
+                            ::freopen64(macAddress, "r", ::fopen("/dev/null", "r"))};
+    for (FILE* stream : opened) {
+        ASSERT_NE(stream, nullptr);
+        EXPECT_NE(std::fgets(line, sizeof line, stream), nullptr);
+        EXPECT_EQ(line, mac);
+        EXPECT_EQ(std::fclose(stream), 0);
+    }
+    std::ofstream(gpio) << "1";
+    EXPECT_EQ(content(under(gpio)), "1");
+}
+
+TEST_F(Paths, AWriteReplacesAnAttribute) {
+    const char* const trigger = "/sys/class/leds/led2/trigger";
+    for (const char* text : {"timer", "none"}) {
+        const Descriptor file(::open(trigger, O_WRONLY));
+        ASSERT_GE(file, 0);
+        ASSERT_EQ(::write(file, text, std::strlen(text)), static_cast<ssize_t>(std::strlen(text)));
+    }
+    EXPECT_EQ(content(trigger), "none");
+    std::ofstream(trigger, std::ios::app) << "+";
+    EXPECT_EQ(content(trigger), "none+");
+}
+
+TEST_F(Paths, QuestionsAboutFilesAndDevices) {
+    struct Case {
+        const char* path;
+        mode_t type;  // 0: not there
+    };
+    const Case cases[] = {{gpio, S_IFREG},
+                          {"/sys/class/gpio", S_IFDIR},
+                          {"/sys/class/gpio/", S_IFDIR},
+                          {"/sys/class/gpio/nothing", 0},
+                          {"/opt/harvane/scripts/ptp_control.sh", S_IFREG},
+                          {"/dev/mem", S_IFCHR},
+                          {"/dev/tolvn_dma_r7", S_IFCHR},
+                          {"/dev/tolvn_dma_r8", 0},
+                          {"/dev/tolvn_timing", 0},
+                          {"/", S_IFDIR},
+                          {"/dev/null", S_IFCHR}};
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.path);
+        struct stat status[6] = {};
+        struct statx extended {};
+        const int expected = one.type != 0 ? 0 : -1;
+        errno = 0;
+        EXPECT_EQ(::stat(one.path, &status[0]), expected);
+        EXPECT_EQ(errno, one.type != 0 ? 0 : ENOENT);
+        EXPECT_EQ(::lstat(one.path, &status[1]), expected);
+        EXPECT_EQ(::fstatat(AT_FDCWD, one.path, &status[2], 0), expected);
+        EXPECT_EQ(::stat64(one.path, reinterpret_cast<struct stat64*>(&status[3])), expected);
+        EXPECT_EQ(::lstat64(one.path, reinterpret_cast<struct stat64*>(&status[4])), expected);
+        EXPECT_EQ(::fstatat64(AT_FDCWD, one.path, reinterpret_cast<struct stat64*>(&status[5]), 0), expected);
+        EXPECT_EQ(::statx(AT_FDCWD, one.path, 0, STATX_BASIC_STATS, &extended), expected);
+        EXPECT_EQ(::access(one.path, F_OK), expected);
+        EXPECT_EQ(::faccessat(AT_FDCWD, one.path, R_OK, 0), expected);
+        if (expected == 0) {
+            for (const struct stat& each : status) {
+                EXPECT_EQ(each.st_mode & S_IFMT, one.type);
+            }
+            EXPECT_EQ(extended.stx_mode & S_IFMT, one.type);
+        }
+    }
+    EXPECT_EQ(::access("/dev/mem", X_OK), -1);
+    EXPECT_EQ(errno, EACCES);
+    int (*const volatile ask)(const char*, int) = ::access;  // whose type lets null through
+    EXPECT_EQ(ask(nullptr, F_OK), -1);
+    EXPECT_EQ(errno, EFAULT);
+}
+
+TEST_F(Paths, FoldersAreListed) {
+    std::set<std::string> names;
+    DIR* folder = ::opendir("/sys/class/net");
+    ASSERT_NE(folder, nullptr);
+    while (const dirent* entry = ::readdir(folder)) {
+        names.insert(entry->d_name);
+    }
+    ::closedir(folder);
+    EXPECT_TRUE(names.contains("eth0"));
+    const auto iterated = std::distance(std::filesystem::directory_iterator("/sys/class/net"), {});
+    EXPECT_EQ(names.size(), static_cast<size_t>(iterated) + 2);
+    EXPECT_EQ(::opendir("/dev/mem"), nullptr);
+    EXPECT_EQ(errno, ENOTDIR);
+    folder = ::opendir("/");
+    EXPECT_NE(folder, nullptr);
+    ::closedir(folder);
+}
+
+TEST_F(Paths, FilesThatAreMissingInTheRootAreNotLookedForElsewhere) {
+    ASSERT_EQ(::access("/sys/class/net/eth0", F_OK), 0);
+    std::filesystem::remove_all(under("/sys/class/net"));
+    EXPECT_EQ(::access("/sys/class/net", F_OK), -1) << "the machine's own folder stays hidden";
+    EXPECT_EQ(::fopen(macAddress, "r"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Paths, DevicesAreNotOpenedAsStreams) {
+    EXPECT_EQ(::fopen("/dev/mem", "r+"), nullptr);
+    EXPECT_EQ(errno, ENOTSUP);
+    EXPECT_EQ(::fopen("/dev/tolvn_timing", "r"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    const Descriptor device(::open("/dev/ttyPS1", O_RDWR));
+    EXPECT_EQ(::fdopen(device, "r+"), nullptr);
+    EXPECT_EQ(errno, ENOTSUP);
+}
+
+TEST_F(Paths, AnotherInstrumentHasAnotherRootFolder) {
+    const std::string before = rootFolder();
+    std::ofstream(gpio) << "1";
+    reset(quickScenario());
+    EXPECT_FALSE(std::filesystem::exists(before));
+    EXPECT_NE(content(gpio).substr(0, 1), "1");
+    EXPECT_NE(rootFolder(), before);
+}
+
+}  // namespace
