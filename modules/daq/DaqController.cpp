@@ -1,0 +1,391 @@
+#include "modules/daq/DaqController.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+#include "modules/daq/objectmodel/Channel.h"
+#include "modules/daq/objectmodel/DaqDevice.h"
+#include "modules/daq/objectmodel/DaqException.h"
+#include "modules/daq/objectmodel/DaqLoop.h"
+#include "modules/daq/objectmodel/Log.h"
+#include "modules/daq/objectmodel/SystemDevice.h"
+#include "modules/daq/synchronization/DaqClock.h"
+#include "modules/daq/synchronization/DaqTiming.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+namespace {
+
+/// Rate that a tree starts with, as far as its devices can do it.
+constexpr int defaultSampleRate = 1000;
+
+/// Share of a channel's ring that the fastest channel may be ahead of the slowest.
+constexpr double maxDrift = 0.75;
+
+/// Rates that checkSampleRate tries. The instrument has a few hundred legal ones, a device that takes any rate meets a
+/// common divider long before.
+constexpr int maxRateSteps = 100000;
+
+SynchronizationOption standalone() {
+    return {SynchronizationMode::Standalone, {}};
+}
+
+}
+
+DaqController::DaqController() = default;
+DaqController::~DaqController() = default;
+
+void DaqController::initialize() {
+    daqFactory.createInterfaces(interfaces);
+    interfaces.initialize();
+}
+
+void DaqController::scan() {
+    interfaces.scan();
+    systemDevice = daqFactory.createSystemDevice(interfaces);
+
+    // Nothing may keep a tree of an earlier scan alive or drive it on.
+    daqDevices.clear();
+    allChannels.clear();
+    acquisitionChannels.clear();
+    masterClockDevice.reset();
+    loopDevice.reset();
+    daqTiming.reset();
+    acqInitialized = false;
+
+    systemDevice->initialize();
+    for (const auto& device : systemDevice->getAllDevices()) {
+        if (auto daqDevice = std::dynamic_pointer_cast<DaqDevice>(device)) {
+            daqDevices.push_back(daqDevice);
+        }
+    }
+}
+
+void DaqController::initializeHardware() {
+    systemDevice->initializeHardware();
+    for (const auto& text : systemDevice->checkHardware()) {
+        LOG_WARNING << DeviceError(text).text;
+    }
+    systemDevice->buildChannelView();
+
+    const auto options = getSynchronizationOptions();
+    if (options.empty()) {
+        LOG_FATAL << "No valid sync option";
+        throw std::runtime_error("No valid sync option");
+    }
+    setSynchronization(*options.begin());
+    applySynchronization();
+
+    allChannels = systemDevice->getAllChannels();
+    int index = 0;
+    for (const auto& channel : allChannels) {
+        channel->index = index++;
+    }
+    setSampleRate(checkSampleRate(defaultSampleRate));
+}
+
+void DaqController::applySynchronization() {
+    setMasterClockDevice();
+    setLoopDevice();
+    setDaqTiming();
+    systemDevice->applySynchronization();
+}
+
+void DaqController::prepareAcquisition() {
+    // A stop that failed half-way leaves its flags set, and the bridge ignores rate changes while it sees them.
+    setAcqRunning(false);
+    setAcqStopping(false);
+    systemDevice->setOperationMode(operationMode);
+    systemDevice->prepareAcquisition(true);
+    acqInitialized = false;
+}
+
+void DaqController::initializeAcquisition() {
+    clearEnableFirstChannelFlags();
+    if (masterClockDevice && masterClockDevice->daqClock && masterClockDevice->daqClock->needsChannel) {
+        setEnableFirstChannelFlag();
+    }
+    systemDevice->setUsedChannels(true);
+    systemDevice->initializeAcquisition(true);
+    acquisitionChannels = allChannels.getActiveChannels();
+    acqInitialized = true;
+}
+
+void DaqController::startAcquisition() {
+    systemDevice->startAcquisition(true);
+    setAcqRunning(true);
+}
+
+void DaqController::stopAcquisition() {
+    setAcqStopping(true);
+    systemDevice->stopAcquisition(true);
+    systemDevice->finalizeAcquisition(true);
+    acqInitialized = false;
+    setAcqRunning(false);
+    setAcqStopping(false);
+}
+
+void DaqController::acquireData() {
+    systemDevice->acquireData();
+    const std::uint64_t most = acquisitionChannels.getMaxSamplesAcquired();
+    const std::uint64_t least = acquisitionChannels.getMinSamplesAcquired();
+    maxSamplesAcquired = most;
+    for (const auto& channel : acquisitionChannels) {
+        if (channel->sampleType != SampleType::Sync) {
+            continue;
+        }
+        const auto divider = static_cast<std::uint64_t>(channel->srDiv);
+        channel->samplesBehind = most - divider * channel->samplesAcquired.get();
+        const auto ring = static_cast<double>(channel->buffer->getCapacity() * divider);
+        if (static_cast<double>(most - least) > maxDrift * ring) {
+            throw DataLostException();
+        }
+    }
+}
+
+void DaqController::sendData() {
+    systemDevice->sendData();
+}
+
+void DaqController::setAcqRunning(bool running) {
+    acqRunning = running;
+    if (systemDevice) {
+        systemDevice->setAcqRunning(running);
+    }
+}
+
+void DaqController::setAcqStopping(bool stopping) {
+    acqStopping = stopping;
+    if (systemDevice) {
+        systemDevice->setAcqStopping(stopping);
+    }
+}
+
+double DaqController::getCurrentTime() const {
+    if (!masterClockDevice || !masterClockDevice->daqClock) {
+        return -1.0;
+    }
+    return masterClockDevice->daqClock->getCurrentTime(true);
+}
+
+int DaqController::getMinSampleRate() const {
+    int lowest = std::numeric_limits<int>::max();
+    bool found = false;
+    for (const auto& device : daqDevices) {
+        if (device->hasDeviceRate()) {
+            lowest = std::min(lowest, device->minRate);
+            found = true;
+        }
+    }
+    return found ? lowest : 1;
+}
+
+int DaqController::getMaxSampleRate() const {
+    const auto fastest = findDeviceWithMaxSR();
+    return fastest ? fastest->maxRate : 10;
+}
+
+std::shared_ptr<DaqDevice> DaqController::findDeviceWithMaxSR() const {
+    std::shared_ptr<DaqDevice> fastest;
+    for (const auto& device : daqDevices) {
+        if (device->hasDeviceRate() && (!fastest || device->maxRate > fastest->maxRate)) {
+            fastest = device;
+        }
+    }
+    return fastest;
+}
+
+bool DaqController::isSRValidForAllDevices(int rate) const {
+    return std::all_of(daqDevices.begin(), daqDevices.end(), [rate](const std::shared_ptr<DaqDevice>& device) {
+        return !device->hasDeviceRate() || device->checkRate(rate, rate) >= 0;
+    });
+}
+
+void DaqController::setSampleRate(int rate) {
+    sampleRate = rate;
+    for (const auto& device : daqDevices) {
+        if (device->hasDeviceRate()) {
+            device->setSampleRate(rate);
+        }
+    }
+}
+
+int DaqController::checkSampleRate(int rate) const {
+    const int lowest = getMinSampleRate();
+    const int clamped = rate < lowest ? lowest : std::min(rate, getMaxSampleRate());
+    const auto device = findDeviceWithMaxSR();
+    if (!device) {
+        return clamped;
+    }
+    const int nearest = device->checkRate(clamped);
+    int candidate = nearest;
+    for (int step = 0; step < maxRateSteps; ++step) {
+        if (isSRValidForAllDevices(candidate)) {
+            return candidate;
+        }
+        const int next = candidate > 1 ? device->checkRate(candidate - 1) : candidate;
+        if (next >= candidate) {
+            break;
+        }
+        candidate = next;
+    }
+    LOG_WARNING << "No sample rate at or below " << nearest << " suits all devices; it is kept for the fastest device";
+    return nearest;
+}
+
+std::shared_ptr<Device> DaqController::findDeviceByChannel(const std::shared_ptr<Channel>& channel) const {
+    if (systemDevice) {
+        for (const auto& device : systemDevice->getAllDevices()) {
+            if (device->channelExists(channel)) {
+                return device;
+            }
+        }
+    }
+    return nullptr;
+}
+
+bool DaqController::hasPartners(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& option) const {
+    return std::all_of(daqDevices.begin(), daqDevices.end(), [&](const std::shared_ptr<DaqDevice>& other) {
+        return other == device || getFirstValidSyncMode(other, option).first != SynchronizationMode::None;
+    });
+}
+
+SynchronizationOptions DaqController::getSynchronizationOptions() const {
+    if (daqDevices.empty()) {
+        return {standalone()};
+    }
+    SynchronizationOptions all;
+    for (const auto& device : daqDevices) {
+        all.merge(getSynchronizationOptions(device));
+    }
+    return all;
+}
+
+SynchronizationOptions DaqController::getSynchronizationOptions(const std::shared_ptr<DaqDevice>& device) const {
+    SynchronizationOptions kept;
+    for (const auto& option : device->getSynchronizationOptions()) {
+        if (option.first == SynchronizationMode::SoftSync || hasPartners(device, option)) {
+            kept.insert(option);
+        }
+    }
+    return kept;
+}
+
+void DaqController::setSynchronization(const SynchronizationOption& wanted) {
+    if (daqDevices.empty() && wanted == standalone()) {
+        synchronization = wanted;
+        return;
+    }
+    for (const auto& device : daqDevices) {
+        for (const auto& option : getSynchronizationOptions(device)) {
+            if (!checkSynchronization(device, option, wanted)) {
+                continue;
+            }
+            for (const auto& other : daqDevices) {
+                other->setSynchronizationOption(other == device ? option : getFirstValidSyncMode(other, option));
+            }
+            synchronization = option;
+            return;
+        }
+    }
+    throw std::runtime_error("not valid synchronization");
+}
+
+bool DaqController::checkSynchronization(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& offered,
+                                         const SynchronizationOption& wanted) const {
+    return offered.first == wanted.first &&
+           std::includes(offered.second.begin(), offered.second.end(), wanted.second.begin(), wanted.second.end()) &&
+           hasPartners(device, offered);
+}
+
+SynchronizationOption DaqController::getFirstValidSyncMode(const std::shared_ptr<DaqDevice>& device,
+                                                           const SynchronizationOption& option) const {
+    for (const auto& candidate : device->getSynchronizationOptions()) {
+        if (isValidSyncModeCombination(option, candidate)) {
+            return candidate;
+        }
+    }
+    return {SynchronizationMode::None, {}};
+}
+
+bool DaqController::isValidSyncModeCombination(const SynchronizationOption& a, const SynchronizationOption& b) const {
+    if (b.first == SynchronizationMode::SoftSync) {
+        return true;
+    }
+    // Both follow the same outside reference.
+    if (a.first != SynchronizationMode::Standalone && a.first == b.first) {
+        return true;
+    }
+    return a.second.hasSynchronizationMode(b.first);
+}
+
+void DaqController::setMasterClockDevice() {
+    masterClockDevice.reset();
+    std::shared_ptr<DaqDevice> firstWithClock;
+    for (const auto& device : daqDevices) {
+        if (!device->daqClock) {
+            continue;
+        }
+        if (!firstWithClock) {
+            firstWithClock = device;
+        }
+        const auto options = getSynchronizationOptions(device);
+        if (std::any_of(options.begin(), options.end(), [&](const SynchronizationOption& option) {
+                return checkSynchronization(device, option, synchronization);
+            })) {
+            masterClockDevice = device;
+            break;
+        }
+    }
+    if (!masterClockDevice) {
+        masterClockDevice = firstWithClock;
+    }
+    if (masterClockDevice) {
+        for (const auto& device : daqDevices) {
+            device->masterClock = masterClockDevice->daqClock;
+        }
+    }
+}
+
+void DaqController::setLoopDevice() {
+    loopDevice.reset();
+    for (const auto& device : daqDevices) {
+        if (device->daqLoop) {
+            device->daqLoop->isLoopMaster = !loopDevice;
+            if (!loopDevice) {
+                loopDevice = device->daqLoop;
+            }
+        }
+    }
+}
+
+void DaqController::setDaqTiming() {
+    daqTiming = masterClockDevice ? masterClockDevice->daqTiming : nullptr;
+    for (size_t i = 0; !daqTiming && i < daqDevices.size(); ++i) {
+        daqTiming = daqDevices[i]->daqTiming;
+    }
+}
+
+void DaqController::clearEnableFirstChannelFlags() {
+    for (const auto& channel : allChannels) {
+        channel->enableFirst = false;
+    }
+}
+
+void DaqController::setEnableFirstChannelFlag() {
+    const auto sources = masterClockDevice->getAllChannels().getChannelsBySampleType(SampleType::Sync);
+    for (const auto& channel : sources) {
+        if (channel->used && channel->enabled) {
+            return;
+        }
+    }
+    for (const auto& channel : sources) {
+        if (channel->enabled) {
+            channel->enableFirst = true;
+            return;
+        }
+    }
+}
+
+}

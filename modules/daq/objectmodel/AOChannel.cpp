@@ -1,0 +1,28 @@
+#include "modules/daq/objectmodel/AOChannel.h"
+
+#include <cmath>
+
+namespace Harvane::RT::Modules::Daq {
+
+AOChannel::AOChannel(int number) : Channel(number) {
+    sampleType = SampleType::Async;
+    maxRate = 1000;
+    isControl = true;
+    unit = "V";
+}
+
+void AOChannel::initialize() {
+    createAnalogBuffer(resolution);
+}
+
+void AOChannel::initializeAcquisition() {
+    Channel::initializeAcquisition();
+    prepareScaleFactors();
+}
+
+void AOChannel::prepareScaleFactors() {
+    scale = isFloat ? 1.0 : (maxValue - minValue) / std::ldexp(1.0, resolution);
+    offset = 0.0;
+}
+
+}

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "modules/daq/objectmodel/SubDevice.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+/// CAN part of a device: the place that a DaqDevice keeps for it.
+class CANDevice : public SubDevice {
+protected:
+    CANDevice() = default;
+};
+
+}

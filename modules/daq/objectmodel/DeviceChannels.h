@@ -1,0 +1,24 @@
+#pragma once
+
+#include "modules/daq/objectmodel/Channels.h"
+#include "modules/daq/objectmodel/OperationMode.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+/// The channels of one device, driven together.
+class DeviceChannels : public Channels {
+public:
+    void prepareAcquisition();
+    /// Settles which channels are active, counts them and initializes all of them; inactive ones get no memory.
+    void initializeAcquisition();
+    /// Active channels only.
+    void beforeAcquireData();
+    void afterAcquireData();
+    void finalizeAcquisition();
+
+    int maxChannels = 0;         ///< How many channels the device makes.
+    int activeChannelCount = 0;
+    OperationMode operationMode = 0;
+};
+
+}

@@ -1,0 +1,23 @@
+#include "modules/daq/objectmodel/Interfaces.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+Interfaces::~Interfaces() {
+    for (const auto& interface : *this) {
+        interface->finalize();
+    }
+}
+
+void Interfaces::initialize() {
+    for (const auto& interface : *this) {
+        interface->initialize();
+    }
+}
+
+void Interfaces::scan() {
+    for (const auto& interface : *this) {
+        interface->scan();
+    }
+}
+
+}

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <ostream>
+
+// plog writes wchar_t texts into a narrow stream, which C++20 deletes. This overload is found first, as it stands in
+// plog's own namespace, and writes the characters as far as they are ASCII. Include this header and never plog/Log.h.
+namespace plog {
+
+inline std::ostream& operator<<(std::ostream& stream, const wchar_t* text) {
+    for (; text && *text; ++text) {
+        stream.put(*text > 0 && *text < 128 ? static_cast<char>(*text) : '?');
+    }
+    return stream;
+}
+
+}
+
+#include <plog/Log.h>

@@ -1,0 +1,9 @@
+#include "modules/daq/objectmodel/SystemDevice.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+std::string SystemDevice::getDisplayName() const {
+    return "Measurement system";
+}
+
+}

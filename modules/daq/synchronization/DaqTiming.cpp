@@ -1,0 +1,11 @@
+#include "modules/daq/synchronization/DaqTiming.h"
+
+#include "modules/daq/objectmodel/DaqDevice.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+std::shared_ptr<DaqDevice> DaqTiming::getDaqDevice() const {
+    return getParent<DaqDevice>();
+}
+
+}

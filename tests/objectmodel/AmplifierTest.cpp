@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include "modules/daq/amplifier/Amplifier.h"
+
+using namespace Harvane::RT::Modules::Daq;
+
+namespace {
+
+/// An amplifier whose scalings are switched on.
+class ScalingAmplifier : public Amplifier {
+public:
+    explicit ScalingAmplifier(const std::string& measurement) { addMeasurementValue(measurement); }
+    bool isBridgeExcScalingEnabled() const override { return true; }
+    bool isCurrentScalingEnabled() const override { return true; }
+    bool isResistanceScalingEnabled() const override { return true; }
+    bool isSelectedExternalShuntUnitInmA() const override { return milliampere; }
+    int calculateResistanceModeDeviceRangeIndex() const override { return 7; }
+    int getModuleType() override { return 3; }
+    int getHwCapabilities() override { return 12; }
+    int getFwCapabilities() override { return 5; }
+    int getConnectorType() override { return 255; }
+    bool milliampere = false;
+};
+
+}
+
+TEST(Amplifier, PlainOne) {
+    Amplifier amplifier;
+    EXPECT_EQ(amplifier.getId(), "0.0.0.0");
+    EXPECT_EQ(amplifier.getMeasureType(), "");
+    EXPECT_EQ(amplifier.getScale(), 1.0);
+    EXPECT_EQ(amplifier.getOffset(), 0.0);
+    EXPECT_EQ(amplifier.getMinValue(), -10.0);
+    EXPECT_EQ(amplifier.getMaxValue(), 10.0);
+    EXPECT_TRUE(amplifier.update());
+    EXPECT_FALSE(amplifier.getAIChannel());
+    amplifier.addMeasurementValue("Bridge");
+    amplifier.excitationValue = 5.0;
+    EXPECT_EQ(amplifier.getScale(), 1.0);
+    EXPECT_EQ(ScalingAmplifier("").getId(), "3.12.5.255");
+}
+
+TEST(Amplifier, ScaleByMeasurement) {
+    struct Case {
+        const char* measurement;
+        double excitation, shunt;
+        bool milliampere;
+        double scale;
+    };
+    for (const auto& c :
+         {Case{"Bridge", 0.0, 0, false, 10000.0}, Case{"Bridge", 0.1, 0, false, 10000.0},
+          Case{"Bridge", 0.0999, 0, false, 10000.0}, Case{"Bridge", 5.0, 0, false, 200.0},
+          Case{"Potentiometer", 2.0, 0, false, 500.0}, Case{"Resistance", 4.0, 0, false, 250.0},
+          Case{"Resistance", 0.0, 0, false, 10000.0}, Case{"Current", 5.0, 50.0, false, 0.02},
+          Case{"Current", 5.0, 50.0, true, 20.0}, Case{"Current", 5.0, 0.0, false, 10000.0},
+          Case{"Current", 5.0, 0.0, true, 10000000.0}, Case{"Current", 5.0, 0.0001, false, 10000.0},
+          Case{"Voltage", 5.0, 50.0, true, 1.0}, Case{"bridge", 5.0, 50.0, true, 1.0}}) {
+        ScalingAmplifier amplifier(c.measurement);
+        amplifier.excitationValue = c.excitation;
+        amplifier.externalShuntResistance = c.shunt;
+        amplifier.milliampere = c.milliampere;
+        EXPECT_DOUBLE_EQ(amplifier.getScale(), c.scale) << c.measurement << " " << c.excitation << " " << c.shunt;
+    }
+}
+
+TEST(Amplifier, OnlyABridgeHasAnOffset) {
+    Amplifier amplifier;
+    amplifier.bridgeOffset = 3.5;
+    amplifier.addMeasurementValue("Voltage");
+    amplifier.addMeasurementValue("Bridge");
+    EXPECT_EQ(amplifier.getOffset(), 0.0);
+    amplifier.measurementIndex = 1;
+    EXPECT_EQ(amplifier.getOffset(), 3.5);
+}
+
+TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
+    struct Case {
+        double offset, excitation;
+        const char* range;
+        int index;
+    };
+    for (const auto& c : {Case{100.0, 5.0, "150", 0}, Case{0.0, 5.0, "150", 1}, Case{0.0, 5.0, "200", 1},
+                          Case{0.0, 5.0, "200.5", 0}, Case{-60.0, 5.0, "150", 0}, Case{-50.0, 5.0, "150", 1},
+                          Case{0.0, 5.0, "99999", 0}, Case{0.0, 0.0, "10000", 1}, Case{0.0, 5.0, "0.5", 1}}) {
+        Amplifier amplifier;
+        amplifier.addMeasurementValue("Bridge");
+        amplifier.addDeviceRange(10.0);
+        amplifier.addDeviceRange(1.0);
+        amplifier.addRangeValue(c.range);
+        amplifier.bridgeOffset = c.offset;
+        amplifier.excitationValue = c.excitation;
+        EXPECT_EQ(amplifier.calculateBridgeModeDeviceRangeIndex(), c.index) << c.range << " " << c.offset;
+        EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), c.index);
+    }
+    Amplifier amplifier;
+    amplifier.bridgeOffset = 100.0;
+    amplifier.excitationValue = 5.0;
+    amplifier.addDeviceRange(10.0);
+    EXPECT_EQ(amplifier.getFullDeviceRangeMin(0), -1900.0);
+    EXPECT_EQ(amplifier.getFullDeviceRangeMax(0), 2100.0);
+}
+
+TEST(Amplifier, DeviceRangeIndexByMeasurement) {
+    ScalingAmplifier resistance("Resistance");
+    resistance.rangeIndex = 2;
+    EXPECT_EQ(resistance.calculateRealDeviceRangeIndex(), 7);
+    EXPECT_EQ(resistance.calculateBridgeModeDeviceRangeIndex(), 2);
+    ScalingAmplifier voltage("Voltage");
+    voltage.rangeIndex = 2;
+    EXPECT_EQ(voltage.calculateRealDeviceRangeIndex(), 2);
+    ScalingAmplifier bridge("Bridge");
+    EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument);
+    bridge.addRangeValue("wide");
+    EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument);
+    bridge.clearRanges();
+    bridge.addRangeValue("1e999");
+    EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::out_of_range);
+}
+
+TEST(Amplifier, AnIndexOutsideOfItsListIsHarmless) {
+    for (int index : {-1, 2, 2147483647}) {
+        Amplifier amplifier;
+        amplifier.measurementIndex = amplifier.rangeIndex = amplifier.bridgeTypeIndex = index;
+        amplifier.inputTypeIndex = amplifier.hpFilterIndex = index;
+        amplifier.addMeasurementValue("Bridge");
+        amplifier.addBridgeType("Full");
+        amplifier.addInputType("Single");
+        amplifier.addHpFilter("DC");
+        amplifier.addMinValue(-5.0);
+        amplifier.addMaxValue(5.0);
+        EXPECT_EQ(amplifier.getMeasureType() + amplifier.getBridgeType() + amplifier.getInputType() +
+                      amplifier.getCoupling(), "");
+        EXPECT_EQ(amplifier.getMinValue(), index < 0 ? -10.0 : -5.0);
+        EXPECT_EQ(amplifier.getMaxValue(), index < 0 ? 10.0 : 5.0);
+        amplifier.clearMaxValues();
+        EXPECT_EQ(amplifier.getMaxValue(), 0.0);
+        amplifier.bridgeOffset = 1.0;
+        EXPECT_EQ(amplifier.getFullDeviceRangeMax(5), 1.0);
+    }
+}

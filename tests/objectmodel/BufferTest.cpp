@@ -1,0 +1,170 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
+
+#include "modules/daq/objectmodel/CanMessage.h"
+#include "modules/daq/objectmodel/ChannelBuffer.h"
+#include "modules/daq/objectmodel/DynArrayPositionIndex.h"
+#include "modules/daq/objectmodel/FifoBuffer.h"
+
+using namespace Harvane::RT::Modules::Daq;
+
+namespace {
+
+template <class T>
+void expectNumericBuffer(T value, unsigned long sampleSize, double number) {
+    ChannelBuffer<T> buffer;
+    buffer.setCapacity(3);
+    buffer.addSample(&value);
+    EXPECT_EQ(buffer.getSampleSize(), sampleSize);
+    EXPECT_EQ(buffer.getSampleInDouble(0), number);
+    EXPECT_EQ(static_cast<char*>(buffer.getSample(2)) - static_cast<char*>(buffer.getData()),
+              static_cast<long>(2 * sampleSize));
+}
+
+template <class T>
+void expectRecordBuffer() {
+    ChannelBuffer<T> buffer;
+    buffer.setCapacity(1);
+    const T record{};
+    buffer.addSample(&record);
+    EXPECT_EQ(buffer.getSampleSize(), 16u);
+    EXPECT_THROW(buffer.getSampleInDouble(0), InvalidCallException);
+}
+
+}
+
+TEST(ChannelBuffer, NumericViewAndLayoutOfEachType) {
+    expectNumericBuffer<float>(0.5f, 4, 0.5);
+    expectNumericBuffer<double>(-1e300, 8, -1e300);
+    expectNumericBuffer<signed char>(-128, 1, -128.0);
+    expectNumericBuffer<short>(-32768, 2, -32768.0);
+    expectNumericBuffer<int>(-2147483647 - 1, 4, -2147483648.0);
+    expectNumericBuffer<unsigned short>(65535, 2, 65535.0);
+    expectNumericBuffer<bool>(true, 1, 1.0);
+    expectRecordBuffer<CanMessage>();
+    expectRecordBuffer<DynArrayPositionIndex>();
+}
+
+TEST(ChannelBuffer, RingWrapsAndOverwritesTheOldest) {
+    ChannelBuffer<int> buffer;
+    EXPECT_TRUE(buffer.isEmpty());
+    buffer.setCapacity(10);
+    for (int i = 0; i < 9; ++i) {
+        buffer.addSample(&i);
+    }
+    EXPECT_EQ(buffer.getPosition(), 9u);
+    for (int i = 9; i < 12; ++i) {
+        buffer.addSample(&i);
+        EXPECT_EQ(buffer.getPosition(), static_cast<unsigned long>(i + 1) % 10);
+        EXPECT_EQ(buffer.getSize(), 10u);
+    }
+    const int expected[] = {10, 11, 2, 3, 4, 5, 6, 7, 8, 9};
+    EXPECT_EQ(std::memcmp(buffer.getData(), expected, sizeof(expected)), 0);
+}
+
+TEST(ChannelBuffer, IncrementWrapsOnce) {
+    struct Case {
+        unsigned long position, size, count, newPosition, newSize;
+    };
+    for (const auto& c : {Case{7, 7, 6, 3, 10}, Case{7, 7, 3, 0, 10}, Case{0, 0, 9, 9, 9}, Case{2, 10, 1, 3, 10}}) {
+        ChannelBuffer<short> buffer;
+        buffer.setCapacity(10);
+        buffer.setPosition(c.position);
+        buffer.setSize(c.size);
+        buffer.incrementSamplePosition(c.count);
+        EXPECT_EQ(buffer.getPosition(), c.newPosition);
+        EXPECT_EQ(buffer.getSize(), c.newSize);
+    }
+}
+
+TEST(ChannelBuffer, SameCapacityKeepsTheArrayAndDropsTheContents) {
+    ChannelBuffer<int> buffer;
+    buffer.setCapacity(10);
+    buffer.incrementSamplePosition(5);
+    void* array = buffer.getData();
+    buffer.setCapacity(10);
+    EXPECT_EQ(buffer.getData(), array);
+    EXPECT_EQ(buffer.getSize(), 0u);
+    EXPECT_EQ(buffer.getPosition(), 0u);
+    buffer.incrementSamplePosition(5);
+    buffer.setCapacity(20);
+    EXPECT_EQ(buffer.getCapacity(), 20u);
+    EXPECT_TRUE(buffer.isEmpty());
+    buffer.setCapacity(0);
+    EXPECT_TRUE(buffer.isEmpty());
+}
+
+namespace {
+
+class Fifo : public testing::Test {
+protected:
+    void fillAt(unsigned long readPos, unsigned long count) {
+        fifo.setCapacity(10);
+        fifo.incrementWritePosition(readPos);
+        fifo.incrementReadPosition(readPos);
+        std::vector<unsigned char> bytes(count);
+        std::iota(bytes.begin(), bytes.end(), 1);
+        ASSERT_EQ(fifo.writeSamples(bytes.data(), count, true), count);
+    }
+    std::vector<unsigned char> take(unsigned long count, bool increment, unsigned long offset = 0) {
+        std::vector<unsigned char> bytes(count);
+        bytes.resize(fifo.readSamplesAt(bytes.data(), count, increment, offset));
+        return bytes;
+    }
+    FifoBuffer<unsigned char> fifo;
+};
+
+using Bytes = std::vector<unsigned char>;
+
+}
+
+TEST_F(Fifo, WritesWhatFitsAndNeverOverwrites) {
+    fillAt(0, 6);
+    const unsigned char more[10] = {11, 12, 13, 14, 15, 16, 17, 18, 19, 20};
+    EXPECT_EQ(fifo.writeSamples(more, 10, true), 4u);
+    EXPECT_EQ(fifo.getWritePos(), 0u);
+    EXPECT_TRUE(fifo.isFull());
+    EXPECT_EQ(fifo.writeSamples(more, 1, true), 0u);
+    EXPECT_EQ(take(20, true), (Bytes{1, 2, 3, 4, 5, 6, 11, 12, 13, 14}));
+    EXPECT_EQ(fifo.getReadPos(), 0u);
+    EXPECT_EQ(fifo.getRemainingSize(), 10u);
+}
+
+TEST_F(Fifo, KeepsTheOrderAcrossTheEndOfTheArray) {
+    for (unsigned long start = 0; start < 10; ++start) {
+        fillAt(start, 7);
+        EXPECT_EQ(take(3, false), (Bytes{1, 2, 3})) << start;
+        EXPECT_EQ(take(3, true), (Bytes{1, 2, 3})) << start;
+        EXPECT_EQ(take(10, true), (Bytes{4, 5, 6, 7})) << start;
+        EXPECT_EQ(fifo.getReadPos(), (start + 7) % 10);
+        fifo.reset();
+    }
+}
+
+TEST_F(Fifo, ReadsAtAnOffset) {
+    fillAt(8, 5);
+    EXPECT_EQ(take(2, false, 3), (Bytes{4, 5}));
+    EXPECT_EQ(take(9, false, 1), (Bytes{2, 3, 4, 5}));
+    EXPECT_EQ(take(1, false, 5), Bytes());
+    EXPECT_EQ(take(1, false, 50), Bytes());
+    EXPECT_EQ(fifo.getSize(), 5u);
+}
+
+TEST_F(Fifo, WriteWithoutIncrementAddsNothing) {
+    fillAt(0, 2);
+    const unsigned char byte = 9;
+    EXPECT_EQ(fifo.writeSamples(&byte, 1, false), 1u);
+    EXPECT_EQ(fifo.getSize(), 2u);
+    fifo.incrementWritePosition(1);
+    EXPECT_EQ(take(9, true), (Bytes{1, 2, 9}));
+}
+
+TEST_F(Fifo, CapacityZeroIsEmptyAndNotFull) {
+    unsigned char byte = 0;
+    EXPECT_FALSE(fifo.isFull());
+    EXPECT_EQ(fifo.writeSamples(&byte, 1, true), 0u);
+    EXPECT_EQ(fifo.readSamples(&byte, 1, true), 0u);
+    EXPECT_EQ(fifo.readSamplesAt(&byte, 1, true, 1), 0u);
+}

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "RecordingDevice.h"
+#include "modules/daq/synchronization/GenericDaqClock.h"
+
+using namespace Harvane::RT::Modules::Daq;
+
+namespace {
+
+/// A device with the generic clock and one part that has the channels.
+class Clock : public testing::Test {
+protected:
+    Clock() {
+        device->push_back(part);
+        device->initialize();
+        device->rate = 1000;
+        device->channels.operationMode = part->channels.operationMode = 1;
+    }
+    std::shared_ptr<Channel> channel(int divider, bool used) {
+        auto made = recording::syncChannel(*part);
+        made->srDiv = divider;
+        made->used = used;
+        return made;
+    }
+    double now() { return device->daqClock->getCurrentTime(true); }
+
+    std::shared_ptr<DaqDevice> device = std::make_shared<DaqDevice>();
+    std::shared_ptr<SubDevice> part = std::make_shared<SubDevice>();
+};
+
+}
+
+TEST_F(Clock, CountsTheSamplesOfTheFastestActiveChannel) {
+    auto full = channel(1, true);
+    auto quarter = channel(4, true);
+    auto unused = channel(1, false);
+    device->initializeAcquisition(true);
+    device->startAcquisition(true);
+    EXPECT_EQ(now(), -1.0);
+    full->samplesAcquired = 2000;
+    quarter->samplesAcquired = 500;
+    unused->samplesAcquired = 90000;
+    EXPECT_EQ(now(), 2.0);
+    quarter->samplesAcquired = 501;
+    EXPECT_EQ(now(), 2.004);
+    device->initializeAcquisition(true);
+    EXPECT_EQ(now(), -1.0);
+}
+
+TEST_F(Clock, RunsOnTheSteadyClockWithoutSynchronousChannels) {
+    auto unused = channel(1, false);
+    auto async = std::make_shared<Channel>(1);
+    async->createChannelBuffer<int>();
+    async->used = true;
+    part->channels.push_back(async);
+    device->initializeAcquisition(true);
+    async->samplesAcquired = 5;
+    EXPECT_EQ(now(), -1.0);
+    device->startAcquisition(true);
+    const double first = now();
+    EXPECT_GE(first, 0.0);
+    double later = first;
+    while (later <= first) {
+        later = now();
+    }
+    EXPECT_LT(later, 60.0);
+    device->initializeAcquisition(true);
+    EXPECT_EQ(now(), -1.0);
+}
+
+TEST_F(Clock, AnswersOtherThreadsThroughRunsAndCycles) {
+    auto counted = channel(1, true);
+    std::atomic<bool> done{false};
+    std::atomic<bool> sane{true};
+    std::thread host([&] {
+        while (!done) {
+            const double time = now();
+            if (time != -1.0 && (time <= 0.0 || time > 1000.0)) {
+                sane = false;
+            }
+        }
+    });
+    for (int run = 0; run < 20; ++run) {
+        counted->used = run % 3 != 0;
+        device->rate = 1000 + run;
+        device->initializeAcquisition(true);
+        device->startAcquisition(true);
+        for (int cycle = 0; cycle < 50 && counted->active; ++cycle) {
+            device->acquireData();
+            counted->incSamplePosition(10);
+        }
+        device->stopAcquisition(true);
+        device->finalizeAcquisition(true);
+    }
+    done = true;
+    host.join();
+    EXPECT_TRUE(sane);
+}
