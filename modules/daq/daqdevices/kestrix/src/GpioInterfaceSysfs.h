@@ -1,0 +1,9 @@
+#pragma once
+
+// GPIO lines by the base of their chip and the pin on it. The lines have to be exported already.
+// A file that can't be opened, read or written throws std::system_error; a count other than 1 std::runtime_error.
+class GpioInterfaceSysfs {
+public:
+    void set(int base, int pin, bool value);
+    bool get(int base, int pin);
+};

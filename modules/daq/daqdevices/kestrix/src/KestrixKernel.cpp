@@ -1,0 +1,126 @@
+#include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "shared/libraries/kestrix/src/KestrixLogger.h"
+
+namespace Harvane::RT::Modules::Daq {
+
+namespace {
+
+// Requests of the kernel driver. They take their argument by value.
+constexpr unsigned long setBdCntRequest = 0x40064C01;
+constexpr unsigned long setBdSizeRequest = 0x40064C03;
+
+struct ModeRequest {
+    unsigned long normal;
+    unsigned long usb;
+
+    unsigned long of(bool usbMode) const { return usbMode ? usb : normal; }
+};
+
+constexpr ModeRequest reserveBdMemRequest{0x40064C05, 0x40064C0B};
+constexpr ModeRequest startTransferRequest{0x40064C08, 0x00064C0C};
+constexpr ModeRequest stopTransferRequest{0x40064C09, 0x00064C0D};
+
+const char* modeName(bool usbMode) {
+    return usbMode ? "USB" : "normal";
+}
+
+std::string makeDeviceName(int channel) {
+    return (channel % 2 == 0 ? "/dev/tolvn_dma_r" : "/dev/tolvn_dma_f") + std::to_string(channel / 2);
+}
+
+}  // namespace
+
+KestrixKernel::KestrixKernel(int channel)
+    : defaultBdSize(channel % 2 == 0 ? 937500 : 234375), bdSize(defaultBdSize), deviceName(makeDeviceName(channel)) {
+    KESTRIX_LOG(2, "initialize KestrixKernel, channel: {}", channel);
+    KESTRIX_LOG(2, "channel: {}, device name: {}", channel, deviceName);
+    try {
+        configure();
+    } catch (...) {
+        closeDevice();
+        throw;
+    }
+}
+
+KestrixKernel::~KestrixKernel() {
+    closeDevice();
+}
+
+void KestrixKernel::configure() {
+    fd_ = open(deviceName.c_str(), O_RDWR | O_NONBLOCK);
+    if (fd_ < 0) {
+        KESTRIX_LOG(6, "unable to open device: {}, err={}", deviceName, strerror(errno));
+        throw std::runtime_error("Cannot open device file");
+    }
+    if (ioctl(fd_, setBdCntRequest, static_cast<unsigned long>(bdCount)) < 0) {
+        fail("SET_BD_CNT");
+    }
+    setBdSize();
+    reserveBdMemory(false);
+}
+
+void KestrixKernel::closeDevice() {
+    if (fd_ > 0) {
+        close(fd_);
+        fd_ = -1;
+    }
+}
+
+void KestrixKernel::fail(const char* what) const {
+    KESTRIX_LOG(6, "{} ioctl error, device: {}, err={}", what, deviceName, strerror(errno));
+    throw std::runtime_error(std::string(what) + " ioctl error");
+}
+
+void KestrixKernel::setBdSize() {
+    KESTRIX_LOG(2, "setting BD size, device: {}, sz: {}", deviceName, bdSize);
+    if (ioctl(fd_, setBdSizeRequest, static_cast<unsigned long>(bdSize)) != 0) {
+        KESTRIX_LOG(6, "SET_BD_SIZE ioctl error, device: {}, sz: {}, err={}", deviceName, bdSize, strerror(errno));
+        throw std::runtime_error("SET_BD_SIZE ioctl error");
+    }
+}
+
+void KestrixKernel::reserveBdMemory(bool usbMode) {
+    KESTRIX_LOG(2, "reserving BD memory, device: {}", deviceName);
+    if (ioctl(fd_, reserveBdMemRequest.of(usbMode), 0UL) < 0) {
+        fail("RESERVE_BD_MEM");
+    }
+}
+
+void KestrixKernel::updateConfiguration(bool usbMode) {
+    KESTRIX_LOG(1, "updating configuration, device: {}", deviceName);
+    setBdSize();
+    reserveBdMemory(usbMode);
+}
+
+void KestrixKernel::startTransfer(bool usbMode) {
+    KESTRIX_LOG(1, "starting {} data transfer, device mode: {}", deviceName, modeName(usbMode));
+    if (ioctl(fd_, startTransferRequest.of(usbMode), 0UL) < 0) {
+        fail("START_TRANSFER");
+    }
+}
+
+void KestrixKernel::stopTransfer(bool usbMode) {
+    KESTRIX_LOG(1, "stopping {} data transfer, device mode: {}", deviceName, modeName(usbMode));
+    if (ioctl(fd_, stopTransferRequest.of(usbMode), 0UL) < 0) {
+        fail("STOP_TRANSFER");
+    }
+}
+
+long KestrixKernel::acquireData(unsigned char* buffer, unsigned long size) {
+    const ssize_t count = read(fd_, buffer, size);
+    if (count < 0 && errno != EAGAIN) {
+        KESTRIX_LOG(6, "DMA device read failed, device: {}, err={}", deviceName, strerror(errno));
+        throw std::runtime_error("DMA device read failed");
+    }
+    return count;
+}
+
+}  // namespace Harvane::RT::Modules::Daq
