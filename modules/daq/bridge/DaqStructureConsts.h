@@ -1,0 +1,54 @@
+#pragma once
+
+namespace Harvane::RT::Modules::Daq {
+
+/// Names of the properties that the bridge puts on the data module.
+class DataModuleConsts {
+public:
+    static constexpr const char* SampleRateProp = "SampleRate";
+    static constexpr const char* MinSampleRateProp = "MinSampleRate";
+    static constexpr const char* MaxSampleRateProp = "MaxSampleRate";
+    static constexpr const char* CheckSampleRateProp = "CheckSampleRate";
+    static constexpr const char* CycleRateProp = "CycleRate";
+    static constexpr const char* CheckCycleRateProp = "CheckCycleRate";
+    static constexpr const char* CheckCycleRateBasedOnDeviceSampleRatesProp = "CheckCycleRateBasedOnDeviceSampleRates";
+    static constexpr const char* BeforeStartProp = "BeforeStart";
+    // Of the data module's parent, kept by the host.
+    static constexpr const char* IsUpdatingFromConfigurationProp = "isUpdatingFromConfiguration";
+    // Of the data, kept by the host.
+    static constexpr const char* OperationModeProp = "OperationMode";
+};
+
+/// Names of the properties on the folder of a device.
+class DeviceFolderConsts {
+public:
+    static constexpr const char* SerialNumberProp = "SerialNumber";
+    static constexpr const char* RevisionCounterProp = "RevisionCounter";
+    static constexpr const char* ManufacturerProp = "Manufacturer";
+    static constexpr const char* ModelProp = "Model";
+    static constexpr const char* DeviceManualProp = "DeviceManual";
+    static constexpr const char* DeviceRevisionProp = "DeviceRevision";
+    static constexpr const char* SoftwareRevisionProp = "SoftwareRevision";
+    static constexpr const char* HardwareRevisionProp = "HardwareRevision";
+    static constexpr const char* DeviceHealthProp = "DeviceHealth";
+    static constexpr const char* SampleRateProp = "SampleRate";
+    static constexpr const char* MinSampleRateProp = "MinSampleRate";
+    static constexpr const char* MaxSampleRateProp = "MaxSampleRate";
+    static constexpr const char* CheckRateProp = "CheckRate";
+    static constexpr const char* IOCtlProp = "IOCtl";
+    static constexpr const char* BaseClockProp = "BaseClock";
+    static constexpr const char* SharedInputsProp = "SharedInputs";  // of a group of channels
+};
+
+/// Names of the properties that every channel gets besides those of the class "Channel".
+class DaqChannelConsts {
+public:
+    static constexpr const char* BufferSizeIsMultipleOfProp = "BufferSizeIsMultipleOf";
+    static constexpr const char* MinSampleRateProp = "MinSampleRate";
+    static constexpr const char* MaxSampleRateProp = "MaxSampleRate";
+    static constexpr const char* CheckRateProp = "CheckRate";
+    static constexpr const char* EnabledProp = "Enabled";
+    static constexpr const char* PhaseDelayProp = "PhaseDelay";
+};
+
+}

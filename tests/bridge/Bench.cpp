@@ -1,0 +1,165 @@
+#include "tests/bridge/Bench.h"
+
+#include <algorithm>
+
+#include "modules/daq/DaqController.h"
+#include "modules/daq/bridge/DaqStructure.h"
+#include "modules/daq/entry/LoggerConnection.h"
+#include "modules/daq/objectmodel/DaqObjectFactory.h"
+#include "modules/daq/objectmodel/DaqObjectFactoryManager.h"
+#include "modules/daq/objectmodel/DeviceFactory.h"
+#include "modules/daq/objectmodel/FixedInterfaceHelper.h"
+#include "modules/daq/objectmodel/FixedInterfacePort.h"
+#include "modules/daq/objectmodel/GenericInterface.h"
+#include "modules/daq/objectmodel/SystemDevice.h"
+
+namespace Harvane::RT::Modules::Daq::Test {
+
+using namespace Core;
+
+namespace {
+
+class TestDeviceFactory : public DeviceFactory {
+public:
+    std::vector<std::string> supportsInterfaces() const override { return {"FixedInterface"}; }
+    std::shared_ptr<Device> createDevice(const std::shared_ptr<ConnectionPoint>& connectionPoint) override {
+        for (const auto& [place, device] : devicesToFind()) {
+            if (place == connectionPoint->name) {
+                return device;
+            }
+        }
+        return nullptr;
+    }
+};
+
+const bool factoriesRegistered = [] {
+    static DaqObjectFactory<GenericInterface<FixedInterfaceHelper, FixedInterfacePort>,
+                            DaqObjectFactoryType::Interface>
+        interfaces;
+    static DaqObjectFactory<TestDeviceFactory, DaqObjectFactoryType::DeviceFactory> devices;
+    DaqObjectFactoryManager::registerObjectFactory(&interfaces);
+    DaqObjectFactoryManager::registerObjectFactory(&devices);
+    return true;
+}();
+
+template <class Pointer, class I>
+Pointer findNode(const ChannelFolderPtr& root, const std::string& name) {
+    for (const auto& child : root.getChildren()) {
+        if (auto found = child.template asPtrOrNull<I>(); found && child.getName() == name) {
+            return found;
+        }
+        if (auto folder = child.template asPtrOrNull<IChannelFolder>()) {
+            if (Pointer found = findNode<Pointer, I>(folder, name)) {
+                return found;
+            }
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, std::shared_ptr<Device>>>& devicesToFind() {
+    static std::vector<std::pair<std::string, std::shared_ptr<Device>>> devices;
+    return devices;
+}
+
+LogCapture::LogCapture() {
+    connectLogger();
+    addLogSink(this, 0);
+}
+
+LogCapture::~LogCapture() {
+    removeLogSink(this);
+}
+
+void LogCapture::write(const LogRecord& record) {
+    if (std::string(record.logger) != "DaqModule") {
+        return;
+    }
+    const std::string message = record.message;
+    const size_t end = message.find("] ");
+    entries.push_back({record.level, record.function, end == std::string::npos ? message : message.substr(end + 2)});
+}
+
+std::vector<std::string> LogCapture::take(int level) {
+    std::vector<std::string> texts;
+    for (const auto& entry : entries) {
+        if (entry.level == level) {
+            texts.push_back(entry.text);
+        }
+    }
+    entries.clear();
+    return texts;
+}
+
+Bench::Bench() {
+    IData* newData = nullptr;
+    checkErrorInfo(createData(&newData, StringPtr("Data").get(), 10));
+    data = ObjectPtr<IData>::take(newData);
+    IDataModule* newModule = nullptr;
+    checkErrorInfo(createDataModule(&newModule, StringPtr("Module").get()));
+    dataModule = ObjectPtr<IDataModule>::take(newModule);
+    checkErrorInfo(data->addDataModule(dataModule.get()));
+    IAcquisitionSync* newSync = nullptr;
+    checkErrorInfo(createAcquisitionSync(&newSync));
+    sync = ObjectPtr<IAcquisitionSync>::take(newSync);
+    controller = std::make_unique<DaqController>();
+    structure = std::make_unique<DaqStructure>(*controller);
+}
+
+Bench::~Bench() {
+    devicesToFind().clear();
+}
+
+void Bench::build(const std::vector<std::shared_ptr<Device>>& devices) {
+    int place = 10;
+    for (const auto& device : devices) {
+        devicesToFind().emplace_back("ID_" + std::to_string(place++), device);
+    }
+    controller->initialize();
+    controller->scan();
+    controller->initializeHardware();
+    structure->buildDataModuleProps(dataModule);
+    structure->buildDeviceTree(controller->systemDevice, dataModule.getRootFolder(), sync);
+    log.entries.clear();
+}
+
+void Bench::reserve(const std::vector<std::string>& used) {
+    controller->prepareAcquisition();
+    structure->initialize();
+    for (const auto& [channel, hostChannel] : structure->getChannelsMap()) {
+        hostChannel.setUsed(std::find(used.begin(), used.end(), channel->name) != used.end());
+        checkErrorInfo(hostChannel->initializeAcquisition());
+    }
+}
+
+ChannelPtr<> Bench::channel(const std::string& name) const {
+    return findChannel(dataModule.getRootFolder(), name);
+}
+
+ChannelFolderPtr Bench::folder(const std::string& name) const {
+    return findFolder(dataModule.getRootFolder(), name);
+}
+
+ChannelPtr<> findChannel(const ChannelFolderPtr& root, const std::string& name) {
+    return findNode<ChannelPtr<>, IChannel>(root, name);
+}
+
+ChannelFolderPtr findFolder(const ChannelFolderPtr& root, const std::string& name) {
+    return findNode<ChannelFolderPtr, IChannelFolder>(root, name);
+}
+
+BasePtr rate(int value) {
+    return toValue(Ratio{value, 1});
+}
+
+BasePtr rates(int first, int second) {
+    return asBase(ListPtr::create({rate(first), rate(second)}));
+}
+
+std::string takeText() {
+    return takeErrorMessage();
+}
+
+}

@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "modules/daq/DaqController.h"
+#include "modules/daq/bridge/DaqChannelBuffer.h"
+#include "modules/daq/bridge/DaqStructure.h"
+#include "tests/bridge/Bench.h"
+
+using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Modules::Daq;
+using namespace Harvane::RT::Modules::Daq::Test;
+
+namespace {
+
+class StartTest : public testing::Test, protected Bench {
+protected:
+    StartTest() : device(std::make_shared<TestDevice>()) {
+        build({device});
+        controller->operationMode = 1;
+    }
+
+    bool isHostBacked(size_t index) const {
+        return dynamic_cast<DaqChannelBuffer*>(device->ai->channels[index]->buffer.get()) != nullptr;
+    }
+
+    std::shared_ptr<TestDevice> device;
+};
+
+TEST_F(StartTest, InitializeTellsTheHostWhatToReserve) {
+    device->ai->channels[0]->phaseDelay = 9;
+    device->ai->channels[1]->noReserve = true;
+    structure->initialize();
+    EXPECT_EQ(channel("Raw 1").getPropertyValue<int>("PhaseDelay"), 9);
+    EXPECT_TRUE(channel("Raw 1").getPropertyValue<bool>("ShouldReserveMemory"));
+    EXPECT_FALSE(channel("Filtered 1").getPropertyValue<bool>("ShouldReserveMemory"));
+}
+
+TEST_F(StartTest, UsedSynchronousChannelsWriteIntoTheHost) {
+    const auto& channels = device->ai->channels;
+    const auto ownRaw = channels[0]->buffer;
+    const auto ownFiltered = channels[1]->buffer;
+    reserve({"Raw 1", "Async in"});
+    structure->beforeStart();
+    EXPECT_TRUE(controller->acqInitialized);
+    EXPECT_TRUE(channels[0]->used);
+    EXPECT_TRUE(channels[0]->active);
+    EXPECT_TRUE(isHostBacked(0));
+    EXPECT_EQ(channels[0]->buffer->getData(), channel("Raw 1").getBuffer().getData());
+    EXPECT_EQ(channels[0]->buffer->getCapacity(), 2000u);
+    EXPECT_FALSE(channels[1]->used);
+    EXPECT_EQ(channels[1]->buffer, ownFiltered);
+    // An asynchronous channel keeps its own ring in any case.
+    EXPECT_TRUE(device->async->input->used);
+    EXPECT_EQ(device->async->input->buffer->getCapacity(), 16u);
+
+    // The other way round in the next run, without anything in the way of start or stop.
+    controller->startAcquisition();
+    controller->stopAcquisition();
+    reserve({"Filtered 1"});
+    structure->beforeStart();
+    EXPECT_EQ(channels[0]->buffer, ownRaw);
+    EXPECT_EQ(ownRaw->getCapacity(), 0u);
+    EXPECT_TRUE(isHostBacked(1));
+    EXPECT_EQ(channels[1]->buffer->getCapacity() % 32, 0u);
+}
+
+TEST_F(StartTest, EachStartLooksAtTheRingAnew) {
+    reserve({"Raw 1"});
+    structure->beforeStart();
+    const auto first = device->ai->channels[0]->buffer;
+    channel("Raw 1").setSampleRate(Ratio{500, 1});
+    reserve({"Raw 1"});
+    structure->beforeStart();
+    EXPECT_NE(device->ai->channels[0]->buffer, first);
+    EXPECT_EQ(device->ai->channels[0]->buffer->getCapacity(), 1000u);
+}
+
+// Under a running acquisition the swap would pull the memory away.
+TEST_F(StartTest, BeforeStartIsRefusedWhileRunning) {
+    reserve({"Raw 1"});
+    const auto beforeStart = dataModule.getPropertyValue("BeforeStart").asPtr<IProcObject>();
+    ASSERT_EQ(beforeStart->dispatch(nullptr), Errors::Success);
+    EXPECT_TRUE(controller->acqInitialized);
+    controller->startAcquisition();
+    const auto buffer = device->ai->channels[0]->buffer;
+    EXPECT_EQ(beforeStart->dispatch(nullptr), Errors::InvalidState);
+    EXPECT_NE(takeText().find("running"), std::string::npos);
+    EXPECT_EQ(device->ai->channels[0]->buffer, buffer);
+    controller->stopAcquisition();
+}
+
+TEST_F(StartTest, RingThatWasNotReservedAgainIsRefused) {
+    reserve({"Raw 1"});
+    structure->beforeStart();
+    device->ai->channels[0]->buffer->incrementSamplePosition(30);
+    try {
+        structure->beforeStart();
+        ADD_FAILURE() << "no exception";
+    } catch (const InvalidStateException& exception) {
+        EXPECT_NE(std::string(exception.what()).find("Raw 1"), std::string::npos) << exception.what();
+    }
+    EXPECT_FALSE(controller->acqRunning);
+    reserve({"Raw 1"});
+    EXPECT_NO_THROW(structure->beforeStart());
+}
+
+TEST_F(StartTest, ScaleReachesTheHost) {
+    auto& raw = *device->ai->channels[0];
+    raw.scale = 0.25;
+    raw.offset = -3.0;
+    raw.minValue = -5.0;
+    raw.maxValue = 6.0;
+    raw.unit = "mV/V";
+    reserve({"Raw 1"});
+    structure->beforeStart();
+    const auto hostChannel = channel("Raw 1");
+    EXPECT_EQ(hostChannel.getScale(), 0.25);
+    EXPECT_EQ(hostChannel.getOffset(), -3.0);
+    EXPECT_EQ(hostChannel.getMinValue(), -5.0);
+    EXPECT_EQ(hostChannel.getMaxValue(), 6.0);
+    EXPECT_EQ(hostChannel.getUnit(), StringPtr("mV/V"));
+    const short sample = 100;
+    raw.buffer->addSample(&sample);
+    EXPECT_EQ(hostChannel.getSampleAtRelativePos(-1), 22.0);
+    EXPECT_EQ(raw.getCurrentSample(), 22.0);
+}
+
+}  // namespace

@@ -1,0 +1,266 @@
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "modules/daq/objectmodel/AIDevice.h"
+#include "modules/daq/objectmodel/CanMessage.h"
+#include "modules/daq/objectmodel/Channel.h"
+#include "modules/daq/objectmodel/ChannelFolder.h"
+#include "modules/daq/objectmodel/DaqDevice.h"
+#include "modules/daq/objectmodel/DaqLoop.h"
+#include "modules/daq/synchronization/DaqTiming.h"
+
+// Small devices for the tests of the bridge: an instrument of eight channels whose rates are divisors of a selectable
+// clock.
+namespace Harvane::RT::Modules::Daq::Test {
+
+template <class T>
+class TestChannel : public Channel {
+public:
+    TestChannel(int number, const std::string& channelName, SampleType type) : Channel(number) {
+        name = channelName;
+        sampleType = type;
+        createChannelBuffer<T>();
+    }
+};
+
+// Rates of a clock: its whole divisors from 10 on.
+inline int divisorAtOrBelow(int rate, int clock) {
+    if (rate >= clock) {
+        return clock;
+    }
+    for (int candidate = rate; candidate > 10; --candidate) {
+        if (clock % candidate == 0) {
+            return candidate;
+        }
+    }
+    return 10;
+}
+
+class TestAI : public AIDevice {
+public:
+    TestAI() {
+        baseClocks = {15000000, 10000000};
+        baseClock = 15000000;
+        add<short>("Raw 1", SampleType::Sync);
+        add<int>("Filtered 1", SampleType::Sync);
+        add<signed char>("Byte", SampleType::Sync);
+        add<float>("Single", SampleType::Sync);
+        add<double>("Double", SampleType::Sync);
+        add<CanMessage>("Record", SampleType::Sync);
+        for (const auto& channel : channels) {
+            channel->maxRate = baseClock;
+        }
+        channels[1]->unit = "V";
+        channels[1]->bufferGranularity = 32;
+        channels[1]->phaseDelay = 7;
+        channels[1]->minRate = 5;
+        channels[3]->enabled = false;
+    }
+
+    template <class T>
+    void add(const std::string& channelName, SampleType type) {
+        channels.push_back(std::make_shared<TestChannel<T>>(static_cast<int>(channels.size()), channelName, type));
+    }
+
+    using Device::checkRate;
+    int checkRate(int requested) const override {
+        if (failChecks) {
+            throw std::runtime_error("rate check failed");
+        }
+        const int found = divisorAtOrBelow(requested, baseClock);
+        return found == impossibleRate ? divisorAtOrBelow(found - 1, baseClock) : found;
+    }
+    int getBaseClockForSampleRate(int wanted) override {
+        if (divisorAtOrBelow(wanted, baseClock) == wanted) {
+            return baseClock;
+        }
+        for (const int clock : baseClocks) {
+            if (divisorAtOrBelow(wanted, clock) == wanted) {
+                return clock;
+            }
+        }
+        return baseClock;
+    }
+    void onBaseClockChanged() override {
+        for (const auto& channel : channels) {
+            channel->maxRate = baseClock;
+        }
+        if (baseClock == 10000000) {
+            channels[1]->maxRate = std::min(baseClock, filteredMaxAt10MHz);
+        }
+        maxRate = baseClock;
+        if (auto owner = getDevice()) {
+            owner->maxRate = baseClock;
+        }
+    }
+    void buildChannelView() override {
+        channelView = std::make_shared<ChannelFolder>("Analog", false);
+        auto shared = std::make_shared<ChannelFolder>("Slot 1", true);
+        shared->addChannel(channels[0]);
+        shared->addChannel(channels[1]);
+        auto plain = std::make_shared<ChannelFolder>("Others", false);
+        for (size_t i = 2; i < channels.size(); ++i) {
+            plain->addChannel(channels[i]);
+        }
+        channelView->push_back(shared);
+        channelView->push_back(plain);
+    }
+    void setUsedChannels(bool recursive) override { AIDevice::setUsedChannels(recursive); }
+    void initializeHardware() override { SubDevice::initializeHardware(); }
+    void acquireData() override {
+        AIDevice::acquireData();
+        if (onAcquire) {
+            onAcquire();
+        }
+    }
+    void sendData() override {
+        ++sendCount;
+        AIDevice::sendData();
+        if (onSend) {
+            onSend();
+        }
+    }
+
+    bool failChecks = false;
+    int impossibleRate = 0;
+    int filteredMaxAt10MHz = 10000000;
+    std::function<void()> onAcquire;
+    std::function<void()> onSend;
+    int sendCount = 0;
+};
+
+// Asynchronous channels: an input, an output and a single value, which has no place in the host's tree.
+class TestAsync : public SubDevice {
+public:
+    TestAsync() {
+        input = std::make_shared<TestChannel<int>>(0, "Async in", SampleType::Async);
+        output = std::make_shared<TestChannel<int>>(1, "Async out", SampleType::Async);
+        output->isControl = true;
+        auto single = std::make_shared<TestChannel<int>>(2, "Single value", SampleType::SingleValue);
+        auto messages = std::make_shared<TestChannel<CanMessage>>(3, "Messages", SampleType::Async);
+        channels.push_back(input);
+        channels.push_back(output);
+        channels.push_back(single);
+        channels.push_back(messages);
+        for (const auto& channel : channels) {
+            channel->asyncRate = 8;  // a ring of 16
+        }
+    }
+    std::string getDisplayName() const override { return "Messages and numbers"; }
+    void acquireData() override {
+        SubDevice::acquireData();
+        if (onAcquire) {
+            onAcquire();
+        }
+    }
+
+    std::shared_ptr<Channel> input;
+    std::shared_ptr<Channel> output;
+    std::function<void()> onAcquire;
+};
+
+class TestTiming : public DaqTiming {
+public:
+    std::int64_t getStartTime() override { return 1111; }
+    std::int64_t getCurrentTime(bool& tracking, bool& error) override {
+        ++queries;
+        tracking = isTracking;
+        error = hasError;
+        if (fail) {
+            throw std::runtime_error("no clock");
+        }
+        return 2222;
+    }
+
+    int queries = 0;
+    bool isTracking = false;
+    bool hasError = true;
+    bool fail = false;
+};
+
+class TestLoop : public DaqLoop {
+public:
+    TestLoop() {
+        minCycleRate = 2;
+        maxCycleRate = 400;
+        cycleRate = 50;
+    }
+    int checkCycleRate(int requested) const override { return std::clamp(requested, minCycleRate, maxCycleRate); }
+    int checkCycleRate(int requested, const std::vector<int>& deviceSampleRates) const override {
+        int result = checkCycleRate(requested);
+        for (const int rate : deviceSampleRates) {
+            result = std::min(result, rate);
+        }
+        return result;
+    }
+    void setCycleFunction(const std::function<void()>& function) override { cycle = function; }
+
+    std::function<void()> cycle;
+};
+
+class TestDevice : public DaqDevice {
+public:
+    TestDevice() {
+        model = "Bench 8";
+        manufacturer = "Maker";
+        serialNumber = "SN-17";
+        revisionCounter = 3;
+        deviceManual = "manual.pdf";
+        deviceRevision = "B";
+        softwareRevision = "1.2";
+        hardwareRevision = "4";
+        deviceHealth = 2;
+        minRate = 10;
+        maxRate = 15000000;
+    }
+    ~TestDevice() override { ++destroyed; }
+
+    std::shared_ptr<AIDevice> createAIDevice() override {
+        if (!withAI) {
+            return nullptr;
+        }
+        ai = std::make_shared<TestAI>();
+        if (!withClocks) {
+            ai->baseClocks.clear();
+        }
+        return ai;
+    }
+    std::shared_ptr<SubDevice> createCntDevice() override {
+        async = std::make_shared<TestAsync>();
+        return async;
+    }
+    std::shared_ptr<DaqTiming> createDaqTiming() override { return timing; }
+    std::shared_ptr<DaqLoop> createDaqLoop() override { return loop; }
+    // SoftSync, so that several of them go together.
+    SynchronizationOptions getSynchronizationOptions() override {
+        return {Synchronization::CreateSyncOption(SynchronizationMode::Standalone, {}),
+                Synchronization::CreateSyncOption(SynchronizationMode::SoftSync, {})};
+    }
+    bool ioctl(int command, const std::string& argument, std::string& result) override {
+        if (command == 99) {
+            throw std::runtime_error("no such luck");
+        }
+        result = argument + "!";
+        return command == 1;
+    }
+
+    bool withAI = true;
+    bool withClocks = true;
+    std::shared_ptr<TestAI> ai;
+    std::shared_ptr<TestAsync> async;
+    std::shared_ptr<TestTiming> timing;
+    std::shared_ptr<TestLoop> loop;
+    static inline int destroyed = 0;
+};
+
+// What discovery finds in the next scan, by connection point ("ID_10").
+std::vector<std::pair<std::string, std::shared_ptr<Device>>>& devicesToFind();
+
+}
