@@ -1,0 +1,99 @@
+#pragma once
+
+#include <hdf5.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// Reads a recording back with plain HDF5 calls, as a stranger's tool would.
+class RecordingReader {
+public:
+    explicit RecordingReader(const std::string& file) : file_(H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT)) {
+        if (file_ < 0)
+            throw std::runtime_error("can't open " + file);
+    }
+    ~RecordingReader() { H5Fclose(file_); }
+    RecordingReader(const RecordingReader&) = delete;
+    RecordingReader& operator=(const RecordingReader&) = delete;
+
+    // Paths of all one-dimensional sample datasets, in the order of the file's names.
+    std::vector<std::string> channels() const {
+        std::vector<std::string> paths;
+        H5Ovisit2(file_, H5_INDEX_NAME, H5_ITER_INC, [](hid_t, const char* name, const H5O_info_t* info, void* target) -> herr_t {
+            if (info->type == H5O_TYPE_DATASET && std::string(name) != "gaps")
+                static_cast<std::vector<std::string>*>(target)->push_back(name);
+            return 0;
+        }, &paths, H5O_INFO_BASIC);
+        return paths;
+    }
+
+    template <class T>
+    std::vector<T> samples(const std::string& path) const {
+        const hid_t set = open(path);
+        std::vector<T> values(length(set));
+        const hid_t type = sizeof(T) == 2 ? H5T_NATIVE_INT16 : H5T_NATIVE_INT32;
+        const hid_t stored = H5Dget_type(set);
+        const bool same = H5Tequal(stored, type) > 0;
+        H5Tclose(stored);
+        const herr_t result = H5Dread(set, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+        H5Dclose(set);
+        if (result < 0 || !same)
+            throw std::runtime_error("can't read " + path + " in its own type");
+        return values;
+    }
+
+    size_t count(const std::string& path) const {
+        const hid_t set = open(path);
+        const size_t result = length(set);
+        H5Dclose(set);
+        return result;
+    }
+
+    double number(const std::string& path, const std::string& attribute) const {
+        const hid_t set = path.empty() ? H5Gopen2(file_, "/", H5P_DEFAULT) : open(path);
+        const hid_t id = H5Aopen(set, attribute.c_str(), H5P_DEFAULT);
+        double value = 0.0;
+        const herr_t result = id < 0 ? -1 : H5Aread(id, H5T_NATIVE_DOUBLE, &value);
+        H5Aclose(id);
+        H5Oclose(set);
+        if (result < 0)
+            throw std::runtime_error("no attribute " + attribute);
+        return value;
+    }
+
+    std::string text(const std::string& path, const std::string& attribute) const {
+        const hid_t set = path.empty() ? H5Gopen2(file_, "/", H5P_DEFAULT) : open(path);
+        const hid_t id = H5Aopen(set, attribute.c_str(), H5P_DEFAULT);
+        std::string value;
+        if (id >= 0) {
+            const hid_t type = H5Aget_type(id);
+            value.resize(H5Tget_size(type));
+            H5Aread(id, type, value.data());
+            H5Tclose(type);
+            value = value.c_str();
+        }
+        H5Aclose(id);
+        H5Oclose(set);
+        return value;
+    }
+
+    size_t gapRows() const { return count("gaps"); }
+
+private:
+    hid_t open(const std::string& path) const {
+        const hid_t set = H5Dopen2(file_, path.c_str(), H5P_DEFAULT);
+        if (set < 0)
+            throw std::runtime_error("no dataset " + path);
+        return set;
+    }
+    static size_t length(hid_t set) {
+        const hid_t space = H5Dget_space(set);
+        const auto points = H5Sget_simple_extent_npoints(space);
+        H5Sclose(space);
+        return static_cast<size_t>(points);
+    }
+
+    hid_t file_;
+};

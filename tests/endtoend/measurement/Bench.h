@@ -1,0 +1,81 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "simulator/preload/Control.h"
+#include "tests/endtoend/RecordingReader.h"
+#include "tools/zornhost/Recorder.h"
+#include "tools/zornhost/Session.h"
+
+// A measuring place: a fresh simulated instrument, the module binary in the host, and a folder for recordings.
+class Bench {
+public:
+    explicit Bench(kestrixsim::Scenario scenario, std::vector<std::string> settings = {}) {
+        scenario.supplyOn = true;
+        kestrixsim::reset(std::move(scenario));
+        folder_ = std::filesystem::temp_directory_path() / ("kestrix-bench-" + std::to_string(::getpid()));
+        std::filesystem::create_directories(folder_);
+        options_.module = KESTRIX_MODULE;
+        options_.logLevel = "off";
+        options_.settings = std::move(settings);
+        session_ = std::make_unique<zornhost::Session>(options_);
+    }
+    ~Bench() {
+        session_.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
+
+    zornhost::Session& session() { return *session_; }
+    kestrixsim::Instrument& instrument() { return kestrixsim::instrument(); }
+    std::string file(const std::string& name) const { return (folder_ / name).string(); }
+
+    // Marks the channels that are to be measured; the rest is not used.
+    std::vector<zornhost::ChannelEntry> use(const std::vector<std::string>& patterns = {}) {
+        const auto tree = session().tree();
+        const auto chosen = tree.channels(patterns);
+        std::vector<zornhost::ChannelEntry> used;
+        for (const auto& entry : tree.channels()) {
+            bool wanted = entry.channel.getPropertyValue<bool>("Enabled");
+            bool named = false;
+            for (const auto& other : chosen)
+                named = named || other.path == entry.path;
+            wanted = wanted && named;
+            entry.channel.setUsed(wanted);
+            if (wanted)
+                used.push_back(entry);
+        }
+        return used;
+    }
+
+    // One recording of the used channels. `during` runs in the middle of it.
+    zornhost::RecordingReport record(const std::string& name, double seconds,
+                                     const std::vector<std::string>& patterns = {},
+                                     const std::function<void()>& during = {}) {
+        const auto channels = use(patterns);
+        session().prepare();
+        zornhost::Recorder recorder({file(name)}, channels, session().host().scheduler());
+        session().start();
+        recorder.start(0);
+        const auto half = std::chrono::duration<double>(seconds / 2);
+        std::this_thread::sleep_for(half);
+        if (during)
+            during();
+        std::this_thread::sleep_for(half);
+        session().stop();
+        for (uint64_t i = 0; i < session().lostReports(); ++i)
+            recorder.reportLostByModule();
+        return recorder.finish(false);
+    }
+
+private:
+    zornhost::SessionOptions options_;
+    std::filesystem::path folder_;
+    std::unique_ptr<zornhost::Session> session_;
+};

@@ -1,0 +1,215 @@
+#include <gtest/gtest.h>
+
+#include <zorn/logger/logger.h>
+
+#include <mutex>
+
+#include "tests/endtoend/measurement/Bench.h"
+
+using namespace kestrixsim;
+
+namespace {
+
+// Everything that is logged while it lives.
+class LogCapture : public Harvane::RT::Core::ILogSink {
+public:
+    LogCapture() { Harvane::RT::Core::addLogSink(this, 0); }
+    ~LogCapture() override { Harvane::RT::Core::removeLogSink(this); }
+    void write(const Harvane::RT::Core::LogRecord& record) override {
+        std::lock_guard lock(mutex_);
+        text_ += std::string(record.message) + "\n";
+    }
+    bool contains(const std::string& words) const {
+        std::lock_guard lock(mutex_);
+        return text_.find(words) != std::string::npos;
+    }
+    std::string text() const {
+        std::lock_guard lock(mutex_);
+        return text_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::string text_;
+};
+
+struct OpenFault {
+    const char* name;
+    Fault fault;
+    const char* words;  // what the user reads
+};
+
+class FailingOpen : public testing::TestWithParam<OpenFault> {};
+class FailingStart : public testing::TestWithParam<OpenFault> {};
+
+std::string nameOf(const testing::TestParamInfo<OpenFault>& info) { return info.param.name; }
+
+}  // namespace
+
+// What makes the instrument unusable is one readable line, and the process can try again.
+TEST_P(FailingOpen, SaysWhyAndLeavesTheProcessUsable) {
+    auto scenario = Scenario::counters(2);
+    scenario.faults = {GetParam().fault};
+    Bench bench(scenario, {"SampleRate=10000"});
+    auto& session = bench.session();
+    std::string text;
+    try {
+        session.open();
+    } catch (const std::exception& failure) {
+        text = failure.what();
+    }
+    EXPECT_NE(text.find(GetParam().words), std::string::npos) << "\"" << text << "\"";
+    session.close();
+    EXPECT_EQ(openDescriptors(), 0);
+    bench.instrument().clearFaults();
+    session.open();
+    EXPECT_TRUE(bench.record("after.h5", 0.4).good());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, FailingOpen,
+    testing::Values(OpenFault{"MemOpen", {.kind = FaultKind::MemOpen, .times = -1}, "Failed to open device handle."},
+                    OpenFault{"MemMap", {.kind = FaultKind::MemMap, .times = -1}, "Failed to map memory."},
+                    OpenFault{"I2cOpen", {.kind = FaultKind::I2cOpen, .times = -1}, "Failed to open device handle."},
+                    OpenFault{"EepromSilent", {.kind = FaultKind::EepromSilent, .times = -1}, "Failed to write to the file ("},
+                    OpenFault{"EepromShort", {.kind = FaultKind::EepromShortRead, .times = -1}, "Failed to read from the file("},
+                    OpenFault{"UartOpen", {.kind = FaultKind::UartOpen, .times = -1}, "Cannot open file"},
+                    OpenFault{"DmaOpen", {.kind = FaultKind::DmaOpen, .target = 3, .times = -1}, "Cannot open device file"},
+                    OpenFault{"DmaCount", {.kind = FaultKind::DmaIoctl, .target = 0, .code = 0x40064C01, .times = -1}, "SET_BD_CNT ioctl error"},
+                    OpenFault{"DmaSize", {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = -1}, "SET_BD_SIZE ioctl error"},
+                    OpenFault{"DmaReserve", {.kind = FaultKind::DmaIoctl, .target = 0, .code = 0x40064C05, .times = -1}, "RESERVE_BD_MEM ioctl error"},
+                    OpenFault{"MuxStuck", {.kind = FaultKind::MuxReadsBack, .times = -1}, "unable to set amplifiers UART mux"}),
+    nameOf);
+
+TEST_P(FailingStart, SaysWhyAndTheNextStartWorks) {
+    Bench bench(Scenario::counters(2), {"SampleRate=10000"});
+    auto& session = bench.session();
+    session.open();
+    bench.use();
+    session.prepare();
+    bench.instrument().inject(GetParam().fault);
+    std::string text;
+    try {
+        session.start();
+    } catch (const std::exception& failure) {
+        text = failure.what();
+    }
+    EXPECT_NE(text.find(GetParam().words), std::string::npos) << "\"" << text << "\"";
+    bench.instrument().clearFaults();
+    EXPECT_TRUE(bench.record("after.h5", 0.4).good());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, FailingStart,
+    testing::Values(OpenFault{"ClearNever", {.kind = FaultKind::ClearNever, .times = -1}, "DspControl::Clear process status timeout"},
+                    OpenFault{"StartTransfer", {.kind = FaultKind::DmaIoctl, .target = 2, .code = 0x40064C08, .times = 1}, "START_TRANSFER ioctl error"},
+                    OpenFault{"BdSize", {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = 1}, "SET_BD_SIZE ioctl error"}),
+    nameOf);
+
+// A slot whose amplifier can't be talked to is an empty slot; the others measure.
+TEST(Faults, AmplifiersThatDoNotAnswerProperlyAreAbsent) {
+    for (const auto kind : {FaultKind::AmplifierSilent, FaultKind::AmplifierBadStatus, FaultKind::AmplifierHalfFrame}) {
+        auto scenario = Scenario::counters(2);
+        scenario.faults = {{.kind = kind, .target = 0, .times = -1}};
+        Bench bench(scenario, {"SampleRate=10000"});
+        bench.session().open();
+        const auto channels = bench.session().tree().channels();
+        EXPECT_FALSE(channels[0].channel.getPropertyValue<bool>("Enabled"));
+        EXPECT_TRUE(channels[2].channel.getPropertyValue<bool>("Enabled"));
+        EXPECT_TRUE(bench.record("rest.h5", 0.4).good());
+    }
+}
+
+TEST(Faults, PassingTroublesOnTheLinkAreOvercome) {
+    const Fault passing[] = {{.kind = FaultKind::AmplifierGarbage, .target = 0, .times = 3},
+                             {.kind = FaultKind::AmplifierSilent, .target = 0, .times = 2},
+                             {.kind = FaultKind::MuxAgain, .times = 9},
+                             {.kind = FaultKind::MuxReadsBack, .times = 3}};
+    for (const auto& fault : passing) {
+        auto scenario = Scenario::counters(1);
+        scenario.faults = {fault};
+        Bench bench(scenario);
+        bench.session().open();
+        EXPECT_TRUE(bench.session().tree().channels()[0].channel.getPropertyValue<bool>("Enabled"))
+            << static_cast<int>(fault.kind);
+    }
+}
+
+// One failing read is logged and costs nothing: the samples are still in the driver's ring.
+TEST(Faults, FailingReadIsLoggedAndTheCycleGoesOn) {
+    LogCapture log;
+    Bench bench(Scenario::counters(1), {"SampleRate=20000"});
+    bench.session().open();
+    const auto report = bench.record("eio.h5", 1.2, {}, [&] {
+        bench.instrument().inject({.kind = FaultKind::DmaRead, .target = 0, .times = 3});
+    });
+    EXPECT_TRUE(log.contains("Exception in DAQ::acquireData: DMA device read failed")) << log.text();
+    EXPECT_TRUE(report.good()) << report.verdict();
+    EXPECT_EQ(report.channels.size(), 2u);
+}
+
+// A stream that stands still while the others run is what the drift test is for.
+TEST(Faults, StalledStreamIsReportedAsLostData) {
+    LogCapture log;
+    Bench bench(Scenario::counters(1), {"SampleRate=20000"});
+    bench.session().open();
+    const auto report = bench.record("stall.h5", 5.0, {}, [&] {
+        bench.instrument().inject({.kind = FaultKind::DmaStall, .target = 0, .times = -1});
+    });
+    EXPECT_TRUE(log.contains("Exception in DAQ::acquireData: Data lost")) << log.text();
+    EXPECT_FALSE(report.good());
+    EXPECT_GT(report.moduleReports, 0u);
+    EXPECT_GT(RecordingReader(bench.file("stall.h5")).gapRows(), 0u);
+    EXPECT_NE(report.verdict().find("The module reported lost data"), std::string::npos);
+}
+
+// Nobody reads for longer than the driver's ring lasts: the driver drops, the stream carries no mark, and still the
+// recording must not say that all is well.
+TEST(Faults, CycleThatStandsStillShowsAsAGap) {
+    Bench bench(Scenario::counters(1), {"SampleRate=15000000"});
+    bench.session().open();
+    const auto report = bench.record("overrun.h5", 8.0, {"AI 1/Raw input"}, [&] {
+        bench.session().host().scheduler().stop();
+        std::this_thread::sleep_for(std::chrono::milliseconds(900));
+        bench.session().host().scheduler().start();
+    });
+    EXPECT_GT(bench.instrument().statistics(0, Stream::Raw).samplesDropped, 0u);
+    EXPECT_FALSE(report.good()) << report.verdict();
+    EXPECT_GT(report.lost(), 0u) << report.verdict();
+}
+
+TEST(Faults, RefusedClockChangeCanBeRepeated) {
+    Bench bench(Scenario::counters(1));
+    auto& session = bench.session();
+    session.open();
+    const auto clock = session.tree().property("KESTRIX/BaseClock");
+    bench.instrument().inject({.kind = FaultKind::ScriptRefuses, .times = 1});
+    LogCapture log;
+    session.set(clock, "1");
+    EXPECT_TRUE(log.contains("KestrixAI::configureClock failed")) << log.text();
+    session.set(clock, "1");
+    EXPECT_EQ(session.tree().property("KESTRIX/BaseClock").owner.node.getPropertyValue<int>("BaseClock"), 1);
+    session.set(session.tree().property("SampleRate"), "16000");
+    const auto report = bench.record("ten.h5", 1.2);
+    EXPECT_TRUE(report.good()) << report.verdict();
+    EXPECT_NEAR(static_cast<double>(report.channels[1].samples), 16000 * report.durationS, 16000 * 0.25);
+}
+
+TEST(Faults, NonsenseInTheEepromDoesNotHarm) {
+    struct Case {
+        const char* name;
+        std::function<void(Scenario&)> change;
+        size_t channels;
+    };
+    const Case cases[] = {{"wrong key", [](Scenario& s) { s.eepromKeyValid = false; }, 16},
+                          {"version 0", [](Scenario& s) { s.eepromVersion = 0; }, 16},
+                          {"no slots", [](Scenario& s) { s.slots = 0; }, 0},
+                          {"two slots", [](Scenario& s) { s.slots = 2; }, 4}};
+    for (const auto& entry : cases) {
+        auto scenario = Scenario::counters(1);
+        entry.change(scenario);
+        Bench bench(scenario);
+        bench.session().open();
+        EXPECT_EQ(bench.session().tree().channels().size(), entry.channels) << entry.name;
+    }
+}

@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <numbers>
+
+#include "tests/endtoend/measurement/Bench.h"
+
+using namespace kestrixsim;
+
+namespace {
+
+constexpr const char* inputs = "KESTRIX/Analog inputs/";
+
+std::string channelPath(int module, bool filtered) {
+    return std::string(inputs) + "AI " + std::to_string(module + 1) + (filtered ? "/Filtered input" : "/Raw input");
+}
+
+// The first sample that isn't its own index, cut to the sample's width; -1 when there is none.
+template <class T>
+long firstWrong(const std::vector<T>& samples) {
+    for (size_t i = 0; i < samples.size(); ++i)
+        if (samples[i] != static_cast<T>(static_cast<uint32_t>(i)))
+            return static_cast<long>(i);
+    return -1;
+}
+
+class CounterRecording : public testing::TestWithParam<int> {};
+
+}  // namespace
+
+// Every sample between the converter and the file, at the rates that stress the sizes of descriptors and rings.
+TEST_P(CounterRecording, IsGaplessAndExact) {
+    const int rate = GetParam();
+    Bench bench(Scenario::counters(2), {"SampleRate=" + std::to_string(rate)});
+    bench.session().open();
+    const auto report = bench.record("counter.h5", 2.5);
+    EXPECT_TRUE(report.good()) << report.verdict();
+
+    const RecordingReader file(bench.file("counter.h5"));
+    ASSERT_EQ(file.channels().size(), 4u);
+    for (int module = 0; module < 2; ++module) {
+        const auto raw = file.samples<int16_t>(channelPath(module, false));
+        const auto filtered = file.samples<int32_t>(channelPath(module, true));
+        EXPECT_EQ(firstWrong(raw), -1);
+        EXPECT_EQ(firstWrong(filtered), -1);
+        // Samples come in descriptors of an eighth of a second at most.
+        EXPECT_NEAR(static_cast<double>(raw.size()), report.durationS * rate, 0.13 * rate + 0.1 * rate);
+        EXPECT_NEAR(static_cast<double>(filtered.size()), report.durationS * rate, 0.13 * rate + 0.1 * rate);
+        EXPECT_EQ(file.number(channelPath(module, false), "sample_rate"), rate);
+    }
+    EXPECT_EQ(file.gapRows(), 0u);
+    EXPECT_EQ(file.number("", "complete"), 1.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, CounterRecording, testing::Values(100, 1000, 46875, 50000, 1000000));
+
+TEST(Recording, SecondRunOnTheSameTreeStartsAtZeroAgain) {
+    Bench bench(Scenario::counters(1), {"SampleRate=50000"});
+    bench.session().open();
+    for (const char* name : {"first.h5", "second.h5"}) {
+        const auto report = bench.record(name, 0.8);
+        EXPECT_TRUE(report.good()) << report.verdict();
+        const RecordingReader file(bench.file(name));
+        const auto raw = file.samples<int16_t>(channelPath(0, false));
+        EXPECT_GT(raw.size(), 20000u);
+        EXPECT_EQ(firstWrong(raw), -1) << name;
+        EXPECT_EQ(firstWrong(file.samples<int32_t>(channelPath(0, true))), -1) << name;
+    }
+}
+
+TEST(Recording, ChannelsAtDifferentRatesKeepTheirOwn) {
+    Bench bench(Scenario::counters(2), {"SampleRate=1000000", "KESTRIX/Analog inputs/AI 1/Filtered input/SampleRate=1000",
+                                        "KESTRIX/Analog inputs/AI 2/Raw input/SampleRate=100000"});
+    bench.session().open();
+    const auto report = bench.record("mixed.h5", 2.0);
+    EXPECT_TRUE(report.good()) << report.verdict();
+    const RecordingReader file(bench.file("mixed.h5"));
+    const std::pair<std::string, double> expected[] = {{channelPath(0, false), 1e6},
+                                                       {channelPath(0, true), 1e3},
+                                                       {channelPath(1, false), 1e5},
+                                                       {channelPath(1, true), 1e6}};
+    for (const auto& [path, rate] : expected) {
+        EXPECT_EQ(file.number(path, "sample_rate"), rate) << path;
+        EXPECT_NEAR(static_cast<double>(file.count(path)), report.durationS * rate, 0.25 * rate) << path;
+    }
+    EXPECT_EQ(firstWrong(file.samples<int16_t>(channelPath(1, false))), -1);
+    EXPECT_EQ(firstWrong(file.samples<int32_t>(channelPath(0, true))), -1);
+}
+
+TEST(Recording, OfAWavFileIsThatFile) {
+    const char* wav = "/usr/share/sounds/alsa/Front_Center.wav";
+    std::ifstream stream(wav, std::ios::binary);
+    ASSERT_TRUE(stream) << wav << " is missing";
+    const std::string bytes((std::istreambuf_iterator<char>(stream)), {});
+    const size_t data = bytes.find("data");
+    ASSERT_NE(data, std::string::npos);
+    uint32_t size = 0;
+    std::memcpy(&size, bytes.data() + data + 4, 4);
+    std::vector<int16_t> sound(size / 2);
+    std::memcpy(sound.data(), bytes.data() + data + 8, sound.size() * 2);
+
+    auto scenario = Scenario::counters(1);
+    scenario.modules[0].waveform.kind = WaveformKind::Wav;
+    scenario.modules[0].waveform.file = wav;
+    Bench bench(scenario, {"SampleRate=50000"});
+    bench.session().open();
+    const auto report = bench.record("wav.h5", 2.5, {"*Raw input"});
+    EXPECT_TRUE(report.good()) << report.verdict();
+    const auto samples = RecordingReader(bench.file("wav.h5")).samples<int16_t>(channelPath(0, false));
+    ASSERT_GT(samples.size(), sound.size());
+    EXPECT_TRUE(std::equal(sound.begin(), sound.end(), samples.begin()));
+    // It loops.
+    EXPECT_TRUE(std::equal(sound.begin(), sound.begin() + 1000, samples.begin() + static_cast<long>(sound.size())));
+}
+
+namespace {
+
+// Frequency of a sine by the phase between the first and the last quarter of the samples, in Hz.
+template <class T>
+double frequencyOf(const std::vector<T>& samples, double rate, double nearHz) {
+    const size_t quarter = samples.size() / 4;
+    const double cycles = nearHz / rate;
+    const auto phase = [&](size_t begin) {
+        double re = 0.0;
+        double im = 0.0;
+        for (size_t i = begin; i < begin + quarter; ++i) {
+            // A Hann window keeps the neighbours out; the remainder is taken first, for its digits.
+            const double window = 1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i - begin) / static_cast<double>(quarter));
+            const double angle = 2.0 * std::numbers::pi * std::fmod(cycles * static_cast<double>(i), 1.0);
+            re += window * static_cast<double>(samples[i]) * std::cos(angle);
+            im -= window * static_cast<double>(samples[i]) * std::sin(angle);
+        }
+        return std::atan2(im, re);
+    };
+    const size_t distance = 3 * quarter;
+    double turn = phase(distance) - phase(0);
+    turn = std::remainder(turn, 2.0 * std::numbers::pi);
+    return nearHz + turn / (2.0 * std::numbers::pi) * rate / static_cast<double>(distance);
+}
+
+}  // namespace
+
+TEST(Recording, OfASineHasItsFrequency) {
+    auto scenario = Scenario::counters(1);
+    scenario.modules[0].waveform.kind = WaveformKind::Sine;
+    scenario.modules[0].waveform.frequencyHz = 997.0;
+    scenario.modules[0].waveform.amplitude = 12000.0;
+    Bench bench(scenario, {"SampleRate=50000"});
+    bench.session().open();
+    const auto report = bench.record("sine.h5", 2.5);
+    EXPECT_TRUE(report.good()) << report.verdict();
+    const RecordingReader file(bench.file("sine.h5"));
+    const auto raw = file.samples<int16_t>(channelPath(0, false));
+    const auto filtered = file.samples<int32_t>(channelPath(0, true));
+    const double rawHz = frequencyOf(raw, file.number(channelPath(0, false), "sample_rate"), 997.0);
+    EXPECT_NEAR(rawHz / 997.0, 1.0, 10e-6);
+    EXPECT_NEAR(frequencyOf(filtered, file.number(channelPath(0, true), "sample_rate"), 997.0) / 997.0, 1.0, 10e-6);
+    // In counts as the scenario gave them, and 65536 times as many on the filtered stream.
+    EXPECT_NEAR(*std::max_element(raw.begin(), raw.end()), 12000.0, 40.0);
+    EXPECT_NEAR(*std::max_element(filtered.begin(), filtered.end()) / 65536.0, 12000.0, 40.0);
+}
+
+TEST(Recording, WithAmplifiersInTwoSlotsRunsOnThose) {
+    auto scenario = Scenario::counters(8);
+    std::erase_if(scenario.modules, [](const ModuleScenario& module) { return module.slot != 2 && module.slot != 5; });
+    Bench bench(scenario, {"SampleRate=10000"});
+    bench.session().open();
+    const auto channels = bench.session().tree().channels();
+    ASSERT_EQ(channels.size(), 16u);
+    for (size_t i = 0; i < channels.size(); ++i)
+        EXPECT_EQ(channels[i].channel.getPropertyValue<bool>("Enabled"), i / 2 == 2 || i / 2 == 5) << channels[i].label;
+    const auto report = bench.record("two.h5", 1.0);
+    EXPECT_TRUE(report.good()) << report.verdict();
+    EXPECT_EQ(report.channels.size(), 4u);
+    EXPECT_EQ(firstWrong(RecordingReader(bench.file("two.h5")).samples<int16_t>(channelPath(5, false))), -1);
+}
+
+// The user ticks a channel without an amplifier; the others must not notice.
+TEST(Recording, UsedChannelWithoutAmplifierHarmsNobody) {
+    auto scenario = Scenario::counters(2);
+    scenario.modules.erase(scenario.modules.begin());
+    Bench bench(scenario, {"SampleRate=10000"});
+    bench.session().open();
+    for (const auto& entry : bench.session().tree().channels())
+        entry.channel.setUsed(true);
+    auto& session = bench.session();
+    session.prepare();
+    zornhost::Recorder recorder({bench.file("empty.h5")}, session.tree().channels({"AI 2/*"}), session.host().scheduler());
+    session.start();
+    recorder.start(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    session.stop();
+    const auto report = recorder.finish(false);
+    EXPECT_TRUE(report.good()) << report.verdict();
+    EXPECT_GT(report.samples(), 10000u);
+    EXPECT_EQ(session.lostReports(), 0u);
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+// A program as a user starts it, with its two outputs apart.
+class Process {
+public:
+    struct Result {
+        int exitCode = -1;  // 128 + signal number when a signal ended it
+        std::string out;
+        std::string err;
+    };
+
+    explicit Process(std::vector<std::string> arguments) {
+        static int number = 0;
+        base_ = (std::filesystem::temp_directory_path() /
+                 ("kestrix-program-" + std::to_string(::getpid()) + "-" + std::to_string(number++)))
+                    .string();
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            redirect(base_ + ".out", STDOUT_FILENO);
+            redirect(base_ + ".err", STDERR_FILENO);
+            std::vector<char*> raw;
+            for (auto& argument : arguments)
+                raw.push_back(argument.data());
+            raw.push_back(nullptr);
+            ::execv(raw[0], raw.data());
+            ::_exit(127);
+        }
+    }
+    ~Process() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        std::filesystem::remove(base_ + ".out");
+        std::filesystem::remove(base_ + ".err");
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    void signal(int number) const { ::kill(pid_, number); }
+
+    Result wait(double timeoutS = 120.0) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
+        int status = 0;
+        while (::waitpid(pid_, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > end)
+                throw std::runtime_error("the program doesn't end");
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        pid_ = -1;
+        Result result;
+        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        result.out = contents(base_ + ".out");
+        result.err = contents(base_ + ".err");
+        return result;
+    }
+
+    static Result run(std::vector<std::string> arguments) { return Process(std::move(arguments)).wait(); }
+
+private:
+    static void redirect(const std::string& file, int descriptor) {
+        const int target = ::open(file.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+        ::dup2(target, descriptor);
+        ::close(target);
+    }
+    static std::string contents(const std::string& file) {
+        std::ifstream stream(file);
+        std::stringstream text;
+        text << stream.rdbuf();
+        return text.str();
+    }
+
+    std::string base_;
+    pid_t pid_ = -1;
+};

@@ -1,0 +1,588 @@
+#include "tools/zornhost/Commands.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "tools/zornhost/Interrupt.h"
+#include "tools/zornhost/Recorder.h"
+
+using namespace Harvane::RT::Core;
+using Json = nlohmann::ordered_json;
+
+namespace zornhost {
+
+namespace {
+
+constexpr const char* programVersion = "1.0.0";
+
+double toHz(const Ratio& rate) { return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator); }
+
+// A value with its kind kept, for --json.
+Json toJson(const BasePtr& value) {
+    if (!value)
+        return nullptr;
+    if (auto list = value.asPtrOrNull<IList>()) {
+        Json items = Json::array();
+        const ListPtr entries(list);
+        for (size_t i = 0, n = entries.getCount(); i < n; ++i)
+            items.push_back(toJson(entries.getItemAt(i)));
+        return items;
+    }
+    switch (coreTypeOf(value)) {
+        case CoreType::Bool:
+            return fromValue<bool>(value);
+        case CoreType::Int:
+            return fromValue<int64_t>(value);
+        case CoreType::Float:
+            return fromValue<double>(value);
+        case CoreType::Ratio: {
+            const auto ratio = fromValue<Ratio>(value);
+            if (ratio.denominator == 1)
+                return ratio.numerator;
+            return valueText(value);
+        }
+        default:
+            return valueText(value);
+    }
+}
+
+std::string typeName(const PropertyInfoPtr& info) {
+    if (info.isSelection() || info.getValueType() == CoreType::Enum)
+        return "selection";
+    switch (info.getValueType()) {
+        case CoreType::Bool: return "bool";
+        case CoreType::Int: return "int";
+        case CoreType::Float: return "float";
+        case CoreType::String: return "string";
+        case CoreType::List: return "list";
+        case CoreType::Dict: return "dict";
+        case CoreType::Ratio: return "ratio";
+        case CoreType::Proc: return "procedure";
+        case CoreType::Func: return "function";
+        case CoreType::Object: return "object";
+        default: return "other";
+    }
+}
+
+bool callable(const PropertyInfoPtr& info) {
+    return info.getValueType() == CoreType::Proc || info.getValueType() == CoreType::Func;
+}
+
+// The value that a property shows; empty (with the reason) when it has none to show.
+BasePtr readProperty(const GenericPropertyObjectPtr& node, const StringPtr& name, std::string* reason = nullptr) {
+    try {
+        return node.getPropertyValue<BasePtr>(name);
+    } catch (const ZornException& failure) {
+        if (reason != nullptr)
+            *reason = failure.what();
+        return {};
+    }
+}
+
+// The text of a selection's choice beside its index.
+std::string shownValue(const PropertyInfoPtr& info, const BasePtr& value) {
+    const ListPtr choices = info.getValuesAsList();
+    if (value && info.isSelection()) {
+        const auto index = fromValue<int64_t>(value);
+        if (index >= 0 && static_cast<size_t>(index) < choices.getCount())
+            return fmt::format("{} ({})", index, valueText(choices.getItemAt(static_cast<size_t>(index))));
+    }
+    return valueText(value);
+}
+
+void printJson(Output& output, const Json& json) { output.line(json.dump(2)); }
+
+// Sets the data module's rate before an acquisition and says what became of it.
+void applyRate(Session& session, Output& output, const std::optional<int64_t>& rate) {
+    if (!rate)
+        return;
+    const auto tree = session.tree();
+    const auto set = session.set(tree.property("SampleRate"), fmt::format("{}", *rate));
+    if (fromValue<Ratio>(set).numerator != *rate)
+        output.message(fmt::format("zornhost: {} S/s asked for, {} set", *rate, valueText(set)));
+}
+
+// Only the chosen channels are used. Channels without hardware are left out, and said so when they were named.
+std::vector<ChannelEntry> chooseChannels(Session& session, Output& output, const std::vector<std::string>& patterns) {
+    const auto tree = session.tree();
+    const auto chosen = tree.channels(patterns);
+    std::vector<ChannelEntry> usable;
+    for (const auto& entry : tree.channels()) {
+        const bool wanted = std::any_of(chosen.begin(), chosen.end(),
+                                        [&](const ChannelEntry& other) { return other.path == entry.path; });
+        const bool enabled = !entry.channel.hasProperty("Enabled") || entry.channel.getPropertyValue<bool>("Enabled");
+        if (wanted && !enabled && !patterns.empty())
+            output.message(fmt::format("zornhost: \"{}\" has no amplifier and is left out", entry.label));
+        entry.channel.setUsed(wanted && enabled);
+        if (wanted && enabled)
+            usable.push_back(entry);
+    }
+    return usable;
+}
+
+int64_t nowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+Json channelJson(const ChannelReport& channel) {
+    return Json{{"channel", channel.label},      {"path", channel.path}, {"sampleRate", channel.sampleRate},
+                {"samples", channel.samples},    {"lost", channel.lost}, {"gaps", channel.gaps},
+                {"worstFill", channel.worstFill}};
+}
+
+Json reportJson(const RecordingReport& report) {
+    Json json{{"file", report.file},
+              {"durationS", report.durationS},
+              {"samples", report.samples()},
+              {"bytes", report.bytes},
+              {"lost", report.lost()},
+              {"moduleReports", report.moduleReports},
+              {"worstFill", report.worstFill()},
+              {"longestWriterStallS", report.longestWriterStallS},
+              {"interrupted", report.interrupted},
+              {"good", report.good()}};
+    if (!report.error.empty())
+        json["error"] = report.error;
+    for (const auto& channel : report.channels)
+        json["channels"].push_back(channelJson(channel));
+    json["gaps"] = Json::array();
+    for (const auto& gap : report.gapTable)
+        json["gaps"].push_back(Json{{"channel", gap.channel},
+                                    {"firstIndex", gap.firstIndex},
+                                    {"length", gap.length},
+                                    {"timeS", gap.timeS},
+                                    {"cause", gap.cause},
+                                    {"estimated", gap.estimated}});
+    json["verdict"] = report.verdict();
+    return json;
+}
+
+}  // namespace
+
+int showInfo(Session& session, Output& output, bool json) {
+    const auto& host = session.host();
+    const auto device = session.tree().deviceFolder();
+    constexpr std::array identity{"Manufacturer", "Model", "SerialNumber", "HardwareRevision", "SoftwareRevision"};
+    if (json) {
+        Json report{{"program", programVersion}, {"module", {{"file", host.file()},
+                                                             {"driver", host.driverName()},
+                                                             {"version", host.moduleVersion()}}}};
+        for (const auto& library : ModuleHost::hostVersions())
+            report["host"][library.name] = library.version;
+        if (device)
+            for (const char* name : identity)
+                report["instrument"][name] = device.getPropertyValue<std::string>(name);
+        printJson(output, report);
+        return 0;
+    }
+    std::vector<std::vector<std::string>> rows{{"zornhost", programVersion}};
+    for (const auto& library : ModuleHost::hostVersions())
+        rows.push_back({library.name, library.version});
+    rows.push_back({"module", fmt::format("{} {}", host.driverName(), host.moduleVersion())});
+    rows.push_back({"module file", host.file()});
+    if (device)
+        for (const char* name : identity)
+            rows.push_back({name, device.getPropertyValue<std::string>(name)});
+    else
+        rows.push_back({"instrument", "none found"});
+    output.data(formatTable(rows));
+    return 0;
+}
+
+namespace {
+
+void treeLines(const ChannelFolderPtr& folder, int depth, std::vector<std::vector<std::string>>& rows) {
+    for (const auto& child : folder.getChildren()) {
+        const std::string name = std::string(static_cast<size_t>(2 * depth), ' ') + child.getName().toStdString();
+        if (auto raw = child.asPtrOrNull<IChannel>()) {
+            const ChannelPtr<> channel(raw);
+            const bool enabled = !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
+            rows.push_back({name, formatNumber(toHz(channel.getSampleRate())),
+                            fmt::format("{} .. {}", formatNumber(channel.getMinValue()),
+                                        formatNumber(channel.getMaxValue())),
+                            channel.getUnit().toStdString(), channel.getUsed() ? "yes" : "no", enabled ? "yes" : "no"});
+        } else {
+            std::string note;
+            if (child.hasProperty("SampleRate"))
+                note = valueText(child.getPropertyValue<BasePtr>("SampleRate"));
+            std::string clock;
+            if (child.hasProperty("BaseClock"))
+                clock = fmt::format("base clock {} Hz",
+                                    valueText(child.getPropertyEnum("BaseClock")));
+            rows.push_back({name, note, clock, "", "", ""});
+            if (auto below = child.asPtrOrNull<IChannelFolder>())
+                treeLines(ChannelFolderPtr(below), depth + 1, rows);
+        }
+    }
+}
+
+Json treeJson(const ChannelFolderPtr& folder) {
+    Json children = Json::array();
+    for (const auto& child : folder.getChildren()) {
+        Json entry{{"name", child.getName().toStdString()}, {"nodeId", child.getNodeId().toStdString()}};
+        if (auto raw = child.asPtrOrNull<IChannel>()) {
+            const ChannelPtr<> channel(raw);
+            entry["kind"] = "channel";
+            entry["sampleRate"] = toHz(channel.getSampleRate());
+            entry["rangeMin"] = channel.getMinValue();
+            entry["rangeMax"] = channel.getMaxValue();
+            entry["unit"] = channel.getUnit().toStdString();
+            entry["used"] = channel.getUsed();
+            entry["enabled"] = !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
+        } else {
+            entry["kind"] = "folder";
+            if (child.hasProperty("SampleRate"))
+                entry["sampleRate"] = toJson(child.getPropertyValue<BasePtr>("SampleRate"));
+            if (child.hasProperty("BaseClock"))
+                entry["baseClock"] = toJson(child.getPropertyEnum("BaseClock"));
+            if (auto below = child.asPtrOrNull<IChannelFolder>())
+                entry["children"] = treeJson(ChannelFolderPtr(below));
+        }
+        children.push_back(entry);
+    }
+    return children;
+}
+
+}  // namespace
+
+int showTree(Session& session, Output& output, bool json) {
+    const auto module = session.tree().dataModule();
+    const auto root = module.getRootFolder();
+    if (json) {
+        printJson(output, Json{{"name", root.getName().toStdString()},
+                               {"sampleRate", toJson(module.getPropertyValue<BasePtr>("SampleRate"))},
+                               {"children", treeJson(root)}});
+        return 0;
+    }
+    std::vector<std::vector<std::string>> rows{{"Name", ">Rate S/s", ">Range", "Unit", "Used", "Enabled"}};
+    rows.push_back({root.getName().toStdString(), valueText(module.getPropertyValue<BasePtr>("SampleRate")), "", "", "", ""});
+    treeLines(root, 1, rows);
+    output.data(formatTable(rows));
+    return 0;
+}
+
+int listProperties(Session& session, Output& output, bool json, const std::string& path) {
+    const auto entry = session.tree().node(path);
+    Json report = Json::array();
+    std::vector<std::vector<std::string>> rows{{"Property", "Type", "Value", "Default", "Limits", "Choices", "Unit"}};
+    for (const auto& info : entry.node.enumProperties(PropertyOrder::Index, true)) {
+        const StringPtr name = info.getName();
+        if (callable(info)) {
+            rows.push_back({name.toStdString(), typeName(info), "", "", "", "", ""});
+            report.push_back(Json{{"name", name.toStdString()}, {"type", typeName(info)}});
+            continue;
+        }
+        const BasePtr value = readProperty(entry.node, name);
+        const BasePtr minimum = info.getMinValue();
+        const BasePtr maximum = info.getMaxValue();
+        const ListPtr choices = info.getValuesAsList();
+        const bool readOnly = info.getReadOnly() && fromValue<bool>(info.getReadOnly());
+        std::string choiceText;
+        for (size_t i = 0, n = choices.getCount(); i < n; ++i)
+            choiceText += (i == 0 ? "" : ", ") + (info.isSelection() ? fmt::format("{}: ", i) : std::string()) +
+                          valueText(choices.getItemAt(i));
+        rows.push_back({name.toStdString(), typeName(info) + (readOnly ? ", read-only" : ""), shownValue(info, value),
+                        readOnly ? "" : valueText(info.getDefaultValue()),
+                        minimum || maximum ? fmt::format("{} .. {}", valueText(minimum), valueText(maximum)) : "",
+                        choiceText, info.getUnit() ? valueText(info.getUnit()) : ""});
+        Json item{{"name", name.toStdString()}, {"type", typeName(info)}, {"readOnly", readOnly}, {"value", toJson(value)}};
+        if (info.getDefaultValue())
+            item["default"] = toJson(info.getDefaultValue());
+        if (minimum)
+            item["min"] = toJson(minimum);
+        if (maximum)
+            item["max"] = toJson(maximum);
+        if (choices.getCount() > 0)
+            item["choices"] = toJson(asBase(choices));
+        if (info.getUnit())
+            item["unit"] = toJson(info.getUnit());
+        report.push_back(item);
+    }
+    if (json)
+        printJson(output, Json{{"path", entry.path}, {"properties", report}});
+    else
+        output.data(formatTable(rows));
+    return 0;
+}
+
+int getProperty(Session& session, Output& output, bool json, const std::string& path) {
+    const auto entry = session.tree().property(path);
+    const BasePtr value = entry.owner.node.getPropertyValue<BasePtr>(entry.name);
+    if (json)
+        printJson(output, Json{{"path", path}, {"value", toJson(value)}});
+    else
+        output.line(valueText(value));
+    return 0;
+}
+
+int setProperty(Session& session, Output& output, bool json, const std::string& path, const std::string& value) {
+    const BasePtr set = session.set(session.tree().property(path), value);
+    if (json)
+        printJson(output, Json{{"path", path}, {"requested", value}, {"set", toJson(set)}});
+    else
+        output.line(fmt::format("{}: {} requested, {} set", path, value, valueText(set)));
+    return 0;
+}
+
+int record(Session& session, Output& output, bool json, const RecordOptions& options) {
+    applyRate(session, output, options.rate);
+    const auto channels = chooseChannels(session, output, options.channels);
+    session.prepare();
+
+    Recorder recorder({options.file}, channels, session.host().scheduler());
+    auto& file = recorder.file();
+    if (const auto device = session.tree().deviceFolder())
+        for (const auto& [attribute, property] : {std::pair{"manufacturer", "Manufacturer"}, std::pair{"model", "Model"},
+                                                  std::pair{"serial_number", "SerialNumber"},
+                                                  std::pair{"hardware_revision", "HardwareRevision"}})
+            file.setAttribute(attribute, device.getPropertyValue<std::string>(property));
+    file.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
+                                              session.host().moduleVersion()));
+
+    session.start();
+    long startUs = -1;
+    if (const auto absTime = session.host().absTimeProvider())
+        absTime->getStartAbsTime(&startUs);
+    recorder.start(startUs > 0 ? startUs : nowUs());
+
+    uint64_t reported = 0;
+    double nextProgressS = 1.0;
+    while (recorder.running() && !Interrupt::requested() && recorder.elapsedS() < options.durationS) {
+        Interrupt::sleepMs(std::max(1, static_cast<int>(std::min(50.0, 1000.0 * (options.durationS - recorder.elapsedS())))));
+        for (; reported < session.lostReports(); ++reported)
+            recorder.reportLostByModule();
+        if (recorder.elapsedS() >= nextProgressS) {
+            output.progress(fmt::format("recording: {:.0f} of {:.0f} s, {} samples, {} lost", recorder.elapsedS(),
+                                        options.durationS, recorder.samplesWritten(), recorder.samplesLost()));
+            nextProgressS += output.progressIsTerminal() ? 0.5 : 10.0;
+        }
+    }
+    session.stop();
+    for (; reported < session.lostReports(); ++reported)
+        recorder.reportLostByModule();
+    const RecordingReport report = recorder.finish(Interrupt::requested());
+    output.endProgress();
+
+    if (json) {
+        printJson(output, reportJson(report));
+    } else {
+        std::vector<std::vector<std::string>> rows{{"Channel", ">Rate S/s", ">Samples", ">Lost", ">Ring %"}};
+        for (const auto& channel : report.channels)
+            rows.push_back({channel.label, formatNumber(channel.sampleRate), fmt::format("{}", channel.samples),
+                            fmt::format("{}", channel.lost), fmt::format("{:.0f}", 100.0 * channel.worstFill)});
+        output.data(formatTable(rows));
+        output.line(report.verdict());
+        output.line(fmt::format("File: {} ({:.1f} MB of samples)", report.file, static_cast<double>(report.bytes) / 1e6));
+    }
+    return report.good() ? 0 : 1;
+}
+
+namespace {
+
+// What the monitor knows of one channel.
+struct Watched {
+    ChannelEntry entry;
+    RingReader reader;
+    std::vector<unsigned char> piece;
+    double scale;
+    double offset;
+    double newest = std::numeric_limits<double>::quiet_NaN();
+    double minimum = std::numeric_limits<double>::quiet_NaN();
+    double maximum = std::numeric_limits<double>::quiet_NaN();
+    uint64_t samples = 0;  // in the present interval
+    uint64_t lost = 0;
+    double fill = 0.0;
+};
+
+template <class T>
+void take(Watched& watched, size_t count) {
+    const T* samples = reinterpret_cast<const T*>(watched.piece.data());
+    const auto [low, high] = std::minmax_element(samples, samples + count);
+    const auto physical = [&](T raw) { return static_cast<double>(raw) * watched.scale + watched.offset; };
+    watched.minimum = std::fmin(watched.minimum, std::min(physical(*low), physical(*high)));
+    watched.maximum = std::fmax(watched.maximum, std::max(physical(*low), physical(*high)));
+    watched.newest = physical(samples[count - 1]);
+}
+
+void drain(Watched& watched) {
+    watched.fill = watched.reader.fill();
+    watched.minimum = watched.maximum = std::numeric_limits<double>::quiet_NaN();
+    watched.samples = 0;
+    while (true) {
+        const auto piece = watched.reader.read(watched.piece.data(), watched.piece.size() / watched.reader.sampleSize());
+        watched.lost += piece.lost;
+        if (piece.samples == 0)
+            return;
+        watched.samples += piece.samples;
+        switch (watched.entry.channel.getSampleDataType()) {
+            case SampleDataType::Int16: take<int16_t>(watched, piece.samples); break;
+            case SampleDataType::Int32: take<int32_t>(watched, piece.samples); break;
+            case SampleDataType::Int8: take<int8_t>(watched, piece.samples); break;
+            case SampleDataType::Float32: take<float>(watched, piece.samples); break;
+            default: take<double>(watched, piece.samples); break;
+        }
+    }
+}
+
+}  // namespace
+
+int monitor(Session& session, Output& output, bool json, const MonitorOptions& options) {
+    applyRate(session, output, options.rate);
+    const auto channels = chooseChannels(session, output, options.channels);
+    session.prepare();
+    std::vector<Watched> watched;
+    for (const auto& entry : channels) {
+        RingReader reader(entry.channel, session.host().scheduler());
+        if (reader.capacity() == 0)
+            continue;
+        std::vector<unsigned char> piece(reader.sampleSize() * 65536);
+        watched.push_back({entry, reader, std::move(piece), entry.channel.getScale(), entry.channel.getOffset()});
+    }
+    if (watched.empty())
+        throw std::runtime_error("no channel is in use, there is nothing to watch");
+    session.start();
+    for (auto& channel : watched) {
+        channel.scale = channel.entry.channel.getScale();
+        channel.offset = channel.entry.channel.getOffset();
+    }
+
+    const auto start = std::chrono::steady_clock::now();
+    auto last = start;
+    uint64_t lost = 0;
+    while (!Interrupt::sleepMs(static_cast<int>(1000.0 * options.intervalS))) {
+        const auto now = std::chrono::steady_clock::now();
+        const double intervalS = std::chrono::duration<double>(now - last).count();
+        const double elapsedS = std::chrono::duration<double>(now - start).count();
+        last = now;
+        lost = 0;
+        Json report{{"timeS", elapsedS}, {"channels", Json::array()}};
+        std::vector<std::vector<std::string>> rows{
+            {"Channel", ">Rate S/s", ">Newest", ">Minimum", ">Maximum", "Unit", ">Ring %", ">Lost"}};
+        for (auto& channel : watched) {
+            drain(channel);
+            lost += channel.lost;
+            const double rate = static_cast<double>(channel.samples) / intervalS;
+            const std::string unit = channel.entry.channel.getUnit().toStdString();
+            rows.push_back({channel.entry.label, formatNumber(rate, 5), formatNumber(channel.newest, 6),
+                            formatNumber(channel.minimum, 6), formatNumber(channel.maximum, 6), unit,
+                            fmt::format("{:.0f}", 100.0 * channel.fill), fmt::format("{}", channel.lost)});
+            const auto number = [](double value) { return std::isnan(value) ? Json(nullptr) : Json(value); };
+            report["channels"].push_back(Json{{"channel", channel.entry.label},
+                                              {"rate", rate},
+                                              {"newest", number(channel.newest)},
+                                              {"minimum", number(channel.minimum)},
+                                              {"maximum", number(channel.maximum)},
+                                              {"unit", unit},
+                                              {"fill", channel.fill},
+                                              {"lost", channel.lost}});
+        }
+        if (json)
+            output.line(report.dump());
+        else
+            output.data((output.dataIsTerminal() ? "\x1b[H\x1b[J" : "") + fmt::format("{:.1f} s\n", elapsedS) +
+                        formatTable(rows));
+        if (!output.good() || (options.durationS > 0.0 && elapsedS >= options.durationS))
+            break;
+    }
+    session.stop();
+    const uint64_t reports = session.lostReports();
+    if (reports > 0)
+        output.message(fmt::format("zornhost: the module reported lost data {} times", reports));
+    return lost == 0 && reports == 0 ? 0 : 1;
+}
+
+int run(int argc, char** argv) {
+    CLI::App app{"Measures with a data acquisition module: shows the instrument, changes its settings, records its channels."};
+    app.require_subcommand(1);
+    app.set_version_flag("--version", programVersion);
+    app.fallthrough();
+    app.failure_message(CLI::FailureMessage::simple);
+
+    SessionOptions session;
+    std::string scenario;
+    app.add_option("--module", session.module, "Module library (default: the one beside the program)");
+    auto* simulate = app.add_option("--simulate", scenario, "Run on the simulated instrument, with a scenario file if one is named")
+                         ->expected(0, 1);
+    app.add_option("--log", session.logLevel, "Lowest level of log messages on the standard error: verbose, debug, info, warning, error, fatal, off")
+        ->capture_default_str();
+    app.add_option("--log-file", session.logFile, "Also write log messages (info and above, or --log if lower) into this file");
+    app.add_option("--set", session.settings, "PATH=VALUE: set a property before the command runs (may be repeated)")
+        ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--cycle", session.cycleTimeMs, "Cycle time of the host in ms")->check(CLI::Range(1, 1000))->capture_default_str();
+    app.add_flag("--json", session.json, "Reports as JSON");
+
+    std::string path;
+    std::string value;
+    RecordOptions recording;
+    MonitorOptions monitoring;
+    auto* info = app.add_subcommand("info", "Versions, module and instrument");
+    auto* tree = app.add_subcommand("tree", "Devices, folders and channels");
+    auto* list = app.add_subcommand("list", "Properties of a node: value, default, limits, choices, unit");
+    list->add_option("path", path, "Names joined by /, below the root; empty for the data module");
+    auto* get = app.add_subcommand("get", "Value of a property");
+    get->add_option("path", path, "Node and property, joined by /")->required();
+    auto* set = app.add_subcommand("set", "Set a property and print what it became");
+    set->add_option("path", path, "Node and property, joined by /")->required();
+    set->add_option("value", value, "New value; for selections the index or the text of the choice")->required();
+    auto* rec = app.add_subcommand("record", "Record channels into an HDF5 file");
+    rec->add_option("-o,--output", recording.file, "File to write")->required();
+    rec->add_option("-d,--duration", recording.durationS, "Seconds")->required()->check(CLI::PositiveNumber);
+    rec->add_option("--rate", recording.rate, "Sample rate of the system, S/s");
+    rec->add_option("--channel", recording.channels, "Pattern (* and ?) of channels to record, e.g. \"AI 1/*\" (may be repeated)")
+        ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    auto* mon = app.add_subcommand("monitor", "Live table of the channels");
+    mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")->check(CLI::NonNegativeNumber);
+    mon->add_option("--interval", monitoring.intervalS, "Seconds between two tables")->check(CLI::Range(0.05, 60.0))->capture_default_str();
+    mon->add_option("--rate", monitoring.rate, "Sample rate of the system, S/s");
+    mon->add_option("--channel", monitoring.channels, "Pattern of channels to watch (may be repeated)")
+        ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& failure) {
+        return app.exit(failure) == 0 ? 0 : 2;
+    }
+    if (simulate->count() > 0)
+        session.simulate = scenario;
+
+    Interrupt::install();
+    try {
+        ensureSimulation(session, argv);
+        Output output;
+        Session live(session);
+        live.open();
+        int result = 0;
+        if (info->parsed())
+            result = showInfo(live, output, session.json);
+        else if (tree->parsed())
+            result = showTree(live, output, session.json);
+        else if (list->parsed())
+            result = listProperties(live, output, session.json, path);
+        else if (get->parsed())
+            result = getProperty(live, output, session.json, path);
+        else if (set->parsed())
+            result = setProperty(live, output, session.json, path, value);
+        else if (rec->parsed())
+            result = record(live, output, session.json, recording);
+        else if (mon->parsed())
+            result = monitor(live, output, session.json, monitoring);
+        live.close();
+        if (!output.good()) {
+            output.message("zornhost: the standard output can't be written");
+            return 1;
+        }
+        return result;
+    } catch (const std::exception& failure) {
+        fmt::print(stderr, "zornhost: {}\n", failure.what());
+        return 1;
+    }
+}
+
+}  // namespace zornhost

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/zornhost/Output.h"
+#include "tools/zornhost/Session.h"
+
+namespace zornhost {
+
+struct RecordOptions {
+    std::string file;
+    double durationS = 0.0;
+    std::optional<int64_t> rate;
+    std::vector<std::string> channels;
+};
+
+struct MonitorOptions {
+    double durationS = 0.0;  // 0: until Ctrl-C
+    double intervalS = 0.5;
+    std::optional<int64_t> rate;
+    std::vector<std::string> channels;
+};
+
+// Each command returns the process's exit code: 0 only when all went well. Failures are exceptions.
+int showInfo(Session& session, Output& output, bool json);
+int showTree(Session& session, Output& output, bool json);
+int listProperties(Session& session, Output& output, bool json, const std::string& path);
+int getProperty(Session& session, Output& output, bool json, const std::string& path);
+int setProperty(Session& session, Output& output, bool json, const std::string& path, const std::string& value);
+int record(Session& session, Output& output, bool json, const RecordOptions& options);
+int monitor(Session& session, Output& output, bool json, const MonitorOptions& options);
+
+// The whole program.
+int run(int argc, char** argv);
+
+}  // namespace zornhost

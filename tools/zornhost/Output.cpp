@@ -1,0 +1,108 @@
+#include "tools/zornhost/Output.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace zornhost {
+
+namespace {
+
+// Characters of UTF-8 text, so that "µV" takes two columns.
+size_t width(const std::string& text) {
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+}  // namespace
+
+Output::Output() {
+    std::fflush(stdout);
+    const int kept = ::dup(STDOUT_FILENO);
+    data_ = kept >= 0 ? ::fdopen(kept, "w") : nullptr;
+    dataIsTerminal_ = kept >= 0 && ::isatty(kept) != 0;
+    progressIsTerminal_ = ::isatty(STDERR_FILENO) != 0;
+    if (data_ != nullptr)
+        ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    else
+        data_ = stdout;
+}
+
+Output::~Output() {
+    endProgress();
+    if (data_ != stdout && data_ != nullptr) {
+        std::fflush(data_);
+        std::fflush(stdout);
+        ::dup2(::fileno(data_), STDOUT_FILENO);
+        std::fclose(data_);
+    }
+}
+
+void Output::data(std::string_view text) {
+    endProgress();
+    if (std::fwrite(text.data(), 1, text.size(), data_) != text.size() || std::fflush(data_) != 0)
+        good_ = false;
+}
+
+void Output::line(std::string_view text) { data(fmt::format("{}\n", text)); }
+
+void Output::progress(std::string_view text) {
+    if (progressIsTerminal_)
+        fmt::print(stderr, "\r\x1b[K{}", text);
+    else
+        fmt::print(stderr, "{}\n", text);
+    std::fflush(stderr);
+    progressOpen_ = progressIsTerminal_;
+}
+
+void Output::endProgress() {
+    if (progressOpen_)
+        fmt::print(stderr, "\n");
+    progressOpen_ = false;
+}
+
+void Output::message(std::string_view text) {
+    endProgress();
+    fmt::print(stderr, "{}\n", text);
+    std::fflush(stderr);
+}
+
+std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
+    if (rows.empty())
+        return {};
+    std::vector<size_t> widths(rows.front().size(), 0);
+    std::vector<bool> right(widths.size(), false);
+    for (size_t column = 0; column < widths.size(); ++column)
+        right[column] = !rows.front()[column].empty() && rows.front()[column].front() == '>';
+    const auto cell = [&](size_t row, size_t column) {
+        const std::string& text = rows[row][column];
+        return row == 0 && right[column] ? text.substr(1) : text;
+    };
+    for (size_t row = 0; row < rows.size(); ++row)
+        for (size_t column = 0; column < widths.size(); ++column)
+            widths[column] = std::max(widths[column], width(cell(row, column)));
+
+    std::string result;
+    for (size_t row = 0; row < rows.size(); ++row) {
+        std::string line;
+        for (size_t column = 0; column < widths.size(); ++column) {
+            const std::string text = cell(row, column);
+            const std::string blanks(widths[column] - width(text), ' ');
+            line += column == 0 ? "" : "  ";
+            line += right[column] ? blanks + text : text + blanks;
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        result += line + "\n";
+    }
+    return result;
+}
+
+std::string formatNumber(double value, int digits) {
+    if (std::isnan(value))
+        return "-";
+    return fmt::format("{:.{}g}", value, digits);
+}
+
+}  // namespace zornhost

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zornhost {
+
+// Where a person or a pipe reads. Data goes to the standard output, everything else to the standard error. The module
+// prints identity lines with printf; so that they don't get into the data, descriptor 1 is the standard error while the
+// program runs and the real standard output is kept here.
+class Output {
+public:
+    Output();
+    ~Output();
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    void data(std::string_view text);      // as it is
+    void line(std::string_view text);      // with a line end
+    void progress(std::string_view text);  // one line on the standard error; rewritten in place on a terminal
+    void endProgress();                    // leaves the progress line, if there is one
+    void message(std::string_view text);   // one line on the standard error
+    bool dataIsTerminal() const { return dataIsTerminal_; }
+    bool progressIsTerminal() const { return progressIsTerminal_; }
+    // False once a write to the standard output has failed (closed pipe, full disk).
+    bool good() const { return good_; }
+
+private:
+    FILE* data_ = nullptr;
+    bool dataIsTerminal_ = false;
+    bool progressIsTerminal_ = false;
+    bool progressOpen_ = false;
+    bool good_ = true;
+};
+
+// Columns as wide as their widest cell; numbers right-aligned when the header begins with '>'.
+std::string formatTable(const std::vector<std::vector<std::string>>& rows);
+
+// "1000", "1.875 M", "46875": a number with at most `digits` significant digits, without trailing zeros.
+std::string formatNumber(double value, int digits = 7);
+
+}  // namespace zornhost

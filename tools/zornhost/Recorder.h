@@ -1,0 +1,111 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/zornhost/ClockCheck.h"
+#include "tools/zornhost/HostTree.h"
+#include "tools/zornhost/RecordingFile.h"
+#include "tools/zornhost/RingReader.h"
+
+namespace zornhost {
+
+struct ChannelReport {
+    std::string label;
+    std::string path;
+    double sampleRate = 0.0;
+    uint64_t samples = 0;     // written
+    uint64_t lost = 0;        // known and estimated
+    uint64_t gaps = 0;
+    double worstFill = 0.0;   // share of the ring, 0 to 1
+};
+
+struct RecordingReport {
+    std::string file;
+    double durationS = 0.0;
+    std::vector<ChannelReport> channels;
+    std::vector<Gap> gapTable;
+    uint64_t moduleReports = 0;      // how often the module said that data was lost
+    double longestWriterStallS = 0.0;
+    uint64_t bytes = 0;
+    bool interrupted = false;
+    std::string error;               // why the recording ended early; empty when it didn't
+
+    uint64_t samples() const;
+    uint64_t lost() const;
+    uint64_t gaps() const;
+    double worstFill() const;
+    // Nothing is missing and nothing failed.
+    bool good() const { return error.empty() && lost() == 0 && gaps() == 0 && moduleReports == 0; }
+    // "Recorded 16 channels for 5.0 s: 80000 samples, none lost."
+    std::string verdict() const;
+};
+
+// Writes channels into a file on a thread of its own. The cycle never waits for it: it reads the channels' rings, and
+// what it could not read in time is counted as a gap. Losses upstream of the ring are found by the clock and by what the
+// module reports.
+class Recorder {
+public:
+    struct Options {
+        std::string file;
+        int flushMs = 500;  // a recording that is killed is readable up to the last flush
+    };
+
+    // After the rings have been reserved and before the acquisition starts. Takes the channels that are in use and have
+    // a ring. Raises RecordingError when the file can't be made or nothing is in use.
+    Recorder(Options options, const std::vector<ChannelEntry>& channels, const Harvane::RT::Core::Scheduler& scheduler);
+    ~Recorder();
+
+    RecordingFile& file() { return *file_; }
+    size_t channelCount() const { return streams_.size(); }
+    void start(int64_t startTimeUs);
+    // The module has said that it lost data. Any thread.
+    void reportLostByModule() { moduleReports_.fetch_add(1); }
+    // False once the writer has given up: the reason is in the report.
+    bool running() const { return running_.load(); }
+    double elapsedS() const;
+    uint64_t samplesWritten() const { return samplesWritten_.load(); }
+    uint64_t samplesLost() const { return samplesLost_.load(); }
+
+    // After the acquisition has stopped: takes what is left in the rings, closes the file.
+    RecordingReport finish(bool interrupted);
+
+private:
+    struct Stream {
+        ChannelEntry entry;
+        double rate;
+        RingReader reader;
+        ClockCheck clock;
+        size_t fileChannel;
+        std::vector<unsigned char> staging;  // samples that do not fill a chunk of the file yet
+        size_t staged = 0;
+        uint64_t stagedIndex = 0;            // index of the first of them in the file
+        ChannelReport report;
+    };
+
+    void run();
+    bool drain(Stream& stream, bool atEnd);
+    void writeStaged(Stream& stream);
+    void addGap(Stream* stream, Gap gap);
+
+    Options options_;
+    const Harvane::RT::Core::Scheduler& scheduler_;
+    std::unique_ptr<RecordingFile> file_;
+    std::vector<std::unique_ptr<Stream>> streams_;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::atomic<bool> running_{false};
+    std::atomic<uint64_t> moduleReports_{0};
+    std::atomic<uint64_t> samplesWritten_{0};
+    std::atomic<uint64_t> samplesLost_{0};
+    uint64_t moduleReportsSeen_ = 0;
+    std::chrono::steady_clock::time_point startTime_;
+    RecordingReport report_;
+};
+
+}  // namespace zornhost

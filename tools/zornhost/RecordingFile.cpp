@@ -1,0 +1,309 @@
+#include "tools/zornhost/RecordingFile.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+using Harvane::RT::Core::SampleDataType;
+
+namespace zornhost {
+
+namespace {
+
+constexpr size_t maxChunkBytes = 1 << 20;
+constexpr size_t minChunkSamples = 64;
+constexpr size_t channelTextSize = 160;
+constexpr size_t causeTextSize = 96;
+
+struct GapRow {
+    char channel[channelTextSize];
+    uint64_t firstIndex;
+    uint64_t length;
+    double timeS;
+    char cause[causeTextSize];
+    uint8_t estimated;
+};
+
+hid_t nativeType(SampleDataType type) {
+    switch (type) {
+        case SampleDataType::Float64:
+            return H5T_NATIVE_DOUBLE;
+        case SampleDataType::Int32:
+            return H5T_NATIVE_INT32;
+        case SampleDataType::Int16:
+            return H5T_NATIVE_INT16;
+        case SampleDataType::Int8:
+            return H5T_NATIVE_INT8;
+        case SampleDataType::Float32:
+            return H5T_NATIVE_FLOAT;
+        default:
+            return -1;
+    }
+}
+
+// The lowest number of the type stands where samples are missing; NaN for floats.
+void setFillValue(hid_t properties, SampleDataType type) {
+    const int32_t lowest32 = std::numeric_limits<int32_t>::min();
+    const int16_t lowest16 = std::numeric_limits<int16_t>::min();
+    const int8_t lowest8 = std::numeric_limits<int8_t>::min();
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    switch (type) {
+        case SampleDataType::Int32:
+            H5Pset_fill_value(properties, H5T_NATIVE_INT32, &lowest32);
+            break;
+        case SampleDataType::Int16:
+            H5Pset_fill_value(properties, H5T_NATIVE_INT16, &lowest16);
+            break;
+        case SampleDataType::Int8:
+            H5Pset_fill_value(properties, H5T_NATIVE_INT8, &lowest8);
+            break;
+        default:
+            H5Pset_fill_value(properties, H5T_NATIVE_DOUBLE, &nan);
+            break;
+    }
+}
+
+Hid fixedText(size_t size) {
+    Hid type(H5Tcopy(H5T_C_S1), H5Tclose);
+    H5Tset_size(type.get(), size);
+    H5Tset_strpad(type.get(), H5T_STR_NULLTERM);
+    H5Tset_cset(type.get(), H5T_CSET_UTF8);
+    return type;
+}
+
+bool writeAttribute(hid_t object, const std::string& name, hid_t type, const void* value) {
+    if (H5Aexists(object, name.c_str()) > 0)
+        H5Adelete(object, name.c_str());
+    const Hid space(H5Screate(H5S_SCALAR), H5Sclose);
+    const Hid attribute(H5Acreate2(object, name.c_str(), type, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
+    return attribute.valid() && H5Awrite(attribute.get(), type, value) >= 0;
+}
+
+bool writeText(hid_t object, const std::string& name, const std::string& text) {
+    const Hid type = fixedText(text.size() + 1);
+    return writeAttribute(object, name, type.get(), text.c_str());
+}
+
+bool writeNumber(hid_t object, const std::string& name, double value) {
+    return writeAttribute(object, name, H5T_NATIVE_DOUBLE, &value);
+}
+
+std::string isoTime(int64_t microseconds) {
+    const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06d}Z", fmt::gmtime(seconds), microseconds % 1000000);
+}
+
+// The innermost text of HDF5's error stack: it holds the system's reason.
+herr_t takeDescription(unsigned, const H5E_error2_t* entry, void* target) {
+    if (entry->desc != nullptr && *entry->desc != 0)
+        *static_cast<std::string*>(target) = entry->desc;
+    return 0;
+}
+
+}  // namespace
+
+void RecordingFile::fail(const std::string& what) const {
+    const int systemError = errno;
+    std::string reason;
+    H5Ewalk2(H5E_DEFAULT, H5E_WALK_UPWARD, [](unsigned n, const H5E_error2_t* entry, void* target) -> herr_t {
+        return n == 0 ? takeDescription(n, entry, target) : 0;
+    }, &reason);
+    if (systemError != 0 && reason.find("errno") == std::string::npos)
+        reason += fmt::format("{}{}", reason.empty() ? "" : ": ", std::strerror(systemError));
+    const size_t text = reason.find("error message = '");
+    if (text != std::string::npos) {
+        const size_t begin = text + std::strlen("error message = '");
+        reason = reason.substr(begin, reason.find('\'', begin) - begin);
+    }
+    throw RecordingError(fmt::format("{}: cannot {}{}{}", file_, what, reason.empty() ? "" : ": ", reason));
+}
+
+RecordingFile::RecordingFile(const std::string& file) : file_(file) {
+    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    errno = 0;
+    const Hid access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
+    // This format has no "open for writing" mark, so that a recording whose process was killed opens like any other.
+    H5Pset_libver_bounds(access.get(), H5F_LIBVER_V18, H5F_LIBVER_V18);
+    H5Pset_fclose_degree(access.get(), H5F_CLOSE_STRONG);
+    handle_ = Hid(H5Fcreate(file.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.get()), H5Fclose);
+    if (!handle_.valid())
+        fail("create the file");
+
+    gapType_ = Hid(H5Tcreate(H5T_COMPOUND, sizeof(GapRow)), H5Tclose);
+    const Hid channelText = fixedText(channelTextSize);
+    const Hid causeText = fixedText(causeTextSize);
+    H5Tinsert(gapType_.get(), "channel", HOFFSET(GapRow, channel), channelText.get());
+    H5Tinsert(gapType_.get(), "first_index", HOFFSET(GapRow, firstIndex), H5T_NATIVE_UINT64);
+    H5Tinsert(gapType_.get(), "length", HOFFSET(GapRow, length), H5T_NATIVE_UINT64);
+    H5Tinsert(gapType_.get(), "time", HOFFSET(GapRow, timeS), H5T_NATIVE_DOUBLE);
+    H5Tinsert(gapType_.get(), "cause", HOFFSET(GapRow, cause), causeText.get());
+    H5Tinsert(gapType_.get(), "estimated", HOFFSET(GapRow, estimated), H5T_NATIVE_UINT8);
+    const hsize_t none = 0;
+    const hsize_t unlimited = H5S_UNLIMITED;
+    const hsize_t chunk = 64;
+    const Hid space(H5Screate_simple(1, &none, &unlimited), H5Sclose);
+    const Hid properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+    H5Pset_chunk(properties.get(), 1, &chunk);
+    gaps_ = Hid(H5Dcreate2(handle_.get(), "gaps", gapType_.get(), space.get(), H5P_DEFAULT, properties.get(),
+                           H5P_DEFAULT),
+                H5Dclose);
+    if (!gaps_.valid())
+        fail("create the table of gaps");
+    setAttribute("complete", int64_t{0});
+}
+
+RecordingFile::~RecordingFile() = default;
+
+size_t RecordingFile::addChannel(const ChannelInfo& info) {
+    const hid_t native = nativeType(info.type);
+    if (native < 0)
+        throw RecordingError(fmt::format("{}: channel \"{}\" has a sample type that can't be recorded", file_, info.path));
+    Channel channel;
+    channel.type = Hid(H5Tcopy(native), H5Tclose);
+    const size_t sampleSize = H5Tget_size(native);
+    // A quarter of a second in a chunk, but no chunk beyond 1 MiB.
+    channel.chunk = std::clamp(static_cast<size_t>(info.sampleRate / 4.0), minChunkSamples, maxChunkBytes / sampleSize);
+
+    const hsize_t none = 0;
+    const hsize_t unlimited = H5S_UNLIMITED;
+    const hsize_t chunk = channel.chunk;
+    const Hid space(H5Screate_simple(1, &none, &unlimited), H5Sclose);
+    const Hid properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+    H5Pset_chunk(properties.get(), 1, &chunk);
+    setFillValue(properties.get(), info.type);
+    H5Pset_fill_time(properties.get(), H5D_FILL_TIME_IFSET);
+    const Hid access(H5Pcreate(H5P_DATASET_ACCESS), H5Pclose);
+    H5Pset_chunk_cache(access.get(), 101, 2 * channel.chunk * sampleSize + 1, 1.0);
+    const Hid links(H5Pcreate(H5P_LINK_CREATE), H5Pclose);
+    H5Pset_create_intermediate_group(links.get(), 1);
+    H5Pset_char_encoding(links.get(), H5T_CSET_UTF8);
+    channel.dataset = Hid(H5Dcreate2(handle_.get(), info.path.c_str(), native, space.get(), links.get(),
+                                     properties.get(), access.get()),
+                          H5Dclose);
+    if (!channel.dataset.valid())
+        fail(fmt::format("create the dataset of channel \"{}\"", info.path));
+    channels_.push_back(std::move(channel));
+    describeChannel(channels_.size() - 1, info);
+    return channels_.size() - 1;
+}
+
+void RecordingFile::describeChannel(size_t number, const ChannelInfo& info) {
+    const hid_t set = channels_[number].dataset.get();
+    const bool written = writeText(set, "name", info.name) && writeText(set, "unit", info.unit) &&
+                         writeText(set, "node_id", info.nodeId) && writeNumber(set, "scale", info.scale) &&
+                         writeNumber(set, "offset", info.offset) && writeNumber(set, "range_min", info.rangeMin) &&
+                         writeNumber(set, "range_max", info.rangeMax) &&
+                         writeNumber(set, "sample_rate", info.sampleRate);
+    if (!written)
+        fail(fmt::format("describe channel \"{}\"", info.path));
+}
+
+void RecordingFile::setAttribute(const std::string& name, const std::string& text) {
+    if (!writeText(handle_.get(), name, text))
+        fail(fmt::format("write the attribute \"{}\"", name));
+}
+
+void RecordingFile::setAttribute(const std::string& name, int64_t value) {
+    if (!writeAttribute(handle_.get(), name, H5T_NATIVE_INT64, &value))
+        fail(fmt::format("write the attribute \"{}\"", name));
+}
+
+void RecordingFile::setStartTime(int64_t microseconds) {
+    const std::string text = isoTime(microseconds);
+    setAttribute("start_time", text);
+    setAttribute("start_time_us", microseconds);
+    for (const auto& channel : channels_) {
+        if (!writeText(channel.dataset.get(), "start_time", text) ||
+            !writeAttribute(channel.dataset.get(), "start_time_us", H5T_NATIVE_INT64, &microseconds))
+            fail("write the start time");
+    }
+}
+
+void RecordingFile::write(size_t number, uint64_t index, const void* samples, size_t count) {
+    if (count == 0)
+        return;
+    Channel& channel = channels_[number];
+    errno = 0;
+    if (index + count > channel.size) {
+        const hsize_t size = index + count;
+        if (H5Dset_extent(channel.dataset.get(), &size) < 0)
+            fail("extend the recording");
+        channel.size = size;
+    }
+    const hsize_t start = index;
+    const hsize_t length = count;
+    const Hid target(H5Dget_space(channel.dataset.get()), H5Sclose);
+    H5Sselect_hyperslab(target.get(), H5S_SELECT_SET, &start, nullptr, &length, nullptr);
+    const Hid source(H5Screate_simple(1, &length, nullptr), H5Sclose);
+    if (H5Dwrite(channel.dataset.get(), channel.type.get(), source.get(), target.get(), H5P_DEFAULT, samples) < 0)
+        fail("write samples");
+}
+
+void RecordingFile::addGap(const Gap& gap) {
+    GapRow row{};
+    std::strncpy(row.channel, gap.channel.c_str(), sizeof row.channel - 1);
+    std::strncpy(row.cause, gap.cause.c_str(), sizeof row.cause - 1);
+    row.firstIndex = gap.firstIndex;
+    row.length = gap.length;
+    row.timeS = gap.timeS;
+    row.estimated = gap.estimated ? 1 : 0;
+    errno = 0;
+    const hsize_t size = gapCount_ + 1;
+    const hsize_t start = gapCount_;
+    const hsize_t one = 1;
+    if (H5Dset_extent(gaps_.get(), &size) < 0)
+        fail("extend the table of gaps");
+    const Hid target(H5Dget_space(gaps_.get()), H5Sclose);
+    H5Sselect_hyperslab(target.get(), H5S_SELECT_SET, &start, nullptr, &one, nullptr);
+    const Hid source(H5Screate_simple(1, &one, nullptr), H5Sclose);
+    if (H5Dwrite(gaps_.get(), gapType_.get(), source.get(), target.get(), H5P_DEFAULT, &row) < 0)
+        fail("write the table of gaps");
+    ++gapCount_;
+}
+
+// Metadata must reach the disk as a whole at a flush and never in between, or a process killed at that moment would
+// leave an index that points nowhere.
+void RecordingFile::keepMetadataInMemory(bool keep) {
+    H5AC_cache_config_t config{};
+    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
+    if (H5Fget_mdc_config(handle_.get(), &config) < 0)
+        return;
+    config.evictions_enabled = keep ? 0 : 1;
+    config.incr_mode = H5C_incr__off;
+    config.flash_incr_mode = H5C_flash_incr__off;
+    config.decr_mode = H5C_decr__off;
+    H5Fset_mdc_config(handle_.get(), &config);
+}
+
+void RecordingFile::flush() {
+    errno = 0;
+    keepMetadataInMemory(false);
+    if (H5Fflush(handle_.get(), H5F_SCOPE_GLOBAL) < 0)
+        fail("flush the recording");
+    keepMetadataInMemory(true);
+}
+
+void RecordingFile::close(const std::string& verdict) {
+    if (!handle_.valid())
+        return;
+    setAttribute("verdict", verdict);
+    setAttribute("complete", int64_t{1});
+    flush();
+    keepMetadataInMemory(false);
+    errno = 0;
+    bool closed = true;
+    for (auto& channel : channels_)
+        closed = channel.dataset.reset() >= 0 && closed;
+    closed = gaps_.reset() >= 0 && closed;
+    if (handle_.reset() < 0 || !closed)
+        fail("close the file");
+}
+
+size_t RecordingFile::chunkSamples(size_t channel) const { return channels_[channel].chunk; }
+
+}  // namespace zornhost
