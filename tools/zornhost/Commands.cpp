@@ -507,7 +507,8 @@ int run(int argc, char** argv) {
 
     SessionOptions session;
     std::string scenario;
-    app.add_option("--module", session.module, "Module library (default: the one beside the program)");
+    app.add_option("--module", session.module, "Module library (default: the one beside the program)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     auto* simulate = app.add_option("--simulate", scenario, "Run on the simulated instrument, with a scenario file if one is named")
                          ->expected(0, 1);
     app.add_option("--log", session.logLevel, "Lowest level of log messages on the standard error: verbose, debug, info, warning, error, fatal, off")

@@ -124,6 +124,9 @@ void RecordingFile::fail(const std::string& what) const {
 }
 
 RecordingFile::RecordingFile(const std::string& file) : file_(file) {
+    // Without this HDF5 tidies up at the end of the process and stumbles over files whose last write failed. All files
+    // are closed here.
+    [[maybe_unused]] static const herr_t noExitHandler = H5dont_atexit();
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
     errno = 0;
     const Hid access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);

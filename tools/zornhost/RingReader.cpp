@@ -1,7 +1,6 @@
 #include "tools/zornhost/RingReader.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 using namespace Harvane::RT::Core;
@@ -51,7 +50,6 @@ RingReader::Result RingReader::read(void* target, size_t maximum) {
             return result;
         std::memcpy(target, data_ + slot * sampleSize_, count * sampleSize_);
 
-        std::atomic_thread_fence(std::memory_order_acquire);
         scheduler_.waitForCycleEnd(cycleEndTimeoutMs);
         const uint64_t acquiredNow = acquired();
         if (acquiredNow - next_ <= capacity_) {

@@ -55,14 +55,15 @@ TEST(Allocation, CounterSeesTheHeap) {
 }
 
 TEST(Allocation, CycleTakesNothingFromTheHeap) {
-    auto scenario = kestrixsim::Scenario::counters(8);
+    auto scenario = kestrixsim::Scenario::counters(2);
+    scenario.slots = 2;
     scenario.supplyOn = true;
     scenario.unthrottled = true;
     kestrixsim::reset(scenario);
     ModuleHost host;
     host.open(KESTRIX_MODULE);
     host.add();
-    host.dataModule().setPropertyValue("SampleRate", Ratio{100000, 1});
+    host.dataModule().setPropertyValue("SampleRate", Ratio{15000000, 1});
     host.configure();
     host.initialize();
     host.start();
@@ -75,7 +76,7 @@ TEST(Allocation, CycleTakesNothingFromTheHeap) {
         const long before = channels[0].getSamplesAcquired();
         allocations = 0;
         counting = true;
-        for (int cycle = 0; cycle < 200; ++cycle)
+        for (int cycle = 0; cycle < 50; ++cycle)
             module->processData();
         counting = false;
         EXPECT_EQ(allocations, 0u);

@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,10 +16,19 @@
 #include "tools/zornhost/Session.h"
 
 // A measuring place: a fresh simulated instrument, the module binary in the host, and a folder for recordings.
+//
+// The board has the slots that the scenario fills: each empty one costs the module more than half a second of waiting
+// for an answer.
 class Bench {
 public:
     explicit Bench(kestrixsim::Scenario scenario, std::vector<std::string> settings = {}) {
         scenario.supplyOn = true;
+        const bool identified = scenario.eepromKeyValid && scenario.eepromVersion != 0;
+        if (identified && scenario.slots == kestrixsim::Scenario().slots) {
+            scenario.slots = 0;
+            for (const auto& module : scenario.modules)
+                scenario.slots = std::max(scenario.slots, module.slot + 1);
+        }
         kestrixsim::reset(std::move(scenario));
         folder_ = std::filesystem::temp_directory_path() / ("kestrix-bench-" + std::to_string(::getpid()));
         std::filesystem::create_directories(folder_);

@@ -204,7 +204,9 @@ TEST(Faults, NonsenseInTheEepromDoesNotHarm) {
     const Case cases[] = {{"wrong key", [](Scenario& s) { s.eepromKeyValid = false; }, 16},
                           {"version 0", [](Scenario& s) { s.eepromVersion = 0; }, 16},
                           {"no slots", [](Scenario& s) { s.slots = 0; }, 0},
-                          {"two slots", [](Scenario& s) { s.slots = 2; }, 4}};
+                          {"two slots", [](Scenario& s) { s.slots = 2; }, 4},
+                          {"absurd", [](Scenario& s) { s.slots = 200; }, 16},
+                          {"absurd, even", [](Scenario& s) { s.slots = 255; }, 16}};
     for (const auto& entry : cases) {
         auto scenario = Scenario::counters(1);
         entry.change(scenario);

