@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "simulator/model/Instrument.h"
@@ -12,6 +13,9 @@ __attribute__((visibility("default"))) Instrument& instrument();
 
 // Replaces the instrument by a new one. No descriptor of the old one may be open.
 __attribute__((visibility("default"))) Instrument& reset(Scenario scenario);
+// The same with a source of time of the caller's: `now` gives steady seconds and may be called by any thread. Streams
+// then deliver what that time makes ready, and nothing else.
+__attribute__((visibility("default"))) Instrument& reset(Scenario scenario, std::function<double()> now);
 
 // The folder that stands in for the instrument's plain files in this process.
 __attribute__((visibility("default"))) std::string rootFolder();

@@ -225,13 +225,15 @@ Instrument& instrument() {
     return runtime::made();
 }
 
-Instrument& reset(Scenario scenario) {
+namespace {
+
+Instrument& replace(Scenario scenario, std::unique_ptr<Instrument> (*make)(const Scenario&, void*), void* source) {
     if (const int open = openDescriptors(); open != 0) {
         throw std::logic_error("kestrix-sim: the instrument cannot be replaced, " + std::to_string(open) +
                                " of its descriptors are open");
     }
     const Entry entry;
-    auto fresh = std::make_unique<Instrument>(scenario);
+    auto fresh = make(scenario, source);
     Instrument* old = nullptr;
     runtime::Root* oldRoot = nullptr;
     {
@@ -248,6 +250,22 @@ Instrument& reset(Scenario scenario) {
     delete old;
     runtime::removeRoot(oldRoot);
     return *runtime::current.load();
+}
+
+}  // namespace
+
+Instrument& reset(Scenario scenario) {
+    return replace(std::move(scenario), [](const Scenario& plan, void*) { return std::make_unique<Instrument>(plan); },
+                   nullptr);
+}
+
+Instrument& reset(Scenario scenario, std::function<double()> now) {
+    return replace(
+        std::move(scenario),
+        [](const Scenario& plan, void* source) {
+            return std::make_unique<Instrument>(plan, std::move(*static_cast<std::function<double()>*>(source)));
+        },
+        &now);
 }
 
 std::string rootFolder() {
