@@ -43,7 +43,17 @@ std::vector<uint8_t> noise(int size) {
 
 }  // namespace
 
-AmplifierLink::AmplifierLink(const Clock& clock, Faults& faults) : clock_(clock), faults_(faults) {
+AmplifierLink::AmplifierLink(const Clock& clock, Faults& faults, std::function<void(int, const FrontEnd&)> changed)
+    : clock_(clock), faults_(faults), frontEndChanged_(std::move(changed)) {
+}
+
+void AmplifierLink::tellFrontEnd(int slot) {
+    Slot& place = slots_[static_cast<size_t>(slot)];
+    const FrontEnd now = place.firmware ? place.firmware->frontEnd() : FrontEnd{};
+    if (now != place.frontEnd) {
+        place.frontEnd = now;
+        frontEndChanged_(slot, now);
+    }
 }
 
 bool AmplifierLink::alive(const Slot& slot) const {
@@ -60,6 +70,7 @@ void AmplifierLink::plug(int slot, std::unique_ptr<Firmware> firmware) {
     place.collector.drop();
     place.bootedAt = clock_.seconds() + bootSeconds;
     place.restartedAt = 0.0;
+    tellFrontEnd(slot);
 }
 
 void AmplifierLink::supply(uint8_t before, uint8_t after, bool atOnce) {
@@ -79,6 +90,7 @@ void AmplifierLink::supply(uint8_t before, uint8_t after, bool atOnce) {
         if (slot.firmware) {
             slot.firmware->powerOn();
         }
+        tellFrontEnd(i);
         std::erase_if(pending_, [i](const Pending& reply) { return reply.slot == i; });
     }
 }
@@ -139,6 +151,7 @@ void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
         reply.status = static_cast<uint8_t>(fault->code == 0 ? 3 : fault->code);
     } else {
         reply = place.firmware->execute(frame[2], {frame.begin() + 3, frame.end() - 1});
+        tellFrontEnd(slot);
     }
     std::vector<uint8_t> bytes(reply.data.size() + 4);
     bytes[0] = frameKey;
@@ -202,6 +215,33 @@ void AmplifierLink::flush() {
 std::vector<std::string> AmplifierLink::framesReceived() const {
     const std::lock_guard lock(mutex_);
     return frames_;
+}
+
+AmplifierState AmplifierLink::state(int slot) const {
+    const std::lock_guard lock(mutex_);
+    const auto& firmware = slots_.at(static_cast<size_t>(slot)).firmware;
+    AmplifierState state;
+    if (firmware) {
+        const Firmware::Settings& active = firmware->active();
+        state.present = true;
+        state.measurement = active.measurement;
+        state.range = active.range;
+        state.lpFilter = active.lowPass;
+        state.coupling = active.coupling;
+        state.inputType = active.inputType;
+        state.excitation = active.excitation;
+        state.excitationType = active.excitationType;
+        state.shortOn = active.shorted != 0;
+        state.scale = firmware->scale();
+        state.offset = firmware->offset();
+    }
+    return state;
+}
+
+bool AmplifierLink::ledOn(int slot) const {
+    const std::lock_guard lock(mutex_);
+    const auto& firmware = slots_.at(static_cast<size_t>(slot)).firmware;
+    return firmware && firmware->ledOn();
 }
 
 }  // namespace kestrixsim

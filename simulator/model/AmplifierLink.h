@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +15,7 @@
 #include "simulator/model/Clock.h"
 #include "simulator/model/Faults.h"
 #include "simulator/model/Firmware.h"
+#include "simulator/model/Instrument.h"
 
 namespace kestrixsim {
 
@@ -24,7 +26,8 @@ class AmplifierLink {
 public:
     static constexpr int slotCount = 8;
 
-    AmplifierLink(const Clock& clock, Faults& faults);
+    // `changed` hears of each slot whose front end differs from before; it must not call back.
+    AmplifierLink(const Clock& clock, Faults& faults, std::function<void(int, const FrontEnd&)> changed);
 
     void plug(int slot, std::unique_ptr<Firmware> firmware);  // null: the slot is empty
     void supply(uint8_t before, uint8_t after, bool atOnce);  // bit i: slot i. `atOnce`: up without a boot
@@ -33,10 +36,13 @@ public:
     ssize_t read(uint8_t* bytes, size_t size, int timeoutMs);
     void flush();
     std::vector<std::string> framesReceived() const;
+    AmplifierState state(int slot) const;
+    bool ledOn(int slot) const;
 
 private:
     struct Slot {
         std::unique_ptr<Firmware> firmware;
+        FrontEnd frontEnd;  // as told last
         FrameCollector collector;
         bool supplied = false;
         double bootedAt = 0.0;      // instrument time
@@ -53,11 +59,13 @@ private:
     void takeFrame(int slot, const std::vector<uint8_t>& frame);
     void send(int slot, double due, std::vector<uint8_t> bytes);
     void arrive();
+    void tellFrontEnd(int slot);
 
     const Clock& clock_;
     Faults& faults_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
+    std::function<void(int, const FrontEnd&)> frontEndChanged_;
     std::array<Slot, slotCount> slots_;
     int selected_ = -1;
     std::vector<Pending> pending_;

@@ -105,37 +105,66 @@ void FrameCollector::drop() {
     bytes_.clear();
 }
 
-// What distinguishes the kinds. Range and coupling counts stand for each measurement.
+// What distinguishes the kinds. Numbers of settings are places in these lists.
 struct Firmware::Kind {
+    struct Measurement {
+        std::vector<double> ranges;     // +- so much
+        std::vector<double> couplings;  // Hz, corner of the high-pass; 0: direct
+        bool excited;                   // the sensor lives on the excitation
+    };
+
     uint8_t type;
     uint8_t hardwareCapabilities;
     uint8_t firmwareCapabilities;
     uint8_t connector;
     std::array<uint8_t, 2> firmwareVersion;
     std::array<uint8_t, 4> hardwareVersion;
-    std::vector<uint8_t> ranges;
-    std::vector<uint8_t> couplings;
-    uint8_t lowPasses;
+    std::vector<Measurement> measurements;
+    std::vector<double> lowPasses;   // Hz; the first is what the amplifier cannot do without. 0: none
     uint8_t inputTypes;
     std::vector<float> excitations;  // besides 0, which is off
     bool canShort;
     bool led;
-    bool teds;
+    bool watchesSensor;              // reads its TEDS chip and knows whether its wire is broken
     bool customTeds;
     double scaleSpread;
     double offsetSpread;
 };
 
 const Firmware::Kind& Firmware::describe(AmplifierKind kind) {
-    static const Kind voltage{1,   0,    1,    1,    {2, 7}, {1, 0, 3, 0}, {4}, {2}, 5, 2, {}, true, true, false,
-                              false, 2e-4, 2.0};
-    static const Kind bridge{2, 1, 3, 2, {3, 1}, {2, 0, 0, 0}, {4, 2, 1}, {1, 1, 1}, 5, 3, {1.0F, 2.5F, 5.0F, 10.0F},
-                             true, true, true, true, 1.3e-3, 4.0};
-    // With the current source on, direct coupling is the lowest high-pass: every index is allowed in both.
-    static const Kind iepe{3,    0,   3, 1, {2, 9}, {1, 1, 0, 0}, {3, 3}, {3, 3}, 3, 1, {4.0F, 8.0F}, false, true, true,
-                           false, 3e-4, 1.0};
-    static const Kind highVoltage{4,  2,     1,     4,     {1, 4}, {1, 0, 0, 0}, {4}, {1}, 3, 1,
-                                  {}, false, false, false, false,  5e-4,         500.0};
+    static const Kind voltage{.type = 1, .hardwareCapabilities = 0, .firmwareCapabilities = 1, .connector = 1,
+                              .firmwareVersion = {2, 7}, .hardwareVersion = {1, 0, 3, 0},
+                              .measurements = {{{10.0, 5.0, 1.0, 0.1}, {0.0, 1.0}, false}},
+                              .lowPasses = {5e6, 1e6, 1e5, 1e4, 1e3}, .inputTypes = 2, .excitations = {},
+                              .canShort = true, .led = true, .watchesSensor = false, .customTeds = false,
+                              .scaleSpread = 2e-4, .offsetSpread = 2.0};
+    static const Kind bridge{.type = 2, .hardwareCapabilities = 1, .firmwareCapabilities = 3, .connector = 2,
+                             .firmwareVersion = {3, 1}, .hardwareVersion = {2, 0, 0, 0},
+                             .measurements = {{{10.0, 5.0, 2.0, 1.0}, {0.0}, true},  // mV/V
+                                              {{10.0, 1.0}, {0.0}, false},           // V
+                                              {{100.0}, {0.0}, true}},               // %
+                             .lowPasses = {3e5, 1e5, 1e4, 1e3, 1e2}, .inputTypes = 3,
+                             .excitations = {1.0F, 2.5F, 5.0F, 10.0F}, .canShort = true, .led = true,
+                             .watchesSensor = true, .customTeds = true, .scaleSpread = 1.3e-3, .offsetSpread = 4.0};
+    // The current source lifts the sensor's output by volts: only a high-pass takes that away.
+    static const Kind iepe{.type = 3, .hardwareCapabilities = 0, .firmwareCapabilities = 3, .connector = 1,
+                           .firmwareVersion = {2, 9}, .hardwareVersion = {1, 1, 0, 0},
+                           .measurements = {{{10.0, 5.0, 1.0}, {0.1, 1.0}, true},
+                                            {{10.0, 5.0, 1.0}, {0.0, 0.1, 1.0}, false}},
+                           .lowPasses = {1e6, 1e5, 1e4}, .inputTypes = 1, .excitations = {4.0F, 8.0F},
+                           .canShort = false, .led = true, .watchesSensor = true, .customTeds = false,
+                           .scaleSpread = 3e-4, .offsetSpread = 1.0};
+    static const Kind highVoltage{.type = 4, .hardwareCapabilities = 2, .firmwareCapabilities = 1, .connector = 4,
+                                  .firmwareVersion = {1, 4}, .hardwareVersion = {1, 0, 0, 0},
+                                  .measurements = {{{1000.0, 400.0, 200.0, 50.0}, {0.0}, false}},
+                                  .lowPasses = {2e6, 3e5, 3e4}, .inputTypes = 1, .excitations = {},
+                                  .canShort = false, .led = false, .watchesSensor = false, .customTeds = false,
+                                  .scaleSpread = 5e-4, .offsetSpread = 500.0};
+    static const Kind unknown{.type = 9, .hardwareCapabilities = 9, .firmwareCapabilities = 9, .connector = 9,
+                              .firmwareVersion = {9, 9}, .hardwareVersion = {9, 9, 9, 9},
+                              .measurements = {{{10.0}, {0.0}, false}}, .lowPasses = {0.0}, .inputTypes = 1,
+                              .excitations = {}, .canShort = false, .led = false, .watchesSensor = false,
+                              .customTeds = false, .scaleSpread = 0.0, .offsetSpread = 0.0};
     switch (kind) {
         case AmplifierKind::Bridge:
             return bridge;
@@ -143,15 +172,18 @@ const Firmware::Kind& Firmware::describe(AmplifierKind kind) {
             return iepe;
         case AmplifierKind::HighVoltage:
             return highVoltage;
+        case AmplifierKind::Unknown:
+            return unknown;
         case AmplifierKind::Voltage:
             break;
     }
     return voltage;
 }
 
-Firmware::Firmware(AmplifierKind kind, uint64_t serial, uint64_t seed)
-    : kind_(describe(kind)), seed_(seed), serial_(serial), hardwareVersion_(kind_.hardwareVersion),
-      hardwareCapabilities_(kind_.hardwareCapabilities), connector_(kind_.connector),
+Firmware::Firmware(const ModuleScenario& module, uint64_t serial, uint64_t seed)
+    : kind_(describe(module.kind)), sensor_(module.sensor), tedsChip_(module.tedsChip), seed_(seed), serial_(serial),
+      hardwareVersion_(kind_.hardwareVersion), hardwareCapabilities_(kind_.hardwareCapabilities),
+      connector_(kind_.connector),
       calibrationDate_(1767225600),  // 1 January 2026
       calibrationMemory_(calibrationBytes) {
     for (size_t i = 0; i < calibrationBytes; ++i) {
@@ -167,6 +199,7 @@ void Firmware::powerOn() {
     staged_ = {};
     active_ = {};
     pattern_ = 0;
+    ledOn_ = false;
     for (auto& trim : trims_) {
         trim = {};
     }
@@ -177,12 +210,37 @@ double Firmware::calibration(uint64_t which) const {
     return symmetric(mix(mix(seed_ ^ serial_) + place));
 }
 
-double Firmware::scale() const {
-    return rawMode_ ? 1.0 : 1.0 + kind_.scaleSpread * calibration(1);
+float Firmware::calibratedScale() const {
+    return static_cast<float>(1.0 + kind_.scaleSpread * calibration(1));
 }
 
-double Firmware::offset() const {
-    return rawMode_ ? 0.0 : kind_.offsetSpread * calibration(2);
+float Firmware::calibratedOffset() const {
+    return static_cast<float>(kind_.offsetSpread * calibration(2));
+}
+
+float Firmware::scale() const {
+    return rawMode_ ? 1.0F : calibratedScale();
+}
+
+float Firmware::offset() const {
+    return rawMode_ ? 0.0F : calibratedOffset();
+}
+
+FrontEnd Firmware::frontEnd() const {
+    const Kind::Measurement& measurement = kind_.measurements[active_.measurement];
+    const double range = measurement.ranges[active_.range];
+    FrontEnd result = FrontEnd::calibrated(-range, range, calibratedScale(), calibratedOffset());
+    result.highPassHz = measurement.couplings[active_.coupling];
+    result.lowPassHz = kind_.lowPasses[active_.lowPass];
+    // Excitation itself does not show: what the bridge gives is divided by it. Without any there is nothing to divide.
+    const bool watched = kind_.watchesSensor && measurement.excited;
+    if (active_.shorted != 0 || (measurement.excited && active_.excitation == 0.0F) ||
+        (watched && sensor_ == Sensor::Shorted)) {
+        result.input = FrontEnd::Input::Grounded;
+    } else if (watched && sensor_ == Sensor::Open) {
+        result.input = FrontEnd::Input::Rail;
+    }
+    return result;
 }
 
 Firmware::Reply Firmware::set(uint8_t Settings::*field, uint8_t value, size_t count) {
@@ -199,8 +257,9 @@ uint8_t Firmware::apply() {
     const Settings& wanted = staged_;
     const bool excitable = wanted.excitation == 0.0F || std::find(kind_.excitations.begin(), kind_.excitations.end(),
                                                                   wanted.excitation) != kind_.excitations.end();
-    if (wanted.range >= kind_.ranges[wanted.measurement] || wanted.coupling >= kind_.couplings[wanted.measurement] ||
-        wanted.lowPass >= kind_.lowPasses || !excitable || wanted.excitationType != 0) {
+    const Kind::Measurement& measurement = kind_.measurements[wanted.measurement];
+    if (wanted.range >= measurement.ranges.size() || wanted.coupling >= measurement.couplings.size() ||
+        wanted.lowPass >= kind_.lowPasses.size() || !excitable || wanted.excitationType != 0) {
         return notAllowed;
     }
     active_ = staged_;
@@ -347,7 +406,7 @@ Firmware::Reply Firmware::execute(uint8_t command, const std::vector<uint8_t>& p
         // Settings.
         case 0x60: {
             const bool changes = first != staged_.measurement;
-            const Reply reply = set(&Settings::measurement, first, kind_.ranges.size());
+            const Reply reply = set(&Settings::measurement, first, kind_.measurements.size());
             if (reply.status == good && changes) {
                 staged_.coupling = 0;
             }
@@ -396,15 +455,16 @@ Firmware::Reply Firmware::execute(uint8_t command, const std::vector<uint8_t>& p
             return reply;
         }
         case 0xF2:
+            ledOn_ = kind_.led && first != 0;
             return status(kind_.led ? good : notNow);
         case 0xFA:
-            return answer(floatBytes(static_cast<float>(scale())));
+            return answer(floatBytes(scale()));
         case 0xFB:
-            return answer(floatBytes(static_cast<float>(offset())));
+            return answer(floatBytes(offset()));
 
         // Sensor.
         case 0xD0: {
-            if (!kind_.teds) {
+            if (!kind_.watchesSensor || !tedsChip_) {
                 return status(notNow);
             }
             std::vector<uint8_t> rom{0x14};
@@ -417,7 +477,10 @@ Firmware::Reply Firmware::execute(uint8_t command, const std::vector<uint8_t>& p
         case 0xD1:
             return customTeds(payload);
         case 0xF0:
-            return answer({static_cast<uint8_t>(kind_.teds ? 1 : 0)});
+            if (!kind_.watchesSensor) {
+                return answer({0});
+            }
+            return answer({static_cast<uint8_t>(sensor_ == Sensor::Open ? 2 : sensor_ == Sensor::Shorted ? 3 : 1)});
 
         // Stored only.
         case 0xF7:

@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "simulator/model/FrontEnd.h"
 #include "simulator/model/Scenario.h"
 
 namespace kestrixsim {
@@ -45,15 +46,20 @@ public:
         float excitation = 0.0F;
     };
 
-    Firmware(AmplifierKind kind, uint64_t serial, uint64_t seed);
+    // The serial number is the one given, not the scenario's.
+    Firmware(const ModuleScenario& module, uint64_t serial, uint64_t seed);
 
     void powerOn();  // power-on settings; what was written to its memory stays
     Reply execute(uint8_t command, const std::vector<uint8_t>& payload);
 
-    // Calibration of the active measurement and range; 1 and 0 in raw mode. Waveforms come in counts so far: in
-    // physical units they would be turned into counts with these.
-    double scale() const;
-    double offset() const;  // thousandths of the range's unit
+    // As reported: the calibration of the active measurement and range; 1 and 0 in raw mode.
+    float scale() const;
+    float offset() const;  // thousandths of the range's unit
+
+    // What the active settings make of the input. Raw mode only stops the reports: the error stays.
+    FrontEnd frontEnd() const;
+    const Settings& active() const { return active_; }
+    bool ledOn() const { return ledOn_; }
 
 private:
     struct Kind;
@@ -63,8 +69,12 @@ private:
     Reply customTeds(const std::vector<uint8_t>& payload);
     Reply boot(uint8_t command, const std::vector<uint8_t>& payload);
     double calibration(uint64_t which) const;
+    float calibratedScale() const;
+    float calibratedOffset() const;
 
     const Kind& kind_;
+    Sensor sensor_;
+    bool tedsChip_;
     uint64_t seed_;
     uint64_t serial_;
     std::array<uint8_t, 4> hardwareVersion_;
@@ -79,6 +89,7 @@ private:
     Settings staged_;
     Settings active_;
     uint8_t pattern_ = 0;
+    bool ledOn_ = false;
     std::array<std::array<uint8_t, 2>, 256> trims_{};
 };
 

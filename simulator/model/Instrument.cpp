@@ -46,7 +46,8 @@ class Instrument::Implementation {
 public:
     Implementation(Scenario wanted, std::function<double()> now)
         : scenario(std::move(wanted)), clock(scenario.timeFactor, std::move(now)), faults(clock),
-          link(clock, faults), bus(scenario, faults, [this](int slot) { link.select(slot); }),
+          link(clock, faults, [this](int slot, const FrontEnd& frontEnd) { setFrontEnd(slot, frontEnd); }),
+          bus(scenario, faults, [this](int slot) { link.select(slot); }),
           streams(makeStreams()),
           fpga(clock, faults, pointers(), scenario.oscillatorErrorPpm, scenario.supplyOn,
                [this](uint8_t before, uint8_t after) { supply(before, after); }),
@@ -75,7 +76,7 @@ public:
         checkSlot(module.slot);
         const uint64_t made = (mix(scenario.seed + static_cast<uint64_t>(module.slot)) & 0xFFFF) | 0x4B580000;
         auto firmware =
-            std::make_unique<Firmware>(module.kind, module.serial != 0 ? module.serial : made, scenario.seed);
+            std::make_unique<Firmware>(module, module.serial != 0 ? module.serial : made, scenario.seed);
         setWaveform(module.slot, module.waveform);
         link.plug(module.slot, std::move(firmware));
     }
@@ -90,16 +91,24 @@ public:
 
     void setWaveform(int slot, const Waveform& waveform) {
         checkSlot(slot);
-        SignalSource source;
+        std::shared_ptr<const std::vector<int16_t>> recording;
+        if (waveform.kind == WaveformKind::Wav) {
+            recording = std::make_shared<const std::vector<int16_t>>(readWavFile(waveform.file));
+        }
+        const std::lock_guard lock(sourceMutex);
+        SignalSource& source = sources[static_cast<size_t>(slot)];
         source.waveform = waveform;
         source.seed = mix(scenario.seed ^ static_cast<uint64_t>(slot + 1) << 56);
-        if (waveform.kind == WaveformKind::Wav) {
-            source.recording = std::make_shared<const std::vector<int16_t>>(readWavFile(waveform.file));
-        }
-        const auto index = static_cast<size_t>(slot);
-        if (index < streams.size()) {
-            streams[index]->raw.setSource(source);
-            streams[index]->filtered.setSource(source);
+        source.recording = std::move(recording);
+        play(slot);
+    }
+
+    void setFrontEnd(int slot, const FrontEnd& frontEnd) {
+        const std::lock_guard lock(sourceMutex);
+        SignalSource& source = sources[static_cast<size_t>(slot)];
+        source.frontEnd = frontEnd;
+        if (source.waveform.unit == WaveformUnit::Physical) {
+            play(slot);
         }
     }
 
@@ -127,8 +136,18 @@ public:
     std::vector<std::unique_ptr<StreamPair>> streams;
     Fpga fpga;
     Scripts scripts;
+    std::mutex sourceMutex;  // taken behind the amplifiers' and in front of the streams'
+    std::array<SignalSource, slotCount> sources;
 
 private:
+    void play(int slot) {
+        const auto index = static_cast<size_t>(slot);
+        if (index < streams.size()) {
+            streams[index]->raw.setSource(sources[index]);
+            streams[index]->filtered.setSource(sources[index]);
+        }
+    }
+
     std::vector<std::unique_ptr<StreamPair>> makeStreams() {
         std::vector<std::unique_ptr<StreamPair>> result;
         const size_t modules = scenario.boardType == 1 ? 2 : slotCount;
@@ -306,6 +325,16 @@ std::vector<std::string> Instrument::commandsRun() const {
 
 std::vector<std::string> Instrument::framesReceived() const {
     return implementation_->link.framesReceived();
+}
+
+bool Instrument::ledOn(int slot) const {
+    checkSlot(slot);
+    return implementation_->link.ledOn(slot);
+}
+
+AmplifierState Instrument::amplifierState(int slot) const {
+    checkSlot(slot);
+    return implementation_->link.state(slot);
 }
 
 uint64_t Instrument::supplySwitches() const {

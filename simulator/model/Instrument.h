@@ -34,6 +34,21 @@ struct StreamStatistics {
     uint64_t reads = 0;            // successful ones, since START
 };
 
+// What is in force in an amplifier; numbers are those of the frames.
+struct AmplifierState {
+    bool present = false;
+    int measurement = 0;
+    int range = 0;
+    int lpFilter = 0;
+    int coupling = 0;
+    int inputType = 0;
+    float excitation = 0.0F;  // V or mA
+    int excitationType = 0;
+    bool shortOn = false;
+    float scale = 1.0F;       // as reported
+    float offset = 0.0F;      // thousandths of the range's unit, as reported
+};
+
 class Instrument {
 public:
     explicit Instrument(Scenario scenario);
@@ -79,7 +94,7 @@ public:
     const Scenario& scenario() const;
     void plug(const ModuleScenario& module);       // replaces what is in the slot; firmware boots if the slot has supply
     void unplug(int slot);
-    void setWaveform(int slot, const Waveform& waveform);
+    void setWaveform(int slot, const Waveform& waveform);  // from the next read of the slot's streams on
     void inject(const Fault& fault);
     void clearFaults();
 
@@ -89,6 +104,8 @@ public:
     // Every request frame that an amplifier took, as "slot: A5 01 67 5A", in order.
     std::vector<std::string> framesReceived() const;
     uint64_t supplySwitches() const;                          // changes of EI
+    bool ledOn(int slot) const;
+    AmplifierState amplifierState(int slot) const;            // std::out_of_range for a slot that cannot be
 
     // The same instrument with its own source of time: `now` gives steady seconds and may be called by any thread.
     Instrument(Scenario scenario, std::function<double()> now);

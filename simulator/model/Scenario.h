@@ -8,20 +8,26 @@
 // ScenarioJson, the instrument takes a copy.
 namespace kestrixsim {
 
-// The signal at a module's input, before it reaches the converter.
 enum class WaveformKind {
     Constant,  // offset
     Sine,      // offset + amplitude * sin(2 pi frequencyHz t + phaseRadians)
     Square,    // offset +- amplitude
     Ramp,      // saw tooth from offset - amplitude up to offset + amplitude, once a period
     Noise,     // white, uniform in offset +- amplitude, reproducible from the seed
-    Wav,       // the samples of a 16-bit PCM mono or stereo file, one file sample for each channel sample; loops
+    Wav,       // the samples of a 16-bit PCM mono or stereo file, one file sample for each channel sample; loops;
+               // physical: a full-scale sample is amplitude, shifted by offset
     Counter,   // sample n of each stream has the value n: n mod 2^16 as int16 on the raw stream, n mod 2^32 as
                // int32 on the filtered one; no filter, no delay: it proves the way of a sample bit by bit
 };
 
-// Amplitude and offset are counts of the 16-bit converter (-32768..32767, fractions allowed). The filtered stream
-// has the same signal in counts of 32 bits, 65536 times as many.
+enum class WaveformUnit {
+    Counts,    // at the converter: no setting of the amplifier matters. Counts of 16 bits (-32768..32767, fractions
+               // allowed); the filtered stream has 65536 times as many
+    Physical,  // at the amplifier's input, in the unit of the range in force: V, mV/V, %. The amplifier's filters,
+               // range and calibration make counts of it
+};
+
+// The signal of a module.
 struct Waveform {
     WaveformKind kind = WaveformKind::Sine;
     double frequencyHz = 50.0;
@@ -29,6 +35,7 @@ struct Waveform {
     double offset = 0.0;
     double phaseRadians = 0.0;
     std::string file;  // Wav only
+    WaveformUnit unit = WaveformUnit::Counts;  // Counter has counts whatever stands here
 };
 
 enum class AmplifierKind {
@@ -36,6 +43,14 @@ enum class AmplifierKind {
     Bridge,    // bridge and strain gauge, identity 2.1.3.2, with TEDS and a custom TEDS area
     Iepe,      // constant-current sensors with its own excitation, identity 3.0.3.1, with a TEDS chip
     HighVoltage,  // identity 4.2.1.4
+    Unknown,   // identity 9.9.9.9, which no definition file names; one range of +-10 V, without any error
+};
+
+// What hangs at an amplifier that watches its sensor (bridge, IEPE). The others have no use for it.
+enum class Sensor {
+    Ok,
+    Open,     // broken wire: reads full scale as long as it is excited
+    Shorted,  // reads 0
 };
 
 struct ModuleScenario {
@@ -43,6 +58,8 @@ struct ModuleScenario {
     AmplifierKind kind = AmplifierKind::Voltage;
     Waveform waveform;
     uint64_t serial = 0;  // 0: made from the seed and the slot
+    Sensor sensor = Sensor::Ok;
+    bool tedsChip = true;  // the sensor names itself, where the amplifier can read that
 };
 
 // Something that goes wrong. `afterCount` accesses of the kind named pass unharmed once `atSeconds` of the
@@ -103,7 +120,7 @@ struct Scenario {
     double oscillatorErrorPpm = 0.0;
     uint64_t seed = 1;
 
-    // Eight modules of all kinds with different sines: what one sees without a scenario file.
+    // Eight modules of all kinds with different sines in physical units: what one sees without a scenario file.
     static Scenario standard();
     // The same modules, every one with a Counter waveform.
     static Scenario counters(int modules = 8);

@@ -41,6 +41,18 @@ constexpr auto amplifierKinds = std::to_array<Choice<AmplifierKind>>({
     {"bridge", AmplifierKind::Bridge},
     {"iepe", AmplifierKind::Iepe},
     {"highVoltage", AmplifierKind::HighVoltage},
+    {"unknown", AmplifierKind::Unknown},
+});
+
+constexpr auto waveformUnits = std::to_array<Choice<WaveformUnit>>({
+    {"counts", WaveformUnit::Counts},
+    {"physical", WaveformUnit::Physical},
+});
+
+constexpr auto sensors = std::to_array<Choice<Sensor>>({
+    {"ok", Sensor::Ok},
+    {"open", Sensor::Open},
+    {"shorted", Sensor::Shorted},
 });
 
 constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
@@ -261,12 +273,31 @@ private:
     std::vector<std::string_view> asked_;
 };
 
-constexpr double anyCount = 1e6;
+constexpr double anyCount = 1e6;  // and as large in physical units
 
 Waveform readWaveform(Section& section, const std::string& folder) {
     Waveform waveform;
     section.read("kind", waveform.kind, waveformKinds);
     section.read("frequencyHz", waveform.frequencyHz, 0.0, 1e9);
+    // Bare numbers are physical unless the unit says otherwise; nothing at all is the default signal in counts.
+    const bool bare = section.has("amplitude") || section.has("offset");
+    const bool counts = section.has("amplitudeCounts") || section.has("offsetCounts");
+    if (bare && waveform.kind != WaveformKind::Counter) {
+        waveform.unit = WaveformUnit::Physical;
+    }
+    section.read("unit", waveform.unit, waveformUnits);
+    if (waveform.unit == WaveformUnit::Physical) {
+        if (waveform.kind == WaveformKind::Counter) {
+            section.fail("unit", "is \"physical\", but a counter has counts");
+        }
+        waveform.amplitude = 1.0;
+    }
+    if (counts && (bare || waveform.unit == WaveformUnit::Physical)) {
+        section.fail(section.has("amplitudeCounts") ? "amplitudeCounts" : "offsetCounts",
+                     "goes neither with amplitude and offset nor with unit physical");
+    }
+    section.read("amplitude", waveform.amplitude, -anyCount, anyCount);
+    section.read("offset", waveform.offset, -anyCount, anyCount);
     section.read("amplitudeCounts", waveform.amplitude, -anyCount, anyCount);
     section.read("offsetCounts", waveform.offset, -anyCount, anyCount);
     section.read("phaseRadians", waveform.phaseRadians, -1e6, 1e6);
@@ -290,6 +321,8 @@ ModuleScenario readModule(Section& section, const std::string& folder) {
     section.readInteger("slot", module.slot, 0, 7);
     section.read("amplifier", module.kind, amplifierKinds);
     section.readInteger("serial", module.serial, 0, std::numeric_limits<uint64_t>::max());
+    section.read("sensor", module.sensor, sensors);
+    section.read("tedsChip", module.tedsChip);
     section.readSection("waveform", [&](Section& inner) { module.waveform = readWaveform(inner, folder); });
     return module;
 }
@@ -421,8 +454,10 @@ std::string ScenarioJson::write(const Scenario& scenario) {
         Json waveform;
         waveform["kind"] = nameOf(waveformKinds, module.waveform.kind);
         waveform["frequencyHz"] = module.waveform.frequencyHz;
-        waveform["amplitudeCounts"] = module.waveform.amplitude;
-        waveform["offsetCounts"] = module.waveform.offset;
+        waveform["unit"] = module.waveform.kind == WaveformKind::Counter ? "counts"
+                                                                         : nameOf(waveformUnits, module.waveform.unit);
+        waveform["amplitude"] = module.waveform.amplitude;
+        waveform["offset"] = module.waveform.offset;
         waveform["phaseRadians"] = module.waveform.phaseRadians;
         if (module.waveform.kind == WaveformKind::Wav) {
             waveform["file"] = module.waveform.file;
@@ -431,6 +466,8 @@ std::string ScenarioJson::write(const Scenario& scenario) {
         item["slot"] = module.slot;
         item["amplifier"] = nameOf(amplifierKinds, module.kind);
         item["serial"] = module.serial;
+        item["sensor"] = nameOf(sensors, module.sensor);
+        item["tedsChip"] = module.tedsChip;
         item["waveform"] = std::move(waveform);
         json["modules"].push_back(std::move(item));
     }

@@ -24,6 +24,7 @@ constexpr int filterReach = 63;            // taps on each side of the centre
 constexpr int stepGrid = 128;              // places of the step response in one sample
 constexpr int kernelReach = 4;             // samples on each side that the chain before the last half-band spreads
 constexpr int stepReach = 36;              // samples on each side of a step until the filter has settled
+constexpr double forgotten = -40.0;        // exponent of what lies below the last bit of any sample
 constexpr double twoPi = 2.0 * std::numbers::pi;
 
 // To the nearest 2^-53, so that a place that is exact on paper is exact here; just below 1 becomes 0.
@@ -213,9 +214,21 @@ Signal::Signal(const SignalSource& source, const StreamFormat& format)
       debugCounter_(source.debugCounter) {
     const double unit = format.filtered ? 65536.0 : 1.0;
     frequency_ = source.waveform.frequencyHz;
-    amplitude_ = source.waveform.amplitude * source.countsPerUnit * unit;
-    offset_ = (source.waveform.offset - source.zero) * source.countsPerUnit * unit;
+    const bool physical = source.waveform.unit == WaveformUnit::Physical && kind_ != WaveformKind::Counter;
+    const FrontEnd frontEnd = physical ? source.frontEnd : FrontEnd{};
+    if (frontEnd.input != FrontEnd::Input::Signal) {
+        kind_ = WaveformKind::Constant;
+    }
+    const double countsPerUnit = frontEnd.countsPerUnit * unit;
+    double level = source.waveform.offset;
+    if (frontEnd.input == FrontEnd::Input::Grounded || frontEnd.highPassHz > 0.0) {
+        level = 0.0;
+    }
+    amplitude_ = source.waveform.amplitude * countsPerUnit;
+    offset_ = frontEnd.input == FrontEnd::Input::Rail ? 65536.0 * unit : (level - frontEnd.zero) * countsPerUnit;
     startCycles_ = source.waveform.phaseRadians / twoPi;
+    fileGain_ = physical ? amplitude_ / 32768.0 : unit;
+    fileOffset_ = physical ? offset_ : 0.0;
     if (debugCounter_) {
         // Counts up by one a tick: on the filtered stream a ramp that starts half-way.
         kind_ = WaveformKind::Ramp;
@@ -233,6 +246,9 @@ Signal::Signal(const SignalSource& source, const StreamFormat& format)
     }
     const double rate = format.rate();
     cyclesPerSample_ = rate > 0.0 ? frequency_ / rate : 0.0;
+    if (!debugCounter_) {
+        passFrontEnd(frontEnd);
+    }
     phaseStep_ = cycleFraction(frequency_, format.period, format.baseClock);
     phaseStart_ = toFraction(startCycles_) - cycleFraction(frequency_, format.delay, format.baseClock);
     if (format.filtered && kind_ != WaveformKind::Counter && kind_ != WaveformKind::Wav) {
@@ -244,6 +260,80 @@ Signal::Signal(const SignalSource& source, const StreamFormat& format)
 }
 
 Signal::~Signal() = default;
+
+namespace {
+
+// Both filters at a frequency.
+std::complex<double> response(const FrontEnd& frontEnd, double hertz) {
+    std::complex<double> result = 1.0;
+    if (frontEnd.highPassHz > 0.0) {
+        const std::complex<double> relative(0.0, hertz / frontEnd.highPassHz);
+        result *= relative / (1.0 + relative);
+    }
+    if (frontEnd.lowPassHz > 0.0) {
+        const double relative = hertz / frontEnd.lowPassHz;
+        result /= std::complex<double>(1.0 - relative * relative, std::numbers::sqrt2 * relative);
+    }
+    return result;
+}
+
+}  // namespace
+
+void Signal::passFrontEnd(const FrontEnd& frontEnd) {
+    if (frontEnd.highPassHz <= 0.0 && frontEnd.lowPassHz <= 0.0) {
+        return;
+    }
+    const double rate = format_.rate();
+    const bool edged = kind_ == WaveformKind::Square || kind_ == WaveformKind::Ramp;
+    if (kind_ == WaveformKind::Noise && frontEnd.lowPassHz > 0.0) {
+        // The low-pass passes as much of white noise as a perfect one with a corner 1.11 times as high.
+        const double passed = frontEnd.lowPassHz * std::numbers::pi / (2.0 * std::numbers::sqrt2);
+        const double band = 0.5 * (format_.filtered ? std::min(rate, format_.baseClock) : format_.baseClock);
+        amplitude_ *= band > passed ? std::sqrt(passed / band) : 1.0;
+    } else if (kind_ == WaveformKind::Sine || (edged && format_.filtered && std::fabs(cyclesPerSample_) >= 0.5)) {
+        const std::complex<double> gain = response(frontEnd, frequency_);
+        amplitude_ *= std::abs(gain);
+        startCycles_ += std::arg(gain) / twoPi;
+    } else if (edged && frequency_ != 0.0) {
+        shapeEdges(frontEnd, frontEnd.lowPassHz > 0.0 && !(format_.filtered && frontEnd.lowPassHz >= 0.5 * rate));
+    } else if (edged && frontEnd.highPassHz > 0.0) {
+        amplitude_ = 0.0;
+    }
+}
+
+// The answer to one step is a constant and an exponential for each pole of the filters. Summed over all the edges of a
+// periodic signal that lie behind, the exponentials are geometric series.
+void Signal::shapeEdges(const FrontEnd& frontEnd, bool lowPassed) {
+    std::vector<std::complex<double>> poles;
+    double numerator = 1.0;
+    double slopeShift = 0.0;  // s: what a slope of 1 adds to the line
+    if (lowPassed) {
+        const double corner = twoPi * frontEnd.lowPassHz;
+        poles.push_back(std::polar(corner, 0.75 * std::numbers::pi));
+        poles.push_back(std::polar(corner, -0.75 * std::numbers::pi));
+        numerator = corner * corner;
+        slopeShift = -std::numbers::sqrt2 / corner;
+    }
+    const bool highPassed = frontEnd.highPassHz > 0.0;
+    if (highPassed) {
+        poles.emplace_back(-twoPi * frontEnd.highPassHz);
+        slopeShift = -1.0 / poles.back().real();
+        lineGain_ = 0.0;
+    }
+    const bool square = kind_ == WaveformKind::Square;
+    const double piece = (square ? 0.5 : 1.0) / std::fabs(frequency_);
+    for (size_t i = 0; i < poles.size(); ++i) {
+        std::complex<double> weight = highPassed ? numerator : numerator / poles[i];
+        for (size_t j = 0; j < poles.size(); ++j) {
+            weight /= i == j ? 1.0 : poles[i] - poles[j];
+        }
+        const std::complex<double> behind = std::exp(poles[i] * piece);
+        weight *= square ? 2.0 / (1.0 + behind) : -2.0 / (1.0 - behind);
+        decays_.push_back({poles[i] * piece, weight});
+    }
+    lineShift_ = square ? 0.0 : 2.0 * slopeShift * std::fabs(frequency_);
+    smoothEdges_ = lowPassed;
+}
 
 void Signal::prepareFilter() {
     const HalfBand& filter = format_.filter;
@@ -332,6 +422,19 @@ void Signal::prepareTable() {
 // The waveform itself around its offset, at a place of its period.
 double Signal::shape(double cycles) const {
     const double place = cycles - std::floor(cycles);
+    if (!decays_.empty()) {
+        const bool square = kind_ == WaveformKind::Square;
+        const bool second = square && place >= 0.5;
+        const double along = square ? 2.0 * place - (second ? 1.0 : 0.0) : place;
+        double value = square ? lineGain_ : lineGain_ * (2.0 * place - 1.0) + lineShift_;
+        for (const Decay& decay : decays_) {
+            const std::complex<double> exponent = decay.pole * along;
+            if (exponent.real() > forgotten) {
+                value += (decay.weight * std::exp(exponent)).real();
+            }
+        }
+        return amplitude_ * (second ? -value : value);
+    }
     switch (kind_) {
         case WaveformKind::Sine:
             return amplitude_ * std::sin(twoPi * place);
@@ -391,7 +494,7 @@ double Signal::valueAt(uint64_t sample) const {
         const double first = kind_ == WaveformKind::Square ? 4.0 / std::numbers::pi : -2.0 / std::numbers::pi;
         return gain_ * offset_ + sineGain_ * first * amplitude_ * std::sin(twoPi * cycles);
     }
-    return gain_ * (offset_ + shape(cycles) + edges(cycles));
+    return gain_ * (offset_ + shape(cycles) + (smoothEdges_ ? 0.0 : edges(cycles)));
 }
 
 double Signal::settling(uint64_t sample) const {
@@ -510,8 +613,10 @@ void Signal::steady(uint64_t first, size_t count, Sample* samples) const {
         case WaveformKind::Square:
         case WaveformKind::Ramp:
             if constexpr (narrow) {
-                edged(first, count, samples);
-                break;
+                if (decays_.empty()) {
+                    edged(first, count, samples);
+                    break;
+                }
             }
             for (size_t i = 0; i < count; ++i) {
                 samples[i] = toCount<Sample>(valueAt(first + i));
@@ -523,12 +628,16 @@ void Signal::steady(uint64_t first, size_t count, Sample* samples) const {
         case WaveformKind::Wav:
             if (!recording_ || recording_->empty()) {
                 std::fill_n(samples, count, Sample(0));
-            } else if constexpr (narrow) {
-                repeat(*recording_, first, count, samples);
             } else {
+                if constexpr (narrow) {
+                    if (fileGain_ == 1.0 && fileOffset_ == 0.0) {
+                        repeat(*recording_, first, count, samples);
+                        break;
+                    }
+                }
                 size_t at = first % recording_->size();
                 for (size_t i = 0; i < count; ++i) {
-                    samples[i] = static_cast<int32_t>((*recording_)[at]) * 65536;
+                    samples[i] = toCount<Sample>(fileGain_ * (*recording_)[at] + fileOffset_);
                     at = at + 1 == recording_->size() ? 0 : at + 1;
                 }
             }

@@ -1,26 +1,26 @@
 #pragma once
 
 #include <array>
+#include <complex>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "simulator/model/FrontEnd.h"
 #include "simulator/model/Scenario.h"
 
 namespace kestrixsim {
 
 __extension__ typedef unsigned __int128 Uint128;
 
-// What lies at a converter's input.
+// What lies at an amplifier's input, and what the amplifier makes of it on the way to the converter. A waveform in
+// counts passes by the front end.
 struct SignalSource {
     Waveform waveform;
     std::shared_ptr<const std::vector<int16_t>> recording;  // Wav only
     uint64_t seed = 0;                                      // Noise only
-    // From the waveform's unit to counts of the 16-bit converter: (value - zero) * countsPerUnit. Waveforms are in
-    // counts so far; an amplifier's range and calibration would go in here.
-    double countsPerUnit = 1.0;
-    double zero = 0.0;
+    FrontEnd frontEnd;
     bool debugCounter = false;  // the FPGA's counter instead of the converter
 };
 
@@ -60,6 +60,10 @@ struct StreamFormat {
 // edges lie exactly, images are some 70 dB down. Noise is white within the stream's own band with the power
 // that a perfect low-pass would leave. In its first samples (about 75) the filter settles from 0 with the last
 // half-band's exact sum. Counter and Wav are neither filtered nor delayed.
+//
+// The amplifier's filters act on a physical waveform as if they had settled long ago: a sine has their exact gain and
+// phase, square and ramp their exact shape (on the filtered stream a low-pass above half the rate counts as none for
+// those two), noise the power that the low-pass leaves. Wav passes them by.
 class Signal {
 public:
     Signal(const SignalSource& source, const StreamFormat& format);
@@ -81,6 +85,8 @@ private:
     double valueAt(uint64_t sample) const;
     double settling(uint64_t sample) const;
     double shape(double cycles) const;
+    void passFrontEnd(const FrontEnd& frontEnd);
+    void shapeEdges(const FrontEnd& frontEnd, bool lowPassed);
     double residue(double samplesBehindEdge) const;
     double edges(double cycles) const;
     void prepareFilter();
@@ -106,6 +112,17 @@ private:
     Uint128 phaseStep_ = 0;
     uint64_t settled_ = 0;     // samples before this one are still settling
     bool fundamentalOnly_ = false;      // square or ramp at or above half the rate
+    // Square and ramp behind the amplifier's filters: in each piece between two edges a line and decaying exponentials.
+    struct Decay {
+        std::complex<double> pole;    // 1 / piece's length
+        std::complex<double> weight;  // at the piece's start, for an amplitude of 1
+    };
+    std::vector<Decay> decays_;
+    double lineGain_ = 1.0;             // of the waveform itself
+    double lineShift_ = 0.0;            // ramp only, for an amplitude of 1
+    bool smoothEdges_ = false;          // no step is left for the filter chain
+    double fileGain_ = 1.0;             // Wav: counts of this stream in a count of the file
+    double fileOffset_ = 0.0;           // Wav: counts of this stream
     std::vector<double> stepResponse_;  // square and ramp only: from -stepReach to stepReach samples
     std::vector<double> cosines_;       // of sample j of a block against its first
     std::vector<double> sines_;

@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "simulator/model/Firmware.h"
+#include "tests/amplifiers/DefinitionFile.h"
+
+// The definition files against the program of the simulated amplifiers: what a file offers, the amplifier takes, and
+// nothing beyond it.
+using namespace Harvane::RT::Core;
+using kestrixsim::AmplifierKind;
+using kestrixsim::Firmware;
+
+namespace {
+
+class Agreement : public testing::TestWithParam<std::pair<AmplifierKind, const char*>> {
+protected:
+    Agreement()
+        : definition(std::filesystem::path(KESTRIX_AMPLIFIERS) / GetParam().second),
+          firmware(moduleOf(GetParam().first), 1, 1) {
+    }
+
+    static kestrixsim::ModuleScenario moduleOf(AmplifierKind kind) {
+        kestrixsim::ModuleScenario module;
+        module.kind = kind;
+        return module;
+    }
+
+    int send(uint8_t command, std::vector<uint8_t> payload = {}) { return firmware.execute(command, payload).status; }
+
+    std::string identity() {
+        std::string text;
+        for (const uint8_t command : {0xA7, 0x65, 0x66, 0x63}) {
+            text += (text.empty() ? "" : ".") + std::to_string(firmware.execute(command, {}).data.at(0));
+        }
+        return text;
+    }
+
+    ListPtr choices(const char* name) { return definition.channel.getPropertyInfo(name).getValuesAsList(); }
+
+    // Every place of a list is taken, the one behind it refused, by the setting or by the update.
+    void walk(uint8_t command, const char* name) {
+        const size_t count = choices(name).getCount();
+        for (size_t i = 0; i < count; ++i) {
+            EXPECT_EQ(0, send(command, {static_cast<uint8_t>(i)})) << name << i;
+            EXPECT_EQ(0, send(0x67)) << name << i;
+        }
+        EXPECT_FALSE(send(command, {static_cast<uint8_t>(count)}) == 0 && send(0x67) == 0) << name;
+        EXPECT_EQ(0, send(command, {0}));
+        EXPECT_EQ(0, send(0x67));
+    }
+
+    int excite(double value) {
+        const auto number = static_cast<float>(value);
+        std::vector<uint8_t> bytes(4);
+        std::memcpy(bytes.data(), &number, 4);
+        const int staged = send(0xB9, bytes);
+        return staged != 0 ? staged : send(0x67);
+    }
+
+    DefinitionFile definition;
+    Firmware firmware;
+};
+
+TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
+    EXPECT_EQ(identity(), definition.channel.getPropertyValue<std::string>("AmplifierID"));
+    const size_t measurements = choices("Measurement").getCount();
+    EXPECT_NE(0, send(0x60, {static_cast<uint8_t>(measurements)}));
+    for (size_t m = 0; m < measurements; ++m) {
+        EXPECT_EQ(0, send(0x60, {static_cast<uint8_t>(m)}));
+        EXPECT_EQ(0, send(0x67));
+        definition.channel.setPropertyValue("Measurement", static_cast<int64_t>(m));
+        walk(0xBC, "Range");
+        walk(0xC8, "LPFilter");
+        walk(0xC3, "HPFilter");
+        walk(0xC9, "InputType");
+        if (definition.channel.hasProperty("ExcitationType")) {
+            walk(0x6A, "ExcitationType");
+        }
+        const ListPtr ranges = choices("Range");
+        for (size_t i = 0; i < ranges.getCount(); ++i) {
+            EXPECT_EQ(0, send(0xBC, {static_cast<uint8_t>(i)}));
+            EXPECT_EQ(0, send(0x67));
+            const GenericPropertyObjectPtr item = ranges.getItemAt(i).asPtr<IPropertyObject>();
+            const double whole = item.getPropertyValue<double>("Max") - item.getPropertyValue<double>("Min");
+            EXPECT_NEAR(whole, 65536.0 / firmware.frontEnd().countsPerUnit / firmware.scale(), whole * 1e-9) << m << i;
+        }
+        EXPECT_EQ(0, send(0xBC, {0}));
+        // The text of a coupling says whether it lets a constant pass.
+        const ListPtr couplings = choices("HPFilter");
+        for (size_t i = 0; i < couplings.getCount(); ++i) {
+            EXPECT_EQ(0, send(0xC3, {static_cast<uint8_t>(i)}));
+            EXPECT_EQ(0, send(0x67));
+            const std::string text = fromValue<std::string>(couplings.getItemAt(i));
+            const double hertz = text == "DC" ? 0.0 : std::stod(text.substr(3));
+            EXPECT_EQ(hertz, firmware.frontEnd().highPassHz) << text;
+        }
+        EXPECT_EQ(0, send(0xC3, {0}));
+    }
+    // Filters say their corner, but for the first.
+    const ListPtr filters = choices("LPFilter");
+    for (size_t i = 1; i < filters.getCount(); ++i) {
+        EXPECT_EQ(0, send(0xC8, {static_cast<uint8_t>(i)}));
+        EXPECT_EQ(0, send(0x67));
+        const std::string text = fromValue<std::string>(filters.getItemAt(i));
+        const double factor = text.ends_with("MHz") ? 1e6 : text.ends_with("kHz") ? 1e3 : 1.0;
+        EXPECT_EQ(std::stod(text) * factor, firmware.frontEnd().lowPassHz) << text;
+    }
+}
+
+TEST_P(Agreement, whatTheFileSaysItCanItCan) {
+    const auto has = [&](const char* name) { return definition.channel.hasProperty(name); };
+    EXPECT_EQ(has("Short"), send(0xB7, {1}) == 0);
+    EXPECT_EQ(has("SupportsLed1Control"), send(0xF2, {1}) == 0);
+    EXPECT_EQ(has("ReadTeds"), send(0xD0) == 0);
+    EXPECT_EQ(has("FinalizeTedsCustom"), send(0xD1, {0x04}) == 0);
+    EXPECT_EQ(has("GetSensorStatus"), firmware.execute(0xF0, {}).data.at(0) != 0);
+    EXPECT_EQ(0, send(0xB7, {0}));
+    if (!has("Excitation")) {
+        EXPECT_NE(0, excite(5.0)) << "nor has the amplifier";
+        return;
+    }
+    const ListPtr excitations = choices("Excitation");
+    for (size_t i = 0; i < excitations.getCount(); ++i) {
+        EXPECT_EQ(0, excite(fromValue<double>(excitations.getItemAt(i)))) << i;
+    }
+    EXPECT_NE(0, excite(6.0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Agreement,
+                         testing::Values(std::pair{AmplifierKind::Voltage, "fast-voltage.json"},
+                                         std::pair{AmplifierKind::Bridge, "bridge.json"},
+                                         std::pair{AmplifierKind::Iepe, "iepe.json"},
+                                         std::pair{AmplifierKind::HighVoltage, "high-voltage.json"}));
+
+}  // namespace
