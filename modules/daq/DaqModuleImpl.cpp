@@ -188,6 +188,7 @@ void DaqModuleImpl::onAdd(const ModuleAddParamsPtr& params) {
     if (!dataModule) {
         throw InvalidParameterException("The module needs a data module to build its tree in.");
     }
+    rtcClasses_ = std::make_unique<RtcClasses>();
     daqController.initialize();
     daqController.scan();
     daqController.initializeHardware();

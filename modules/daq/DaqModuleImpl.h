@@ -2,11 +2,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/bridge/GenericModuleImpl.h"
+#include "modules/daq/bridge/RtcClasses.h"
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -65,6 +67,7 @@ private:
     void moveAsyncSamplesOut();
 
     bool addStarted_ = false;
+    std::unique_ptr<RtcClasses> rtcClasses_;  // from add on: the tree has objects of these classes
     // Samples of each entry of the channels map that its ring had lost before they could be passed on, in this run.
     std::vector<int64_t> lostSamples_;
 };

@@ -186,7 +186,8 @@ TEST_F(TreeTest, ChannelProperties) {
 
 TEST_F(TreeTest, DataModuleProperties) {
     build({std::make_shared<TestDevice>()});
-    const Names names = {"SampleRate", "MinSampleRate", "MaxSampleRate", "CheckSampleRate", "BeforeStart"};
+    const Names names = {"SampleRate",  "MinSampleRate",          "MaxSampleRate",  "CheckSampleRate",
+                         "BeforeStart", "SynchronizationOptions", "Synchronization"};
     EXPECT_EQ(localNames(dataModule, names), names);
     EXPECT_EQ(rateOf(dataModule), 1000);
     EXPECT_EQ(rateOf(dataModule, "MinSampleRate"), 10);

@@ -75,10 +75,11 @@ std::vector<std::string> exportedNames() {
 // A stray C++ symbol could be bound to another library's, or keep the module from being unloaded.
 TEST(ModuleBinaryTest, ExportsTheEntryPointsAndTheCounterOnly) {
     EXPECT_EQ(exportedNames(),
-              (std::vector<std::string>{counterSymbol, "createDaqChannelBuffer", "createDaqModule",
-                                        "createDaqModuleDriver", "createModuleDriver", "removeDaqChannelBuffer",
-                                        "zornCanUnload", "zornCheckDependencies", "zornGetObjectCount",
-                                        "zornInitDaqModuleLibrary", "zornIntializeTesting"}));
+              (std::vector<std::string>{counterSymbol, "createDaqAmplifiersFactory", "createDaqChannelBuffer",
+                                        "createDaqModule", "createDaqModuleDriver", "createModuleDriver",
+                                        "releaseDaqAmplifiersFactory", "removeDaqChannelBuffer", "zornCanUnload",
+                                        "zornCheckDependencies", "zornGetObjectCount", "zornInitDaqModuleLibrary",
+                                        "zornIntializeTesting"}));
 }
 
 TEST_F(ModuleEntryTest, FitsThisHost) {

@@ -50,7 +50,7 @@ double Amplifier::getScale() {
 }
 
 double Amplifier::getOffset() {
-    return getMeasureType() == DaqAmplifierMeasurementsConsts::Bridge ? bridgeOffset : 0.0;
+    return getMeasureType() == DaqAmplifierMeasurementsConsts::Bridge ? bridgeOffset.load() : 0.0;
 }
 
 double Amplifier::getMinValue() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -148,7 +149,8 @@ public:
     bool shortPresent = false;  ///< The channel has a short switch at all.
     bool shortOn = false;       ///< The short switch.
     bool shunt = false;
-    double bridgeOffset = 0.0;  ///< Software balance offset, in the bridge's unit.
+    /// Software balance offset, in the bridge's unit. The balancing thread moves it while others read it.
+    std::atomic<double> bridgeOffset{0.0};
     bool altExcPolarity = false;
     std::int32_t bridgeWires = 0;
     bool ledControl = false;  ///< The module has an LED that notices are sent to.

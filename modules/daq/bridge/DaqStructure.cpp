@@ -4,11 +4,17 @@
 #include <limits>
 #include <string>
 
+#include <boost/filesystem/operations.hpp>
+
 #include <zorn/structure/property_classes.h>
 
 #include "modules/daq/DaqController.h"
+#include "modules/daq/amplifier/Amplifier.h"
+#include "modules/daq/amplifier/DaqAmplifier.h"
 #include "modules/daq/bridge/DaqChannelBuffer.h"
+#include "modules/daq/bridge/CntProperties.h"
 #include "modules/daq/bridge/DaqStructureConsts.h"
+#include "modules/daq/bridge/RtcClasses.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
 #include "modules/daq/objectmodel/AOChannel.h"
@@ -19,6 +25,7 @@
 #include "modules/daq/objectmodel/DaqDevice.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
 #include "modules/daq/objectmodel/Log.h"
+#include "modules/daq/synchronization/Synchronization.h"
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -41,11 +48,15 @@ int intOf(const BasePtr& value) {
 }
 
 // After the property was cleared there is no new value: then what the object shows counts.
-int changedValue(const GenericPropertyObjectPtr& sender, const PropertyValueChangedEventArgsPtr& args) {
+BasePtr changedObject(const GenericPropertyObjectPtr& sender, const PropertyValueChangedEventArgsPtr& args) {
     int32_t changeType = 0;
     checkErrorInfo(args->getChangeType(&changeType));
     const bool cleared = changeType == static_cast<int32_t>(PropertyChangeType::Cleared);
-    return intOf(cleared ? sender.getPropertyValue(args.getPropertyName()) : args.getValue());
+    return cleared ? sender.getPropertyValue(args.getPropertyName()) : args.getValue();
+}
+
+int changedValue(const GenericPropertyObjectPtr& sender, const PropertyValueChangedEventArgsPtr& args) {
+    return intOf(changedObject(sender, args));
 }
 
 std::pair<int, int> twoRates(const BasePtr& arguments) {
@@ -95,6 +106,18 @@ ObjectPtr<IEvent> valueChangedEvent(const PropertyInfoPtr& info) {
     return ObjectPtr<IEvent>::take(event);
 }
 
+// The settings of a route out of the instrument, as an object of one of the host's classes for routes.
+void addRoute(const ChannelPtr<IChannel>& hostChannel, const char* className) {
+    constexpr ConfigurationMode load = 1;
+    constexpr PropertyState inTheSetup = 6;
+    hostChannel.registerProperty(PropertyInfoPtr::create(OutputChannelConsts::RtcProp, CoreType::Object)
+                                     .configurationAction(load, inTheSetup, ConfigurationAction::TakeOver));
+    IPropertyObject* route = nullptr;
+    checkErrorInfo(createPropertyObject(&route, nullptr, StringPtr(className).get()));
+    hostChannel.setPropertyValue(OutputChannelConsts::RtcProp,
+                                 GenericPropertyObjectPtr(ObjectPtr<IPropertyObject>::take(route)));
+}
+
 const char* textOf(const std::exception& exception) {
     const char* text = exception.what();
     return text == nullptr ? "(null)" : text;
@@ -114,19 +137,13 @@ private:
     int& depth_;
 };
 
-// What the host's tree holds may be called after this object is gone. It holds nothing of the module but a weak token.
 template <class Body>
 auto DaqStructure::whileAlive(Body body) const {
-    return [life = std::weak_ptr<Life>(life_), body = std::move(body)](auto&... arguments) -> ErrCode {
-        if (life.expired()) {
-            return makeError(Errors::InvalidState, "The data acquisition module is gone.");
-        }
-        return body(arguments...);
-    };
+    return life_.guard(std::move(body));
 }
 
 void DaqStructure::subscribe(const ObjectPtr<IEvent>& event, Handler handler) {
-    auto object = makeHandler([life = std::weak_ptr<Life>(life_), this, handler](
+    auto object = makeHandler([life = life_.watch(), this, handler](
                                   const BasePtr& sender, const ObjectPtr<IEventArgs>& arguments) {
         if (life.expired()) {
             return;
@@ -152,10 +169,15 @@ void DaqStructure::runHandler(const char* name, Body&& body) {
     }
 }
 
-DaqStructure::DaqStructure(DaqController& controller) : controller_(controller) {}
+DaqStructure::DaqStructure(DaqController& controller) : controller_(controller) {
+    boost::system::error_code error;
+    const auto directory = boost::filesystem::current_path(error).string();
+    amplifierFactory_.registerAmplifiers((error ? std::string(".") : directory) + "/amplifiers/");
+}
 
 DaqStructure::~DaqStructure() {
-    life_.reset();
+    amplifierFactory_.unregisterAmplifiers();
+    life_.end();
     for (const auto& [event, handler] : subscriptions_) {
         if (failed(event->removeHandler(handler.get()))) {
             zornClearErrorInfo();
@@ -202,7 +224,67 @@ void DaqStructure::buildDataModuleProps(const DataModulePtr& dataModule) {
                                     beforeStart();
                                     return Errors::Success;
                                 })));
-    // The synchronisation options follow here.
+    registerSynchronization();
+}
+
+void DaqStructure::registerSynchronization() {
+    const ListPtr options = ListPtr::create();
+    for (const auto& option : controller_.getSynchronizationOptions()) {
+        options.pushBack(asBase(syncOptionValueToRtCore(option)));
+    }
+    dataModule_.registerProperty(
+        readOnlyInfo(DataModuleConsts::SynchronizationOptionsProp, CoreType::List, options));
+
+    const auto info = PropertyInfoPtr::create(DataModuleConsts::SynchronizationProp, CoreType::List);
+    const auto event = valueChangedEvent(info);
+    dataModule_.registerProperty(info);
+    dataModule_.setPropertyValue(DataModuleConsts::SynchronizationProp,
+                                 syncOptionValueToRtCore(controller_.synchronization));
+    // Only now: what was just written is the controller's own option.
+    subscribe(event, &DaqStructure::onSynchronizationChanged);
+}
+
+ListPtr DaqStructure::syncOptionValueToRtCore(const std::pair<SynchronizationMode, SynchronizationModes>& option) {
+    const ListPtr sources = ListPtr::create();
+    for (const SynchronizationMode mode : option.second) {
+        sources.pushBack(toValue(static_cast<int>(mode)));
+    }
+    return ListPtr::create({toValue(static_cast<int>(option.first)), asBase(sources)});
+}
+
+std::pair<SynchronizationMode, SynchronizationModes> DaqStructure::syncOptionValueFromRtCore(
+    const ObjectPtr<IBaseObject>& value) {
+    const auto listOf = [](const BasePtr& object) {
+        auto list = object ? object.asPtrOrNull<IList>() : ObjectPtr<IList>();
+        if (!list) {
+            throw InvalidParameterException(
+                "A synchronisation option is a list of a mode and the list of the modes that it sources.");
+        }
+        return ListPtr(list);
+    };
+    const auto modeOf = [](int64_t number) { return static_cast<SynchronizationMode>(toInt(number)); };
+
+    const ListPtr items = listOf(value);
+    const SynchronizationMode slaveMode = modeOf(fromValue<int64_t>(items.getItemAt(0)));
+    const ListPtr sources = listOf(items.getItemAt(1));
+    SynchronizationModes sourceModes;
+    for (size_t i = 0, count = sources.getCount(); i < count; ++i) {
+        const BasePtr item = sources.getItemAt(i);
+        const auto number = item ? item.asPtrOrNull<IIntObject>() : ObjectPtr<IIntObject>();
+        if (!number) {
+            throw ConversionFailedException("A source mode of a synchronisation option is an int.");
+        }
+        int64_t mode = 0;
+        checkErrorInfo(number->getValue(&mode));
+        sourceModes.insert(modeOf(mode));
+    }
+    return Synchronization::CreateSyncOption(slaveMode, sourceModes);
+}
+
+// Unlike a rate it may be chosen while an acquisition runs: it counts from the next configuration on. A refusal goes to
+// whoever wrote the property.
+void DaqStructure::onSynchronizationChanged(GenericPropertyObjectPtr& sender, PropertyValueChangedEventArgsPtr& args) {
+    controller_.setSynchronization(syncOptionValueFromRtCore(changedObject(sender, args)));
 }
 
 void DaqStructure::registerLoopProperties() {
@@ -436,14 +518,66 @@ void DaqStructure::buildChannel(const std::shared_ptr<Channel>& channel, const C
 }
 
 // The properties of each kind of channel.
-void DaqStructure::buildAIChannel(const std::shared_ptr<AIChannel>&, const ChannelPtr<IChannel>&,
-                                  const AcquisitionSyncPtr&) {}
+void DaqStructure::buildAIChannel(const std::shared_ptr<AIChannel>& channel, const ChannelPtr<IChannel>& hostChannel,
+                                  const AcquisitionSyncPtr& sync) {
+    // Of the channels that share an amplifier the first one shows its properties.
+    if (std::any_of(amplifiers_.begin(), amplifiers_.end(),
+                    [&](const auto& other) { return other->getAmplifier() == channel->amplifier; })) {
+        return;
+    }
+    if (!channel->amplifier) {
+        throw InvalidParameterException("Channel \"%s\" has no amplifier.", channel->name.c_str());
+    }
+    const auto amplifier = std::make_shared<DaqAmplifier>(hostChannel, channel->amplifier, sync);
+    amplifier->init(amplifierFactory_.getAmplifierClassName(channel->amplifier->getId()));
+    amplifiers_.push_back(amplifier);
+}
 
-void DaqStructure::buildAOChannel(const std::shared_ptr<AOChannel>&, const ChannelPtr<IChannel>&) {}
+void DaqStructure::buildAOChannel(const std::shared_ptr<AOChannel>&, const ChannelPtr<IChannel>& hostChannel) {
+    addRoute(hostChannel, RtcClasses::AOClass);
+}
 
-void DaqStructure::buildCntChannel(const std::shared_ptr<CntChannel>&, const ChannelPtr<IChannel>&) {}
+void DaqStructure::buildCntChannel(const std::shared_ptr<CntChannel>& channel,
+                                   const ChannelPtr<IChannel>& hostChannel) {
+    if (channel->hasCntSettings()) {
+        CntProperties::registerOn(hostChannel.getParent(), *channel);
+    }
+}
 
-void DaqStructure::buildCANChannel(const std::shared_ptr<CANChannel>&, const ChannelPtr<IChannel>&) {}
+void DaqStructure::buildCANChannel(const std::shared_ptr<CANChannel>& channel,
+                                   const ChannelPtr<IChannel>& hostChannel) {
+    using Consts = OutputChannelConsts;
+    if (channel->isControl) {
+        return;
+    }
+    const ListPtr baudRates = ListPtr::create();
+    for (const int baudRate : channel->getBaudRates()) {
+        baudRates.pushBack(toValue(baudRate));
+    }
+    hostChannel.registerProperty(
+        PropertyInfoPtr::create(Consts::BaudRateProp, CoreType::Int).defaultValue(0).values(baudRates));
+    hostChannel.setPropertyValue(Consts::BaudRateProp, channel->baudRate);
+
+    hostChannel.registerProperty(
+        PropertyInfoPtr::create(Consts::OperationModeProp, CoreType::String)
+            .defaultValue(Consts::ReadOnlyMode)
+            .values(ListPtr::create({toValue(Consts::ReadOnlyMode), toValue(Consts::ReadWriteMode)})));
+    hostChannel.setPropertyValue(Consts::OperationModeProp,
+                                 channel->writeEnable != 0 ? Consts::ReadWriteMode : Consts::ReadOnlyMode);
+    addRoute(hostChannel, RtcClasses::CanV1Class);
+}
+
+// What the user has set on a channel of these kinds.
+void DaqStructure::readBack(const std::shared_ptr<Channel>& channel, const ChannelPtr<IChannel>& hostChannel) {
+    if (const auto can = std::dynamic_pointer_cast<CANChannel>(channel); can && !can->isControl) {
+        can->baudRate = intOf(hostChannel.getPropertyValue(OutputChannelConsts::BaudRateProp));
+        const auto mode = hostChannel.getPropertyValue<std::string>(OutputChannelConsts::OperationModeProp);
+        can->writeEnable = mode != OutputChannelConsts::ReadOnlyMode ? 1 : 0;
+    }
+    if (const auto counter = std::dynamic_pointer_cast<CntChannel>(channel); counter && counter->hasCntSettings()) {
+        CntProperties::readBack(hostChannel.getParent(), *counter);
+    }
+}
 
 // From the tree to the host and back.
 
@@ -473,6 +607,7 @@ void DaqStructure::beforeStart() {
     }
     for (const auto& [channel, hostChannel] : channelsMap_) {
         channel->used = hostChannel.getActive();
+        readBack(channel, hostChannel);
         if (!isSync(*channel)) {
             continue;
         }
@@ -491,11 +626,17 @@ void DaqStructure::beforeStart() {
         }
         channel->buffer = std::move(hostBuffer);
     }
+    for (const auto& amplifier : amplifiers_) {
+        amplifier->update(false);
+    }
     controller_.initializeAcquisition();
     updateScaleFactors();
 }
 
 void DaqStructure::updateScaleFactors() {
+    for (const auto& amplifier : amplifiers_) {
+        amplifier->update(false);
+    }
     for (const auto& [channel, hostChannel] : channelsMap_) {
         hostChannel.setScale(channel->scale);
         hostChannel.setOffset(channel->offset);

@@ -10,6 +10,11 @@
 #include <zorn/structure/module.h>
 #include <zorn/structure/node.h>
 
+#include "modules/daq/amplifier/DaqAmplifiersFactory.h"
+#include "modules/daq/bridge/LifeToken.h"
+
+#include "modules/daq/synchronization/SynchronizationModes.h"
+
 namespace Harvane::RT::Modules::Daq {
 
 class AIChannel;
@@ -19,6 +24,7 @@ class CANChannel;
 class Channel;
 class ChannelFolder;
 class CntChannel;
+class DaqAmplifier;
 class DaqController;
 class DaqDevice;
 class Device;
@@ -38,7 +44,8 @@ public:
     using DevicesMap = std::vector<std::pair<std::shared_ptr<DaqDevice>, Core::ChannelFolderPtr>>;
     using ChannelsMap = std::vector<std::pair<std::shared_ptr<Channel>, Core::ChannelPtr<Core::IChannel>>>;
 
-    /// Keeps a reference to the controller and doesn't use it before the first call.
+    /// Keeps a reference to the controller and doesn't use it before the first call. Reads the amplifier definitions
+    /// in the folder "amplifiers" of the working directory.
     explicit DaqStructure(DaqController& controller);
     /// Doesn't touch the controller, which may be gone already.
     virtual ~DaqStructure();
@@ -83,6 +90,14 @@ public:
     bool setDaqDeviceBaseClockFromSampleRate(const std::shared_ptr<DaqDevice>& device,
                                              const Core::ChannelFolderPtr& folder, int rate);
 
+    /// A synchronisation option in the host is a list of the mode in which the device follows and the list of the modes
+    /// that it sources, in ascending order, all as numbers.
+    static Core::ListPtr syncOptionValueToRtCore(const std::pair<SynchronizationMode, SynchronizationModes>& option);
+    /// Throws InvalidParameterException for what is no such list, ConversionFailedException for a source mode that is
+    /// no int. Whether a device offers the option isn't looked at.
+    static std::pair<SynchronizationMode, SynchronizationModes> syncOptionValueFromRtCore(
+        const Core::ObjectPtr<Core::IBaseObject>& value);
+
     // Handlers of property changes. They do nothing while the bridge itself writes or an acquisition runs, and let no
     // std::exception out: it is logged and the property keeps what was written.
     void onSampleRateChanged(Core::GenericPropertyObjectPtr& sender, Core::PropertyValueChangedEventArgsPtr& args);
@@ -97,7 +112,6 @@ public:
 private:
     using Handler = void (DaqStructure::*)(Core::GenericPropertyObjectPtr&, Core::PropertyValueChangedEventArgsPtr&);
     class UpdatingScope;
-    struct Life {};
 
     template <class Body>
     auto whileAlive(Body body) const;
@@ -106,9 +120,15 @@ private:
     void runHandler(const char* name, Body&& body);
 
     void registerLoopProperties();
+    void registerSynchronization();
+    void onSynchronizationChanged(Core::GenericPropertyObjectPtr& sender,
+                                  Core::PropertyValueChangedEventArgsPtr& args);
     Core::ChannelPtr<Core::IChannel> createHostChannel(const Channel& channel) const;
     void buildChannel(const std::shared_ptr<Channel>& channel, const Core::ChannelFolderPtr& hostFolder,
                       const Core::AcquisitionSyncPtr& sync);
+
+    static void readBack(const std::shared_ptr<Channel>& channel,
+                         const Core::ChannelPtr<Core::IChannel>& hostChannel);
 
     bool isUpdatingFromConfiguration() const;
     int checkedSystemRate(int value, const Core::GenericPropertyObjectPtr& owner);
@@ -123,10 +143,12 @@ private:
     Core::DataModulePtr dataModule_;
     DevicesMap devicesMap_;
     ChannelsMap channelsMap_;
+    std::vector<std::shared_ptr<DaqAmplifier>> amplifiers_;  // one for each amplifier of the tree
+    DaqAmplifiersFactory amplifierFactory_;
     // The module's own buffer of each synchronous channel, for when the host doesn't use the channel.
     std::map<std::shared_ptr<Channel>, std::shared_ptr<IChannelBuffer>> channelBuffers_;
     std::vector<std::pair<Core::ObjectPtr<Core::IEvent>, Core::ObjectPtr<Core::IEventHandler>>> subscriptions_;
-    std::shared_ptr<Life> life_ = std::make_shared<Life>();
+    LifeToken life_;
 };
 
 }

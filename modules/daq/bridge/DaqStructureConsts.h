@@ -13,6 +13,8 @@ public:
     static constexpr const char* CheckCycleRateProp = "CheckCycleRate";
     static constexpr const char* CheckCycleRateBasedOnDeviceSampleRatesProp = "CheckCycleRateBasedOnDeviceSampleRates";
     static constexpr const char* BeforeStartProp = "BeforeStart";
+    static constexpr const char* SynchronizationOptionsProp = "SynchronizationOptions";
+    static constexpr const char* SynchronizationProp = "Synchronization";
     // Of the data module's parent, kept by the host.
     static constexpr const char* IsUpdatingFromConfigurationProp = "isUpdatingFromConfiguration";
     // Of the data, kept by the host.
@@ -49,6 +51,16 @@ public:
     static constexpr const char* CheckRateProp = "CheckRate";
     static constexpr const char* EnabledProp = "Enabled";
     static constexpr const char* PhaseDelayProp = "PhaseDelay";
+};
+
+/// Names of the properties of a route out of the instrument and of a CAN port, on the channel itself.
+class OutputChannelConsts {
+public:
+    static constexpr const char* RtcProp = "RTC";
+    static constexpr const char* BaudRateProp = "BaudRate";
+    static constexpr const char* OperationModeProp = "OperationMode";
+    static constexpr const char* ReadOnlyMode = "ReadOnly";
+    static constexpr const char* ReadWriteMode = "ReadWriteAcq";
 };
 
 }

@@ -8,7 +8,7 @@ AOChannel::AOChannel(int number) : Channel(number) {
     sampleType = SampleType::Async;
     maxRate = 1000;
     isControl = true;
-    unit = "V";
+    unit.assign(1, 'V');  // assigning a text makes g++ 12 warn falsely
 }
 
 void AOChannel::initialize() {

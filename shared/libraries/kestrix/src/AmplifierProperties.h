@@ -66,6 +66,8 @@ public:
     std::string getId() const;
     void getCalibrationDate(std::string& text) const;
 
+    // What the module was last known to hold.
+    const AmplifierRecord& getDeviceProperties() const { return device_; }
     // From the device copy.
     bool isAmplifierDefined() const;
     double getDaqScale() const;   // 1 when the module reported no finite number

@@ -1,5 +1,6 @@
 #include "modules/daq/daqdevices/kestrix/src/DspControl.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
@@ -20,7 +21,8 @@ using Shared::Kestrix::DspCoreRegister;
 
 namespace {
 
-constexpr double ratioUnit = 274877906944.0;  // 2^38: the resampler's ratio has 38 binary places
+constexpr int ratioPlaces = 38;  // binary places of the resampler's ratio
+constexpr double ratioUnit = 274877906944.0;  // 2^38
 constexpr uint32_t maxHalfBands = 18;
 
 // The symmetric impulse response of the half-band filter, 27 bits in two's complement: the taps at odd distance from
@@ -113,20 +115,29 @@ void DspControl::configureStartTriggerControl(bool simulationMode) {
 }
 
 bool DspControl::calculateRatioValue(int baseClock, uint32_t rate, uint32_t& halfBands, uint64_t& ratio) {
-    const uint32_t half = static_cast<uint32_t>(baseClock / 2);
-    uint32_t doubled = 2 * rate;
+    const uint64_t half = static_cast<uint64_t>(std::max(baseClock, 0) / 2);
+    uint64_t doubled = 2 * static_cast<uint64_t>(rate);
+    // Above a quarter of the clock there is nothing left to resample.
+    if (rate == 0 || doubled > half) {
+        return false;
+    }
     uint32_t stages = 0;
-    while (!(half / 2 < doubled && doubled <= half) && stages < maxHalfBands) {
+    while (doubled <= half / 2 && stages < maxHalfBands) {
         ++stages;
         doubled *= 2;
     }
-    // A chain of 18 stages doesn't exist; what is left for the ratio then is tested all the same.
-    halfBands = stages < maxHalfBands ? stages : 0;
-    const double value = (static_cast<double>(half) / static_cast<double>(doubled) - 1.0) * ratioUnit;
-    if (!std::isfinite(value) || value < 0.0 || value != std::floor(value)) {
+    // Whole numbers: in double precision some hundred rates round to a ratio that looks exact and isn't. 31 and 38 bits
+    // don't fit into 64 together, so the division runs in two steps of 19 places.
+    constexpr int step = ratioPlaces / 2;
+    const uint64_t whole = half / doubled;
+    const uint64_t upper = (half % doubled) << step;
+    const uint64_t lower = (upper % doubled) << step;
+    if (lower % doubled != 0) {
         return false;
     }
-    ratio = static_cast<uint64_t>(value);
+    // A chain of 18 stages doesn't exist; what is left for the ratio then is tested all the same.
+    halfBands = stages < maxHalfBands ? stages : 0;
+    ratio = ((whole - 1) << ratioPlaces) + ((upper / doubled) << step) + lower / doubled;
     return true;
 }
 

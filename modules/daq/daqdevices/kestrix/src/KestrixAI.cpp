@@ -258,7 +258,9 @@ int KestrixAI::checkRate(int rate, int clock) const {
             }
         }
     }
-    for (int candidate = rate; candidate > lowestSearchedRate; --candidate) {
+    // The nearest whole division of the clock at or below the request. Every division of the clock below a candidate is
+    // clock / q for a larger whole q than the candidate's own, so the rates between two of them can be passed over.
+    for (int candidate = rate; candidate > lowestSearchedRate; candidate = clock / (clock / candidate + 1)) {
         if (clock % candidate == 0 && isExact(clock, candidate)) {
             return candidate;
         }
@@ -286,22 +288,38 @@ int KestrixAI::checkChannelRate(int channelNumber, int deviceRate, int requested
     if (deviceRate < 1) {
         return deviceRate;
     }
-    int64_t divider = (deviceRate + rate - 1) / rate;
-    const auto rateAt = [&] { return static_cast<int>(deviceRate / divider); };
+    const int64_t full = deviceRate;
+    const int64_t first = (full + rate - 1) / rate;
     if (!isFiltered(channelNumber)) {
-        return rateAt();
+        return static_cast<int>(full / first);
     }
 
+    // Only a divider that leaves no rest fits. Such a divider is the device rate over a whole number, the channel's
+    // rate, so the search goes from one whole rate to the next instead of from one divider to the next.
     const int clock = static_cast<int>(RegistersAddress::baseClock);
-    const auto fits = [&] { return rateAt() * divider == deviceRate && isExact(clock, rateAt()); };
-    while (!fits() && rateAt() > lowestSearchedRate) {
-        ++divider;
+    const auto fits = [&](int64_t divider) {
+        return full % divider == 0 && isExact(clock, static_cast<int>(full / divider));
+    };
+    // The last divider that is looked at is the first one that gives the lowest searched rate or less.
+    const int64_t last = std::max(first, full / (lowestSearchedRate + 1) + 1);
+    for (int64_t divider = first; divider <= last;) {
+        if (fits(divider)) {
+            return static_cast<int>(full / divider);
+        }
+        const int64_t below = full % divider == 0 ? full / divider - 1 : full / divider;
+        if (below < 1) {
+            break;
+        }
+        divider = (full + below - 1) / below;
     }
-    // Nothing below the request fits: look above it. The device rate itself ends the walk.
-    while (!fits() && divider > 1) {
-        --divider;
+    // Nothing below the request fits: look above it. The device rate itself ends the search.
+    for (int64_t divider = first - 1; divider > 1; --divider) {
+        divider = full / ((full + divider - 1) / divider);
+        if (divider > 1 && fits(divider)) {
+            return static_cast<int>(full / divider);
+        }
     }
-    return rateAt();
+    return deviceRate;
 }
 
 // ---- Acquisition ----------------------------------------------------------------------------------------------------

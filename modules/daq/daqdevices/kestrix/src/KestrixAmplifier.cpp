@@ -1,6 +1,10 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
 #include "shared/libraries/kestrix/src/KestrixLogger.h"
@@ -31,7 +35,37 @@ bool KestrixAmplifier::update() {
         return properties_->updateProperties();
     } catch (const std::runtime_error& error) {
         KESTRIX_LOG(5, "Amplifier update failed: write of {} failed!\n", error.what());
+        takeBackSettings();
         return false;
+    }
+}
+
+// A setting that was refused, or not even sent, must not look as if it were in force. What the module has never been told
+// stays as it was asked for.
+void KestrixAmplifier::takeBackSettings() {
+    const auto& device = properties_->getDeviceProperties();
+    const Shared::Kestrix::AmplifierRecord unknown;
+    const auto takeBack = [](auto& setting, auto value, auto unknownValue) {
+        if (value != unknownValue) {
+            setting = static_cast<std::remove_reference_t<decltype(setting)>>(value);
+        }
+    };
+    takeBack(measurementIndex, device.measurementType, unknown.measurementType);
+    takeBack(rangeIndex, device.range, unknown.range);
+    takeBack(lpFilterIndex, device.lpFilter, unknown.lpFilter);
+    takeBack(hpFilterIndex, device.inputCoupling, unknown.inputCoupling);
+    takeBack(inputTypeIndex, device.inputType, unknown.inputType);
+    takeBack(excitationTypeIndex, device.excitationType, unknown.excitationType);
+    takeBack(shortOn, device.shortOn, unknown.shortOn);
+    // A value that was never set is not a number.
+    if (std::isfinite(device.excitationValue)) {
+        excitationValue = device.excitationValue;
+        const auto choice = std::find_if(excitations.begin(), excitations.end(), [&](double value) {
+            return static_cast<float>(value) == device.excitationValue;
+        });
+        if (choice != excitations.end()) {
+            excitationIndex = static_cast<std::int32_t>(choice - excitations.begin());
+        }
     }
 }
 

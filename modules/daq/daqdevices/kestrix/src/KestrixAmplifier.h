@@ -19,7 +19,8 @@ public:
 
     void initialize() override;
     // Writes the settings to the module, measurement type first since it invalidates the coupling. False when the
-    // module refuses one; the settings after it are not written then. True without a module.
+    // module refuses one; the settings after it are not written then, and all of them go back to what the module has.
+    // True without a module.
     bool update() override;
 
     int getModuleType() override;
@@ -42,6 +43,7 @@ public:
 
 private:
     void writeSettings();
+    void takeBackSettings();
 
     const std::shared_ptr<Shared::Kestrix::AmplifierProperties> properties_;
 };

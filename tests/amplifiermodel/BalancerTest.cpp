@@ -1,0 +1,328 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include <zorn/types/object_impl.h>
+
+#include "modules/daq/amplifier/AmplifierBridgeBalancer.h"
+#include "modules/daq/objectmodel/AIChannel.h"
+#include "modules/daq/objectmodel/AIDevice.h"
+#include "tests/amplifiermodel/TestAmplifiers.h"
+#include "tests/bridge/Bench.h"
+
+using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Modules::Daq;
+using namespace Harvane::RT::Modules::Daq::Test;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Entries = std::vector<std::string>;
+
+// The host's lock, which says who comes by.
+class TestLock final : public ObjectImpl<IAcquisitionSync> {
+public:
+    explicit TestLock(Journal& journal) : journal_(journal) {}
+    ErrCode lock() override {
+        if (failLock) {
+            return makeError(Errors::InvalidState, "locked for good");
+        }
+        mutex_.lock();
+        journal_.add("lock");
+        return Errors::Success;
+    }
+    ErrCode unlock() override {
+        journal_.add("unlock");
+        mutex_.unlock();
+        return failUnlock ? makeError(Errors::InvalidState, "can't unlock") : Errors::Success;
+    }
+    bool failLock = false;
+    bool failUnlock = false;
+
+private:
+    Journal& journal_;
+    std::mutex mutex_;
+};
+
+// With an excitation of 1 V the device ranges reach to 10000 and 1000 around the offset; the chosen one is +-900, so
+// that the small range fits for offsets up to 100.
+class BalancerTest : public testing::Test {
+protected:
+    BalancerTest()
+        : amplifier(std::make_shared<TestAmplifier>()),
+          lock(ObjectPtr<TestLock>::take(new TestLock(amplifier->journal))) {
+        amplifier->measurements = {"Bridge"};
+        amplifier->ranges = {"900"};
+        amplifier->deviceRanges = {10.0, 1.0};
+        amplifier->excitationValue = 1.0;
+        device = makePair(amplifier, {9.0f, 1.0f});
+    }
+    ~BalancerTest() override {
+        // The threads outlive what started them; the next test must not meet this one's.
+        EXPECT_TRUE(eventually([this] { return zornSharedLibObjectCount.load() <= before; }));
+    }
+
+    AcquisitionSyncPtr sync() const { return ObjectPtr<IAcquisitionSync>(lock.get()); }
+    AmplifierBridgeBalancer balancer(std::chrono::nanoseconds settleTime = 0ns) const {
+        return AmplifierBridgeBalancer(sync(), settleTime);
+    }
+    std::shared_ptr<AIChannel> channel(int index) const { return device->getAIChannel(index); }
+
+    LogCapture log;
+    std::shared_ptr<TestAmplifier> amplifier;
+    ObjectPtr<TestLock> lock;
+    std::shared_ptr<AIDevice> device;
+    // The lock is an object of this program and so is counted.
+    const uint64_t before = zornSharedLibObjectCount.load();
+};
+
+const Entries reading = {"lock", "unlock"};
+
+Entries rangeSwitch(int index) {
+    return {"range " + std::to_string(index), "lock", "calibration", "unlock", "lock", "unlock"};
+}
+
+Entries joined(std::initializer_list<Entries> parts) {
+    Entries all;
+    for (const auto& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+TEST_F(BalancerTest, PassesSwitchesAndReadings) {
+    struct Row {
+        const char* what;
+        std::deque<double> live;
+        bool offsetIsBridgeOffset;
+        Entries entries;
+        double offset;
+        int switches;
+    };
+    const std::string end = "BALANCING END\n";
+    const std::string again = "DEVICE SWITCH BALANCING...\n";
+    const Row rows[] = {
+        {"the range stays: no switch, but the offset has moved", {60.0}, false, reading, -60.0, 0},
+        {"on the instrument every pass takes the same value off again",
+         {-500.0, -500.0}, false, joined({reading, rangeSwitch(0)}), 1000.0, 1},
+        {"a range that changes on each pass ends after three switches",
+         {-500.0, 500.0, -500.0, 500.0, 77.0}, false,
+         joined({reading, rangeSwitch(0), rangeSwitch(1), rangeSwitch(0)}), 0.0, 3},
+        {"with the offset in the live value it converges",
+         {500.0, 500.0}, true, joined({reading, rangeSwitch(0)}), -500.0, 1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        amplifier->bridgeOffset = 0.0;
+        amplifier->scales = row.live;
+        amplifier->offsetIsBridgeOffset = row.offsetIsBridgeOffset;
+        amplifier->journal.take();
+        auto one = balancer();
+        testing::internal::CaptureStdout();
+        one.startBalancing(amplifier);
+        std::string expected = "BALANCING START\nINITIAL BALANCING...\n";
+        for (int i = 0; i < row.switches; ++i) {
+            expected += again;
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + end);
+        EXPECT_EQ(amplifier->journal.take(), row.entries);
+        EXPECT_DOUBLE_EQ(amplifier->bridgeOffset.load(), row.offset);
+        EXPECT_FALSE(one.isBalancingRunning());
+    }
+}
+
+// For other measurements the range is the chosen one whatever the offset.
+TEST_F(BalancerTest, OtherMeasurementsEndAfterTheFirstPass) {
+    amplifier->measurements = {"Voltage"};
+    amplifier->scales = {5000.0};
+    auto one = balancer();
+    one.startBalancing(amplifier);
+    EXPECT_EQ(amplifier->journal.take(), reading);
+    EXPECT_DOUBLE_EQ(amplifier->bridgeOffset.load(), -5000.0);
+}
+
+TEST_F(BalancerTest, WaitsASecondBehindASwitch) {
+    amplifier->scales = {-500.0, 0.0};
+    AmplifierBridgeBalancer one(sync());
+    const auto start = std::chrono::steady_clock::now();
+    one.startBalancing(amplifier);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, 1s);
+    EXPECT_LT(elapsed, 1900ms);
+    EXPECT_EQ(amplifier->journal.take(), joined({reading, rangeSwitch(0)}));
+}
+
+TEST_F(BalancerTest, LiveValueIsTheNewestSampleByTheAmplifiersScale) {
+    auto one = balancer();
+    // Ring of four, six samples: the newest stands in slot 1.
+    const float samples[] = {2.0f, 3.0f, 4.0f, 5.5f};
+    for (const float sample : samples) {
+        channel(1)->buffer->addSample(&sample);
+    }
+    channel(1)->scale = 1000.0;  // the channel's own scaling has no part in it
+    amplifier->scales = {2.0};
+    amplifier->offsetIsBridgeOffset = true;
+    amplifier->bridgeOffset = 0.25;
+    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), 11.25);
+
+    // An integer channel gives its number.
+    channel(1)->createChannelBuffer<int>();
+    channel(1)->buffer->setCapacity(2);
+    const int raw = -123456;
+    channel(1)->buffer->addSample(&raw);
+    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), -123455.75);
+}
+
+// The amplifier's index is that of the filtered channel, which needn't be in use.
+TEST_F(BalancerTest, TakesTheOtherChannelOfThePair) {
+    auto one = balancer();
+    const float sample = 42.0f;
+    channel(0)->buffer->addSample(&sample);
+    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), 1.0);
+    channel(1)->active = false;
+    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), 42.0);
+    channel(1)->active = true;
+    channel(1)->buffer->setCapacity(0);
+    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), 42.0);
+}
+
+TEST_F(BalancerTest, NothingToReadEndsTheBalancing) {
+    struct Row {
+        const char* text;
+        std::function<void()> spoil;
+    };
+    const Row rows[] = {
+        {"none of its channels has samples.", [&] { channel(0)->active = channel(1)->active = false; }},
+        {"none of its channels has samples.",
+         [&] {
+             channel(0)->buffer->setCapacity(0);
+             channel(1)->buffer->setCapacity(8);
+         }},
+        {"none of its channels has samples.",
+         [&] {
+             channel(0)->amplifier = std::make_shared<TestAmplifier>();
+             channel(1)->buffer.reset();
+         }},
+        {"no acquisition is running.", [&] { device->acqRunning = false; }},
+        {"its device is gone.", [&] { device.reset(); }},
+        {"stod", [&] { amplifier->ranges = {"ten"}; }},
+        {"stod", [&] { amplifier->rangeIndex = 5; }},
+        {"vector", [&] { amplifier->index = 2; }},
+        {"locked for good", [&] { lock->failLock = true; }},
+        {"can't unlock", [&] { lock->failUnlock = true; }},
+    };
+    for (const Row& row : rows) {
+        amplifier = std::make_shared<TestAmplifier>();
+        lock = ObjectPtr<TestLock>::take(new TestLock(amplifier->journal));
+        amplifier->measurements = {"Bridge"};
+        amplifier->ranges = {"900"};
+        device = makePair(amplifier, {1.0f});
+        row.spoil();
+        log.entries.clear();
+        auto one = balancer();
+        ASSERT_TRUE(one.balanceAmplifier(amplifier));
+        ASSERT_TRUE(eventually([&] { return !one.isBalancingRunning(); })) << row.text;
+        EXPECT_TRUE(eventually([this] { return zornSharedLibObjectCount.load() <= before; }));
+        const auto messages = log.take(4);
+        ASSERT_EQ(messages.size(), 1u) << row.text;
+        EXPECT_NE(messages[0].find(row.text), std::string::npos) << messages[0];
+        EXPECT_EQ(amplifier->bridgeOffset, 0.0) << row.text;
+        // The lock is free again, and the next try is let in.
+        lock->failLock = false;
+        EXPECT_EQ(lock->lock(), Errors::Success);
+        lock->failUnlock = false;
+        EXPECT_EQ(lock->unlock(), Errors::Success);
+        ASSERT_TRUE(one.balanceAmplifier(amplifier));
+        ASSERT_TRUE(eventually([&] { return !one.isBalancingRunning(); }));
+        EXPECT_TRUE(eventually([this] { return zornSharedLibObjectCount.load() <= before; }));
+    }
+}
+
+TEST_F(BalancerTest, WithoutALock) {
+    AmplifierBridgeBalancer one{AcquisitionSyncPtr()};
+    EXPECT_THROW(one.getCurrentAmplChValue(amplifier), InvalidParameterException);
+    ASSERT_TRUE(one.balanceAmplifier(amplifier));
+    EXPECT_TRUE(eventually([&] { return !one.isBalancingRunning(); }));
+    EXPECT_TRUE(eventually([this] { return zornSharedLibObjectCount.load() <= before; }));
+    EXPECT_EQ(log.take(4).size(), 1u);
+}
+
+// Also something that is no std::exception stays inside the thread.
+TEST_F(BalancerTest, AnythingThrownEndsTheBalancing) {
+    amplifier->onScale = [] { throw 17; };
+    auto one = balancer();
+    ASSERT_TRUE(one.balanceAmplifier(amplifier));
+    EXPECT_TRUE(eventually([&] { return !one.isBalancingRunning(); }));
+    EXPECT_EQ(amplifier->bridgeOffset, 0.0);
+}
+
+TEST_F(BalancerTest, RunsOnItsOwnAndOnlyOnce) {
+    std::atomic<bool> open{false};
+    amplifier->onScale = [&] { EXPECT_TRUE(eventually([&] { return open.load(); })); };
+    auto one = balancer();
+    EXPECT_FALSE(one.isBalancingRunning());
+    ASSERT_TRUE(one.balanceAmplifier(amplifier));
+    EXPECT_TRUE(one.isBalancingRunning());
+    EXPECT_EQ(zornSharedLibObjectCount.load(), before + 1);
+    EXPECT_FALSE(one.balanceAmplifier(amplifier));
+    EXPECT_EQ(zornSharedLibObjectCount.load(), before + 1);
+    open = true;
+    ASSERT_TRUE(eventually([&] { return !one.isBalancingRunning(); }));
+    EXPECT_DOUBLE_EQ(amplifier->bridgeOffset.load(), -1.0);
+
+    EXPECT_TRUE(one.resetAmplifierBalance(amplifier));
+    EXPECT_EQ(amplifier->bridgeOffset, 0.0);
+    amplifier->journal.take();
+    ASSERT_TRUE(one.balanceAmplifier(amplifier));
+    ASSERT_TRUE(eventually([&] { return !one.isBalancingRunning(); }));
+    EXPECT_EQ(amplifier->journal.take(), reading);
+}
+
+TEST_F(BalancerTest, StopEndsTheWaitAndNobodyWaitsForIt) {
+    amplifier->scales = {-500.0};
+    std::weak_ptr<TestAmplifier> watch = amplifier;
+    {
+        auto one = balancer(1h);
+        ASSERT_TRUE(one.balanceAmplifier(amplifier));
+        Entries seen;
+        ASSERT_TRUE(eventually([&] {
+            for (auto& entry : amplifier->journal.take()) {
+                seen.push_back(std::move(entry));
+            }
+            return std::count(seen.begin(), seen.end(), "calibration") == 1;
+        }));
+        EXPECT_TRUE(one.isBalancingRunning());
+        one.stop();
+        EXPECT_FALSE(one.balanceAmplifier(amplifier));
+    }
+    amplifier.reset();
+    device.reset();
+    lock.release();
+    EXPECT_TRUE(eventually([&] { return watch.expired(); }));
+    // The lock of this test went too.
+    EXPECT_TRUE(eventually([this] { return zornSharedLibObjectCount.load() < before; }));
+    EXPECT_TRUE(log.take(4).empty());
+}
+
+// The host's thread may change settings at a start; the lists are the dangerous part.
+TEST_F(BalancerTest, SettingsMayChangeMeanwhile) {
+    auto one = balancer(1us);
+    for (int round = 0; round < 50; ++round) {
+        amplifier->scales = {-500.0, 500.0, -500.0, 500.0};
+        ASSERT_TRUE(one.balanceAmplifier(amplifier));
+        while (one.isBalancingRunning()) {
+            {
+                const auto settings = one.lockSettings();
+                amplifier->ranges = std::vector<std::string>(round % 7 + 1, "900");
+                amplifier->deviceRanges = round % 2 == 0 ? std::vector<double>{10.0, 1.0} : std::vector<double>{1.0};
+            }
+            one.resetAmplifierBalance(amplifier);
+        }
+    }
+    EXPECT_TRUE(log.take(4).empty());
+}
+
+}

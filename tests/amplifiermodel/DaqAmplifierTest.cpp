@@ -1,0 +1,680 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+
+#include <zorn/types/object_impl.h>
+
+#include "modules/daq/amplifier/DaqAmplifier.h"
+#include "modules/daq/amplifier/DaqAmplifierConsts.h"
+#include "modules/daq/amplifier/DaqAmplifiersFactory.h"
+#include "modules/daq/objectmodel/AIDevice.h"
+#include "tests/amplifiermodel/TestAmplifiers.h"
+
+using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Modules::Daq;
+using namespace Harvane::RT::Modules::Daq::Test;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Consts = DaqAmplifierConsts;
+using Entries = std::vector<std::string>;
+using Texts = std::vector<std::string>;
+using Numbers = std::vector<double>;
+
+AcquisitionSyncPtr makeSync() {
+    IAcquisitionSync* sync = nullptr;
+    checkErrorInfo(createAcquisitionSync(&sync));
+    return ObjectPtr<IAcquisitionSync>::take(sync);
+}
+
+std::string choice(const char* name, const char* values) {
+    return std::string(R"(, {"name": ")") + name + R"(", "type": "int", "selection": true, "default": 0, "values": [)" +
+           values + "]}";
+}
+
+std::string plain(const char* name, const char* type, const char* defaultValue) {
+    return std::string(R"(, {"name": ")") + name + R"(", "type": ")" + type + R"(", "default": )" + defaultValue + "}";
+}
+
+std::string slot(const char* name, const char* type) {
+    return std::string(R"(, {"name": ")") + name + R"(", "type": ")" + type + "\"}";
+}
+
+const std::string rangeList = R"(, {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "mV/V",
+    "values": [{"className": "RangeItem", "propValues": {"DisplayName": "20", "Min": -20.0, "Max": 20.0}},
+               {"className": "RangeItem", "propValues": {"DisplayName": "2", "Min": -2.0, "Max": 3.0}}]})";
+
+// Everything that an amplifier can have.
+const std::string everything =
+    choice(Consts::Measurement, R"("Voltage", "Bridge")") + rangeList + choice(Consts::LPFilter, R"("Off", "LP 1")") +
+    choice(Consts::HPFilter, R"("DC", "AC")") + choice(Consts::InputType, R"("Single", "Differential")") +
+    choice(Consts::ConnectionType, R"("BNC", "DSUB")") + choice(Consts::ExcitationValue, "2.5, 5.0") +
+    choice(Consts::ExcitationType, R"("Voltage", "Current")") + choice(Consts::ExcitationUnit, R"("V", "mA")") +
+    choice(Consts::BridgeType, R"("Full", "Half")") + choice(Consts::BridgeShunt, R"("59.88k", "175k")") +
+    R"(, {"name": "BridgeResistance", "type": "float", "default": 350.0, "values": [120.0, 350.0]})"
+    R"(, {"name": "DeviceRanges", "type": "float", "default": 0.0, "values": [0.1, 0.01]})" +
+    plain(Consts::BridgeLeg, "int", "0") + plain(Consts::ExternalShunt, "int", "0") +
+    plain(Consts::BridgeWires, "int", "0") + plain(Consts::ExternalShuntResistance, "float", "0.0") +
+    plain(Consts::ExternalShuntPower, "float", "0.0") + plain(Consts::BridgeShuntValue, "float", "0.0") +
+    plain(Consts::BridgeOffset, "float", "0.0") + plain(Consts::Short, "bool", "false") +
+    plain(Consts::Shunt, "bool", "false") + plain(Consts::AltExcPolarity, "bool", "false");
+
+class DaqAmplifierTest : public testing::Test {
+protected:
+    DaqAmplifierTest() : amplifier(std::make_shared<TestAmplifier>()), channel(makeHostChannel()) {}
+    ~DaqAmplifierTest() override { daqAmplifier.reset(); }
+
+    // A DaqAmplifier on a channel of a class with these properties.
+    void make(const std::string& properties) {
+        EXPECT_TRUE(factory.initFromFile(folder.write("a.json", definition("ampl_test", "7.8.9.10", properties))));
+        daqAmplifier = std::make_unique<DaqAmplifier>(channel, amplifier, makeSync(), 1ms);
+        daqAmplifier->init(factory.getAmplifierClassName(amplifier->getId()));
+        amplifier->journal.take();
+    }
+    // From here on the journal says what is written into the channel.
+    void watchWrites() {
+        checkErrorInfo(channel.getOnPropertyValueChanged()->addHandler(
+            makeHandler([this](const BasePtr&, const ObjectPtr<IEventArgs>& arguments) {
+                const PropertyValueChangedEventArgsPtr args(arguments.asPtr<IPropertyValueChangedEventArgs>());
+                amplifier->journal.add("write " + args.getPropertyName().toStdString());
+            }).get()));
+    }
+    template <class T>
+    T read(const char* name) const {
+        return channel.getPropertyValue<T>(name);
+    }
+
+    TempFolder folder;
+    DaqAmplifiersFactory factory;
+    std::shared_ptr<TestAmplifier> amplifier;
+    ChannelPtr<> channel;
+    std::unique_ptr<DaqAmplifier> daqAmplifier;
+};
+
+TEST_F(DaqAmplifierTest, InitGivesTheChannelItsClassAndOperations) {
+    amplifier->serialNumber = "SN 1";
+    amplifier->softwareRevision = "2.0";
+    amplifier->hardwareRevision = "3";
+    amplifier->calibrationDate = "2024-05-06";
+    amplifier->onUpdate = [](TestAmplifier& one) { one.serialNumber = "SN 2"; };
+    make(everything);
+    EXPECT_EQ(channel.getClassName(), "ampl_test");
+    EXPECT_EQ(daqAmplifier->getAmplifier(), amplifier);
+    // What the module said when it was found; nothing changes it.
+    const std::pair<const char*, const char*> facts[] = {{"SerialNumber", "SN 1"}, {"SoftwareRevision", "2.0"},
+                                                         {"HardwareRevision", "3"}, {"CalibrationDate", "2024-05-06"}};
+    for (const auto& [name, text] : facts) {
+        channel.setPropertyValue(name, "written");
+        EXPECT_EQ(read<std::string>(name), text);
+    }
+    EXPECT_EQ(runProcedure(channel, "NotifyEnterChSetup"), Errors::Success);
+    EXPECT_EQ(runProcedure(channel, "NotifyLeaveChSetup"), Errors::Success);
+    EXPECT_EQ(amplifier->journal.take(), (Entries{"notifyEnterChSetup", "notifyLeaveChSetup"}));
+    EXPECT_FALSE(amplifier->ledControl);
+
+    DaqAmplifier other(makeHostChannel(), amplifier, makeSync());
+    EXPECT_THROW(other.init("ampl_nowhere"), InvalidValueException);
+    DaqAmplifier empty(ChannelPtr<>(), amplifier, makeSync());
+    EXPECT_THROW(empty.hasProperty("Range"), InvalidParameterException);
+}
+
+TEST_F(DaqAmplifierTest, TheLedIsOffUntilAChannelIsSetUp) {
+    const std::pair<const char*, bool> rows[] = {{"true", true}, {"false", false}};
+    for (const auto& [value, on] : rows) {
+        SCOPED_TRACE(value);
+        DaqAmplifiersFactory own;
+        ASSERT_TRUE(own.initFromFile(folder.write(
+            "led.json", definition("ampl_led", "1.1.1.1", plain(Consts::SupportsLed1Control, "bool", value)))));
+        auto one = std::make_shared<TestAmplifier>();
+        DaqAmplifier led(makeHostChannel(), one, makeSync());
+        led.init("ampl_led");
+        EXPECT_EQ(one->ledControl, on);
+        EXPECT_EQ(one->journal.take(), on ? (Entries{"notifyLeaveChSetup", "update"}) : Entries{"update"});
+    }
+}
+
+TEST_F(DaqAmplifierTest, ListsOfChoicesComeOver) {
+    make("");
+    EXPECT_EQ(amplifier->minValues, Numbers{-10.0});  // nothing there, nothing changed
+    daqAmplifier.reset();
+    factory.unregisterAmplifiers();
+    channel = makeHostChannel();
+    make(everything);
+    const std::pair<Texts, Texts> texts[] = {
+        {amplifier->measurements, {"Voltage", "Bridge"}},  {amplifier->ranges, {"20", "2"}},
+        {amplifier->lpFilters, {"Off", "LP 1"}},           {amplifier->hpFilters, {"DC", "AC"}},
+        {amplifier->inputTypes, {"Single", "Differential"}}, {amplifier->connectionTypes, {"BNC", "DSUB"}},
+        {amplifier->excitationTypes, {"Voltage", "Current"}}, {amplifier->excitationUnits, {"V", "mA"}},
+        {amplifier->bridgeTypes, {"Full", "Half"}},        {amplifier->bridgeShunts, {"59.88k", "175k"}},
+    };
+    for (const auto& [list, expected] : texts) {
+        EXPECT_EQ(list, expected);
+    }
+    EXPECT_EQ(amplifier->minValues, (Numbers{-20.0, -2.0}));
+    EXPECT_EQ(amplifier->maxValues, (Numbers{20.0, 3.0}));
+    EXPECT_EQ(amplifier->rangeUnit, "mV/V");
+    EXPECT_EQ(amplifier->excitations, (Numbers{2.5, 5.0}));
+    EXPECT_EQ(amplifier->bridgeResistances, (Numbers{120.0, 350.0}));
+    EXPECT_EQ(amplifier->deviceRanges, (Numbers{0.1, 0.01}));
+    EXPECT_TRUE(amplifier->shortPresent);
+    // Again: exchanged, not appended.
+    daqAmplifier->updateCapabilities(false);
+    EXPECT_EQ(amplifier->ranges.size(), 2u);
+    EXPECT_EQ(amplifier->excitations.size(), 2u);
+}
+
+TEST_F(DaqAmplifierTest, ValuesGoToTheAmplifier) {
+    make(everything);
+    // A number of its own for each; that the lists are shorter is no matter here.
+    const std::pair<const char*, std::int32_t Amplifier::*> rows[] = {
+        {Consts::ExcitationValue, &Amplifier::excitationIndex},
+        {Consts::Measurement, &Amplifier::measurementIndex},
+        {Consts::Range, &Amplifier::rangeIndex},
+        {Consts::LPFilter, &Amplifier::lpFilterIndex},
+        {Consts::HPFilter, &Amplifier::hpFilterIndex},
+        {Consts::InputType, &Amplifier::inputTypeIndex},
+        {Consts::ConnectionType, &Amplifier::connectionTypeIndex},
+        {Consts::ExcitationType, &Amplifier::excitationTypeIndex},
+        {Consts::ExcitationUnit, &Amplifier::excitationUnitIndex},
+        {Consts::BridgeType, &Amplifier::bridgeTypeIndex},
+        {Consts::BridgeShunt, &Amplifier::bridgeShuntIndex},
+        {Consts::BridgeLeg, &Amplifier::bridgeLeg},
+        {Consts::ExternalShunt, &Amplifier::externalShuntIndex},
+        {Consts::BridgeWires, &Amplifier::bridgeWires},
+    };
+    int number = 0;
+    for (const auto& [name, field] : rows) {
+        channel.setPropertyValue(name, ++number);
+    }
+    channel.setPropertyValue(Consts::BridgeResistance, 120.0);
+    channel.setPropertyValue(Consts::ExternalShuntResistance, 50.5);
+    channel.setPropertyValue(Consts::ExternalShuntPower, 0.25);
+    channel.setPropertyValue(Consts::Short, true);
+    channel.setPropertyValue(Consts::AltExcPolarity, true);
+    daqAmplifier->writeToDevice();
+    EXPECT_TRUE(amplifier->journal.take().empty());
+    number = 0;
+    for (const auto& [name, field] : rows) {
+        EXPECT_EQ((*amplifier).*field, ++number) << name;
+    }
+    EXPECT_EQ(amplifier->excitationValue, 5.0);
+    EXPECT_EQ(amplifier->bridgeResistance, 120.0);
+    EXPECT_EQ(amplifier->externalShuntResistance, 50.5);
+    EXPECT_EQ(amplifier->externalShuntPower, 0.25);
+    EXPECT_TRUE(amplifier->shortOn);
+    EXPECT_FALSE(amplifier->shunt);
+    EXPECT_TRUE(amplifier->altExcPolarity);
+    channel.setPropertyValue(Consts::Shunt, true);
+    channel.setPropertyValue(Consts::AltExcPolarity, false);
+    daqAmplifier->writeToDevice();
+    EXPECT_TRUE(amplifier->shunt);
+    EXPECT_FALSE(amplifier->altExcPolarity);
+}
+
+// What the hardware took, in the order in which the host sees it.
+TEST_F(DaqAmplifierTest, ValuesOfTheHardwareComeBack) {
+    make(everything);
+    watchWrites();
+    amplifier->onUpdate = [](TestAmplifier& one) {
+        one.measurementIndex = one.lpFilterIndex = one.connectionTypeIndex = 1;
+        one.rangeIndex = 1;
+        one.hpFilterIndex = 2;
+        one.inputTypeIndex = 3;
+        one.excitationIndex = 4;
+        one.excitationTypeIndex = 5;
+        one.excitationUnitIndex = 6;
+        one.bridgeTypeIndex = 7;
+        one.bridgeShuntIndex = 8;
+        one.bridgeLeg = 9;
+        one.externalShuntIndex = 10;
+        one.bridgeWires = 11;
+        one.bridgeShuntValue = 59880.0;
+        one.bridgeOffset = -0.75;
+        one.shortOn = one.altExcPolarity = true;
+        one.deviceRangeIndex = 1;
+    };
+    EXPECT_TRUE(daqAmplifier->update(false));
+    EXPECT_EQ(amplifier->journal.take(),
+              (Entries{"update", "write Range", "write DeviceRanges", "write HPFilter", "write InputType",
+                       "write Excitation", "write ExcitationType", "write ExcitationUnit", "write Short",
+                       "write Shunt", "write BridgeType", "write BridgeShunt", "write BridgeLeg",
+                       "write ExternalShunt", "write BridgeShuntValue", "write BridgeOffset", "write AltExcPolarity",
+                       "write BridgeWires"}));
+    int number = 0;
+    for (const char* name : {Consts::Range, Consts::HPFilter, Consts::InputType, Consts::ExcitationValue,
+                             Consts::ExcitationType, Consts::ExcitationUnit, Consts::BridgeType, Consts::BridgeShunt,
+                             Consts::BridgeLeg, Consts::ExternalShunt, Consts::BridgeWires}) {
+        EXPECT_EQ(read<int>(name), ++number) << name;
+    }
+    for (const char* name : {Consts::Measurement, Consts::LPFilter, Consts::ConnectionType}) {
+        EXPECT_EQ(read<int>(name), 0) << name;
+    }
+    EXPECT_EQ(read<double>(Consts::DeviceRanges), 0.01);
+    EXPECT_EQ(read<double>(Consts::BridgeShuntValue), 59880.0);
+    EXPECT_EQ(read<double>(Consts::BridgeOffset), -0.75);
+    EXPECT_TRUE(read<bool>(Consts::Short));
+    EXPECT_FALSE(read<bool>(Consts::Shunt));
+    EXPECT_TRUE(read<bool>(Consts::AltExcPolarity));
+    amplifier->onUpdate = [](TestAmplifier& one) { one.shunt = true; };
+    daqAmplifier->update(false);
+    EXPECT_TRUE(read<bool>(Consts::Shunt));
+
+    // The result of the hardware isn't looked at: what it refused shows in the values.
+    amplifier->updateResult = false;
+    amplifier->onUpdate = [](TestAmplifier& one) { one.rangeIndex = 0; };
+    EXPECT_TRUE(daqAmplifier->update(false));
+    EXPECT_EQ(read<int>(Consts::Range), 0);
+}
+
+TEST_F(DaqAmplifierTest, ADefinitionWithTwoPropertiesOnly) {
+    make(choice(Consts::Measurement, R"("Voltage")") + rangeList);
+    watchWrites();
+    channel.setPropertyValue(Consts::Range, 1);
+    amplifier->journal.take();
+    EXPECT_TRUE(daqAmplifier->update(true));
+    EXPECT_EQ(amplifier->journal.take(), (Entries{"update", "write Range"}));
+    EXPECT_EQ(amplifier->rangeIndex, 1);
+    EXPECT_EQ(amplifier->getMaxValue(), 3.0);
+    EXPECT_TRUE(amplifier->hpFilters.empty());
+    EXPECT_FALSE(amplifier->shortPresent);
+}
+
+TEST_F(DaqAmplifierTest, ExcitationAsAChoiceAndAsANumber) {
+    make(plain(Consts::ExcitationValue, "float", "2.5"));
+    EXPECT_TRUE(amplifier->excitations.empty());
+    EXPECT_EQ(amplifier->excitationValue, 2.5);
+    channel.setPropertyValue(Consts::ExcitationValue, 7.25);
+    amplifier->onUpdate = [](TestAmplifier& one) {
+        EXPECT_EQ(one.excitationValue, 7.25);
+        one.excitationValue = 7.0;
+        one.excitationIndex = 3;
+    };
+    daqAmplifier->update(false);
+    EXPECT_EQ(read<double>(Consts::ExcitationValue), 7.0);
+
+    // A number with suggestions is a number still.
+    daqAmplifier.reset();
+    factory.unregisterAmplifiers();
+    channel = makeHostChannel();
+    amplifier = std::make_shared<TestAmplifier>();
+    make(R"(, {"name": "Excitation", "type": "float", "default": 5.0, "values": [1.0, 5.0]})");
+    EXPECT_EQ(amplifier->excitations, (Numbers{1.0, 5.0}));
+    EXPECT_EQ(amplifier->excitationValue, 5.0);
+    EXPECT_EQ(amplifier->excitationIndex, 0);
+}
+
+// Numbers that no list covers: after a change of the measurement, or from a setup of another amplifier.
+TEST_F(DaqAmplifierTest, IndicesBeyondTheLists) {
+    const std::string noDeviceRanges = R"(, {"name": "DeviceRanges", "type": "float", "default": 0.5})";
+    make(choice(Consts::Measurement, R"("Bridge")") + rangeList + choice(Consts::ExcitationValue, "2.5, 5.0") +
+         noDeviceRanges);
+    for (const int index : {7, -1}) {
+        channel.setPropertyValue(Consts::Measurement, index);
+        channel.setPropertyValue(Consts::Range, index);
+        channel.setPropertyValue(Consts::ExcitationValue, index);
+        EXPECT_TRUE(daqAmplifier->update(false)) << index;
+        EXPECT_EQ(amplifier->excitationValue, index < 0 ? 2.5 : 5.0);
+        EXPECT_EQ(amplifier->getMaxValue(), index < 0 ? 20.0 : 3.0);
+        EXPECT_EQ(amplifier->getMeasureType(), "");
+        EXPECT_EQ(read<int>(Consts::Range), index);
+        EXPECT_EQ(read<double>(Consts::DeviceRanges), 0.5);
+    }
+}
+
+const std::string changingFilters =
+    choice(Consts::Measurement, R"("A", "B", "C", "D")") +
+    R"json(, {"name": "HPFilter", "type": "int", "selection": true, "default": 1, "values": {"__type": "Eval",
+        "expr": "switch($Measurement, 0, $First, 1, $First, 2, $Longer, 3, $Other)"}})json"
+    R"(, {"name": "First", "type": "list", "default": ["DC", "AC 1 Hz", "AC 10 Hz"], "hidden": true})"
+    R"(, {"name": "Longer", "type": "list", "default": ["DC", "AC 1 Hz", "AC 10 Hz", "AC 1 kHz"], "hidden": true})"
+    R"(, {"name": "Other", "type": "list", "default": ["DC", "AC 1 Hz", "AC 20 Hz"], "hidden": true})";
+
+TEST_F(DaqAmplifierTest, HighPassFiltersThatChange) {
+    make(changingFilters);
+    struct Row {
+        int from;
+        int to;
+        bool adjust;
+        int filter;  // of 2 before
+    };
+    const Row rows[] = {
+        {0, 1, true, 2},   // the same texts
+        {0, 2, true, 1},   // one more
+        {0, 3, true, 1},   // one text differs
+        {2, 0, true, 1},   // one less
+        {0, 2, false, 2},  {0, 3, false, 2},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.from << " to " << row.to << (row.adjust ? " adjusted" : ""));
+        channel.setPropertyValue(Consts::Measurement, row.from);
+        daqAmplifier->update(false);
+        channel.setPropertyValue(Consts::HPFilter, 2);
+        channel.setPropertyValue(Consts::Measurement, row.to);
+        ASSERT_EQ(runProcedure(channel, "UpdateAmplifier", toValue(row.adjust)), Errors::Success);
+        EXPECT_EQ(read<int>(Consts::HPFilter), row.filter);
+        EXPECT_EQ(amplifier->hpFilterIndex, row.filter);
+        EXPECT_EQ(amplifier->hpFilters.size(), row.to == 2 ? 4u : 3u);
+    }
+}
+
+TEST_F(DaqAmplifierTest, HighPassFilterWithoutADefaultStays) {
+    std::string properties = changingFilters;
+    const std::string usual = R"("default": 1, )";
+    properties.erase(properties.find(usual), usual.size());
+    ASSERT_TRUE(factory.initFromFile(folder.write("a.json", definition("ampl_test", "7.8.9.10", properties))));
+    channel.setClassName("ampl_test");
+    channel.setPropertyValue(Consts::HPFilter, 2);
+    make(properties);
+    channel.setPropertyValue(Consts::Measurement, 3);
+    EXPECT_TRUE(daqAmplifier->update(true));
+    EXPECT_EQ(read<int>(Consts::HPFilter), 2);
+}
+
+const std::string rangesByMeasurement = choice(Consts::Measurement, R"("Voltage", "Bridge", "None")") + R"json(,
+    {"name": "Range", "type": "reference",
+     "reference": {"__type": "Eval", "expr": "switch($Measurement, 0, %VoltageRange, 1, %BridgeRange)"}},
+    {"name": "VoltageRange", "type": "int", "selection": true, "default": 0, "unit": "V", "hidden": true, "values": [
+       {"className": "RangeItem", "propValues": {"DisplayName": "10", "Min": -10.0, "Max": 10.0}},
+       {"className": "RangeItem", "propValues": {"DisplayName": "1", "Min": -1.0, "Max": 1.0}}]},
+    {"name": "BridgeRange", "type": "int", "selection": true, "default": 0, "hidden": true, "values": [
+       {"className": "RangeItem", "propValues": {"DisplayName": "2", "Min": -2.0, "Max": 2.0}}]})json" +
+                                        plain(Consts::BridgeLeg, "int", "0");
+
+TEST_F(DaqAmplifierTest, RangesOfAMeasurement) {
+    make(rangesByMeasurement);
+    channel.setPropertyValue(Consts::Range, 1);
+    daqAmplifier->update(false);
+    EXPECT_EQ(amplifier->ranges, (Texts{"10", "1"}));
+    EXPECT_EQ(amplifier->rangeUnit, "V");
+    EXPECT_EQ(amplifier->getMinValue(), -1.0);
+
+    channel.setPropertyValue(Consts::Measurement, 1);
+    daqAmplifier->update(false);
+    EXPECT_EQ(amplifier->ranges, Texts{"2"});
+    EXPECT_EQ(amplifier->rangeUnit, "");  // has none
+    EXPECT_EQ(amplifier->rangeIndex, 0);
+    EXPECT_EQ(read<int>("VoltageRange"), 1);  // each measurement keeps its choice
+
+    // Without a list for the measurement the road ends with an error, and is open again afterwards.
+    channel.setPropertyValue(Consts::Measurement, 2);
+    EXPECT_THROW(daqAmplifier->update(false), GeneralErrorException);
+    amplifier->journal.take();
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::GeneralError);
+    EXPECT_EQ(takeErrorMessage(), "Invalid reference to property");
+    EXPECT_TRUE(amplifier->journal.take().empty());
+    channel.setPropertyValue(Consts::Measurement, 0);
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
+    EXPECT_EQ(amplifier->rangeIndex, 1);
+}
+
+// The values go over in a fixed order: what stands before the failing one has arrived.
+TEST_F(DaqAmplifierTest, AFailingReadEndsTheRoad) {
+    make(choice(Consts::Measurement, R"("A", "B")") + choice(Consts::LPFilter, R"("A", "B")") +
+         choice(Consts::ConnectionType, R"("A", "B")") + plain(Consts::BridgeWires, "int", "0") +
+         R"(, {"name": "InputType", "type": "int", "selection": true, "default": 0, "values": ["A", "B"],
+              "enabled": {"__type": "Eval", "expr": "$Measurement == 0"}})");
+    for (const char* name : {Consts::Measurement, Consts::LPFilter, Consts::ConnectionType, Consts::BridgeWires}) {
+        channel.setPropertyValue(name, 1);
+    }
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::NotEnabled);
+    EXPECT_FALSE(takeErrorMessage().empty());
+    EXPECT_EQ(amplifier->measurementIndex, 1);
+    EXPECT_EQ(amplifier->lpFilterIndex, 1);
+    EXPECT_EQ(amplifier->connectionTypeIndex, 0);
+    EXPECT_EQ(amplifier->bridgeWires, 0);
+    EXPECT_TRUE(amplifier->journal.take().empty());
+}
+
+TEST_F(DaqAmplifierTest, UpdateAmplifierAnswers) {
+    make(everything);
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier", toValue(true)), Errors::Success);
+    EXPECT_EQ(amplifier->journal.take(), (Entries{"update", "update"}));
+    for (const BasePtr& wrong : {toValue(1), toValue("true"), listOf({})}) {
+        EXPECT_EQ(runProcedure(channel, "UpdateAmplifier", wrong), Errors::InvalidParameter);
+        EXPECT_FALSE(takeErrorMessage().empty());
+    }
+    EXPECT_TRUE(amplifier->journal.take().empty());
+
+    struct Row {
+        std::function<void(TestAmplifier&)> fail;
+        ErrCode code;
+        const char* text;
+    };
+    const Row rows[] = {
+        {[](TestAmplifier&) { throw OutOfRangeException("range %d of %s", 3, "100 %"); }, Errors::OutOfRange,
+         "range 3 of 100 %"},
+        {[](TestAmplifier&) { throw std::runtime_error("no reply"); }, Errors::GeneralError, "no reply"},
+        {[](TestAmplifier&) { throw std::logic_error("stuck %s"); }, Errors::GeneralError, "stuck %s"},
+    };
+    for (const Row& row : rows) {
+        amplifier->onUpdate = row.fail;
+        EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), row.code);
+        EXPECT_EQ(takeErrorMessage(), row.text);
+    }
+    amplifier->onUpdate = [](TestAmplifier&) { throw 5; };
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::GeneralError);
+}
+
+// TEDS and sensor.
+
+const std::string tedsSlots = slot(Consts::ReadTeds, "func") + slot(Consts::ResetTedsCustom, "func") +
+                              slot(Consts::WriteTedsCustom, "func") + slot(Consts::ReadTedsCustom, "func");
+
+class TedsTest : public DaqAmplifierTest {
+protected:
+    BasePtr call(const char* name, const BasePtr& argument = {}) const {
+        BasePtr result;
+        EXPECT_EQ(runFunction(channel, name, argument, result), Errors::Success) << name << takeErrorMessage();
+        return result;
+    }
+    ErrCode failure(const char* name, const BasePtr& argument) const {
+        BasePtr result;
+        const ErrCode code = runFunction(channel, name, argument, result);
+        EXPECT_FALSE(result);
+        takeErrorMessage();
+        return code;
+    }
+};
+
+TEST_F(TedsTest, TransfersHaveFixedSizes) {
+    make(tedsSlots + slot(Consts::FinalizeTedsCustom, "func") + slot(Consts::GetSensorStatus, "func"));
+    amplifier->answer = 3;
+    EXPECT_EQ(integers(call(Consts::ReadTeds)), (std::vector<int>{3, 250, 251, 252, 253, 254, 255, 0, 1}));
+    EXPECT_EQ(fromValue<int>(call(Consts::ResetTedsCustom)), 3);
+    EXPECT_EQ(fromValue<int>(call(Consts::FinalizeTedsCustom)), 3);
+    EXPECT_EQ(fromValue<int>(call(Consts::GetSensorStatus)), 3);
+    EXPECT_EQ(fromValue<int>(call(Consts::WriteTedsCustom, listOf({300, 255, -1, 0}))), 3);
+    EXPECT_EQ(fromValue<int>(call(Consts::WriteTedsCustom, listOf({}))), 3);
+    std::vector<int> expected(33, 0);
+    expected[0] = 3;
+    std::fill_n(expected.begin() + 1, 4, 0xA5);
+    EXPECT_EQ(integers(call(Consts::ReadTedsCustom, toValue(4))), expected);
+    std::fill(expected.begin() + 1, expected.end(), 0xA5);
+    EXPECT_EQ(integers(call(Consts::ReadTedsCustom, toValue(32))), expected);
+    EXPECT_EQ(fromValue<int>(call(Consts::WriteTedsCustom, listOf(std::vector<int>(32, 7)))), 3);
+    auto entries = amplifier->journal.take();
+    ASSERT_EQ(entries.size(), 9u);
+    EXPECT_EQ(entries.back().substr(0, 22), "writeTedsCustom 32: 7 ");
+    entries.pop_back();
+    EXPECT_EQ(entries, (Entries{"readTeds", "resetTedsCustom", "finalizeTedsCustom", "getSensorStatus",
+                                "writeTedsCustom 4: 44 255 255 0", "writeTedsCustom 0:", "readTedsCustom 4",
+                                "readTedsCustom 32"}));
+}
+
+TEST_F(TedsTest, AFailureIsTheOnlyItem) {
+    make(tedsSlots);
+    amplifier->answer = -2;
+    EXPECT_EQ(integers(call(Consts::ReadTeds)), std::vector<int>{-2});
+    EXPECT_EQ(integers(call(Consts::ReadTedsCustom, toValue(8))), std::vector<int>{-2});
+    EXPECT_EQ(fromValue<int>(call(Consts::WriteTedsCustom, listOf({1}))), -2);
+    EXPECT_EQ(fromValue<int>(call(Consts::ResetTedsCustom)), -2);
+}
+
+TEST_F(TedsTest, RefusalsSendNothing) {
+    make(tedsSlots + slot(Consts::FinalizeTedsCustom, "func") + slot(Consts::GetSensorStatus, "func"));
+    const BasePtr mixed = asBase(ListPtr::create({toValue(1), toValue("2")}));
+    struct Row {
+        const char* name;
+        BasePtr argument;
+        ErrCode code;
+    };
+    const Row rows[] = {
+        {Consts::WriteTedsCustom, {}, Errors::ArgumentNull},
+        {Consts::WriteTedsCustom, toValue(1), Errors::NoInterface},
+        {Consts::WriteTedsCustom, mixed, Errors::InvalidParameter},
+        {Consts::WriteTedsCustom, listOf(std::vector<int>(33, 0)), Errors::InvalidParameter},
+        {Consts::ReadTedsCustom, {}, Errors::ArgumentNull},
+        {Consts::ReadTedsCustom, toValue("4"), Errors::InvalidParameter},
+        {Consts::ReadTedsCustom, toValue(33), Errors::InvalidParameter},
+        {Consts::ReadTedsCustom, toValue(-1), Errors::InvalidParameter},
+        {Consts::ReadTedsCustom, toValue(int64_t{1} << 32), Errors::InvalidParameter},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(failure(row.name, row.argument), row.code) << row.name;
+    }
+    for (const char* name : {Consts::ReadTeds, Consts::ResetTedsCustom, Consts::WriteTedsCustom,
+                             Consts::ReadTedsCustom, Consts::FinalizeTedsCustom, Consts::GetSensorStatus}) {
+        const auto function = channel.getPropertyValue(name).asPtr<IFuncObject>();
+        EXPECT_EQ(function->execute(listOf({1}).get(), nullptr), Errors::ArgumentNull) << name;
+    }
+    EXPECT_TRUE(amplifier->journal.take().empty());
+}
+
+TEST_F(TedsTest, APlainAmplifierAnswersZero) {
+    ASSERT_TRUE(factory.initFromFile(folder.write("p.json", definition("ampl_plain", "1.1.1.1", tedsSlots))));
+    DaqAmplifier one(channel, std::make_shared<Amplifier>(), makeSync());
+    one.init("ampl_plain");
+    EXPECT_EQ(integers(call(Consts::ReadTeds)), std::vector<int>(9, 0));
+}
+
+// A group of functions is filled as a whole or not at all.
+TEST_F(TedsTest, IncompleteGroupsStayEmpty) {
+    const auto isFilled = [this](const char* name) { return channel.isPropertySet(name); };
+    const char* const teds[] = {Consts::ReadTeds, Consts::ResetTedsCustom, Consts::WriteTedsCustom,
+                                Consts::ReadTedsCustom};
+    const std::pair<const char*, const char*> balance[] = {
+        {"StartSensorBalance", "proc"}, {"GetSensorBalanceStatus", "func"}, {"ResetSensorBalance", "proc"}};
+    for (size_t missing = 0; missing <= 4; ++missing) {
+        factory.unregisterAmplifiers();
+        daqAmplifier.reset();
+        channel = makeHostChannel();
+        std::string properties = slot(Consts::FinalizeTedsCustom, "func");
+        for (size_t i = 0; i < 4; ++i) {
+            properties += i == missing ? "" : slot(teds[i], "func");
+        }
+        for (size_t i = 0; i < 3; ++i) {
+            properties += i == missing ? "" : slot(balance[i].first, balance[i].second);
+        }
+        make(properties);
+        EXPECT_EQ(daqAmplifier->hasTedsProperties(), missing == 4);
+        EXPECT_EQ(daqAmplifier->hasBridgeBalanceProperties(), missing >= 3);
+        EXPECT_EQ(isFilled(Consts::FinalizeTedsCustom), missing == 4);
+        for (size_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(isFilled(teds[i]), missing == 4) << teds[i];
+        }
+        for (const auto& [name, type] : balance) {
+            EXPECT_EQ(isFilled(name), missing >= 3) << name;
+        }
+        EXPECT_FALSE(channel.hasProperty(Consts::GetSensorStatus));
+    }
+    factory.unregisterAmplifiers();
+    daqAmplifier.reset();
+    channel = makeHostChannel();
+    make(tedsSlots);
+    EXPECT_TRUE(isFilled(Consts::ReadTeds));
+    EXPECT_FALSE(channel.hasProperty(Consts::FinalizeTedsCustom));
+}
+
+// Balancing from the host.
+
+const std::string balanceSlots = choice(Consts::Measurement, R"("Bridge")") + rangeList +
+                                 plain(Consts::BridgeOffset, "float", "0.0") + slot("StartSensorBalance", "proc") +
+                                 slot("GetSensorBalanceStatus", "func") + slot("ResetSensorBalance", "proc");
+
+class HostBalanceTest : public TedsTest {
+protected:
+    bool running() const { return fromValue<bool>(call("GetSensorBalanceStatus")); }
+    const uint64_t before = zornSharedLibObjectCount.load();
+};
+
+TEST_F(HostBalanceTest, StartStatusReset) {
+    make(balanceSlots);
+    const auto device = makePair(amplifier, {4.0f});
+    std::atomic<bool> open{false};
+    amplifier->onScale = [&] { EXPECT_TRUE(eventually([&] { return open.load(); })); };
+    EXPECT_FALSE(running());
+    ASSERT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::Success);
+    EXPECT_TRUE(running());
+    EXPECT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::InvalidOperation);
+    EXPECT_FALSE(takeErrorMessage().empty());
+    channel.setPropertyValue(Consts::Range, 1);
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier", toValue(true)), Errors::InvalidOperation);
+    EXPECT_FALSE(takeErrorMessage().empty());
+    EXPECT_EQ(amplifier->rangeIndex, 0);
+    open = true;
+    ASSERT_TRUE(eventually([&] { return !running(); }));
+
+    // The offset is shown after the next update.
+    EXPECT_EQ(read<double>(Consts::BridgeOffset), 0.0);
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
+    EXPECT_EQ(read<double>(Consts::BridgeOffset), -4.0);
+    EXPECT_EQ(amplifier->rangeIndex, 1);
+    EXPECT_EQ(runProcedure(channel, "ResetSensorBalance"), Errors::Success);
+    EXPECT_EQ(amplifier->bridgeOffset, 0.0);
+    EXPECT_EQ(amplifier->rangeIndex, 1);
+}
+
+// As at a start of the acquisition, which doesn't ask whether a balancing runs.
+TEST_F(HostBalanceTest, UpdatesWhileBalancing) {
+    make(everything + slot("StartSensorBalance", "proc") + slot("GetSensorBalanceStatus", "func") +
+         slot("ResetSensorBalance", "proc"));
+    channel.setPropertyValue(Consts::Measurement, 1);
+    const auto device = makePair(amplifier, {30.0f});
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::Success);
+        do {
+            daqAmplifier->update(true);
+            amplifier->journal.take();
+        } while (running());
+        EXPECT_EQ(runProcedure(channel, "ResetSensorBalance"), Errors::Success);
+    }
+}
+
+// The channel, the functions taken from it and the balancing thread all outlive the module's part.
+TEST_F(HostBalanceTest, WhatIsLeftAnswersThatTheModuleIsGone) {
+    make(balanceSlots + tedsSlots + slot(Consts::GetSensorStatus, "func") + slot(Consts::FinalizeTedsCustom, "func"));
+    const auto device = makePair(amplifier, {4.0f});
+    std::atomic<bool> open{false};
+    std::atomic<bool> inside{false};
+    amplifier->onScale = [&] {
+        inside = true;
+        EXPECT_TRUE(eventually([&] { return open.load(); }));
+    };
+    const uint64_t idle = zornSharedLibObjectCount.load();
+    ASSERT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::Success);
+    ASSERT_TRUE(eventually([&] { return inside.load(); }));
+    daqAmplifier.reset();  // returns although the thread is in the middle of a reading
+    EXPECT_EQ(zornSharedLibObjectCount.load(), idle + 1);
+    amplifier->journal.take();
+    for (const char* name : {"UpdateAmplifier", "NotifyEnterChSetup", "NotifyLeaveChSetup", "StartSensorBalance",
+                             "ResetSensorBalance"}) {
+        EXPECT_EQ(runProcedure(channel, name), Errors::InvalidState) << name;
+    }
+    for (const char* name : {"GetSensorBalanceStatus", Consts::ReadTeds, Consts::ResetTedsCustom,
+                             Consts::WriteTedsCustom, Consts::ReadTedsCustom, Consts::FinalizeTedsCustom,
+                             Consts::GetSensorStatus}) {
+        EXPECT_EQ(failure(name, listOf({1})), Errors::InvalidState) << name;
+    }
+    EXPECT_TRUE(amplifier->journal.take().empty());
+    open = true;
+    EXPECT_TRUE(eventually([&] { return zornSharedLibObjectCount.load() == idle; }));
+    channel.release();
+    EXPECT_TRUE(eventually([&] { return zornSharedLibObjectCount.load() == before; }));
+}
+
+}

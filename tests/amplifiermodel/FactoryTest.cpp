@@ -1,0 +1,230 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include <zorn/objects/property_object.h>
+
+#include "modules/daq/amplifier/DaqAmplifiersFactory.h"
+#include "tests/amplifiermodel/TestAmplifiers.h"
+
+using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Modules::Daq;
+using namespace Harvane::RT::Modules::Daq::Test;
+
+namespace {
+
+PropertyObjectClassPtr hostClass(const char* name) {
+    return PropertyObjectManagerPtr::create().findClass(name);
+}
+
+class FactoryTest : public testing::Test {
+protected:
+    // Registers the folder and gives what was printed meanwhile.
+    std::string registerFolder(DaqAmplifiersFactory& factory, const std::string& directory) const {
+        testing::internal::CaptureStdout();
+        factory.registerAmplifiers(directory);
+        return testing::internal::GetCapturedStdout();
+    }
+
+    TempFolder folder;
+    DaqAmplifiersFactory factory;
+};
+
+TEST_F(FactoryTest, EveryFolderGivesTheUnknownAmplifier) {
+    const std::string file = folder.write("file", "");
+    for (const std::string& directory : {(folder.path / "missing").string() + "/", file}) {
+        DaqAmplifiersFactory one;
+        EXPECT_EQ(registerFolder(one, directory), "ERROR: Unknown Amplifier directory: " + directory + " \n");
+        EXPECT_TRUE(hostClass("ampl_unknown"));
+        EXPECT_EQ(one.getAmplifierClassName("0.0.0.0"), "ampl_unknown");
+        one.unregisterAmplifiers();
+        EXPECT_FALSE(hostClass("ampl_unknown"));
+    }
+    std::filesystem::create_directory(folder.path / "empty");
+    EXPECT_EQ(registerFolder(factory, (folder.path / "empty").string()), "");
+    EXPECT_EQ(factory.getAmplifierClassName("0.255.255.255"), "ampl_unknown");
+}
+
+TEST_F(FactoryTest, UnknownAmplifierIsAVoltageChannelOfTenVolts) {
+    registerFolder(factory, folder.path.string());
+    const auto channel = makeHostChannel();
+    channel.setClassName("ampl_unknown");
+    std::vector<std::string> names;
+    std::vector<std::string> visible;
+    for (const auto& [list, visibleOnly] : {std::pair{&names, false}, std::pair{&visible, true}}) {
+        bool own = false;
+        for (const auto& info : channel.enumProperties(PropertyOrder::Index, visibleOnly)) {
+            own = own || info.getName() == "ModuleName";
+            if (own) {
+                list->push_back(info.getName().toStdString());
+            }
+        }
+    }
+    using Names = std::vector<std::string>;
+    EXPECT_TRUE(std::equal(names.begin(), names.begin() + 5,
+                           Names{"ModuleName", "AmplifierID", "Measurement", "Range", "VoltageRange"}.begin()));
+    EXPECT_EQ(std::count(visible.begin(), visible.end(), "VoltageRange"), 0);
+    EXPECT_EQ(std::count(visible.begin(), visible.end(), "Range"), 1);
+    EXPECT_EQ(channel.getPropertyValue<std::string>("ModuleName"), "Unknown");
+    EXPECT_EQ(channel.getPropertyValue<std::string>("AmplifierID"), "0.0.0.0");
+    EXPECT_EQ(fromValue<std::string>(channel.getPropertyEnum("Measurement")), "Voltage");
+    const auto range = channel.getPropertyInfo("Range");
+    EXPECT_EQ(range.getName(), "VoltageRange");
+    EXPECT_EQ(fromValue<std::string>(range.getUnit()), "V");
+    ASSERT_EQ(range.getValuesAsList().getCount(), 1u);
+    const GenericPropertyObjectPtr item = range.getValuesAsList().getItemAt(0).asPtr<IPropertyObject>();
+    EXPECT_EQ(item.getPropertyValue<std::string>("DisplayName"), "10");
+    EXPECT_EQ(item.getPropertyValue<double>("Min"), -10.0);
+    EXPECT_EQ(item.getPropertyValue<double>("Max"), 10.0);
+}
+
+TEST_F(FactoryTest, FilesOfAFolder) {
+    struct Row {
+        const char* file;
+        std::string text;
+        const char* id;
+        const char* className;  // of this identifier afterwards
+    };
+    const std::string noText = "";
+    const Row rows[] = {
+        {"good.json", definition("ampl_good", "1.1.1.1"), "1.1.1.1", "ampl_good"},
+        {"more.dots.json", definition("ampl_dots", "1.1.1.2"), "1.1.1.2", "ampl_dots"},
+        {"upper.JSON", definition("ampl_upper", "1.1.1.3"), "1.1.1.3", nullptr},
+        {"saved.json.bak", definition("ampl_saved", "1.1.1.4"), "1.1.1.4", nullptr},
+        {"below/below.json", definition("ampl_below", "1.1.1.5"), "1.1.1.5", nullptr},
+        {"broken.json", definition("ampl_broken", "1.1.1.6").substr(5), "1.1.1.6", nullptr},
+        {"empty.json", noText, "", nullptr},
+        {"folder.json/readme", noText, "", nullptr},
+        {"noclass.json", R"({"className": "RangeItem", "propValues": {"DisplayName": "10"}})", "", nullptr},
+        {"list.json", "[1, 2]", "", nullptr},
+        {"noid.json", R"({"__type": "PropertyObjectClass", "name": "ampl_noid", "properties": []})", "", nullptr},
+        {"number.json",
+         R"({"__type": "PropertyObjectClass", "name": "ampl_number", "properties": [
+             {"name": "AmplifierID", "type": "int", "default": 0, "readOnly": true, "readOnlyValue": 5}]})",
+         "5", "ampl_number"},
+        {"novalue.json",
+         R"({"__type": "PropertyObjectClass", "name": "ampl_novalue", "properties": [
+             {"name": "AmplifierID", "type": "string", "default": "1.1.1.7"}]})",
+         "1.1.1.7", nullptr},
+        {"noname.json", definition("", "1.1.1.8"), "1.1.1.8", nullptr},
+        {"channel.json", definition("CHANNEL", "1.1.1.9"), "1.1.1.9", nullptr},
+    };
+    for (const Row& row : rows) {
+        folder.write(row.file, row.text);
+    }
+    // Opening this one would wait for ever.
+    ASSERT_EQ(mkfifo((folder.path / "pipe.json").c_str(), 0600), 0);
+
+    EXPECT_EQ(registerFolder(factory, folder.path.string() + "/"), "");
+    for (const Row& row : rows) {
+        EXPECT_EQ(factory.getAmplifierClassName(row.id), row.className == nullptr ? "ampl_unknown" : row.className)
+            << row.file;
+    }
+    // Whatever a file says of its parent, it is a channel.
+    ASSERT_TRUE(hostClass("ampl_good"));
+    EXPECT_EQ(hostClass("ampl_good").getParent(), "Channel");
+    EXPECT_FALSE(hostClass("ampl_noid"));
+    EXPECT_EQ(hostClass("Channel").getParent(), "ChannelNode");
+
+    factory.unregisterAmplifiers();
+    EXPECT_EQ(factory.getAmplifierClassName("1.1.1.1"), "ampl_unknown");
+    for (const char* name : {"ampl_good", "ampl_dots", "ampl_number", "ampl_novalue", "ampl_unknown"}) {
+        EXPECT_FALSE(hostClass(name)) << name;
+    }
+    EXPECT_TRUE(hostClass("Channel"));
+}
+
+TEST_F(FactoryTest, SkipsAFileWithoutReadPermission) {
+    const std::string file = folder.write("secret.json", definition("ampl_secret", "2.1.1.1"));
+    std::filesystem::permissions(folder.path, std::filesystem::perms(0755));
+    std::filesystem::permissions(file, std::filesystem::perms::none);
+    // The superuser reads everything.
+    const uid_t user = geteuid();
+    if (user == 0 && seteuid(65534) != 0) {
+        GTEST_SKIP() << "This user reads everything and can't be another one.";
+    }
+    EXPECT_EQ(registerFolder(factory, folder.path.string()), "");
+    EXPECT_FALSE(factory.deserializeAmplDefinition(file));
+    EXPECT_FALSE(factory.initFromFile(file));
+    ASSERT_EQ(seteuid(user), 0);
+    EXPECT_FALSE(hostClass("ampl_secret"));
+}
+
+TEST_F(FactoryTest, OneFile) {
+    EXPECT_FALSE(factory.deserializeAmplDefinition((folder.path / "missing.json").string()));
+    EXPECT_THROW(factory.deserializeAmplDefinition(folder.write("bad.json", "{")), DeserializeException);
+    EXPECT_THROW(factory.deserializeAmplDefinition(folder.write("item.json", R"({"className": "RangeItem"})")),
+                 NoInterfaceException);
+    EXPECT_TRUE(factory.initFromFile(folder.write("a.txt", definition("ampl_a", "3.1.1.1"))));
+    EXPECT_EQ(factory.getAmplifierClassName("3.1.1.1"), "ampl_a");
+}
+
+TEST_F(FactoryTest, TheLaterOfTwoFilesForOneAmplifierCounts) {
+    EXPECT_TRUE(factory.initFromFile(folder.write("first.json", definition("ampl_first", "4.1.1.1"))));
+    EXPECT_TRUE(factory.initFromFile(folder.write("second.json", definition("ampl_second", "4.1.1.1"))));
+    EXPECT_EQ(factory.getAmplifierClassName("4.1.1.1"), "ampl_second");
+    // One name for two amplifiers: the second one would show the choices of the first.
+    EXPECT_FALSE(factory.initFromFile(folder.write("third.json", definition("AMPL_First", "4.1.1.2"))));
+    EXPECT_EQ(factory.getAmplifierClassName("4.1.1.2"), "ampl_unknown");
+    factory.unregisterAmplifiers();
+    EXPECT_FALSE(hostClass("ampl_first"));
+    EXPECT_FALSE(hostClass("ampl_second"));
+}
+
+// Two modules in a process, or a module and a user of the entry points.
+TEST_F(FactoryTest, FactoriesOfAProcessShareTheirClasses) {
+    folder.write("a.json", definition("ampl_shared", "5.1.1.1"));
+    for (const bool firstGoesFirst : {true, false}) {
+        DaqAmplifiersFactory first;
+        DaqAmplifiersFactory second;
+        registerFolder(first, folder.path.string());
+        registerFolder(second, folder.path.string());
+        registerFolder(second, folder.path.string());  // again: still one user
+        EXPECT_EQ(second.getAmplifierClassName("5.1.1.1"), "ampl_shared");
+        EXPECT_EQ(second.getAmplifierClassName("0.0.0.0"), "ampl_unknown");
+        (firstGoesFirst ? first : second).unregisterAmplifiers();
+        EXPECT_TRUE(hostClass("ampl_shared")) << firstGoesFirst;
+        EXPECT_TRUE(hostClass("ampl_unknown")) << firstGoesFirst;
+        (firstGoesFirst ? second : first).unregisterAmplifiers();
+        EXPECT_FALSE(hostClass("ampl_shared")) << firstGoesFirst;
+        EXPECT_FALSE(hostClass("ampl_unknown")) << firstGoesFirst;
+    }
+    // A class that the host has from elsewhere is used and left where it is.
+    const auto manager = PropertyObjectManagerPtr::create();
+    manager.addClass(factory.deserializeAmplDefinition((folder.path / "a.json").string()));
+    registerFolder(factory, folder.path.string());
+    EXPECT_EQ(factory.getAmplifierClassName("5.1.1.1"), "ampl_shared");
+    factory.unregisterAmplifiers();
+    EXPECT_TRUE(hostClass("ampl_shared"));
+    manager.removeClass("ampl_shared");
+}
+
+TEST_F(FactoryTest, EntryPoints) {
+    folder.write("a.json", definition("ampl_entry", "6.1.1.1"));
+    IDaqAmplifiersFactory* made = createDaqAmplifiersFactory();
+    ASSERT_NE(made, nullptr);
+    EXPECT_FALSE(hostClass("ampl_unknown"));
+    made->registerAmplifiers(folder.path.string());
+    EXPECT_TRUE(hostClass("ampl_entry"));
+    releaseDaqAmplifiersFactory(made);
+    EXPECT_FALSE(hostClass("ampl_entry"));
+    releaseDaqAmplifiersFactory(nullptr);
+}
+
+TEST_F(FactoryTest, AThousandDefinitions) {
+    for (int i = 0; i < 1000; ++i) {
+        const std::string number = std::to_string(i);
+        folder.write(number + ".json", definition("ampl_" + number, "7.1.1." + number));
+    }
+    registerFolder(factory, folder.path.string());
+    for (int i = 0; i < 1000; ++i) {
+        const std::string number = std::to_string(i);
+        ASSERT_EQ(factory.getAmplifierClassName("7.1.1." + number), "ampl_" + number);
+    }
+}
+
+}

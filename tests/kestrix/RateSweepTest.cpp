@@ -1,0 +1,268 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "modules/daq/daqdevices/kestrix/src/DspControl.h"
+#include "tests/kestrix/KestrixFixture.h"
+
+// Every rate rule of the instrument against an oracle that knows the mathematics only: the divisors of a clock by its
+// prime factors, and exact binary fractions by reduction with the greatest common divisor.
+namespace Harvane::RT::Modules::Daq {
+
+namespace {
+
+constexpr int lastRequest = 15000001;
+constexpr int exhaustiveBelow = 200000;
+constexpr int minRate = 100;
+
+// The divisors of a number by its prime factors, ascending.
+std::vector<int> divisorsOf(int number) {
+    std::vector<int> divisors{1};
+    for (int prime = 2; number > 1; ++prime) {
+        if (static_cast<int64_t>(prime) * prime > number) {
+            prime = number;
+        }
+        const std::vector<int> others(divisors);
+        for (int power = prime; number % prime == 0; number /= prime, power *= number % prime == 0 ? prime : 1) {
+            for (const int divisor : others) {
+                divisors.push_back(divisor * power);
+            }
+        }
+    }
+    std::sort(divisors.begin(), divisors.end());
+    return divisors;
+}
+
+struct Chain {
+    bool exact = false;
+    uint32_t halfBands = 0;
+    uint64_t ratio = 0;
+};
+
+// From half the clock down to the rate: 2 * rate * 2^n lies in the upper half of it, and what is left is an exact
+// binary fraction between 1 and 2 of at most 38 places. The count of stages has no room for 18.
+Chain chainOf(int clock, int rate) {
+    const uint64_t half = static_cast<uint64_t>(clock) / 2;
+    const uint64_t start = 2 * static_cast<uint64_t>(rate);
+    if (start > half) {
+        return {};
+    }
+    uint32_t stages = 0;
+    while (stages < 18 && (start << (stages + 1)) <= half) {
+        ++stages;
+    }
+    const uint64_t end = start << stages;
+    const uint64_t common = std::gcd(half, end);
+    const uint64_t numerator = half / common;
+    const uint64_t denominator = end / common;
+    const uint64_t places = uint64_t{1} << 38;
+    if ((denominator & (denominator - 1)) != 0 || denominator > places) {
+        return {};
+    }
+    return {true, stages == 18 ? 0 : stages, (numerator - denominator) * (places / denominator)};
+}
+
+class ClockOracle {
+public:
+    explicit ClockOracle(int clock) : clock_(clock), filteredLimit(clock == 15000000 ? 1875000 : 2000000) {
+        for (const int divisor : divisorsOf(clock)) {
+            if (divisor > 2000000 || (divisor > 8 && chainOf(clock, divisor).exact)) {
+                legal.push_back(divisor);
+            }
+        }
+    }
+    int systemRate(int request) const {
+        if (request >= clock_) {
+            return clock_;
+        }
+        const auto above = std::upper_bound(legal.begin(), legal.end(), request);
+        return above == legal.begin() ? 10 : *(above - 1);
+    }
+
+private:
+    const int clock_;
+
+public:
+    std::vector<int> legal;
+    const int filteredLimit;
+};
+
+// What the channels of one device rate can run at.
+class ChannelOracle {
+public:
+    ChannelOracle(int clock, int filteredLimit, int deviceRate)
+        : clock_(clock), limit_(filteredLimit), deviceRate_(deviceRate) {
+        for (const int divisor : divisorsOf(deviceRate)) {
+            if (chainOf(clock, deviceRate / divisor).exact) {
+                dividers_.push_back(divisor);
+            }
+        }
+    }
+    int raw(int request) const { return deviceRate_ / firstDivider(request, clock_); }
+    int filtered(int request) const {
+        const int first = firstDivider(request, limit_);
+        const auto up = std::lower_bound(dividers_.begin(), dividers_.end(), first);
+        // A divider that gives 8 or less counts when it is the request's own or the first such one.
+        if (up != dividers_.end() && (*up == first || deviceRate_ / (*up - 1) > 8)) {
+            return deviceRate_ / *up;
+        }
+        return up == dividers_.begin() ? deviceRate_ : deviceRate_ / *(up - 1);
+    }
+
+private:
+    // The smallest divider that does not exceed the request.
+    int firstDivider(int request, int maxRate) const {
+        const int rate = std::min(std::max(request, minRate), maxRate);
+        return deviceRate_ / rate + (deviceRate_ % rate != 0 ? 1 : 0);
+    }
+    const int clock_;
+    const int limit_;
+    const int deviceRate_;
+    std::vector<int> dividers_;
+};
+
+// Requests: all below `exhaustiveBelow`, the neighbourhood of every edge, and every 11th of the rest.
+std::vector<int> requestsAround(const std::vector<int>& edges, int all) {
+    std::vector<int> requests;
+    for (int request = 1; request < all; ++request) {
+        requests.push_back(request);
+    }
+    for (int request = all; request <= lastRequest; request += 11) {
+        requests.push_back(request);
+    }
+    for (const int edge : edges) {
+        for (int request = edge - 2; request <= edge + 2; ++request) {
+            requests.push_back(request);
+        }
+    }
+    requests.push_back(lastRequest);
+    return requests;
+}
+
+// The first differences with their number: a line each would bury the log.
+class Differences {
+public:
+    template <class... Values>
+    void add(const Values&... values) {
+        if (++count_ <= 5) {
+            ((text_ += std::to_string(values) + " "), ...);
+            text_ += "; ";
+        }
+    }
+    ~Differences() { EXPECT_EQ(count_, 0) << "first of them: " << text_; }
+
+private:
+    int count_ = 0;
+    std::string text_;
+};
+
+class RateSweep : public KestrixFixture, public testing::WithParamInterface<int> {
+protected:
+    RateSweep() : clock(GetParam()), oracle(clock) {
+        bringUp(warmScenario(1));
+        if (clock != ai().baseClock) {
+            ai().setBaseClock(clock);
+        }
+    }
+    const int clock;
+    const ClockOracle oracle;
+};
+
+}  // namespace
+
+TEST(RateOracle, KnowsTheNumbers) {
+    EXPECT_EQ(divisorsOf(15000000).size(), 112u);
+    EXPECT_EQ(divisorsOf(10000000).size(), 64u);
+    EXPECT_EQ(divisorsOf(9973), (std::vector<int>{1, 9973}));
+    EXPECT_EQ(divisorsOf(60), (std::vector<int>{1, 2, 3, 4, 5, 6, 10, 12, 15, 20, 30, 60}));
+    EXPECT_EQ(chainOf(15000000, 50000).ratio, 47244640256u);
+    EXPECT_EQ(chainOf(15000000, 50000).halfBands, 6u);
+    EXPECT_FALSE(chainOf(15000000, 7).exact);
+    EXPECT_EQ(ClockOracle(15000000).systemRate(48000), 46875);
+}
+
+TEST_P(RateSweep, NearestRate) {
+    ASSERT_EQ(ai().baseClock, clock);
+    Differences differences;
+    const KestrixAI& device = ai();
+    for (const int request : requestsAround(oracle.legal, exhaustiveBelow)) {
+        const int expected = oracle.systemRate(request);
+        const int found = device.checkRate(request);
+        const int foundForClock = device.checkRate(request, clock);
+        if (found != expected || foundForClock != expected) {
+            differences.add(request, found, foundForClock, expected);
+        }
+    }
+}
+
+// The whole system's answer: the same, from the instrument's lowest rate on.
+TEST_P(RateSweep, NearestSystemRate) {
+    Differences differences;
+    for (const int request : requestsAround(oracle.legal, 20000)) {
+        const int expected = oracle.systemRate(std::max(request, minRate));
+        const int found = controller->checkSampleRate(request);
+        if (found != expected) {
+            differences.add(request, found, expected);
+        }
+    }
+}
+
+TEST_P(RateSweep, ResamplingChain) {
+    Differences differences;
+    // One by one as far as the filtered stream goes: which rates are exact follows no smooth rule.
+    for (const int rate : requestsAround(oracle.legal, oracle.filteredLimit + 1)) {
+        const Chain expected = chainOf(clock, rate);
+        Chain found;
+        found.exact =
+            DspControl::calculateRatioValue(clock, static_cast<uint32_t>(rate), found.halfBands, found.ratio);
+        if (found.exact != expected.exact ||
+            (expected.exact && (found.halfBands != expected.halfBands || found.ratio != expected.ratio))) {
+            differences.add(rate, found.exact, found.halfBands, found.ratio, expected.halfBands, expected.ratio);
+        }
+    }
+}
+
+TEST_P(RateSweep, ChannelRates) {
+    Differences differences;
+    const KestrixAI& device = ai();
+    const auto compare = [&](const ChannelOracle& channels, int deviceRate, int request) {
+        const int raw = device.checkChannelRate(0, deviceRate, request);
+        const int filtered = device.checkChannelRate(1, deviceRate, request);
+        if (raw != channels.raw(request) || filtered != channels.filtered(request)) {
+            differences.add(deviceRate, request, raw, channels.raw(request), filtered, channels.filtered(request));
+        }
+    };
+    // Every rate that a device can have, and some that none has.
+    std::vector<int> deviceRates(oracle.legal);
+    deviceRates.insert(deviceRates.end(), {9973, 44100, 65536, 99999, 1234567, 14999999});
+    std::erase_if(deviceRates, [](int rate) { return rate < minRate; });
+    for (const int deviceRate : deviceRates) {
+        const ChannelOracle channels(clock, oracle.filteredLimit, deviceRate);
+        // Above the device's rate the answer is one and the same up to the stream's limit.
+        for (int request = 1; request <= std::min(deviceRate + 2, 3000); ++request) {
+            compare(channels, deviceRate, request);
+        }
+        for (int request = 3000; request <= lastRequest; request += 1 + request / 300) {
+            compare(channels, deviceRate, request);
+        }
+        for (const int divider : divisorsOf(deviceRate)) {
+            for (int offset = -1; offset <= 1; ++offset) {
+                compare(channels, deviceRate, deviceRate / divider + offset);
+            }
+        }
+    }
+    for (const int deviceRate : {1000, oracle.filteredLimit, clock}) {
+        const ChannelOracle channels(clock, oracle.filteredLimit, deviceRate);
+        for (const int request : requestsAround({}, exhaustiveBelow)) {
+            compare(channels, deviceRate, request);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Clocks, RateSweep, testing::Values(15000000, 10000000));
+
+}  // namespace Harvane::RT::Modules::Daq
