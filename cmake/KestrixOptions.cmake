@@ -2,6 +2,7 @@
 
 option(KESTRIX_BUILD_TESTS "Build the tests" ON)
 option(KESTRIX_BUILD_BENCHMARKS "Build the benchmarks" ON)
+option(KESTRIX_BUILD_FUZZERS "Build the fuzzers; clang only" OFF)
 set(KESTRIX_SANITIZE "" CACHE STRING "Sanitizers to build with: empty, address-undefined or thread")
 
 set(CMAKE_CXX_STANDARD 20)
@@ -34,6 +35,10 @@ if(KESTRIX_SANITIZE STREQUAL "address-undefined")
   set(KESTRIX_SANITIZE_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   # plog's singleton casts to itself while it is under construction.
   list(APPEND KESTRIX_SANITIZE_FLAGS -fno-sanitize=vptr)
+  if(KESTRIX_BUILD_FUZZERS)
+    # What the fuzzer runs tells it which way it took.
+    list(APPEND KESTRIX_SANITIZE_FLAGS -fsanitize=fuzzer-no-link)
+  endif()
 elseif(KESTRIX_SANITIZE STREQUAL "thread")
   set(KESTRIX_SANITIZE_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
 elseif(KESTRIX_SANITIZE)

@@ -9,7 +9,10 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "tools/zornhost/AmplifierCommands.h"
 #include "tools/zornhost/Interrupt.h"
+#include "tools/zornhost/PropertyText.h"
+#include "tools/zornhost/Rates.h"
 #include "tools/zornhost/Recorder.h"
 
 using namespace Harvane::RT::Core;
@@ -22,79 +25,6 @@ namespace {
 constexpr const char* programVersion = "1.0.0";
 
 double toHz(const Ratio& rate) { return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator); }
-
-// A value with its kind kept, for --json.
-Json toJson(const BasePtr& value) {
-    if (!value)
-        return nullptr;
-    if (auto list = value.asPtrOrNull<IList>()) {
-        Json items = Json::array();
-        const ListPtr entries(list);
-        for (size_t i = 0, n = entries.getCount(); i < n; ++i)
-            items.push_back(toJson(entries.getItemAt(i)));
-        return items;
-    }
-    switch (coreTypeOf(value)) {
-        case CoreType::Bool:
-            return fromValue<bool>(value);
-        case CoreType::Int:
-            return fromValue<int64_t>(value);
-        case CoreType::Float:
-            return fromValue<double>(value);
-        case CoreType::Ratio: {
-            const auto ratio = fromValue<Ratio>(value);
-            if (ratio.denominator == 1)
-                return ratio.numerator;
-            return valueText(value);
-        }
-        default:
-            return valueText(value);
-    }
-}
-
-std::string typeName(const PropertyInfoPtr& info) {
-    if (info.isSelection() || info.getValueType() == CoreType::Enum)
-        return "selection";
-    switch (info.getValueType()) {
-        case CoreType::Bool: return "bool";
-        case CoreType::Int: return "int";
-        case CoreType::Float: return "float";
-        case CoreType::String: return "string";
-        case CoreType::List: return "list";
-        case CoreType::Dict: return "dict";
-        case CoreType::Ratio: return "ratio";
-        case CoreType::Proc: return "procedure";
-        case CoreType::Func: return "function";
-        case CoreType::Object: return "object";
-        default: return "other";
-    }
-}
-
-bool callable(const PropertyInfoPtr& info) {
-    return info.getValueType() == CoreType::Proc || info.getValueType() == CoreType::Func;
-}
-
-// The value that a property shows; empty (with the reason) when it has none to show.
-BasePtr readProperty(const GenericPropertyObjectPtr& node, const StringPtr& name, std::string* reason = nullptr) {
-    try {
-        return node.getPropertyValue<BasePtr>(name);
-    } catch (const ZornException& failure) {
-        if (reason != nullptr)
-            *reason = failure.what();
-        return {};
-    }
-}
-
-// The text of a selection's choice beside its index.
-std::string shownValue(const PropertyInfoPtr& info, const BasePtr& value) {
-    const ListPtr choices = info.getValuesAsList();
-    if (value && info.isSelection()) {
-        const auto index = fromValue<int64_t>(value);
-        if (index >= 0 && static_cast<size_t>(index) < choices.getCount())
-            return fmt::format("{} ({})", index, valueText(choices.getItemAt(static_cast<size_t>(index))));
-    }
-    return valueText(value);
-}
 
 void printJson(Output& output, const Json& json) { output.line(json.dump(2)); }
 
@@ -265,6 +195,75 @@ int showTree(Session& session, Output& output, bool json) {
     rows.push_back({root.getName().toStdString(), valueText(module.getPropertyValue<BasePtr>("SampleRate")), "", "", "", ""});
     treeLines(root, 1, rows);
     output.data(formatTable(rows));
+    return 0;
+}
+
+namespace {
+
+Json ratesJson(const RateReport& report) {
+    Json json{{"request", report.request}, {"baseClock", report.clockInForce}, {"levels", Json::array()}};
+    for (const auto& level : report.levels) {
+        Json rates = Json::array();
+        for (const auto& row : level.rates) {
+            Json entry{{"rate", row.rate}};
+            if (row.rawDivider)
+                entry["raw"] = Json{{"divider", *row.rawDivider}, {"inForce", row.rawInForce}, {"requestBecomes", row.rawAnswer}};
+            if (row.filtered)
+                entry["filtered"] = Json{{"halfBands", row.filtered->halfBands},
+                                         {"ratio", row.filtered->ratio()},
+                                         {"ratioBits", row.filtered->ratioBits},
+                                         {"inForce", row.filteredInForce},
+                                         {"requestBecomes", row.filteredAnswer}};
+            rates.push_back(entry);
+        }
+        json["levels"].push_back(Json{{"level", level.level},
+                                      {"name", level.name},
+                                      {"baseClock", level.clock},
+                                      {"clockInForce", level.clockInForce},
+                                      {"of", level.of},
+                                      {"rates", rates}});
+    }
+    return json;
+}
+
+// "in force; 48000 becomes this", with the stream's name where only one of the two is meant.
+std::string rateNote(const LegalRate& row, int64_t request) {
+    std::string note;
+    const auto add = [&](bool raw, bool filtered, const std::string& text) {
+        if (!raw && !filtered)
+            return;
+        const bool both = (raw || !row.rawDivider) && (filtered || !row.filtered);
+        note += (note.empty() ? "" : "; ") + std::string(both ? "" : raw ? "raw: " : "filtered: ") + text;
+    };
+    add(row.rawInForce && row.rawDivider, row.filteredInForce && row.filtered, "in force");
+    add(row.rawAnswer && row.rawDivider, row.filteredAnswer && row.filtered, fmt::format("{} becomes this", request));
+    return note;
+}
+
+}  // namespace
+
+int showRates(Session& session, Output& output, bool json, std::optional<int64_t> near, size_t count) {
+    const RateReport report = legalRates(session.tree(), near, count);
+    if (json) {
+        printJson(output, ratesJson(report));
+        return 0;
+    }
+    bool first = true;
+    for (const auto& level : report.levels) {
+        if (!first)
+            output.line("");
+        first = false;
+        output.line(fmt::format("{} ({}), base clock {} Hz{}, whole fractions of {} S/s", level.name, level.level, level.clock,
+                                level.clockInForce ? ", in force" : "", level.of));
+        std::vector<std::vector<std::string>> rows{
+            {">Rate S/s", ">Raw: divider", ">Filtered: half-bands", ">Ratio", "Note"}};
+        for (const auto& row : level.rates)
+            rows.push_back({fmt::format("{}", row.rate), row.rawDivider ? fmt::format("{}", *row.rawDivider) : "-",
+                            row.filtered ? fmt::format("{}", row.filtered->halfBands) : "-",
+                            row.filtered ? fmt::format("{:.10g}", row.filtered->ratio()) : "-",
+                            rateNote(row, report.request)});
+        output.data(formatTable(rows));
+    }
     return 0;
 }
 
@@ -516,6 +515,9 @@ int run(int argc, char** argv) {
     app.add_option("--log-file", session.logFile, "Also write log messages (info and above, or --log if lower) into this file");
     app.add_option("--set", session.settings, "PATH=VALUE: set a property before the command runs (may be repeated)")
         ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--amplifiers", session.amplifiers,
+                   "Folder of amplifier definitions (default: amplifiers in the working directory, else the program's own)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--cycle", session.cycleTimeMs, "Cycle time of the host in ms")->check(CLI::Range(1, 1000))->capture_default_str();
     app.add_flag("--json", session.json, "Reports as JSON");
 
@@ -525,6 +527,13 @@ int run(int argc, char** argv) {
     MonitorOptions monitoring;
     auto* info = app.add_subcommand("info", "Versions, module and instrument");
     auto* tree = app.add_subcommand("tree", "Devices, folders and channels");
+    std::optional<int64_t> near;
+    size_t rateCount = 4;
+    auto* rates = app.add_subcommand("rates", "Rates that each level can run at near a request, for every base clock");
+    rates->add_option("--near", near, "The request, S/s (default: the system's rate)")
+        ->check(CLI::Range(int64_t{1}, int64_t{2147483647}));
+    rates->add_option("--count", rateCount, "Rates at or below the request, and as many above it")
+        ->check(CLI::Range(1, 1000))->capture_default_str();
     auto* list = app.add_subcommand("list", "Properties of a node: value, default, limits, choices, unit");
     list->add_option("path", path, "Names joined by /, below the root; empty for the data module");
     auto* get = app.add_subcommand("get", "Value of a property");
@@ -545,6 +554,8 @@ int run(int argc, char** argv) {
     mon->add_option("--channel", monitoring.channels, "Pattern of channels to watch (may be repeated)")
         ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 
+    const AmplifierCommandLine amplifier(app);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& failure) {
@@ -555,6 +566,10 @@ int run(int argc, char** argv) {
 
     Interrupt::install();
     try {
+        if (amplifier.checks()) {
+            Output output;
+            return amplifier.runCheck(output, session.json);
+        }
         ensureSimulation(session, argv);
         Output output;
         Session live(session);
@@ -564,6 +579,8 @@ int run(int argc, char** argv) {
             result = showInfo(live, output, session.json);
         else if (tree->parsed())
             result = showTree(live, output, session.json);
+        else if (rates->parsed())
+            result = showRates(live, output, session.json, near, rateCount);
         else if (list->parsed())
             result = listProperties(live, output, session.json, path);
         else if (get->parsed())
@@ -572,6 +589,8 @@ int run(int argc, char** argv) {
             result = setProperty(live, output, session.json, path, value);
         else if (rec->parsed())
             result = record(live, output, session.json, recording);
+        else if (amplifier.parsed())
+            result = amplifier.run(live, output, session.json);
         else if (mon->parsed())
             result = monitor(live, output, session.json, monitoring);
         live.close();

@@ -26,6 +26,8 @@ struct MonitorOptions {
 // Each command returns the process's exit code: 0 only when all went well. Failures are exceptions.
 int showInfo(Session& session, Output& output, bool json);
 int showTree(Session& session, Output& output, bool json);
+// Around `near`, or around the system's rate in force without it.
+int showRates(Session& session, Output& output, bool json, std::optional<int64_t> near, size_t count);
 int listProperties(Session& session, Output& output, bool json, const std::string& path);
 int getProperty(Session& session, Output& output, bool json, const std::string& path);
 int setProperty(Session& session, Output& output, bool json, const std::string& path, const std::string& value);

@@ -1,6 +1,7 @@
 #include "tools/zornhost/Session.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -10,6 +11,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "tools/zornhost/PropertyText.h"
 
 using namespace Harvane::RT::Core;
 
@@ -48,6 +56,80 @@ std::string sanitizerRuntime() {
     return file.find(".so") != std::string::npos ? file : std::string();
 }
 
+// "[1, [14]]": a list is written as it is shown, in JSON.
+BasePtr listFromText(const std::string& property, const std::string& text) {
+    const auto json = nlohmann::json::parse(text, nullptr, false);
+    if (!json.is_array())
+        throw std::runtime_error(fmt::format("{} is a list; write it as [1, [2, 3]] and not as \"{}\"", property, text));
+    const std::function<BasePtr(const nlohmann::json&)> convert = [&](const nlohmann::json& item) -> BasePtr {
+        if (item.is_array()) {
+            const ListPtr list = ListPtr::create();
+            for (const auto& entry : item)
+                list.pushBack(convert(entry));
+            return asBase(list);
+        }
+        if (item.is_boolean())
+            return toValue(item.get<bool>());
+        if (item.is_number_integer())
+            return toValue(item.get<int64_t>());
+        if (item.is_number())
+            return toValue(item.get<double>());
+        if (item.is_string())
+            return toValue(item.get<std::string>());
+        throw std::runtime_error(fmt::format("{}: a list can hold numbers, texts, true, false and lists", property));
+    };
+    return convert(json);
+}
+
+// The module looks for "amplifiers/" in the working directory, once, when it is created. While this lives, the folder that
+// is wanted is found there.
+class AmplifierFolder {
+public:
+    // An empty name leaves the working directory alone.
+    explicit AmplifierFolder(const std::string& folder) {
+        namespace fs = std::filesystem;
+        if (folder.empty())
+            return;
+        std::error_code error;
+        const fs::path target = fs::canonical(folder, error);
+        if (error || !fs::is_directory(target, error))
+            throw std::runtime_error(fmt::format("the folder of amplifier definitions \"{}\": {}", folder,
+                                                 error ? error.message() : "is no folder"));
+        fs::path parent = target.parent_path();
+        if (target.filename() != "amplifiers") {
+            std::string name = (fs::temp_directory_path() / "zornhost-XXXXXX").string();
+            if (::mkdtemp(name.data()) == nullptr)
+                throw std::runtime_error(fmt::format("{}: {}", name, std::strerror(errno)));
+            temporary_ = parent = name;
+            fs::create_directory_symlink(target, parent / "amplifiers");
+        }
+        back_ = ::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (back_ < 0 || ::chdir(parent.c_str()) != 0) {
+            const int reason = errno;
+            leave();
+            throw std::runtime_error(fmt::format("\"{}\": {}", parent.string(), std::strerror(reason)));
+        }
+    }
+    ~AmplifierFolder() { leave(); }
+    AmplifierFolder(const AmplifierFolder&) = delete;
+    AmplifierFolder& operator=(const AmplifierFolder&) = delete;
+
+private:
+    void leave() {
+        if (back_ >= 0) {
+            if (::fchdir(back_) != 0)
+                fmt::print(stderr, "zornhost: can't go back to the working directory: {}\n", std::strerror(errno));
+            ::close(back_);
+        }
+        std::error_code ignored;
+        if (!temporary_.empty())
+            std::filesystem::remove_all(temporary_, ignored);
+    }
+
+    int back_ = -1;
+    std::filesystem::path temporary_;
+};
+
 }  // namespace
 
 std::string programFolder() {
@@ -60,6 +142,14 @@ std::string programFolder() {
 }
 
 std::string defaultModule() { return programFolder() + "/../lib/libdaqmodule-64-1.zmod"; }
+
+std::string defaultAmplifiers() {
+    std::error_code ignored;
+    if (std::filesystem::is_directory("amplifiers", ignored))
+        return "amplifiers";
+    const std::string beside = programFolder() + "/../share/kestrix/amplifiers";
+    return std::filesystem::is_directory(beside, ignored) ? beside : std::string();
+}
 
 void ensureSimulation(const SessionOptions& options, char** argv) {
     if (!options.simulate)
@@ -76,7 +166,7 @@ void ensureSimulation(const SessionOptions& options, char** argv) {
     if (!options.simulate->empty()) {
         if (::access(options.simulate->c_str(), R_OK) != 0)
             throw std::runtime_error(fmt::format("scenario {}: {}", *options.simulate, std::strerror(errno)));
-        ::setenv("KESTRIX_SIM_SCENARIO", options.simulate->c_str(), 1);
+        ::setenv("KESTRIX_SIM_SCENARIO", std::filesystem::absolute(*options.simulate).c_str(), 1);
     }
     std::string preload = sanitizerRuntime();
     preload += (preload.empty() ? "" : ":") + library;
@@ -88,18 +178,34 @@ void ensureSimulation(const SessionOptions& options, char** argv) {
     throw std::runtime_error(fmt::format("cannot start again with the simulated instrument: {}", std::strerror(errno)));
 }
 
-// Takes the module's reports of lost data out of the log.
+// Takes the module's reports of lost data and of failing amplifiers out of the log.
 class Session::Listener : public ILogSink {
 public:
     explicit Listener(std::atomic<uint64_t>& count) : count_(count) {}
     void write(const LogRecord& record) override {
         if (std::strcmp(record.logger, "DaqModule") == 0 && std::strstr(record.message, "Data lost") != nullptr)
             count_.fetch_add(1);
+        for (const char* words : {"Amplifier update failed", "Balancing of an amplifier failed"})
+            if (const char* found = std::strstr(record.message, words)) {
+                std::string text = found;
+                while (!text.empty() && text.back() == '\n')
+                    text.pop_back();
+                const std::lock_guard lock(mutex_);
+                failures_.push_back(std::move(text));
+            }
+    }
+    std::vector<std::string> takeFailures() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(failures_, {});
     }
 
 private:
     std::atomic<uint64_t>& count_;
+    std::mutex mutex_;
+    std::vector<std::string> failures_;
 };
+
+std::vector<std::string> Session::takeAmplifierFailures() { return listener_->takeFailures(); }
 
 Session::Session(const SessionOptions& options) : options_(options), host_(options.cycleTimeMs) {
     const int level = levelOf(options_.logLevel);
@@ -130,7 +236,12 @@ Session::~Session() {
 }
 
 void Session::open() {
-    host_.open(options_.module.empty() ? defaultModule() : options_.module);
+    {
+        const std::string module =
+            std::filesystem::absolute(options_.module.empty() ? defaultModule() : options_.module).string();
+        const AmplifierFolder folder(options_.amplifiers.empty() ? defaultAmplifiers() : options_.amplifiers);
+        host_.open(module);
+    }
     host_.add();
     for (const auto& setting : options_.settings) {
         const size_t equals = setting.find('=');
@@ -146,13 +257,10 @@ BasePtr Session::set(const PropertyEntry& property, const std::string& text) {
     BasePtr value = toValue(text);
     if (property.name.find('.') == std::string::npos) {
         const auto info = node.getPropertyInfo(name);
-        const ListPtr choices = info.getValuesAsList();
-        if (info.isSelection()) {
-            // A display text stands for its place in the list.
-            for (size_t i = 0, n = choices.getCount(); i < n; ++i)
-                if (valueText(choices.getItemAt(i)) == text)
-                    value = toValue(i);
-        }
+        if (info.getValueType() == CoreType::List)
+            value = listFromText(property.name, text);
+        else
+            value = valueOf(info, text);
     }
     checkErrorInfo(zornCheckedSetProperty(node.get(), name.get(), value.get()));
     return node.getPropertyValue<BasePtr>(name);

@@ -15,6 +15,7 @@ namespace zornhost {
 // What all commands share.
 struct SessionOptions {
     std::string module;                       // path of the .zmod; empty: beside the program
+    std::string amplifiers;                   // folder of amplifier definitions; empty: see defaultAmplifiers
     std::optional<std::string> simulate;      // set: run on the simulated instrument; empty text: the standard scenario
     std::string logLevel = "error";
     std::string logFile;
@@ -26,6 +27,8 @@ struct SessionOptions {
 // Directory of the running program, and the module beside it (../lib).
 std::string programFolder();
 std::string defaultModule();
+// "amplifiers" in the working directory, else the one that came with the program; empty when there is neither.
+std::string defaultAmplifiers();
 
 // Starts this program anew with the simulated instrument preloaded, if that was asked for and is not there yet. Returns
 // when the instrument is in place (or none was asked for); raises std::runtime_error when it can't be had.
@@ -54,6 +57,8 @@ public:
 
     // Counts the module's reports of lost data since the last start.
     uint64_t lostReports() const { return lostReports_.load(); }
+    // What the module has said of amplifiers that refused something, since the last call.
+    std::vector<std::string> takeAmplifierFailures();
 
 private:
     class Listener;

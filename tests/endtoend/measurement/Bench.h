@@ -21,7 +21,9 @@
 // for an answer.
 class Bench {
 public:
-    explicit Bench(kestrixsim::Scenario scenario, std::vector<std::string> settings = {}) {
+    // `amplifiers` is the folder of definitions that the module reads.
+    explicit Bench(kestrixsim::Scenario scenario, std::vector<std::string> settings = {},
+                   std::string amplifiers = KESTRIX_AMPLIFIERS) {
         scenario.supplyOn = true;
         const bool identified = scenario.eepromKeyValid && scenario.eepromVersion != 0;
         if (identified && scenario.slots == kestrixsim::Scenario().slots) {
@@ -33,6 +35,7 @@ public:
         folder_ = std::filesystem::temp_directory_path() / ("kestrix-bench-" + std::to_string(::getpid()));
         std::filesystem::create_directories(folder_);
         options_.module = KESTRIX_MODULE;
+        options_.amplifiers = std::move(amplifiers);
         options_.logLevel = "off";
         options_.settings = std::move(settings);
         session_ = std::make_unique<zornhost::Session>(options_);
