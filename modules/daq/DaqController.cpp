@@ -128,9 +128,9 @@ void DaqController::stopAcquisition() {
 
 void DaqController::acquireData() {
     systemDevice->acquireData();
-    const std::uint64_t most = acquisitionChannels.getMaxSamplesAcquired();
-    const std::uint64_t least = acquisitionChannels.getMinSamplesAcquired();
+    const auto [least, most] = acquisitionChannels.getSamplesAcquiredRange();
     maxSamplesAcquired = most;
+    const auto drift = static_cast<double>(most - least);
     for (const auto& channel : acquisitionChannels) {
         if (channel->sampleType != SampleType::Sync) {
             continue;
@@ -138,7 +138,7 @@ void DaqController::acquireData() {
         const auto divider = static_cast<std::uint64_t>(channel->srDiv);
         channel->samplesBehind = most - divider * channel->samplesAcquired.get();
         const auto ring = static_cast<double>(channel->buffer->getCapacity() * divider);
-        if (static_cast<double>(most - least) > maxDrift * ring) {
+        if (drift > maxDrift * ring) {
             throw DataLostException();
         }
     }

@@ -222,6 +222,12 @@ void DaqModuleImpl::onInitialize() {
 void DaqModuleImpl::onStart() {
     requireAdded();
     lostSamples_.assign(daqStructure.getChannelsMap().size(), 0);
+    asyncChannels_.clear();
+    for (size_t i = 0; i < lostSamples_.size(); ++i) {
+        if (daqStructure.getChannelsMap()[i].first->sampleType == SampleType::Async) {
+            asyncChannels_.push_back(i);
+        }
+    }
     if (!daqController.acqInitialized) {
         daqStructure.beforeStart();
     }
@@ -270,16 +276,16 @@ void DaqModuleImpl::onProcessData() {
 // ring still holds the samples.
 void DaqModuleImpl::moveAsyncSamplesIn() {
     const auto& channels = daqStructure.getChannelsMap();
-    for (size_t i = 0; i < channels.size(); ++i) {
+    for (const size_t i : asyncChannels_) {
         const auto& [channel, hostChannel] = channels[i];
-        if (channel->sampleType != SampleType::Async || channel->isControl) {
+        if (channel->isControl) {
             continue;
         }
         const AsyncChannelPtr async = hostChannel.asPtr<IAsyncChannel>();
         long held = 0;
         checkErrorInfo(async->getSamplesAcquired(&held));
         int64_t count = static_cast<int64_t>(channel->samplesAcquired.get()) - held;
-        if (count <= 0 || i >= lostSamples_.size()) {
+        if (count <= 0) {
             continue;
         }
         count -= lostSamples_[i];
@@ -301,17 +307,17 @@ void DaqModuleImpl::moveAsyncSamplesIn() {
 
 void DaqModuleImpl::moveAsyncSamplesOut() {
     const auto& channels = daqStructure.getChannelsMap();
-    for (size_t i = 0; i < channels.size(); ++i) {
+    for (const size_t i : asyncChannels_) {
         const auto& [channel, hostChannel] = channels[i];
         // An output that takes no part has no memory.
-        if (channel->sampleType != SampleType::Async || !channel->isControl || !channel->active) {
+        if (!channel->isControl || !channel->active) {
             continue;
         }
         const AsyncChannelPtr async = hostChannel.asPtr<IAsyncChannel>();
         long held = 0;
         checkErrorInfo(async->getSamplesAcquired(&held));
         int64_t count = held - static_cast<int64_t>(channel->samplesAcquired.get());
-        if (count <= 0 || i >= lostSamples_.size()) {
+        if (count <= 0) {
             continue;
         }
         count -= lostSamples_[i];

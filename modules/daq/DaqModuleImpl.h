@@ -70,6 +70,8 @@ private:
     std::unique_ptr<RtcClasses> rtcClasses_;  // from add on: the tree has objects of these classes
     // Samples of each entry of the channels map that its ring had lost before they could be passed on, in this run.
     std::vector<int64_t> lostSamples_;
+    // Places of the asynchronous channels in the channels map, so that a cycle looks at no others.
+    std::vector<size_t> asyncChannels_;
 };
 
 }

@@ -12,6 +12,7 @@ DaqChannelBuffer::DaqChannelBuffer(const Core::ChannelPtr<Core::IChannel>& chann
     : channel_(channel), buffer_(channel.getBuffer()) {
     data_ = static_cast<unsigned char*>(buffer_.getData());
     capacity_ = buffer_.getCapacity();
+    sampleSize_ = buffer_.getSampleSize();
     std::size_t* position = nullptr;
     // The address stays good for as long as buffer_ is held.
     Core::checkErrorInfo(buffer_.asPtr<Core::IChannelBufferV2>()->getPositionPointer(&position));
@@ -44,10 +45,6 @@ void DaqChannelBuffer::reset() {
 
 bool DaqChannelBuffer::isEmpty() {
     return buffer_.isEmpty();
-}
-
-unsigned long DaqChannelBuffer::getSampleSize() {
-    return buffer_.getSampleSize();
 }
 
 void DaqChannelBuffer::addSample(const void* sample) {

@@ -31,7 +31,7 @@ public:
     void setPosition(unsigned long position) override;
     void reset() override;
     bool isEmpty() override;
-    unsigned long getSampleSize() override;
+    unsigned long getSampleSize() override { return sampleSize_; }
     void* getData() override { return data_; }
     void addSample(const void* sample) override;
     void incrementSamplePosition(unsigned long count) override;
@@ -43,6 +43,7 @@ private:
     Core::ChannelBufferPtr<Core::IChannelBuffer> buffer_;
     unsigned char* data_ = nullptr;
     std::size_t capacity_ = 0;
+    std::size_t sampleSize_ = 0;
     const std::size_t* position_ = nullptr;  // the host's live write position
 };
 

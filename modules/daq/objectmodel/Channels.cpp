@@ -1,6 +1,7 @@
 #include "modules/daq/objectmodel/Channels.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "modules/daq/objectmodel/Channel.h"
 
@@ -14,22 +15,6 @@ Channels select(const Channels& channels, Predicate wanted) {
     std::copy_if(channels.begin(), channels.end(), std::back_inserter(selected),
                  [&](const std::shared_ptr<Channel>& channel) { return wanted(*channel); });
     return selected;
-}
-
-/// Folds the counts of the active synchronous channels at the full rate; 0 without any.
-template <class Choice>
-std::uint64_t foldSamples(const Channels& channels, Choice choose) {
-    std::uint64_t result = 0;
-    bool first = true;
-    for (const auto& channel : channels) {
-        if (!channel->active || channel->sampleType != SampleType::Sync) {
-            continue;
-        }
-        const std::uint64_t samples = static_cast<std::uint64_t>(channel->srDiv) * channel->samplesAcquired.get();
-        result = first ? samples : choose(result, samples);
-        first = false;
-    }
-    return result;
 }
 
 }
@@ -56,11 +41,26 @@ Channels Channels::getInChannels() const {
 }
 
 std::uint64_t Channels::getMinSamplesAcquired() const {
-    return foldSamples(*this, [](std::uint64_t a, std::uint64_t b) { return std::min(a, b); });
+    return getSamplesAcquiredRange().first;
 }
 
 std::uint64_t Channels::getMaxSamplesAcquired() const {
-    return foldSamples(*this, [](std::uint64_t a, std::uint64_t b) { return std::max(a, b); });
+    return getSamplesAcquiredRange().second;
+}
+
+std::pair<std::uint64_t, std::uint64_t> Channels::getSamplesAcquiredRange() const {
+    std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t most = 0;
+    bool any = false;
+    for (const auto& channel : *this) {
+        if (channel->active && channel->sampleType == SampleType::Sync) {
+            const std::uint64_t samples = static_cast<std::uint64_t>(channel->srDiv) * channel->samplesAcquired.get();
+            least = std::min(least, samples);
+            most = std::max(most, samples);
+            any = true;
+        }
+    }
+    return {any ? least : 0, most};
 }
 
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "modules/daq/objectmodel/SampleType.h"
@@ -30,6 +31,8 @@ public:
     /// dividers compare; 0 without any. No allocation: used in every cycle.
     std::uint64_t getMinSamplesAcquired() const;
     std::uint64_t getMaxSamplesAcquired() const;
+    /// Both in one pass, the smallest first.
+    std::pair<std::uint64_t, std::uint64_t> getSamplesAcquiredRange() const;
 };
 
 }

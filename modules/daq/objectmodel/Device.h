@@ -25,7 +25,10 @@ class Device : public TopologyElement {
 public:
     static constexpr int noMaxRate = std::numeric_limits<int>::max();
 
+    Device() : TopologyElement(this) {}
     ~Device() override;
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
 
     /// The model, or the class name without one.
     std::string getDisplayName() const override;
@@ -99,7 +102,7 @@ public:
 protected:
     /// The device among the children, or null. Doesn't allocate: used in every cycle.
     static Device* asDevice(const std::shared_ptr<TopologyElement>& element) {
-        return dynamic_cast<Device*>(element.get());
+        return element ? element->asDevice() : nullptr;
     }
 };
 

@@ -7,6 +7,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
+class Device;
+
 /// Node of the topology tree: devices and channel folders. The list base holds the children, which it owns.
 class TopologyElement : public DaqObject, public DaqVector<std::shared_ptr<TopologyElement>> {
 public:
@@ -18,7 +20,18 @@ public:
 
     virtual std::string getDisplayName() const;
 
+    /// This element as a device; null for any other. The walks of every cycle ask it, and a dynamic cast takes longer
+    /// than what a device does when nothing is ready.
+    Device* asDevice() const { return device_; }
+
     int kind = 0;  ///< The host's tree shows only children of kind 0.
+
+protected:
+    TopologyElement() = default;
+    explicit TopologyElement(Device* self) : device_(self) {}
+
+private:
+    Device* device_ = nullptr;
 };
 
 }

@@ -19,6 +19,8 @@ public:
     KestrixLogger(const KestrixLogger&) = delete;
     KestrixLogger& operator=(const KestrixLogger&) = delete;
 
+    // Whether messages of this level go out, as far as is known: all do until the host has been asked.
+    static bool passes(int level) { return level_.load(std::memory_order_relaxed) <= level; }
     int getLevel() const { return level_.load(std::memory_order_relaxed); }
     // 0 makes the next message ask the host again.
     void setLevel(int level);
@@ -28,7 +30,8 @@ public:
 private:
     KestrixLogger() = default;
 
-    std::atomic<int> level_{0};
+    // Beside the object, so that a test of the level is one load.
+    static inline std::atomic<int> level_{0};
 };
 
 }  // namespace Harvane::Shared::Kestrix
@@ -36,8 +39,7 @@ private:
 // KESTRIX_LOG(level, format, arguments...): formats only when the level passes, with {fmt} placeholders.
 #define KESTRIX_LOG(level, ...)                                                                                    \
     do {                                                                                                           \
-        auto& kestrixLogger_ = ::Harvane::Shared::Kestrix::KestrixLogger::get_logger();                            \
-        if (kestrixLogger_.getLevel() <= (level))                                                                  \
-            kestrixLogger_.log((level), __FILE__, __LINE__, static_cast<const char*>(__func__),                    \
-                               ::fmt::format(__VA_ARGS__));                                                        \
+        if (::Harvane::Shared::Kestrix::KestrixLogger::passes(level))                                              \
+            ::Harvane::Shared::Kestrix::KestrixLogger::get_logger().log(                                           \
+                (level), __FILE__, __LINE__, static_cast<const char*>(__func__), ::fmt::format(__VA_ARGS__));      \
     } while (false)

@@ -389,8 +389,22 @@ void KestrixAI::initializeAcquisition(bool recursive) {
     for (const auto& dsp : dspControls_) {
         dsp->configureStartTriggerControl(simulationMode);
     }
-    betweenDescriptors_.assign(kernels_.size(), false);
+    gatherRunningStreams();
     startTransfers();
+}
+
+// The host leaves a channel's memory in place for the whole run, so that a cycle need not ask for it.
+void KestrixAI::gatherRunningStreams() {
+    runningStreams_.clear();
+    for (size_t c = 0; c < kernels_.size(); ++c) {
+        Channel& channel = *channels[c];
+        if (takesPart(channel)) {
+            IChannelBuffer& buffer = *channel.buffer;
+            runningStreams_.push_back({kernels_[c].get(), &channel, &buffer, static_cast<unsigned char*>(buffer.getData()),
+                                       buffer.getCapacity(), buffer.getSampleSize(),
+                                       static_cast<unsigned long>(kernels_[c]->bdSize), false});
+        }
+    }
 }
 
 // All streams or none: a driver that streams already refuses the set-up of the next attempt.
@@ -431,6 +445,7 @@ void KestrixAI::stopAcquisition(bool recursive) {
 }
 
 void KestrixAI::finalizeAcquisition(bool recursive) {
+    runningStreams_.clear();
     AIDevice::finalizeAcquisition(recursive);
     for (const auto& dsp : dspControls_) {
         dsp->disableSampleProcessing();
@@ -450,40 +465,31 @@ void KestrixAI::acquireData() {
     if (runInUsbMode_) {
         return;
     }
-    for (size_t c = 0; c < kernels_.size(); ++c) {
-        if (takesPart(*channels[c])) {
-            transferSamples(c);
-        }
+    for (RunningStream& stream : runningStreams_) {
+        transferSamples(stream);
     }
 }
 
 // Fills the channel's buffer up to the end of its storage and, when that was reached, once more from its start.
-void KestrixAI::transferSamples(size_t index) {
-    Channel& channel = *channels[index];
-    KestrixKernel& kernel = *kernels_[index];
-    IChannelBuffer& buffer = *channel.buffer;
-    const unsigned long sampleSize = buffer.getSampleSize();
-    const unsigned long bdSize = static_cast<unsigned long>(kernel.bdSize);
-
+void KestrixAI::transferSamples(RunningStream& stream) {
     for (int read = 0; read < 2; ++read) {
-        const unsigned long position = buffer.getPosition();
-        const unsigned long free = (buffer.getCapacity() - position) * sampleSize;
-        KESTRIX_LOG(1, "available storage: {}, sample size: {}", free, sampleSize);
+        const unsigned long position = stream.buffer->getPosition();
+        const unsigned long free = (stream.capacity - position) * stream.sampleSize;
+        KESTRIX_LOG(1, "available storage: {}, sample size: {}", free, stream.sampleSize);
         // A rest smaller than a descriptor is still filled when a descriptor was delivered in parts before: the
         // buffer's end could not be passed otherwise.
-        if (free < bdSize && !(betweenDescriptors_[index] && free > 0)) {
-            KESTRIX_LOG(4, "available storage too low: {} < {}", free, kernel.bdSize);
+        if (free < stream.bdSize && !(stream.betweenDescriptors && free > 0)) {
+            KESTRIX_LOG(4, "available storage too low: {} < {}", free, stream.bdSize);
             return;
         }
-        const long count =
-            kernel.acquireData(static_cast<unsigned char*>(buffer.getData()) + sampleSize * position, free);
+        const long count = stream.kernel->acquireData(stream.storage + stream.sampleSize * position, free);
         if (count < 1) {
             return;
         }
-        KESTRIX_LOG(1, "added {} samples to the [{}] channel buffer", count / static_cast<long>(sampleSize),
-                    channel.name);
-        channel.incSamplePosition(static_cast<unsigned long>(count) / sampleSize);
-        betweenDescriptors_[index] = buffer.getPosition() * sampleSize % bdSize != 0;
+        const unsigned long samples = static_cast<unsigned long>(count) / stream.sampleSize;
+        KESTRIX_LOG(1, "added {} samples to the [{}] channel buffer", samples, stream.channel->name);
+        stream.channel->incSamplePosition(samples);
+        stream.betweenDescriptors = stream.buffer->getPosition() * stream.sampleSize % stream.bdSize != 0;
         if (static_cast<unsigned long>(count) < free) {
             return;
         }

@@ -5,6 +5,7 @@
 
 #include "modules/daq/daqdevices/kestrix/src/PlatformVCXOClockControl.h"
 #include "modules/daq/objectmodel/AIDevice.h"
+#include "modules/daq/objectmodel/IChannelBuffer.h"
 #include "shared/libraries/kestrix/src/registers/PllControlRegister.h"
 
 namespace Harvane::ZornLib::Devices::Embedded {
@@ -84,7 +85,19 @@ private:
     void configureChannel(KestrixKernel& kernel, Channel& channel);
     void startTransfers();
     void stopStartedTransfers() noexcept;
-    void transferSamples(size_t index);
+    // A stream of the present acquisition with what stays as it is until the next one: descriptors, storage and sizes.
+    struct RunningStream {
+        KestrixKernel* kernel;
+        Channel* channel;
+        IChannelBuffer* buffer;
+        unsigned char* storage;
+        unsigned long capacity;    // samples
+        unsigned long sampleSize;  // bytes
+        unsigned long bdSize;      // bytes
+        bool betweenDescriptors;   // the last read ended inside a descriptor
+    };
+    void gatherRunningStreams();
+    static void transferSamples(RunningStream& stream);
     void switchOffQuietly() noexcept;
     // Whether a channel's stream runs in this acquisition.
     static bool takesPart(const Channel& channel);
@@ -100,9 +113,9 @@ private:
     std::shared_ptr<Shared::Kestrix::AmplifierCommunication> amplifierCommunication_;
     PlatformVCXOClockControl vcxoClockControl_;
 
-    bool runInUsbMode_ = false;             // the mode that the present acquisition was prepared in
-    size_t transfersStarted_ = 0;           // kernels that stream, from the first one on
-    std::vector<bool> betweenDescriptors_;  // a channel's last read ended inside a descriptor
+    bool runInUsbMode_ = false;               // the mode that the present acquisition was prepared in
+    size_t transfersStarted_ = 0;             // kernels that stream, from the first one on
+    std::vector<RunningStream> runningStreams_;  // in channel order; empty between acquisitions
 };
 
 }  // namespace Harvane::RT::Modules::Daq
