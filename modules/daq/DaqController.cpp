@@ -23,6 +23,11 @@ constexpr int defaultSampleRate = 1000;
 /// Share of a channel's ring that the fastest channel may be ahead of the slowest.
 constexpr double maxDrift = 0.75;
 
+/// What a channel's ring holds, in samples of the full rate.
+double ringOf(const Channel& channel) {
+    return static_cast<double>(channel.buffer->getCapacity() * static_cast<std::uint64_t>(channel.srDiv));
+}
+
 /// Rates that checkSampleRate tries. The instrument has a few hundred legal ones, a device that takes any rate meets a
 /// common divider long before.
 constexpr int maxRateSteps = 100000;
@@ -109,6 +114,12 @@ void DaqController::initializeAcquisition() {
     systemDevice->setUsedChannels(true);
     systemDevice->initializeAcquisition(true);
     acquisitionChannels = allChannels.getActiveChannels();
+    smallestRing_ = std::numeric_limits<double>::infinity();
+    for (const auto& channel : acquisitionChannels) {
+        if (channel->sampleType == SampleType::Sync) {
+            smallestRing_ = std::min(smallestRing_, ringOf(*channel));
+        }
+    }
     acqInitialized = true;
 }
 
@@ -137,8 +148,7 @@ void DaqController::acquireData() {
         }
         const auto divider = static_cast<std::uint64_t>(channel->srDiv);
         channel->samplesBehind = most - divider * channel->samplesAcquired.get();
-        const auto ring = static_cast<double>(channel->buffer->getCapacity() * divider);
-        if (drift > maxDrift * ring) {
+        if (drift > maxDrift * smallestRing_ && drift > maxDrift * ringOf(*channel)) {
             throw DataLostException();
         }
     }

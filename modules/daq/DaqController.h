@@ -109,6 +109,7 @@ public:
     std::shared_ptr<DaqDevice> masterClockDevice;
 
 private:
+    double smallestRing_ = 0.0;  // of the present acquisition, in samples of the full rate: below its limit no cycle asks further
     bool hasPartners(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& option) const;
 };
 
