@@ -120,6 +120,7 @@ void DaqController::initializeAcquisition() {
             smallestRing_ = std::min(smallestRing_, ringOf(*channel));
         }
     }
+    lastSum_ = 0;
     acqInitialized = true;
 }
 
@@ -139,9 +140,14 @@ void DaqController::stopAcquisition() {
 
 void DaqController::acquireData() {
     systemDevice->acquireData();
-    const auto [least, most] = acquisitionChannels.getSamplesAcquiredRange();
+    const auto [least, most, sum] = acquisitionChannels.getSamplesAcquired();
     maxSamplesAcquired = most;
     const auto drift = static_cast<double>(most - least);
+    // Most cycles find nothing ready and leave everything where it was.
+    if (sum == lastSum_ && drift <= maxDrift * smallestRing_) {
+        return;
+    }
+    lastSum_ = sum;
     for (const auto& channel : acquisitionChannels) {
         if (channel->sampleType != SampleType::Sync) {
             continue;

@@ -109,7 +109,9 @@ public:
     std::shared_ptr<DaqDevice> masterClockDevice;
 
 private:
-    double smallestRing_ = 0.0;  // of the present acquisition, in samples of the full rate: below its limit no cycle asks further
+    // Of the present acquisition, in samples of the full rate.
+    double smallestRing_ = 0.0;  // below its limit no cycle asks further
+    std::uint64_t lastSum_ = 0;  // of all channels' samples, at the last cycle that brought some
     bool hasPartners(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& option) const;
 };
 

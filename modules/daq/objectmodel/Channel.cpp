@@ -173,7 +173,8 @@ void Channel::incSamplePosition(unsigned long count) {
     if (!active) {
         throw NotActiveChannelException();
     }
-    if (count + samplesThisCycle >= buffer->getCapacity()) {
+    const unsigned long capacity = buffer->getCapacity();
+    if (count >= capacity || samplesThisCycle >= capacity - count) {
         throw DataLostException();
     }
     buffer->incrementSamplePosition(count);

@@ -83,12 +83,18 @@ public:
         isFloat = std::is_floating_point_v<T>;
     }
 
+    // What every cycle looks at comes first, so that it stands in one cache line.
+    bool active = false;                 ///< This acquisition fills the channel.
+    SampleType sampleType = SampleType::Async;
+    int srDiv = 1;                       ///< Divider of a synchronous channel.
+    SampleCounter samplesAcquired;       ///< Since the start of the acquisition. Readable from any thread.
+    std::uint64_t samplesThisCycle = 0;  ///< Samples added in the present acquireData.
+    std::uint64_t samplesBehind = 0;     ///< Written by the controller, in samples of the full rate.
+
     std::string name;
     std::string unit;
-    SampleType sampleType = SampleType::Async;
     int number;                 ///< Place of the channel within its device.
     int index = 0;              ///< Place in the whole tree, given by the controller.
-    bool active = false;        ///< This acquisition fills the channel.
     bool used = false;          ///< The host wants the channel.
     bool enableFirst = false;   ///< The controller needs the channel although the host may not.
     double scale = 1.0;
@@ -101,19 +107,15 @@ public:
     int deviceRate = 1000;      ///< The device's full rate.
     int minRate = 1;
     int maxRate = 100000000;
-    int srDiv = 1;              ///< Divider of a synchronous channel.
     int asyncRate = 1000;       ///< Rate of an asynchronous channel.
     double arrayFactor = 100.0; ///< With a positionBuffer: elements of buffer per position.
     bool dynamicArray = false;  ///< Samples are arrays of varying length.
-    SampleCounter samplesAcquired;         ///< Since the start of the acquisition. Readable from any thread.
-    std::uint64_t samplesBehind = 0;       ///< Written by the controller, in samples of the full rate.
     std::uint64_t bufferGranularity = 1;   ///< Capacities are a multiple of this.
     bool isFloat = false;       ///< Samples are float or double.
     bool enabled = true;        ///< The channel can be used at all.
     int phaseDelay = 0;         ///< Samples.
     bool isControl = false;     ///< Output channel: data flows from the host to the device.
     bool noReserve = false;     ///< The host is not to reserve memory.
-    std::uint64_t samplesThisCycle = 0;    ///< Samples added in the present acquireData.
 
 protected:
     /// Sample buffer of an analog channel: the smallest type that holds the bits; float or double with isFloat. Throws

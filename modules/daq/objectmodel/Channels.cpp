@@ -41,26 +41,26 @@ Channels Channels::getInChannels() const {
 }
 
 std::uint64_t Channels::getMinSamplesAcquired() const {
-    return getSamplesAcquiredRange().first;
+    return getSamplesAcquired().least;
 }
 
 std::uint64_t Channels::getMaxSamplesAcquired() const {
-    return getSamplesAcquiredRange().second;
+    return getSamplesAcquired().most;
 }
 
-std::pair<std::uint64_t, std::uint64_t> Channels::getSamplesAcquiredRange() const {
-    std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
-    std::uint64_t most = 0;
-    bool any = false;
+Channels::SamplesAcquired Channels::getSamplesAcquired() const {
+    SamplesAcquired all{std::numeric_limits<std::uint64_t>::max(), 0, 0};
     for (const auto& channel : *this) {
         if (channel->active && channel->sampleType == SampleType::Sync) {
             const std::uint64_t samples = static_cast<std::uint64_t>(channel->srDiv) * channel->samplesAcquired.get();
-            least = std::min(least, samples);
-            most = std::max(most, samples);
-            any = true;
+            all.least = std::min(all.least, samples);
+            all.most = std::max(all.most, samples);
+            all.sum += samples;
         }
     }
-    return {any ? least : 0, most};
+    // Without a channel the two have not met.
+    all.least = std::min(all.least, all.most);
+    return all;
 }
 
 }

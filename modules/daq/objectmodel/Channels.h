@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <utility>
 #include <vector>
 
 #include "modules/daq/objectmodel/SampleType.h"
@@ -31,8 +30,13 @@ public:
     /// dividers compare; 0 without any. No allocation: used in every cycle.
     std::uint64_t getMinSamplesAcquired() const;
     std::uint64_t getMaxSamplesAcquired() const;
-    /// Both in one pass, the smallest first.
-    std::pair<std::uint64_t, std::uint64_t> getSamplesAcquiredRange() const;
+    struct SamplesAcquired {
+        std::uint64_t least = 0;
+        std::uint64_t most = 0;
+        std::uint64_t sum = 0;  ///< Grows exactly when one of the channels gains samples.
+    };
+    /// All of it in one pass.
+    SamplesAcquired getSamplesAcquired() const;
 };
 
 }

@@ -11,29 +11,26 @@ void DeviceChannels::prepareAcquisition() {
 }
 
 void DeviceChannels::initializeAcquisition() {
-    activeChannelCount = 0;
+    active_.clear();
     for (const auto& channel : *this) {
         channel->active = (channel->used || channel->enableFirst || operationMode == 0) && channel->enabled;
         if (channel->active) {
-            ++activeChannelCount;
+            active_.push_back(channel);
         }
         channel->initializeAcquisition();
     }
+    activeChannelCount = static_cast<int>(active_.size());
 }
 
 void DeviceChannels::beforeAcquireData() {
-    for (const auto& channel : *this) {
-        if (channel->active) {
-            channel->beforeAcquireData();
-        }
+    for (const auto& channel : active_) {
+        channel->beforeAcquireData();
     }
 }
 
 void DeviceChannels::afterAcquireData() {
-    for (const auto& channel : *this) {
-        if (channel->active) {
-            channel->afterAcquireData();
-        }
+    for (const auto& channel : active_) {
+        channel->afterAcquireData();
     }
 }
 

@@ -19,6 +19,9 @@ public:
     int maxChannels = 0;         ///< How many channels the device makes.
     int activeChannelCount = 0;
     OperationMode operationMode = 0;
+
+private:
+    std::vector<std::shared_ptr<Channel>> active_;  // of the present acquisition: what a cycle goes through
 };
 
 }

@@ -34,12 +34,20 @@ private:
     static inline std::atomic<int> level_{0};
 };
 
+// Never part of the caller's code: a function that logs now and then keeps no room for a message.
+template <class... Arguments>
+[[gnu::noinline, gnu::cold]] void logFormatted(int level, const char* file, int line, const char* function,
+                                               fmt::format_string<const Arguments&...> format,
+                                               const Arguments&... arguments) {
+    KestrixLogger::get_logger().log(level, file, line, function, fmt::format(format, arguments...));
+}
+
 }  // namespace Harvane::Shared::Kestrix
 
 // KESTRIX_LOG(level, format, arguments...): formats only when the level passes, with {fmt} placeholders.
 #define KESTRIX_LOG(level, ...)                                                                                    \
     do {                                                                                                           \
-        if (::Harvane::Shared::Kestrix::KestrixLogger::passes(level))                                              \
-            ::Harvane::Shared::Kestrix::KestrixLogger::get_logger().log(                                           \
-                (level), __FILE__, __LINE__, static_cast<const char*>(__func__), ::fmt::format(__VA_ARGS__));      \
+        if (::Harvane::Shared::Kestrix::KestrixLogger::passes(level)) [[unlikely]]                                 \
+            ::Harvane::Shared::Kestrix::logFormatted(                                                              \
+                (level), __FILE__, __LINE__, static_cast<const char*>(__func__), __VA_ARGS__);                     \
     } while (false)

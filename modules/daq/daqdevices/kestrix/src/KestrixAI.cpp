@@ -401,7 +401,7 @@ void KestrixAI::gatherRunningStreams() {
         if (takesPart(channel)) {
             IChannelBuffer& buffer = *channel.buffer;
             runningStreams_.push_back({kernels_[c].get(), &channel, &buffer, static_cast<unsigned char*>(buffer.getData()),
-                                       buffer.getCapacity(), buffer.getSampleSize(),
+                                       buffer.getCapacity() * buffer.getSampleSize(), buffer.getSampleSize(),
                                        static_cast<unsigned long>(kernels_[c]->bdSize), false});
         }
     }
@@ -466,34 +466,33 @@ void KestrixAI::acquireData() {
         return;
     }
     for (RunningStream& stream : runningStreams_) {
-        transferSamples(stream);
+        // Up to the end of the channel's storage and, when that was reached, once more from its start.
+        if (transferSamples(stream)) {
+            transferSamples(stream);
+        }
     }
 }
 
-// Fills the channel's buffer up to the end of its storage and, when that was reached, once more from its start.
-void KestrixAI::transferSamples(RunningStream& stream) {
-    for (int read = 0; read < 2; ++read) {
-        const unsigned long position = stream.buffer->getPosition();
-        const unsigned long free = (stream.capacity - position) * stream.sampleSize;
-        KESTRIX_LOG(1, "available storage: {}, sample size: {}", free, stream.sampleSize);
-        // A rest smaller than a descriptor is still filled when a descriptor was delivered in parts before: the
-        // buffer's end could not be passed otherwise.
-        if (free < stream.bdSize && !(stream.betweenDescriptors && free > 0)) {
-            KESTRIX_LOG(4, "available storage too low: {} < {}", free, stream.bdSize);
-            return;
-        }
-        const long count = stream.kernel->acquireData(stream.storage + stream.sampleSize * position, free);
-        if (count < 1) {
-            return;
-        }
-        const unsigned long samples = static_cast<unsigned long>(count) / stream.sampleSize;
-        KESTRIX_LOG(1, "added {} samples to the [{}] channel buffer", samples, stream.channel->name);
-        stream.channel->incSamplePosition(samples);
-        stream.betweenDescriptors = stream.buffer->getPosition() * stream.sampleSize % stream.bdSize != 0;
-        if (static_cast<unsigned long>(count) < free) {
-            return;
-        }
+// One read. Returns whether it reached the end of the storage.
+bool KestrixAI::transferSamples(RunningStream& stream) {
+    const unsigned long position = stream.position();
+    const unsigned long free = stream.size - position;
+    KESTRIX_LOG(1, "available storage: {}, sample size: {}", free, stream.sampleSize);
+    // A rest smaller than a descriptor is still filled when a descriptor was delivered in parts before: the buffer's end
+    // could not be passed otherwise.
+    if (free < stream.bdSize && !(stream.betweenDescriptors && free > 0)) {
+        KESTRIX_LOG(4, "available storage too low: {} < {}", free, stream.bdSize);
+        return false;
     }
+    const long count = stream.kernel->acquireData(stream.storage + position, free);
+    if (count < 1) {
+        return false;
+    }
+    const unsigned long samples = static_cast<unsigned long>(count) / stream.sampleSize;
+    KESTRIX_LOG(1, "added {} samples to the [{}] channel buffer", samples, stream.channel->name);
+    stream.channel->incSamplePosition(samples);
+    stream.betweenDescriptors = stream.position() % stream.bdSize != 0;
+    return static_cast<unsigned long>(count) == free;
 }
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -91,13 +91,16 @@ private:
         Channel* channel;
         IChannelBuffer* buffer;
         unsigned char* storage;
-        unsigned long capacity;    // samples
+        unsigned long size;        // bytes of the storage
         unsigned long sampleSize;  // bytes
         unsigned long bdSize;      // bytes
         bool betweenDescriptors;   // the last read ended inside a descriptor
+
+        // Bytes from the start of the storage to where the next samples go.
+        unsigned long position() const { return buffer->getPosition() * sampleSize; }
     };
     void gatherRunningStreams();
-    static void transferSamples(RunningStream& stream);
+    static bool transferSamples(RunningStream& stream);
     void switchOffQuietly() noexcept;
     // Whether a channel's stream runs in this acquisition.
     static bool takesPart(const Channel& channel);

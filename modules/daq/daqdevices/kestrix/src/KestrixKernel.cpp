@@ -114,13 +114,9 @@ void KestrixKernel::stopTransfer(bool usbMode) {
     }
 }
 
-long KestrixKernel::acquireData(unsigned char* buffer, unsigned long size) {
-    const ssize_t count = read(fd_, buffer, size);
-    if (count < 0 && errno != EAGAIN) {
-        KESTRIX_LOG(6, "DMA device read failed, device: {}, err={}", deviceName, strerror(errno));
-        throw std::runtime_error("DMA device read failed");
-    }
-    return count;
+void KestrixKernel::failRead() const {
+    KESTRIX_LOG(6, "DMA device read failed, device: {}, err={}", deviceName, strerror(errno));
+    throw std::runtime_error("DMA device read failed");
 }
 
 }  // namespace Harvane::RT::Modules::Daq

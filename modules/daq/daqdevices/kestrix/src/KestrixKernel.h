@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
+#include <unistd.h>
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -24,7 +26,13 @@ public:
 
     // Reads what is ready, `size` bytes at most, and never waits. Returns the number of bytes; -1 when nothing is
     // ready. Real-time safe except when it fails.
-    long acquireData(unsigned char* buffer, unsigned long size);
+    long acquireData(unsigned char* buffer, unsigned long size) {
+        const ssize_t count = read(fd_, buffer, size);
+        if (count < 0 && errno != EAGAIN) [[unlikely]] {
+            failRead();
+        }
+        return count;
+    }
 
     const int32_t defaultBdSize;  // bytes of one descriptor at construction
     int32_t bdSize;               // bytes of one descriptor from the next updateConfiguration on
@@ -37,6 +45,7 @@ private:
     void reserveBdMemory(bool usbMode);
     void closeDevice();
     [[noreturn]] void fail(const char* what) const;
+    [[noreturn]] void failRead() const;
 
     int32_t fd_ = -1;
 };
