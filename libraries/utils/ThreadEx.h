@@ -27,8 +27,11 @@ enum class ThreadExPriority : int {
 // joined (waitFor); from there it can start again. It must be joined before it is destroyed: a destructor that finds
 // the thread joinable ends the process. A derived class therefore stops in its own destructor.
 //
-// start, stop and waitFor belong to one owner; terminate and the flags may be used from any thread. stop and waitFor
-// must not be called from the thread itself.
+// An exception that leaves execute ends the run in order and goes to the exception adapter; without an adapter nobody
+// hears of it.
+//
+// start, stop, waitFor and getStarted belong to one owner; terminate, getTerminated and getFinished may be used from
+// any thread. stop and waitFor must not be called from the thread itself.
 class ThreadEx {
 public:
     ThreadEx();

@@ -18,10 +18,10 @@ enum class TimerMode : int {
 // Calls a function periodically on a thread of its own, paced by the monotonic clock.
 //
 // The period is the delay as it stood at start; setDelayMs takes effect at the next start. The interval only gives the
-// delay its value when that is -1. An exception of the callback goes to the exception adapter and the timer carries on
-// with the next period. stop wakes a waiting timer at once and otherwise waits for the callback in progress; a
-// callback must not stop its own timer. A derived class that overrides executeTimerCallback stops in its own
-// destructor.
+// delay its value when that is -1. An exception of the callback goes to the exception adapter, if there is one, and
+// the timer carries on with the next period. stop wakes a waiting timer at once and otherwise waits for the callback
+// in progress; a callback must not stop its own timer. A derived class that overrides executeTimerCallback stops in
+// its own destructor.
 class TimerThread : public ThreadEx {
 public:
     TimerThread(int intervalMs, std::function<void()> callback, int delayMs, TimerMode mode);

@@ -30,7 +30,7 @@ class SystemDevice;
 ///
 /// No lock. The calls come from the module's and the scheduler's thread and don't overlap. From other threads, while
 /// none of initialize to applySynchronization runs, getCurrentTime() and maxSamplesAcquired may be read at any time,
-/// also in the middle of a cycle. Rates are in Hz.
+/// also in the middle of a cycle, and sampleRate while an acquisition runs, which keeps it as it is. Rates are in Hz.
 class DaqController {
 public:
     DaqController();
@@ -112,6 +112,7 @@ private:
     // Of the present acquisition, in samples of the full rate.
     double smallestRing_ = 0.0;  // below its limit no cycle asks further
     std::uint64_t lastSum_ = 0;  // of all channels' samples, at the last cycle that brought some
+
     bool hasPartners(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& option) const;
 };
 

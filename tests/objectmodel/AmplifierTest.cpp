@@ -15,21 +15,14 @@ public:
     bool isResistanceScalingEnabled() const override { return true; }
     bool isSelectedExternalShuntUnitInmA() const override { return milliampere; }
     int calculateResistanceModeDeviceRangeIndex() const override { return 7; }
-    int getModuleType() override { return 3; }
-    int getHwCapabilities() override { return 12; }
-    int getFwCapabilities() override { return 5; }
-    int getConnectorType() override { return 255; }
     bool milliampere = false;
 };
 
 }
 
-TEST(Amplifier, PlainOne) {
+TEST(Amplifier, WithoutSettingsItLeavesValuesAlone) {
     Amplifier amplifier;
     EXPECT_EQ(amplifier.getId(), "0.0.0.0");
-    EXPECT_EQ(amplifier.getMeasureType(), "");
-    EXPECT_EQ(amplifier.getScale(), 1.0);
-    EXPECT_EQ(amplifier.getOffset(), 0.0);
     EXPECT_EQ(amplifier.getMinValue(), -10.0);
     EXPECT_EQ(amplifier.getMaxValue(), 10.0);
     EXPECT_TRUE(amplifier.update());
@@ -37,40 +30,31 @@ TEST(Amplifier, PlainOne) {
     amplifier.addMeasurementValue("Bridge");
     amplifier.excitationValue = 5.0;
     EXPECT_EQ(amplifier.getScale(), 1.0);
-    EXPECT_EQ(ScalingAmplifier("").getId(), "3.12.5.255");
 }
 
-TEST(Amplifier, ScaleByMeasurement) {
+TEST(Amplifier, ScaleAndOffsetByMeasurement) {
     struct Case {
         const char* measurement;
         double excitation, shunt;
         bool milliampere;
-        double scale;
+        double scale, offset;
     };
     for (const auto& c :
-         {Case{"Bridge", 0.0, 0, false, 10000.0}, Case{"Bridge", 0.1, 0, false, 10000.0},
-          Case{"Bridge", 0.0999, 0, false, 10000.0}, Case{"Bridge", 5.0, 0, false, 200.0},
-          Case{"Potentiometer", 2.0, 0, false, 500.0}, Case{"Resistance", 4.0, 0, false, 250.0},
-          Case{"Resistance", 0.0, 0, false, 10000.0}, Case{"Current", 5.0, 50.0, false, 0.02},
-          Case{"Current", 5.0, 50.0, true, 20.0}, Case{"Current", 5.0, 0.0, false, 10000.0},
-          Case{"Current", 5.0, 0.0, true, 10000000.0}, Case{"Current", 5.0, 0.0001, false, 10000.0},
-          Case{"Voltage", 5.0, 50.0, true, 1.0}, Case{"bridge", 5.0, 50.0, true, 1.0}}) {
+         {Case{"Bridge", 0.0, 0, false, 10000.0, 3.5}, Case{"Bridge", 0.1, 0, false, 10000.0, 3.5},
+          Case{"Bridge", 0.0999, 0, false, 10000.0, 3.5}, Case{"Bridge", 5.0, 0, false, 200.0, 3.5},
+          Case{"Potentiometer", 2.0, 0, false, 500.0, 0}, Case{"Resistance", 4.0, 0, false, 250.0, 0},
+          Case{"Resistance", 0.0, 0, false, 10000.0, 0}, Case{"Current", 5.0, 50.0, false, 0.02, 0},
+          Case{"Current", 5.0, 50.0, true, 20.0, 0}, Case{"Current", 5.0, 0.0, false, 10000.0, 0},
+          Case{"Current", 5.0, 0.0, true, 10000000.0, 0}, Case{"Current", 5.0, 0.0001, false, 10000.0, 0},
+          Case{"Voltage", 5.0, 50.0, true, 1.0, 0}, Case{"bridge", 5.0, 50.0, true, 1.0, 0}}) {
         ScalingAmplifier amplifier(c.measurement);
         amplifier.excitationValue = c.excitation;
         amplifier.externalShuntResistance = c.shunt;
         amplifier.milliampere = c.milliampere;
+        amplifier.bridgeOffset = 3.5;
         EXPECT_DOUBLE_EQ(amplifier.getScale(), c.scale) << c.measurement << " " << c.excitation << " " << c.shunt;
+        EXPECT_EQ(amplifier.getOffset(), c.offset) << c.measurement;
     }
-}
-
-TEST(Amplifier, OnlyABridgeHasAnOffset) {
-    Amplifier amplifier;
-    amplifier.bridgeOffset = 3.5;
-    amplifier.addMeasurementValue("Voltage");
-    amplifier.addMeasurementValue("Bridge");
-    EXPECT_EQ(amplifier.getOffset(), 0.0);
-    amplifier.measurementIndex = 1;
-    EXPECT_EQ(amplifier.getOffset(), 3.5);
 }
 
 TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
@@ -89,31 +73,26 @@ TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
         amplifier.addRangeValue(c.range);
         amplifier.bridgeOffset = c.offset;
         amplifier.excitationValue = c.excitation;
-        EXPECT_EQ(amplifier.calculateBridgeModeDeviceRangeIndex(), c.index) << c.range << " " << c.offset;
-        EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), c.index);
+        EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), c.index) << c.range << " " << c.offset;
+        if (c.excitation > 0.0) {
+            EXPECT_EQ(amplifier.getFullDeviceRangeMin(0), c.offset - 2000.0);
+            EXPECT_EQ(amplifier.getFullDeviceRangeMax(0), c.offset + 2000.0);
+        }
     }
-    Amplifier amplifier;
-    amplifier.bridgeOffset = 100.0;
-    amplifier.excitationValue = 5.0;
-    amplifier.addDeviceRange(10.0);
-    EXPECT_EQ(amplifier.getFullDeviceRangeMin(0), -1900.0);
-    EXPECT_EQ(amplifier.getFullDeviceRangeMax(0), 2100.0);
 }
 
-TEST(Amplifier, DeviceRangeIndexByMeasurement) {
-    ScalingAmplifier resistance("Resistance");
-    resistance.rangeIndex = 2;
-    EXPECT_EQ(resistance.calculateRealDeviceRangeIndex(), 7);
-    EXPECT_EQ(resistance.calculateBridgeModeDeviceRangeIndex(), 2);
-    ScalingAmplifier voltage("Voltage");
-    voltage.rangeIndex = 2;
-    EXPECT_EQ(voltage.calculateRealDeviceRangeIndex(), 2);
+TEST(Amplifier, DeviceRangeIndexOfOtherMeasurementsAndOfBadRanges) {
+    for (const auto& [measurement, index] : {std::pair{"Resistance", 7}, {"Voltage", 2}}) {
+        ScalingAmplifier amplifier(measurement);
+        amplifier.rangeIndex = 2;
+        EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), index);
+        EXPECT_EQ(amplifier.calculateBridgeModeDeviceRangeIndex(), 2);
+    }
     ScalingAmplifier bridge("Bridge");
     EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument);
     bridge.addRangeValue("wide");
     EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument);
-    bridge.clearRanges();
-    bridge.addRangeValue("1e999");
+    bridge.ranges = {"1e999"};
     EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::out_of_range);
 }
 

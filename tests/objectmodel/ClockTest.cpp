@@ -17,10 +17,11 @@ protected:
         device->push_back(part);
         device->initialize();
         device->rate = 1000;
-        device->channels.operationMode = part->channels.operationMode = 1;
+        device->setOperationMode(1);
     }
-    std::shared_ptr<Channel> channel(int divider, bool used) {
+    std::shared_ptr<Channel> channel(int divider, bool used, SampleType type = SampleType::Sync) {
         auto made = recording::syncChannel(*part);
+        made->sampleType = type;
         made->srDiv = divider;
         made->used = used;
         return made;
@@ -51,11 +52,8 @@ TEST_F(Clock, CountsTheSamplesOfTheFastestActiveChannel) {
 }
 
 TEST_F(Clock, RunsOnTheSteadyClockWithoutSynchronousChannels) {
-    auto unused = channel(1, false);
-    auto async = std::make_shared<Channel>(1);
-    async->createChannelBuffer<int>();
-    async->used = true;
-    part->channels.push_back(async);
+    channel(1, false);
+    auto async = channel(1, true, SampleType::Async);
     device->initializeAcquisition(true);
     async->samplesAcquired = 5;
     EXPECT_EQ(now(), -1.0);
@@ -78,7 +76,7 @@ TEST_F(Clock, AnswersOtherThreadsThroughRunsAndCycles) {
     std::thread host([&] {
         while (!done) {
             const double time = now();
-            if (time != -1.0 && (time <= 0.0 || time > 1000.0)) {
+            if (time != -1.0 && (time < 0.0 || time > 1000.0)) {
                 sane = false;
             }
         }

@@ -7,7 +7,6 @@
 #include "modules/daq/objectmodel/FixedInterfacePort.h"
 #include "modules/daq/objectmodel/GenericDeviceFactory.h"
 #include "modules/daq/objectmodel/GenericInterface.h"
-#include "modules/daq/objectmodel/GroupDevice.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
 
 using namespace Harvane::RT::Modules::Daq;
@@ -16,19 +15,25 @@ namespace {
 
 class FoundDevice : public Device {};
 class SecondDevice : public Device {};
-class RootDevice : public SystemDevice {};
+class RootDevice : public SystemDevice {
+public:
+    std::string getDisplayName() const override { return "Own root"; }
+};
 
-struct At10 {
-    const char* interfaceName = "FixedInterface";
-    const char* connectionPointName = "ID_10";
+template <int Port>
+struct At {
+    std::string interfaceName = "FixedInterface";
+    std::string connectionPointName = "ID_" + std::to_string(Port);
 };
-struct At20 {
-    const char* interfaceName = "FixedInterface";
-    const char* connectionPointName = "ID_20";
+struct Elsewhere : At<10> {
+    std::string interfaceName = "OtherInterface";
 };
-struct Elsewhere {
-    const char* interfaceName = "OtherInterface";
-    const char* connectionPointName = "ID_10";
+struct Left {
+    std::string interfaceName = "Wide";
+    std::string connectionPointName = "left";
+};
+struct Right : Left {
+    std::string connectionPointName = "right";
 };
 
 /// A port with two connection points, which no fixed port has.
@@ -41,96 +46,42 @@ public:
     using GenericInterfacePort::GenericInterfacePort;
     std::vector<std::string> enumConnectionPoints() const override { return {"left", "right"}; }
 };
-struct Left {
-    const char* interfaceName = "Wide";
-    const char* connectionPointName = "left";
-};
-struct Right {
-    const char* interfaceName = "Wide";
-    const char* connectionPointName = "right";
-};
 
 using FixedInterface = GenericInterface<FixedInterfaceHelper, FixedInterfacePort>;
 using WideInterface = GenericInterface<WideHelper, WidePort>;
 
 template <class T, class Parameters>
-std::shared_ptr<DeviceFactory> deviceFactory() {
+std::shared_ptr<DeviceFactory> finds() {
     return std::make_shared<GenericDeviceFactory<T, Parameters>>();
 }
 
-class Discovery : public testing::Test {
-protected:
-    Discovery() {
-        interfaces.push_back(std::make_shared<FixedInterface>());
-        interfaces.push_back(std::make_shared<WideInterface>());
-        interfaces.initialize();
-        interfaces.scan();
-        factory.deviceFactories.clear();
-    }
-    std::vector<std::string> children(const std::shared_ptr<SystemDevice>& root) {
-        std::vector<std::string> names;
-        for (const auto& child : *root) {
-            names.push_back(child->getClassName());
-        }
-        return names;
-    }
+}
+
+TEST(Discovery, FactoriesAndConnectionPointsMakeATree) {
     Interfaces interfaces;
-    DaqFactory factory;
-};
-
-using Names = std::vector<std::string>;
-
-}
-
-TEST_F(Discovery, WithoutDevicesTheRootIsBare) {
-    factory.deviceFactories = {deviceFactory<FoundDevice, Elsewhere>()};
-    auto root = factory.createSystemDevice(interfaces);
-    EXPECT_EQ(root->getClassName(), "SystemDevice");
-    EXPECT_TRUE(root->empty());
-}
-
-TEST_F(Discovery, TheFirstFactoryThatKnowsTheConnectionPointWins) {
-    factory.deviceFactories = {deviceFactory<FoundDevice, Elsewhere>(), deviceFactory<FoundDevice, At20>(),
-                               deviceFactory<SecondDevice, At10>(), deviceFactory<FoundDevice, At10>()};
-    auto root = factory.createSystemDevice(interfaces);
-    EXPECT_EQ(children(root), (Names{"SecondDevice", "FoundDevice"}));
-    auto device = std::dynamic_pointer_cast<Device>(root->front());
-    ASSERT_TRUE(device->connectionPoint);
-    EXPECT_EQ(device->connectionPoint->name, "ID_10");
-}
-
-TEST_F(Discovery, DevicesOnOnePortStandInAGroup) {
-    factory.deviceFactories = {deviceFactory<FoundDevice, Left>(), deviceFactory<SecondDevice, Right>(),
-                               deviceFactory<FoundDevice, At10>()};
-    auto root = factory.createSystemDevice(interfaces);
-    EXPECT_EQ(children(root), (Names{"FoundDevice", "GroupDevice"}));
-    auto group = std::dynamic_pointer_cast<GroupDevice>(root->back());
-    ASSERT_EQ(group->size(), 2u);
-    EXPECT_EQ(group->front()->getClassName(), "FoundDevice");
-    EXPECT_EQ(group->back()->getClassName(), "SecondDevice");
-
-    factory.deviceFactories = {deviceFactory<SecondDevice, Right>()};
-    EXPECT_EQ(children(factory.createSystemDevice(interfaces)), (Names{"SecondDevice"}));
-}
-
-TEST_F(Discovery, ASystemDeviceBecomesTheRootItself) {
-    factory.deviceFactories = {deviceFactory<FoundDevice, At10>(), deviceFactory<RootDevice, At20>()};
-    auto root = factory.createSystemDevice(interfaces);
-    EXPECT_EQ(root->getClassName(), "RootDevice");
-    EXPECT_EQ(children(root), (Names{"FoundDevice"}));
-}
-
-TEST_F(Discovery, ADeviceOnNoPortIsLeftOut) {
-    DaqVector<std::shared_ptr<Device>> devices{std::make_shared<FoundDevice>()};
-    EXPECT_TRUE(factory.createGroupsWithSameInterfacePort(devices, interfaces).empty());
+    interfaces.push_back(std::make_shared<FixedInterface>());
+    interfaces.push_back(std::make_shared<WideInterface>());
+    interfaces.scan();
+    struct Case {
+        std::vector<std::shared_ptr<DeviceFactory>> factories;
+        const char* tree;
+    };
+    for (const auto& c : {
+             Case{{finds<FoundDevice, Elsewhere>()}, "Measurement system"},
+             // The first factory that knows a connection point wins.
+             Case{{finds<FoundDevice, Elsewhere>(), finds<FoundDevice, At<20>>(), finds<SecondDevice, At<10>>(),
+                   finds<FoundDevice, At<10>>()}, "Measurement system\n+SecondDevice\n+FoundDevice"},
+             Case{{finds<FoundDevice, Left>(), finds<SecondDevice, Right>(), finds<FoundDevice, At<10>>()},
+                  "Measurement system\n+FoundDevice\n+Device Group\n++FoundDevice\n++SecondDevice"},
+             Case{{finds<SecondDevice, Right>()}, "Measurement system\n+SecondDevice"},
+             Case{{finds<FoundDevice, At<10>>(), finds<RootDevice, At<20>>()}, "Own root\n+FoundDevice"}}) {
+        DaqFactory factory;
+        factory.deviceFactories = c.factories;
+        EXPECT_EQ(factory.createSystemDevice(interfaces)->toString(), c.tree);
+    }
 }
 
 namespace {
-
-class ThrowingDevice : public Device {
-public:
-    ThrowingDevice() { throw std::runtime_error("no board"); }
-};
 
 class Widget : public Device {};
 namespace other {
@@ -139,26 +90,19 @@ class Widget : public Device {};
 
 }
 
-TEST_F(Discovery, AFailingDeviceConstructorPassesThrough) {
-    factory.deviceFactories = {deviceFactory<ThrowingDevice, At10>()};
-    EXPECT_THROW(factory.createSystemDevice(interfaces), std::runtime_error);
-}
-
 TEST(DaqObjectFactoryManager, RegistersEachClassAndNameOnceInOrder) {
     static DaqObjectFactory<Widget, DaqObjectFactoryType::Device> first;
     static DaqObjectFactory<Widget, DaqObjectFactoryType::Device> again;
     static DaqObjectFactory<other::Widget, DaqObjectFactoryType::Device> sameName;
     static DaqObjectFactory<FoundDevice, DaqObjectFactoryType::Device> next;
     static DaqObjectFactory<WideInterface, DaqObjectFactoryType::Interface> interface;
-    static DaqObjectFactory<GenericDeviceFactory<FoundDevice, Left>, DaqObjectFactoryType::DeviceFactory> finder;
-    for (IDaqObjectFactory* factory : std::initializer_list<IDaqObjectFactory*>{&first, &again, &sameName, &next,
-                                                                                &interface, &finder}) {
+    for (IDaqObjectFactory* factory :
+         std::initializer_list<IDaqObjectFactory*>{&first, &again, &sameName, &next, &interface}) {
         DaqObjectFactoryManager::registerObjectFactory(factory);
     }
     EXPECT_EQ(DaqObjectFactoryManager::getObjectFactories(DaqObjectFactoryType::Device),
               (std::vector<IDaqObjectFactory*>{&first, &next}));
     EXPECT_EQ(DaqObjectFactoryManager::findObjectFactory("WidePort>"), &interface);
-    EXPECT_EQ(DaqObjectFactoryManager::findObjectFactory("Nothing"), nullptr);
 
     std::shared_ptr<DaqObject> made(DaqObjectFactoryManager::createInstance("FoundDevice"));
     EXPECT_TRUE(std::dynamic_pointer_cast<FoundDevice>(made));
@@ -166,14 +110,4 @@ TEST(DaqObjectFactoryManager, RegistersEachClassAndNameOnceInOrder) {
     EXPECT_EQ(byId->getClassName(), "FoundDevice");
     EXPECT_THROW(DaqObjectFactoryManager::createInstance("Nothing"), InvalidTypeException);
     EXPECT_THROW(DaqObjectFactoryManager::createInstance(0ul), InvalidTypeException);
-
-    // A DaqFactory made now finds the registered interface and device factory.
-    DaqFactory factory;
-    Interfaces interfaces;
-    factory.createInterfaces(interfaces);
-    interfaces.scan();
-    ASSERT_EQ(interfaces.size(), 1u);
-    auto root = factory.createSystemDevice(interfaces);
-    ASSERT_EQ(root->size(), 1u);
-    EXPECT_EQ(root->front()->getClassName(), "FoundDevice");
 }

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <chrono>
 #include <deque>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "RecordingDevice.h"
@@ -11,134 +11,123 @@
 #include "modules/daq/objectmodel/SyncDataReceiverThread.h"
 
 using namespace Harvane::RT::Modules::Daq;
-using Harvane::Utils::Threading::ThreadEx;
 
 namespace {
 
-/// Waits for a condition that another thread brings about; false after a time no run needs.
-template <class Condition>
-bool eventually(Condition condition) {
-    for (int i = 0; i < 10000; ++i) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
+using Bytes = std::vector<unsigned char>;
+using Sizes = std::deque<unsigned long>;
+using Calls = std::vector<std::tuple<int, unsigned long, int>>;  // id, length, time-out
 
-class Receiver : public testing::Test {
-protected:
-    Receiver() {
+constexpr auto failed = static_cast<unsigned long>(-1);
+
+/// A receiver thread with reads of these sizes, of a stream that counts up from 0; the read after the last times out.
+class Receiver {
+public:
+    explicit Receiver(const Sizes& sizes) : reads(sizes) {
         thread.blockSize = 100;
         thread.timeout = 5;
-        thread.setBufferCapacity(1000);
+        thread.readId = 9;
+        thread.setBufferCapacity(150);
         thread.dataLostFn = [this] { ++lost; };
         thread.timeoutFn = [this] { ++timeouts; };
         thread.errorFn = [this] { ++errors; };
         thread.readFn = [this](int id, unsigned char* target, unsigned long length, int timeout) {
-            ids.push_back(id);
-            lengths.push_back(length);
-            timeoutsUsed.push_back(timeout);
+            calls.emplace_back(id, length, timeout);
             if (reads.empty()) {
                 throw TimeoutException();
             }
             const unsigned long n = reads.front();
             reads.pop_front();
-            for (unsigned long i = 0; i < std::min(n, length); ++i) {
-                target[i] = static_cast<unsigned char>(next++);
-            }
+            std::generate_n(target, std::min(n, length), [this] { return next++; });
             return n;
         };
     }
-    /// Runs through all reads; the one after the last times out.
-    void run(const std::deque<unsigned long>& sizes) {
-        reads = sizes;
+    void run() {
         thread.start();
-        ASSERT_TRUE(eventually([this] { return thread.getFinished(); }));
         thread.waitFor();
-    }
-    std::vector<int> contents() {
-        std::vector<unsigned char> bytes(2000);
-        bytes.resize(thread.readSamples(bytes.data(), bytes.size()));
-        return {bytes.begin(), bytes.end()};
     }
 
     SyncDataReceiverThread thread;
-    std::deque<unsigned long> reads;
-    std::vector<int> ids, timeoutsUsed;
-    std::vector<unsigned long> lengths;
-    unsigned next = 0;
-    std::atomic<int> lost{0}, timeouts{0}, errors{0};
+    Sizes reads;
+    Calls calls;
+    unsigned char next = 0;
+    int lost = 0, timeouts = 0, errors = 0;
 };
 
-std::vector<int> range(int first, int count) {
-    std::vector<int> values;
-    for (int i = 0; i < count; ++i) {
-        values.push_back((first + i) & 0xFF);
+}
+
+TEST(SyncDataReceiverThread, KeepsTheStreamBehindItsHeadUpToTheFirstLoss) {
+    struct Case {
+        const char* what;
+        Sizes reads;
+        std::int64_t skip, skipLeft;
+        int first, count;  // what the FIFO holds in the end
+        int lost, timeouts, errors;
+        size_t readsLeft;
+    };
+    for (const auto& c : {Case{"skip across blocks", {100, 100, 50}, 160, 0, 160, 90, 0, 1, 0, 0},
+                          Case{"skip a whole block", {100}, 160, 60, 0, 0, 0, 1, 0, 0},
+                          Case{"fits exactly", {100, 50, 0}, 0, 0, 0, 150, 0, 1, 0, 0},
+                          Case{"one byte too many", {100, 51, 100}, 0, 0, 0, 150, 1, 0, 0, 1},
+                          Case{"failing read", {100, failed, 100}, 10, 0, 10, 90, 0, 0, 1, 1}}) {
+        SCOPED_TRACE(c.what);
+        Receiver receiver(c.reads);
+        receiver.thread.skip = c.skip;
+        receiver.run();
+        Bytes held(1000);
+        held.resize(receiver.thread.readSamples(held.data(), held.size()));
+        ASSERT_EQ(held.size(), static_cast<size_t>(c.count));
+        for (int i = 0; i < c.count; ++i) {
+            ASSERT_EQ(held[static_cast<size_t>(i)], c.first + i);
+        }
+        EXPECT_EQ(receiver.thread.skip, c.skipLeft);
+        EXPECT_EQ(receiver.lost, c.lost);
+        EXPECT_EQ(receiver.timeouts, c.timeouts);
+        EXPECT_EQ(receiver.errors, c.errors);
+        EXPECT_EQ(receiver.reads.size(), c.readsLeft);
+        Calls expected(receiver.calls.size(), {9, 100, 5});
+        expected.front() = {9, 100, 1000};  // only the first read may wait for long
+        EXPECT_EQ(receiver.calls, expected);
     }
-    return values;
 }
 
+TEST(SyncDataReceiverThread, AnyFailureEndsTheRunAndTheNextOneStarts) {
+    Receiver receiver({200});
+    receiver.thread.blockSize = 200;
+    receiver.thread.dataLostFn = [] { throw std::runtime_error("nobody to tell"); };
+    receiver.run();
+    EXPECT_EQ(receiver.errors, 1);
+    receiver.thread.readFn = [](int, unsigned char*, unsigned long, int) -> unsigned long { throw 42; };
+    receiver.run();
+    EXPECT_EQ(receiver.errors, 2);
+    receiver.thread.readFn = nullptr;
+    receiver.run();
+    EXPECT_EQ(receiver.errors, 3);
+    receiver.thread.blockSize = ~0ul;  // beyond what any vector holds: fails ahead of the first read
+    receiver.run();
+    EXPECT_EQ(receiver.errors, 4);
+    receiver.thread.errorFn = nullptr;
+    receiver.run();
+    EXPECT_TRUE(receiver.thread.getFinished());
 }
 
-TEST_F(Receiver, SkipsTheHeadOfTheStreamAcrossBlocks) {
-    thread.skip = 160;
-    thread.readId = 9;
-    run({100, 100, 50});
-    EXPECT_EQ(contents(), range(160, 90));
-    EXPECT_EQ(thread.skip, 0);
-    EXPECT_EQ(timeoutsUsed, (std::vector<int>{1000, 5, 5, 5}));
-    EXPECT_EQ(ids, (std::vector<int>(4, 9)));
-    EXPECT_EQ(lengths, (std::vector<unsigned long>(4, 100)));
-    EXPECT_EQ(timeouts, 1);
-    EXPECT_EQ(lost + errors, 0);
-}
-
-TEST_F(Receiver, KeepsWhatRemainsToBeSkipped) {
-    thread.skip = 160;
-    run({100});
-    EXPECT_EQ(thread.skip, 60);
-    EXPECT_TRUE(contents().empty());
-}
-
-TEST_F(Receiver, StopsAtTheFirstByteThatDoesNotFit) {
-    thread.setBufferCapacity(150);
-    run({100, 50, 0});
-    EXPECT_EQ(lost, 0);
-    EXPECT_EQ(contents(), range(0, 150));
-    next = 0;
-    run({100, 51, 100});
-    EXPECT_EQ(lost, 1);
-    EXPECT_EQ(contents(), range(0, 150));
-    EXPECT_EQ(reads.size(), 1u);
-}
-
-TEST_F(Receiver, AFailingReadEndsTheThreadAndLosesNothing) {
-    thread.skip = 10;
-    run({100, static_cast<unsigned long>(-1), 100});
-    EXPECT_EQ(errors, 1);
-    EXPECT_EQ(thread.skip, 0);
-    EXPECT_EQ(contents(), range(10, 90));
-    EXPECT_EQ(reads.size(), 1u);
-
-    thread.readFn = [](int, unsigned char*, unsigned long, int) -> unsigned long { throw 42; };
-    run({});
-    EXPECT_EQ(errors, 2);
-    thread.readFn = nullptr;
-    run({});
-    EXPECT_EQ(errors, 3);
-    EXPECT_EQ(timeouts + lost, 0);
-    // Nobody listens: the thread ends all the same.
-    thread.errorFn = nullptr;
-    run({});
-    EXPECT_EQ(errors, 3);
-}
-
-TEST_F(Receiver, StartReturnsThoughTheBlockCannotBeAllocated) {
-    thread.blockSize = ~0ul;  // beyond what any vector holds, refused before the allocator is asked
-    run({100});
-    EXPECT_EQ(errors, 1);
+TEST(SyncDataReceiverThread, WhatAReadBringsAfterTheStopIsDropped) {
+    Receiver receiver({});
+    for (int round = 0; round < 2; ++round) {
+        std::promise<void> reading, release;
+        receiver.thread.readFn = [&](int, unsigned char*, unsigned long, int) {
+            reading.set_value();
+            release.get_future().wait();
+            return 100ul;
+        };
+        receiver.thread.start();
+        EXPECT_THROW(receiver.thread.start(), std::runtime_error);
+        reading.get_future().wait();
+        receiver.thread.terminate();
+        release.set_value();
+        receiver.thread.waitFor();
+        EXPECT_EQ(receiver.thread.getSize(), 0u);
+    }
 }
 
 namespace {
@@ -155,47 +144,7 @@ public:
     std::atomic<bool> ready{false};
 };
 
-}
-
-TEST(DataReceiverThread, EachStartWaitsUntilTheThreadIsReady) {
-    SlowReceiver slow;
-    for (int round = 0; round < 3; ++round) {
-        slow.ready = false;
-        slow.start();
-        EXPECT_TRUE(slow.ready) << round;
-        slow.stop();
-    }
-}
-
-TEST_F(Receiver, WhatAReadBringsAfterTheStopIsDropped) {
-    for (int round = 0; round < 3; ++round) {
-        std::mutex mutex;
-        std::condition_variable condition;
-        bool released = false;
-        std::atomic<bool> reading{false};
-        thread.readFn = [&](int, unsigned char*, unsigned long, int) -> unsigned long {
-            reading = true;
-            std::unique_lock<std::mutex> guard(mutex);
-            condition.wait(guard, [&] { return released; });
-            return 100;
-        };
-        thread.start();
-        EXPECT_THROW(thread.start(), std::runtime_error);
-        ASSERT_TRUE(eventually([&] { return reading.load(); }));
-        thread.terminate();
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            released = true;
-        }
-        condition.notify_one();
-        thread.stop();
-        EXPECT_EQ(thread.getSize(), 0u);
-        EXPECT_FALSE(thread.getStarted());
-    }
-}
-
-namespace {
-
+/// Has four bytes ready at any time.
 class EndlessPoint : public FixedConnectionPoint {
 public:
     EndlessPoint() : FixedConnectionPoint("endless", std::make_shared<FixedInterfaceHelper>()) {}
@@ -206,6 +155,7 @@ public:
     }
 };
 
+/// A part with so many channels of 4 bytes at 1000 Hz and a receiver thread.
 struct SubTree {
     explicit SubTree(int channelCount) {
         device->connectionPoint = std::make_shared<EndlessPoint>();
@@ -223,34 +173,45 @@ struct SubTree {
 
 }
 
-TEST(SubDevice, ReceiverThreadHoldsTwoSecondsInBlocksOf50Ms) {
-    SubTree three(3);
-    EXPECT_EQ(three.part->receiverThread->blockSize, 600u);
-    EXPECT_EQ(three.part->receiverThread->getCapacity(), 24000u);
-    EXPECT_EQ(three.part->receiverThread->firstTimeout, 1000);
-    SubTree none(0);
-    EXPECT_EQ(none.part->receiverThread->blockSize, 1u);
-    EXPECT_EQ(none.part->receiverThread->getCapacity(), 0u);
-    auto before = three.part->receiverThread;
-    three.part->createAndInitializeReceiverThread();
-    EXPECT_EQ(three.part->receiverThread, before);
-}
-
-TEST(SubDevice, ReceiverThreadRunsFromStartToFinalize) {
-    SubTree tree(1);
+TEST(DataReceiverThread, EachStartWaitsUntilTheThreadIsReady) {
+    SlowReceiver slow;
     for (int round = 0; round < 2; ++round) {
-        tree.device->startAcquisition(true);
-        EXPECT_TRUE(eventually([&] { return tree.part->receiverThread->getSize() >= 4; }));
-        tree.device->stopAcquisition(true);
-        tree.device->finalizeAcquisition(true);
-        EXPECT_FALSE(tree.part->receiverThread->getStarted());
-        tree.part->receiverThread->reset();
+        slow.ready = false;
+        slow.start();
+        EXPECT_TRUE(slow.ready) << round;
+        slow.stop();
     }
 }
 
-TEST(SubDevice, ATreeMayDieWithARunningReceiverThread) {
+TEST(SubDevice, ReceiverThreadHoldsTwoSecondsInBlocksOf50Ms) {
+    struct Case {
+        int channels;
+        unsigned long blockSize, capacity;
+    };
+    for (const auto& c : {Case{3, 600, 24000}, Case{0, 1, 0}}) {
+        SubTree tree(c.channels);
+        auto thread = tree.part->receiverThread;
+        EXPECT_EQ(thread->blockSize, c.blockSize);
+        EXPECT_EQ(thread->getCapacity(), c.capacity);
+        tree.part->createAndInitializeReceiverThread();
+        EXPECT_EQ(tree.part->receiverThread, thread);
+    }
+}
+
+TEST(SubDevice, ReceiverThreadRunsFromStartToFinalizeOrTheTreesEnd) {
     SubTree tree(1);
     auto thread = tree.part->receiverThread;
+    for (int round = 0; round < 2; ++round) {
+        tree.device->startAcquisition(true);
+        while (thread->getSize() < 4 && !thread->getFinished()) {
+            std::this_thread::yield();
+        }
+        EXPECT_GE(thread->getSize(), 4u);
+        tree.device->stopAcquisition(true);
+        tree.device->finalizeAcquisition(true);
+        EXPECT_FALSE(thread->getStarted());
+        thread->reset();
+    }
     tree.device->startAcquisition(true);
     tree.part.reset();
     tree.device.reset();

@@ -6,6 +6,7 @@
 
 #include "modules/daq/objectmodel/Channel.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
+#include "modules/daq/objectmodel/DaqLoop.h"
 #include "modules/daq/objectmodel/SubDevice.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
 #include "modules/daq/synchronization/DaqClock.h"
@@ -77,11 +78,23 @@ private:
     std::string id;
 };
 
+class PlainTiming : public DaqTiming {
+public:
+    std::int64_t getStartTime() override { return -1; }
+    std::int64_t getCurrentTime(bool&, bool&) override { return -1; }
+};
+
+class PlainLoop : public DaqLoop {
+public:
+    int checkCycleRate(int requested) const override { return requested; }
+    int checkCycleRate(int requested, const std::vector<int>&) const override { return requested; }
+    void setCycleFunction(const std::function<void()>&) override {}
+};
+
 inline std::shared_ptr<Channel> syncChannel(Device& device) {
     auto channel = std::make_shared<Channel>(static_cast<int>(device.channels.size()));
     channel->sampleType = SampleType::Sync;
     channel->createChannelBuffer<int>();
-    channel->minRate = 1;
     device.channels.push_back(channel);
     return channel;
 }

@@ -106,6 +106,8 @@ class FifoBufferBase : public IDirectArraySourceBuffer<T, true>, public IDirectA
 public:
     std::recursive_mutex& getLock() override { return lock_; }
 
+    /// The one array that both sides work on.
+    T* getData() const override = 0;
     unsigned long getSize() override {
         Guard guard(lock_);
         return size_;
@@ -181,17 +183,13 @@ public:
 
     unsigned long write(const T* source, unsigned long count, unsigned long position) override {
         Guard guard(lock_);
-        std::copy_n(source, count, this->array() + position);
+        std::copy_n(source, count, getData() + position);
         return count;
     }
     unsigned long write(const T* source, unsigned long count) override {
         Guard guard(lock_);
         return write(source, count, writePos_);
     }
-
-protected:
-    /// The array that both sides work on.
-    virtual T* array() const = 0;
 
 private:
     mutable std::recursive_mutex lock_;
@@ -213,9 +211,6 @@ public:
         FifoBufferBase<T>::setCapacity(capacity);
         data_ = std::move(data);
     }
-
-protected:
-    T* array() const override { return data_.get(); }
 
 private:
     std::unique_ptr<T[]> data_;

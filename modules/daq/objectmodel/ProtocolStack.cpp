@@ -8,11 +8,14 @@ void ProtocolStack::initialize() {
     if (layers.empty()) {
         return;
     }
-    layers.front()->sendCommand = [target = connectionPoint](int command, const unsigned char* data,
-                                                             unsigned long length, unsigned char* answer,
-                                                             unsigned long& answerLength, int timeout) {
-        target->sendCommand(command, data, length, answer, answerLength, timeout);
-    };
+    layers.front()->sendCommand = nullptr;
+    if (connectionPoint) {
+        layers.front()->sendCommand = [target = connectionPoint](int command, const unsigned char* data,
+                                                                 unsigned long length, unsigned char* answer,
+                                                                 unsigned long& answerLength, int timeout) {
+            target->sendCommand(command, data, length, answer, answerLength, timeout);
+        };
+    }
     for (const auto& layer : layers) {
         layer->deviceId = deviceId;
         layer->connectionPoint = connectionPoint;

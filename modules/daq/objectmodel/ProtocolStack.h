@@ -21,7 +21,8 @@ public:
 /// Command protocol of a device over its connection point, the lowest layer first.
 class ProtocolStack {
 public:
-    /// Binds the lowest layer to the connection point and tells each layer where it belongs.
+    /// Binds the lowest layer to the connection point and tells each layer where it belongs. Without a connection point
+    /// the lowest layer's sendCommand stays empty.
     void initialize();
 
     std::vector<std::shared_ptr<ProtocolLayer>> layers;

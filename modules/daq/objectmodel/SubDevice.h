@@ -23,6 +23,8 @@ public:
     void finalizeAcquisition(bool recursive) override;  ///< Reaches the children in any case.
 
     /// Numbers of the receiver thread: blocks of 50 ms, a FIFO of two seconds, read from the parent's connection point.
+    /// After initializeAcquisition, which settles the active channels; the device has a parent and the thread isn't
+    /// running.
     virtual void initializeReceiverThread();
     /// Makes the receiver thread unless there is one, then initializes it.
     void createAndInitializeReceiverThread();

@@ -58,7 +58,9 @@ void SyncDataReceiverThread::receive() {
             skip = -remaining;
         } else {
             if (!store(block.data() + skip, static_cast<unsigned long>(remaining))) {
-                notify(dataLostFn);
+                if (dataLostFn) {
+                    dataLostFn();
+                }
                 break;
             }
             skip = 0;
