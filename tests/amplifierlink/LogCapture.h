@@ -14,18 +14,23 @@ namespace kestrixtest {
 class LogCapture : public Harvane::RT::Core::ILogSink {
 public:
     explicit LogCapture(int level = 1) {
-        using namespace Harvane::RT::Core;
-        zornCreateLogger("kestrix", 0);
-        ILogger* logger = nullptr;
-        zornGetLogger("kestrix", &logger);
-        logger->setLevel(0);
-        logger->releaseRef();
-        addLogSink(this, 0);
+        setHostLevel(0);
+        Harvane::RT::Core::addLogSink(this, 0);
         Harvane::Shared::Kestrix::KestrixLogger::get_logger().setLevel(level);
     }
     ~LogCapture() override { Harvane::RT::Core::removeLogSink(this); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
+
+    // What the host lets pass, one below the hardware layer's level.
+    static void setHostLevel(int level) {
+        using namespace Harvane::RT::Core;
+        zornCreateLogger("kestrix", level);
+        ILogger* logger = nullptr;
+        zornGetLogger("kestrix", &logger);
+        logger->setLevel(level);
+        logger->releaseRef();
+    }
 
     void write(const Harvane::RT::Core::LogRecord& record) override {
         if (std::string(record.logger) != "kestrix")
@@ -34,20 +39,16 @@ public:
         lines_.push_back(std::to_string(record.level + 1) + " " + record.message);
     }
 
-    // Lines from this level on, without those of the multiplexer's selections.
-    std::vector<std::string> lines(int level = 1) const {
-        const std::lock_guard lock(mutex_);
-        std::vector<std::string> result;
-        for (const std::string& line : lines_)
-            if (line[0] - '0' >= level && line.find("selecting channel") == std::string::npos &&
-                line.find("opening i2c") == std::string::npos)
-                result.push_back(line);
-        return result;
-    }
-
     std::vector<std::string> all() const {
         const std::lock_guard lock(mutex_);
         return lines_;
+    }
+
+    // Without those of the multiplexer's selections.
+    std::vector<std::string> lines() const {
+        std::vector<std::string> result = all();
+        std::erase_if(result, [](const std::string& line) { return line.find("selecting channel") != line.npos; });
+        return result;
     }
 
 private:

@@ -1,164 +1,166 @@
 #include "shared/libraries/kestrix/src/UartMux.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
-#include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "simulator/preload/Control.h"
-#include "tests/amplifierlink/IoctlRecorder.h"
 #include "tests/amplifierlink/LogCapture.h"
+#include "tests/registers/FailureOf.h"
+
+namespace {
+
+// The transactions of the bus in order, as "4D<0008 4F<0008" for a write of two messages and "4D>08 4F>08" for a read
+// with what came back.
+std::vector<std::string> transactions;
+std::atomic<bool> recording{false};
+
+void record(const i2c_rdwr_ioctl_data& data) {
+    std::string text;
+    for (__u32 n = 0; n < data.nmsgs; ++n) {
+        const i2c_msg& message = data.msgs[n];
+        text += fmt::format("{}{:02X}{}", n == 0 ? "" : " ", message.addr, (message.flags & I2C_M_RD) != 0 ? '>' : '<');
+        for (__u16 byte = 0; byte < message.len; ++byte)
+            text += fmt::format("{:02X}", message.buf[byte]);
+    }
+    transactions.push_back(text);
+}
+
+}  // namespace
+
+// In front of the simulated instrument's, which stands in front of the C library's.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    using Ioctl = int (*)(int, unsigned long, ...);
+    static const auto next = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const int result = next(fd, request, argument);
+    if (request == I2C_RDWR && recording) {
+        const int error = errno;
+        record(*static_cast<const i2c_rdwr_ioctl_data*>(argument));
+        errno = error;
+    }
+    return result;
+}
 
 namespace {
 
 using namespace Harvane::Shared::Kestrix;
 using kestrixsim::Fault;
 using kestrixsim::FaultKind;
+using kestrixtest::failureOf;
 using kestrixtest::LogCapture;
-using kestrixtest::takeTransactions;
 using Strings = std::vector<std::string>;
 
 constexpr const char* bus = "/dev/i2c-1";
 
-void resetInstrument(int boardType, std::vector<Fault> faults = {}) {
-    kestrixsim::Scenario scenario;
-    scenario.boardType = boardType;
-    scenario.slots = boardType == 0 ? 8 : 2;
-    scenario.faults = std::move(faults);
-    kestrixsim::reset(scenario);
-    takeTransactions();
-}
+class UartMuxTest : public testing::Test {
+protected:
+    UartMuxTest() { recording = true; }
+    ~UartMuxTest() override { recording = false; }
 
-Fault fault(FaultKind kind, int64_t times, uint64_t afterCount = 0, int code = 0) {
-    Fault result;
-    result.kind = kind;
-    result.times = times;
-    result.afterCount = afterCount;
-    result.code = code;
-    return result;
-}
+    static void resetInstrument(board_t board, std::vector<Fault> faults = {}) {
+        kestrixsim::Scenario scenario;
+        scenario.boardType = static_cast<int>(board);
+        scenario.slots = board == board_t::eightChannels ? 8 : 2;
+        scenario.faults = std::move(faults);
+        kestrixsim::reset(scenario);
+        transactions.clear();
+    }
+};
 
-TEST(UartMux, writesZeroAndValueInOneTransactionAndReadsItBack) {
+TEST_F(UartMuxTest, writesZeroAndValueInOneTransactionAndReadsItBack) {
     struct {
         board_t board;
         int channel;
         const char* write;
         const char* read;
+        const char* line;
     } const cases[] = {
-        {board_t::eightChannels, 0, "4D<0000 4F<0000 4D<0001 4F<0001", "4D>01 4F>01"},
-        {board_t::eightChannels, 3, "4D<0000 4F<0000 4D<0008 4F<0008", "4D>08 4F>08"},
-        {board_t::eightChannels, 7, "4D<0000 4F<0000 4D<0080 4F<0080", "4D>80 4F>80"},
-        {board_t::twoChannels, 0, "4F<0000 4F<0011", "4F>11"},
-        {board_t::twoChannels, 1, "4F<0000 4F<0022", "4F>22"},
-        {board_t::twoChannels, 7, "4F<0000 4F<0080", "4F>80"},
+        {board_t::eightChannels, 0, "4D<0000 4F<0000 4D<0001 4F<0001", "4D>01 4F>01",
+         "2 selecting channel 0 of the 8CH board"},
+        {board_t::eightChannels, 7, "4D<0000 4F<0000 4D<0080 4F<0080", "4D>80 4F>80",
+         "2 selecting channel 7 of the 8CH board"},
+        {board_t::twoChannels, 1, "4F<0000 4F<0022", "4F>22", "2 selecting channel 1 of the 2CH board"},
+        {board_t::twoChannels, 7, "4F<0000 4F<0080", "4F>80", "2 selecting channel 7 of the 2CH board"},
     };
-    LogCapture log;
     for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.write);
-        resetInstrument(static_cast<int>(entry.board));
+        resetInstrument(entry.board);
+        LogCapture log;
         UartMux mux(bus, entry.board);
         mux.selectChannel(entry.channel);
-        EXPECT_EQ(takeTransactions(), (Strings{entry.write, entry.read}));
-        mux.selectChannel(entry.channel);
-        EXPECT_EQ(takeTransactions().size(), 2u) << "the same channel again runs in full";
+        mux.selectChannel(entry.channel);  // runs in full
+        EXPECT_EQ(transactions, (Strings{entry.write, entry.read, entry.write, entry.read}));
+        EXPECT_EQ(log.all(), (Strings{"1 opening i2c device /dev/i2c-1", entry.line, entry.line}));
     }
-    const Strings lines = log.all();
-    ASSERT_EQ(lines.size(), 3 * std::size(cases));
-    EXPECT_EQ(lines[0], "1 opening i2c device /dev/i2c-1");
-    EXPECT_EQ(lines[4], "2 selecting channel 3 of the 8CH board");
-    EXPECT_EQ(lines[13], "2 selecting channel 1 of the 2CH board");
 }
 
-TEST(UartMux, channelThatNoModuleCanHaveFailsInsteadOfConnectingNothing) {
-    resetInstrument(0);
-    UartMux mux(bus, board_t::eightChannels);
-    for (const int channel : {-1, 8, 32, 200})
-        EXPECT_THROW(mux.selectChannel(channel), std::runtime_error) << channel;
-    EXPECT_EQ(takeTransactions(), Strings{});
-}
+TEST_F(UartMuxTest, troubleOnTheBus) {
+    const Strings eight{"4 setting amplifiers channel 1, UART mux failed, try 0, retrying...",
+                        "4 setting amplifiers channel 1, UART mux failed, try 1, retrying..."};
+    const Strings two{"4 setting amplifiers UART mux failed, try 0, retrying..."};
+    const std::string stuck = "unable to set amplifiers UART mux";
+    struct {
+        const char* name;
+        std::vector<Fault> faults;
+        board_t board;
+        int channel;
+        size_t transactions;
+        std::string failure;
+        Strings lines;
+    } const cases[] = {
+        {"busy nine times", {{.kind = FaultKind::MuxAgain, .times = 9}}, board_t::eightChannels, 1, 11, "", {}},
+        {"busy ten times", {{.kind = FaultKind::MuxAgain, .times = 10}}, board_t::eightChannels, 1, 10,
+         std::strerror(EAGAIN), {}},
+        {"failing read", {{.kind = FaultKind::MuxError, .afterCount = 1}}, board_t::eightChannels, 1, 2,
+         std::strerror(EIO), {}},
+        {"first device forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4D, .times = 2}}, board_t::eightChannels,
+         1, 6, "", eight},
+        {"second device forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = 2}}, board_t::eightChannels,
+         1, 6, "", eight},
+        {"small board forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F}}, board_t::twoChannels, 1, 4, "", two},
+        // Its value would be 0, which connects nothing.
+        {"channel beyond the hardware", {}, board_t::eightChannels, 8, 0, std::strerror(ENODEV), {}},
+        {"negative channel", {}, board_t::eightChannels, -1, 0, std::strerror(ENODEV), {}},
+    };
+    for (const auto& entry : cases) {
+        SCOPED_TRACE(entry.name);
+        resetInstrument(entry.board, entry.faults);
+        LogCapture log;
+        UartMux mux(bus, entry.board);
+        EXPECT_EQ(failureOf([&] { mux.selectChannel(entry.channel); }),
+                  entry.failure.empty() ? "no failure" : entry.failure);
+        EXPECT_EQ(transactions.size(), entry.transactions);
+        Strings lines = log.lines();
+        lines.erase(lines.begin());  // of the opening
+        EXPECT_EQ(lines, entry.lines);
+    }
 
-TEST(UartMux, busyBusIsTriedTenTimes) {
-    resetInstrument(0, {fault(FaultKind::MuxAgain, 9)});
+    resetInstrument(board_t::eightChannels, {{.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = -1}});
+    LogCapture log(5);
     UartMux mux(bus, board_t::eightChannels);
-    EXPECT_NO_THROW(mux.selectChannel(2));
-    EXPECT_EQ(takeTransactions().size(), 11u);
-
+    EXPECT_EQ(failureOf<std::logic_error>([&] { mux.selectChannel(1); }), stuck);
+    EXPECT_EQ(transactions.size(), 64u);
+    EXPECT_EQ(log.lines(), Strings{"5 " + stuck});
     kestrixsim::instrument().clearFaults();
-    kestrixsim::instrument().inject(fault(FaultKind::MuxAgain, 10));
-    try {
-        mux.selectChannel(2);
-        FAIL() << "the tenth refusal was not taken as one";
-    } catch (const std::runtime_error& failure) {
-        EXPECT_STREQ(failure.what(), std::strerror(EAGAIN));
-    }
-    EXPECT_EQ(takeTransactions().size(), 10u);
-}
-
-TEST(UartMux, otherFailureOfTheBusIsNotRepeated) {
-    // The write goes well, the read behind it fails.
-    resetInstrument(0, {fault(FaultKind::MuxError, 1, 1)});
-    UartMux mux(bus, board_t::eightChannels);
-    try {
-        mux.selectChannel(1);
-        FAIL() << "the failed read was not noticed";
-    } catch (const std::runtime_error& failure) {
-        EXPECT_STREQ(failure.what(), std::strerror(EIO));
-    }
-    EXPECT_EQ(takeTransactions().size(), 2u);
     EXPECT_NO_THROW(mux.selectChannel(1)) << "the mutex was not released";
 }
 
-TEST(UartMux, wrongValueRepeatsTheWholeSequence) {
-    struct {
-        int board;
-        int silentDevice;
-        const char* text;
-    } const cases[] = {
-        {0, 0x4D, "4 setting amplifiers channel 1, UART mux failed, try {}, retrying..."},
-        {0, 0x4F, "4 setting amplifiers channel 1, UART mux failed, try {}, retrying..."},
-        {1, 0x4F, "4 setting amplifiers UART mux failed, try {}, retrying..."},
-    };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.text);
-        resetInstrument(entry.board, {fault(FaultKind::MuxReadsBack, 3, 0, entry.silentDevice)});
-        LogCapture log;
-        UartMux mux(bus, static_cast<board_t>(entry.board));
-        EXPECT_NO_THROW(mux.selectChannel(1));
-        EXPECT_EQ(takeTransactions().size(), 8u);
-        Strings expected;
-        for (int n = 0; n < 3; ++n)
-            expected.push_back(fmt::format(fmt::runtime(entry.text), n));
-        EXPECT_EQ(log.lines(), expected);
-    }
-}
-
-TEST(UartMux, valueThatNeverStaysEndsInALogicError) {
-    resetInstrument(0, {fault(FaultKind::MuxReadsBack, -1, 0, 0x4F)});
+TEST_F(UartMuxTest, busThatCannotBeOpened) {
+    resetInstrument(board_t::eightChannels, {{.kind = FaultKind::I2cOpen, .times = -1}});
     LogCapture log(5);
-    UartMux mux(bus, board_t::eightChannels);
-    try {
-        mux.selectChannel(1);
-        FAIL() << "nobody noticed";
-    } catch (const std::logic_error& failure) {
-        EXPECT_STREQ(failure.what(), "unable to set amplifiers UART mux");
-    }
-    EXPECT_EQ(takeTransactions().size(), 64u);
-    EXPECT_EQ(log.lines(), Strings{"5 unable to set amplifiers UART mux"});
-}
-
-TEST(UartMux, busThatCannotBeOpened) {
-    resetInstrument(0, {fault(FaultKind::I2cOpen, -1)});
-    LogCapture log;
-    try {
-        UartMux mux(bus, board_t::eightChannels);
-        FAIL() << "opened";
-    } catch (const std::runtime_error& failure) {
-        EXPECT_STREQ(failure.what(), std::strerror(ENOENT));
-    }
-    EXPECT_EQ(log.all().back(), "5 unable to open i2c device /dev/i2c-1, No such file or directory");
-    EXPECT_EQ(kestrixsim::openDescriptors(), 0);
+    EXPECT_EQ(failureOf([] { UartMux mux(bus, board_t::eightChannels); }), std::strerror(ENOENT));
+    EXPECT_EQ(log.all(), Strings{"5 unable to open i2c device /dev/i2c-1, No such file or directory"});
 }
 
 }  // namespace

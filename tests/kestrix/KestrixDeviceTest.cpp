@@ -1,12 +1,10 @@
-#include <stdexcept>
-
 #include "modules/daq/synchronization/DaqClock.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 #include "tests/kestrix/KestrixFixture.h"
+#include "tests/registers/FailureOf.h"
 
 using namespace Harvane::RT::Modules::Daq;
 namespace RegistersAddress = Harvane::Shared::Kestrix::RegistersAddress;
-using kestrixsim::Fault;
 using kestrixsim::FaultKind;
 using kestrixsim::Scenario;
 
@@ -14,36 +12,19 @@ namespace {
 
 using KestrixDeviceTest = KestrixFixture;
 
-TEST_F(KestrixDeviceTest, TakesItsIdentityFromTheBoard) {
-    Scenario scenario;
-    scenario.boardType = 1;
-    scenario.slots = 2;
-    scenario.serialNumber = 0x2A;
-    scenario.hardwareVersion = 0x04030201;
-    kestrixsim::reset(scenario);
-    const KestrixDevice device;
-    EXPECT_EQ(device.manufacturer, "Harvane");
-    EXPECT_EQ(device.model, "KESTRIX");
-    EXPECT_EQ(device.serialNumber, "000000000000002A");
-    EXPECT_EQ(device.hardwareRevision, "1.2.3.4");
-    EXPECT_EQ(device.minRate, 100);
-    EXPECT_EQ(device.maxRate, 15000000);
-    EXPECT_EQ(RegistersAddress::maxAIModules, 2);
-    EXPECT_EQ(RegistersAddress::maxAIChannels, 4);
-    EXPECT_EQ(RegistersAddress::deviceType, 1);
-}
-
-TEST_F(KestrixDeviceTest, InvalidIdentityLeavesTheDefaults) {
-    Scenario wrongKey;
-    wrongKey.slots = 2;
-    wrongKey.boardType = 1;
-    wrongKey.serialNumber = 0xABCDEF;
-    wrongKey.eepromKeyValid = false;
-    Scenario noVersion = wrongKey;
-    noVersion.eepromKeyValid = true;
-    noVersion.eepromVersion = 0;
-    for (const Scenario& scenario : {wrongKey, noVersion}) {
-        kestrixsim::reset(scenario);
+TEST_F(KestrixDeviceTest, TakesItsIdentityFromAValidMemoryOnly) {
+    const auto scenario = [](bool keyValid, int version) {
+        Scenario scenario;
+        scenario.boardType = 1;
+        scenario.slots = 2;
+        scenario.serialNumber = 0xABCDEF;
+        scenario.hardwareVersion = 0x04030201;
+        scenario.eepromKeyValid = keyValid;
+        scenario.eepromVersion = version;
+        return scenario;
+    };
+    for (const Scenario& invalid : {scenario(false, 1), scenario(true, 0)}) {
+        kestrixsim::reset(invalid);
         const KestrixDevice device;
         EXPECT_EQ(RegistersAddress::maxAIModules, 8);
         EXPECT_EQ(RegistersAddress::maxAIChannels, 16);
@@ -51,18 +32,26 @@ TEST_F(KestrixDeviceTest, InvalidIdentityLeavesTheDefaults) {
         EXPECT_EQ(device.hardwareRevision, "");
         EXPECT_EQ(device.serialNumber, "0000000000ABCDEF");
     }
+    kestrixsim::reset(scenario(true, 1));
+    const KestrixDevice device;
+    EXPECT_EQ(device.manufacturer, "Harvane");
+    EXPECT_EQ(device.model, "KESTRIX");
+    EXPECT_EQ(device.serialNumber, "0000000000ABCDEF");
+    EXPECT_EQ(device.hardwareRevision, "1.2.3.4");
+    EXPECT_EQ(device.minRate, 100);
+    EXPECT_EQ(device.maxRate, 15000000);
+    EXPECT_EQ(RegistersAddress::deviceType, 1);
 }
 
 TEST_F(KestrixDeviceTest, NonsenseSlotCountsStayWithinTheHardware) {
-    struct Case {
+    struct {
         int slots;
         int channels;
         int used;
-    };
-    for (const Case& expected : {Case{255, 254, 8}, Case{0x82, 4, 2}, Case{9, 18, 8}, Case{128, 0, 0}, Case{0, 0, 0}}) {
+    } const cases[] = {{255, 254, 8}, {0x82, 4, 2}, {9, 18, 8}, {2, 4, 2}, {128, 0, 0}, {0, 0, 0}};
+    for (const auto& expected : cases) {
         Scenario scenario;
         scenario.slots = expected.slots;
-        scenario.supplyOn = true;
         kestrixsim::reset(scenario);
         const KestrixDevice device;
         EXPECT_EQ(RegistersAddress::maxAIModules, expected.slots);
@@ -72,53 +61,45 @@ TEST_F(KestrixDeviceTest, NonsenseSlotCountsStayWithinTheHardware) {
 }
 
 TEST_F(KestrixDeviceTest, UnreachableHardwareMakesNoDevice) {
-    struct Case {
+    struct {
         FaultKind kind;
         const char* text;
-    };
-    const Case cases[] = {
+    } const cases[] = {
         {FaultKind::MemOpen, "Failed to open device handle."},
         {FaultKind::I2cOpen, "Failed to open device handle."},
         {FaultKind::EepromShortRead, "Failed to read from the file(0)."},
         {FaultKind::EepromSilent, "Failed to write to the file (18446744073709551615)."},
     };
-    for (const Case& expected : cases) {
-        Fault fault;
-        fault.kind = expected.kind;
-        fault.times = -1;
-        Scenario scenario;
-        scenario.faults = {fault};
-        kestrixsim::reset(scenario);
-        try {
-            KestrixDevice device;
-            ADD_FAILURE() << static_cast<int>(expected.kind);
-        } catch (const std::runtime_error& error) {
-            EXPECT_STREQ(error.what(), expected.text);
-        }
+    for (const auto& expected : cases) {
+        kestrixsim::reset(Scenario{});
+        inject({.kind = expected.kind, .times = -1});
+        EXPECT_EQ(kestrixtest::failureOf([] { KestrixDevice device; }), expected.text);
         EXPECT_EQ(kestrixsim::openDescriptors(), 0);
     }
 }
 
 TEST_F(KestrixDeviceTest, BoardDecidesOnTheInputsForSynchronisation) {
-    using Option = SynchronizationOption;
-    const SynchronizationOptions common{
-        Option{SynchronizationMode::Standalone, {}},
-        Option{SynchronizationMode::Standalone, {SynchronizationMode::Ptp}},
-        Option{SynchronizationMode::Ptp, {}},
+    SynchronizationOptions expected{
+        {SynchronizationMode::Standalone, {}},
+        {SynchronizationMode::Standalone, {SynchronizationMode::Ptp}},
+        {SynchronizationMode::Ptp, {}},
     };
     kestrixsim::reset(Scenario{});
     KestrixDevice device;
     RegistersAddress::deviceType = 1;
-    EXPECT_EQ(device.getSynchronizationOptions(), common);
+    EXPECT_EQ(device.getSynchronizationOptions(), expected);
     RegistersAddress::deviceType = 0;
-    SynchronizationOptions all = common;
-    all.insert({SynchronizationMode::Pps, {}});
-    all.insert({SynchronizationMode::Irig, {}});
-    EXPECT_EQ(device.getSynchronizationOptions(), all);
+    expected.insert({SynchronizationMode::Pps, {}});
+    expected.insert({SynchronizationMode::Irig, {}});
+    EXPECT_EQ(device.getSynchronizationOptions(), expected);
 }
 
 TEST_F(KestrixDeviceTest, CommandsOfTheTools) {
     bringUp(warmScenario(1));
+    EXPECT_EQ(ai().getDisplayName(), "Analog inputs");
+    EXPECT_NE(device().daqClock, nullptr);
+    EXPECT_EQ(ai().getKestrix().get(), &device());
+
     std::string result = "untouched";
     for (const char* notOn : {"on", "", "On ", "Off"}) {
         EXPECT_TRUE(device().ioctl(1, "On", result));
@@ -134,13 +115,6 @@ TEST_F(KestrixDeviceTest, CommandsOfTheTools) {
 
     KestrixDevice bare;  // no analog inputs yet
     EXPECT_TRUE(bare.ioctl(1, "On", result));
-}
-
-TEST_F(KestrixDeviceTest, PartsStandInTheTree) {
-    bringUp(warmScenario(1));
-    EXPECT_EQ(device().aiDevice->getDisplayName(), "Analog inputs");
-    EXPECT_NE(device().daqClock, nullptr);
-    EXPECT_EQ(ai().getKestrix().get(), &device());
 }
 
 }  // namespace

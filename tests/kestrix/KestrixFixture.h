@@ -7,6 +7,7 @@
 #include "modules/daq/DaqController.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
+#include "shared/libraries/kestrix/src/AmplifierCommunication.h"
 #include "simulator/preload/Control.h"
 
 namespace Harvane::RT::Modules::Daq {
@@ -31,6 +32,13 @@ protected:
     KestrixAI& ai() const;
     Channel& channel(int number) const;
     void use(std::initializer_list<int> numbers) const;
+
+    static uint32_t word(uint64_t address) { return kestrixsim::instrument().registerWord(address); }
+    static void inject(const kestrixsim::Fault& fault) { kestrixsim::instrument().inject(fault); }
+    static void clearFaults() { kestrixsim::instrument().clearFaults(); }
+    static bool isDetected(const KestrixAI& ai, int slot) {
+        return ai.getAmplifierCommunication()->getAmplifier(slot)->isAmplifierDefined();
+    }
 
     // Runs the cycle until the channel has so many samples. Fails the test after ten seconds.
     void acquire(const Channel& channel, uint64_t samples);

@@ -1,7 +1,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
@@ -15,7 +15,6 @@
 #include "tests/kestrix/KestrixFixture.h"
 
 using namespace Harvane::RT::Modules::Daq;
-using kestrixsim::Fault;
 using kestrixsim::FaultKind;
 using kestrixsim::Scenario;
 
@@ -42,13 +41,6 @@ protected:
     PlatformTest() { kestrixsim::reset(Scenario{}); }
 
     static std::vector<std::string> commands() { return kestrixsim::instrument().commandsRun(); }
-
-    static void injectScriptFault(FaultKind kind) {
-        Fault fault;
-        fault.kind = kind;
-        fault.times = -1;
-        kestrixsim::instrument().inject(fault);
-    }
 };
 
 TEST_F(PlatformTest, ScriptsTakeArgumentsAndReplyWithoutTheirLineEnds) {
@@ -63,92 +55,77 @@ TEST_F(PlatformTest, ScriptsTakeArgumentsAndReplyWithoutTheirLineEnds) {
     std::remove(path.c_str());
 }
 
-struct StateCase {
-    PlatformPtpControl::STATE state;
-    const char* arguments;
-    const char* irigIn;
-    const char* irigOut;
-    PlatformPtpControl::STATE readBack;
-};
-
-const StateCase stateCases[] = {
-    {PlatformPtpControl::PTP_STATE_MASTER, "master", "0", "0", PlatformPtpControl::PTP_STATE_MASTER},
-    {PlatformPtpControl::PTP_STATE_MASTER_PPS, "master pps", "1", "0", PlatformPtpControl::PTP_STATE_MASTER_PPS},
-    {PlatformPtpControl::PTP_STATE_MASTER_STANDALONE, "master standalone", "0", "0",
-     PlatformPtpControl::PTP_STATE_MASTER_STANDALONE},
-    {PlatformPtpControl::PTP_STATE_SLAVE, "slave", "0", "0", PlatformPtpControl::PTP_STATE_SLAVE},
-    {PlatformPtpControl::PTP_STATE_SLAVE_IRIG_OUT, "slave", "0", "1", PlatformPtpControl::PTP_STATE_SLAVE},
-    {PlatformPtpControl::PTP_STATE_DISABLED_IRIG_OUT, "irig master", "0", "1", PlatformPtpControl::PTP_STATE_UNKNOWN},
-    {PlatformPtpControl::PTP_STATE_DISABLED_IRIG_IN, "irig slave", "1", "0", PlatformPtpControl::PTP_STATE_UNKNOWN},
-    {PlatformPtpControl::PTP_STATE_DISABLED, "disable", "0", "0", PlatformPtpControl::PTP_STATE_UNKNOWN},
-};
-
 TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {
+    using P = PlatformPtpControl;
+    struct {
+        P::STATE state;
+        const char* arguments;
+        std::string lines;  // IRIG in and out
+        P::STATE readBack;
+    } const cases[] = {
+        {P::PTP_STATE_MASTER, "master", "00", P::PTP_STATE_MASTER},
+        {P::PTP_STATE_MASTER_PPS, "master pps", "10", P::PTP_STATE_MASTER_PPS},
+        {P::PTP_STATE_MASTER_STANDALONE, "master standalone", "00", P::PTP_STATE_MASTER_STANDALONE},
+        {P::PTP_STATE_SLAVE, "slave", "00", P::PTP_STATE_SLAVE},
+        {P::PTP_STATE_SLAVE_IRIG_OUT, "slave", "01", P::PTP_STATE_SLAVE},
+        {P::PTP_STATE_DISABLED_IRIG_OUT, "irig master", "01", P::PTP_STATE_UNKNOWN},
+        {P::PTP_STATE_DISABLED_IRIG_IN, "irig slave", "10", P::PTP_STATE_UNKNOWN},
+        {P::PTP_STATE_DISABLED, "disable", "00", P::PTP_STATE_UNKNOWN},
+    };
+    const auto lines = [] {
+        return contents(timingFolder + "irig_in_enabled") + contents(timingFolder + "irig_out_enabled");
+    };
     const std::string script = "/opt/harvane/scripts/ptp_control.sh ";
-    PlatformPtpControl control;
-    for (const StateCase& expected : stateCases) {
+    P control;
+    std::vector<std::string> expected = commands();
+    for (const auto& entry : cases) {
         setContents(timingFolder + "irig_in_enabled", "?");
         setContents(timingFolder + "irig_out_enabled", "?");
-        size_t before = commands().size();
-        EXPECT_TRUE(control.setConfiguredState(expected.state));
-        ASSERT_EQ(commands().size(), before + 1);
-        EXPECT_EQ(commands().back(), script + expected.arguments);
-        EXPECT_EQ(contents(timingFolder + "irig_in_enabled"), "?");
-        EXPECT_EQ(contents(timingFolder + "irig_out_enabled"), "?");
-
-        before = commands().size();
-        EXPECT_TRUE(control.setActiveState(expected.state));
-        ASSERT_EQ(commands().size(), before + 2);
-        EXPECT_EQ(commands()[before], script + expected.arguments);
-        EXPECT_EQ(commands()[before + 1], script + "restart");
-        EXPECT_EQ(contents(timingFolder + "irig_in_enabled"), expected.irigIn);
-        EXPECT_EQ(contents(timingFolder + "irig_out_enabled"), expected.irigOut);
-        EXPECT_EQ(control.getState(), expected.readBack) << expected.arguments;
+        for (const FaultKind kind : {FaultKind::ScriptRefuses, FaultKind::ScriptSilent}) {
+            inject({.kind = kind, .times = -1});
+            EXPECT_FALSE(control.setActiveState(entry.state));
+            EXPECT_FALSE(control.setConfiguredState(entry.state));
+            EXPECT_EQ(control.getState(), P::PTP_STATE_UNKNOWN);
+            clearFaults();
+        }
+        expected = commands();
+        EXPECT_TRUE(control.setConfiguredState(entry.state));
+        EXPECT_EQ(lines(), "??");
+        EXPECT_TRUE(control.setActiveState(entry.state));
+        EXPECT_EQ(lines(), entry.lines);
+        EXPECT_EQ(control.getState(), entry.readBack) << entry.arguments;
+        for (const char* argument : {entry.arguments, entry.arguments, "restart", "status"}) {
+            expected.push_back(script + argument);
+        }
+        EXPECT_EQ(commands(), expected);
     }
-    const size_t before = commands().size();
-    EXPECT_FALSE(control.setActiveState(PlatformPtpControl::PTP_STATE_UNKNOWN));
-    EXPECT_FALSE(control.setActiveState(static_cast<PlatformPtpControl::STATE>(9)));
-    EXPECT_EQ(commands().size(), before);
-}
-
-TEST_F(PlatformTest, RefusedPtpStateLeavesTheLinesAlone) {
-    PlatformPtpControl control;
-    setContents(timingFolder + "irig_in_enabled", "?");
-    for (const FaultKind kind : {FaultKind::ScriptRefuses, FaultKind::ScriptSilent}) {
-        injectScriptFault(kind);
-        EXPECT_FALSE(control.setActiveState(PlatformPtpControl::PTP_STATE_MASTER_PPS));
-        EXPECT_FALSE(control.setConfiguredState(PlatformPtpControl::PTP_STATE_MASTER_PPS));
-        EXPECT_EQ(control.getState(), PlatformPtpControl::PTP_STATE_UNKNOWN);
-        kestrixsim::instrument().clearFaults();
-    }
-    EXPECT_EQ(contents(timingFolder + "irig_in_enabled"), "?");
+    EXPECT_FALSE(control.setActiveState(P::PTP_STATE_UNKNOWN));
+    EXPECT_FALSE(control.setActiveState(static_cast<P::STATE>(9)));
+    EXPECT_EQ(commands(), expected);
 }
 
 TEST_F(PlatformTest, StatusRepliesTellTheState) {
-    struct Case {
+    using P = PlatformPtpControl;
+    struct {
         const char* reply;
-        PlatformPtpControl::STATE state;
+        P::STATE state;
+    } const cases[] = {
+        {"OK:", P::PTP_STATE_UNKNOWN},
+        {"ERR:mode=slave", P::PTP_STATE_UNKNOWN},
+        {"log line\nOK:mode=slave", P::PTP_STATE_UNKNOWN},
+        {"OK:mode=slave;pps_mode=pps", P::PTP_STATE_SLAVE},
+        {"OK:mode=slave;mode=master", P::PTP_STATE_SLAVE},
+        {"OK:mode=master", P::PTP_STATE_MASTER},
+        {"OK:mode=master;pps_mode=", P::PTP_STATE_MASTER},
+        {"OK:mode=master;pps_mode=other", P::PTP_STATE_MASTER},
+        {"OK:mode=master;pps_mode=pps", P::PTP_STATE_MASTER_PPS},
+        {"OK:pps_mode=standalone;mode=master;", P::PTP_STATE_MASTER_STANDALONE},
+        {"OK:pps_mode=pps", P::PTP_STATE_UNKNOWN},
+        {"OK:mode=", P::PTP_STATE_UNKNOWN},
+        {"OK:mode", P::PTP_STATE_UNKNOWN},
     };
-    const Case cases[] = {
-        {"OK:", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"ERR:mode=slave", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"log line\nOK:mode=slave", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"OK:mode=slave", PlatformPtpControl::PTP_STATE_SLAVE},
-        {"OK:mode=slave;pps_mode=pps", PlatformPtpControl::PTP_STATE_SLAVE},
-        {"OK:mode=master", PlatformPtpControl::PTP_STATE_MASTER},
-        {"OK:mode=master;pps_mode=", PlatformPtpControl::PTP_STATE_MASTER},
-        {"OK:mode=master;pps_mode=other", PlatformPtpControl::PTP_STATE_MASTER},
-        {"OK:mode=master;pps_mode=pps", PlatformPtpControl::PTP_STATE_MASTER_PPS},
-        {"OK:pps_mode=standalone;mode=master;", PlatformPtpControl::PTP_STATE_MASTER_STANDALONE},
-        {"OK:mode=slave;mode=master", PlatformPtpControl::PTP_STATE_SLAVE},
-        {"OK:mode=disabled;pps_mode=none", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"OK:pps_mode=pps", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"OK:mode=", PlatformPtpControl::PTP_STATE_UNKNOWN},
-        {"OK:mode", PlatformPtpControl::PTP_STATE_UNKNOWN},
-    };
-    for (const Case& expected : cases) {
-        EXPECT_EQ(PlatformPtpControl::stateOf(expected.reply), expected.state) << expected.reply;
+    for (const auto& expected : cases) {
+        EXPECT_EQ(P::stateOf(expected.reply), expected.state) << expected.reply;
     }
 }
 
@@ -171,22 +148,16 @@ TEST_F(PlatformTest, MissingLineIsAnErrorAndMissingCorrectionARefusal) {
 TEST_F(PlatformTest, OscillatorScriptIsJudgedByItsLastLine) {
     PlatformVCXOClockControl control;
     EXPECT_TRUE(control.setClock(PlatformVCXOClockControl::CLOCK_10_MHZ));
-    EXPECT_EQ(commands().back(), "/opt/harvane/scripts/vcxo_control.sh set_clock 10");
     EXPECT_FALSE(control.setClock(static_cast<PlatformVCXOClockControl::ClockOption>(12)));
-    for (const FaultKind kind : {FaultKind::ScriptRefuses, FaultKind::ScriptSilent}) {
-        injectScriptFault(kind);
-        EXPECT_FALSE(control.setClock(PlatformVCXOClockControl::CLOCK_15_MHZ));
-        kestrixsim::instrument().clearFaults();
-    }
+    inject({.kind = FaultKind::ScriptSilent});
+    EXPECT_FALSE(control.setClock(PlatformVCXOClockControl::CLOCK_15_MHZ));
 }
 
 TEST_F(PlatformTest, LedsFallBackToTheKernelsFolder) {
     // One of the folders is there; the other is added or taken away by hand.
     const std::string own = "/board/leds/led2/brightness";
     const std::string fallback = "/sys/class/leds/led2/brightness";
-    mkdir((kestrixsim::rootFolder() + "/board").c_str(), 0755);
-    mkdir((kestrixsim::rootFolder() + "/board/leds").c_str(), 0755);
-    mkdir((kestrixsim::rootFolder() + "/board/leds/led2").c_str(), 0755);
+    std::filesystem::create_directories(kestrixsim::rootFolder() + "/board/leds/led2");
     setContents(own, "0");
     setContents(fallback, "0");
     StatusLed::set(200);

@@ -1,15 +1,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
-#include <functional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "libraries/devices/embedded/FileRegisterAccess.h"
 #include "libraries/devices/embedded/I2cRegisterAccess.h"
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
+#include "tests/registers/FailureOf.h"
 
 namespace {
 
@@ -42,52 +41,20 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
 namespace {
 
 using namespace Harvane::ZornLib::Devices::Embedded;
+using kestrixtest::failureOf;
 using Bytes = std::vector<unsigned char>;
 
-std::string failureOf(const std::function<void()>& operation) {
-    try {
-        operation();
-    } catch (const std::runtime_error& failure) {
-        return failure.what();
-    }
-    return "no failure";
+// A descriptor of this process as a file that can be opened again.
+std::string pathOf(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
 }
 
-class TemporaryPath {
-public:
-    TemporaryPath() {
-        std::string pattern = testing::TempDir() + "/kestrix-access-XXXXXX";
-        folder_ = ::mkdtemp(pattern.data());
-        path_ = folder_ + "/node";
-    }
-    ~TemporaryPath() {
-        ::unlink(path_.c_str());
-        ::rmdir(folder_.c_str());
-    }
-    const std::string& path() const { return path_; }
-
-    void write(const Bytes& content) const {
-        const int fd = ::open(path_.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-        EXPECT_EQ(::write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-        ::close(fd);
-    }
-    Bytes content() const {
-        Bytes bytes(65536);
-        const int fd = ::open(path_.c_str(), O_RDONLY);
-        bytes.resize(static_cast<size_t>(::read(fd, bytes.data(), bytes.size())));
-        ::close(fd);
-        return bytes;
-    }
-    // A pipe gives back what was written to it, in order.
-    int makePipe() const {
-        EXPECT_EQ(::mkfifo(path_.c_str(), 0600), 0);
-        return ::open(path_.c_str(), O_RDWR | O_NONBLOCK);
-    }
-
-private:
-    std::string folder_;
-    std::string path_;
-};
+// Memory that stands in for a device's.
+int memoryOf(const Bytes& content) {
+    const int fd = ::memfd_create("memory", MFD_CLOEXEC);
+    EXPECT_EQ(::write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+    return fd;
+}
 
 Bytes takeFrom(int pipe) {
     Bytes bytes(64);
@@ -95,6 +62,22 @@ Bytes takeFrom(int pipe) {
     bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
     return bytes;
 }
+
+// A pipe gives back what was written to it, in order.
+class Pipe : public testing::Test {
+protected:
+    Pipe() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_NONBLOCK), 0);
+        pipe = ends[0];
+        ::close(ends[1]);
+        busAnswers = true;
+        selectedSlaves.clear();
+    }
+    ~Pipe() override { ::close(pipe); }
+
+    int pipe = -1;
+};
 
 // A failed access must not keep the bus from the other threads.
 void expectFree(IRegisterAccess& access) {
@@ -110,24 +93,21 @@ void expectFree(IRegisterAccess& access) {
 
 TEST(MmapRegisterAccess, movesOneWordWhateverTheSizeAndLeavesTheRest) {
     const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
-    TemporaryPath file;
     Bytes content(2 * page, 0xEE);
-    file.write(content);
-    MmapRegisterAccess access(file.path());
-    const uint64_t base = page;
+    const int memory = memoryOf(content);
+    MmapRegisterAccess access(pathOf(memory));
     const std::array<unsigned char, 4> word{1, 2, 3, 4};
-    access.write(base, 0x124, word.data(), 1);
-    for (size_t n = 0; n < 4; ++n)
-        content[page + 0x124 + n] = word[n];
-    EXPECT_EQ(file.content(), content);
-
-    std::array<unsigned char, 4> back{};
-    access.read(base + 0x100, 0x24, back.data(), 2);
-    EXPECT_EQ(back, word);
-    // The last word of a page.
-    access.write(0, page - 4, word.data(), 4);
-    access.read(0, page - 4, back.data(), 4);
-    EXPECT_EQ(back, word);
+    for (const size_t place : {page + 0x124, page - 4}) {
+        access.write(page - 0x10, place - page + 0x10, word.data(), 1);
+        std::copy(word.begin(), word.end(), content.begin() + static_cast<std::ptrdiff_t>(place));
+        std::array<unsigned char, 4> back{};
+        access.read(0, place, back.data(), 2);
+        EXPECT_EQ(back, word);
+    }
+    Bytes found(content.size());
+    EXPECT_EQ(::pread(memory, found.data(), found.size(), 0), static_cast<ssize_t>(found.size()));
+    EXPECT_EQ(found, content);
+    ::close(memory);
 }
 
 TEST(MmapRegisterAccess, failures) {
@@ -139,28 +119,23 @@ TEST(MmapRegisterAccess, failures) {
     expectFree(access);
 }
 
-TEST(FileRegisterAccess, readsAndWritesTheWholeBufferWhateverTheAddress) {
-    TemporaryPath file;
-    const int pipe = file.makePipe();
-    FileRegisterAccess access(file.path());
+TEST_F(Pipe, fileIsReadAndWrittenWholeWhateverTheAddress) {
+    FileRegisterAccess access(pathOf(pipe));
     const Bytes data{7, 8, 9};
     access.write(0x1234, 0x56, data.data(), data.size());
-    EXPECT_EQ(takeFrom(pipe), data);
-    access.write(0, 0, data.data(), data.size());
     Bytes back(3);
     access.read(99, 1, back.data(), back.size());
     EXPECT_EQ(back, data);
-    ::close(pipe);
 }
 
 TEST(FileRegisterAccess, failures) {
     EXPECT_EQ(failureOf([] { FileRegisterAccess("/nonexistent/i2c"); }), "Failed to open device handle.");
-    TemporaryPath file;
-    file.write({1, 2, 3});
-    FileRegisterAccess access(file.path());
+    const int memory = memoryOf({1, 2, 3});
+    FileRegisterAccess access(pathOf(memory));
     Bytes buffer(4);
     EXPECT_EQ(failureOf([&] { access.read(0, 0, buffer.data(), 4); }), "Failed to read from the file(3).");
     expectFree(access);
+    ::close(memory);
     // A device without room: the call itself fails, and its -1 shows as a count.
     FileRegisterAccess full("/dev/full");
     EXPECT_EQ(failureOf([&] { full.write(0, 0, buffer.data(), 4); }),
@@ -168,48 +143,25 @@ TEST(FileRegisterAccess, failures) {
     expectFree(full);
 }
 
-class I2c : public testing::Test {
-protected:
-    I2c() : pipe(file.makePipe()), access(file.path()) {
-        busAnswers = true;
-        selectedSlaves.clear();
-    }
-    ~I2c() override { ::close(pipe); }
-
-    TemporaryPath file;
-    int pipe;
-    I2cRegisterAccess access;
-};
-
-TEST_F(I2c, selectsASlaveOnlyWhenItChanges) {
-    const unsigned char byte = 0;
-    access.write(0x50, 0, &byte, 1);
-    access.write(0x50, 1, &byte, 1);
-    access.write(0x58, 0, &byte, 1);
-    access.write(0x50, 0, &byte, 1);
-    EXPECT_EQ(selectedSlaves, (std::vector<unsigned long>{0x50, 0x58, 0x50}));
-}
-
-TEST_F(I2c, writeSendsRegisterAndDataInOne) {
+TEST_F(Pipe, i2cRegisterGoesInFrontAndASlaveIsSelectedOnlyWhenItChanges) {
+    I2cRegisterAccess access(pathOf(pipe));
     const Bytes data{0xAA, 0xBB};
     access.write(0x50, 0x1FA, data.data(), data.size());
     EXPECT_EQ(takeFrom(pipe), (Bytes{0xFA, 0xAA, 0xBB}));
     const Bytes longer(40, 0x11);
-    access.write(0x50, 3, longer.data(), longer.size());
-    Bytes expected{3};
-    expected.insert(expected.end(), longer.begin(), longer.end());
-    EXPECT_EQ(takeFrom(pipe), expected);
-}
-
-TEST_F(I2c, readSendsTheRegisterFirst) {
+    access.write(0x50, 0x11, longer.data(), longer.size());
+    EXPECT_EQ(takeFrom(pipe), Bytes(41, 0x11));
     // The pipe gives the register back as the data.
     unsigned char byte = 0;
     access.read(0x48, 0x142, &byte, 1);
     EXPECT_EQ(byte, 0x42);
     EXPECT_EQ(takeFrom(pipe), Bytes{});
+    access.write(0x50, 0, &byte, 1);
+    EXPECT_EQ(selectedSlaves, (std::vector<unsigned long>{0x50, 0x48, 0x50}));
 }
 
-TEST_F(I2c, slaveThatCannotBeSelected) {
+TEST_F(Pipe, i2cSlaveThatCannotBeSelected) {
+    I2cRegisterAccess access(pathOf(pipe));
     constexpr const char* text = "Failed to acquire bus access and/or talk to slave.";
     unsigned char byte = 0;
     busAnswers = false;

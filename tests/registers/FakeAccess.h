@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstring>
+#include <functional>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
@@ -17,17 +19,20 @@ public:
         size_t size;
         bool operator==(const Access&) const = default;
     };
+    using Store = std::pair<uint64_t, uint32_t>;
 
     void write(uint64_t address, uint64_t offset, const unsigned char* data, size_t size) override {
         accesses.push_back({true, address + offset, size});
         cells_[address + offset].assign(data, data + size);
+        stores.emplace_back(address + offset, word(address + offset));
     }
 
     void read(uint64_t address, uint64_t offset, unsigned char* data, size_t size) override {
+        if (beforeRead)
+            beforeRead(address + offset);
         accesses.push_back({false, address + offset, size});
-        auto& cell = cells_[address + offset];
-        cell.resize(size);
-        std::memcpy(data, cell.data(), size);
+        const std::vector<unsigned char> bytes = cell(address + offset, size);
+        std::memcpy(data, bytes.data(), size);
     }
 
     std::recursive_mutex& getSync() override { return sync_; }
@@ -37,11 +42,9 @@ public:
         cells_[address].resize(sizeof(word));
         std::memcpy(cells_[address].data(), &word, sizeof(word));
     }
-
-    uint32_t word(uint64_t address) {
+    uint32_t word(uint64_t address) const {
         uint32_t word = 0;
-        cells_[address].resize(sizeof(word));
-        std::memcpy(&word, cells_[address].data(), sizeof(word));
+        std::memcpy(&word, cell(address, sizeof(word)).data(), sizeof(word));
         return word;
     }
 
@@ -50,19 +53,25 @@ public:
         for (const unsigned char byte : bytes)
             cells_[address++] = {byte};
     }
+    std::vector<unsigned char> bytes(uint64_t address, size_t count) const {
+        std::vector<unsigned char> result;
+        for (; result.size() < count; ++address)
+            result.push_back(cell(address, 1)[0]);
+        return result;
+    }
 
-    // One address with several bytes.
+    // One address with several bytes; zeros where nothing was stored.
     void setCell(uint64_t address, const std::vector<unsigned char>& bytes) { cells_[address] = bytes; }
-    std::vector<unsigned char> cell(uint64_t address) { return cells_[address]; }
-
-    size_t writes() const {
-        size_t count = 0;
-        for (const Access& access : accesses)
-            count += access.write ? 1 : 0;
-        return count;
+    std::vector<unsigned char> cell(uint64_t address, size_t size) const {
+        const auto found = cells_.find(address);
+        std::vector<unsigned char> bytes = found != cells_.end() ? found->second : std::vector<unsigned char>();
+        bytes.resize(size);
+        return bytes;
     }
 
     std::vector<Access> accesses;
+    std::vector<Store> stores;  // the first four bytes of each write
+    std::function<void(uint64_t address)> beforeRead;
 
 private:
     std::map<uint64_t, std::vector<unsigned char>> cells_;

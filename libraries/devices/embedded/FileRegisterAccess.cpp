@@ -5,7 +5,6 @@
 
 #include <stdexcept>
 
-
 namespace Harvane::ZornLib::Devices::Embedded {
 
 namespace {

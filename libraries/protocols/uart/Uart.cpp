@@ -4,6 +4,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -39,7 +40,7 @@ void Uart::initialize() {
     settings.c_cflag |= CS8 | CREAD | CLOCAL;
     settings.c_lflag &= ~static_cast<tcflag_t>(ISIG | ICANON | ECHO | ECHOE | ECHONL);
     // A read returns with what has arrived, at the latest after VTIME tenths of a second.
-    settings.c_cc[VTIME] = static_cast<cc_t>(timeout_ / 100);
+    settings.c_cc[VTIME] = static_cast<cc_t>(std::min(timeout_ / 100, 255u));
     settings.c_cc[VMIN] = 0;
 
     ::tcflush(fd_, TCIOFLUSH);

@@ -10,7 +10,7 @@ namespace Harvane::ZornLib::Protocols::Uart {
 class Uart {
 public:
     // `baudRate` is a termios speed constant such as B38400, `timeout` the longest wait of a read in milliseconds, of
-    // which the port keeps whole tenths of a second. Opens nothing.
+    // which the port keeps whole tenths of a second, 255 at most. Opens nothing.
     Uart(std::string deviceFileName, unsigned int baudRate, unsigned int timeout);
     Uart(const Uart&) = delete;
     Uart& operator=(const Uart&) = delete;

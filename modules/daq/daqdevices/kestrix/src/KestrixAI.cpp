@@ -79,6 +79,8 @@ KestrixAI::KestrixAI(std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAcc
 }
 
 KestrixAI::~KestrixAI() {
+    // A stream that runs on would refuse the set-up of whoever opens it next.
+    stopStartedTransfers();
     switchOffQuietly();
 }
 
@@ -420,6 +422,8 @@ void KestrixAI::startTransfers() {
 }
 
 void KestrixAI::stopStartedTransfers() noexcept {
+    // Their buffers belong to the start that failed.
+    runningStreams_.clear();
     for (; transfersStarted_ > 0; --transfersStarted_) {
         try {
             kernels_[transfersStarted_ - 1]->stopTransfer(runInUsbMode_);

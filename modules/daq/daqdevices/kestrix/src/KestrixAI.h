@@ -42,7 +42,9 @@ public:
     // switches their supply off.
     void setSimulationMode(bool on);
 
+    // Takes 0.3 s a slot. Nothing on a board whose modules are always on, or when the supply is on already.
     void enableSupply();
+    // Forgets what the amplifiers held, too.
     void disableSupply();
 
     void initializeHardware() override;

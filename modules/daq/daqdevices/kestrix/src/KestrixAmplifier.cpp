@@ -40,8 +40,8 @@ bool KestrixAmplifier::update() {
     }
 }
 
-// A setting that was refused, or not even sent, must not look as if it were in force. What the module has never been told
-// stays as it was asked for.
+// A setting that was refused, or not even sent, must not look as if it were in force. What the module has never been
+// told stays as it was asked for.
 void KestrixAmplifier::takeBackSettings() {
     const auto& device = properties_->getDeviceProperties();
     const Shared::Kestrix::AmplifierRecord unknown;

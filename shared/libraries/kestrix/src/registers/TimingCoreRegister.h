@@ -5,7 +5,8 @@
 namespace Harvane::Shared::Kestrix {
 
 // Timing core: reference selection, dividers, phase detector, frequency counter, acquisition start and the free-running
-// counters, all on the 150 MHz clock. 32-bit words behind 0xA3000000; the word at 0x0034 has no field.
+// counters. Phase and frequency are counts of the 150 MHz clock, CLKCNT those of the sampling base clock. 32-bit words
+// behind 0xA3000000; the word at 0x0034 has no field.
 class TimingCoreRegister final : public FpgaRegisterDevice {
 public:
     TimingCoreRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
