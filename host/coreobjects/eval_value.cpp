@@ -227,12 +227,7 @@ public:
     EvalValueImpl(std::shared_ptr<const EvalTree> tree, IPropertyObject* object)
         : tree_(std::move(tree)), object_(object) {}
 
-    ErrCode getExpression(IString** expression) override {
-        if (expression == nullptr)
-            return Errors::ArgumentNull;
-        *expression = StringPtr(tree_->expression).detach();
-        return Errors::Success;
-    }
+    ErrCode getExpression(IString** expression) override { return handOut(tree_->expression, expression); }
     ErrCode bind(IPropertyObject* object, IEvalValue** bound) override {
         if (object == nullptr || bound == nullptr)
             return Errors::ArgumentNull;
@@ -266,12 +261,7 @@ public:
             checkErrorInfo(serializer->endObject());
         });
     }
-    ErrCode getSerializeId(const char** id) override {
-        if (id == nullptr)
-            return Errors::ArgumentNull;
-        *id = EvalFormId;
-        return Errors::Success;
-    }
+    ErrCode getSerializeId(const char** id) override { return handOut(EvalFormId, id); }
     ErrCode toString(char** text) override {
         return text == nullptr ? Errors::ArgumentNull
                                : zornDuplicateCharPtr(text, tree_->expression.toStdString().c_str());

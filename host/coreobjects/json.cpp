@@ -66,12 +66,7 @@ class SerializedListImpl final : public ObjectImpl<ISerializedList> {
 public:
     explicit SerializedListImpl(Place place) : place_(std::move(place)) {}
 
-    ErrCode getCount(size_t* count) override {
-        if (count == nullptr)
-            return Errors::ArgumentNull;
-        *count = place_.node->size();
-        return Errors::Success;
-    }
+    ErrCode getCount(size_t* count) override { return handOut(place_.node->size(), count); }
     ErrCode getType(size_t index, SerializedType* type) override {
         if (type == nullptr)
             return Errors::ArgumentNull;

@@ -20,13 +20,13 @@ class PropertyObjectClassImpl final : public ObjectImpl<IPropertyObjectClass, IS
 public:
     explicit PropertyObjectClassImpl(IString* name) : name_(name) {}
 
-    ErrCode getName(IString** name) override { return give(name_, name); }
+    ErrCode getName(IString** name) override { return handOut(name_, name); }
     ErrCode setName(IString* name) override {
         name_ = StringPtr(name);
         classesChanged();
         return Errors::Success;
     }
-    ErrCode getParent(IString** name) override { return give(parent_, name); }
+    ErrCode getParent(IString** name) override { return handOut(parent_, name); }
     ErrCode setParent(IString* name) override {
         parent_ = StringPtr(name);
         classesChanged();
@@ -38,21 +38,10 @@ public:
             if (raw == nullptr)
                 throw InvalidParameterException("A property class can't register a null property");
             const PropertyInfoPtr info(raw);
-            const StringPtr name = info.getName();
-            if (name.view().empty())
-                throw InvalidParameterException("A property without a name can't be registered");
-            unsigned char frozen = 0;
-            checkErrorInfo(info->isFrozen(&frozen));
-            if (frozen != 0)
-                throw FrozenException("Property %s is registered already", name.toStdString().c_str());
-            if (info.getIndex() != -1)
-                throw InvalidValueException("Property %s has an index already", name.toStdString().c_str());
-            if (byName_.contains(name))
+            const StringPtr name = enrol(info, infos_.size());
+            if (!byName_.emplace(name, info).second)
                 throw AlreadyExistsException("Property %s already exists", name.toStdString().c_str());
-            checkErrorInfo(info->setIndex(static_cast<int32_t>(infos_.size())));
-            checkErrorInfo(info->freeze());
             infos_.push_back(info);
-            byName_.emplace(name, info);
             classesChanged();
         });
     }
@@ -95,24 +84,12 @@ public:
             return Errors::ArgumentNull;
         return wrapHandler([&] { writeClassForm(serializer, name_, parent_, infos_); });
     }
-    ErrCode getSerializeId(const char** id) override {
-        if (id == nullptr)
-            return Errors::ArgumentNull;
-        *id = ClassFormId;
-        return Errors::Success;
-    }
+    ErrCode getSerializeId(const char** id) override { return handOut(ClassFormId, id); }
     ErrCode toString(char** text) override {
         return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "PropertyObjectClass");
     }
 
 private:
-    static ErrCode give(const StringPtr& text, IString** out) {
-        if (out == nullptr)
-            return Errors::ArgumentNull;
-        *out = StringPtr(text).detach();
-        return Errors::Success;
-    }
-
     StringPtr name_;
     StringPtr parent_;
     std::vector<PropertyInfoPtr> infos_;

@@ -15,46 +15,41 @@ class PropertyInfoImpl final : public ObjectImpl<IPropertyInfo> {
 public:
     PropertyInfoImpl(IString* name, CoreType type) : name_(name), type_(type) {}
 
-    ErrCode getName(IString** name) override {
-        if (name == nullptr)
-            return Errors::ArgumentNull;
-        *name = StringPtr(name_).detach();
-        return Errors::Success;
-    }
+    ErrCode getName(IString** name) override { return handOut(name_, name); }
     ErrCode setName(IString* name) override { return assign(name_, StringPtr(name)); }
-    ErrCode getValueType(CoreType* type) override { return give(type_, type); }
+    ErrCode getValueType(CoreType* type) override { return handOut(type_, type); }
     ErrCode setValueType(CoreType type) override { return assign(type_, type); }
 
-    ErrCode getDefaultValue(IBaseObject** value) override { return give(defaultValue_, value); }
+    ErrCode getDefaultValue(IBaseObject** value) override { return handOut(defaultValue_, value); }
     ErrCode setDefaultValue(IBaseObject* value) override { return assign(defaultValue_, BasePtr(value)); }
-    ErrCode getValues(IBaseObject** values) override { return give(values_, values); }
+    ErrCode getValues(IBaseObject** values) override { return handOut(values_, values); }
     ErrCode setValues(IBaseObject* values) override { return assign(values_, BasePtr(values)); }
-    ErrCode getUnit(IBaseObject** unit) override { return give(unit_, unit); }
+    ErrCode getUnit(IBaseObject** unit) override { return handOut(unit_, unit); }
     ErrCode setUnit(IBaseObject* unit) override { return assign(unit_, BasePtr(unit)); }
-    ErrCode getMinValue(IBaseObject** value) override { return give(minValue_, value); }
+    ErrCode getMinValue(IBaseObject** value) override { return handOut(minValue_, value); }
     ErrCode setMinValue(IBaseObject* value) override { return assign(minValue_, BasePtr(value)); }
-    ErrCode getMaxValue(IBaseObject** value) override { return give(maxValue_, value); }
+    ErrCode getMaxValue(IBaseObject** value) override { return handOut(maxValue_, value); }
     ErrCode setMaxValue(IBaseObject* value) override { return assign(maxValue_, BasePtr(value)); }
-    ErrCode getReadOnly(IBaseObject** value) override { return give(readOnly_, value); }
+    ErrCode getReadOnly(IBaseObject** value) override { return handOut(readOnly_, value); }
     ErrCode setReadOnly(IBaseObject* value) override { return assign(readOnly_, BasePtr(value)); }
-    ErrCode getReadOnlyValue(IBaseObject** value) override { return give(readOnlyValue_, value); }
+    ErrCode getReadOnlyValue(IBaseObject** value) override { return handOut(readOnlyValue_, value); }
     ErrCode setReadOnlyValue(IBaseObject* value) override { return assign(readOnlyValue_, BasePtr(value)); }
-    ErrCode getEnabled(IBaseObject** value) override { return give(enabled_, value); }
+    ErrCode getEnabled(IBaseObject** value) override { return handOut(enabled_, value); }
     ErrCode setEnabled(IBaseObject* value) override { return assign(enabled_, BasePtr(value)); }
-    ErrCode getVisible(IBaseObject** value) override { return give(visible_, value); }
+    ErrCode getVisible(IBaseObject** value) override { return handOut(visible_, value); }
     ErrCode setVisible(IBaseObject* value) override { return assign(visible_, BasePtr(value)); }
-    ErrCode getReference(IBaseObject** reference) override { return give(reference_, reference); }
+    ErrCode getReference(IBaseObject** reference) override { return handOut(reference_, reference); }
     ErrCode setReference(IBaseObject* reference) override { return assign(reference_, BasePtr(reference)); }
 
-    ErrCode getHidden(unsigned char* hidden) override { return give(hidden_, hidden); }
+    ErrCode getHidden(unsigned char* hidden) override { return handOut(hidden_, hidden); }
     ErrCode setHidden(unsigned char hidden) override {
         return assign(hidden_, static_cast<unsigned char>(hidden != 0));
     }
-    ErrCode getSelection(unsigned char* selection) override { return give(selection_, selection); }
+    ErrCode getSelection(unsigned char* selection) override { return handOut(selection_, selection); }
     ErrCode setSelection(unsigned char selection) override {
         return assign(selection_, static_cast<unsigned char>(selection != 0));
     }
-    ErrCode getIndex(int32_t* index) override { return give(index_, index); }
+    ErrCode getIndex(int32_t* index) override { return handOut(index_, index); }
     ErrCode setIndex(int32_t index) override {
         if (frozen_ && index_ != -1)
             return refuseFrozen();
@@ -62,11 +57,11 @@ public:
         return Errors::Success;
     }
 
-    ErrCode getOnReadValue(IFuncObject** function) override { return give(onRead_, function); }
+    ErrCode getOnReadValue(IFuncObject** function) override { return handOut(onRead_, function); }
     ErrCode setOnReadValue(IFuncObject* function) override {
         return assign(onRead_, ObjectPtr<IFuncObject>(function));
     }
-    ErrCode getOnWriteValue(IFuncObject** function) override { return give(onWrite_, function); }
+    ErrCode getOnWriteValue(IFuncObject** function) override { return handOut(onWrite_, function); }
     ErrCode setOnWriteValue(IFuncObject* function) override {
         return assign(onWrite_, ObjectPtr<IFuncObject>(function));
     }
@@ -80,7 +75,7 @@ public:
                 return code;
             onChanged_ = ObjectPtr<IEvent>::take(made);
         }
-        return give(onChanged_, event);
+        return handOut(onChanged_, event);
     }
     ErrCode setOnValueChanged(IEvent* event) override { return assign(onChanged_, ObjectPtr<IEvent>(event)); }
 
@@ -130,7 +125,7 @@ public:
         frozen_ = true;
         return Errors::Success;
     }
-    ErrCode isFrozen(unsigned char* frozen) override { return give(static_cast<unsigned char>(frozen_), frozen); }
+    ErrCode isFrozen(unsigned char* frozen) override { return handOut(frozen_ ? 1 : 0, frozen); }
 
     ErrCode toString(char** text) override {
         return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "PropertyInfo");
@@ -171,22 +166,6 @@ private:
         std::swap(field, value);
         return Errors::Success;
     }
-    template <class I>
-    static ErrCode give(const ObjectPtr<I>& field, I** out) {
-        if (out == nullptr)
-            return Errors::ArgumentNull;
-        *out = ObjectPtr<I>(field).detach();
-        return Errors::Success;
-    }
-    template <class T>
-        requires std::is_arithmetic_v<T> || std::is_enum_v<T>
-    static ErrCode give(T field, T* out) {
-        if (out == nullptr)
-            return Errors::ArgumentNull;
-        *out = field;
-        return Errors::Success;
-    }
-
     StringPtr name_;
     CoreType type_;
     BasePtr defaultValue_;

@@ -24,30 +24,10 @@ public:
         *name = nullptr;
         return wrapHandler([&] { *name = StringPtr("PropertyValueChanged").detach(); });
     }
-    ErrCode getPropertyName(IString** name) override {
-        if (name == nullptr)
-            return Errors::ArgumentNull;
-        *name = StringPtr(name_).detach();
-        return Errors::Success;
-    }
-    ErrCode getProperty(IPropertyInfo** info) override {
-        if (info == nullptr)
-            return Errors::ArgumentNull;
-        *info = PropertyInfoPtr(info_).detach();
-        return Errors::Success;
-    }
-    ErrCode getValue(IBaseObject** value) override {
-        if (value == nullptr)
-            return Errors::ArgumentNull;
-        *value = BasePtr(value_).detach();
-        return Errors::Success;
-    }
-    ErrCode getChangeType(int32_t* type) override {
-        if (type == nullptr)
-            return Errors::ArgumentNull;
-        *type = static_cast<int32_t>(type_);
-        return Errors::Success;
-    }
+    ErrCode getPropertyName(IString** name) override { return handOut(name_, name); }
+    ErrCode getProperty(IPropertyInfo** info) override { return handOut(info_, info); }
+    ErrCode getValue(IBaseObject** value) override { return handOut(value_, value); }
+    ErrCode getChangeType(int32_t* type) override { return handOut(static_cast<int32_t>(type_), type); }
 
 private:
     StringPtr name_;

@@ -147,47 +147,19 @@ ErrCode ChannelBufferImpl::timestampAt(size_t position, long* timestamp) const {
     return Errors::Success;
 }
 
-ErrCode ChannelBufferImpl::getData(void** data) {
-    if (data == nullptr)
-        return Errors::ArgumentNull;
-    *data = samples_.data();
-    return Errors::Success;
-}
+ErrCode ChannelBufferImpl::getData(void** data) { return handOut(samples_.data(), data); }
 
-ErrCode ChannelBufferImpl::getCapacity(size_t* capacity) {
-    if (capacity == nullptr)
-        return Errors::ArgumentNull;
-    *capacity = capacity_;
-    return Errors::Success;
-}
+ErrCode ChannelBufferImpl::getCapacity(size_t* capacity) { return handOut(capacity_, capacity); }
 
-ErrCode ChannelBufferImpl::getSize(size_t* size) {
-    if (size == nullptr)
-        return Errors::ArgumentNull;
-    *size = filled();
-    return Errors::Success;
-}
+ErrCode ChannelBufferImpl::getSize(size_t* size) { return handOut(filled(), size); }
 
 ErrCode ChannelBufferImpl::getPosition(size_t* position) {
-    if (position == nullptr)
-        return Errors::ArgumentNull;
-    *position = capacity_ == 0 ? 0 : static_cast<size_t>(acquired()) % capacity_;
-    return Errors::Success;
+    return handOut(capacity_ == 0 ? 0 : static_cast<size_t>(acquired()) % capacity_, position);
 }
 
-ErrCode ChannelBufferImpl::getSampleSize(size_t* bytes) {
-    if (bytes == nullptr)
-        return Errors::ArgumentNull;
-    *bytes = sampleSize_;
-    return Errors::Success;
-}
+ErrCode ChannelBufferImpl::getSampleSize(size_t* bytes) { return handOut(sampleSize_, bytes); }
 
-ErrCode ChannelBufferImpl::isEmpty(unsigned char* empty) {
-    if (empty == nullptr)
-        return Errors::ArgumentNull;
-    *empty = filled() == 0 ? 1 : 0;
-    return Errors::Success;
-}
+ErrCode ChannelBufferImpl::isEmpty(unsigned char* empty) { return handOut(filled() == 0 ? 1 : 0, empty); }
 
 ErrCode ChannelBufferImpl::getSample(size_t position, void** sample) {
     if (sample == nullptr)
@@ -202,11 +174,6 @@ ErrCode ChannelBufferImpl::getSampleInDouble(size_t position, double* value) {
     return rawValue(position, value);
 }
 
-ErrCode ChannelBufferImpl::getPositionPointer(size_t** position) {
-    if (position == nullptr)
-        return Errors::ArgumentNull;
-    *position = &position_;
-    return Errors::Success;
-}
+ErrCode ChannelBufferImpl::getPositionPointer(size_t** position) { return handOut(&position_, position); }
 
 }  // namespace Harvane::RT::Core

@@ -13,12 +13,7 @@ public:
 
     ErrCode getName(IString** name) override { return getText(ChannelNodePropertyClass::NameProp, name); }
     ErrCode setName(IString* name) override { return setText(ChannelNodePropertyClass::NameProp, name); }
-    ErrCode getChannelNodeType(ChannelNodeType* type) override {
-        if (type == nullptr)
-            return argumentNull();
-        *type = ChannelNodeType::Folder;
-        return Errors::Success;
-    }
+    ErrCode getChannelNodeType(ChannelNodeType* type) override { return handOut(ChannelNodeType::Folder, type); }
 
     ErrCode addChild(IChannelNode* child) override {
         if (child == nullptr)

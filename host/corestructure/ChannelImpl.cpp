@@ -42,7 +42,7 @@ public:
 
     ErrCode getName(IString** name) override { return getText(ChannelNodePropertyClass::NameProp, name); }
     ErrCode setName(IString* name) override { return setText(ChannelNodePropertyClass::NameProp, name); }
-    ErrCode getChannelNodeType(ChannelNodeType* type) override { return put(type, ChannelNodeType::Channel); }
+    ErrCode getChannelNodeType(ChannelNodeType* type) override { return handOut(ChannelNodeType::Channel, type); }
 
     // ---- Properties ----
 
@@ -91,7 +91,7 @@ public:
 
     ErrCode getActive(unsigned char* active) override {
         const int latched = active_.load(std::memory_order_acquire);
-        return latched == NotLatched ? getUsed(active) : put(active, static_cast<unsigned char>(latched));
+        return latched == NotLatched ? getUsed(active) : handOut(static_cast<unsigned char>(latched), active);
     }
     ErrCode initialize() override { return Errors::Success; }
     ErrCode initializeAcquisition() override {
@@ -107,9 +107,9 @@ public:
     ErrCode finalizeAcquisition() override { return Errors::Success; }
 
     ErrCode getBuffer(IChannelBuffer** buffer) override {
-        return put(buffer, static_cast<IChannelBuffer*>(buffer_), [&] { buffer_->addRef(); });
+        return handOut(bufferHolder_, buffer);
     }
-    ErrCode getSamplesAcquired(long* count) override { return put(count, buffer_->acquired()); }
+    ErrCode getSamplesAcquired(long* count) override { return handOut(buffer_->acquired(), count); }
     ErrCode incrementSamplePosition(size_t count) override { return buffer_->increment(count); }
     ErrCode getCurrentSample(double* value) override { return getSampleAtRelativePos(-1, value); }
     ErrCode getSampleAtPos(size_t position, double* value) override {
@@ -119,12 +119,12 @@ public:
         return scaled(buffer_->rawValueRelative(position, value), value);
     }
     ErrCode hasSamples(unsigned char* has) override {
-        return put(has, static_cast<unsigned char>(buffer_->filled() != 0 ? 1 : 0));
+        return handOut(static_cast<unsigned char>(buffer_->filled() != 0 ? 1 : 0), has);
     }
-    ErrCode scaleValue(double raw, double* value) override { return put(value, scaledNumber(raw)); }
-    ErrCode getSampleDataType(SampleDataType* type) override { return put(type, dataType_); }
-    ErrCode getDimension(size_t* dimension) override { return put(dimension, dimension_); }
-    ErrCode getType(int* type) override { return put(type, type_); }
+    ErrCode scaleValue(double raw, double* value) override { return handOut(scaledNumber(raw), value); }
+    ErrCode getSampleDataType(SampleDataType* type) override { return handOut(dataType_, type); }
+    ErrCode getDimension(size_t* dimension) override { return handOut(dimension_, dimension); }
+    ErrCode getType(int* type) override { return handOut(type_, type); }
 
     // ---- Asynchronous channels ----
 
@@ -147,23 +147,6 @@ protected:
 
 private:
     static constexpr int NotLatched = -1;
-
-    // The operations of the cycle answer plain numbers; no error text, no allocation.
-    template <class T>
-    static ErrCode put(T* result, T value) {
-        if (result == nullptr)
-            return Errors::ArgumentNull;
-        *result = value;
-        return Errors::Success;
-    }
-    template <class T, class Before>
-    static ErrCode put(T* result, T value, Before&& before) {
-        if (result == nullptr)
-            return Errors::ArgumentNull;
-        before();
-        *result = value;
-        return Errors::Success;
-    }
 
     double scaledNumber(double raw) const {
         return raw * scale_.load(std::memory_order_relaxed) + offset_.load(std::memory_order_relaxed);

@@ -17,12 +17,7 @@ constexpr const char* RootFolderId = "channels";
 class AcquisitionInfoImpl final : public ObjectImpl<IAcquisitionInfo> {
 public:
     explicit AcquisitionInfoImpl(long cycleTimeMs) : cycleTimeMs_(cycleTimeMs) {}
-    ErrCode getCycleTime(long* milliseconds) override {
-        if (milliseconds == nullptr)
-            return Errors::ArgumentNull;
-        *milliseconds = cycleTimeMs_;
-        return Errors::Success;
-    }
+    ErrCode getCycleTime(long* milliseconds) override { return handOut(cycleTimeMs_, milliseconds); }
 
 private:
     const long cycleTimeMs_;
@@ -39,12 +34,7 @@ public:
             registerProperty(PropertyInfoPtr::create(UpdatingProp, CoreType::Bool).defaultValue(false).get()));
     }
 
-    ErrCode getAcquisitionInfo(IAcquisitionInfo** info) override {
-        if (info == nullptr)
-            return argumentNull();
-        *info = ObjectPtr<IAcquisitionInfo>(info_).detach();
-        return Errors::Success;
-    }
+    ErrCode getAcquisitionInfo(IAcquisitionInfo** info) override { return handOut(info_, info); }
     ErrCode getDataModules(IList** modules) override {
         if (modules == nullptr)
             return argumentNull();
@@ -103,12 +93,7 @@ public:
     // The root folder's parent is given here and not in the constructor, where nobody holds this object yet.
     void adoptRoot() { adoptChild(this, {}, root_.get(), RootFolderId); }
 
-    ErrCode getRootFolder(IChannelFolder** folder) override {
-        if (folder == nullptr)
-            return argumentNull();
-        *folder = ObjectPtr<IChannelFolder>(root_).detach();
-        return Errors::Success;
-    }
+    ErrCode getRootFolder(IChannelFolder** folder) override { return handOut(root_, folder); }
 
 private:
     ObjectPtr<IChannelFolder> root_;

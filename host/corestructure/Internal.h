@@ -7,23 +7,15 @@ namespace Harvane::RT::Core {
 
 // The data object's side that takes the clock which a module has registered.
 class IClockReceiver : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IClockReceiver");
-    virtual ErrCode setClockProvider(IClockProvider* clock) = 0;  // null forgets
+    ZORN_INTERFACE(IClockReceiver, IBaseObject)
 
-protected:
-    ~IClockReceiver() = default;
+    virtual ErrCode setClockProvider(IClockProvider* clock) = 0;  // null forgets
 };
 
 class IRegisteredProviders : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IRegisteredProviders");
-    virtual ErrCode getProviders(IClockProvider** clock, ILoopProvider** loop, IAbsTimeProvider** absTime) = 0;
+    ZORN_INTERFACE(IRegisteredProviders, IBaseObject)
 
-protected:
-    ~IRegisteredProviders() = default;
+    virtual ErrCode getProviders(IClockProvider** clock, ILoopProvider** loop, IAbsTimeProvider** absTime) = 0;
 };
 
 }  // namespace Harvane::RT::Core

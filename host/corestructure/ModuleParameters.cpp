@@ -9,14 +9,6 @@ namespace Harvane::RT::Core {
 
 namespace {
 
-template <class I>
-ErrCode handOut(const ObjectPtr<I>& object, I** result) {
-    if (result == nullptr)
-        return Errors::ArgumentNull;
-    *result = ObjectPtr<I>(object).detach();
-    return Errors::Success;
-}
-
 class ModuleAddParamsImpl final : public ObjectImpl<IModuleAddParams> {
 public:
     ModuleAddParamsImpl(IData* data, IDataModule* module, IAcquisitionSync* sync)

@@ -22,18 +22,8 @@ public:
         return this->guarded([&] { *id = nodeId().detach(); });
     }
     ErrCode getUniqueId(IString** id) override { return getNodeId(id); }
-    ErrCode getParent(INode** parent) override {
-        if (parent == nullptr)
-            return this->argumentNull();
-        *parent = parentNode().detach();
-        return Errors::Success;
-    }
-    ErrCode getNodeType(NodeType* type) override {
-        if (type == nullptr)
-            return this->argumentNull();
-        *type = type_;
-        return Errors::Success;
-    }
+    ErrCode getParent(INode** parent) override { return handOut(parentNode(), parent); }
+    ErrCode getNodeType(NodeType* type) override { return handOut(type_, type); }
     ErrCode setParent(INode* parent, IString* localId) override {
         return this->guarded([&] {
             parent_ = this->weakRefTo(parent);
@@ -41,12 +31,7 @@ public:
                 localId_ = StringPtr(localId);
         });
     }
-    ErrCode getLocalId(IString** id) override {
-        if (id == nullptr)
-            return this->argumentNull();
-        *id = StringPtr(localId_).detach();
-        return Errors::Success;
-    }
+    ErrCode getLocalId(IString** id) override { return handOut(localId_, id); }
 
     // "NodeId" and "Parent" come from the tree and are never held as values: the one changes when a parent finds its
     // place, the other would be a circle of references.

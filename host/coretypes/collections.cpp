@@ -10,12 +10,7 @@ namespace {
 
 class ListImpl final : public ObjectImpl<IList, ICoreType> {
 public:
-    ErrCode getCount(size_t* count) override {
-        if (count == nullptr)
-            return Errors::ArgumentNull;
-        *count = items_.size();
-        return Errors::Success;
-    }
+    ErrCode getCount(size_t* count) override { return handOut(items_.size(), count); }
     ErrCode getItemAt(size_t index, IBaseObject** item) override {
         if (item == nullptr)
             return Errors::ArgumentNull;
@@ -46,12 +41,7 @@ public:
         return Errors::Success;
     }
     ErrCode dispose() override { return clear(); }
-    ErrCode getCoreType(CoreType* type) override {
-        if (type == nullptr)
-            return Errors::ArgumentNull;
-        *type = CoreType::List;
-        return Errors::Success;
-    }
+    ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::List, type); }
     ErrCode toString(char** text) override {
         return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "List");
     }
@@ -124,22 +114,12 @@ public:
             *keys = list.detach();
         });
     }
-    ErrCode getCount(size_t* count) override {
-        if (count == nullptr)
-            return Errors::ArgumentNull;
-        *count = items_.size();
-        return Errors::Success;
-    }
+    ErrCode getCount(size_t* count) override { return handOut(items_.size(), count); }
     ErrCode dispose() override {
         const auto removed = std::exchange(items_, {});
         return Errors::Success;
     }
-    ErrCode getCoreType(CoreType* type) override {
-        if (type == nullptr)
-            return Errors::ArgumentNull;
-        *type = CoreType::Dict;
-        return Errors::Success;
-    }
+    ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::Dict, type); }
     ErrCode toString(char** text) override {
         return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "Dict");
     }

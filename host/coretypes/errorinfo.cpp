@@ -11,18 +11,8 @@ class ErrorInfoImpl final : public ObjectImpl<IErrorInfo> {
 public:
     ErrorInfoImpl(const char* message, IBaseObject* source) : message_(message), source_(source) {}
 
-    ErrCode getMessage(IString** message) override {
-        if (message == nullptr)
-            return Errors::ArgumentNull;
-        *message = StringPtr(message_).detach();
-        return Errors::Success;
-    }
-    ErrCode getSource(IBaseObject** source) override {
-        if (source == nullptr)
-            return Errors::ArgumentNull;
-        *source = BasePtr(source_).detach();
-        return Errors::Success;
-    }
+    ErrCode getMessage(IString** message) override { return handOut(message_, message); }
+    ErrCode getSource(IBaseObject** source) override { return handOut(source_, source); }
     ErrCode toString(char** text) override {
         return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, message_.toStdString().c_str());
     }

@@ -32,12 +32,7 @@ public:
         });
     }
 
-    ErrCode getHandlerCount(size_t* count) override {
-        if (count == nullptr)
-            return Errors::ArgumentNull;
-        *count = handlers_->size();
-        return Errors::Success;
-    }
+    ErrCode getHandlerCount(size_t* count) override { return handOut(handlers_->size(), count); }
 
     ErrCode trigger(IBaseObject* sender, IEventArgs* arguments) override {
         // A list is never changed once it stands, so that holding it is a copy without copying.

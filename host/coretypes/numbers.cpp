@@ -6,57 +6,47 @@
 namespace Harvane::RT::Core {
 namespace {
 
-class IntImpl final : public ValueImpl<IIntObject, CoreType::Int> {
+// Integers and truth values.
+template <class I, CoreType Type, class T>
+class IntegralImpl final : public ValueImpl<I, Type> {
 public:
-    explicit IntImpl(int64_t value) : value_(value) {}
+    explicit IntegralImpl(T value) : value_(value) {}
 
-    ErrCode getValue(int64_t* value) override {
-        if (value == nullptr)
-            return Errors::ArgumentNull;
-        *value = value_;
-        return Errors::Success;
-    }
-    ErrCode getHashCode(size_t* hash) override {
-        if (hash == nullptr)
-            return Errors::ArgumentNull;
-        *hash = std::hash<int64_t>()(value_);
-        return Errors::Success;
-    }
+    ErrCode getValue(T* value) override { return handOut(value_, value); }
+    ErrCode getHashCode(size_t* hash) override { return handOut(static_cast<size_t>(value_), hash); }
 
 protected:
     bool readBool(bool& value) const override { return value = value_ != 0, true; }
     bool readInt(int64_t& value) const override { return value = value_, true; }
     bool readFloat(double& value) const override { return value = static_cast<double>(value_), true; }
     bool readRatio(Ratio& value) const override { return value = {value_, 1}, true; }
-    std::string text() const override { return std::to_string(value_); }
+    std::string text() const override {
+        if constexpr (Type == CoreType::Bool)
+            return value_ != 0 ? "true" : "false";
+        else
+            return std::to_string(value_);
+    }
     bool compare(IBaseObject* other, int& result) const override {
-        IIntObject* number = same(other);
-        int64_t value = 0;
-        if (number == nullptr || failed(number->getValue(&value)))
+        T value = 0;
+        if (!this->valueOf(other, value))
             return false;
-        result = order(value_, value);
+        result = this->order(value_, value);
         return true;
     }
 
 private:
-    int64_t value_;
+    T value_;
 };
+using IntImpl = IntegralImpl<IIntObject, CoreType::Int, int64_t>;
+using BoolImpl = IntegralImpl<IBoolObject, CoreType::Bool, unsigned char>;
 
 class FloatImpl final : public ValueImpl<IFloatObject, CoreType::Float> {
 public:
     explicit FloatImpl(double value) : value_(value) {}
 
-    ErrCode getValue(double* value) override {
-        if (value == nullptr)
-            return Errors::ArgumentNull;
-        *value = value_;
-        return Errors::Success;
-    }
+    ErrCode getValue(double* value) override { return handOut(value_, value); }
     ErrCode getHashCode(size_t* hash) override {
-        if (hash == nullptr)
-            return Errors::ArgumentNull;
-        *hash = std::isnan(value_) ? 1 : std::hash<double>()(value_);
-        return Errors::Success;
+        return handOut(std::isnan(value_) ? 1 : std::hash<double>()(value_), hash);
     }
 
 protected:
@@ -67,9 +57,8 @@ protected:
     std::string text() const override { return Conversions::formatFloat(value_); }
     // All NaNs are equal and stand before the numbers, so that they can be sorted and be keys.
     bool compare(IBaseObject* other, int& result) const override {
-        IFloatObject* number = same(other);
         double value = 0.0;
-        if (number == nullptr || failed(number->getValue(&value)))
+        if (!valueOf(other, value))
             return false;
         if (std::isnan(value_) || std::isnan(value))
             result = (std::isnan(value) ? 1 : 0) - (std::isnan(value_) ? 1 : 0);
@@ -82,58 +71,12 @@ private:
     double value_;
 };
 
-class BoolImpl final : public ValueImpl<IBoolObject, CoreType::Bool> {
-public:
-    explicit BoolImpl(bool value) : value_(value) {}
-
-    ErrCode getValue(unsigned char* value) override {
-        if (value == nullptr)
-            return Errors::ArgumentNull;
-        *value = value_ ? 1 : 0;
-        return Errors::Success;
-    }
-    ErrCode getHashCode(size_t* hash) override {
-        if (hash == nullptr)
-            return Errors::ArgumentNull;
-        *hash = value_ ? 1 : 0;
-        return Errors::Success;
-    }
-
-protected:
-    bool readBool(bool& value) const override { return value = value_, true; }
-    bool readInt(int64_t& value) const override { return value = value_ ? 1 : 0, true; }
-    bool readFloat(double& value) const override { return value = value_ ? 1.0 : 0.0, true; }
-    bool readRatio(Ratio& value) const override { return value = {value_ ? 1 : 0, 1}, true; }
-    std::string text() const override { return value_ ? "true" : "false"; }
-    bool compare(IBaseObject* other, int& result) const override {
-        IBoolObject* flag = same(other);
-        unsigned char value = 0;
-        if (flag == nullptr || failed(flag->getValue(&value)))
-            return false;
-        result = (value_ ? 1 : 0) - (value != 0 ? 1 : 0);
-        return true;
-    }
-
-private:
-    bool value_;
-};
-
 class RatioImpl final : public ValueImpl<IRatio, CoreType::Ratio> {
 public:
     RatioImpl(int64_t numerator, int64_t denominator) : value_{numerator, denominator} {}
 
-    ErrCode getNumerator(int64_t* numerator) override {
-        if (numerator == nullptr)
-            return Errors::ArgumentNull;
-        *numerator = value_.numerator;
-        return Errors::Success;
-    }
-    ErrCode getDenominator(int64_t* denominator) override {
-        if (denominator == nullptr)
-            return Errors::ArgumentNull;
-        *denominator = value_.denominator;
-        return Errors::Success;
-    }
+    ErrCode getNumerator(int64_t* numerator) override { return handOut(value_.numerator, numerator); }
+    ErrCode getDenominator(int64_t* denominator) override { return handOut(value_.denominator, denominator); }
     ErrCode getHashCode(size_t* hash) override {
         if (hash == nullptr)
             return Errors::ArgumentNull;
@@ -167,7 +110,7 @@ private:
 ErrCode createIntObject(IIntObject** object, int64_t value) { return createObject<IntImpl>(object, value); }
 ErrCode createFloatObject(IFloatObject** object, double value) { return createObject<FloatImpl>(object, value); }
 ErrCode createBoolObject(IBoolObject** object, unsigned char value) {
-    return createObject<BoolImpl>(object, value != 0);
+    return createObject<BoolImpl>(object, value != 0 ? 1 : 0);
 }
 ErrCode createRatio(IRatio** object, int64_t numerator, int64_t denominator) {
     if (object == nullptr)

@@ -10,24 +10,9 @@ class StringImpl final : public ValueImpl<IString, CoreType::String> {
 public:
     StringImpl(const char* text, size_t length) : text_(text, length) {}
 
-    ErrCode getLength(size_t* length) override {
-        if (length == nullptr)
-            return Errors::ArgumentNull;
-        *length = text_.size();
-        return Errors::Success;
-    }
-    ErrCode getCharPtr(const char** text) override {
-        if (text == nullptr)
-            return Errors::ArgumentNull;
-        *text = text_.c_str();
-        return Errors::Success;
-    }
-    ErrCode getHashCode(size_t* hash) override {
-        if (hash == nullptr)
-            return Errors::ArgumentNull;
-        *hash = std::hash<std::string_view>()(text_);
-        return Errors::Success;
-    }
+    ErrCode getLength(size_t* length) override { return handOut(text_.size(), length); }
+    ErrCode getCharPtr(const char** text) override { return handOut(text_.c_str(), text); }
+    ErrCode getHashCode(size_t* hash) override { return handOut(std::hash<std::string_view>()(text_), hash); }
 
 protected:
     bool readBool(bool& value) const override { return Conversions::parseBool(text_, value); }

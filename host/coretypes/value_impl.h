@@ -13,12 +13,7 @@ namespace Harvane::RT::Core {
 template <class I, CoreType Type>
 class ValueImpl : public ObjectImpl<I, ICoreType, IComparable, IConvertible> {
 public:
-    ErrCode getCoreType(CoreType* type) override {
-        if (type == nullptr)
-            return Errors::ArgumentNull;
-        *type = Type;
-        return Errors::Success;
-    }
+    ErrCode getCoreType(CoreType* type) override { return handOut(Type, type); }
 
     ErrCode toBool(unsigned char* value) override {
         bool result = false;
@@ -112,6 +107,13 @@ protected:
     static I* same(IBaseObject* other) {
         void* found = nullptr;
         return succeeded(other->borrowInterface(I::Id, &found)) ? static_cast<I*>(found) : nullptr;
+    }
+
+    // The value of another object of the same kind; false for any other.
+    template <class T>
+    static bool valueOf(IBaseObject* other, T& value) {
+        I* object = same(other);
+        return object != nullptr && succeeded(object->getValue(&value));
     }
 
 private:

@@ -9,9 +9,9 @@ public:
     VersionInfoImpl(unsigned int major, unsigned int minor, unsigned int patch)
         : major_(major), minor_(minor), patch_(patch) {}
 
-    ErrCode getMajor(unsigned int* value) override { return give(major_, value); }
-    ErrCode getMinor(unsigned int* value) override { return give(minor_, value); }
-    ErrCode getPatch(unsigned int* value) override { return give(patch_, value); }
+    ErrCode getMajor(unsigned int* value) override { return handOut(major_, value); }
+    ErrCode getMinor(unsigned int* value) override { return handOut(minor_, value); }
+    ErrCode getPatch(unsigned int* value) override { return handOut(patch_, value); }
     ErrCode toString(char** text) override {
         if (text == nullptr)
             return Errors::ArgumentNull;
@@ -21,13 +21,6 @@ public:
     }
 
 private:
-    static ErrCode give(unsigned int value, unsigned int* out) {
-        if (out == nullptr)
-            return Errors::ArgumentNull;
-        *out = value;
-        return Errors::Success;
-    }
-
     unsigned int major_;
     unsigned int minor_;
     unsigned int patch_;

@@ -34,12 +34,7 @@ class LoggerImpl final : public ObjectImpl<ILogger> {
 public:
     LoggerImpl(std::string name, int level) : name_(std::move(name)), level_(level) {}
 
-    ErrCode getLevel(int* level) override {
-        if (level == nullptr)
-            return Errors::ArgumentNull;
-        *level = level_.load(std::memory_order_relaxed);
-        return Errors::Success;
-    }
+    ErrCode getLevel(int* level) override { return handOut(level_.load(std::memory_order_relaxed), level); }
 
     ErrCode setLevel(int level) override {
         if (level < LowestLevel || level > OffLevel)

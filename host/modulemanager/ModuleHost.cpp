@@ -82,7 +82,7 @@ struct ModuleHost::State {
         throw InvalidStateException("Can't %s: %s", step, phase == Phase::Broken ? "a step failed, close first" : hint);
     }
 
-    void check(const char* step, ErrCode code) const { checkStep(library ? library->file() : "module", step, code); }
+    void check(const char* step, ErrCode code) const { checkStep(binary ? binary->file() : "module", step, code); }
 
     // For the steps on the way out: the first failure is what is reported, and the rest is done all the same.
     template <class Step>
@@ -185,7 +185,7 @@ struct ModuleHost::State {
     Phase phase = Phase::Closed;
     bool added = false;
 
-    std::unique_ptr<ModuleLibrary> library;
+    std::unique_ptr<ModuleLibrary> binary;
     std::string driverName;
     std::string moduleVersion;
     ObjectPtr<IModuleDriver> driver;
@@ -216,10 +216,10 @@ ModuleHost::~ModuleHost() {
 void ModuleHost::open(const std::string& file) {
     auto& s = *state_;
     if (s.phase != State::Phase::Closed)
-        throw InvalidStateException("Can't open %s: %s is open", file.c_str(), s.library->file().c_str());
-    s.library = std::make_unique<ModuleLibrary>(file);
+        throw InvalidStateException("Can't open %s: %s is open", file.c_str(), s.binary->file().c_str());
+    s.binary = std::make_unique<ModuleLibrary>(file);
     try {
-        s.driver = s.library->createDriver();
+        s.driver = s.binary->createDriver();
 
         IString* name = nullptr;
         s.check("asking the driver for its name", s.driver->getName(&name));
@@ -254,10 +254,10 @@ void ModuleHost::open(const std::string& file) {
         s.phase = State::Phase::Open;
     } catch (...) {
         s.releaseModule();
-        if (!s.library->unload(0))
+        if (!s.binary->unload(0))
             logLine(WarningLevel,
-                    fmt::format("{} stays loaded: {} of its objects are left", file, s.library->objectCount()));
-        s.library.reset();
+                    fmt::format("{} stays loaded: {} of its objects are left", file, s.binary->objectCount()));
+        s.binary.reset();
         throw;
     }
     logLine(InfoLevel, fmt::format("{}: \"{}\" {} is loaded", file, s.driverName, s.moduleVersion));
@@ -314,7 +314,7 @@ void ModuleHost::initialize() {
     for (const auto& channel : s.allChannels()) {
         const ErrCode code = channel->initializeAcquisition();
         if (failed(code))
-            throwStepFailure(s.library->file(), "reserving memory of channel " + channel.getNodeId().toStdString(),
+            throwStepFailure(s.binary->file(), "reserving memory of channel " + channel.getNodeId().toStdString(),
                              code);
     }
     s.phase = Phase::Initialized;
@@ -358,11 +358,11 @@ void ModuleHost::stop() {
 
 void ModuleHost::close(int timeoutMs) {
     auto& s = *state_;
-    if (!s.library)
+    if (!s.binary)
         return;
     std::string failure;
     s.attempt(failure, [&] { stop(); });
-    const std::string file = s.library->file();
+    const std::string file = s.binary->file();
     std::string balancing;
     if (s.added) {
         s.attempt(failure, [&] { s.check("remove", s.module->remove()); });
@@ -374,9 +374,9 @@ void ModuleHost::close(int timeoutMs) {
         s.abandonModule();
     s.added = false;
     s.phase = State::Phase::Closed;
-    const bool unloaded = s.library->unload(balancing.empty() ? timeoutMs : 0);  // abandoned objects hold it
-    const uint64_t left = s.library->objectCount();
-    s.library.reset();
+    const bool unloaded = s.binary->unload(balancing.empty() ? timeoutMs : 0);  // abandoned objects hold it
+    const uint64_t left = s.binary->objectCount();
+    s.binary.reset();
     if (!unloaded) {
         const std::string text =
             fmt::format("{} can't be unloaded: {}{} of its objects are left; it stays loaded", file,
@@ -389,7 +389,7 @@ void ModuleHost::close(int timeoutMs) {
 }
 
 bool ModuleHost::isOpen() const {
-    return state_->library != nullptr;
+    return state_->binary != nullptr;
 }
 
 bool ModuleHost::isAdded() const {
@@ -401,23 +401,23 @@ bool ModuleHost::isRunning() const {
 }
 
 std::string ModuleHost::file() const {
-    return state_->library ? state_->library->file() : std::string();
+    return state_->binary ? state_->binary->file() : std::string();
 }
 
 std::string ModuleHost::driverName() const {
-    return state_->library ? state_->driverName : std::string();
+    return state_->binary ? state_->driverName : std::string();
 }
 
 std::string ModuleHost::moduleVersion() const {
-    return state_->library ? state_->moduleVersion : std::string();
+    return state_->binary ? state_->moduleVersion : std::string();
 }
 
 bool ModuleHost::canUnload() const {
-    return !state_->library || state_->library->canUnload();
+    return !state_->binary || state_->binary->canUnload();
 }
 
 uint64_t ModuleHost::moduleObjectCount() const {
-    return state_->library ? state_->library->objectCount() : 0;
+    return state_->binary ? state_->binary->objectCount() : 0;
 }
 
 DataPtr ModuleHost::data() const {

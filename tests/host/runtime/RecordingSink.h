@@ -13,7 +13,6 @@ namespace Harvane::RT::Core {
 class RecordingSink final : public ILogSink {
 public:
     struct Line {
-        std::string logger;
         int level;
         std::string message;
     };
@@ -27,23 +26,18 @@ public:
         if (!logger_.empty() && logger_ != record.logger)
             return;
         std::lock_guard lock(mutex_);
-        lines_.push_back({record.logger, record.level, record.message});
+        lines_.push_back({record.level, record.message});
     }
 
     std::vector<std::string> messages() const {
-        std::lock_guard lock(mutex_);
         std::vector<std::string> result;
-        for (const auto& line : lines_)
+        for (const auto& line : lines())
             result.push_back(line.message);
         return result;
     }
     std::vector<Line> lines() const {
         std::lock_guard lock(mutex_);
         return lines_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
     }
 
 private:

@@ -7,18 +7,14 @@
 namespace Harvane::RT::Core {
 
 class ILogger : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ILogger");
+    ZORN_INTERFACE(ILogger, IBaseObject)
+
     virtual ErrCode getLevel(int* level) = 0;
     virtual ErrCode setLevel(int level) = 0;  // the lowest level that passes; may be repeated
     virtual ErrCode getName(IString** name) = 0;
     // Any thread.
     virtual ErrCode log(int level, const char* file, int line, const char* function, const char* message) = 0;
     virtual ErrCode flush() = 0;
-
-protected:
-    ~ILogger() = default;
 };
 
 ZORN_FUNCTION ErrCode zornGetLogger(const char* name, ILogger** logger);   // NotFound when unknown

@@ -26,22 +26,17 @@ enum class ConfigurationAction : int32_t { Leave = 0, Clear = 1, SetIfUnset = 2,
 
 // An expression in place of a value. Bound to an object it gives a result.
 class IEvalValue : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IEvalValue");
+    ZORN_INTERFACE(IEvalValue, IBaseObject)
+
     virtual ErrCode getExpression(IString** expression) = 0;
     virtual ErrCode bind(IPropertyObject* object, IEvalValue** bound) = 0;
     virtual ErrCode getResult(IBaseObject** result) = 0;  // InvalidState when unbound; null and 0 for "no result"
-
-protected:
-    ~IEvalValue() = default;
 };
 
 // Attributes take a plain value or an eval value; null means "not set". After freeze() setters answer Frozen.
 class IPropertyInfo : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IPropertyInfo");
+    ZORN_INTERFACE(IPropertyInfo, IBaseObject)
+
     virtual ErrCode getName(IString** name) = 0;
     virtual ErrCode setName(IString* name) = 0;
     virtual ErrCode getValueType(CoreType* type) = 0;
@@ -86,39 +81,28 @@ public:
     virtual ErrCode copyConfigurationActions(IPropertyInfo* other) = 0;
     virtual ErrCode freeze() = 0;
     virtual ErrCode isFrozen(unsigned char* frozen) = 0;
-
-protected:
-    ~IPropertyInfo() = default;
 };
 
 class IPropertyValueChangedEventArgs : public IEventArgs {
-public:
-    using Base = IEventArgs;
-    static constexpr IntfID Id = interfaceId("IPropertyValueChangedEventArgs");
+    ZORN_INTERFACE(IPropertyValueChangedEventArgs, IEventArgs)
+
     virtual ErrCode getPropertyName(IString** name) = 0;
     virtual ErrCode getProperty(IPropertyInfo** info) = 0;  // null for a name that was never registered
     virtual ErrCode getValue(IBaseObject** value) = 0;      // after a clear the value that was removed, or null
     virtual ErrCode getChangeType(int32_t* type) = 0;
-
-protected:
-    ~IPropertyValueChangedEventArgs() = default;
 };
 
 class IOwnable : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IOwnable");
-    virtual ErrCode setOwner(IPropertyObject* owner, IString* name) = 0;  // weak; null, null forgets
+    ZORN_INTERFACE(IOwnable, IBaseObject)
 
-protected:
-    ~IOwnable() = default;
+    virtual ErrCode setOwner(IPropertyObject* owner, IString* name) = 0;  // weak; null, null forgets
 };
 
-// Writing checks neither the limits nor "read-only" nor "enabled": who wants those checked uses checkedSet (below).
+// Writing checks neither the limits nor "read-only" nor "enabled": who wants those checked uses
+// zornCheckedSetProperty (below).
 class IPropertyObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IPropertyObject");
+    ZORN_INTERFACE(IPropertyObject, IBaseObject)
+
     virtual ErrCode registerProperty(IPropertyInfo* info) = 0;
     virtual ErrCode hasProperty(IString* name, unsigned char* found) = 0;
     virtual ErrCode isPropertySet(IString* name, unsigned char* set) = 0;
@@ -137,15 +121,11 @@ public:
     virtual ErrCode getOnPropertyValueChanged(IEvent** event) = 0;
     virtual ErrCode serialize(ISerializer* serializer) = 0;
     virtual ErrCode update(ConfigurationMode mode, ISerializedObject* serialized) = 0;
-
-protected:
-    ~IPropertyObject() = default;
 };
 
 class IPropertyObjectClass : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IPropertyObjectClass");
+    ZORN_INTERFACE(IPropertyObjectClass, IBaseObject)
+
     virtual ErrCode getName(IString** name) = 0;
     virtual ErrCode setName(IString* name) = 0;
     virtual ErrCode getParent(IString** name) = 0;  // null when there is none
@@ -154,23 +134,16 @@ public:
     virtual ErrCode hasProperty(IString* name, unsigned char* found) = 0;
     virtual ErrCode getProperty(IString* name, IPropertyInfo** info) = 0;  // own ones only; NotFound
     virtual ErrCode enumProperties(PropertyOrder order, IList** infos) = 0;
-
-protected:
-    ~IPropertyObjectClass() = default;
 };
 
 // A handle on the one registry of the process. Class names are compared without regard to ASCII case.
 class IPropertyObjectManager : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IPropertyObjectManager");
+    ZORN_INTERFACE(IPropertyObjectManager, IBaseObject)
+
     virtual ErrCode addClass(IPropertyObjectClass* objectClass) = 0;  // AlreadyExists
     virtual ErrCode removeClass(IString* name) = 0;                   // NotFound
     virtual ErrCode getClass(IString* name, IPropertyObjectClass** objectClass) = 0;  // exactly NotFound when missing
     virtual ErrCode enumClasses(IList** classes) = 0;
-
-protected:
-    ~IPropertyObjectManager() = default;
 };
 
 ZORN_FUNCTION ErrCode createEvalValue(IEvalValue** object, const char* expression);  // ParseFailed with the place
@@ -230,26 +203,26 @@ public:
     }
     // Adds a handler to the value-changed event.
     const PropertyInfoPtr& onValueChanged(const ObjectPtr<IEventHandler>& handler) const {
-        auto event = fetch<IEvent>([&](IEvent** result) { return checked()->getOnValueChanged(result); });
+        auto event = fetch(&IPropertyInfo::getOnValueChanged);
         checkErrorInfo(event->addHandler(handler.get()));
         return *this;
     }
 
-    StringPtr getName() const { return fetch<IString>([&](IString** r) { return checked()->getName(r); }); }
-    CoreType getValueType() const { return read<CoreType>([&](CoreType* r) { return checked()->getValueType(r); }); }
-    BasePtr getDefaultValue() const { return attribute(&IPropertyInfo::getDefaultValue); }
-    BasePtr getValues() const { return attribute(&IPropertyInfo::getValues); }
-    BasePtr getUnit() const { return attribute(&IPropertyInfo::getUnit); }
-    BasePtr getMinValue() const { return attribute(&IPropertyInfo::getMinValue); }
-    BasePtr getMaxValue() const { return attribute(&IPropertyInfo::getMaxValue); }
-    BasePtr getReadOnly() const { return attribute(&IPropertyInfo::getReadOnly); }
-    BasePtr getReadOnlyValue() const { return attribute(&IPropertyInfo::getReadOnlyValue); }
-    BasePtr getEnabled() const { return attribute(&IPropertyInfo::getEnabled); }
-    BasePtr getVisible() const { return attribute(&IPropertyInfo::getVisible); }
-    BasePtr getReference() const { return attribute(&IPropertyInfo::getReference); }
-    bool isHidden() const { return read<unsigned char>([&](unsigned char* r) { return checked()->getHidden(r); }) != 0; }
-    bool isSelection() const { return read<unsigned char>([&](unsigned char* r) { return checked()->getSelection(r); }) != 0; }
-    int32_t getIndex() const { return read<int32_t>([&](int32_t* r) { return checked()->getIndex(r); }); }
+    StringPtr getName() const { return fetch(&IPropertyInfo::getName); }
+    CoreType getValueType() const { return read(&IPropertyInfo::getValueType); }
+    BasePtr getDefaultValue() const { return fetch(&IPropertyInfo::getDefaultValue); }
+    BasePtr getValues() const { return fetch(&IPropertyInfo::getValues); }
+    BasePtr getUnit() const { return fetch(&IPropertyInfo::getUnit); }
+    BasePtr getMinValue() const { return fetch(&IPropertyInfo::getMinValue); }
+    BasePtr getMaxValue() const { return fetch(&IPropertyInfo::getMaxValue); }
+    BasePtr getReadOnly() const { return fetch(&IPropertyInfo::getReadOnly); }
+    BasePtr getReadOnlyValue() const { return fetch(&IPropertyInfo::getReadOnlyValue); }
+    BasePtr getEnabled() const { return fetch(&IPropertyInfo::getEnabled); }
+    BasePtr getVisible() const { return fetch(&IPropertyInfo::getVisible); }
+    BasePtr getReference() const { return fetch(&IPropertyInfo::getReference); }
+    bool isHidden() const { return read(&IPropertyInfo::getHidden) != 0; }
+    bool isSelection() const { return read(&IPropertyInfo::getSelection) != 0; }
+    int32_t getIndex() const { return read(&IPropertyInfo::getIndex); }
     // The list of values; an empty list when there is none. For infos that an object has handed out (bound).
     ListPtr getValuesAsList() const {
         const BasePtr list = getValues();
@@ -261,9 +234,6 @@ private:
     const PropertyInfoPtr& set(Setter setter, const T& value) const {
         checkErrorInfo((checked()->*setter)(toValue(value).get()));
         return *this;
-    }
-    BasePtr attribute(ErrCode (IPropertyInfo::*getter)(IBaseObject**)) const {
-        return fetch<IBaseObject>([&](IBaseObject** r) { return (checked()->*getter)(r); });
     }
 };
 
@@ -318,13 +288,8 @@ public:
             [&](IBaseObject** text) { return this->checked()->getPropertyEnum(name.get(), text); });
     }
     void setClassName(const StringPtr& name) const { checkErrorInfo(this->checked()->setClassName(name.get())); }
-    StringPtr getClassName() const {
-        return this->template fetch<IString>([&](IString** name) { return this->checked()->getClassName(name); });
-    }
-    ObjectPtr<IEvent> getOnPropertyValueChanged() const {
-        return this->template fetch<IEvent>(
-            [&](IEvent** event) { return this->checked()->getOnPropertyValueChanged(event); });
-    }
+    StringPtr getClassName() const { return this->fetch(&IPropertyObject::getClassName); }
+    ObjectPtr<IEvent> getOnPropertyValueChanged() const { return this->fetch(&IPropertyObject::getOnPropertyValueChanged); }
 };
 
 using GenericPropertyObjectPtr = PropertyObjectPtr<IPropertyObject>;
@@ -333,12 +298,8 @@ class PropertyValueChangedEventArgsPtr : public ObjectPtr<IPropertyValueChangedE
 public:
     using ObjectPtr::ObjectPtr;
     PropertyValueChangedEventArgsPtr(ObjectPtr<IPropertyValueChangedEventArgs>&& other) : ObjectPtr(std::move(other)) {}
-    StringPtr getPropertyName() const {
-        return fetch<IString>([&](IString** name) { return checked()->getPropertyName(name); });
-    }
-    BasePtr getValue() const {
-        return fetch<IBaseObject>([&](IBaseObject** value) { return checked()->getValue(value); });
-    }
+    StringPtr getPropertyName() const { return fetch(&IPropertyValueChangedEventArgs::getPropertyName); }
+    BasePtr getValue() const { return fetch(&IPropertyValueChangedEventArgs::getValue); }
 };
 
 class PropertyObjectClassPtr : public ObjectPtr<IPropertyObjectClass> {
@@ -348,9 +309,9 @@ public:
     static PropertyObjectClassPtr create() {
         return fetch<IPropertyObjectClass>([](IPropertyObjectClass** result) { return createPropertyObjectClass(result); });
     }
-    StringPtr getName() const { return fetch<IString>([&](IString** r) { return checked()->getName(r); }); }
+    StringPtr getName() const { return fetch(&IPropertyObjectClass::getName); }
     void setName(const StringPtr& name) const { checkErrorInfo(checked()->setName(name.get())); }
-    StringPtr getParent() const { return fetch<IString>([&](IString** r) { return checked()->getParent(r); }); }
+    StringPtr getParent() const { return fetch(&IPropertyObjectClass::getParent); }
     void setParent(const StringPtr& name) const { checkErrorInfo(checked()->setParent(name.get())); }
     void registerProperty(const PropertyInfoPtr& info) const { checkErrorInfo(checked()->registerProperty(info.get())); }
     PropertyInfoPtr getProperty(const StringPtr& name) const {

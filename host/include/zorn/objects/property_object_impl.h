@@ -20,13 +20,9 @@ namespace Harvane::RT::Core {
 // Gives the info as it was registered: attributes unresolved, references not followed. Searches the object, its
 // prototype, its class and the parents of that. Null and 0 when there is none.
 class IPropertyInfoLookup : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IPropertyInfoLookup");
-    virtual ErrCode findPropertyInfo(IString* name, IPropertyInfo** info) = 0;
+    ZORN_INTERFACE(IPropertyInfoLookup, IBaseObject)
 
-protected:
-    ~IPropertyInfoLookup() = default;
+    virtual ErrCode findPropertyInfo(IString* name, IPropertyInfo** info) = 0;
 };
 
 // Counts up with every change of any class; who keeps a chain of classes compares it.
@@ -99,6 +95,22 @@ inline bool isChildProperty(std::string_view name, std::string_view& parent, std
     parent = name.substr(0, dot);
     child = name.substr(dot + 1);
     return true;
+}
+
+// What every registration does with an info: it serves one, under the index that it gets here. Gives the name.
+inline StringPtr enrol(const PropertyInfoPtr& info, size_t index) {
+    StringPtr name = info.getName();
+    if (name.view().empty())
+        throw InvalidParameterException("A property without a name can't be registered");
+    unsigned char frozen = 0;
+    checkErrorInfo(info->isFrozen(&frozen));
+    if (frozen != 0)
+        throw FrozenException("Property %s is registered already", name.toStdString().c_str());
+    if (info.getIndex() != -1)
+        throw InvalidValueException("Property %s has an index already", name.toStdString().c_str());
+    checkErrorInfo(info->setIndex(static_cast<int32_t>(index)));
+    checkErrorInfo(info->freeze());
+    return name;
 }
 
 // Writes one value in its serialised form. NotSerializable for kinds that have none.
@@ -643,17 +655,7 @@ protected:
         if (raw == nullptr)
             throw InvalidParameterException();
         const PropertyInfoPtr info(raw);
-        const StringPtr name = info.getName();
-        if (name.view().empty())
-            throw InvalidParameterException("A property without a name can't be registered");
-        unsigned char frozen = 0;
-        checkErrorInfo(info->isFrozen(&frozen));
-        if (frozen != 0)
-            throw FrozenException();
-        if (info.getIndex() != -1)
-            throw InvalidValueException();
-        checkErrorInfo(info->setIndex(static_cast<int32_t>(localProperties.size())));
-        checkErrorInfo(info->freeze());
+        const StringPtr name = enrol(info, localProperties.size());
         if (!localProperties.emplace(name, info).second)
             throw AlreadyExistsException("Property %s already exists", name.toStdString().c_str());
     }
@@ -732,9 +734,15 @@ protected:
         return result;
     }
 
-    bool isVisible(const PropertyInfoPtr& info) { return flagAttribute(info, &IPropertyInfo::getVisible, true); }
-
-    // One attribute that can't be computed now must not hide all the other properties of a list.
+    // An attribute that can't be computed now must hide neither its property nor all the others of a list.
+    bool isVisible(const PropertyInfoPtr& info) {
+        try {
+            return flagAttribute(info, &IPropertyInfo::getVisible, true);
+        } catch (const ZornException&) {
+            zornClearErrorInfo();
+            return true;
+        }
+    }
     PropertyInfoPtr boundOrRaw(const PropertyInfoPtr& info) {
         try {
             return bindPropertyInfo(info);
@@ -782,8 +790,17 @@ protected:
         std::map<BasePtr, BasePtr, bool (*)(const BasePtr&, const BasePtr&)> sorted(&compareObjectPtr);
         for (const auto& [name, value] : propValues)
             sorted.emplace(asBase(name), value);
-        for (const auto& [name, value] : sorted)
-            serializeProperty(name.asPtr<IString>(), value, serializer);
+        for (const auto& [key, value] : sorted) {
+            const StringPtr name = key.asPtr<IString>();
+            try {
+                serializeProperty(name, value, serializer);
+            } catch (const NotSerializableException& exception) {
+                if (!exception.defaultMessage)
+                    throw;
+                throw NotSerializableException("Property %s holds a value that can't be serialized",
+                                               name.toStdString().c_str());
+            }
+        }
         checkErrorInfo(serializer->endObject());
     }
 
@@ -1049,12 +1066,7 @@ public:
         *name = nullptr;
         return guarded([&] { *name = (className ? className : StringPtr("")).detach(); });
     }
-    ErrCode getOnPropertyValueChanged(IEvent** event) override {
-        if (event == nullptr)
-            return argumentNull();
-        *event = ObjectPtr<IEvent>(onChanged).detach();
-        return Errors::Success;
-    }
+    ErrCode getOnPropertyValueChanged(IEvent** event) override { return handOut(onChanged, event); }
     ErrCode serialize(ISerializer* serializer) override {
         if (serializer == nullptr)
             return argumentNull();
@@ -1066,23 +1078,13 @@ public:
         return guarded([&] { updateObjectProperties(mode, serialized); });
     }
 
-    ErrCode getSerializeId(const char** id) override {
-        if (id == nullptr)
-            return argumentNull();
-        *id = "PropertyObject";
-        return Errors::Success;
-    }
+    ErrCode getSerializeId(const char** id) override { return handOut("PropertyObject", id); }
     ErrCode getWeakRef(IWeakRef** reference) override {
         if (reference == nullptr)
             return argumentNull();
         return guarded([&] { *reference = new WeakRefImpl(this->shareControl(), this->self()); });
     }
-    ErrCode getCoreType(CoreType* type) override {
-        if (type == nullptr)
-            return argumentNull();
-        *type = CoreType::Object;
-        return Errors::Success;
-    }
+    ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::Object, type); }
     ErrCode findPropertyInfo(IString* name, IPropertyInfo** info) override {
         if (name == nullptr || info == nullptr)
             return argumentNull();

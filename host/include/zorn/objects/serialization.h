@@ -8,9 +8,8 @@ namespace Harvane::RT::Core {
 enum class SerializedType : int32_t { Object = 0, List = 1, Float = 2, Int = 3, Bool = 4, String = 5, Null = 6 };
 
 class ISerializer : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ISerializer");
+    ZORN_INTERFACE(ISerializer, IBaseObject)
+
     virtual ErrCode startObject() = 0;
     virtual ErrCode endObject() = 0;
     virtual ErrCode startList() = 0;
@@ -21,17 +20,13 @@ public:
     virtual ErrCode writeBool(unsigned char value) = 0;
     virtual ErrCode writeString(const char* text) = 0;
     virtual ErrCode getOutput(IString** text) = 0;
-
-protected:
-    ~ISerializer() = default;
 };
 
 class ISerializedList;
 
 class ISerializedObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ISerializedObject");
+    ZORN_INTERFACE(ISerializedObject, IBaseObject)
+
     virtual ErrCode hasKey(const char* key, unsigned char* found) = 0;
     virtual ErrCode getType(const char* key, SerializedType* type) = 0;
     virtual ErrCode readInt(const char* key, int64_t* value) = 0;
@@ -43,47 +38,32 @@ public:
     // Any value as a value object; objects through the registered factories.
     virtual ErrCode readValue(const char* key, IBaseObject** value) = 0;
     virtual ErrCode getKeys(IList** keys) = 0;  // in the order of the text
-
-protected:
-    ~ISerializedObject() = default;
 };
 
 class ISerializedList : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ISerializedList");
+    ZORN_INTERFACE(ISerializedList, IBaseObject)
+
     virtual ErrCode getCount(size_t* count) = 0;
     virtual ErrCode getType(size_t index, SerializedType* type) = 0;
     virtual ErrCode readObject(size_t index, ISerializedObject** value) = 0;
     virtual ErrCode readList(size_t index, ISerializedList** value) = 0;
     virtual ErrCode readValue(size_t index, IBaseObject** value) = 0;
-
-protected:
-    ~ISerializedList() = default;
 };
 
 class ISerializable : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ISerializable");
+    ZORN_INTERFACE(ISerializable, IBaseObject)
+
     virtual ErrCode serialize(ISerializer* serializer) = 0;
     virtual ErrCode getSerializeId(const char** id) = 0;
-
-protected:
-    ~ISerializable() = default;
 };
 
 class IDeserializer : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IDeserializer");
+    ZORN_INTERFACE(IDeserializer, IBaseObject)
+
     // The object that a text describes. Deserialize (0x80000021) with the place and the reason for bad text.
     virtual ErrCode deserialize(IString* text, IBaseObject** object) = 0;
     // The text as a serialised object, for `update`.
     virtual ErrCode parse(IString* text, ISerializedObject** object) = 0;
-
-protected:
-    ~IDeserializer() = default;
 };
 
 using SerializerFactory = ErrCode (*)(ISerializedObject* serialized, IBaseObject** object);

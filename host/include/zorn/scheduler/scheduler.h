@@ -21,7 +21,7 @@ struct CycleStatistics {
 
 // One thread that calls processData of its modules at a fixed cycle time (monotonic clock, absolute deadlines; a late
 // cycle skips whole periods and counts them). Holds the acquisition lock for the whole of each cycle. A failing result
-// is logged (logger "Scheduler") and the cycle goes on. The first sign that a reader of the rings is safe: see sequence().
+// is logged (logger "Scheduler") and the cycle goes on. Readers of the rings on other threads: see sequence().
 class ZORN_EXPORT Scheduler {
 public:
     Scheduler(ObjectPtr<IAcquisitionSync> sync, long cycleTimeMs);

@@ -20,9 +20,8 @@ enum class SampleDataType : int32_t {
 // A sample ring of the host. Index and position count samples; slot i stands at byte i * sample size. The newest sample
 // stands before the position, wrapping. Address and capacity stay unchanged while an acquisition runs.
 class IChannelBuffer : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IChannelBuffer");
+    ZORN_INTERFACE(IChannelBuffer, IBaseObject)
+
     virtual ErrCode getData(void** data) = 0;
     virtual ErrCode getCapacity(size_t* capacity) = 0;
     virtual ErrCode getSize(size_t* size) = 0;
@@ -31,26 +30,18 @@ public:
     virtual ErrCode isEmpty(unsigned char* empty) = 0;
     virtual ErrCode getSample(size_t position, void** sample) = 0;            // OutOfRange beyond the capacity
     virtual ErrCode getSampleInDouble(size_t position, double* value) = 0;   // the raw number, never scaled
-
-protected:
-    ~IChannelBuffer() = default;
 };
 
 class IChannelBufferV2 : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IChannelBufferV2");
+    ZORN_INTERFACE(IChannelBufferV2, IBaseObject)
+
     // Address of the live write position, valid as long as the buffer object. Written by incrementSamplePosition only.
     virtual ErrCode getPositionPointer(size_t** position) = 0;
-
-protected:
-    ~IChannelBufferV2() = default;
 };
 
 class IChannel : public IChannelNode {
-public:
-    using Base = IChannelNode;
-    static constexpr IntfID Id = interfaceId("IChannel");
+    ZORN_INTERFACE(IChannel, IChannelNode)
+
     // `Used`, latched by initializeAcquisition; before the first latch it is `Used`.
     virtual ErrCode getActive(unsigned char* active) = 0;
     virtual ErrCode getUsed(unsigned char* used) = 0;
@@ -87,15 +78,11 @@ public:
     virtual ErrCode getSampleDataType(SampleDataType* type) = 0;
     virtual ErrCode getDimension(size_t* dimension) = 0;
     virtual ErrCode getType(int* type) = 0;  // 0 synchronous, 1 asynchronous
-
-protected:
-    ~IChannel() = default;
 };
 
 class IAsyncChannel : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IAsyncChannel");
+    ZORN_INTERFACE(IAsyncChannel, IBaseObject)
+
     // Samples added since the start of the acquisition, never the ring's fill.
     virtual ErrCode getSamplesAcquired(long* count) = 0;
     // Copies one sample and its time stamp (ticks of 1 ns since the start); overwrites the oldest silently.
@@ -103,9 +90,6 @@ public:
     virtual ErrCode getTimestampAtPos(size_t position, long* timestamp) = 0;
     virtual ErrCode getSampleAddressAtPos(size_t position, void** sample) = 0;
     virtual ErrCode getBuffer(IChannelBuffer** buffer) = 0;
-
-protected:
-    ~IAsyncChannel() = default;
 };
 
 // Identifier, sample type, vector dimension (bytes), value of numeric reads without a sample.
@@ -121,12 +105,12 @@ class ChannelBufferPtr : public ObjectPtr<I> {
 public:
     using ObjectPtr<I>::ObjectPtr;
     ChannelBufferPtr(ObjectPtr<I>&& other) : ObjectPtr<I>(std::move(other)) {}
-    void* getData() const { return this->template read<void*>([&](void** r) { return this->checked()->getData(r); }); }
-    size_t getCapacity() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getCapacity(r); }); }
-    size_t getSize() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getSize(r); }); }
-    size_t getPosition() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getPosition(r); }); }
-    size_t getSampleSize() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getSampleSize(r); }); }
-    bool isEmpty() const { return this->template read<unsigned char>([&](unsigned char* r) { return this->checked()->isEmpty(r); }) != 0; }
+    void* getData() const { return this->read(&IChannelBuffer::getData); }
+    size_t getCapacity() const { return this->read(&IChannelBuffer::getCapacity); }
+    size_t getSize() const { return this->read(&IChannelBuffer::getSize); }
+    size_t getPosition() const { return this->read(&IChannelBuffer::getPosition); }
+    size_t getSampleSize() const { return this->read(&IChannelBuffer::getSampleSize); }
+    bool isEmpty() const { return this->read(&IChannelBuffer::isEmpty) != 0; }
     void* getSample(size_t position) const { return this->template read<void*>([&](void** r) { return this->checked()->getSample(position, r); }); }
     double getSampleInDouble(size_t position) const {
         return this->template read<double>([&](double* r) { return this->checked()->getSampleInDouble(position, r); });
@@ -139,33 +123,31 @@ public:
     using ChannelNodePtr<I>::ChannelNodePtr;
     ChannelPtr(const ObjectPtr<I>& other) : ChannelNodePtr<I>(other) {}
     ChannelPtr(ObjectPtr<I>&& other) : ChannelNodePtr<I>(std::move(other)) {}
-    bool getActive() const { return this->template read<unsigned char>([&](unsigned char* r) { return this->checked()->getActive(r); }) != 0; }
-    bool getUsed() const { return this->template read<unsigned char>([&](unsigned char* r) { return this->checked()->getUsed(r); }) != 0; }
+    bool getActive() const { return this->read(&IChannel::getActive) != 0; }
+    bool getUsed() const { return this->read(&IChannel::getUsed) != 0; }
     void setUsed(bool used) const { checkErrorInfo(this->checked()->setUsed(used ? 1 : 0)); }
-    StringPtr getUnit() const { return this->template fetch<IString>([&](IString** r) { return this->checked()->getUnit(r); }); }
+    StringPtr getUnit() const { return this->fetch(&IChannel::getUnit); }
     void setUnit(const StringPtr& unit) const { checkErrorInfo(this->checked()->setUnit(unit.get())); }
-    double getScale() const { return this->template read<double>([&](double* r) { return this->checked()->getScale(r); }); }
+    double getScale() const { return this->read(&IChannel::getScale); }
     void setScale(double value) const { checkErrorInfo(this->checked()->setScale(value)); }
-    double getOffset() const { return this->template read<double>([&](double* r) { return this->checked()->getOffset(r); }); }
+    double getOffset() const { return this->read(&IChannel::getOffset); }
     void setOffset(double value) const { checkErrorInfo(this->checked()->setOffset(value)); }
-    double getMinValue() const { return this->template read<double>([&](double* r) { return this->checked()->getMinValue(r); }); }
+    double getMinValue() const { return this->read(&IChannel::getMinValue); }
     void setMinValue(double value) const { checkErrorInfo(this->checked()->setMinValue(value)); }
-    double getMaxValue() const { return this->template read<double>([&](double* r) { return this->checked()->getMaxValue(r); }); }
+    double getMaxValue() const { return this->read(&IChannel::getMaxValue); }
     void setMaxValue(double value) const { checkErrorInfo(this->checked()->setMaxValue(value)); }
-    ChannelBufferPtr<> getBuffer() const { return this->template fetch<IChannelBuffer>([&](IChannelBuffer** r) { return this->checked()->getBuffer(r); }); }
-    long getSamplesAcquired() const { return this->template read<long>([&](long* r) { return this->checked()->getSamplesAcquired(r); }); }
-    Ratio getSampleRate() const {
-        return fromValue<Ratio>(asBase(this->template fetch<IRatio>([&](IRatio** r) { return this->checked()->getSampleRate(r); })));
-    }
+    ChannelBufferPtr<> getBuffer() const { return this->fetch(&IChannel::getBuffer); }
+    long getSamplesAcquired() const { return this->read(&IChannel::getSamplesAcquired); }
+    Ratio getSampleRate() const { return fromValue<Ratio>(asBase(this->fetch(&IChannel::getSampleRate))); }
     void setSampleRate(const Ratio& rate) const {
         checkErrorInfo(this->checked()->setSampleRate(toValue(rate).template asPtr<IRatio>().get()));
     }
     double getSampleAtRelativePos(int position) const {
         return this->template read<double>([&](double* r) { return this->checked()->getSampleAtRelativePos(position, r); });
     }
-    SampleDataType getSampleDataType() const { return this->template read<SampleDataType>([&](SampleDataType* r) { return this->checked()->getSampleDataType(r); }); }
-    int getType() const { return this->template read<int>([&](int* r) { return this->checked()->getType(r); }); }
-    size_t getDimension() const { return this->template read<size_t>([&](size_t* r) { return this->checked()->getDimension(r); }); }
+    SampleDataType getSampleDataType() const { return this->read(&IChannel::getSampleDataType); }
+    int getType() const { return this->read(&IChannel::getType); }
+    size_t getDimension() const { return this->read(&IChannel::getDimension); }
 };
 
 using AsyncChannelPtr = ObjectPtr<IAsyncChannel>;

@@ -9,9 +9,8 @@ enum class NodeType : int32_t { Unknown = 0, DataModule = 1, Folder = 2, Channel
 enum class ChannelNodeType : int32_t { Folder = 0, Channel = 1 };
 
 class INode : public IPropertyObject {
-public:
-    using Base = IPropertyObject;
-    static constexpr IntfID Id = interfaceId("INode");
+    ZORN_INTERFACE(INode, IPropertyObject)
+
     // Unique in the whole tree and the same from run to run: parent's NodeId, "/", local identifier ("~2" for a brother
     // with the same one).
     virtual ErrCode getNodeId(IString** id) = 0;
@@ -21,32 +20,21 @@ public:
     // For the parent that takes the node in. Weak.
     virtual ErrCode setParent(INode* parent, IString* localId) = 0;
     virtual ErrCode getLocalId(IString** id) = 0;
-
-protected:
-    ~INode() = default;
 };
 
 class IChannelNode : public INode {
-public:
-    using Base = INode;
-    static constexpr IntfID Id = interfaceId("IChannelNode");
+    ZORN_INTERFACE(IChannelNode, INode)
+
     virtual ErrCode getName(IString** name) = 0;
     virtual ErrCode setName(IString* name) = 0;
     virtual ErrCode getChannelNodeType(ChannelNodeType* type) = 0;
-
-protected:
-    ~IChannelNode() = default;
 };
 
 class IChannelFolder : public IChannelNode {
-public:
-    using Base = IChannelNode;
-    static constexpr IntfID Id = interfaceId("IChannelFolder");
+    ZORN_INTERFACE(IChannelFolder, IChannelNode)
+
     virtual ErrCode addChild(IChannelNode* child) = 0;
     virtual ErrCode getChildren(IList** children) = 0;  // in the order of adding
-
-protected:
-    ~IChannelFolder() = default;
 };
 
 ZORN_FUNCTION ErrCode createChannelFolder(IChannelFolder** folder, IString* id);
@@ -58,12 +46,8 @@ public:
     using PropertyObjectPtr<I>::PropertyObjectPtr;
     NodePtr(const ObjectPtr<I>& other) : PropertyObjectPtr<I>(other) {}
     NodePtr(ObjectPtr<I>&& other) : PropertyObjectPtr<I>(std::move(other)) {}
-    StringPtr getNodeId() const {
-        return this->template fetch<IString>([&](IString** id) { return this->checked()->getNodeId(id); });
-    }
-    NodePtr<INode> getParent() const {
-        return this->template fetch<INode>([&](INode** parent) { return this->checked()->getParent(parent); });
-    }
+    StringPtr getNodeId() const { return this->fetch(&INode::getNodeId); }
+    NodePtr<INode> getParent() const { return this->fetch(&INode::getParent); }
 };
 
 template <class I = IChannelNode>
@@ -72,9 +56,7 @@ public:
     using NodePtr<I>::NodePtr;
     ChannelNodePtr(const ObjectPtr<I>& other) : NodePtr<I>(other) {}
     ChannelNodePtr(ObjectPtr<I>&& other) : NodePtr<I>(std::move(other)) {}
-    StringPtr getName() const {
-        return this->template fetch<IString>([&](IString** name) { return this->checked()->getName(name); });
-    }
+    StringPtr getName() const { return this->fetch(&IChannelNode::getName); }
     void setName(const StringPtr& name) const { checkErrorInfo(this->checked()->setName(name.get())); }
 };
 
@@ -91,7 +73,7 @@ public:
         checkErrorInfo(checked()->addChild(child.get()));
     }
     std::vector<ChannelNodePtr<>> getChildren() const {
-        const ListPtr list = fetch<IList>([&](IList** result) { return checked()->getChildren(result); });
+        const ListPtr list = fetch(&IChannelFolder::getChildren);
         std::vector<ChannelNodePtr<>> children;
         for (size_t i = 0, n = list.getCount(); i < n; ++i)
             children.emplace_back(list.getItemAt(i).asPtr<IChannelNode>());

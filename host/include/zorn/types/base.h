@@ -10,6 +10,18 @@
 // A C++ class or function of the host that its own programs (not modules) use across libraries.
 #define ZORN_EXPORT __attribute__((visibility("default")))
 
+// The first line of each interface: its `Id`, the interface that it extends as `Base`, and a destructor that only the
+// object behind it can call. Public operations follow.
+#define ZORN_INTERFACE(NAME, BASE)                                                              \
+public:                                                                                         \
+    using Base = BASE;                                                                          \
+    static constexpr ::Harvane::RT::Core::IntfID Id = ::Harvane::RT::Core::interfaceId(#NAME); \
+                                                                                                \
+protected:                                                                                      \
+    ~NAME() = default;                                                                          \
+                                                                                                \
+public:
+
 namespace Harvane::RT::Core {
 
 // Identifies an interface: a hash (FNV-1a, 64 bits) of its name.
@@ -23,11 +35,8 @@ constexpr IntfID interfaceId(const char* name) {
 }
 
 // Root of all interfaces. Reference counted; objects are destroyed by the last releaseRef on whichever thread that is.
-// Each interface has an `Id` and names the interface that it extends as `Base` (void for the root).
 class IBaseObject {
-public:
-    using Base = void;
-    static constexpr IntfID Id = interfaceId("IBaseObject");
+    ZORN_INTERFACE(IBaseObject, void)
 
     // Hands out the interface with a reference for the caller; NoInterface (and null) when there is none.
     virtual ErrCode queryInterface(IntfID id, void** result) = 0;
@@ -43,30 +52,19 @@ public:
     virtual ErrCode equals(IBaseObject* other, unsigned char* equal) = 0;
     // The caller frees the text with zornFreeMemory.
     virtual ErrCode toString(char** text) = 0;
-
-protected:
-    ~IBaseObject() = default;
 };
 
 class IWeakRef : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IWeakRef");
+    ZORN_INTERFACE(IWeakRef, IBaseObject)
+
     // The object with a reference; NotFound when it is gone.
     virtual ErrCode getRef(IBaseObject** object) = 0;
-
-protected:
-    ~IWeakRef() = default;
 };
 
 class ISupportsWeakRef : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ISupportsWeakRef");
-    virtual ErrCode getWeakRef(IWeakRef** reference) = 0;
+    ZORN_INTERFACE(ISupportsWeakRef, IBaseObject)
 
-protected:
-    ~ISupportsWeakRef() = default;
+    virtual ErrCode getWeakRef(IWeakRef** reference) = 0;
 };
 
 }  // namespace Harvane::RT::Core

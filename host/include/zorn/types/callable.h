@@ -10,60 +10,40 @@
 namespace Harvane::RT::Core {
 
 class IProcObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IProcObject");
+    ZORN_INTERFACE(IProcObject, IBaseObject)
+
     // One argument is passed as itself, several as an IList, none as null.
     virtual ErrCode dispatch(IBaseObject* arguments) = 0;
-
-protected:
-    ~IProcObject() = default;
 };
 
 class IFuncObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IFuncObject");
+    ZORN_INTERFACE(IFuncObject, IBaseObject)
+
     // A code of 1 with no result is a legal answer and passes unchanged. Null `result`: ArgumentNull.
     virtual ErrCode execute(IBaseObject* arguments, IBaseObject** result) = 0;
-
-protected:
-    ~IFuncObject() = default;
 };
 
 class IEventArgs : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IEventArgs");
-    virtual ErrCode getEventName(IString** name) = 0;
+    ZORN_INTERFACE(IEventArgs, IBaseObject)
 
-protected:
-    ~IEventArgs() = default;
+    virtual ErrCode getEventName(IString** name) = 0;
 };
 
 class IEventHandler : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IEventHandler");
-    virtual ErrCode handle(IBaseObject* sender, IEventArgs* arguments) = 0;
+    ZORN_INTERFACE(IEventHandler, IBaseObject)
 
-protected:
-    ~IEventHandler() = default;
+    virtual ErrCode handle(IBaseObject* sender, IEventArgs* arguments) = 0;
 };
 
 // Triggering works on a copy of the list, so that handlers may add, remove and trigger again. The first failure ends
 // the trigger and is its result.
 class IEvent : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IEvent");
+    ZORN_INTERFACE(IEvent, IBaseObject)
+
     virtual ErrCode addHandler(IEventHandler* handler) = 0;
     virtual ErrCode removeHandler(IEventHandler* handler) = 0;  // NotFound
     virtual ErrCode getHandlerCount(size_t* count) = 0;
     virtual ErrCode trigger(IBaseObject* sender, IEventArgs* arguments) = 0;
-
-protected:
-    ~IEvent() = default;
 };
 
 ZORN_FUNCTION ErrCode createEvent(IEvent** event);
@@ -76,10 +56,7 @@ public:
     ErrCode dispatch(IBaseObject* arguments) override {
         return wrapHandler([&]() -> ErrCode { return body_(BasePtr(arguments)); });
     }
-    ErrCode getCoreType(CoreType* type) override {
-        *type = CoreType::Proc;
-        return Errors::Success;
-    }
+    ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::Proc, type); }
 
 private:
     std::function<ErrCode(const BasePtr&)> body_;
@@ -95,14 +72,12 @@ public:
         return wrapHandler([&]() -> ErrCode {
             BasePtr value;
             const ErrCode code = body_(BasePtr(arguments), value);
-            *result = value.detach();
+            if (succeeded(code))
+                *result = value.detach();
             return code;
         });
     }
-    ErrCode getCoreType(CoreType* type) override {
-        *type = CoreType::Func;
-        return Errors::Success;
-    }
+    ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::Func, type); }
 
 private:
     std::function<ErrCode(const BasePtr&, BasePtr&)> body_;
@@ -132,12 +107,13 @@ inline ObjectPtr<IEventHandler> makeHandler(EventHandlerImpl::Body body) {
 
 // Runs a function object; gives code and result as they come (a failing code raises its exception).
 inline BasePtr executeFunc(const ObjectPtr<IFuncObject>& function, const BasePtr& arguments, ErrCode* code = nullptr) {
-    IBaseObject* result = nullptr;
-    const ErrCode answer = function->execute(arguments.get(), &result);
+    IBaseObject* raw = nullptr;
+    const ErrCode answer = function->execute(arguments.get(), &raw);
+    BasePtr result = BasePtr::take(raw);
     checkErrorInfo(answer);
     if (code != nullptr)
         *code = answer;
-    return BasePtr::take(result);
+    return result;
 }
 
 }  // namespace Harvane::RT::Core

@@ -8,14 +8,10 @@ namespace Harvane::RT::Core {
 class IString;
 
 class IErrorInfo : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IErrorInfo");
+    ZORN_INTERFACE(IErrorInfo, IBaseObject)
+
     virtual ErrCode getMessage(IString** message) = 0;
     virtual ErrCode getSource(IBaseObject** source) = 0;  // null and 0 when there is none
-
-protected:
-    ~IErrorInfo() = default;
 };
 
 ZORN_FUNCTION ErrCode createErrorInfo(IErrorInfo** info, const char* message, IBaseObject* source);

@@ -8,6 +8,7 @@
 #include <zorn/types/base.h>
 #include <zorn/types/errorinfo.h>
 #include <zorn/types/exceptions.h>
+#include <zorn/types/ptr.h>
 
 // Who may see the counter below: a module exports it, everybody else keeps its own hidden. If the symbol were visible in
 // several libraries, the loader would fold the counters into one and a module could never tell that it is free.
@@ -21,6 +22,25 @@ namespace Harvane::RT::Core {
 
 // Live objects of this shared library: a library may be unloaded only while it is 0.
 inline ZORN_OBJECT_COUNT_VISIBILITY std::atomic<uint64_t> zornSharedLibObjectCount{0};
+
+// Answers a getter. A null output is ArgumentNull, and leaves no older text behind.
+template <class T>
+ErrCode handOut(std::type_identity_t<T> value, T* output) {
+    if (output == nullptr) {
+        zornClearErrorInfo();
+        return Errors::ArgumentNull;
+    }
+    *output = value;
+    return Errors::Success;
+}
+// The same for an object: the caller gets a reference of its own. An empty pointer gives null.
+template <class I>
+ErrCode handOut(const ObjectPtr<I>& object, I** output) {
+    const ErrCode code = handOut(object.get(), output);
+    if (succeeded(code) && object)
+        object->addRef();
+    return code;
+}
 
 // Strong count of an object that hands out weak references; outlives the object as long as one of those does.
 struct RefControl {

@@ -89,6 +89,16 @@ protected:
         return object_;
     }
 
+    // Asks a getter of this object: fetch for an output that carries a reference, read for a plain one.
+    template <class R, class From>
+    ObjectPtr<R> fetch(ErrCode (From::*getter)(R**)) const {
+        return fetch<R>([&](R** result) { return (checked()->*getter)(result); });
+    }
+    template <class R, class From>
+    R read(ErrCode (From::*getter)(R*)) const {
+        return read<R>([&](R* result) { return (checked()->*getter)(result); });
+    }
+
     // Runs an operation with one output that carries a reference.
     template <class R, class Operation>
     static ObjectPtr<R> fetch(Operation&& operation) {

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -31,134 +33,90 @@ enum class CoreType : int32_t {
 };
 
 class ICoreType : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("ICoreType");
-    virtual ErrCode getCoreType(CoreType* type) = 0;
+    ZORN_INTERFACE(ICoreType, IBaseObject)
 
-protected:
-    ~ICoreType() = default;
+    virtual ErrCode getCoreType(CoreType* type) = 0;
 };
 
 class IComparable : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IComparable");
+    ZORN_INTERFACE(IComparable, IBaseObject)
+
     // Below 0, 0 or above 0. InvalidType for another kind of object.
     virtual ErrCode compareTo(IBaseObject* other, int* result) = 0;
-
-protected:
-    ~IComparable() = default;
 };
 
 // Conversions between kinds of values; ConversionFailed where a value has no such form.
 class IConvertible : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IConvertible");
+    ZORN_INTERFACE(IConvertible, IBaseObject)
+
     virtual ErrCode toBool(unsigned char* value) = 0;
     virtual ErrCode toInt(int64_t* value) = 0;
     virtual ErrCode toFloat(double* value) = 0;
     virtual ErrCode convertTo(CoreType type, IBaseObject** value) = 0;
-
-protected:
-    ~IConvertible() = default;
 };
 
 // equals and getHashCode go by content.
 class IString : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IString");
+    ZORN_INTERFACE(IString, IBaseObject)
+
     virtual ErrCode getLength(size_t* length) = 0;
     virtual ErrCode getCharPtr(const char** text) = 0;  // valid as long as the object
-
-protected:
-    ~IString() = default;
 };
 
 class IIntObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IIntObject");
-    virtual ErrCode getValue(int64_t* value) = 0;
+    ZORN_INTERFACE(IIntObject, IBaseObject)
 
-protected:
-    ~IIntObject() = default;
+    virtual ErrCode getValue(int64_t* value) = 0;
 };
 
 class IFloatObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IFloatObject");
-    virtual ErrCode getValue(double* value) = 0;
+    ZORN_INTERFACE(IFloatObject, IBaseObject)
 
-protected:
-    ~IFloatObject() = default;
+    virtual ErrCode getValue(double* value) = 0;
 };
 
 class IBoolObject : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IBoolObject");
-    virtual ErrCode getValue(unsigned char* value) = 0;
+    ZORN_INTERFACE(IBoolObject, IBaseObject)
 
-protected:
-    ~IBoolObject() = default;
+    virtual ErrCode getValue(unsigned char* value) = 0;
 };
 
 // Numerator over denominator, kept as given; equal when the cross products are.
 class IRatio : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IRatio");
+    ZORN_INTERFACE(IRatio, IBaseObject)
+
     virtual ErrCode getNumerator(int64_t* numerator) = 0;
     virtual ErrCode getDenominator(int64_t* denominator) = 0;
-
-protected:
-    ~IRatio() = default;
 };
 
 class IList : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IList");
+    ZORN_INTERFACE(IList, IBaseObject)
+
     virtual ErrCode getCount(size_t* count) = 0;
     virtual ErrCode getItemAt(size_t index, IBaseObject** item) = 0;  // OutOfRange beyond the end
     virtual ErrCode pushBack(IBaseObject* item) = 0;                  // takes its own reference
     virtual ErrCode setItemAt(size_t index, IBaseObject* item) = 0;
     virtual ErrCode removeAt(size_t index) = 0;
     virtual ErrCode clear() = 0;
-
-protected:
-    ~IList() = default;
 };
 
 class IDict : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IDict");
+    ZORN_INTERFACE(IDict, IBaseObject)
+
     virtual ErrCode getItem(IBaseObject* key, IBaseObject** value) = 0;  // NotFound
     virtual ErrCode setItem(IBaseObject* key, IBaseObject* value) = 0;
     virtual ErrCode hasKey(IBaseObject* key, unsigned char* found) = 0;
     virtual ErrCode removeItem(IBaseObject* key) = 0;
     virtual ErrCode getKeys(IList** keys) = 0;
     virtual ErrCode getCount(size_t* count) = 0;
-
-protected:
-    ~IDict() = default;
 };
 
 class IVersionInfo : public IBaseObject {
-public:
-    using Base = IBaseObject;
-    static constexpr IntfID Id = interfaceId("IVersionInfo");
+    ZORN_INTERFACE(IVersionInfo, IBaseObject)
+
     virtual ErrCode getMajor(unsigned int* value) = 0;
     virtual ErrCode getMinor(unsigned int* value) = 0;
     virtual ErrCode getPatch(unsigned int* value) = 0;
-
-protected:
-    ~IVersionInfo() = default;
 };
 
 // Creating functions: output first; one reference for the caller.
@@ -233,9 +191,7 @@ public:
             list.pushBack(item);
         return list;
     }
-    size_t getCount() const {
-        return read<size_t>([&](size_t* count) { return checked()->getCount(count); });
-    }
+    size_t getCount() const { return read(&IList::getCount); }
     BasePtr getItemAt(size_t index) const {
         return fetch<IBaseObject>([&](IBaseObject** item) { return checked()->getItemAt(index, item); });
     }
@@ -292,9 +248,11 @@ inline int64_t fromValue<int64_t>(const BasePtr& value) {
     checkErrorInfo(value.asPtr<IConvertible>()->toInt(&result));
     return result;
 }
+// What an int can't hold becomes the nearest that it can: a number too large stays a large one.
 template <>
 inline int fromValue<int>(const BasePtr& value) {
-    return static_cast<int>(fromValue<int64_t>(value));
+    using Limits = std::numeric_limits<int>;
+    return static_cast<int>(std::clamp<int64_t>(fromValue<int64_t>(value), Limits::min(), Limits::max()));
 }
 template <>
 inline double fromValue<double>(const BasePtr& value) {
