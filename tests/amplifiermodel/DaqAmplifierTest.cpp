@@ -48,28 +48,70 @@ const std::string rangeList = R"(, {"name": "Range", "type": "int", "selection":
     "values": [{"className": "RangeItem", "propValues": {"DisplayName": "20", "Min": -20.0, "Max": 20.0}},
                {"className": "RangeItem", "propValues": {"DisplayName": "2", "Min": -2.0, "Max": 3.0}}]})";
 
+// Settings with a number of their own.
+struct Setting {
+    const char* name;
+    std::int32_t Amplifier::*field;
+    bool comesBack = true;
+    Texts Amplifier::*list = nullptr;
+    Texts choices = {};
+};
+
+const Setting settings[] = {
+    {Consts::Measurement, &Amplifier::measurementIndex, false, &Amplifier::measurements, {"Voltage", "Bridge"}},
+    {Consts::LPFilter, &Amplifier::lpFilterIndex, false, &Amplifier::lpFilters, {"Off", "LP 1"}},
+    {Consts::HPFilter, &Amplifier::hpFilterIndex, true, &Amplifier::hpFilters, {"DC", "AC"}},
+    {Consts::InputType, &Amplifier::inputTypeIndex, true, &Amplifier::inputTypes, {"Single", "Differential"}},
+    {Consts::ConnectionType, &Amplifier::connectionTypeIndex, false, &Amplifier::connectionTypes, {"BNC", "DSUB"}},
+    {Consts::ExcitationType, &Amplifier::excitationTypeIndex, true, &Amplifier::excitationTypes, {"Fixed", "Pulsed"}},
+    {Consts::ExcitationUnit, &Amplifier::excitationUnitIndex, true, &Amplifier::excitationUnits, {"V", "mA"}},
+    {Consts::BridgeType, &Amplifier::bridgeTypeIndex, true, &Amplifier::bridgeTypes, {"Full", "Half"}},
+    {Consts::BridgeShunt, &Amplifier::bridgeShuntIndex, true, &Amplifier::bridgeShunts, {"59.88k", "175k"}},
+    {Consts::Range, &Amplifier::rangeIndex},
+    {Consts::ExcitationValue, &Amplifier::excitationIndex},
+    {Consts::BridgeLeg, &Amplifier::bridgeLeg},
+    {Consts::ExternalShunt, &Amplifier::externalShuntIndex},
+    {Consts::BridgeWires, &Amplifier::bridgeWires},
+};
+
+const std::pair<const char*, bool Amplifier::*> switches[] = {
+    {Consts::Short, &Amplifier::shortOn},
+    {Consts::Shunt, &Amplifier::shunt},
+    {Consts::AltExcPolarity, &Amplifier::altExcPolarity},
+};
+
 // Everything that an amplifier can have.
-const std::string everything =
-    choice(Consts::Measurement, R"("Voltage", "Bridge")") + rangeList + choice(Consts::LPFilter, R"("Off", "LP 1")") +
-    choice(Consts::HPFilter, R"("DC", "AC")") + choice(Consts::InputType, R"("Single", "Differential")") +
-    choice(Consts::ConnectionType, R"("BNC", "DSUB")") + choice(Consts::ExcitationValue, "2.5, 5.0") +
-    choice(Consts::ExcitationType, R"("Voltage", "Current")") + choice(Consts::ExcitationUnit, R"("V", "mA")") +
-    choice(Consts::BridgeType, R"("Full", "Half")") + choice(Consts::BridgeShunt, R"("59.88k", "175k")") +
-    R"(, {"name": "BridgeResistance", "type": "float", "default": 350.0, "values": [120.0, 350.0]})"
-    R"(, {"name": "DeviceRanges", "type": "float", "default": 0.0, "values": [0.1, 0.01]})" +
-    plain(Consts::BridgeLeg, "int", "0") + plain(Consts::ExternalShunt, "int", "0") +
-    plain(Consts::BridgeWires, "int", "0") + plain(Consts::ExternalShuntResistance, "float", "0.0") +
-    plain(Consts::ExternalShuntPower, "float", "0.0") + plain(Consts::BridgeShuntValue, "float", "0.0") +
-    plain(Consts::BridgeOffset, "float", "0.0") + plain(Consts::Short, "bool", "false") +
-    plain(Consts::Shunt, "bool", "false") + plain(Consts::AltExcPolarity, "bool", "false");
+const std::string everything = [] {
+    std::string properties =
+        rangeList + choice(Consts::ExcitationValue, "2.5, 5.0") +
+        R"(, {"name": "BridgeResistance", "type": "float", "default": 350.0, "values": [120.0, 350.0]},
+             {"name": "DeviceRanges", "type": "float", "default": 0.0, "values": [0.1, 0.01]})";
+    for (const Setting& setting : settings) {
+        if (setting.list != nullptr) {
+            const std::string values = "\"" + setting.choices[0] + "\", \"" + setting.choices[1] + "\"";
+            properties += choice(setting.name, values.c_str());
+        }
+    }
+    for (const char* name : {Consts::BridgeLeg, Consts::ExternalShunt, Consts::BridgeWires}) {
+        properties += plain(name, "int", "0");
+    }
+    for (const char* name : {Consts::ExternalShuntResistance, Consts::ExternalShuntPower, Consts::BridgeShuntValue,
+                             Consts::BridgeOffset}) {
+        properties += plain(name, "float", "0.0");
+    }
+    for (const auto& [name, field] : switches) {
+        properties += plain(name, "bool", "false");
+    }
+    return properties;
+}();
 
 class DaqAmplifierTest : public testing::Test {
 protected:
-    DaqAmplifierTest() : amplifier(std::make_shared<TestAmplifier>()), channel(makeHostChannel()) {}
-    ~DaqAmplifierTest() override { daqAmplifier.reset(); }
-
-    // A DaqAmplifier on a channel of a class with these properties.
+    // A DaqAmplifier on a new channel of a class with these properties.
     void make(const std::string& properties) {
+        daqAmplifier.reset();
+        factory.unregisterAmplifiers();
+        channel = makeHostChannel();
         EXPECT_TRUE(factory.initFromFile(folder.write("a.json", definition("ampl_test", "7.8.9.10", properties))));
         daqAmplifier = std::make_unique<DaqAmplifier>(channel, amplifier, makeSync(), 1ms);
         daqAmplifier->init(factory.getAmplifierClassName(amplifier->getId()));
@@ -90,7 +132,7 @@ protected:
 
     TempFolder folder;
     DaqAmplifiersFactory factory;
-    std::shared_ptr<TestAmplifier> amplifier;
+    std::shared_ptr<TestAmplifier> amplifier = std::make_shared<TestAmplifier>();
     ChannelPtr<> channel;
     std::unique_ptr<DaqAmplifier> daqAmplifier;
 };
@@ -123,37 +165,29 @@ TEST_F(DaqAmplifierTest, InitGivesTheChannelItsClassAndOperations) {
 }
 
 TEST_F(DaqAmplifierTest, TheLedIsOffUntilAChannelIsSetUp) {
-    const std::pair<const char*, bool> rows[] = {{"true", true}, {"false", false}};
-    for (const auto& [value, on] : rows) {
-        SCOPED_TRACE(value);
-        DaqAmplifiersFactory own;
-        ASSERT_TRUE(own.initFromFile(folder.write(
-            "led.json", definition("ampl_led", "1.1.1.1", plain(Consts::SupportsLed1Control, "bool", value)))));
-        auto one = std::make_shared<TestAmplifier>();
-        DaqAmplifier led(makeHostChannel(), one, makeSync());
-        led.init("ampl_led");
-        EXPECT_EQ(one->ledControl, on);
-        EXPECT_EQ(one->journal.take(), on ? (Entries{"notifyLeaveChSetup", "update"}) : Entries{"update"});
+    for (const bool on : {true, false}) {
+        amplifier = std::make_shared<TestAmplifier>();
+        bool told = false;
+        amplifier->onUpdate = [&](TestAmplifier& one) {
+            told = one.journal.take() == Entries{"notifyLeaveChSetup", "update"};
+        };
+        make(plain(Consts::SupportsLed1Control, "bool", on ? "true" : "false"));
+        EXPECT_EQ(amplifier->ledControl, on);
+        EXPECT_EQ(told, on);
     }
 }
 
 TEST_F(DaqAmplifierTest, ListsOfChoicesComeOver) {
     make("");
     EXPECT_EQ(amplifier->minValues, Numbers{-10.0});  // nothing there, nothing changed
-    daqAmplifier.reset();
-    factory.unregisterAmplifiers();
-    channel = makeHostChannel();
+    EXPECT_FALSE(amplifier->shortPresent);
     make(everything);
-    const std::pair<Texts, Texts> texts[] = {
-        {amplifier->measurements, {"Voltage", "Bridge"}},  {amplifier->ranges, {"20", "2"}},
-        {amplifier->lpFilters, {"Off", "LP 1"}},           {amplifier->hpFilters, {"DC", "AC"}},
-        {amplifier->inputTypes, {"Single", "Differential"}}, {amplifier->connectionTypes, {"BNC", "DSUB"}},
-        {amplifier->excitationTypes, {"Voltage", "Current"}}, {amplifier->excitationUnits, {"V", "mA"}},
-        {amplifier->bridgeTypes, {"Full", "Half"}},        {amplifier->bridgeShunts, {"59.88k", "175k"}},
-    };
-    for (const auto& [list, expected] : texts) {
-        EXPECT_EQ(list, expected);
+    for (const Setting& setting : settings) {
+        if (setting.list != nullptr) {
+            EXPECT_EQ((*amplifier).*setting.list, setting.choices) << setting.name;
+        }
     }
+    EXPECT_EQ(amplifier->ranges, (Texts{"20", "2"}));
     EXPECT_EQ(amplifier->minValues, (Numbers{-20.0, -2.0}));
     EXPECT_EQ(amplifier->maxValues, (Numbers{20.0, 3.0}));
     EXPECT_EQ(amplifier->rangeUnit, "mV/V");
@@ -170,49 +204,32 @@ TEST_F(DaqAmplifierTest, ListsOfChoicesComeOver) {
 TEST_F(DaqAmplifierTest, ValuesGoToTheAmplifier) {
     make(everything);
     // A number of its own for each; that the lists are shorter is no matter here.
-    const std::pair<const char*, std::int32_t Amplifier::*> rows[] = {
-        {Consts::ExcitationValue, &Amplifier::excitationIndex},
-        {Consts::Measurement, &Amplifier::measurementIndex},
-        {Consts::Range, &Amplifier::rangeIndex},
-        {Consts::LPFilter, &Amplifier::lpFilterIndex},
-        {Consts::HPFilter, &Amplifier::hpFilterIndex},
-        {Consts::InputType, &Amplifier::inputTypeIndex},
-        {Consts::ConnectionType, &Amplifier::connectionTypeIndex},
-        {Consts::ExcitationType, &Amplifier::excitationTypeIndex},
-        {Consts::ExcitationUnit, &Amplifier::excitationUnitIndex},
-        {Consts::BridgeType, &Amplifier::bridgeTypeIndex},
-        {Consts::BridgeShunt, &Amplifier::bridgeShuntIndex},
-        {Consts::BridgeLeg, &Amplifier::bridgeLeg},
-        {Consts::ExternalShunt, &Amplifier::externalShuntIndex},
-        {Consts::BridgeWires, &Amplifier::bridgeWires},
-    };
     int number = 0;
-    for (const auto& [name, field] : rows) {
-        channel.setPropertyValue(name, ++number);
+    for (const Setting& setting : settings) {
+        channel.setPropertyValue(setting.name, ++number);
     }
     channel.setPropertyValue(Consts::BridgeResistance, 120.0);
     channel.setPropertyValue(Consts::ExternalShuntResistance, 50.5);
     channel.setPropertyValue(Consts::ExternalShuntPower, 0.25);
-    channel.setPropertyValue(Consts::Short, true);
-    channel.setPropertyValue(Consts::AltExcPolarity, true);
     daqAmplifier->writeToDevice();
-    EXPECT_TRUE(amplifier->journal.take().empty());
     number = 0;
-    for (const auto& [name, field] : rows) {
-        EXPECT_EQ((*amplifier).*field, ++number) << name;
+    for (const Setting& setting : settings) {
+        EXPECT_EQ((*amplifier).*setting.field, ++number) << setting.name;
     }
     EXPECT_EQ(amplifier->excitationValue, 5.0);
     EXPECT_EQ(amplifier->bridgeResistance, 120.0);
     EXPECT_EQ(amplifier->externalShuntResistance, 50.5);
     EXPECT_EQ(amplifier->externalShuntPower, 0.25);
-    EXPECT_TRUE(amplifier->shortOn);
-    EXPECT_FALSE(amplifier->shunt);
-    EXPECT_TRUE(amplifier->altExcPolarity);
-    channel.setPropertyValue(Consts::Shunt, true);
-    channel.setPropertyValue(Consts::AltExcPolarity, false);
-    daqAmplifier->writeToDevice();
-    EXPECT_TRUE(amplifier->shunt);
-    EXPECT_FALSE(amplifier->altExcPolarity);
+    for (const auto& turned : switches) {
+        for (const auto& [name, field] : switches) {
+            channel.setPropertyValue(name, name == turned.first);
+        }
+        daqAmplifier->writeToDevice();
+        for (const auto& [name, field] : switches) {
+            EXPECT_EQ((*amplifier).*field, name == turned.first) << name << " with " << turned.first;
+        }
+    }
+    EXPECT_TRUE(amplifier->journal.take().empty());
 }
 
 // What the hardware took, in the order in which the host sees it.
@@ -220,21 +237,12 @@ TEST_F(DaqAmplifierTest, ValuesOfTheHardwareComeBack) {
     make(everything);
     watchWrites();
     amplifier->onUpdate = [](TestAmplifier& one) {
-        one.measurementIndex = one.lpFilterIndex = one.connectionTypeIndex = 1;
-        one.rangeIndex = 1;
-        one.hpFilterIndex = 2;
-        one.inputTypeIndex = 3;
-        one.excitationIndex = 4;
-        one.excitationTypeIndex = 5;
-        one.excitationUnitIndex = 6;
-        one.bridgeTypeIndex = 7;
-        one.bridgeShuntIndex = 8;
-        one.bridgeLeg = 9;
-        one.externalShuntIndex = 10;
-        one.bridgeWires = 11;
+        int number = 0;
+        for (const Setting& setting : settings) {
+            one.*setting.field = ++number;
+        }
         one.bridgeShuntValue = 59880.0;
         one.bridgeOffset = -0.75;
-        one.shortOn = one.altExcPolarity = true;
         one.deviceRangeIndex = 1;
     };
     EXPECT_TRUE(daqAmplifier->update(false));
@@ -245,42 +253,30 @@ TEST_F(DaqAmplifierTest, ValuesOfTheHardwareComeBack) {
                        "write ExternalShunt", "write BridgeShuntValue", "write BridgeOffset", "write AltExcPolarity",
                        "write BridgeWires"}));
     int number = 0;
-    for (const char* name : {Consts::Range, Consts::HPFilter, Consts::InputType, Consts::ExcitationValue,
-                             Consts::ExcitationType, Consts::ExcitationUnit, Consts::BridgeType, Consts::BridgeShunt,
-                             Consts::BridgeLeg, Consts::ExternalShunt, Consts::BridgeWires}) {
-        EXPECT_EQ(read<int>(name), ++number) << name;
-    }
-    for (const char* name : {Consts::Measurement, Consts::LPFilter, Consts::ConnectionType}) {
-        EXPECT_EQ(read<int>(name), 0) << name;
+    for (const Setting& setting : settings) {
+        ++number;
+        EXPECT_EQ(read<int>(setting.name), setting.comesBack ? number : 0) << setting.name;
     }
     EXPECT_EQ(read<double>(Consts::DeviceRanges), 0.01);
     EXPECT_EQ(read<double>(Consts::BridgeShuntValue), 59880.0);
     EXPECT_EQ(read<double>(Consts::BridgeOffset), -0.75);
-    EXPECT_TRUE(read<bool>(Consts::Short));
-    EXPECT_FALSE(read<bool>(Consts::Shunt));
-    EXPECT_TRUE(read<bool>(Consts::AltExcPolarity));
-    amplifier->onUpdate = [](TestAmplifier& one) { one.shunt = true; };
-    daqAmplifier->update(false);
-    EXPECT_TRUE(read<bool>(Consts::Shunt));
+    for (const auto& turned : switches) {
+        amplifier->onUpdate = [&](TestAmplifier& one) {
+            for (const auto& [name, field] : switches) {
+                one.*field = name == turned.first;
+            }
+        };
+        daqAmplifier->update(false);
+        for (const auto& [name, field] : switches) {
+            EXPECT_EQ(read<bool>(name), name == turned.first) << name << " with " << turned.first;
+        }
+    }
 
     // The result of the hardware isn't looked at: what it refused shows in the values.
     amplifier->updateResult = false;
     amplifier->onUpdate = [](TestAmplifier& one) { one.rangeIndex = 0; };
     EXPECT_TRUE(daqAmplifier->update(false));
     EXPECT_EQ(read<int>(Consts::Range), 0);
-}
-
-TEST_F(DaqAmplifierTest, ADefinitionWithTwoPropertiesOnly) {
-    make(choice(Consts::Measurement, R"("Voltage")") + rangeList);
-    watchWrites();
-    channel.setPropertyValue(Consts::Range, 1);
-    amplifier->journal.take();
-    EXPECT_TRUE(daqAmplifier->update(true));
-    EXPECT_EQ(amplifier->journal.take(), (Entries{"update", "write Range"}));
-    EXPECT_EQ(amplifier->rangeIndex, 1);
-    EXPECT_EQ(amplifier->getMaxValue(), 3.0);
-    EXPECT_TRUE(amplifier->hpFilters.empty());
-    EXPECT_FALSE(amplifier->shortPresent);
 }
 
 TEST_F(DaqAmplifierTest, ExcitationAsAChoiceAndAsANumber) {
@@ -297,9 +293,6 @@ TEST_F(DaqAmplifierTest, ExcitationAsAChoiceAndAsANumber) {
     EXPECT_EQ(read<double>(Consts::ExcitationValue), 7.0);
 
     // A number with suggestions is a number still.
-    daqAmplifier.reset();
-    factory.unregisterAmplifiers();
-    channel = makeHostChannel();
     amplifier = std::make_shared<TestAmplifier>();
     make(R"(, {"name": "Excitation", "type": "float", "default": 5.0, "values": [1.0, 5.0]})");
     EXPECT_EQ(amplifier->excitations, (Numbers{1.0, 5.0}));
@@ -364,14 +357,13 @@ TEST_F(DaqAmplifierTest, HighPassFiltersThatChange) {
 TEST_F(DaqAmplifierTest, HighPassFilterWithoutADefaultStays) {
     std::string properties = changingFilters;
     const std::string usual = R"("default": 1, )";
-    properties.erase(properties.find(usual), usual.size());
-    ASSERT_TRUE(factory.initFromFile(folder.write("a.json", definition("ampl_test", "7.8.9.10", properties))));
-    channel.setClassName("ampl_test");
-    channel.setPropertyValue(Consts::HPFilter, 2);
+    properties.replace(properties.find(usual), usual.size(), R"("readOnly": true, "readOnlyValue": 2, )");
     make(properties);
     channel.setPropertyValue(Consts::Measurement, 3);
+    watchWrites();
     EXPECT_TRUE(daqAmplifier->update(true));
-    EXPECT_EQ(read<int>(Consts::HPFilter), 2);
+    EXPECT_EQ(amplifier->journal.take(), (Entries{"update", "write HPFilter"}));
+    EXPECT_EQ(amplifier->hpFilterIndex, 2);
 }
 
 const std::string rangesByMeasurement = choice(Consts::Measurement, R"("Voltage", "Bridge", "None")") + R"json(,
@@ -404,7 +396,7 @@ TEST_F(DaqAmplifierTest, RangesOfAMeasurement) {
     EXPECT_THROW(daqAmplifier->update(false), GeneralErrorException);
     amplifier->journal.take();
     EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::GeneralError);
-    EXPECT_EQ(takeErrorMessage(), "Invalid reference to property");
+    EXPECT_EQ(takeErrorMessage(), R"(Channel "", property "Range": Invalid reference to property)");
     EXPECT_TRUE(amplifier->journal.take().empty());
     channel.setPropertyValue(Consts::Measurement, 0);
     EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
@@ -420,8 +412,9 @@ TEST_F(DaqAmplifierTest, AFailingReadEndsTheRoad) {
     for (const char* name : {Consts::Measurement, Consts::LPFilter, Consts::ConnectionType, Consts::BridgeWires}) {
         channel.setPropertyValue(name, 1);
     }
+    channel.setName("AI 7");
     EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::NotEnabled);
-    EXPECT_FALSE(takeErrorMessage().empty());
+    EXPECT_EQ(takeErrorMessage(), R"(Channel "AI 7", property "InputType": Property InputType is not enabled)");
     EXPECT_EQ(amplifier->measurementIndex, 1);
     EXPECT_EQ(amplifier->lpFilterIndex, 1);
     EXPECT_EQ(amplifier->connectionTypeIndex, 0);
@@ -440,24 +433,17 @@ TEST_F(DaqAmplifierTest, UpdateAmplifierAnswers) {
     }
     EXPECT_TRUE(amplifier->journal.take().empty());
 
-    struct Row {
-        std::function<void(TestAmplifier&)> fail;
-        ErrCode code;
-        const char* text;
+    const std::pair<std::function<void(TestAmplifier&)>, std::pair<ErrCode, const char*>> rows[] = {
+        {[](TestAmplifier&) { throw OutOfRangeException("range %d of %s", 3, "100 %"); },
+         {Errors::OutOfRange, "range 3 of 100 %"}},
+        {[](TestAmplifier&) { throw std::logic_error("stuck %s"); }, {Errors::GeneralError, "stuck %s"}},
+        {[](TestAmplifier&) { throw 5; }, {Errors::GeneralError, ""}},
     };
-    const Row rows[] = {
-        {[](TestAmplifier&) { throw OutOfRangeException("range %d of %s", 3, "100 %"); }, Errors::OutOfRange,
-         "range 3 of 100 %"},
-        {[](TestAmplifier&) { throw std::runtime_error("no reply"); }, Errors::GeneralError, "no reply"},
-        {[](TestAmplifier&) { throw std::logic_error("stuck %s"); }, Errors::GeneralError, "stuck %s"},
-    };
-    for (const Row& row : rows) {
-        amplifier->onUpdate = row.fail;
-        EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), row.code);
-        EXPECT_EQ(takeErrorMessage(), row.text);
+    for (const auto& [fail, expected] : rows) {
+        amplifier->onUpdate = fail;
+        EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), expected.first);
+        EXPECT_EQ(takeErrorMessage(), expected.second);
     }
-    amplifier->onUpdate = [](TestAmplifier&) { throw 5; };
-    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::GeneralError);
 }
 
 // TEDS and sensor.
@@ -504,15 +490,12 @@ TEST_F(TedsTest, TransfersHaveFixedSizes) {
     EXPECT_EQ(entries, (Entries{"readTeds", "resetTedsCustom", "finalizeTedsCustom", "getSensorStatus",
                                 "writeTedsCustom 4: 44 255 255 0", "writeTedsCustom 0:", "readTedsCustom 4",
                                 "readTedsCustom 32"}));
-}
 
-TEST_F(TedsTest, AFailureIsTheOnlyItem) {
-    make(tedsSlots);
+    // A failure is the only item.
     amplifier->answer = -2;
     EXPECT_EQ(integers(call(Consts::ReadTeds)), std::vector<int>{-2});
     EXPECT_EQ(integers(call(Consts::ReadTedsCustom, toValue(8))), std::vector<int>{-2});
     EXPECT_EQ(fromValue<int>(call(Consts::WriteTedsCustom, listOf({1}))), -2);
-    EXPECT_EQ(fromValue<int>(call(Consts::ResetTedsCustom)), -2);
 }
 
 TEST_F(TedsTest, RefusalsSendNothing) {
@@ -545,48 +528,31 @@ TEST_F(TedsTest, RefusalsSendNothing) {
     EXPECT_TRUE(amplifier->journal.take().empty());
 }
 
-TEST_F(TedsTest, APlainAmplifierAnswersZero) {
-    ASSERT_TRUE(factory.initFromFile(folder.write("p.json", definition("ampl_plain", "1.1.1.1", tedsSlots))));
-    DaqAmplifier one(channel, std::make_shared<Amplifier>(), makeSync());
-    one.init("ampl_plain");
-    EXPECT_EQ(integers(call(Consts::ReadTeds)), std::vector<int>(9, 0));
-}
-
 // A group of functions is filled as a whole or not at all.
 TEST_F(TedsTest, IncompleteGroupsStayEmpty) {
-    const auto isFilled = [this](const char* name) { return channel.isPropertySet(name); };
-    const char* const teds[] = {Consts::ReadTeds, Consts::ResetTedsCustom, Consts::WriteTedsCustom,
-                                Consts::ReadTedsCustom};
-    const std::pair<const char*, const char*> balance[] = {
+    const std::vector<std::pair<const char*, const char*>> teds = {{Consts::ReadTeds, "func"},
+                                                                   {Consts::ResetTedsCustom, "func"},
+                                                                   {Consts::WriteTedsCustom, "func"},
+                                                                   {Consts::ReadTedsCustom, "func"}};
+    const std::vector<std::pair<const char*, const char*>> balance = {
         {"StartSensorBalance", "proc"}, {"GetSensorBalanceStatus", "func"}, {"ResetSensorBalance", "proc"}};
-    for (size_t missing = 0; missing <= 4; ++missing) {
-        factory.unregisterAmplifiers();
-        daqAmplifier.reset();
-        channel = makeHostChannel();
-        std::string properties = slot(Consts::FinalizeTedsCustom, "func");
-        for (size_t i = 0; i < 4; ++i) {
-            properties += i == missing ? "" : slot(teds[i], "func");
+    for (const auto& group : {teds, balance}) {
+        for (size_t missing = 0; missing <= group.size(); ++missing) {
+            std::string properties = slot(Consts::FinalizeTedsCustom, "func");
+            for (size_t i = 0; i < group.size(); ++i) {
+                properties += i == missing ? "" : slot(group[i].first, group[i].second);
+            }
+            make(properties);
+            const bool complete = missing == group.size();
+            for (const auto& [name, type] : group) {
+                EXPECT_EQ(channel.isPropertySet(name), complete) << name << " without " << missing;
+            }
+            EXPECT_EQ(channel.isPropertySet(Consts::FinalizeTedsCustom), complete && group == teds);
+            EXPECT_FALSE(channel.hasProperty(Consts::GetSensorStatus));
         }
-        for (size_t i = 0; i < 3; ++i) {
-            properties += i == missing ? "" : slot(balance[i].first, balance[i].second);
-        }
-        make(properties);
-        EXPECT_EQ(daqAmplifier->hasTedsProperties(), missing == 4);
-        EXPECT_EQ(daqAmplifier->hasBridgeBalanceProperties(), missing >= 3);
-        EXPECT_EQ(isFilled(Consts::FinalizeTedsCustom), missing == 4);
-        for (size_t i = 0; i < 4; ++i) {
-            EXPECT_EQ(isFilled(teds[i]), missing == 4) << teds[i];
-        }
-        for (const auto& [name, type] : balance) {
-            EXPECT_EQ(isFilled(name), missing >= 3) << name;
-        }
-        EXPECT_FALSE(channel.hasProperty(Consts::GetSensorStatus));
     }
-    factory.unregisterAmplifiers();
-    daqAmplifier.reset();
-    channel = makeHostChannel();
     make(tedsSlots);
-    EXPECT_TRUE(isFilled(Consts::ReadTeds));
+    EXPECT_TRUE(channel.isPropertySet(Consts::ReadTeds));
     EXPECT_FALSE(channel.hasProperty(Consts::FinalizeTedsCustom));
 }
 

@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
-
-#include <zorn/types/object_impl.h>
+#include <string>
+#include <vector>
 
 #include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
@@ -42,19 +41,11 @@ public:
     std::shared_ptr<PairedInputs> inputs = std::make_shared<PairedInputs>();
 };
 
-// The working directory has the definitions, before the bench makes its bridge.
+// The working directory has a definition with these properties, before the bench makes its bridge.
 class Definitions : protected TempFolder {
 protected:
-    Definitions() : before_(std::filesystem::current_path()) {
-        write("amplifiers/bridge.json", definition("ampl_bench_bridge", "7.8.9.10", R"json(,
-            {"name": "Measurement", "type": "int", "selection": true, "default": 0, "values": ["Bridge"]},
-            {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "mV/V", "values": [
-                {"className": "RangeItem", "propValues": {"DisplayName": "20", "Min": -20.0, "Max": 20.0}},
-                {"className": "RangeItem", "propValues": {"DisplayName": "2", "Min": -2.0, "Max": 3.0}}]},
-            {"name": "DeviceRanges", "type": "float", "default": 0.1, "values": [0.1, 0.01]},
-            {"name": "BridgeOffset", "type": "float", "default": 0.0},
-            {"name": "StartSensorBalance", "type": "proc"}, {"name": "GetSensorBalanceStatus", "type": "func"},
-            {"name": "ResetSensorBalance", "type": "proc"})json"));
+    explicit Definitions(const std::string& properties) : before_(std::filesystem::current_path()) {
+        write("amplifiers/bench.json", definition("ampl_bench", "7.8.9.10", properties));
         std::filesystem::current_path(path);
     }
     ~Definitions() { std::filesystem::current_path(before_); }
@@ -63,40 +54,37 @@ private:
     std::filesystem::path before_;
 };
 
-class AmplifierTreeTest : public testing::Test, protected Definitions, protected Bench {
-protected:
-    AmplifierTreeTest() : device(std::make_shared<PairedDevice>()) {
+class AmplifierBench : protected Definitions, public Bench {
+public:
+    explicit AmplifierBench(const std::string& properties) : Definitions(properties) {
         build({device});
         controller->operationMode = 1;
-        amplifier().journal.take();
     }
     TestAmplifier& amplifier() const { return *device->inputs->amplifier; }
-    // As the host starts: nothing else comes in between.
-    void start() {
+    void prepareStart() {
         reserve({"AI 1", "AI 2"});
-        sync.lock();
         structure->beforeStart();
-        controller->startAcquisition();
-        sync.unlock();
-    }
-    void addSample(int index, int raw) {
-        sync.lock();
-        auto& target = *device->inputs->channels[static_cast<size_t>(index)];
-        static_cast<int*>(target.buffer->getData())[target.buffer->getPosition()] = raw;
-        target.incSamplePosition(1);
-        sync.unlock();
-    }
-    bool balancing(const ChannelPtr<>& hostChannel) const {
-        BasePtr result;
-        EXPECT_EQ(runFunction(hostChannel, "GetSensorBalanceStatus", {}, result), Errors::Success);
-        return fromValue<bool>(result);
     }
 
-    std::shared_ptr<PairedDevice> device;
+    const std::shared_ptr<PairedDevice> device = std::make_shared<PairedDevice>();
+};
+
+const std::string bridgeSettings = R"json(,
+    {"name": "Measurement", "type": "int", "selection": true, "default": 0, "values": ["Bridge"]},
+    {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "mV/V", "values": [
+        {"className": "RangeItem", "propValues": {"DisplayName": "20", "Min": -20.0, "Max": 20.0}},
+        {"className": "RangeItem", "propValues": {"DisplayName": "2", "Min": -2.0, "Max": 3.0}}]},
+    {"name": "BridgeOffset", "type": "float", "default": 0.0},
+    {"name": "StartSensorBalance", "type": "proc"}, {"name": "GetSensorBalanceStatus", "type": "func"},
+    {"name": "ResetSensorBalance", "type": "proc"})json";
+
+class AmplifierTreeTest : public testing::Test, protected AmplifierBench {
+protected:
+    AmplifierTreeTest() : AmplifierBench(bridgeSettings) { amplifier().journal.take(); }
 };
 
 TEST_F(AmplifierTreeTest, OneForTheChannelsOfAnAmplifier) {
-    EXPECT_EQ(channel("AI 1").getClassName(), "ampl_bench_bridge");
+    EXPECT_EQ(channel("AI 1").getClassName(), "ampl_bench");
     EXPECT_TRUE(channel("AI 1").hasProperty("UpdateAmplifier"));
     EXPECT_EQ(channel("AI 2").getClassName(), "Channel");
     EXPECT_FALSE(channel("AI 2").hasProperty("UpdateAmplifier"));
@@ -110,13 +98,24 @@ TEST_F(AmplifierTreeTest, OneForTheChannelsOfAnAmplifier) {
                  InvalidParameterException);
 }
 
+TEST_F(AmplifierTreeTest, BalancingWithoutAnAcquisitionNamesTheChannel) {
+    const auto hostChannel = channel("AI 1");
+    ASSERT_EQ(runProcedure(hostChannel, "StartSensorBalance"), Errors::Success);
+    EXPECT_TRUE(eventually([&] {
+        BasePtr running;
+        return runFunction(hostChannel, "GetSensorBalanceStatus", {}, running) == Errors::Success &&
+               !fromValue<bool>(running);
+    }));
+    EXPECT_EQ(log.take(4),
+              Entries{"Balancing of an amplifier failed (Analog inputs/AI 1): no acquisition is running."});
+}
+
 TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     channel("AI 1").setPropertyValue("Range", 1);
     EXPECT_EQ(amplifier().rangeIndex, 0);
-    amplifier().scales = {};
     amplifier().offsetIsBridgeOffset = true;
     amplifier().bridgeOffset = 0.5;
-    start();
+    prepareStart();
     // Before the acquisition, by each of its two channels, and for the host's scales.
     EXPECT_EQ(amplifier().journal.take(), (Entries{"update", "update", "update", "update"}));
     EXPECT_EQ(amplifier().rangeIndex, 1);
@@ -131,7 +130,6 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     EXPECT_EQ(channel("AI 1").getPropertyValue<double>("BridgeOffset"), 0.5);
     EXPECT_EQ(channel("AI 3").getMinValue(), -10.0);
     EXPECT_EQ(channel("AI 3").getUnit(), "V");
-    controller->stopAcquisition();
 
     // A failing property ends the start.
     amplifier().onUpdate = [](TestAmplifier&) { throw InvalidValueException("broken"); };
@@ -140,57 +138,8 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     EXPECT_FALSE(controller->acqInitialized);
 }
 
-TEST_F(AmplifierTreeTest, BalancesARunningAcquisition) {
-    const auto hostChannel = channel("AI 1");
-    ASSERT_EQ(runProcedure(hostChannel, "StartSensorBalance"), Errors::Success);
-    ASSERT_TRUE(eventually([&] { return !balancing(hostChannel); }));
-    EXPECT_EQ(log.take(4), Entries{"Balancing of an amplifier failed: no acquisition is running."});
-
-    start();
-    addSample(0, 7);
-    addSample(1, 3);
-    ASSERT_EQ(runProcedure(hostChannel, "StartSensorBalance"), Errors::Success);
-    ASSERT_TRUE(eventually([&] { return !balancing(hostChannel); }));
-    EXPECT_EQ(amplifier().bridgeOffset, -3.0);  // of the second channel, whose index the amplifier has
-    EXPECT_TRUE(log.take(4).empty());
-    EXPECT_EQ(runProcedure(hostChannel, "ResetSensorBalance"), Errors::Success);
-    controller->stopAcquisition();
-}
-
-// A module goes while a balancing waits for samples of a new range.
-TEST_F(AmplifierTreeTest, TeardownWhileBalancing) {
-    const auto hostChannel = channel("AI 1");
-    const auto idle = zornSharedLibObjectCount.load();
-    // Device ranges of 100 and 10 around the offset for a chosen one of 2.
-    hostChannel.setPropertyValue("Range", 1);
-    amplifier().excitationValue = 1.0;
-    start();
-    addSample(1, 1);
-    amplifier().scales = {-90.0, 0.0};
-    amplifier().journal.take();
-    ASSERT_EQ(runProcedure(hostChannel, "StartSensorBalance"), Errors::Success);
-    Entries seen;
-    ASSERT_TRUE(eventually([&] {
-        for (auto& entry : amplifier().journal.take()) {
-            seen.push_back(std::move(entry));
-        }
-        return std::find(seen.begin(), seen.end(), "calibration") != seen.end();
-    }));
-    controller->stopAcquisition();
-    std::weak_ptr<TestAmplifier> watch = device->inputs->amplifier;
-    structure.reset();
-    controller.reset();
-    device.reset();
-    devicesToFind().clear();
-    EXPECT_TRUE(eventually([&] { return watch.expired(); }));
-    EXPECT_LE(zornSharedLibObjectCount.load(), idle);
-    EXPECT_EQ(runProcedure(hostChannel, "StartSensorBalance"), Errors::InvalidState);
-    EXPECT_EQ(takeErrorMessage(), "The data acquisition module is gone.");
-    EXPECT_TRUE(log.take(4).empty());
-}
-
 TEST_F(AmplifierTreeTest, ClassesGoWithTheLastBridge) {
-    const auto known = [] { return bool(PropertyObjectManagerPtr::create().findClass("ampl_bench_bridge")); };
+    const auto known = [] { return bool(PropertyObjectManagerPtr::create().findClass("ampl_bench")); };
     auto other = std::make_unique<DaqStructure>(*controller);
     structure.reset();
     EXPECT_TRUE(known());
@@ -199,6 +148,54 @@ TEST_F(AmplifierTreeTest, ClassesGoWithTheLastBridge) {
     EXPECT_FALSE(known());
     EXPECT_FALSE(channel("AI 1").hasProperty("Measurement"));
     EXPECT_TRUE(channel("AI 1").hasProperty("SerialNumber"));
+}
+
+// A definition that can be read but not evaluated must not keep the whole instrument from being added.
+TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
+    struct Row {
+        std::string properties;
+        const char* reason;  // none: the definition is good
+    };
+    const Row rows[] = {
+        {R"json(, {"name": "Measurement", "type": "int", "default": 0},
+              {"name": "Range", "type": "reference",
+               "reference": {"__type": "Eval", "expr": "switch($Measurement, 1, %Other)"}})json",
+         "property \"Range\": Invalid reference to property"},
+        {R"json(, {"name": "InputType", "type": "int", "default": 0, "enabled": false})json",
+         "property \"InputType\": Property InputType is not enabled"},
+        {R"json(, {"name": "BridgeLeg", "type": "int"})json", "property \"BridgeLeg\": Not assigned"},
+        {R"json(, {"name": "HPFilter", "type": "int", "default": 0,
+               "values": {"__type": "Eval", "expr": "$Nowhere"}})json",
+         "property \"HPFilter\": Not found"},
+        {R"json(, {"name": "SupportsLed1Control", "type": "bool", "readOnly": true})json",
+         "property \"SupportsLed1Control\": "},
+        {R"json(, {"name": "BridgeOffset", "type": "list", "default": []})json", "property \"BridgeOffset\": "},
+        // What every channel has may stand in an expression.
+        {R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true,
+               "readOnlyValue": {"__type": "Eval", "expr": "if($Used, $PhaseDelay, $BufferSizeIsMultipleOf)"}})json",
+         nullptr},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.properties);
+        AmplifierBench bench(row.properties);
+        const auto hostChannel = bench.channel("AI 1");
+        EXPECT_EQ(hostChannel.getClassName(), row.reason == nullptr ? "ampl_bench" : "ampl_unknown");
+        // The try doesn't reach the hardware.
+        EXPECT_EQ(bench.amplifier().journal.take(), (Entries{"notifyLeaveChSetup", "notifyLeaveChSetup", "update"}));
+        if (row.reason == nullptr) {
+            EXPECT_TRUE(bench.buildErrors.empty());
+            continue;
+        }
+        ASSERT_EQ(bench.buildErrors.size(), 1u);
+        for (const char* part :
+             {"/amplifiers/bench.json\" can't be used", "Channel \"Analog inputs/AI 1\", ", row.reason}) {
+            EXPECT_NE(bench.buildErrors[0].find(part), std::string::npos) << bench.buildErrors[0];
+        }
+        EXPECT_EQ(hostChannel.getPropertyValue<std::string>("ModuleName"), "Unknown");
+        EXPECT_FALSE(hostChannel.isPropertySet("BridgeLeg"));
+        bench.prepareStart();
+        EXPECT_EQ(hostChannel.getMaxValue(), 10.0);
+    }
 }
 
 }

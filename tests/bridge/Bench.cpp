@@ -79,7 +79,8 @@ void LogCapture::write(const LogRecord& record) {
     }
     const std::string message = record.message;
     const size_t end = message.find("] ");
-    entries.push_back({record.level, record.function, end == std::string::npos ? message : message.substr(end + 2)});
+    const size_t start = end == std::string::npos ? 0 : end + 2;
+    entries.push_back({record.level, record.function, message.substr(0, start), message.substr(start)});
 }
 
 std::vector<std::string> LogCapture::take(int level) {
@@ -93,7 +94,7 @@ std::vector<std::string> LogCapture::take(int level) {
     return texts;
 }
 
-Bench::Bench() {
+HostTree::HostTree() {
     IData* newData = nullptr;
     checkErrorInfo(createData(&newData, StringPtr("Data").get(), 10));
     data = ObjectPtr<IData>::take(newData);
@@ -104,50 +105,59 @@ Bench::Bench() {
     IAcquisitionSync* newSync = nullptr;
     checkErrorInfo(createAcquisitionSync(&newSync));
     sync = ObjectPtr<IAcquisitionSync>::take(newSync);
-    controller = std::make_unique<DaqController>();
-    structure = std::make_unique<DaqStructure>(*controller);
 }
 
-Bench::~Bench() {
+HostTree::~HostTree() {
     devicesToFind().clear();
 }
 
-void Bench::build(const std::vector<std::shared_ptr<Device>>& devices) {
+void HostTree::plug(const std::vector<std::shared_ptr<Device>>& devices) {
+    devicesToFind().clear();
     int place = 10;
     for (const auto& device : devices) {
         devicesToFind().emplace_back("ID_" + std::to_string(place++), device);
     }
-    controller->initialize();
-    controller->scan();
-    controller->initializeHardware();
-    structure->buildDataModuleProps(dataModule);
-    structure->buildDeviceTree(controller->systemDevice, dataModule.getRootFolder(), sync);
-    log.entries.clear();
 }
 
-void Bench::reserve(const std::vector<std::string>& used) {
-    controller->prepareAcquisition();
-    structure->initialize();
-    for (const auto& [channel, hostChannel] : structure->getChannelsMap()) {
+void HostTree::reserveMemory(DaqStructure& structure, const std::vector<std::string>& used) {
+    for (const auto& [channel, hostChannel] : structure.getChannelsMap()) {
         hostChannel.setUsed(std::find(used.begin(), used.end(), channel->name) != used.end());
         checkErrorInfo(hostChannel->initializeAcquisition());
     }
 }
 
-ChannelPtr<> Bench::channel(const std::string& name) const {
-    return findChannel(dataModule.getRootFolder(), name);
+ChannelPtr<> HostTree::channel(const std::string& name) const {
+    return findNode<ChannelPtr<>, IChannel>(dataModule.getRootFolder(), name);
 }
 
-ChannelFolderPtr Bench::folder(const std::string& name) const {
-    return findFolder(dataModule.getRootFolder(), name);
+ChannelFolderPtr HostTree::folder(const std::string& name) const {
+    return findNode<ChannelFolderPtr, IChannelFolder>(dataModule.getRootFolder(), name);
 }
 
-ChannelPtr<> findChannel(const ChannelFolderPtr& root, const std::string& name) {
-    return findNode<ChannelPtr<>, IChannel>(root, name);
+Bench::Bench() : controller(std::make_unique<DaqController>()), structure(std::make_unique<DaqStructure>(*controller)) {
 }
 
-ChannelFolderPtr findFolder(const ChannelFolderPtr& root, const std::string& name) {
-    return findNode<ChannelFolderPtr, IChannelFolder>(root, name);
+Bench::~Bench() = default;
+
+void Bench::scan(const std::vector<std::shared_ptr<Device>>& devices) {
+    plug(devices);
+    controller->initialize();
+    controller->scan();
+    controller->initializeHardware();
+    log.entries.clear();
+}
+
+void Bench::build(const std::vector<std::shared_ptr<Device>>& devices) {
+    scan(devices);
+    structure->buildDataModuleProps(dataModule);
+    structure->buildDeviceTree(controller->systemDevice, dataModule.getRootFolder(), sync);
+    buildErrors = log.take(4);
+}
+
+void Bench::reserve(const std::vector<std::string>& used) {
+    controller->prepareAcquisition();
+    structure->initialize();
+    reserveMemory(*structure, used);
 }
 
 BasePtr rate(int value) {
@@ -156,10 +166,6 @@ BasePtr rate(int value) {
 
 BasePtr rates(int first, int second) {
     return asBase(ListPtr::create({rate(first), rate(second)}));
-}
-
-std::string takeText() {
-    return takeErrorMessage();
 }
 
 }

@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <stdexcept>
-
-#include <zorn/types/object_impl.h>
 
 #include "modules/daq/bridge/DaqChannelBuffer.h"
 #include "tests/bridge/Bench.h"
@@ -49,65 +48,34 @@ TEST_F(DaqChannelBufferTest, WritesIntoTheRingOfTheHost) {
     EXPECT_EQ(channel.getSamplesAcquired(), 12);
     EXPECT_EQ(*static_cast<short*>(buffer.getSample(1)), 12);
     EXPECT_EQ(buffer.getSampleInDouble(9), 10.0);
-}
+    EXPECT_THROW(buffer.getSample(10), OutOfRangeException);
 
-TEST_F(DaqChannelBufferTest, SeesThePositionOfTheHostAtOnce) {
-    DaqChannelBuffer buffer(channel);
+    // Who moves it doesn't matter.
     checkErrorInfo(channel->incrementSamplePosition(7));
-    EXPECT_EQ(buffer.getPosition(), 7u);
+    EXPECT_EQ(buffer.getPosition(), 9u);
     buffer.incrementSamplePosition(5);
-    EXPECT_EQ(channel.getBuffer().getPosition(), 2u);
+    EXPECT_EQ(channel.getBuffer().getPosition(), 4u);
 }
 
 TEST_F(DaqChannelBufferTest, LeavesTheMemoryToTheHost) {
     DaqChannelBuffer buffer(channel);
-    const auto* data = buffer.getData();
     buffer.setCapacity(0);
     EXPECT_EQ(buffer.getCapacity(), 10u);
-    EXPECT_EQ(buffer.getData(), data);
-    const auto expectRefusal = [](auto&& call) {
+    for (const auto& call : std::initializer_list<std::function<void()>>{
+             [&] { buffer.reset(); }, [&] { buffer.setSize(3); }, [&] { buffer.setPosition(0); }}) {
         try {
             call();
             ADD_FAILURE() << "no exception";
         } catch (const std::runtime_error& error) {
             EXPECT_STREQ(error.what(), "Not implemented");
         }
-    };
-    expectRefusal([&] { buffer.reset(); });
-    expectRefusal([&] { buffer.setSize(3); });
-    expectRefusal([&] { buffer.setPosition(0); });
-}
-
-// The buffer outlives every other holder of the channel, so position and memory must too.
-TEST_F(DaqChannelBufferTest, HoldsTheChannel) {
-    DaqChannelBuffer buffer(channel);
+    }
+    // The buffer outlives every other holder of the channel, so position and memory must too.
     channel.release();
     const short value = 5;
     buffer.addSample(&value);
     EXPECT_EQ(buffer.getSampleInDouble(0), 5.0);
-}
-
-TEST_F(DaqChannelBufferTest, HostFailuresAreExceptions) {
-    DaqChannelBuffer buffer(channel);
-    EXPECT_THROW(buffer.getSample(10), OutOfRangeException);
-    EXPECT_THROW(DaqChannelBuffer(ChannelPtr<>()), InvalidParameterException);
-}
-
-TEST_F(DaqChannelBufferTest, EntryPoints) {
-    const auto before = zornSharedLibObjectCount.load();
-    void* made = nullptr;
-    ASSERT_EQ(createDaqChannelBuffer(&made, channel.get()), Errors::Success);
-    EXPECT_EQ(zornSharedLibObjectCount.load(), before + 1);
-    auto* buffer = static_cast<Modules::Daq::IChannelBuffer*>(made);
-    EXPECT_EQ(buffer->getCapacity(), 10u);
-    EXPECT_EQ(removeDaqChannelBuffer(buffer), Errors::Success);
-    EXPECT_EQ(zornSharedLibObjectCount.load(), before);
-
-    EXPECT_EQ(createDaqChannelBuffer(nullptr, channel.get()), Errors::ArgumentNull);
-    EXPECT_EQ(createDaqChannelBuffer(&made, nullptr), Errors::InvalidParameter);
-    EXPECT_FALSE(Modules::Daq::Test::takeText().empty());
-    EXPECT_EQ(zornSharedLibObjectCount.load(), before);
-    EXPECT_EQ(removeDaqChannelBuffer(nullptr), Errors::Success);
+    EXPECT_THROW(DaqChannelBuffer{channel}, InvalidParameterException);
 }
 
 }  // namespace

@@ -71,8 +71,8 @@ public:
 
     using Device::checkRate;
     int checkRate(int requested) const override {
-        if (failChecks) {
-            throw std::runtime_error("rate check failed");
+        if (onCheck) {
+            onCheck();
         }
         const int found = divisorAtOrBelow(requested, baseClock);
         return found == impossibleRate ? divisorAtOrBelow(found - 1, baseClock) : found;
@@ -112,7 +112,6 @@ public:
         channelView->push_back(shared);
         channelView->push_back(plain);
     }
-    void setUsedChannels(bool recursive) override { AIDevice::setUsedChannels(recursive); }
     void initializeHardware() override { SubDevice::initializeHardware(); }
     void acquireData() override {
         AIDevice::acquireData();
@@ -128,7 +127,7 @@ public:
         }
     }
 
-    bool failChecks = false;
+    std::function<void()> onCheck;
     int impossibleRate = 0;
     int filteredMaxAt10MHz = 10000000;
     std::function<void()> onAcquire;
@@ -222,6 +221,12 @@ public:
     }
     ~TestDevice() override { ++destroyed; }
 
+    std::string getDisplayName() const override {
+        if (onName) {
+            onName();
+        }
+        return DaqDevice::getDisplayName();
+    }
     std::shared_ptr<AIDevice> createAIDevice() override {
         if (!withAI) {
             return nullptr;
@@ -251,6 +256,7 @@ public:
         return command == 1;
     }
 
+    std::function<void()> onName;
     bool withAI = true;
     bool withClocks = true;
     std::shared_ptr<TestAI> ai;

@@ -1,6 +1,8 @@
 #include "modules/daq/amplifier/Amplifier.h"
 
 #include <algorithm>
+#include <charconv>
+#include <stdexcept>
 
 #include "modules/daq/amplifier/DaqAmplifierMeasurementsConsts.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -17,6 +19,20 @@ constexpr double scaleWithoutDivisor = 10000.0;
 
 double excitationScale(double excitation) {
     return excitation < minExcitation ? scaleWithoutDivisor : 1000.0 / excitation;
+}
+
+// The number that a display name begins with, its point a point whatever the language of the process.
+double rangeOf(const std::string& text) {
+    double range = 0.0;
+    const auto start = std::min(text.find_first_not_of(" \t"), text.size());
+    const auto result = std::from_chars(text.data() + start, text.data() + text.size(), range);
+    if (result.ec == std::errc::invalid_argument) {
+        throw std::invalid_argument("the range \"" + text + "\" is no number.");
+    }
+    if (result.ec == std::errc::result_out_of_range) {
+        throw std::out_of_range("the range \"" + text + "\" is beyond all numbers.");
+    }
+    return range;
 }
 
 }
@@ -186,7 +202,7 @@ int Amplifier::calculateBridgeModeDeviceRangeIndex() const {
     if (getMeasureType() != DaqAmplifierMeasurementsConsts::Bridge) {
         return rangeIndex;
     }
-    const double range = std::stod(textAt(ranges, rangeIndex));
+    const double range = rangeOf(textAt(ranges, rangeIndex));
     for (auto i = deviceRanges.size(); i-- > 0;) {
         if (getFullDeviceRangeMax(i) >= range && -range >= getFullDeviceRangeMin(i)) {
             return static_cast<int>(i);

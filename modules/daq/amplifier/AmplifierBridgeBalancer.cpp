@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -37,9 +38,9 @@ void say(const char* text) {
 }
 
 // Nothing may leave the thread, also not the failure of a log.
-void logFailure(const char* text) noexcept {
+void logFailure(const std::string& channel, const char* text) noexcept {
     try {
-        LOG_(0, plog::error) << "Balancing of an amplifier failed: " << text;
+        LOG_(0, plog::error) << "Balancing of an amplifier failed (" << channel << "): " << text;
     } catch (...) {
         std::fprintf(stderr, "Balancing of an amplifier failed: %s\n", text);
     }
@@ -98,6 +99,7 @@ std::shared_ptr<AIChannel> liveChannel(Amplifier& amplifier) {
 
 struct AmplifierBridgeBalancer::State {
     AcquisitionSyncPtr sync;
+    std::string channel;
     std::atomic<std::int32_t> running{0};
     std::chrono::nanoseconds settleTime;
     std::mutex settings;
@@ -110,6 +112,10 @@ AmplifierBridgeBalancer::AmplifierBridgeBalancer(AcquisitionSyncPtr sync, std::c
     : state_(std::make_shared<State>()) {
     state_->sync = std::move(sync);
     state_->settleTime = settleTime;
+}
+
+void AmplifierBridgeBalancer::setChannelName(const std::string& name) {
+    state_->channel = name;
 }
 
 bool AmplifierBridgeBalancer::balanceAmplifier(const std::shared_ptr<Amplifier>& amplifier) {
@@ -162,9 +168,9 @@ void AmplifierBridgeBalancer::startBalancing(const std::shared_ptr<Amplifier>& a
         }
     } catch (const Stopped&) {
     } catch (const std::exception& exception) {
-        logFailure(exception.what());
+        logFailure(state_->channel, exception.what());
     } catch (...) {
-        logFailure("an unknown failure.");
+        logFailure(state_->channel, "an unknown failure.");
     }
     state_->running.store(0, std::memory_order_release);
     say("BALANCING END");

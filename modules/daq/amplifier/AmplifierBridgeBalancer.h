@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include <zorn/structure/module.h>
 
@@ -27,6 +28,9 @@ public:
 
     explicit AmplifierBridgeBalancer(Core::AcquisitionSyncPtr sync,
                                      std::chrono::nanoseconds settleTime = usualSettleTime);
+
+    /// For the log. Not while a balancing runs.
+    void setChannelName(const std::string& name);
 
     /// Starts the thread and returns at once; isBalancingRunning is true from then on. False, and nothing started,
     /// while a balancing runs or after stop().

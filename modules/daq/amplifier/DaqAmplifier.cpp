@@ -66,6 +66,7 @@ DaqAmplifier::~DaqAmplifier() {
 
 void DaqAmplifier::init(const std::string& className) {
     channel_.setClassName(className);
+    balancer_.setChannelName(channelName());
     registerFacts();
     registerProcedure(updateAmplifierProp, [this](const BasePtr& argument) { return onUpdateAmplifier(argument); });
     if (hasBridgeBalanceProperties()) {
@@ -85,7 +86,10 @@ void DaqAmplifier::init(const std::string& className) {
         amplifier_->notifyLeaveChSetup();
         return Errors::Success;
     });
-    if (hasProperty(Consts::SupportsLed1Control) && channel_.getPropertyValue<bool>(Consts::SupportsLed1Control)) {
+    bool hasLed = false;
+    ifPresent(Consts::SupportsLed1Control,
+              [&] { hasLed = channel_.getPropertyValue<bool>(Consts::SupportsLed1Control); });
+    if (hasLed) {
         amplifier_->ledControl = true;
         amplifier_->notifyLeaveChSetup();
     }
@@ -130,44 +134,64 @@ bool DaqAmplifier::update(bool adjustFilter) {
     return true;
 }
 
+// With its folder's name: the channels of all amplifiers may be called alike.
+std::string DaqAmplifier::channelName() const {
+    const std::string name = channel_.getName().toStdString();
+    const auto parent = channel_.getParent();
+    const auto folder = parent ? parent.asPtrOrNull<IChannelNode>() : ObjectPtr<IChannelNode>();
+    return folder ? ChannelNodePtr<>(folder).getName().toStdString() + "/" + name : name;
+}
+
+// A failure of the host says what went wrong, but not with what.
+template <class Body>
+void DaqAmplifier::ifPresent(const char* name, Body&& body) const {
+    if (!hasProperty(name)) {
+        return;
+    }
+    try {
+        body();
+    } catch (const ZornException& exception) {
+        ErrorCodeToException::GetInstance().throwExceptionFromErrorCode(
+            exception.errorCode, "Channel \"" + channelName() + "\", property \"" + name + "\": " + exception.what());
+    }
+}
+
 // Lists. Read first and then exchanged as a whole, since a balancing thread may look at them.
 
 template <class T>
 void DaqAmplifier::takeList(const char* name, std::vector<T> Amplifier::*list) const {
-    if (!hasProperty(name)) {
-        return;
-    }
-    const ListPtr values = channel_.getPropertyInfo(name).getValuesAsList();
-    std::vector<T> items;
-    for (size_t i = 0, count = values.getCount(); i < count; ++i) {
-        items.push_back(fromValue<T>(values.getItemAt(i)));
-    }
-    const auto lock = balancer_.lockSettings();
-    (*amplifier_).*list = std::move(items);
+    ifPresent(name, [&] {
+        const ListPtr values = channel_.getPropertyInfo(name).getValuesAsList();
+        std::vector<T> items;
+        for (size_t i = 0, count = values.getCount(); i < count; ++i) {
+            items.push_back(fromValue<T>(values.getItemAt(i)));
+        }
+        const auto lock = balancer_.lockSettings();
+        (*amplifier_).*list = std::move(items);
+    });
 }
 
 void DaqAmplifier::takeRanges() const {
-    if (!hasProperty(Consts::Range)) {
-        return;
-    }
-    const PropertyInfoPtr info = channel_.getPropertyInfo(Consts::Range);
-    const BasePtr unit = info.getUnit();
-    const std::string unitText = unit ? fromValue<std::string>(unit) : std::string();
-    const ListPtr values = info.getValuesAsList();
-    Texts names;
-    Numbers lower;
-    Numbers upper;
-    for (size_t i = 0, count = values.getCount(); i < count; ++i) {
-        const GenericPropertyObjectPtr item = values.getItemAt(i).asPtr<IPropertyObject>();
-        names.push_back(item.getPropertyValue<std::string>(RangeItemPropertyClass::DisplayNameProp));
-        lower.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MinProp));
-        upper.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MaxProp));
-    }
-    const auto lock = balancer_.lockSettings();
-    amplifier_->rangeUnit = unitText;
-    amplifier_->ranges = std::move(names);
-    amplifier_->minValues = std::move(lower);
-    amplifier_->maxValues = std::move(upper);
+    ifPresent(Consts::Range, [&] {
+        const PropertyInfoPtr info = channel_.getPropertyInfo(Consts::Range);
+        const BasePtr unit = info.getUnit();
+        const std::string unitText = unit ? fromValue<std::string>(unit) : std::string();
+        const ListPtr values = info.getValuesAsList();
+        Texts names;
+        Numbers lower;
+        Numbers upper;
+        for (size_t i = 0, count = values.getCount(); i < count; ++i) {
+            const GenericPropertyObjectPtr item = values.getItemAt(i).asPtr<IPropertyObject>();
+            names.push_back(item.getPropertyValue<std::string>(RangeItemPropertyClass::DisplayNameProp));
+            lower.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MinProp));
+            upper.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MaxProp));
+        }
+        const auto lock = balancer_.lockSettings();
+        amplifier_->rangeUnit = unitText;
+        amplifier_->ranges = std::move(names);
+        amplifier_->minValues = std::move(lower);
+        amplifier_->maxValues = std::move(upper);
+    });
 }
 
 // Another measurement may have other filters; the chosen number then means something else.
@@ -210,12 +234,16 @@ void DaqAmplifier::updateCapabilities(bool adjustFilter) {
 
 template <class T>
 void DaqAmplifier::takeValue(const char* name, T Amplifier::*field) const {
-    if (!hasProperty(name)) {
-        return;
-    }
-    const T value = channel_.getPropertyValue<T>(name);
-    const auto lock = balancer_.lockSettings();
-    (*amplifier_).*field = value;
+    ifPresent(name, [&] {
+        const T value = channel_.getPropertyValue<T>(name);
+        const auto lock = balancer_.lockSettings();
+        (*amplifier_).*field = value;
+    });
+}
+
+// A choice of its list, or the number itself.
+bool DaqAmplifier::excitationIsChoice() const {
+    return channel_.getPropertyInfo(Consts::ExcitationValue).isSelection();
 }
 
 void DaqAmplifier::writeToDevice() const {
@@ -226,7 +254,7 @@ void DaqAmplifier::writeToDevice() const {
     takeValue(Consts::InputType, &Amplifier::inputTypeIndex);
     takeValue(Consts::ConnectionType, &Amplifier::connectionTypeIndex);
     if (hasProperty(Consts::ExcitationValue)) {
-        if (channel_.getPropertyInfo(Consts::ExcitationValue).isSelection()) {
+        if (excitationIsChoice()) {
             takeValue(Consts::ExcitationValue, &Amplifier::excitationIndex);
             const auto lock = balancer_.lockSettings();
             amplifier_->excitationValue = Amplifier::valueAt(amplifier_->excitations, amplifier_->excitationIndex);
@@ -257,25 +285,23 @@ T DaqAmplifier::settingOf(T Amplifier::*field) const {
 
 template <class T>
 void DaqAmplifier::giveValue(const char* name, T Amplifier::*field) const {
-    if (hasProperty(name)) {
-        channel_.setPropertyValue(name, settingOf(field));
-    }
+    ifPresent(name, [&] { channel_.setPropertyValue(name, settingOf(field)); });
 }
 
 // Measurement, low-pass filter and connection type stay as the user set them.
 void DaqAmplifier::updateRtAmplifierProperties() const {
     giveValue(Consts::Range, &Amplifier::rangeIndex);
-    if (hasProperty(Consts::DeviceRanges)) {
+    ifPresent(Consts::DeviceRanges, [&] {
         const Numbers deviceRanges = settingOf(&Amplifier::deviceRanges);
         if (!deviceRanges.empty()) {
             channel_.setPropertyValue(Consts::DeviceRanges,
                                       Amplifier::valueAt(deviceRanges, settingOf(&Amplifier::deviceRangeIndex)));
         }
-    }
+    });
     giveValue(Consts::HPFilter, &Amplifier::hpFilterIndex);
     giveValue(Consts::InputType, &Amplifier::inputTypeIndex);
     if (hasProperty(Consts::ExcitationValue)) {
-        if (channel_.getPropertyInfo(Consts::ExcitationValue).isSelection()) {
+        if (excitationIsChoice()) {
             giveValue(Consts::ExcitationValue, &Amplifier::excitationIndex);
         } else {
             giveValue(Consts::ExcitationValue, &Amplifier::excitationValue);
@@ -290,9 +316,8 @@ void DaqAmplifier::updateRtAmplifierProperties() const {
     giveValue(Consts::BridgeLeg, &Amplifier::bridgeLeg);
     giveValue(Consts::ExternalShunt, &Amplifier::externalShuntIndex);
     giveValue(Consts::BridgeShuntValue, &Amplifier::bridgeShuntValue);
-    if (hasProperty(Consts::BridgeOffset)) {
-        channel_.setPropertyValue(Consts::BridgeOffset, amplifier_->bridgeOffset.load());
-    }
+    ifPresent(Consts::BridgeOffset,
+              [&] { channel_.setPropertyValue(Consts::BridgeOffset, amplifier_->bridgeOffset.load()); });
     giveValue(Consts::AltExcPolarity, &Amplifier::altExcPolarity);
     giveValue(Consts::BridgeWires, &Amplifier::bridgeWires);
 }

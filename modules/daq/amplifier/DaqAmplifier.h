@@ -21,7 +21,8 @@ class Amplifier;
 /// values, then the hardware, and what that really took goes back into the properties.
 ///
 /// A property that the channel doesn't have is passed over everywhere: what an amplifier can do is decided by its
-/// definition. Failures of the host are exceptions of its codes. All of it runs on the host's configuration thread.
+/// definition. Failures of the host are exceptions of its codes, whose text names channel and property. All of it runs
+/// on the host's configuration thread.
 class DaqAmplifier {
 public:
     DaqAmplifier(const Core::ChannelPtr<Core::IChannel>& channel, const std::shared_ptr<Amplifier>& amplifier,
@@ -55,6 +56,10 @@ private:
     using Texts = std::vector<std::string>;
     using Numbers = std::vector<double>;
 
+    std::string channelName() const;
+    template <class Body>
+    void ifPresent(const char* name, Body&& body) const;
+    bool excitationIsChoice() const;
     template <class T>
     void takeList(const char* name, std::vector<T> Amplifier::*list) const;
     void takeRanges() const;

@@ -113,6 +113,7 @@ void DaqAmplifiersFactory::unregisterAmplifiers() {
     }
     used_.clear();
     classes_.clear();
+    files_.clear();
 }
 
 std::string DaqAmplifiersFactory::getAmplifierClassName(const std::string& id) const {
@@ -120,10 +121,20 @@ std::string DaqAmplifiersFactory::getAmplifierClassName(const std::string& id) c
     return entry == classes_.end() ? unknownAmplifierClass : entry->second;
 }
 
+std::string DaqAmplifiersFactory::getDefinitionFile(const std::string& className) const {
+    const auto entry = files_.find(className);
+    return entry == files_.end() ? std::string() : entry->second;
+}
+
 bool DaqAmplifiersFactory::initFromFile(const std::string& path) {
     try {
-        auto objectClass = deserializeAmplDefinition(path);
-        return objectClass && tryRegisterAmplDefinition(std::move(objectClass));
+        const auto objectClass = deserializeAmplDefinition(path);
+        if (!objectClass || !tryRegisterAmplDefinition(objectClass)) {
+            return false;
+        }
+        // Of two files with one class the host has the first one's.
+        files_.try_emplace(objectClass.getName().toStdString(), path);
+        return true;
     } catch (...) {
         return false;
     }

@@ -32,6 +32,8 @@ public:
 
     /// The class for an identifier as Amplifier::getId gives it, "ampl_unknown" when there is none.
     std::string getAmplifierClassName(const std::string& id) const;
+    /// Path of the file that a class came from; "" for the built-in class.
+    std::string getDefinitionFile(const std::string& className) const;
 
     /// Reads and registers one file; false when it is of no use.
     bool initFromFile(const std::string& path);
@@ -45,6 +47,7 @@ private:
     void addClass(const Core::PropertyObjectClassPtr& objectClass);
 
     std::unordered_map<std::string, std::string> classes_;  // amplifier identifier to class name
+    std::unordered_map<std::string, std::string> files_;    // class name to the path of its definition
     std::unordered_set<std::string> used_;                  // classes of the host that this factory holds
 };
 

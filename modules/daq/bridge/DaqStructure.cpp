@@ -466,28 +466,27 @@ ChannelPtr<IChannel> DaqStructure::createHostChannel(const Channel& channel) con
     return ObjectPtr<IChannel>::take(made);
 }
 
-void DaqStructure::buildChannel(const std::shared_ptr<Channel>& channel, const ChannelFolderPtr& hostFolder,
-                                const AcquisitionSyncPtr& sync) {
-    using Consts = DaqChannelConsts;
-    const ChannelPtr<IChannel> hostChannel = createHostChannel(*channel);
-    hostFolder.addChild(hostChannel);
-    hostChannel.setName(channel->name);
-    hostChannel.setUnit(channel->unit);
-    hostChannel.setMaxValue(channel->maxValue);
-    hostChannel.setMinValue(channel->minValue);
-    hostChannel.setPropertyValue(Consts::BufferSizeIsMultipleOfProp, channel->bufferGranularity);
-    hostChannel.setPropertyValue(ChannelPropertyClass::IsControlProp, channel->isControl);
-    hostChannel.setUsed(channel->enabled);
-    hostChannel.setSampleRate(rateValue(channel->getRate()));
-    subscribe(hostChannel.getOnPropertyValueChanged(), &DaqStructure::onChannelSampleRateChanged);
+void DaqStructure::describeChannel(const Channel& channel, const ChannelPtr<IChannel>& hostChannel) {
+    hostChannel.setName(channel.name);
+    hostChannel.setUnit(channel.unit);
+    hostChannel.setMaxValue(channel.maxValue);
+    hostChannel.setMinValue(channel.minValue);
+    hostChannel.setPropertyValue(DaqChannelConsts::BufferSizeIsMultipleOfProp, channel.bufferGranularity);
+    hostChannel.setPropertyValue(ChannelPropertyClass::IsControlProp, channel.isControl);
+    hostChannel.setUsed(channel.enabled);
+    hostChannel.setSampleRate(rateValue(channel.getRate()));
+}
 
+// `place` is that of the channel in the channels map, where it needn't stand yet.
+void DaqStructure::registerChannelProperties(const Channel& channel, const ChannelPtr<IChannel>& hostChannel,
+                                             size_t place) {
+    using Consts = DaqChannelConsts;
     hostChannel.registerProperty(
-        readOnlyInfo(Consts::MinSampleRateProp, CoreType::Ratio, rateValue(channel->minRate)));
+        readOnlyInfo(Consts::MinSampleRateProp, CoreType::Ratio, rateValue(channel.minRate)));
     hostChannel.registerProperty(PropertyInfoPtr::create(Consts::MaxSampleRateProp, CoreType::Ratio)
-                                     .defaultValue(rateValue(channel->maxRate)));
+                                     .defaultValue(rateValue(channel.maxRate)));
     registerFunction(hostChannel, Consts::CheckRateProp,
-                     makeFunc(whileAlive([this, place = channelsMap_.size()](const BasePtr& arguments,
-                                                                             BasePtr& result) -> ErrCode {
+                     makeFunc(whileAlive([this, place](const BasePtr& arguments, BasePtr& result) -> ErrCode {
                          const auto [first, second] = twoRates(arguments);
                          const auto& ownChannel = channelsMap_.at(place).first;
                          const auto owner = controller_.findDeviceByChannel(ownChannel);
@@ -497,9 +496,18 @@ void DaqStructure::buildChannel(const std::shared_ptr<Channel>& channel, const C
                          result = toValue(rateValue(owner->checkChannelRate(ownChannel->number, first, second)));
                          return Errors::Success;
                      })));
-    hostChannel.registerProperty(readOnlyInfo(Consts::EnabledProp, CoreType::Bool, channel->enabled));
+    hostChannel.registerProperty(readOnlyInfo(Consts::EnabledProp, CoreType::Bool, channel.enabled));
     hostChannel.registerProperty(
-        PropertyInfoPtr::create(Consts::PhaseDelayProp, CoreType::Int).defaultValue(channel->phaseDelay));
+        PropertyInfoPtr::create(Consts::PhaseDelayProp, CoreType::Int).defaultValue(channel.phaseDelay));
+}
+
+void DaqStructure::buildChannel(const std::shared_ptr<Channel>& channel, const ChannelFolderPtr& hostFolder,
+                                const AcquisitionSyncPtr& sync) {
+    const ChannelPtr<IChannel> hostChannel = createHostChannel(*channel);
+    hostFolder.addChild(hostChannel);
+    describeChannel(*channel, hostChannel);
+    subscribe(hostChannel.getOnPropertyValueChanged(), &DaqStructure::onChannelSampleRateChanged);
+    registerChannelProperties(*channel, hostChannel, channelsMap_.size());
 
     if (auto analogInput = std::dynamic_pointer_cast<AIChannel>(channel)) {
         buildAIChannel(analogInput, hostChannel, sync);
@@ -529,8 +537,33 @@ void DaqStructure::buildAIChannel(const std::shared_ptr<AIChannel>& channel, con
         throw InvalidParameterException("Channel \"%s\" has no amplifier.", channel->name.c_str());
     }
     const auto amplifier = std::make_shared<DaqAmplifier>(hostChannel, channel->amplifier, sync);
-    amplifier->init(amplifierFactory_.getAmplifierClassName(channel->amplifier->getId()));
+    amplifier->init(usableAmplifierClass(*channel, hostChannel.getParent()));
     amplifiers_.push_back(amplifier);
+}
+
+// A bad definition costs its own amplifier only, also one that shows its fault when its properties are read. That is
+// tried on a channel that nobody sees, with an amplifier that has no hardware.
+std::string DaqStructure::usableAmplifierClass(const AIChannel& channel, const NodePtr<>& folder) {
+    const std::string className = amplifierFactory_.getAmplifierClassName(channel.amplifier->getId());
+    if (className == DaqAmplifiersFactory::unknownAmplifierClass) {
+        return className;
+    }
+    try {
+        const auto trialFolder = ChannelFolderPtr::create("Trial");
+        if (const auto named = folder ? folder.asPtrOrNull<IChannelNode>() : ObjectPtr<IChannelNode>()) {
+            trialFolder.setName(ChannelNodePtr<>(named).getName());
+        }
+        const auto trial = createHostChannel(channel);
+        trialFolder.addChild(trial);
+        describeChannel(channel, trial);
+        registerChannelProperties(channel, trial, channelsMap_.size());
+        DaqAmplifier(trial, std::make_shared<Amplifier>(), AcquisitionSyncPtr()).init(className);
+        return className;
+    } catch (const ZornException& exception) {
+        LOG_(0, plog::error) << "The amplifier definition \"" << amplifierFactory_.getDefinitionFile(className)
+                             << "\" can't be used, its amplifier is shown as unknown. " << exception.what();
+        return DaqAmplifiersFactory::unknownAmplifierClass;
+    }
 }
 
 void DaqStructure::buildAOChannel(const std::shared_ptr<AOChannel>&, const ChannelPtr<IChannel>& hostChannel) {

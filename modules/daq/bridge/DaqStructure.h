@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -12,7 +13,6 @@
 
 #include "modules/daq/amplifier/DaqAmplifiersFactory.h"
 #include "modules/daq/bridge/LifeToken.h"
-
 #include "modules/daq/synchronization/SynchronizationModes.h"
 
 namespace Harvane::RT::Modules::Daq {
@@ -60,6 +60,8 @@ public:
     void buildDaqDeviceTree(const std::shared_ptr<DaqDevice>& device, const Core::ChannelFolderPtr& folder);
     void buildChannelView(const std::shared_ptr<Device>& device, const std::shared_ptr<ChannelFolder>& channelFolder,
                           const Core::ChannelFolderPtr& hostFolder, const Core::AcquisitionSyncPtr& sync);
+    /// An amplifier whose definition can't be evaluated is shown as an unknown one, with a line in the log that names
+    /// file and reason.
     void buildAIChannel(const std::shared_ptr<AIChannel>& channel,
                         const Core::ChannelPtr<Core::IChannel>& hostChannel, const Core::AcquisitionSyncPtr& sync);
     void buildAOChannel(const std::shared_ptr<AOChannel>& channel,
@@ -124,8 +126,12 @@ private:
     void onSynchronizationChanged(Core::GenericPropertyObjectPtr& sender,
                                   Core::PropertyValueChangedEventArgsPtr& args);
     Core::ChannelPtr<Core::IChannel> createHostChannel(const Channel& channel) const;
+    static void describeChannel(const Channel& channel, const Core::ChannelPtr<Core::IChannel>& hostChannel);
+    void registerChannelProperties(const Channel& channel, const Core::ChannelPtr<Core::IChannel>& hostChannel,
+                                   size_t place);
     void buildChannel(const std::shared_ptr<Channel>& channel, const Core::ChannelFolderPtr& hostFolder,
                       const Core::AcquisitionSyncPtr& sync);
+    std::string usableAmplifierClass(const AIChannel& channel, const Core::NodePtr<>& folder);
 
     static void readBack(const std::shared_ptr<Channel>& channel,
                          const Core::ChannelPtr<Core::IChannel>& hostChannel);

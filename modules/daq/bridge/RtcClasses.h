@@ -4,8 +4,8 @@ namespace Harvane::RT::Modules::Daq {
 
 /// The host's classes for routes from a host channel out of the instrument: "RTC_CAN" and "RTC_CAN_V1" for the messages
 /// of a CAN port, "RTC_AO" for an analog output. The registry of classes belongs to the whole process, so several
-/// modules share one registration: the first object registers, the last one unregisters. Objects of a class that is gone
-/// keep the values that were set. Module thread.
+/// modules share one registration: the first object registers, the last one unregisters. Objects of a class that is
+/// gone keep the values that were set. Module thread.
 class RtcClasses {
 public:
     RtcClasses();
