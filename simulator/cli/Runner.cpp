@@ -64,8 +64,11 @@ std::string whyNotPreloadable(const fs::path& program) {
     std::ifstream file(program, std::ios::binary);
     Elf64_Ehdr header{};
     if (!file.read(reinterpret_cast<char*>(&header), sizeof header) ||
-        std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64) {
+        std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) {
         return "";
+    }
+    if (header.e_ident[EI_CLASS] != ELFCLASS64) {
+        return "it is no 64-bit program, so the library cannot be preloaded";
     }
     for (int i = 0; i < header.e_phnum; ++i) {
         Elf64_Phdr segment{};
@@ -104,7 +107,12 @@ int runProgram(const RunOptions& options) {
     const char* old = std::getenv("LD_PRELOAD");
     const char* first = std::getenv("KESTRIX_SIM_PRELOAD_FIRST");
     std::string preload = old != nullptr ? old : "";
-    prepend(preload, simulatorLibrary().string());
+    const std::string library = simulatorLibrary().string();
+    if (library.find_first_of(" :") != library.npos) {
+        std::fprintf(stderr, "kestrix-sim: %s: a path with a blank or a colon cannot be preloaded\n", library.c_str());
+        return cannotRun;
+    }
+    prepend(preload, library);
     prepend(preload, !options.preloadFirst.empty() ? options.preloadFirst : first != nullptr ? first : "");
     setenv("LD_PRELOAD", preload.c_str(), 1);
 

@@ -1,6 +1,7 @@
 #include "simulator/model/AmplifierLink.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <utility>
@@ -14,6 +15,11 @@ namespace {
 constexpr double bootSeconds = 0.150;
 constexpr uint8_t frameKey = 0xA5;
 constexpr uint8_t frameEnd = 0x5A;
+
+// Commands that ask for the scale and the offset.
+bool isScaling(uint8_t command) {
+    return command == 0xFA || command == 0xFB;
+}
 
 std::string describe(int slot, const std::vector<uint8_t>& frame) {
     std::string text = std::to_string(slot) + ":";
@@ -110,23 +116,34 @@ void AmplifierLink::select(int slot) {
 // Moves what is due to the port; what comes from a slot that is not selected is lost.
 void AmplifierLink::arrive() {
     const double now = clock_.realSeconds();
-    std::stable_sort(pending_.begin(), pending_.end(),
-                     [](const Pending& a, const Pending& b) { return a.due < b.due; });
-    auto next = pending_.begin();
-    for (; next != pending_.end() && next->due <= now; ++next) {
-        if (next->slot == selected_) {
-            received_.insert(received_.end(), next->bytes.begin(), next->bytes.end());
+    for (Pending& reply : pending_) {
+        for (; reply.arrived < reply.bytes.size() && reply.nextDue() <= now; ++reply.arrived) {
+            if (reply.slot == selected_) {
+                received_.push_back(reply.bytes[reply.arrived]);
+            }
         }
     }
-    pending_.erase(pending_.begin(), next);
+    std::erase_if(pending_, [](const Pending& reply) { return reply.arrived == reply.bytes.size(); });
 }
 
+// Replies of a slot do not run into each other.
 void AmplifierLink::send(int slot, double due, std::vector<uint8_t> bytes) {
-    pending_.push_back({slot, due, std::move(bytes)});
+    const double length = static_cast<double>(bytes.size()) * byteSeconds;
+    for (const Pending& reply : pending_) {
+        const double end = reply.due + static_cast<double>(reply.bytes.size()) * byteSeconds;
+        if (reply.slot == slot && due < end && reply.due < due + length) {
+            due = end;
+        }
+    }
+    const auto later = std::find_if(pending_.begin(), pending_.end(), [due](const Pending& p) { return p.due > due; });
+    pending_.insert(later, {slot, due, std::move(bytes)});
     changed_.notify_all();
 }
 
 ssize_t AmplifierLink::write(const uint8_t* bytes, size_t size) {
+    if (faults_.hit(FaultKind::UartWrite)) {
+        return -EIO;
+    }
     const std::lock_guard lock(mutex_);
     if (selected_ >= 0) {
         Slot& slot = slots_[static_cast<size_t>(selected_)];
@@ -152,6 +169,9 @@ void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
     } else {
         reply = place.firmware->execute(frame[2], {frame.begin() + 3, frame.end() - 1});
         tellFrontEnd(slot);
+        if (isScaling(frame[2]) && faults_.hit(FaultKind::AmplifierNan, slot)) {
+            reply.data = {0x00, 0x00, 0xC0, 0x7F};
+        }
     }
     std::vector<uint8_t> bytes(reply.data.size() + 4);
     bytes[0] = frameKey;
@@ -166,19 +186,22 @@ void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
         const std::vector<uint8_t> before = noise(fault->code);
         bytes.insert(bytes.begin(), before.begin(), before.end());
     }
-    double due = clock_.realSeconds() + reply.seconds;
+    double due = clock_.realSeconds() + static_cast<double>(frame.size()) * byteSeconds + reply.seconds;
     if (const auto fault = faults_.hit(FaultKind::AmplifierLate, slot)) {
         due += fault->code * 0.001;
     }
     send(slot, due, std::move(bytes));
     if (!reply.text.empty()) {
-        send(slot, due + 0.005, reply.text);
+        send(slot, due + static_cast<double>(reply.data.size() + 4) * byteSeconds + 0.005, reply.text);
         place.restartedAt = due + bootSeconds;
         place.collector.drop();
     }
 }
 
 ssize_t AmplifierLink::read(uint8_t* bytes, size_t size, int timeoutMs) {
+    if (faults_.hit(FaultKind::UartRead)) {
+        return -EIO;
+    }
     using Steady = std::chrono::steady_clock;
     const auto deadline = Steady::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
     std::unique_lock lock(mutex_);
@@ -193,7 +216,7 @@ ssize_t AmplifierLink::read(uint8_t* bytes, size_t size, int timeoutMs) {
         }
         auto wake = deadline;
         if (!pending_.empty()) {
-            const double left = std::max(pending_.front().due - clock_.realSeconds(), 0.0002);
+            const double left = std::max(pending_.front().nextDue() - clock_.realSeconds(), 0.0001);
             const auto due = now + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(left));
             wake = std::min(wake, due);
         }

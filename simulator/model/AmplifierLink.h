@@ -20,11 +20,12 @@
 namespace kestrixsim {
 
 // The serial line and the eight slots behind the multiplexer. Bytes reach the slot that is selected when they are
-// written, and come back only from the slot that is selected when they are due. Replies take real time, whatever the
-// scenario's time factor: what waits for them does too. Thread-safe.
+// written, and come back one by one, at the line's speed, only from the slot that is selected when they are due.
+// Replies take real time, whatever the scenario's time factor: what waits for them does too. Thread-safe.
 class AmplifierLink {
 public:
     static constexpr int slotCount = 8;
+    static constexpr double byteSeconds = 10.0 / 38400.0;  // a byte with its start and stop bit
 
     // `changed` hears of each slot whose front end differs from before; it must not call back.
     AmplifierLink(const Clock& clock, Faults& faults, std::function<void(int, const FrontEnd&)> changed);
@@ -32,7 +33,7 @@ public:
     void plug(int slot, std::unique_ptr<Firmware> firmware);  // null: the slot is empty
     void supply(uint8_t before, uint8_t after, bool atOnce);  // bit i: slot i. `atOnce`: up without a boot
     void select(int slot);                                    // -1: nobody
-    ssize_t write(const uint8_t* bytes, size_t size);
+    ssize_t write(const uint8_t* bytes, size_t size);  // bytes or -errno
     ssize_t read(uint8_t* bytes, size_t size, int timeoutMs);
     void flush();
     std::vector<std::string> framesReceived() const;
@@ -51,8 +52,11 @@ private:
 
     struct Pending {
         int slot;
-        double due;  // real time
+        double due;  // real time, of the first byte
         std::vector<uint8_t> bytes;
+        size_t arrived = 0;
+
+        double nextDue() const { return due + static_cast<double>(arrived) * byteSeconds; }
     };
 
     bool alive(const Slot& slot) const;
@@ -68,7 +72,7 @@ private:
     std::function<void(int, const FrontEnd&)> frontEndChanged_;
     std::array<Slot, slotCount> slots_;
     int selected_ = -1;
-    std::vector<Pending> pending_;
+    std::vector<Pending> pending_;  // in the order in which they are due
     std::deque<uint8_t> received_;
     std::vector<std::string> frames_;
 };

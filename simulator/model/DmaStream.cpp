@@ -99,10 +99,11 @@ void DmaStream::disable() {
     updateFlow(0.0);  // the signal stays: finished descriptors can still be read
 }
 
-void DmaStream::run(double since, bool debugCounter) {
+void DmaStream::run(double since, bool debugCounter, double baseClock) {
     const std::lock_guard lock(mutex_);
-    if (source_.debugCounter != debugCounter) {
+    if (source_.debugCounter != debugCounter || (enabled_ && format_.baseClock != baseClock)) {
         source_.debugCounter = debugCounter;
+        format_.baseClock = baseClock;
         rebuildSignal();
     }
     running_ = true;
@@ -184,6 +185,9 @@ int DmaStream::control(unsigned long request, unsigned long argument) {
             return 0;
         case stopTransfer:
         case stopTransferUsb:
+            if (started_ && usb_ != (request == stopTransferUsb)) {
+                return -EINVAL;
+            }
             started_ = false;
             updateFlow(0.0);
             return 0;

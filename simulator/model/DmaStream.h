@@ -26,9 +26,10 @@ public:
     ~DmaStream();
 
     // ---- From the FPGA ----
-    void enable(const StreamFormat& format);        // RAWEN or FILTEN set: the rate is latched
+    void enable(const StreamFormat& format);        // RAWEN or FILTEN set: the ratios are latched
     void disable();
-    void run(double since, bool debugCounter);      // the module converts from this instant on, which may be ahead
+    // The module converts from this instant on, which may be ahead, at this clock: only the ratios are latched.
+    void run(double since, bool debugCounter, double baseClock);
     void halt();
     void flush();                                   // the DSP chain was cleared
     void setSource(const SignalSource& source);

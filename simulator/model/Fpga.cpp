@@ -123,6 +123,12 @@ Fpga::Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*
     }
 }
 
+bool Fpga::hasBlock(uint64_t physicalAddress, size_t size) const {
+    return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& block) {
+        return physicalAddress < block.base + 4 * block.words.size() && block.base < physicalAddress + size;
+    });
+}
+
 void Fpga::readWords(uint64_t physicalAddress, uint32_t* words, size_t count) const {
     std::fill_n(words, count, 0u);
     const uint64_t end = physicalAddress + 4 * static_cast<uint64_t>(count);
@@ -156,6 +162,9 @@ void Fpga::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after) 
             const uint32_t old = live;
             // A bit that the hardware moved since the page was handed out stays as it is now.
             const uint32_t changed = (before ^ after) & block.writable[offset / 4];
+            if (b == pllBlock) {
+                holdCount(now);
+            }
             live = (live & ~changed) | (after & changed);
             stored(b, offset, old, now);
             if (b == globalBlock && offset == supplyWord) {
@@ -174,6 +183,7 @@ void Fpga::setOscillator(int megahertz) {
     const std::lock_guard lock(mutex_);
     const double now = clock_.seconds();
     settle(now);
+    holdCount(now);
     oscillator_ = megahertz;
     updateRunning(now);
 }
@@ -248,6 +258,14 @@ uint32_t Fpga::clockCount(double now) const {
     return count_ + static_cast<uint32_t>(static_cast<uint64_t>((now - countingSince_) * baseClock()));
 }
 
+// Before the clock changes: what it has counted stays.
+void Fpga::holdCount(double now) {
+    if (now > countingSince_) {
+        count_ = clockCount(now);
+        countingSince_ = now;
+    }
+}
+
 void Fpga::stored(size_t block, size_t offset, uint32_t old, double now) {
     if (block < 8 && offset == clearWord) {
         clearStored(block, old, now);
@@ -288,7 +306,8 @@ void Fpga::clearStored(size_t m, uint32_t old, double now) {
     if (!requested && !again) {
         return;
     }
-    modules_[m].clearedAt = now + clearSeconds;
+    const auto late = faults_.hit(FaultKind::ClearLate, static_cast<int>(m));
+    modules_[m].clearedAt = now + clearSeconds + (late ? late->code * 0.001 : 0.0);
     modules_[m].clearHeld = faults_.hit(FaultKind::ClearNever, static_cast<int>(m)).has_value();
     if (m < streams_.size()) {
         for (DmaStream* stream : streams_[m]) {
@@ -372,7 +391,7 @@ void Fpga::updateRunning(double now) {
         }
         for (DmaStream* stream : streams_[m]) {
             if (run) {
-                stream->run(manual ? now : std::max(now, firedAt_), counter);
+                stream->run(manual ? now : std::max(now, firedAt_), counter, baseClock());
             } else {
                 stream->halt();
             }

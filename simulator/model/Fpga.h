@@ -23,6 +23,7 @@ public:
     Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*, 2>> streams, double oscillatorErrorPpm,
          bool supplyOn, std::function<void(uint8_t, uint8_t)> supply);
 
+    bool hasBlock(uint64_t physicalAddress, size_t size) const;  // whether a block lies in this piece of memory
     void readWords(uint64_t physicalAddress, uint32_t* words, size_t count) const;
     void storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after);
     void setOscillator(int megahertz);  // what the oscillator was switched to: 15 or 10 fit the PLL
@@ -55,6 +56,7 @@ private:
     void updateRunning(double now);
     void settle(double now) const;
     uint32_t clockCount(double now) const;
+    void holdCount(double now);
     double baseClock() const;
     uint32_t word(size_t block, size_t offset) const { return blocks_[block].words[offset / 4]; }
     StreamFormat format(size_t module, Stream stream) const;

@@ -183,6 +183,10 @@ int Instrument::memMap() {
     return implementation_->faults.hit(FaultKind::MemMap) ? -EPERM : 0;
 }
 
+bool Instrument::hasBlock(uint64_t physicalAddress, size_t size) const {
+    return implementation_->fpga.hasBlock(physicalAddress, size);
+}
+
 void Instrument::readPage(uint64_t physicalAddress, uint32_t* words, size_t count) {
     implementation_->fpga.readWords(physicalAddress, words, count);
 }
@@ -193,6 +197,10 @@ void Instrument::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t a
 
 int Instrument::i2cOpen() {
     return implementation_->faults.hit(FaultKind::I2cOpen) ? -ENOENT : 0;
+}
+
+int Instrument::i2cSelect() {
+    return implementation_->faults.hit(FaultKind::I2cSlave) ? -EBUSY : 0;
 }
 
 ssize_t Instrument::i2cWrite(int slave, const uint8_t* data, size_t size) {
@@ -209,6 +217,10 @@ int Instrument::i2cTransfer(I2cMessage* messages, size_t count) {
 
 int Instrument::uartOpen() {
     return implementation_->faults.hit(FaultKind::UartOpen) ? -ENOENT : 0;
+}
+
+int Instrument::uartConfigure() {
+    return implementation_->faults.hit(FaultKind::UartAttributes) ? -EIO : 0;
 }
 
 ssize_t Instrument::uartWrite(const uint8_t* data, size_t size) {
@@ -274,6 +286,10 @@ ssize_t Instrument::dmaRead(int module, Stream stream, void* buffer, size_t size
 
 bool Instrument::ownsCommand(const std::string& commandLine) const {
     return Scripts::owns(commandLine);
+}
+
+int Instrument::startCommand() {
+    return implementation_->faults.hit(FaultKind::ScriptFails) ? -ENOMEM : 0;
 }
 
 std::string Instrument::runCommand(const std::string& commandLine) {

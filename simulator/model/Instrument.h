@@ -61,19 +61,22 @@ public:
     // Physical memory. A page is handed out as a snapshot and taken back with what changed in it.
     int memOpen();                                                       // 0 or -errno
     int memMap();                                                        // 0 or -errno: whether this mmap works
+    bool hasBlock(uint64_t physicalAddress, size_t size) const;          // whether anything answers there
     void readPage(uint64_t physicalAddress, uint32_t* words, size_t count);
     void storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after);  // only the bits that differ count
 
     // I2C bus 1. `slave` is what I2C_SLAVE selected.
     int i2cOpen();
+    int i2cSelect();                                                     // 0 or -errno: whether I2C_SLAVE works
     ssize_t i2cWrite(int slave, const uint8_t* data, size_t size);
     ssize_t i2cRead(int slave, uint8_t* data, size_t size);
     int i2cTransfer(I2cMessage* messages, size_t count);                 // I2C_RDWR: number of messages or -errno
 
     // Amplifier UART.
     int uartOpen();
+    int uartConfigure();                                                 // 0 or -errno: whether attributes can be had
     ssize_t uartWrite(const uint8_t* data, size_t size);
-    // Waits at most `timeoutMs` for the first byte; 0 when none came.
+    // Waits at most `timeoutMs` for the first byte; 0 when none came, -EIO as a fault.
     ssize_t uartRead(uint8_t* data, size_t size, int timeoutMs);
     void uartFlush();                                                    // what has arrived and was not read is gone
 
@@ -84,6 +87,7 @@ public:
 
     // Platform scripts: whether the command line is one of the instrument's, and what it prints.
     bool ownsCommand(const std::string& commandLine) const;
+    int startCommand();                                                  // 0 or -errno: whether popen works
     std::string runCommand(const std::string& commandLine);
 
     // Fills a folder with the plain files of the instrument (sysfs trees, scripts as real shell files).
@@ -92,7 +96,7 @@ public:
     // ---- For tests and tools ---------------------------------------------------------------------------------------
 
     const Scenario& scenario() const;
-    void plug(const ModuleScenario& module);       // replaces what is in the slot; firmware boots if the slot has supply
+    void plug(const ModuleScenario& module);       // replaces what is in the slot; boots if the slot has supply
     void unplug(int slot);
     void setWaveform(int slot, const Waveform& waveform);  // from the next read of the slot's streams on
     void inject(const Fault& fault);

@@ -71,6 +71,10 @@ enum class FaultKind {
     MemMap,             // mmap of /dev/mem fails (EPERM)
     I2cOpen,            // open of /dev/i2c-1 fails (ENOENT)
     UartOpen,           // open of /dev/ttyPS1 fails (ENOENT)
+    UartAttributes,     // tcgetattr or tcsetattr of the port fails (EIO)
+    UartRead,           // read of the port fails (EIO)
+    UartWrite,          // write to the port fails (EIO)
+    I2cSlave,           // I2C_SLAVE fails (EBUSY)
     DmaOpen,            // open of a stream's node fails (ENOENT); `target` is the AI channel, -1 any
     DmaIoctl,           // an ioctl of a stream fails (EIO); `target` is the AI channel, `code` the request, 0 any
     DmaRead,            // read of a stream fails with `code` as errno (0: EIO); `target` is the AI channel
@@ -81,11 +85,14 @@ enum class FaultKind {
     AmplifierBadStatus, // status `code` (0: 3) in place of the answer
     AmplifierHalfFrame, // the reply stops half-way
     AmplifierLate,      // the reply comes `code` ms late
+    AmplifierNan,       // the scale or offset asked for is not a number
     MuxAgain,           // I2C_RDWR fails with EAGAIN
     MuxError,           // I2C_RDWR fails with EIO
     MuxReadsBack,       // the multiplexer at address `code` (0: 0x4D) reads back 0
     ScriptRefuses,      // platform scripts answer "ERR:fault" instead of "OK:"
     ScriptSilent,       // platform scripts print nothing
+    ScriptFails,        // popen of a platform script fails (ENOMEM)
+    ClearLate,          // CLRST of module `target` (-1 all) is set `code` ms late
     ClearNever,         // CLRST of module `target` (-1 all) is never set
     PllBusy,            // the PLL stays busy
     SysfsMissing,       // files below the LED and GPIO folders are missing

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <utility>
 
+#include "simulator/model/WavFile.h"
+
 namespace kestrixsim {
 
 namespace {
@@ -62,6 +64,10 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"memMap", FaultKind::MemMap},
     {"i2cOpen", FaultKind::I2cOpen},
     {"uartOpen", FaultKind::UartOpen},
+    {"uartAttributes", FaultKind::UartAttributes},
+    {"uartRead", FaultKind::UartRead},
+    {"uartWrite", FaultKind::UartWrite},
+    {"i2cSlave", FaultKind::I2cSlave},
     {"dmaOpen", FaultKind::DmaOpen},
     {"dmaIoctl", FaultKind::DmaIoctl},
     {"dmaRead", FaultKind::DmaRead},
@@ -72,14 +78,41 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"amplifierBadStatus", FaultKind::AmplifierBadStatus},
     {"amplifierHalfFrame", FaultKind::AmplifierHalfFrame},
     {"amplifierLate", FaultKind::AmplifierLate},
+    {"amplifierNan", FaultKind::AmplifierNan},
     {"muxAgain", FaultKind::MuxAgain},
     {"muxError", FaultKind::MuxError},
     {"muxReadsBack", FaultKind::MuxReadsBack},
     {"scriptRefuses", FaultKind::ScriptRefuses},
     {"scriptSilent", FaultKind::ScriptSilent},
+    {"scriptFails", FaultKind::ScriptFails},
+    {"clearLate", FaultKind::ClearLate},
     {"clearNever", FaultKind::ClearNever},
     {"pllBusy", FaultKind::PllBusy},
     {"sysfsMissing", FaultKind::SysfsMissing},
+});
+
+// What `target` and `code` may be. Kinds that are not here have neither.
+struct FaultNumbers {
+    FaultKind kind;
+    int targets;     // from 0 to below this one
+    uint32_t codes;  // from 0 to this one
+};
+
+constexpr auto faultNumbers = std::to_array<FaultNumbers>({
+    {FaultKind::DmaOpen, 16, 0},
+    {FaultKind::DmaIoctl, 16, std::numeric_limits<uint32_t>::max()},
+    {FaultKind::DmaRead, 16, 4095},  // the highest errno
+    {FaultKind::DmaShortRead, 16, 1},
+    {FaultKind::DmaStall, 16, 0},
+    {FaultKind::AmplifierSilent, 8, 0},
+    {FaultKind::AmplifierGarbage, 8, 4096},
+    {FaultKind::AmplifierBadStatus, 8, 255},
+    {FaultKind::AmplifierHalfFrame, 8, 0},
+    {FaultKind::AmplifierLate, 8, 60000},
+    {FaultKind::AmplifierNan, 8, 0},
+    {FaultKind::MuxReadsBack, 0, 0x7F},
+    {FaultKind::ClearLate, 8, 60000},
+    {FaultKind::ClearNever, 8, 0},
 });
 
 template <typename E, size_t N>
@@ -275,7 +308,8 @@ private:
 
 constexpr double anyCount = 1e6;  // and as large in physical units
 
-Waveform readWaveform(Section& section, const std::string& folder) {
+// `files`: whether those that the scenario names are read too.
+Waveform readWaveform(Section& section, const std::string& folder, bool files) {
     Waveform waveform;
     section.read("kind", waveform.kind, waveformKinds);
     section.read("frequencyHz", waveform.frequencyHz, 0.0, 1e9);
@@ -309,13 +343,20 @@ Waveform readWaveform(Section& section, const std::string& folder) {
         if (waveform.file.front() != '/') {
             waveform.file = (std::filesystem::path(folder) / waveform.file).lexically_normal().string();
         }
+        if (files) {
+            try {
+                readWavFile(waveform.file);
+            } catch (const std::exception& error) {
+                section.fail("file", error.what());
+            }
+        }
     } else if (!waveform.file.empty()) {
         section.fail("file", "goes with kind wav only");
     }
     return waveform;
 }
 
-ModuleScenario readModule(Section& section, const std::string& folder) {
+ModuleScenario readModule(Section& section, const std::string& folder, bool files) {
     ModuleScenario module;
     section.require("slot");
     section.readInteger("slot", module.slot, 0, 7);
@@ -323,7 +364,7 @@ ModuleScenario readModule(Section& section, const std::string& folder) {
     section.readInteger("serial", module.serial, 0, std::numeric_limits<uint64_t>::max());
     section.read("sensor", module.sensor, sensors);
     section.read("tedsChip", module.tedsChip);
-    section.readSection("waveform", [&](Section& inner) { module.waveform = readWaveform(inner, folder); });
+    section.readSection("waveform", [&](Section& inner) { module.waveform = readWaveform(inner, folder, files); });
     return module;
 }
 
@@ -333,15 +374,25 @@ Fault readFault(Section& section) {
     Fault fault;
     section.require("kind");
     section.read("kind", fault.kind, faultKinds);
+    const auto numbers = std::find_if(faultNumbers.begin(), faultNumbers.end(),
+                                      [&](const FaultNumbers& each) { return each.kind == fault.kind; });
+    const int targets = numbers != faultNumbers.end() ? numbers->targets : 0;
+    const uint32_t codes = numbers != faultNumbers.end() ? numbers->codes : 0;
     section.readInteger("target", fault.target, -1, 15);
-    // An ioctl's number as the driver sees it may have its top bit set.
-    uint32_t code = 0;
-    if (section.has("code")) {
-        int64_t wide = 0;
-        section.readInteger("code", wide, lowest, std::numeric_limits<uint32_t>::max());
-        code = static_cast<uint32_t>(wide);
+    if (fault.target >= targets) {
+        section.fail("target", "is " + std::to_string(fault.target) + ", " +
+                                   (targets == 0 ? "but this kind has none"
+                                                 : "must be from -1 to " + std::to_string(targets - 1)));
     }
-    fault.code = static_cast<int>(code);
+    // An ioctl's number as the driver sees it may have its top bit set, and so be negative in an int.
+    int64_t code = 0;
+    section.readInteger("code", code, codes > highest ? lowest : 0, std::numeric_limits<uint32_t>::max());
+    if (code > static_cast<int64_t>(codes)) {
+        section.fail("code", "is " + std::to_string(code) + ", " +
+                                 (codes == 0 ? "but this kind has none"
+                                             : "must be from 0 to " + std::to_string(codes)));
+    }
+    fault.code = static_cast<int>(static_cast<uint32_t>(code));
     section.read("atSeconds", fault.atSeconds, 0.0, 1e9);
     section.readInteger("afterCount", fault.afterCount, 0, std::numeric_limits<uint64_t>::max());
     section.readInteger("times", fault.times, -1, highest);
@@ -351,7 +402,7 @@ Fault readFault(Section& section) {
     return fault;
 }
 
-Scenario readScenario(const Json& json, const std::string& name, const std::string& folder) {
+Scenario readScenario(const Json& json, const std::string& name, const std::string& folder, bool files) {
     Section section(json, "", name);
     Scenario scenario;
     section.readInteger("boardType", scenario.boardType, 0, 255);
@@ -363,7 +414,10 @@ Scenario readScenario(const Json& json, const std::string& name, const std::stri
     section.readInteger("eepromVersion", scenario.eepromVersion, 0, 255);
     section.read("supplyOn", scenario.supplyOn);
     section.readList("modules", [&](Section& inner) {
-        const ModuleScenario module = readModule(inner, folder);
+        const ModuleScenario module = readModule(inner, folder, files);
+        if (scenario.boardType == 1 && module.slot > 1) {
+            inner.fail("slot", "is " + std::to_string(module.slot) + ", but a board of type 1 has slots 0 and 1");
+        }
         for (const ModuleScenario& other : scenario.modules) {
             if (other.slot == module.slot) {
                 inner.fail("slot", "is " + std::to_string(module.slot) + ", where a module stands already");
@@ -401,9 +455,7 @@ private:
     std::vector<std::set<std::string>> open_;
 };
 
-}  // namespace
-
-Scenario ScenarioJson::parse(const std::string& text, const std::string& name, const std::string& folder) {
+Scenario parseText(const std::string& text, const std::string& name, const std::string& folder, bool files) {
     Json json;
     try {
         RepeatedKeys repeated(name);
@@ -414,7 +466,13 @@ Scenario ScenarioJson::parse(const std::string& text, const std::string& name, c
         const size_t end = what.find("] ");
         throw ScenarioError(name + ": " + (end != what.npos ? what.substr(end + 2) : what));
     }
-    return readScenario(json, name, folder);
+    return readScenario(json, name, folder, files);
+}
+
+}  // namespace
+
+Scenario ScenarioJson::parse(const std::string& text, const std::string& name, const std::string& folder) {
+    return parseText(text, name, folder, false);
 }
 
 Scenario ScenarioJson::read(const std::string& file) {
@@ -432,7 +490,7 @@ Scenario ScenarioJson::read(const std::string& file) {
         throw ScenarioError(file + ": cannot be read: " + std::strerror(errno != 0 ? errno : EIO));
     }
     const std::string folder = std::filesystem::path(file).parent_path().string();
-    return parse(text.str(), file, folder.empty() ? "." : folder);
+    return parseText(text.str(), file, folder.empty() ? "." : folder, true);
 }
 
 std::string ScenarioJson::write(const Scenario& scenario) {

@@ -17,8 +17,9 @@ public:
 // of the wrong type or outside its range is an error. simulator/README.md lists the keys.
 class ScenarioJson {
 public:
-    // `name` stands in front of messages. A relative name of a WAV file counts from `folder`.
+    // `name` stands in front of messages. A relative name of a WAV file counts from `folder`; the file is not opened.
     static Scenario parse(const std::string& text, const std::string& name, const std::string& folder = ".");
+    // The WAV files that the scenario names are tried too.
     static Scenario read(const std::string& file);
 
     // Every key, indented, with a line end. Reading it gives the same scenario.

@@ -25,6 +25,11 @@ constexpr int stepGrid = 128;              // places of the step response in one
 constexpr int kernelReach = 4;             // samples on each side that the chain before the last half-band spreads
 constexpr int stepReach = 36;              // samples on each side of a step until the filter has settled
 constexpr double forgotten = -40.0;        // exponent of what lies below the last bit of any sample
+// Square and ramp on the filtered stream: from so many cycles in a sample on, few harmonics are left in the band and
+// many steps within the filter's reach.
+constexpr double shortCycle = 1.0 / 64.0;
+constexpr size_t cycleGrid = 16384;        // places of one period: cubic interpolation is good to the last bit
+constexpr double harmonicReach = 2.25;     // cycles in a sample: what lies above is stopped more than once
 constexpr double twoPi = 2.0 * std::numbers::pi;
 
 // To the nearest 2^-53, so that a place that is exact on paper is exact here; just below 1 becomes 0.
@@ -181,6 +186,15 @@ double HalfBand::response(double relative) const {
     return total / norm();
 }
 
+double StreamFormat::gain(double hertz) const {
+    double result = 1.0;
+    double input = 2.0 * rate();
+    for (uint32_t stage = 0; stage < stages; ++stage, input *= 2.0) {
+        result *= filter.response(hertz / input);
+    }
+    return result;
+}
+
 double StreamFormat::rate() const {
     return period == 0 ? 0.0 : baseClock / (static_cast<double>(period) * 0x1p-38);
 }
@@ -215,7 +229,7 @@ Signal::Signal(const SignalSource& source, const StreamFormat& format)
     const double unit = format.filtered ? 65536.0 : 1.0;
     frequency_ = source.waveform.frequencyHz;
     const bool physical = source.waveform.unit == WaveformUnit::Physical && kind_ != WaveformKind::Counter;
-    const FrontEnd frontEnd = physical ? source.frontEnd : FrontEnd{};
+    const FrontEnd frontEnd = physical && !debugCounter_ ? source.frontEnd : FrontEnd{};
     if (frontEnd.input != FrontEnd::Input::Signal) {
         kind_ = WaveformKind::Constant;
     }
@@ -246,13 +260,11 @@ Signal::Signal(const SignalSource& source, const StreamFormat& format)
     }
     const double rate = format.rate();
     cyclesPerSample_ = rate > 0.0 ? frequency_ / rate : 0.0;
-    if (!debugCounter_) {
-        passFrontEnd(frontEnd);
-    }
+    passFrontEnd(frontEnd);
     phaseStep_ = cycleFraction(frequency_, format.period, format.baseClock);
     phaseStart_ = toFraction(startCycles_) - cycleFraction(frequency_, format.delay, format.baseClock);
     if (format.filtered && kind_ != WaveformKind::Counter && kind_ != WaveformKind::Wav) {
-        prepareFilter();
+        prepareFilter(frontEnd);
     }
     if (periodic && !(debugCounter_ && !format.filtered)) {
         prepareTable();
@@ -290,12 +302,13 @@ void Signal::passFrontEnd(const FrontEnd& frontEnd) {
         const double passed = frontEnd.lowPassHz * std::numbers::pi / (2.0 * std::numbers::sqrt2);
         const double band = 0.5 * (format_.filtered ? std::min(rate, format_.baseClock) : format_.baseClock);
         amplitude_ *= band > passed ? std::sqrt(passed / band) : 1.0;
-    } else if (kind_ == WaveformKind::Sine || (edged && format_.filtered && std::fabs(cyclesPerSample_) >= 0.5)) {
+    } else if (kind_ == WaveformKind::Sine) {
         const std::complex<double> gain = response(frontEnd, frequency_);
         amplitude_ *= std::abs(gain);
         startCycles_ += std::arg(gain) / twoPi;
     } else if (edged && frequency_ != 0.0) {
-        shapeEdges(frontEnd, frontEnd.lowPassHz > 0.0 && !(format_.filtered && frontEnd.lowPassHz >= 0.5 * rate));
+        const bool counts = !format_.filtered || fewHarmonics() || frontEnd.lowPassHz < 0.5 * rate;
+        shapeEdges(frontEnd, frontEnd.lowPassHz > 0.0 && counts);
     } else if (edged && frontEnd.highPassHz > 0.0) {
         amplitude_ = 0.0;
     }
@@ -335,28 +348,64 @@ void Signal::shapeEdges(const FrontEnd& frontEnd, bool lowPassed) {
     smoothEdges_ = lowPassed;
 }
 
-void Signal::prepareFilter() {
-    const HalfBand& filter = format_.filter;
-    const double rate = format_.rate();
-    gain_ = filter.gain();
+bool Signal::fewHarmonics() const {
+    return std::fabs(cyclesPerSample_) >= shortCycle;
+}
+
+void Signal::prepareFilter(const FrontEnd& frontEnd) {
+    gain_ = format_.filter.gain();
     if (kind_ == WaveformKind::Sine) {
-        double input = 2.0 * rate;
-        for (uint32_t stage = 0; stage < format_.stages; ++stage, input *= 2.0) {
-            sineGain_ *= filter.response(frequency_ / input);
-        }
+        sineGain_ = format_.gain(frequency_);
     } else if (kind_ == WaveformKind::Noise) {
-        amplitude_ *= std::sqrt(std::min(1.0, rate / format_.baseClock)) * gain_;
-    } else {
-        fundamentalOnly_ = std::fabs(cyclesPerSample_) >= 0.5;
-        if (fundamentalOnly_) {
-            sineGain_ = filter.response(frequency_ / (2.0 * rate));
+        amplitude_ *= std::sqrt(std::min(1.0, format_.rate() / format_.baseClock)) * gain_;
+    } else if (kind_ == WaveformKind::Square || kind_ == WaveformKind::Ramp) {
+        if (fewHarmonics()) {
+            prepareCycle(frontEnd);
+        } else {
+            prepareStepResponse();
         }
-    }
-    if (kind_ == WaveformKind::Square || kind_ == WaveformKind::Ramp) {
-        prepareStepResponse();
     }
     const double delay = static_cast<double>(format_.delay) / static_cast<double>(format_.period);
     settled_ = static_cast<uint64_t>(std::ceil(delay)) + stepReach;
+}
+
+// A filtered periodic signal depends on its phase alone: one period of it, from its harmonics.
+void Signal::prepareCycle(const FrontEnd& frontEnd) {
+    static const std::vector<double> sines = [] {
+        std::vector<double> values(cycleGrid);
+        for (size_t i = 0; i < cycleGrid; ++i) {
+            values[i] = std::sin(twoPi * static_cast<double>(i) / cycleGrid);
+        }
+        return values;
+    }();
+    const bool square = kind_ == WaveformKind::Square;
+    const double part = amplitude_ * (square ? 4.0 : -2.0) / std::numbers::pi;
+    cycle_.assign(cycleGrid, 0.0);
+    for (size_t k = 1; k == 1 || static_cast<double>(k) * std::fabs(cyclesPerSample_) <= harmonicReach;
+         k += square ? 2 : 1) {
+        const double hertz = static_cast<double>(k) * frequency_;
+        const std::complex<double> weight =
+            response(frontEnd, hertz) * (part * format_.gain(hertz) / static_cast<double>(k));
+        for (size_t i = 0; i < cycleGrid; ++i) {
+            cycle_[i] += weight.real() * sines[k * i % cycleGrid] +
+                         weight.imag() * sines[(k * i + cycleGrid / 4) % cycleGrid];
+        }
+    }
+}
+
+double Signal::inCycle(double cycles) const {
+    const double place = (cycles - std::floor(cycles)) * cycleGrid;
+    const auto index = static_cast<size_t>(place);
+    const double x = place - static_cast<double>(index);
+    const double before = cycle_[(index + cycleGrid - 1) % cycleGrid];
+    const double left = cycle_[index % cycleGrid];
+    const double right = cycle_[(index + 1) % cycleGrid];
+    const double after = cycle_[(index + 2) % cycleGrid];
+    // The cubic through all four.
+    const double third = (after - before) / 6.0 + (left - right) / 2.0;
+    const double second = (before + right) / 2.0 - left;
+    const double first = right - left - second - third;
+    return left + x * (first + x * (second + x * third));
 }
 
 void Signal::prepareStepResponse() {
@@ -490,9 +539,8 @@ double Signal::valueAt(uint64_t sample) const {
     if (kind_ == WaveformKind::Sine) {
         return gain_ * offset_ + sineGain_ * shape(cycles);
     }
-    if (fundamentalOnly_) {
-        const double first = kind_ == WaveformKind::Square ? 4.0 / std::numbers::pi : -2.0 / std::numbers::pi;
-        return gain_ * offset_ + sineGain_ * first * amplitude_ * std::sin(twoPi * cycles);
+    if (!cycle_.empty()) {
+        return gain_ * offset_ + inCycle(cycles);
     }
     return gain_ * (offset_ + shape(cycles) + (smoothEdges_ ? 0.0 : edges(cycles)));
 }

@@ -45,7 +45,8 @@ struct StreamFormat {
     uint64_t limit = UINT64_MAX;  // samples until the stream ends
     HalfBand filter;
 
-    double rate() const;          // samples a second, with the oscillator's error
+    double rate() const;              // samples a second, with the oscillator's error
+    double gain(double hertz) const;  // real gain of the whole chain, filtered stream only
 
     static StreamFormat raw(double baseClock, uint32_t decimation, uint32_t length);
     static StreamFormat lowPassed(double baseClock, uint64_t ratio, uint32_t halfBands, const HalfBand& filter);
@@ -55,15 +56,16 @@ struct StreamFormat {
 // thread, and days of samples lose no phase.
 //
 // The raw stream is the waveform at the instants of conversion, unfiltered: what lies above half the rate folds. On
-// the filtered stream a sine has the exact gain and delay of the filter chain. A square or ramp is built from its
-// steps with the step response of the last half-band behind a smooth low-pass that stands for the chain before it:
-// edges lie exactly, images are some 70 dB down. Noise is white within the stream's own band with the power
+// the filtered stream a sine has the exact gain and delay of the filter chain, and so has each harmonic of a square or
+// ramp of few samples in a period. With more of them these two are built from their steps with the step response of the
+// last half-band behind a smooth low-pass that stands for the chain before it: edges lie exactly, images are some 70 dB
+// down. Noise is white within the stream's own band with the power
 // that a perfect low-pass would leave. In its first samples (about 75) the filter settles from 0 with the last
 // half-band's exact sum. Counter and Wav are neither filtered nor delayed.
 //
 // The amplifier's filters act on a physical waveform as if they had settled long ago: a sine has their exact gain and
-// phase, square and ramp their exact shape (on the filtered stream a low-pass above half the rate counts as none for
-// those two), noise the power that the low-pass leaves. Wav passes them by.
+// phase, square and ramp their exact shape (built from steps on the filtered stream, a low-pass above half the rate
+// counts as none for those two), noise the power that the low-pass leaves. Wav passes them by.
 class Signal {
 public:
     Signal(const SignalSource& source, const StreamFormat& format);
@@ -89,7 +91,10 @@ private:
     void shapeEdges(const FrontEnd& frontEnd, bool lowPassed);
     double residue(double samplesBehindEdge) const;
     double edges(double cycles) const;
-    void prepareFilter();
+    bool fewHarmonics() const;
+    void prepareFilter(const FrontEnd& frontEnd);
+    void prepareCycle(const FrontEnd& frontEnd);
+    double inCycle(double cycles) const;
     void prepareStepResponse();
     void prepareTable();
     template <typename Sample>
@@ -111,7 +116,6 @@ private:
     Uint128 phaseStart_ = 0;   // fractions of a cycle, 2^-128
     Uint128 phaseStep_ = 0;
     uint64_t settled_ = 0;     // samples before this one are still settling
-    bool fundamentalOnly_ = false;      // square or ramp at or above half the rate
     // Square and ramp behind the amplifier's filters: in each piece between two edges a line and decaying exponentials.
     struct Decay {
         std::complex<double> pole;    // 1 / piece's length
@@ -124,6 +128,7 @@ private:
     double fileGain_ = 1.0;             // Wav: counts of this stream in a count of the file
     double fileOffset_ = 0.0;           // Wav: counts of this stream
     std::vector<double> stepResponse_;  // square and ramp only: from -stepReach to stepReach samples
+    std::vector<double> cycle_;         // or, with few samples in a period, that period around the offset
     std::vector<double> cosines_;       // of sample j of a block against its first
     std::vector<double> sines_;
     // One whole number of periods, if it is short enough: one of the two.

@@ -43,6 +43,10 @@ FILE* Commands::start(const char* commandLine, const char* mode, int& error) {
         error = EINVAL;
         return nullptr;
     }
+    error = -runtime::get().startCommand();
+    if (error != 0) {
+        return nullptr;
+    }
     const std::string reply = runtime::get().runCommand(commandLine);
     const int fd = memfd_create("kestrix-command", std::strchr(mode, 'e') != nullptr ? MFD_CLOEXEC : 0);
     if (fd < 0) {

@@ -63,9 +63,11 @@ bool needsMode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-// An attribute file takes each write whole, in place of what it held: a plain file has to be cut for that.
+// An attribute file takes each write whole, in place of what it held: a plain file has to be cut for that. Nobody makes
+// files in the trees of a driver.
 int attributeFlags(int flags) {
-    return (flags & O_ACCMODE) == O_WRONLY && (flags & (O_APPEND | O_DIRECTORY)) == 0 ? flags | O_TRUNC : flags;
+    const bool cut = (flags & O_ACCMODE) == O_WRONLY && (flags & (O_APPEND | O_DIRECTORY)) == 0;
+    return cut ? flags | O_TRUNC : flags;
 }
 
 template <typename Pass>
@@ -75,6 +77,10 @@ int openPath(const char* path, int flags, Pass&& pass) {
         return ordinary(pass(path, flags));
     }
     if (location.files()) {
+        if (needsMode(flags) && !location.exists()) {
+            errno = EACCES;
+            return -1;
+        }
         return ordinary(pass(location.path(), attributeFlags(flags)));
     }
     return served([&] { return location.absent() ? -ENOENT : openDevice(location, flags); });
@@ -368,6 +374,10 @@ KESTRIX_HOOK(int, ioctl, (int fd, unsigned long request, ...)) {
     // Callers that keep the number in an int extend its sign.
     const auto number = static_cast<uint32_t>(request & 0xFFFFFFFF);
     if (number == FIOCLEX || number == FIONCLEX) {
+        return next::ioctl(fd, request, argument);
+    }
+    if (number == FIONBIO && argument != nullptr) {
+        file->setNonBlocking(*static_cast<const int*>(argument) != 0);
         return next::ioctl(fd, request, argument);
     }
     return served([&] { return file->control(number, reinterpret_cast<uintptr_t>(argument)); });

@@ -67,8 +67,17 @@ int askStatusAt(int folder, const char* path, struct stat* status, int flags) {
         [&](const Location& location) { return fillStatus(nodeNumber(location), status); });
 }
 
+// Whether a stream would make a file where a driver's tree lets nobody make one.
+bool makesNothing(const Location& location, const char* mode) {
+    return location.files() && mode != nullptr && (mode[0] == 'w' || mode[0] == 'a') && !location.exists();
+}
+
 FILE* openStream(const char* path, const char* mode) {
     const Location location(path);
+    if (makesNothing(location, mode)) {
+        errno = EACCES;
+        return nullptr;
+    }
     if (location.ordinary() || location.files()) {
         return next::fopen(location.path(), mode);
     }
@@ -79,11 +88,12 @@ FILE* openStream(const char* path, const char* mode) {
 
 FILE* reopenStream(const char* path, const char* mode, FILE* stream) {
     const Location location(path);
-    if (location.ordinary() || location.files()) {
+    const bool forbidden = makesNothing(location, mode);
+    if (!forbidden && (location.ordinary() || location.files())) {
         return next::freopen(location.path(), mode, stream);
     }
     next::fclose(stream);
-    errno = location.absent() ? ENOENT : ENOTSUP;
+    errno = forbidden ? EACCES : location.absent() ? ENOENT : ENOTSUP;
     return nullptr;
 }
 
@@ -92,6 +102,18 @@ FILE* reopenStream(const char* path, const char* mode, FILE* stream) {
 KESTRIX_HOOK(int, access, (const char* path, int mode)) {
     return ask(
         path, [&](const char* at) { return next::access(at, mode); },
+        [&](const Location& location) { return checkAccess(location, mode); });
+}
+
+KESTRIX_HOOK(int, euidaccess, (const char* path, int mode)) {
+    return ask(
+        path, [&](const char* at) { return next::euidaccess(at, mode); },
+        [&](const Location& location) { return checkAccess(location, mode); });
+}
+
+KESTRIX_HOOK(int, eaccess, (const char* path, int mode)) {
+    return ask(
+        path, [&](const char* at) { return next::euidaccess(at, mode); },
         [&](const Location& location) { return checkAccess(location, mode); });
 }
 

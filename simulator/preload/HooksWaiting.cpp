@@ -28,11 +28,14 @@ int64_t now() {
     return time.tv_sec * second + time.tv_nsec;
 }
 
-// The bound of one wait; none at all if made from null.
+// The bound of one wait; none at all if made from null, or from a number that programs write for "endless".
 class Deadline {
 public:
+    static constexpr time_t longest = 1'000'000'000;  // s
+
     explicit Deadline(const timespec* timeout)
-        : endless_(timeout == nullptr), end_(endless_ ? 0 : now() + timeout->tv_sec * second + timeout->tv_nsec) {}
+        : endless_(timeout == nullptr || timeout->tv_sec > longest),
+          end_(endless_ ? 0 : now() + timeout->tv_sec * second + timeout->tv_nsec) {}
 
     int64_t left() const { return endless_ ? slice : std::max<int64_t>(end_ - now(), 0); }
 
@@ -218,7 +221,7 @@ KESTRIX_HOOK(int, select, (int limit, fd_set* readable, fd_set* writable, fd_set
     }
     int64_t left = 0;
     const int result = selectServed(limit, sets, timeout != nullptr ? &time : nullptr, nullptr, &left);
-    if (timeout != nullptr && result >= 0) {
+    if (timeout != nullptr && result >= 0 && timeout->tv_sec <= Deadline::longest) {
         *timeout = {left / second, left % second / 1000};
     }
     return result;

@@ -26,6 +26,9 @@ int transfer(const i2c_rdwr_ioctl_data* data) {
         if (message.len > maxBytes || (message.flags & I2C_M_RECV_LEN) != 0) {
             return -EINVAL;
         }
+        if (message.buf == nullptr && message.len != 0) {
+            return -EFAULT;
+        }
         messages[i] = {message.addr, (message.flags & I2C_M_RD) != 0, message.buf, message.len};
     }
     return runtime::get().i2cTransfer(messages.data(), data->nmsgs);
@@ -61,6 +64,9 @@ int I2cFile::control(uint32_t request, uintptr_t argument) {
         case I2C_SLAVE_FORCE:
             if (argument > 0x7F) {
                 return -EINVAL;
+            }
+            if (const int result = runtime::get().i2cSelect(); result != 0) {
+                return result;
             }
             slave_.store(static_cast<int>(argument), std::memory_order_relaxed);
             return 0;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -20,6 +21,24 @@ namespace {
 size_t wholePages(size_t length) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     return (length + page - 1) / page * page;
+}
+
+// Nothing answers on the bus there: the mapping works, an access is a bus error. An empty file of memory has just that.
+void* emptyMemory(uint64_t physicalAddress, size_t size, int protection, int& error) {
+    char text[96];
+    const int length =
+        std::snprintf(text, sizeof text, "kestrix-sim: no register block at 0x%llx, an access ends in SIGBUS\n",
+                      static_cast<unsigned long long>(physicalAddress));
+    (void)!next::write(2, text, static_cast<size_t>(length));
+    const int fd = memfd_create("kestrix-nothing", MFD_CLOEXEC);
+    void* memory = fd >= 0 ? next::mmap(nullptr, size, protection, MAP_SHARED, fd, 0) : MAP_FAILED;
+    if (memory == MAP_FAILED) {
+        error = errno;
+    }
+    if (fd >= 0) {
+        next::close(fd);
+    }
+    return memory;
 }
 
 }  // namespace
@@ -43,6 +62,10 @@ void* Mappings::make(uint64_t physicalAddress, size_t length, int protection, bo
         return MAP_FAILED;
     }
     const size_t size = wholePages(length);
+    if (!runtime::get().hasBlock(physicalAddress, size)) {
+        slot->address.store(0, std::memory_order_release);
+        return emptyMemory(physicalAddress, size, protection, error);
+    }
     // From the heap, whose reuse by another thread a race detector follows.
     auto* filledWith = new (std::nothrow) uint32_t[size / 4];
     void* memory = next::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -13,7 +13,7 @@ class Mappings {
 public:
     static constexpr size_t limit = 64;  // at one time
 
-    // MAP_FAILED and `error` if it cannot be made.
+    // MAP_FAILED and `error` if it cannot be made. Where no register block lies, an access ends in SIGBUS.
     static void* make(uint64_t physicalAddress, size_t length, int protection, bool shared, int& error);
 
     // False if the range has nothing to do with our mappings. Otherwise `result` is that of munmap, 0 or a negative

@@ -13,8 +13,12 @@ namespace {
 
 constexpr size_t maxWords = 1024;  // of one pread or pwrite
 
-bool wholeWords(size_t size, off_t offset) {
-    return offset >= 0 && offset % 4 == 0 && size != 0 && size % 4 == 0 && size <= maxWords * 4;
+// Whole words of a block, as 0 or a negative errno.
+int checkPlace(size_t size, off_t offset) {
+    if (offset < 0 || offset % 4 != 0 || size == 0 || size % 4 != 0 || size > maxWords * 4) {
+        return -EINVAL;
+    }
+    return runtime::get().hasBlock(static_cast<uint64_t>(offset), size) ? 0 : -EFAULT;
 }
 
 }  // namespace
@@ -30,8 +34,8 @@ int MemFile::open(int, ServedFile*& file) {
 }
 
 ssize_t MemFile::readAt(void* buffer, size_t size, off_t offset) {
-    if (!wholeWords(size, offset)) {
-        return -EINVAL;
+    if (const int error = checkPlace(size, offset); error != 0) {
+        return error;
     }
     std::array<uint32_t, maxWords> words;
     runtime::get().readPage(static_cast<uint64_t>(offset), words.data(), size / 4);
@@ -40,8 +44,8 @@ ssize_t MemFile::readAt(void* buffer, size_t size, off_t offset) {
 }
 
 ssize_t MemFile::writeAt(const void* buffer, size_t size, off_t offset) {
-    if (!wholeWords(size, offset)) {
-        return -EINVAL;
+    if (const int error = checkPlace(size, offset); error != 0) {
+        return error;
     }
     std::array<uint32_t, maxWords> words;
     std::memcpy(words.data(), buffer, size);

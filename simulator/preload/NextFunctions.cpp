@@ -40,6 +40,7 @@ constinit Next<int(FILE*)> fclose{"fclose"};
 constinit Next<FILE*(const char*, const char*)> popen{"popen"};
 constinit Next<int(FILE*)> pclose{"pclose"};
 constinit Next<int(const char*, int)> access{"access"};
+constinit Next<int(const char*, int)> euidaccess{"euidaccess"};
 constinit Next<int(int, const char*, int, int)> faccessat{"faccessat"};
 constinit Next<int(const char*, struct stat*)> stat{"stat"};
 constinit Next<int(const char*, struct stat*)> lstat{"lstat"};

@@ -51,6 +51,7 @@ extern Next<int(FILE*)> fclose;
 extern Next<FILE*(const char*, const char*)> popen;
 extern Next<int(FILE*)> pclose;
 extern Next<int(const char*, int)> access;
+extern Next<int(const char*, int)> euidaccess;
 extern Next<int(int, const char*, int, int)> faccessat;
 extern Next<int(const char*, struct stat*)> stat;
 extern Next<int(const char*, struct stat*)> lstat;

@@ -45,12 +45,14 @@ int openDevice(const Location& location, int flags) {
         return result;
     }
     file->setOpened(flags, nodeNumber(location));
-    const int fd = memfd_create("kestrix-device", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
+    const int fd = memfd_create("kestrix-device", MFD_ALLOW_SEALING | ((flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0));
     if (fd < 0) {
         const int error = errno;
         file->release();
         return -error;
     }
+    // A write that is not interposed fails instead of vanishing.
+    next::fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE);
     if ((flags & O_NONBLOCK) != 0) {
         next::fcntl(fd, F_SETFL, O_NONBLOCK);
     }

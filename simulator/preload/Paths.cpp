@@ -1,9 +1,12 @@
 #include "simulator/preload/Paths.h"
 
+#include <unistd.h>
+
 #include <cstring>
 #include <string_view>
 
 #include "simulator/preload/Entry.h"
+#include "simulator/preload/NextFunctions.h"
 #include "simulator/preload/Runtime.h"
 
 namespace kestrixsim {
@@ -40,6 +43,10 @@ bool flatten(std::string_view path, char* out, size_t size) {
 }
 
 }  // namespace
+
+bool Location::exists() const {
+    return next::access(path_, F_OK) == 0;
+}
 
 Location::Location(const char* path) : path_(path) {
     if (path == nullptr || path[0] != '/' || Entry::inside()) {

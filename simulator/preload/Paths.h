@@ -22,6 +22,9 @@ public:
     bool device() const { return !ordinary() && !absent() && door_.kind != DoorKind::Files; }
     bool files() const { return door_.kind == DoorKind::Files; }
 
+    // Whether a plain file of the instrument is there.
+    bool exists() const;
+
     // What to hand on: the path itself, or the one in the root folder. Not for devices and absent paths.
     const char* path() const { return path_; }
 

@@ -1,10 +1,12 @@
 #include "simulator/preload/Runtime.h"
 
 #include <pthread.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -140,6 +142,11 @@ void sweep(const std::filesystem::path& parent) {
             !S_ISDIR(status.st_mode) || status.st_uid != geteuid() || time(nullptr) - status.st_mtime < 60) {
             continue;  // a folder that was made just now may not be locked yet
         }
+        // A program that closes every descriptor it doesn't know has lost the lock, but lives.
+        const auto owner = static_cast<pid_t>(std::atol(entry->path().filename().c_str() + rootPrefix.size()));
+        if (owner > 0 && (kill(owner, 0) == 0 || errno == EPERM)) {
+            continue;
+        }
         if (const int lock = lockFolder(folder); lock >= 0) {
             std::error_code failed;
             std::filesystem::remove_all(folder, failed);
@@ -195,7 +202,7 @@ const std::string* root() {
         const char* temporary = std::getenv("TMPDIR");
         const std::string parent = temporary != nullptr && *temporary == '/' ? temporary : "/tmp";
         sweep(parent);
-        std::string folder = parent + "/" + std::string(rootPrefix) + "XXXXXX";
+        std::string folder = parent + "/" + std::string(rootPrefix) + std::to_string(getpid()) + ".XXXXXX";
         if (mkdtemp(folder.data()) == nullptr) {
             return nullptr;
         }

@@ -6,21 +6,57 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 namespace kestrixsim {
 
 namespace {
 
 // What a read or write must know of the attributes, in one word that it loads without a lock.
-struct alignas(4) Behaviour {
+struct alignas(8) Behaviour {
     uint8_t minimum;
     uint8_t time;  // tenths of a second
     bool canonical;
-    bool audible;  // the firmware's speed
+    bool audible;     // the firmware's speed
+    uint8_t input;    // of the bits below
+    bool lineEnds;    // each line feed is written behind a carriage return
+    uint8_t unused[2];
 };
 static_assert(std::atomic<Behaviour>::is_always_lock_free);
 
-constinit std::atomic<Behaviour> behaviour{Behaviour{1, 0, true, false}};
+// What a port that is not raw does to the bytes that come in.
+enum : uint8_t { stripped = 1, flowControlled = 2, returnsDropped = 4, returnsChanged = 8, feedsChanged = 16 };
+
+uint8_t inputRules(tcflag_t flags) {
+    return static_cast<uint8_t>(((flags & ISTRIP) != 0 ? stripped : 0) | ((flags & IXON) != 0 ? flowControlled : 0) |
+                                ((flags & IGNCR) != 0 ? returnsDropped : 0) |
+                                ((flags & ICRNL) != 0 ? returnsChanged : 0) |
+                                ((flags & INLCR) != 0 ? feedsChanged : 0));
+}
+
+// In place; the number of bytes that are left.
+size_t comeIn(uint8_t rules, uint8_t* bytes, size_t size) {
+    if (rules == 0) {
+        return size;
+    }
+    size_t kept = 0;
+    for (size_t i = 0; i < size; ++i) {
+        uint8_t byte = (rules & stripped) != 0 ? bytes[i] & 0x7F : bytes[i];
+        const bool flow = (rules & flowControlled) != 0 && (byte == 0x11 || byte == 0x13);
+        if (flow || (byte == '\r' && (rules & returnsDropped) != 0)) {
+            continue;
+        }
+        if (byte == '\r' && (rules & returnsChanged) != 0) {
+            byte = '\n';
+        } else if (byte == '\n' && (rules & feedsChanged) != 0) {
+            byte = '\r';
+        }
+        bytes[kept++] = byte;
+    }
+    return kept;
+}
+
+constinit std::atomic<Behaviour> behaviour{Behaviour{1, 0, true, false, flowControlled | returnsChanged, true, {}}};
 constinit std::atomic<int> aheadByte{-1};  // taken from the wire by poll, not read yet
 
 termios powerOnSettings() {
@@ -47,7 +83,9 @@ void apply(const termios& settings) {
     const bool audible = cfgetospeed(&settings) == B38400 &&
                          (cfgetispeed(&settings) == B38400 || cfgetispeed(&settings) == B0) &&
                          (settings.c_cflag & CSIZE) == CS8 && (settings.c_cflag & (PARENB | CSTOPB)) == 0;
-    behaviour.store({settings.c_cc[VMIN], settings.c_cc[VTIME], (settings.c_lflag & ICANON) != 0, audible});
+    behaviour.store({settings.c_cc[VMIN], settings.c_cc[VTIME], (settings.c_lflag & ICANON) != 0, audible,
+                     inputRules(settings.c_iflag),
+                     (settings.c_oflag & (OPOST | ONLCR)) == (OPOST | ONLCR), {}});
 }
 
 // The kernel's own form of the attributes, which the ioctl of the same purpose takes.
@@ -89,11 +127,14 @@ ssize_t UartFile::read(void* buffer, size_t size) {
     }
     if (minimum == 0) {
         const int timeoutMs = got != 0 || nonBlocking() ? 0 : pauseMs;
-        const ssize_t count = got < size ? instrument.uartRead(bytes + got, size - got, timeoutMs) : 0;
-        if (count < 0) {
-            return count;
-        }
-        got += static_cast<size_t>(count);
+        ssize_t count = 0;
+        do {
+            count = got < size ? instrument.uartRead(bytes + got, size - got, timeoutMs) : 0;
+            if (count < 0) {
+                return count;
+            }
+            got += comeIn(rules.input, bytes + got, static_cast<size_t>(count));
+        } while (count > 0 && got == 0);  // a byte that does not come in ends no wait
         return got == 0 && nonBlocking() && rules.time != 0 ? -EAGAIN : static_cast<ssize_t>(got);
     }
     // VMIN bytes, or what has come when VTIME passes between two of them. The first byte is waited for without end.
@@ -107,16 +148,29 @@ ssize_t UartFile::read(void* buffer, size_t size) {
         if (count == 0 && (nonBlocking() || timed)) {
             break;
         }
-        got += static_cast<size_t>(count);
+        got += comeIn(rules.input, bytes + got, static_cast<size_t>(count));
     }
     return got == 0 ? -EAGAIN : static_cast<ssize_t>(got);
 }
 
 ssize_t UartFile::write(const void* buffer, size_t size) {
-    if (!behaviour.load().audible) {
+    const Behaviour rules = behaviour.load();
+    if (!rules.audible) {
         return static_cast<ssize_t>(size);
     }
-    return runtime::get().uartWrite(static_cast<const uint8_t*>(buffer), size);
+    const auto* bytes = static_cast<const uint8_t*>(buffer);
+    if (!rules.lineEnds || std::find(bytes, bytes + size, '\n') == bytes + size) {
+        return runtime::get().uartWrite(bytes, size);
+    }
+    std::vector<uint8_t> sent;
+    for (size_t i = 0; i < size; ++i) {
+        if (bytes[i] == '\n') {
+            sent.push_back('\r');
+        }
+        sent.push_back(bytes[i]);
+    }
+    const ssize_t result = runtime::get().uartWrite(sent.data(), sent.size());
+    return result < 0 ? result : static_cast<ssize_t>(size);
 }
 
 int UartFile::control(uint32_t request, uintptr_t argument) {
@@ -131,7 +185,9 @@ int UartFile::control(uint32_t request, uintptr_t argument) {
                 return -EFAULT;
             }
             termios settings{};
-            getAttributes(settings);
+            if (const int result = getAttributes(settings); result != 0) {
+                return result;
+            }
             auto& out = *reinterpret_cast<KernelTermios*>(argument);
             out = {settings.c_iflag, settings.c_oflag, settings.c_cflag, settings.c_lflag, settings.c_line, {}};
             std::memcpy(out.characters, settings.c_cc, sizeof out.characters);
@@ -163,7 +219,7 @@ int UartFile::control(uint32_t request, uintptr_t argument) {
 short UartFile::ready() {
     if (aheadByte.load() < 0) {
         uint8_t byte = 0;
-        if (runtime::get().uartRead(&byte, 1, 0) == 1) {
+        if (runtime::get().uartRead(&byte, 1, 0) == 1 && comeIn(behaviour.load().input, &byte, 1) == 1) {
             aheadByte.store(byte);
         }
     }
@@ -171,12 +227,18 @@ short UartFile::ready() {
 }
 
 int UartFile::getAttributes(termios& settings) {
+    if (const int result = runtime::get().uartConfigure(); result != 0) {
+        return result;
+    }
     const std::scoped_lock guard(runtime::lock());
     settings = portSettings();
     return 0;
 }
 
 int UartFile::setAttributes(const termios& settings) {
+    if (const int result = runtime::get().uartConfigure(); result != 0) {
+        return result;
+    }
     const std::scoped_lock guard(runtime::lock());
     apply(settings);
     return 0;

@@ -6,8 +6,9 @@
 namespace kestrixsim {
 
 // /dev/ttyPS1, the amplifiers' port. Attributes belong to the port and outlive a close. VMIN and VTIME rule a read in
-// non-canonical mode; in canonical mode a read waits for the first byte. The firmware hears 38400 baud only: bytes
-// written at another speed are taken and lost.
+// non-canonical mode; in canonical mode a read waits for the first byte. What the attributes say of line ends, flow
+// control and the eighth bit happens to the bytes. The firmware hears 38400 baud only: bytes written at another speed
+// are taken and lost.
 class UartFile : public ServedFile {
 public:
     static int open(int flags, ServedFile*& file);

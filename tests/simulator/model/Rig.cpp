@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstring>
+
 using kestrixsim::I2cMessage;
 using kestrixsim::Stream;
 
@@ -56,16 +59,36 @@ void Rig::select(int slot) {
     ASSERT_EQ(4, instrument.i2cTransfer(messages, 4));
 }
 
-std::vector<uint8_t> Rig::exchange(std::vector<uint8_t> request) {
+std::vector<uint8_t> Rig::exchange(const std::vector<uint8_t>& bytes) {
     instrument.uartFlush();
-    instrument.uartWrite(request.data(), request.size());
-    for (int i = 0; i < 5000; ++i) {
+    instrument.uartWrite(bytes.data(), bytes.size());
+    std::vector<uint8_t> reply;
+    int silence = 0;  // ms behind the last byte
+    for (int i = 0; i < 5000 && silence < 3; ++i) {
         now += 0.001;
-        uint8_t bytes[256];
-        const ssize_t count = instrument.uartRead(bytes, sizeof bytes, 0);
-        if (count > 0) {
-            return {bytes, bytes + count};
-        }
+        uint8_t part[256];
+        const ssize_t count = instrument.uartRead(part, sizeof part, 0);
+        reply.insert(reply.end(), part, part + count);
+        silence = reply.empty() || count > 0 ? 0 : silence + 1;
     }
-    return {};
+    return reply;
+}
+
+std::vector<uint8_t> Rig::ask(std::vector<uint8_t> request) {
+    request.insert(request.begin(), {0xA5, static_cast<uint8_t>(request.size())});
+    request.push_back(0x5A);
+    const std::vector<uint8_t> reply = exchange(request);
+    if (reply.size() < 4 || reply[0] != 0xA5 || reply[1] + 3u != reply.size() || reply.back() != 0x5A) {
+        return {};
+    }
+    return {reply.begin() + 2, reply.end() - 1};
+}
+
+float Rig::number(uint8_t command) {
+    const std::vector<uint8_t> reply = ask({command});
+    float value = NAN;
+    if (reply.size() == 5) {
+        std::memcpy(&value, reply.data() + 1, 4);
+    }
+    return value;
 }

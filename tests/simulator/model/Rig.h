@@ -45,8 +45,11 @@ public:
         return samples;
     }
 
-    // A request to the amplifier that the multiplexer selects, and what comes back within 5 s of the rig's time.
-    std::vector<uint8_t> exchange(std::vector<uint8_t> request);
+    // Bytes to the amplifier that the multiplexer selects, and what comes back within 5 s of the rig's time.
+    std::vector<uint8_t> exchange(const std::vector<uint8_t>& bytes);
+    // Command and payload; status and data of the answer. Empty if that is no frame.
+    std::vector<uint8_t> ask(std::vector<uint8_t> request);
+    float number(uint8_t command);                                 // the answer as a number
     void select(int slot);
 
     double now = 1000.0;

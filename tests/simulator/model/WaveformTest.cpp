@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <numbers>
+#include <numeric>
 #include <unistd.h>
 
 #include "simulator/model/Signal.h"
@@ -40,11 +42,6 @@ std::vector<Sample> samplesOf(const Signal& signal, uint64_t first, size_t count
     return samples;
 }
 
-double clipped(Real value, bool filtered) {
-    const Real limit = filtered ? 2147483648.0L : 32768.0L;
-    return static_cast<double>(std::min(std::max(value, -limit), limit - 1));
-}
-
 struct SineCase {
     const char* name;
     double hertz;
@@ -68,7 +65,7 @@ TEST_P(RawSine, keepsItsPhaseForDays) {
             const Real ticks = static_cast<Real>(first + i) * p.decimation;
             const Real cycles = std::fmod(ticks * p.hertz / static_cast<Real>(p.clock), 1.0L);
             const Real value = p.offset + p.amplitude * std::sin(2 * pi * cycles + p.phase);
-            ASSERT_NEAR(clipped(value, false), samples[i], 0.501) << first + i;
+            ASSERT_NEAR(static_cast<double>(std::clamp(value, -32768.0L, 32767.0L)), samples[i], 0.501) << first + i;
         }
     }
 }
@@ -83,25 +80,27 @@ INSTANTIATE_TEST_SUITE_P(Settings, RawSine,
                                          SineCase{"standsStill", 1000.0, 15e6, 15000, 1000.0, 3.0, 0.5}),
                          [](const auto& info) { return info.param.name; });
 
+template <typename Sample>
+void expectNoSeams(const Signal& signal, WaveformKind kind) {
+    const auto whole = samplesOf<Sample>(signal, 0, 20000);
+    for (size_t first = 0, size = 1; first < whole.size(); first += size, size = size * 3 % 1613 + 1) {
+        const size_t count = std::min(size, whole.size() - first);
+        const auto piece = samplesOf<Sample>(signal, first, count);
+        ASSERT_TRUE(std::equal(piece.begin(), piece.end(), whole.begin() + static_cast<std::ptrdiff_t>(first)))
+            << int(kind) << " at " << first;
+    }
+}
+
 TEST(Waveforms, piecesJoinWithoutSeam) {
     const StreamFormat raw = StreamFormat::raw(15e6, 1, 0xFFFFFFFF);
     const StreamFormat filtered = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter());
     for (const WaveformKind kind : {WaveformKind::Constant, WaveformKind::Sine, WaveformKind::Square,
                                     WaveformKind::Ramp, WaveformKind::Noise, WaveformKind::Counter}) {
-        for (const double hertz : {997.0001, 1000.0}) {
+        for (const double hertz : {997.0001, 1000.0, 98765.4321}) {
             const Signal rawSignal(source(kind, hertz), raw);
             const Signal filteredSignal(source(kind, hertz), filtered);
-            const auto wholeRaw = samplesOf<int16_t>(rawSignal, 0, 20000);
-            const auto wholeFiltered = samplesOf<int32_t>(filteredSignal, 0, 20000);
-            for (size_t first = 0, size = 1; first < wholeRaw.size(); first += size, size = size * 3 % 1613 + 1) {
-                const size_t count = std::min(size, wholeRaw.size() - first);
-                const auto pieceRaw = samplesOf<int16_t>(rawSignal, first, count);
-                const auto pieceFiltered = samplesOf<int32_t>(filteredSignal, first, count);
-                ASSERT_TRUE(std::equal(pieceRaw.begin(), pieceRaw.end(), wholeRaw.begin() + first))
-                    << int(kind) << " raw at " << first;
-                ASSERT_TRUE(std::equal(pieceFiltered.begin(), pieceFiltered.end(), wholeFiltered.begin() + first))
-                    << int(kind) << " filtered at " << first;
-            }
+            expectNoSeams<int16_t>(rawSignal, kind);
+            expectNoSeams<int32_t>(filteredSignal, kind);
         }
     }
 }
@@ -193,30 +192,23 @@ TEST(Waveforms, filteredStreamSettlesFromNothing) {
     }
 }
 
+// With a period that a table can hold and without, beyond the first block and far from the start.
 TEST(Waveforms, squareAndRampOnTheRawStream) {
-    const StreamFormat format = StreamFormat::raw(15e6, 15000, 0xFFFFFFFF);
-    const auto square = samplesOf<int16_t>(Signal(source(WaveformKind::Square, 50.0, 1000.0, 10.0), format), 20, 20);
-    for (size_t i = 0; i < 20; ++i) {
-        EXPECT_EQ(i < 10 ? 1010 : -990, square[i]) << i;
-    }
-    const auto ramp = samplesOf<int16_t>(Signal(source(WaveformKind::Ramp, 50.0, 1000.0, 10.0), format), 40, 20);
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(-990 + 100 * i, ramp[static_cast<size_t>(i)]) << i;
-    }
-}
-
-// The same where no table can hold the period: beyond the first block, far from the start.
-TEST(Waveforms, squareAndRampWithoutAPeriod) {
-    const StreamFormat format = StreamFormat::raw(15e6, 1, 0xFFFFFFFF);
-    constexpr double hertz = 98765.4321;
-    constexpr uint64_t first = 6480000000000 + 500;
-    const auto square = samplesOf<int16_t>(Signal(source(WaveformKind::Square, hertz, 1000.0), format), first, 3000);
-    const auto ramp = samplesOf<int16_t>(Signal(source(WaveformKind::Ramp, hertz, 30000.0), format), first, 3000);
-    for (size_t i = 0; i < square.size(); ++i) {
-        const Real place = std::fmod(static_cast<Real>(first + i) * static_cast<Real>(hertz) / 15e6L, 1.0L);
-        if (place > 1e-6L && place < 1.0L - 1e-6L && std::fabs(place - 0.5L) > 1e-6L) {
-            ASSERT_EQ(place < 0.5L ? 1000 : -1000, square[i]) << i;
-            ASSERT_NEAR(static_cast<double>(30000.0L * (2.0L * place - 1.0L)), ramp[i], 0.51) << i;
+    for (const auto& [hertz, decimation] : {std::pair<double, uint32_t>{50.0, 15000}, {98765.4321, 1}}) {
+        const StreamFormat format = StreamFormat::raw(15e6, decimation, 0xFFFFFFFF);
+        const uint64_t first = 6480000000000 + 500;
+        const Signal squares(source(WaveformKind::Square, hertz, 1000.0, 10.0), format);
+        const Signal ramps(source(WaveformKind::Ramp, hertz, 30000.0), format);
+        const auto square = samplesOf<int16_t>(squares, first, 3000);
+        const auto ramp = samplesOf<int16_t>(ramps, first, 3000);
+        for (size_t i = 0; i < square.size(); ++i) {
+            const Real ticks = static_cast<Real>(first + i) * decimation;
+            const Real place = std::fmod(ticks * static_cast<Real>(hertz) / 15e6L, 1.0L);
+            const Real fromHalf = std::fabs(place - 0.5L);
+            if (decimation != 1 || (fromHalf > 1e-6L && fromHalf < 0.499999L)) {  // an edge may fall on either side
+                ASSERT_EQ(place < 0.5L ? 1010 : -990, square[i]) << i;
+                ASSERT_NEAR(static_cast<double>(30000.0L * (2.0L * place - 1.0L)), ramp[i], 0.51) << i;
+            }
         }
     }
 }
@@ -234,64 +226,88 @@ double harmonic(const std::vector<int32_t>& samples, double cycles) {
     return 2.0 * std::hypot(sine, cosine) / static_cast<double>(samples.size()) / 65536.0;
 }
 
-TEST(Waveforms, filteredSquareHasItsHarmonicsAndNoAliases) {
+struct Series {
+    const char* name;
+    WaveformKind kind;
+    int cycles;       // in 5000 samples
+    double lowPass;   // of the amplifier, in Hz; 0: none
+};
+
+class Harmonics : public testing::TestWithParam<Series> {};
+
+// In the pass band each has its own amplitude; the next ones are stopped before they could fold.
+TEST_P(Harmonics, areThereAndNoAliases) {
+    const Series& p = GetParam();
     const StreamFormat format = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter());
-    // 40 kHz at 1 MHz; the second one never repeats exactly and takes the other way through the code.
-    for (const double hertz : {40000.0, 40000.0 + 1e-7}) {
-        const Signal signal(source(WaveformKind::Square, hertz, 10000.0), format);
-        const auto samples = samplesOf<int32_t>(signal, 1000, 5000);
-        for (int k = 1; k <= 11; k += 2) {
-            const double expected = 4.0 / std::numbers::pi * 10000.0 / k;
-            EXPECT_NEAR(1.0, harmonic(samples, 200.0 * k) / expected, 0.001) << k;
+    const double hertz = p.cycles * 200.0;
+    // The second never repeats exactly and takes the other way through the code.
+    for (const double deviation : {0.0, 1e-7}) {
+        SignalSource wave = source(p.kind, hertz + deviation, 10000.0);
+        wave.waveform.unit = WaveformUnit::Physical;
+        wave.frontEnd.lowPassHz = p.lowPass;
+        const auto samples = samplesOf<int32_t>(Signal(wave, format), 1000, 5000);
+        std::vector<double> expected(2501, 0.0);
+        const bool square = p.kind == WaveformKind::Square;
+        for (int k = 1; k * p.cycles <= 2250; k += square ? 2 : 1) {
+            const double corner = p.lowPass > 0.0 ? k * hertz / p.lowPass : 0.0;
+            expected[static_cast<size_t>(k * p.cycles)] =
+                (square ? 4.0 : 2.0) / std::numbers::pi * 10000.0 / k / std::sqrt(1.0 + std::pow(corner, 4));
         }
-        // Harmonic 15 is at 600 kHz and would fold to 400 kHz, harmonic 19 to 240 kHz.
-        EXPECT_LT(harmonic(samples, 200.0 * 10), 10.0);
-        EXPECT_LT(harmonic(samples, 200.0 * 6), 10.0);
+        for (int cycles = 1; cycles < 2500; cycles += cycles % p.cycles == 0 || p.cycles > 400 ? 1 : p.cycles / 20) {
+            const bool stopped = cycles > 2250;
+            const double want = expected[static_cast<size_t>(cycles)];
+            EXPECT_NEAR(want, harmonic(samples, cycles), stopped ? 300.0 : 0.001 * want + 2.0) << cycles;
+        }
     }
 }
 
-TEST(Waveforms, filteredRampRisesEvenlyBetweenItsSteps) {
+INSTANTIATE_TEST_SUITE_P(Waves, Harmonics,
+                         testing::Values(Series{"square", WaveformKind::Square, 200, 0.0},
+                                         Series{"squareOfFewSamples", WaveformKind::Square, 700, 0.0},
+                                         Series{"squareLowPassed", WaveformKind::Square, 200, 50000.0},
+                                         Series{"ramp", WaveformKind::Ramp, 100, 0.0},
+                                         Series{"rampOfFewSamples", WaveformKind::Ramp, 1010, 0.0}),
+                         [](const auto& info) { return info.param.name; });
+
+// From steps or from harmonics, and far above the band nothing.
+TEST(Waveforms, filteredSquareAndRampOfAnyFrequency) {
     const StreamFormat format = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter());
-    const Signal signal(source(WaveformKind::Ramp, 1000.0, 10000.0), format);
-    const auto samples = samplesOf<int32_t>(signal, 1000, 1000);
-    // 40.4167 samples late; in the middle of the period the step is out of reach.
-    for (size_t n = 100; n < 950; ++n) {
-        const double phase = (static_cast<double>(n) - 606.25 / 15.0) / 1000.0;
-        ASSERT_NEAR(65536.0 * 10000.0 * (2.0 * phase - 1.0), samples[n], 2.0) << n;
+    for (const WaveformKind kind : {WaveformKind::Square, WaveformKind::Ramp}) {
+        const double border = bandwidthRate / 64.0;
+        const auto steps = samplesOf<int32_t>(Signal(source(kind, border * (1.0 - 1e-9)), format), 100, 5000);
+        const auto series = samplesOf<int32_t>(Signal(source(kind, border * (1.0 + 1e-9)), format), 100, 5000);
+        double worst = 0.0;
+        for (size_t i = 0; i < steps.size(); ++i) {
+            worst = std::max(worst, std::fabs(static_cast<double>(steps[i]) - series[i]) / 65536.0);
+        }
+        EXPECT_LT(worst, 16000.0 * 0.001);
+        for (const double part : {0.56, 1.0, 2.0, 3.0}) {
+            const Signal stopped(source(kind, part * bandwidthRate, 16000.0, 0.0, 1.0), format);
+            EXPECT_LT(peak(samplesOf<int32_t>(stopped, 1000, 500)), 2.0) << part;
+        }
     }
 }
 
 TEST(Waveforms, noiseIsReproducibleUniformAndDifferentInEachSlot) {
     const StreamFormat format = StreamFormat::raw(15e6, 1, 0xFFFFFFFF);
-    SignalSource here = source(WaveformKind::Noise, 0.0, 1000.0, 50.0);
+    SignalSource here = source(WaveformKind::Noise, 0.0, 1000.0);
     const auto samples = samplesOf<int16_t>(Signal(here, format), 0, 100000);
-    double sum = 0.0;
-    double squares = 0.0;
-    for (const int16_t sample : samples) {
-        ASSERT_LE(std::abs(sample - 50), 1000);
-        sum += sample - 50.0;
-        squares += (sample - 50.0) * (sample - 50.0);
-    }
-    EXPECT_NEAR(0.0, sum / 1e5, 10.0);
-    EXPECT_NEAR(1000.0 / std::sqrt(3.0), std::sqrt(squares / 1e5), 5.0);
+    const auto [lowest, highest] = std::minmax_element(samples.begin(), samples.end());
+    EXPECT_GE(*lowest, -1000);
+    EXPECT_LE(*highest, 1000);
+    EXPECT_NEAR(0.0, std::accumulate(samples.begin(), samples.end(), 0.0) / 1e5, 10.0);
+    const double power = std::inner_product(samples.begin(), samples.end(), samples.begin(), 0.0) / 1e5;
+    EXPECT_NEAR(1000.0 / std::sqrt(3.0), std::sqrt(power), 5.0);
     EXPECT_EQ(samples, samplesOf<int16_t>(Signal(here, format), 0, 100000));
     here.seed = 43;
     const auto other = samplesOf<int16_t>(Signal(here, format), 0, 100000);
-    double product = 0.0;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        product += (samples[i] - 50.0) * (other[i] - 50.0);
-    }
-    EXPECT_LT(std::fabs(product / 1e5), 0.02 * squares / 1e5);
-}
-
-TEST(Waveforms, filteredNoiseHasTheBandsShareOfThePower) {
-    const StreamFormat format = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter());
-    const auto samples = samplesOf<int32_t>(Signal(source(WaveformKind::Noise, 0, 3000.0), format), 1000, 100000);
-    double squares = 0.0;
-    for (const int32_t sample : samples) {
-        squares += std::pow(sample / 65536.0, 2);
-    }
-    EXPECT_NEAR(3000.0 / std::sqrt(3.0 * 15.0), std::sqrt(squares / 1e5), 5.0);
+    EXPECT_LT(std::fabs(std::inner_product(samples.begin(), samples.end(), other.begin(), 0.0) / 1e5), 0.02 * power);
+    // Filtered it has the band's share of the power.
+    const StreamFormat narrow = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter());
+    const auto filtered = samplesOf<int32_t>(Signal(source(WaveformKind::Noise, 0, 3000.0), narrow), 1000, 100000);
+    const std::vector<double> quiet(filtered.begin(), filtered.end());
+    const double rest = std::inner_product(quiet.begin(), quiet.end(), quiet.begin(), 0.0) / 1e5;
+    EXPECT_NEAR(3000.0 / std::sqrt(3.0 * 15.0), std::sqrt(rest) / 65536.0, 5.0);
 }
 
 void put(std::string& bytes, uint32_t value, int size) {
@@ -380,20 +396,15 @@ TEST(Waveforms, changeWhileRunningKeepsThePlaceInTheStream) {
     rig.enable(0, true, false);
     rig.start(0, Stream::Raw);
     rig.convert(1);
-    rig.now += 0.01;
-    EXPECT_EQ(9, rig.read<int16_t>(0, Stream::Raw, 20).back());
-    Waveform constant;
-    constant.kind = WaveformKind::Constant;
-    constant.offset = -1234.4;
-    rig.instrument.setWaveform(0, constant);
-    rig.now += 0.01;
-    EXPECT_EQ(-1234, rig.read<int16_t>(0, Stream::Raw, 20).back());
+    const auto last = [&] {
+        rig.now += 0.01;
+        return rig.read<int16_t>(0, Stream::Raw, 20).back();
+    };
+    EXPECT_EQ(9, last());
+    rig.instrument.setWaveform(0, source(WaveformKind::Constant, 0.0, 0.0, -1234.4).waveform);
+    EXPECT_EQ(-1234, last());
     rig.instrument.plug(Scenario::counters(1).modules[0]);
-    rig.now += 0.01;
-    EXPECT_EQ(29, rig.read<int16_t>(0, Stream::Raw, 20).back());
-    rig.instrument.unplug(0);
-    rig.now += 0.01;
-    EXPECT_EQ(0, rig.read<int16_t>(0, Stream::Raw, 20).back());
+    EXPECT_EQ(29, last());
 }
 
 }  // namespace

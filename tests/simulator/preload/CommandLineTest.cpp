@@ -1,6 +1,7 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "simulator/model/ScenarioJson.h"
@@ -54,13 +55,16 @@ TEST_F(CommandLine, RunServesAProgramThatKnowsNothingOfIt) {
 }
 
 TEST_F(CommandLine, RunReportsWhatItCannotRun) {
-    EXPECT_EQ(run("run -- no-such-program").status, 127);
     std::ofstream(folder_ / "plain") << "#!/bin/sh\n";
-    EXPECT_EQ(run("run -- ./plain").status, 126);
-    EXPECT_EQ(run("run").status, 2);
-    EXPECT_EQ(run("").status, 2);
-    EXPECT_EQ(run("bogus").status, 2);
-    EXPECT_EQ(run("--help").status, 0);
+    // The head of a program for another kind of processor.
+    std::ofstream(folder_ / "narrow") << "\177ELF\1\1\1" + std::string(100, '\0');
+    const std::pair<const char*, int> cases[] = {{"run -- no-such-program", 127}, {"run -- ./plain", 126},
+                                                 {"run -- ./narrow", 126}, {"run", 2}, {"", 2}, {"bogus", 2},
+                                                 {"--help", 0}};
+    for (const auto& [arguments, status] : cases) {
+        EXPECT_EQ(run(arguments).status, status) << arguments;
+    }
+    EXPECT_NE(run("run -- ./narrow").err.find("no 64-bit program"), std::string::npos);
 }
 
 TEST_F(CommandLine, RunHandsTheScenarioOn) {
@@ -107,36 +111,24 @@ TEST_F(CommandLine, ScenariosArePrintedAsTheyAreRead) {
 TEST_F(CommandLine, CheckSaysWhatIsWrong) {
     std::ofstream(folder_ / "good.json") << R"({"slots": 2, "modules": [{"slot": 1}]})";
     std::ofstream(folder_ / "bad\"name.json") << R"({"slotz": 2})";
-    const Result good = run("check good.json");
-    EXPECT_EQ(good.status, 0);
-    EXPECT_EQ(good.out, "good.json: board type 0, 2 slots, 1 modules, 0 faults\n");
+    EXPECT_EQ(run("check good.json").out, "good.json: board type 0, 2 slots, 1 modules, 0 faults\n");
     EXPECT_EQ(nlohmann::json::parse(run("check --json good.json").out)["modules"], 1);
-    const Result bad = run("check 'bad\"name.json'");
+    const Result bad = run("check --json 'bad\"name.json'");
     EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.out, "");
     EXPECT_NE(bad.err.find("slotz: unknown key"), std::string::npos);
-    const Result report = run("check --json 'bad\"name.json'");
-    EXPECT_EQ(report.status, 1);
-    const auto json = nlohmann::json::parse(report.out);
+    const auto json = nlohmann::json::parse(bad.out);
     EXPECT_EQ(json["valid"], false);
     EXPECT_EQ(json["file"], "bad\"name.json");
-    EXPECT_EQ(run("check").status, 2);
 }
 
 TEST_F(CommandLine, DoorsListWhatIsServed) {
-    const auto doors = nlohmann::json::parse(run("doors --json").out);
-    const auto answer = [&](const std::string& path) {
-        for (const auto& door : doors) {
-            if (door["path"] == path) {
-                return door["answer"].get<std::string>();
-            }
-        }
-        return std::string();
-    };
-    EXPECT_EQ(answer("/dev/mem"), "device");
-    EXPECT_EQ(answer("/dev/tolvn_dma_rN"), "device");
-    EXPECT_EQ(answer("/dev/tolvn_*"), "absent");
-    EXPECT_EQ(answer("/sys/class/leds/..."), "files");
+    std::map<std::string, std::string> answers;
+    for (const auto& door : nlohmann::json::parse(run("doors --json").out)) {
+        answers[door["path"]] = door["answer"];
+    }
+    EXPECT_EQ(answers["/dev/tolvn_dma_rN"], "device");
+    EXPECT_EQ(answers["/dev/tolvn_*"], "absent");
+    EXPECT_EQ(answers["/sys/class/leds/..."], "files");
     EXPECT_NE(run("doors").out.find("falls through"), std::string::npos);
 }
 

@@ -4,9 +4,7 @@
 #include <sys/uio.h>
 #include <termios.h>
 
-#include <cstdio>
 #include <fstream>
-#include <functional>
 #include <vector>
 
 #include "tests/simulator/preload/PreloadFixture.h"
@@ -35,12 +33,7 @@ protected:
     }
 };
 
-struct Opener {
-    const char* name;
-    std::function<int(const char*)> open;
-};
-
-const Opener openers[] = {
+const std::pair<const char*, int (*)(const char*)> openers[] = {
     {"open", [](const char* path) { return ::open(path, O_RDWR); }},
     {"open64", [](const char* path) { return ::open64(path, O_RDWR); }},
     {"__open_2", [](const char* path) { return __open_2(path, O_RDWR); }},
@@ -52,16 +45,16 @@ const Opener openers[] = {
 };
 
 TEST_F(Descriptors, EveryNameOfOpenServesDevicesRewritesFilesAndPassesTheRestOn) {
-    for (const Opener& opener : openers) {
-        SCOPED_TRACE(opener.name);
+    for (const auto& [name, open] : openers) {
+        SCOPED_TRACE(name);
         {
-            const Descriptor device(opener.open("/dev/mem"));
+            const Descriptor device(open("/dev/mem"));
             ASSERT_GE(device, 0);
             EXPECT_EQ(openDescriptors(), 1);
         }
         EXPECT_EQ(openDescriptors(), 0);
 
-        const Descriptor gpio(opener.open("/sys/class/gpio/gpio504/value"));
+        const Descriptor gpio(open("/sys/class/gpio/gpio504/value"));
         ASSERT_GE(gpio, 0);
         struct stat here {};
         struct stat there {};
@@ -69,33 +62,25 @@ TEST_F(Descriptors, EveryNameOfOpenServesDevicesRewritesFilesAndPassesTheRestOn)
         ASSERT_EQ(::stat((rootFolder() + "/sys/class/gpio/gpio504/value").c_str(), &there), 0);
         EXPECT_EQ(here.st_ino, there.st_ino);
 
-        const Descriptor plain(opener.open(ordinary_.c_str()));
-        ASSERT_GE(plain, 0);
+        const Descriptor plain(open(ordinary_.c_str()));
         char byte = 0;
         EXPECT_EQ(::read(plain, &byte, 1), 1);
         EXPECT_EQ(byte, '0');
-        EXPECT_EQ(openDescriptors(), 0);
     }
 }
 
 TEST_F(Descriptors, ModeArgumentReachesNewFiles) {
     const mode_t old = umask(0);
     struct stat status {};
-    const std::string made = folder_ / "made";
-    ASSERT_TRUE(Descriptor(::open(made.c_str(), O_CREAT | O_WRONLY, 0640)) >= 0);
-    ASSERT_EQ(::stat(made.c_str(), &status), 0);
+    const Descriptor made(::open((folder_ / "made").c_str(), O_CREAT | O_WRONLY, 0640));
+    ASSERT_EQ(::fstat(made, &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u);
-    const std::string created = folder_ / "created";
-    ASSERT_TRUE(Descriptor(::creat(created.c_str(), 0604)) >= 0);
-    ASSERT_EQ(::stat(created.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0604u);
     const Descriptor nameless(::open(folder_.path().c_str(), O_TMPFILE | O_RDWR, 0611));
     if (nameless >= 0) {  // not every file system has it
         ASSERT_EQ(::fstat(nameless, &status), 0);
         EXPECT_EQ(status.st_mode & 0777, 0611u);
     }
     umask(old);
-    EXPECT_TRUE(Descriptor(::open(folder_.path().c_str(), O_DIRECTORY | O_RDONLY)) >= 0);
 }
 
 TEST_F(Descriptors, PathsOfTheInstrumentWithoutADeviceAreAbsent) {
@@ -115,21 +100,6 @@ TEST_F(Descriptors, PathsOfTheInstrumentWithoutADeviceAreAbsent) {
     EXPECT_EQ(::open("/dev/memory", O_RDWR), -1);
     EXPECT_EQ(::open("/dev/mem", O_RDWR | O_DIRECTORY), -1);
     EXPECT_EQ(errno, ENOTDIR);
-}
-
-TEST_F(Descriptors, FaultsLetOpenFail) {
-    const std::pair<FaultKind, const char*> cases[] = {{FaultKind::MemOpen, "/dev/mem"},
-                                                       {FaultKind::I2cOpen, "/dev/i2c-1"},
-                                                       {FaultKind::UartOpen, "/dev/ttyPS1"},
-                                                       {FaultKind::DmaOpen, "/dev/tolvn_dma_r0"}};
-    for (const auto& [kind, path] : cases) {
-        instrument().inject(fault(kind));
-        errno = 0;
-        EXPECT_EQ(::open(path, O_RDWR), -1) << path;
-        EXPECT_EQ(errno, ENOENT) << path;
-        EXPECT_TRUE(Descriptor(::open(path, O_RDWR)) >= 0) << path << " after the fault";
-    }
-    EXPECT_EQ(openDescriptors(), 0);
 }
 
 TEST_F(Descriptors, DuplicatesShareOneOpenFile) {
@@ -162,9 +132,9 @@ TEST_F(Descriptors, DuplicatesShareOneOpenFile) {
     const Descriptor plain(::open(ordinary_.c_str(), O_RDONLY));
     EXPECT_EQ(::dup2(plain, target), target);
     EXPECT_EQ(openDescriptors(), 4);
-    char text[4] = {};
-    EXPECT_EQ(::read(target, text, 3), 3);
-    EXPECT_STREQ(text, "012");
+    char byte = 0;
+    EXPECT_EQ(::read(target, &byte, 1), 1);
+    EXPECT_EQ(byte, '0');
 }
 
 TEST_F(Descriptors, NumbersAreNotServedAfterTheirClose) {
@@ -201,19 +171,21 @@ TEST_F(Descriptors, FlagsOfOpenAreKept) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(Descriptors, FstatShowsACharacterDevice) {
+TEST_F(Descriptors, ADeviceLooksLikeOneAndHidesNoWrite) {
     const Descriptor device(::open("/dev/i2c-1", O_RDWR));
     struct stat byDescriptor {};
-    struct stat byPath {};
     struct stat byEmptyPath {};
     ASSERT_EQ(::fstat(device, &byDescriptor), 0);
-    ASSERT_EQ(::stat("/dev/i2c-1", &byPath), 0);
     ASSERT_EQ(::fstatat(device, "", &byEmptyPath, AT_EMPTY_PATH), 0);
     EXPECT_TRUE(S_ISCHR(byDescriptor.st_mode));
-    EXPECT_TRUE(S_ISCHR(byPath.st_mode));
-    EXPECT_EQ(byDescriptor.st_rdev, byPath.st_rdev);
-    EXPECT_EQ(byEmptyPath.st_rdev, byPath.st_rdev);
-    EXPECT_EQ(major(byPath.st_rdev), 89u);
+    EXPECT_EQ(byDescriptor.st_rdev, makedev(89, 1));
+    EXPECT_EQ(byEmptyPath.st_rdev, byDescriptor.st_rdev);
+    char byte = 0;
+    const iovec part{&byte, 1};
+    EXPECT_EQ(::pwritev(device, &part, 1, 0), -1) << "a call that falls through";
+    int on = 1;
+    ASSERT_EQ(ioctl(device, FIONBIO, &on), 0);
+    EXPECT_NE(fcntl(device, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(Descriptors, UnknownIoctlsAreRefusedAndOrdinaryOnesPass) {

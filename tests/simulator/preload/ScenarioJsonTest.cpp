@@ -10,64 +10,75 @@ using namespace kestrixsim;
 
 namespace {
 
+// Every key with a value that is not its default, and every name of a choice.
 TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
-    Scenario full = Scenario::standard();
-    full.boardType = 1;
+    Scenario full;
+    full.boardType = 7;
     full.slots = 200;
     full.serialNumber = 0xFFFFFFFFFFFFFFFF;
     full.hardwareVersion = 0xFEDCBA98;
+    full.canPorts = 1;
     full.eepromKeyValid = false;
+    full.eepromVersion = 0;
     full.supplyOn = true;
     full.timeFactor = 2.5;
+    full.unthrottled = true;
     full.oscillatorErrorPpm = -12.25;
     full.seed = 0x8000000000000001;
-    full.modules[1].waveform = {WaveformKind::Wav, 12.5, -3.25, 0.5, 1.5, "/somewhere/take.wav"};
-    full.modules[2].serial = 0x123456789ABCDEF0;
-    Fault late;
-    late.kind = FaultKind::DmaIoctl;
-    late.target = 3;
-    late.code = static_cast<int>(0xC0064C01);
-    late.atSeconds = 1.5;
-    late.afterCount = 7;
-    late.times = -1;
-    full.faults = {late, Fault{}};
+    for (int i = 0; i <= static_cast<int>(WaveformKind::Counter); ++i) {
+        ModuleScenario module;
+        module.slot = 7 - i;
+        module.kind = static_cast<AmplifierKind>(i % 5);
+        module.serial = 0x123456789ABCDEF0 + static_cast<uint64_t>(i);
+        module.sensor = static_cast<Sensor>(i % 3);
+        module.tedsChip = i % 2 == 0;
+        module.waveform = {static_cast<WaveformKind>(i), 12.5 + i, -3.25, 0.5, 1.5, {}};
+        module.waveform.file = module.waveform.kind == WaveformKind::Wav ? "/somewhere/take.wav" : "";
+        module.waveform.unit = i % 2 == 1 ? WaveformUnit::Physical : WaveformUnit::Counts;
+        full.modules.push_back(module);
+    }
+    for (int kind = 0; kind <= static_cast<int>(FaultKind::SysfsMissing); ++kind) {
+        full.faults.push_back({.kind = static_cast<FaultKind>(kind), .atSeconds = 1.5, .afterCount = 7, .times = -1});
+    }
+    full.faults.push_back({.kind = FaultKind::DmaIoctl, .target = 3, .code = static_cast<int>(0xC0064C01)});
     const std::string text = ScenarioJson::write(full);
     const Scenario back = ScenarioJson::parse(text, "full");
     EXPECT_EQ(ScenarioJson::write(back), text);
     EXPECT_EQ(back.serialNumber, full.serialNumber);
     EXPECT_EQ(back.seed, full.seed);
-    EXPECT_EQ(back.modules[1].waveform.kind, WaveformKind::Wav);
-    EXPECT_EQ(back.modules[1].waveform.amplitude, -3.25);
-    EXPECT_EQ(back.modules[2].serial, full.modules[2].serial);
-    EXPECT_EQ(back.faults[0].code, late.code);
-    EXPECT_EQ(back.faults[0].times, -1);
-    EXPECT_EQ(back.modules.size(), full.modules.size());
+    ASSERT_EQ(back.modules.size(), full.modules.size());
+    for (size_t i = 0; i < back.modules.size(); ++i) {
+        EXPECT_EQ(back.modules[i].kind, full.modules[i].kind);
+        EXPECT_EQ(back.modules[i].sensor, full.modules[i].sensor);
+        EXPECT_EQ(back.modules[i].waveform.kind, full.modules[i].waveform.kind);
+        EXPECT_EQ(back.modules[i].waveform.unit, full.modules[i].waveform.unit);
+    }
+    ASSERT_EQ(back.faults.size(), full.faults.size());
+    for (size_t i = 0; i < back.faults.size(); ++i) {
+        EXPECT_EQ(back.faults[i].kind, full.faults[i].kind);
+    }
+    EXPECT_EQ(back.faults.back().code, full.faults.back().code);
 }
 
-// Every name of a choice is written and read as itself.
-TEST(ScenarioJson, AllKindsHaveNames) {
-    Scenario scenario;
-    for (int kind = 0; kind <= static_cast<int>(FaultKind::SysfsMissing); ++kind) {
-        Fault fault;
-        fault.kind = static_cast<FaultKind>(kind);
-        scenario.faults.push_back(fault);
-    }
-    for (int kind = 0; kind <= static_cast<int>(WaveformKind::Counter); ++kind) {
-        ModuleScenario module;
-        module.slot = kind;
-        module.kind = static_cast<AmplifierKind>(kind % 4);
-        module.waveform.kind = static_cast<WaveformKind>(kind);
-        module.waveform.file = module.waveform.kind == WaveformKind::Wav ? "/a.wav" : "";
-        scenario.modules.push_back(module);
-    }
-    const Scenario back = ScenarioJson::parse(ScenarioJson::write(scenario), "kinds");
-    ASSERT_EQ(back.faults.size(), scenario.faults.size());
-    for (size_t i = 0; i < back.faults.size(); ++i) {
-        EXPECT_EQ(back.faults[i].kind, scenario.faults[i].kind);
-    }
-    for (size_t i = 0; i < back.modules.size(); ++i) {
-        EXPECT_EQ(back.modules[i].kind, scenario.modules[i].kind);
-        EXPECT_EQ(back.modules[i].waveform.kind, scenario.modules[i].waveform.kind);
+TEST(ScenarioJson, UnitsFollowTheKeys) {
+    const struct {
+        const char* keys;
+        WaveformUnit unit;
+        double amplitude;
+        double offset;
+    } cases[] = {{"", WaveformUnit::Counts, 16000.0, 0.0},
+                 {R"("amplitudeCounts": 500, "offsetCounts": 3)", WaveformUnit::Counts, 500.0, 3.0},
+                 {R"("amplitude": 2.5)", WaveformUnit::Physical, 2.5, 0.0},
+                 {R"("offset": -1)", WaveformUnit::Physical, 1.0, -1.0},
+                 {R"("unit": "physical")", WaveformUnit::Physical, 1.0, 0.0},
+                 {R"("unit": "counts", "amplitude": 77)", WaveformUnit::Counts, 77.0, 0.0},
+                 {R"("kind": "counter", "amplitude": 5)", WaveformUnit::Counts, 5.0, 0.0}};
+    for (const auto& [keys, unit, amplitude, offset] : cases) {
+        const std::string text = R"({"modules": [{"slot": 0, "waveform": {)" + std::string(keys) + "}}]}";
+        const Waveform result = ScenarioJson::parse(text, "s").modules[0].waveform;
+        EXPECT_EQ(unit, result.unit) << keys;
+        EXPECT_EQ(amplitude, result.amplitude) << keys;
+        EXPECT_EQ(offset, result.offset) << keys;
     }
 }
 
@@ -103,6 +114,20 @@ TEST(ScenarioJson, MistakesAreNamedWithTheirPlace) {
         {R"({"modules": [{"slot": 1, "waveform": {"frequency": 3}}]})", "modules[0].waveform.frequency: unknown key"},
         {R"({"modules": [{"slot": 1, "waveform": {"kind": "wav"}}]})", "waveform.file: is missing"},
         {R"({"modules": [{"slot": 1, "waveform": {"file": "a"}}]})", "waveform.file: goes with kind wav only"},
+        {R"({"boardType": 1, "modules": [{"slot": 2}]})", "s: modules[0].slot: is 2, but a board of type 1 has"},
+        {R"({"modules": [{"slot": 1, "waveform": {"unit": "volt"}}]})",
+         "modules[0].waveform.unit: is \"volt\", must be one of counts, physical"},
+        {R"({"modules": [{"slot": 1, "waveform": {"unit": "physical", "kind": "counter"}}]})",
+         "waveform.unit: is \"physical\", but a counter"},
+        {R"({"modules": [{"slot": 1, "waveform": {"amplitude": 1, "offsetCounts": 3}}]})",
+         "waveform.offsetCounts: goes neither"},
+        {R"({"modules": [{"slot": 1, "waveform": {"unit": "physical", "amplitudeCounts": 3}}]})",
+         "waveform.amplitudeCounts: goes neither"},
+        {R"({"faults": [{"kind": "amplifierLate", "target": 8}]})", "faults[0].target: is 8, must be from -1 to 7"},
+        {R"({"faults": [{"kind": "memOpen", "target": 0}]})", "faults[0].target: is 0, but this kind has none"},
+        {R"({"faults": [{"kind": "dmaRead", "code": -5}]})", "faults[0].code: is -5, must be from 0"},
+        {R"({"faults": [{"kind": "amplifierBadStatus", "code": 256}]})", "faults[0].code: is 256, must be from 0"},
+        {R"({"faults": [{"kind": "muxError", "code": 1}]})", "faults[0].code: is 1, but this kind has none"},
         {R"({"faults": [{"target": 1}]})", "faults[0].kind: is missing"},
         {R"({"faults": [{"kind": "fire"}]})", "faults[0].kind: is \"fire\", must be one of eepromSilent"},
         {R"({"faults": [{"kind": "dmaRead", "times": 0}]})", "faults[0].times: is 0"},
@@ -118,16 +143,29 @@ TEST(ScenarioJson, MistakesAreNamedWithTheirPlace) {
     }
 }
 
-TEST(ScenarioJson, FilesAreFoundBesideTheScenario) {
+TEST(ScenarioJson, FilesAreFoundBesideTheScenarioAndTried) {
     TemporaryFolder folder;
-    std::ofstream(folder / "s.json") << R"({"modules": [
-        {"slot": 0, "waveform": {"kind": "wav", "file": "takes/one.wav"}},
-        {"slot": 1, "waveform": {"kind": "wav", "file": "/other.wav"}}]})";
-    const Scenario scenario = ScenarioJson::read(folder / "s.json");
-    EXPECT_EQ(scenario.modules[0].waveform.file, folder / "takes/one.wav");
-    EXPECT_EQ(scenario.modules[1].waveform.file, "/other.wav");
-    EXPECT_THROW(ScenarioJson::read(folder / "none.json"), ScenarioError);
-    EXPECT_THROW(ScenarioJson::read(folder.path().string()), ScenarioError);
+    const auto write = [&](const std::string& name, const std::string& content) {
+        std::ofstream(folder / name, std::ios::binary) << content;
+    };
+    std::filesystem::create_directory(folder / "takes");
+    write("takes/one.wav", std::string("RIFF\x28\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x80\xBB\0\0\0\x77\1\0\2\0\x10\0"
+                                       "data\4\0\0\0\1\0\2\0", 48));
+    write("good.json", R"({"modules": [{"slot": 0, "waveform": {"kind": "wav", "file": "takes/one.wav"}}]})");
+    write("bad.json", R"({"modules": [{"slot": 0, "waveform": {"kind": "wav", "file": "good.json"}}]})");
+    EXPECT_EQ(ScenarioJson::read(folder / "good.json").modules[0].waveform.file, folder / "takes/one.wav");
+    const std::pair<std::string, std::string> cases[] = {
+        {folder / "bad.json", "bad.json: modules[0].waveform.file: \""},
+        {folder / "none.json", "none.json: cannot be read: No such file"},
+        {folder.path().string(), "is a folder"}};
+    for (const auto& [file, expected] : cases) {
+        try {
+            ScenarioJson::read(file);
+            ADD_FAILURE() << file << " was accepted";
+        } catch (const ScenarioError& error) {
+            EXPECT_NE(std::string(error.what()).find(expected), std::string::npos) << error.what();
+        }
+    }
 }
 
 }  // namespace
