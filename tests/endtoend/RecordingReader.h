@@ -52,36 +52,36 @@ public:
     }
 
     double number(const std::string& path, const std::string& attribute) const {
-        const hid_t set = path.empty() ? H5Gopen2(file_, "/", H5P_DEFAULT) : open(path);
-        const hid_t id = H5Aopen(set, attribute.c_str(), H5P_DEFAULT);
         double value = 0.0;
-        const herr_t result = id < 0 ? -1 : H5Aread(id, H5T_NATIVE_DOUBLE, &value);
-        H5Aclose(id);
-        H5Oclose(set);
-        if (result < 0)
-            throw std::runtime_error("no attribute " + attribute);
+        read(path, attribute, [&](hid_t id) { return H5Aread(id, H5T_NATIVE_DOUBLE, &value); });
         return value;
     }
 
     std::string text(const std::string& path, const std::string& attribute) const {
-        const hid_t set = path.empty() ? H5Gopen2(file_, "/", H5P_DEFAULT) : open(path);
-        const hid_t id = H5Aopen(set, attribute.c_str(), H5P_DEFAULT);
         std::string value;
-        if (id >= 0) {
+        read(path, attribute, [&](hid_t id) {
             const hid_t type = H5Aget_type(id);
             value.resize(H5Tget_size(type));
-            H5Aread(id, type, value.data());
+            const herr_t result = H5Aread(id, type, value.data());
             H5Tclose(type);
-            value = value.c_str();
-        }
-        H5Aclose(id);
-        H5Oclose(set);
-        return value;
+            return result;
+        });
+        return value.c_str();
     }
 
     size_t gapRows() const { return count("gaps"); }
 
 private:
+    template <class Read>
+    void read(const std::string& path, const std::string& attribute, Read&& value) const {
+        const hid_t set = path.empty() ? H5Gopen2(file_, "/", H5P_DEFAULT) : open(path);
+        const hid_t id = H5Aopen(set, attribute.c_str(), H5P_DEFAULT);
+        const herr_t result = id < 0 ? -1 : value(id);
+        H5Aclose(id);
+        H5Oclose(set);
+        if (result < 0)
+            throw std::runtime_error("no attribute " + attribute);
+    }
     hid_t open(const std::string& path) const {
         const hid_t set = H5Dopen2(file_, path.c_str(), H5P_DEFAULT);
         if (set < 0)

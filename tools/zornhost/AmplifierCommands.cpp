@@ -149,7 +149,7 @@ public:
             try {
                 session_.stop();
             } catch (const std::exception& failure) {
-                fmt::print(stderr, "zornhost: {}\n", failure.what());
+                writeError(fmt::format("zornhost: {}\n", failure.what()));
             }
     }
     Acquisition(const Acquisition&) = delete;

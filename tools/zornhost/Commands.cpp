@@ -1,6 +1,8 @@
 #include "tools/zornhost/Commands.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -26,7 +28,12 @@ constexpr const char* programVersion = "1.0.0";
 
 double toHz(const Ratio& rate) { return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator); }
 
-void printJson(Output& output, const Json& json) { output.line(json.dump(2)); }
+// Names of files and settings may be bytes that are no text.
+std::string jsonText(const Json& json, int indent = -1) {
+    return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+void printJson(Output& output, const Json& json) { output.line(jsonText(json, 2)); }
 
 // Sets the data module's rate before an acquisition and says what became of it.
 void applyRate(Session& session, Output& output, const std::optional<int64_t>& rate) {
@@ -69,6 +76,7 @@ Json channelJson(const ChannelReport& channel) {
 
 Json reportJson(const RecordingReport& report) {
     Json json{{"file", report.file},
+              {"written", report.keeps},
               {"durationS", report.durationS},
               {"samples", report.samples()},
               {"bytes", report.bytes},
@@ -80,6 +88,8 @@ Json reportJson(const RecordingReport& report) {
               {"good", report.good()}};
     if (!report.error.empty())
         json["error"] = report.error;
+    if (!report.stopFailure.empty())
+        json["stopFailure"] = report.stopFailure;
     for (const auto& channel : report.channels)
         json["channels"].push_back(channelJson(channel));
     json["gaps"] = Json::array();
@@ -313,7 +323,10 @@ int listProperties(Session& session, Output& output, bool json, const std::strin
 
 int getProperty(Session& session, Output& output, bool json, const std::string& path) {
     const auto entry = session.tree().property(path);
-    const BasePtr value = entry.owner.node.getPropertyValue<BasePtr>(entry.name);
+    std::string reason;
+    const BasePtr value = readProperty(entry.owner.node, entry.name, &reason);
+    if (!reason.empty())
+        throw std::runtime_error(fmt::format("{}: {}", path, reason));
     if (json)
         printJson(output, Json{{"path", path}, {"value", toJson(value)}});
     else
@@ -334,15 +347,17 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     applyRate(session, output, options.rate);
     const auto channels = chooseChannels(session, output, options.channels);
     session.prepare();
+    if (Interrupt::requested())
+        throw std::runtime_error(fmt::format("{}: ended by the user before the recording began", options.file));
 
     Recorder recorder({options.file}, channels, session.host().scheduler());
-    auto& file = recorder.file();
+    auto& sink = recorder.sink();
     if (const auto device = session.tree().deviceFolder())
         for (const auto& [attribute, property] : {std::pair{"manufacturer", "Manufacturer"}, std::pair{"model", "Model"},
                                                   std::pair{"serial_number", "SerialNumber"},
                                                   std::pair{"hardware_revision", "HardwareRevision"}})
-            file.setAttribute(attribute, device.getPropertyValue<std::string>(property));
-    file.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
+            sink.setAttribute(attribute, device.getPropertyValue<std::string>(property));
+    sink.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
                                               session.host().moduleVersion()));
 
     session.start();
@@ -363,10 +378,17 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
             nextProgressS += output.progressIsTerminal() ? 0.5 : 10.0;
         }
     }
-    session.stop();
+    // Whatever goes wrong now, the samples that are there come into the file.
+    const bool interrupted = Interrupt::requested();
+    std::string stopFailure;
+    try {
+        session.stop();
+    } catch (const std::exception& failure) {
+        stopFailure = failure.what();
+    }
     for (; reported < session.lostReports(); ++reported)
         recorder.reportLostByModule();
-    const RecordingReport report = recorder.finish(Interrupt::requested());
+    const RecordingReport report = recorder.finish(interrupted, stopFailure);
     output.endProgress();
 
     if (json) {
@@ -378,7 +400,9 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
                             fmt::format("{}", channel.lost), fmt::format("{:.0f}", 100.0 * channel.worstFill)});
         output.data(formatTable(rows));
         output.line(report.verdict());
-        output.line(fmt::format("File: {} ({:.1f} MB of samples)", report.file, static_cast<double>(report.bytes) / 1e6));
+        if (report.keeps)
+            output.line(
+                fmt::format("File: {} ({:.1f} MB of samples)", report.file, static_cast<double>(report.bytes) / 1e6));
     }
     return report.good() ? 0 : 1;
 }
@@ -483,7 +507,7 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
                                               {"lost", channel.lost}});
         }
         if (json)
-            output.line(report.dump());
+            output.line(jsonText(report));
         else
             output.data((output.dataIsTerminal() ? "\x1b[H\x1b[J" : "") + fmt::format("{:.1f} s\n", elapsedS) +
                         formatTable(rows));
@@ -496,6 +520,28 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
         output.message(fmt::format("zornhost: the module reported lost data {} times", reports));
     return lost == 0 && reports == 0 ? 0 : 1;
 }
+
+namespace {
+
+// A number that a clock can reach. (CLI11's own check lets "nan" pass and names a limit of 309 digits.)
+std::string checkSeconds(const std::string& text) {
+    double seconds = 0.0;
+    const bool number = CLI::detail::lexical_cast(text, seconds);
+    return number && std::isfinite(seconds) && seconds > 0.0 ? std::string()
+                                                             : fmt::format("\"{}\" is no number of seconds above 0", text);
+}
+
+const CLI::Validator secondsAbove0(checkSeconds, "SECONDS");
+
+// A standard descriptor that is closed would be given to the next file that is opened, and reports would go into that.
+// This one takes no data, so that what can't be written is noticed.
+void occupyStandardDescriptors() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (::fcntl(descriptor, F_GETFD) < 0)
+            ::open("/dev/null", O_RDONLY);
+}
+
+}  // namespace
 
 int run(int argc, char** argv) {
     CLI::App app{"Measures with a data acquisition module: shows the instrument, changes its settings, records its channels."};
@@ -542,13 +588,14 @@ int run(int argc, char** argv) {
     set->add_option("path", path, "Node and property, joined by /")->required();
     set->add_option("value", value, "New value; for selections the index or the text of the choice")->required();
     auto* rec = app.add_subcommand("record", "Record channels into an HDF5 file");
-    rec->add_option("-o,--output", recording.file, "File to write")->required();
-    rec->add_option("-d,--duration", recording.durationS, "Seconds")->required()->check(CLI::PositiveNumber);
+    rec->add_option("-o,--output", recording.file, "File to write; one that is there is replaced. /dev/null: take the samples and write nothing")
+        ->required();
+    rec->add_option("-d,--duration", recording.durationS, "Seconds")->required()->check(secondsAbove0);
     rec->add_option("--rate", recording.rate, "Sample rate of the system, S/s");
     rec->add_option("--channel", recording.channels, "Pattern (* and ?) of channels to record, e.g. \"AI 1/*\" (may be repeated)")
         ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     auto* mon = app.add_subcommand("monitor", "Live table of the channels");
-    mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")->check(CLI::NonNegativeNumber);
+    mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")->check(secondsAbove0);
     mon->add_option("--interval", monitoring.intervalS, "Seconds between two tables")->check(CLI::Range(0.05, 60.0))->capture_default_str();
     mon->add_option("--rate", monitoring.rate, "Sample rate of the system, S/s");
     mon->add_option("--channel", monitoring.channels, "Pattern of channels to watch (may be repeated)")
@@ -559,12 +606,21 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& failure) {
-        return app.exit(failure) == 0 ? 0 : 2;
+        const auto unknown = app.remaining();
+        if (!app.get_subcommands().empty() || unknown.empty())
+            return app.exit(failure) == 0 ? 0 : 2;
+        std::vector<std::string> names;
+        for (const auto* command : app.get_subcommands({}))
+            names.push_back(command->get_name());
+        writeError(
+            fmt::format("zornhost: there is no command \"{}\"; there is {}\n", unknown[0], fmt::join(names, ", ")));
+        return 2;
     }
     if (simulate->count() > 0)
         session.simulate = scenario;
 
     Interrupt::install();
+    occupyStandardDescriptors();
     try {
         if (amplifier.checks()) {
             Output output;
@@ -600,7 +656,7 @@ int run(int argc, char** argv) {
         }
         return result;
     } catch (const std::exception& failure) {
-        fmt::print(stderr, "zornhost: {}\n", failure.what());
+        writeError(fmt::format("zornhost: {}\n", failure.what()));
         return 1;
     }
 }

@@ -140,9 +140,9 @@ PropertyEntry HostTree::property(std::string_view path) const {
         std::vector<std::string> names;
         for (const auto& info : entry.owner.node.enumProperties(PropertyOrder::Index, true))
             names.push_back(info.getName().toStdString());
-        throw UnknownName(fmt::format("\"{}\" has no property \"{}\"; it has {}",
-                                      entry.owner.path.empty() ? "the data module" : entry.owner.path, base,
-                                      quotedList(names)));
+        throw UnknownName(fmt::format("{} has no property \"{}\"; it has {}",
+                                      entry.owner.path.empty() ? "the data module" : "\"" + entry.owner.path + "\"",
+                                      base, quotedList(names)));
     }
     return entry;
 }

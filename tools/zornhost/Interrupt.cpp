@@ -24,7 +24,14 @@ void Interrupt::install() {
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    // A terminal that goes away; under nohup it stays ignored.
+    struct sigaction hangup {};
+    ::sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN)
+        ::sigaction(SIGHUP, &action, nullptr);
+    // A reader that is gone and a limit on the size of files show as failing writes.
     ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool Interrupt::requested() { return endRequested.load(); }

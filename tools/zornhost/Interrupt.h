@@ -2,7 +2,7 @@
 
 namespace zornhost {
 
-// Ctrl-C and SIGTERM end what runs cleanly: every loop asks `requested` at least ten times a second. A second signal ends
+// Ctrl-C, SIGTERM and the loss of the terminal end what runs cleanly: every loop asks `requested` at least ten times a second. A second signal ends
 // the process at once.
 class Interrupt {
 public:

@@ -18,6 +18,11 @@ size_t width(const std::string& text) {
 
 }  // namespace
 
+void writeError(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
 Output::Output() {
     std::fflush(stdout);
     const int kept = ::dup(STDOUT_FILENO);
@@ -49,24 +54,19 @@ void Output::data(std::string_view text) {
 void Output::line(std::string_view text) { data(fmt::format("{}\n", text)); }
 
 void Output::progress(std::string_view text) {
-    if (progressIsTerminal_)
-        fmt::print(stderr, "\r\x1b[K{}", text);
-    else
-        fmt::print(stderr, "{}\n", text);
-    std::fflush(stderr);
+    writeError(progressIsTerminal_ ? fmt::format("\r\x1b[K{}", text) : fmt::format("{}\n", text));
     progressOpen_ = progressIsTerminal_;
 }
 
 void Output::endProgress() {
     if (progressOpen_)
-        fmt::print(stderr, "\n");
+        writeError("\n");
     progressOpen_ = false;
 }
 
 void Output::message(std::string_view text) {
     endProgress();
-    fmt::print(stderr, "{}\n", text);
-    std::fflush(stderr);
+    writeError(fmt::format("{}\n", text));
 }
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows) {

@@ -35,6 +35,9 @@ private:
     bool good_ = true;
 };
 
+// Onto the standard error as it is. Nobody need be reading there: a failure is of no account.
+void writeError(std::string_view text);
+
 // Columns as wide as their widest cell; numbers right-aligned when the header begins with '>'.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 

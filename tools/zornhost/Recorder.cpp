@@ -12,14 +12,16 @@ namespace zornhost {
 namespace {
 
 constexpr auto passInterval = std::chrono::milliseconds(10);
+constexpr double moduleRowIntervalS = 1.0;  // a module that reports a loss in every cycle fills no table
+constexpr double firstSampleS = 1.0;        // samples have come by then, whatever the size of the first block
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-RecordingFile::ChannelInfo describe(const ChannelEntry& entry, double rate) {
+ChannelInfo describe(const ChannelEntry& entry, double rate) {
     const auto& channel = entry.channel;
-    RecordingFile::ChannelInfo info;
+    ChannelInfo info;
     info.path = entry.path;
     info.name = channel.getName().toStdString();
     info.unit = channel.getUnit().toStdString();
@@ -30,6 +32,7 @@ RecordingFile::ChannelInfo describe(const ChannelEntry& entry, double rate) {
     info.rangeMax = channel.getMaxValue();
     info.sampleRate = rate;
     info.type = channel.getSampleDataType();
+    info.sampleSize = channel.getBuffer().getSampleSize();
     return info;
 }
 
@@ -63,8 +66,9 @@ double RecordingReport::worstFill() const {
 }
 
 std::string RecordingReport::verdict() const {
-    std::string text = fmt::format("Recorded {} for {:.1f} s: {}, ", counted(channels.size(), "channel", "channels"),
-                                   durationS, counted(samples(), "sample", "samples"));
+    std::string text = fmt::format("{} {} for {:.1f} s: {}, ", keeps ? "Recorded" : "Acquired",
+                                   counted(channels.size(), "channel", "channels"), durationS,
+                                   counted(samples(), "sample", "samples"));
     if (lost() == 0 && gaps() == 0 && moduleReports == 0)
         text += "none lost.";
     else
@@ -73,35 +77,42 @@ std::string RecordingReport::verdict() const {
                         1000.0 * longestWriterStallS);
     if (moduleReports > 0)
         text += fmt::format(" The module reported lost data {}.", counted(moduleReports, "time", "times"));
+    if (!keeps)
+        text += fmt::format(" Nothing was written: {} keeps no file.", file);
     if (interrupted)
         text += " Ended by the user.";
+    if (!stopFailure.empty())
+        text += fmt::format(" The acquisition did not stop cleanly: {}.", stopFailure);
     if (!error.empty())
         text += fmt::format(" ENDED EARLY: {}.", error);
     return text;
 }
 
 Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, const Scheduler& scheduler)
-    : options_(std::move(options)), scheduler_(scheduler) {
+    : options_(std::move(options)) {
     for (const auto& entry : channels) {
         if (!entry.channel.getActive() || entry.channel.getType() != 0 || entry.channel.getBuffer().getCapacity() == 0)
             continue;
         const Ratio ratio = entry.channel.getSampleRate();
         const double rate = static_cast<double>(ratio.numerator) / static_cast<double>(ratio.denominator);
         streams_.push_back(std::unique_ptr<Stream>(new Stream{
-            entry, rate, RingReader(entry.channel, scheduler), ClockCheck(rate), 0, {}, 0, 0, {}}));
+            entry, rate, RingReader(entry.channel, scheduler), ClockCheck(rate), 0, {}, 0, 0, {}, {}, {}, 0}));
     }
     if (streams_.empty())
         throw RecordingError(fmt::format("{}: no channel is in use, there is nothing to record", options_.file));
 
-    file_ = std::make_unique<RecordingFile>(options_.file);
+    sink_ = openSink(options_.file);
     for (auto& stream : streams_) {
-        stream->fileChannel = file_->addChannel(describe(stream->entry, stream->rate));
-        stream->staging.resize(file_->chunkSamples(stream->fileChannel) * stream->reader.sampleSize());
+        const auto info = describe(stream->entry, stream->rate);
+        stream->sinkChannel = sink_->addChannel(info);
+        stream->staging.resize(chunkSamples(info) * stream->reader.sampleSize());
         stream->report.label = stream->entry.label;
         stream->report.path = stream->entry.path;
         stream->report.sampleRate = stream->rate;
+        stream->flushed = stream->report;
     }
     report_.file = options_.file;
+    report_.keeps = sink_->keeps();
 }
 
 Recorder::~Recorder() {
@@ -112,10 +123,10 @@ Recorder::~Recorder() {
 
 void Recorder::start(int64_t startTimeUs) {
     for (const auto& stream : streams_)
-        file_->describeChannel(stream->fileChannel, describe(stream->entry, stream->rate));
-    file_->setStartTime(startTimeUs);
-    file_->flush();
-    startTime_ = std::chrono::steady_clock::now();
+        sink_->describeChannel(stream->sinkChannel, describe(stream->entry, stream->rate));
+    sink_->setStartTime(startTimeUs);
+    sink_->flush();
+    startTime_ = lastFlush_ = std::chrono::steady_clock::now();
     running_.store(true);
     thread_ = std::thread([this] { run(); });
 }
@@ -123,24 +134,10 @@ void Recorder::start(int64_t startTimeUs) {
 double Recorder::elapsedS() const { return secondsSince(startTime_); }
 
 void Recorder::run() {
-    auto lastFlush = std::chrono::steady_clock::now();
     try {
         while (!stop_.load()) {
             const auto passStart = std::chrono::steady_clock::now();
-            for (auto& stream : streams_)
-                while (drain(*stream, false)) {
-                }
-            const uint64_t reports = moduleReports_.load();
-            if (reports != moduleReportsSeen_) {
-                moduleReportsSeen_ = reports;
-                addGap(nullptr, Gap{"", 0, 0, elapsedS(), "the module reported lost data", true});
-            }
-            if (secondsSince(lastFlush) * 1000.0 >= options_.flushMs) {
-                for (auto& stream : streams_)
-                    writeStaged(*stream);
-                file_->flush();
-                lastFlush = std::chrono::steady_clock::now();
-            }
+            pass();
             report_.longestWriterStallS = std::max(report_.longestWriterStallS, secondsSince(passStart));
             std::this_thread::sleep_until(passStart + passInterval);
         }
@@ -150,8 +147,32 @@ void Recorder::run() {
     running_.store(false);
 }
 
+void Recorder::pass() {
+    for (auto& stream : streams_) {
+        // What is there now, and not what comes meanwhile: a channel must not keep the others waiting.
+        const uint64_t end = stream->reader.acquired();
+        while (stream->reader.next() < end && drain(*stream)) {
+        }
+        checkClock(*stream);
+        if (secondsSince(lastFlush_) * 1000.0 >= options_.flushMs)
+            flush();
+    }
+    noteModuleReports();
+}
+
+void Recorder::flush() {
+    for (auto& stream : streams_)
+        writeStaged(*stream);
+    sink_->flush();
+    for (auto& stream : streams_) {
+        stream->flushed = stream->report;
+        stream->flushedEnd = stream->reader.next();
+    }
+    lastFlush_ = std::chrono::steady_clock::now();
+}
+
 // One piece out of a ring. True when there may be more.
-bool Recorder::drain(Stream& stream, bool atEnd) {
+bool Recorder::drain(Stream& stream) {
     const size_t sampleSize = stream.reader.sampleSize();
     // Pieces end where a chunk of the file ends, so that each chunk is written once.
     const size_t chunk = stream.staging.size() / sampleSize;
@@ -177,60 +198,106 @@ bool Recorder::drain(Stream& stream, bool atEnd) {
         if (stream.staged == chunk || stream.reader.next() % chunk == 0)
             writeStaged(stream);
     }
-    if (!atEnd) {
-        if (const auto missing = stream.clock.observe(elapsedS(), stream.reader.acquired()))
-            addGap(&stream, Gap{stream.entry.path, stream.reader.acquired(), *missing,
-                                static_cast<double>(stream.reader.acquired()) / stream.rate,
-                                "samples are missing in the stream (by the clock)", true});
-    }
     return piece.samples > 0;
+}
+
+void Recorder::checkClock(Stream& stream) {
+    const uint64_t acquired = stream.reader.acquired();
+    const auto missing = stream.clock.observe(elapsedS(), acquired);
+    if (!missing)
+        return;
+    // A stream that stands still is one gap that grows.
+    if (stream.estimatedGap && report_.gapTable[*stream.estimatedGap].firstIndex == acquired) {
+        Gap& gap = report_.gapTable[*stream.estimatedGap];
+        gap.length += *missing;
+        stream.report.lost += *missing;
+        samplesLost_.fetch_add(*missing);
+        sink_->putGap(*stream.estimatedGap, gap);
+        return;
+    }
+    stream.estimatedGap = report_.gapTable.size();
+    addGap(&stream, Gap{stream.entry.path, acquired, *missing, static_cast<double>(acquired) / stream.rate,
+                        "samples are missing in the stream (by the clock)", true});
 }
 
 void Recorder::writeStaged(Stream& stream) {
     if (stream.staged == 0)
         return;
-    file_->write(stream.fileChannel, stream.stagedIndex, stream.staging.data(), stream.staged);
+    sink_->write(stream.sinkChannel, stream.stagedIndex, stream.staging.data(), stream.staged);
     stream.report.samples += stream.staged;
-    report_.bytes += stream.staged * stream.reader.sampleSize();
     samplesWritten_.fetch_add(stream.staged);
     stream.staged = 0;
 }
 
+// The report has the gap even if the file can't take it.
 void Recorder::addGap(Stream* stream, Gap gap) {
     if (stream != nullptr) {
         stream->report.lost += gap.length;
         ++stream->report.gaps;
     }
     samplesLost_.fetch_add(gap.length);
-    file_->addGap(gap);
     report_.gapTable.push_back(std::move(gap));
+    sink_->putGap(report_.gapTable.size() - 1, report_.gapTable.back());
 }
 
-RecordingReport Recorder::finish(bool interrupted) {
+void Recorder::noteModuleReports() {
+    const uint64_t reports = moduleReports_.load();
+    const double nowS = elapsedS();
+    if (reports == moduleReportsSeen_ || (moduleReportsSeen_ > 0 && nowS - lastModuleRowS_ < moduleRowIntervalS))
+        return;
+    moduleReportsSeen_ = reports;
+    lastModuleRowS_ = nowS;
+    addGap(nullptr, Gap{"", 0, 0, nowS, "the module reported lost data", true});
+}
+
+// A write that failed may have left anything behind the last flush.
+void Recorder::countUnwritten(Stream& stream) {
+    const double worstFill = stream.report.worstFill;
+    stream.report = stream.flushed;
+    stream.report.worstFill = worstFill;
+    const uint64_t acquired = stream.reader.acquired();
+    if (acquired == stream.flushedEnd)
+        return;
+    const Gap gap{stream.entry.path, stream.flushedEnd, acquired - stream.flushedEnd,
+                  static_cast<double>(stream.flushedEnd) / stream.rate, "the recording had ended early", false};
+    stream.report.lost += gap.length;
+    ++stream.report.gaps;
+    report_.gapTable.push_back(gap);
+}
+
+RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailure) {
     stop_.store(true);
     if (thread_.joinable())
         thread_.join();
     report_.durationS = elapsedS();
     report_.interrupted = interrupted;
-    try {
-        for (auto& stream : streams_) {
-            if (!report_.error.empty())
-                break;
-            while (drain(*stream, true)) {
+    report_.stopFailure = stopFailure;
+    report_.moduleReports = moduleReports_.load();
+    if (report_.error.empty()) {
+        try {
+            for (auto& stream : streams_) {
+                while (drain(*stream)) {
+                }
+                if (stream->reader.acquired() == 0 && (report_.durationS - firstSampleS) * stream->rate >= 1.0)
+                    addGap(stream.get(),
+                           Gap{stream->entry.path, 0, static_cast<uint64_t>(report_.durationS * stream->rate), 0.0,
+                               "no sample has come", true});
             }
-            writeStaged(*stream);
+            lastModuleRowS_ = -moduleRowIntervalS;
+            noteModuleReports();
+            flush();
+        } catch (const std::exception& failure) {
+            report_.error = failure.what();
         }
-        report_.moduleReports = moduleReports_.load();
-        if (report_.error.empty() && report_.moduleReports != moduleReportsSeen_)
-            addGap(nullptr, Gap{"", 0, 0, report_.durationS, "the module reported lost data", true});
-    } catch (const std::exception& failure) {
-        report_.error = failure.what();
     }
-    report_.channels.clear();
-    for (const auto& stream : streams_)
+    for (auto& stream : streams_) {
+        if (!report_.error.empty())
+            countUnwritten(*stream);
         report_.channels.push_back(stream->report);
+        report_.bytes += stream->report.samples * stream->reader.sampleSize();
+    }
     try {
-        file_->close(report_.verdict());
+        sink_->close(report_.verdict(), report_.error.empty());
     } catch (const std::exception& failure) {
         if (report_.error.empty())
             report_.error = failure.what();

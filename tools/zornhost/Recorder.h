@@ -1,16 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tools/zornhost/ClockCheck.h"
 #include "tools/zornhost/HostTree.h"
-#include "tools/zornhost/RecordingFile.h"
+#include "tools/zornhost/RecordingSink.h"
 #include "tools/zornhost/RingReader.h"
 
 namespace zornhost {
@@ -19,7 +20,7 @@ struct ChannelReport {
     std::string label;
     std::string path;
     double sampleRate = 0.0;
-    uint64_t samples = 0;     // written
+    uint64_t samples = 0;     // written; of a recording that failed those of the last flush
     uint64_t lost = 0;        // known and estimated
     uint64_t gaps = 0;
     double worstFill = 0.0;   // share of the ring, 0 to 1
@@ -33,22 +34,26 @@ struct RecordingReport {
     uint64_t moduleReports = 0;      // how often the module said that data was lost
     double longestWriterStallS = 0.0;
     uint64_t bytes = 0;
+    bool keeps = true;               // false: nothing was written, the samples were only taken
     bool interrupted = false;
     std::string error;               // why the recording ended early; empty when it didn't
+    std::string stopFailure;         // why the acquisition did not stop cleanly; empty when it did
 
     uint64_t samples() const;
     uint64_t lost() const;
     uint64_t gaps() const;
     double worstFill() const;
     // Nothing is missing and nothing failed.
-    bool good() const { return error.empty() && lost() == 0 && gaps() == 0 && moduleReports == 0; }
+    bool good() const {
+        return error.empty() && stopFailure.empty() && lost() == 0 && gaps() == 0 && moduleReports == 0;
+    }
     // "Recorded 16 channels for 5.0 s: 80000 samples, none lost."
     std::string verdict() const;
 };
 
-// Writes channels into a file on a thread of its own. The cycle never waits for it: it reads the channels' rings, and
-// what it could not read in time is counted as a gap. Losses upstream of the ring are found by the clock and by what the
-// module reports.
+// Writes channels into a file on a thread of its own, or takes them in the same way for /dev/null. The cycle never waits
+// for it: it reads the channels' rings, and what it could not read in time is counted as a gap. Losses upstream of the
+// ring are found by the clock and by what the module reports.
 class Recorder {
 public:
     struct Options {
@@ -61,7 +66,7 @@ public:
     Recorder(Options options, const std::vector<ChannelEntry>& channels, const Harvane::RT::Core::Scheduler& scheduler);
     ~Recorder();
 
-    RecordingFile& file() { return *file_; }
+    RecordingSink& sink() { return *sink_; }
     size_t channelCount() const { return streams_.size(); }
     void start(int64_t startTimeUs);
     // The module has said that it lost data. Any thread.
@@ -72,8 +77,8 @@ public:
     uint64_t samplesWritten() const { return samplesWritten_.load(); }
     uint64_t samplesLost() const { return samplesLost_.load(); }
 
-    // After the acquisition has stopped: takes what is left in the rings, closes the file.
-    RecordingReport finish(bool interrupted);
+    // After the acquisition has stopped: takes what is left in the rings, closes the file. Does not raise.
+    RecordingReport finish(bool interrupted, const std::string& stopFailure = {});
 
 private:
     struct Stream {
@@ -81,21 +86,28 @@ private:
         double rate;
         RingReader reader;
         ClockCheck clock;
-        size_t fileChannel;
+        size_t sinkChannel;
         std::vector<unsigned char> staging;  // samples that do not fill a chunk of the file yet
         size_t staged = 0;
         uint64_t stagedIndex = 0;            // index of the first of them in the file
+        std::optional<size_t> estimatedGap;  // row of the latest gap that the clock has shown
         ChannelReport report;
+        ChannelReport flushed;               // as of the last flush
+        uint64_t flushedEnd = 0;             // index behind the last sample of it
     };
 
     void run();
-    bool drain(Stream& stream, bool atEnd);
+    void pass();
+    void flush();
+    bool drain(Stream& stream);
+    void checkClock(Stream& stream);
     void writeStaged(Stream& stream);
     void addGap(Stream* stream, Gap gap);
+    void noteModuleReports();
+    void countUnwritten(Stream& stream);
 
     Options options_;
-    const Harvane::RT::Core::Scheduler& scheduler_;
-    std::unique_ptr<RecordingFile> file_;
+    std::unique_ptr<RecordingSink> sink_;
     std::vector<std::unique_ptr<Stream>> streams_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
@@ -104,7 +116,9 @@ private:
     std::atomic<uint64_t> samplesWritten_{0};
     std::atomic<uint64_t> samplesLost_{0};
     uint64_t moduleReportsSeen_ = 0;
+    double lastModuleRowS_ = 0.0;
     std::chrono::steady_clock::time_point startTime_;
+    std::chrono::steady_clock::time_point lastFlush_;
     RecordingReport report_;
 };
 

@@ -1,7 +1,10 @@
 #include "tools/zornhost/RecordingFile.h"
 
+#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,10 +18,13 @@ namespace zornhost {
 
 namespace {
 
-constexpr size_t maxChunkBytes = 1 << 20;
-constexpr size_t minChunkSamples = 64;
 constexpr size_t channelTextSize = 160;
 constexpr size_t causeTextSize = 96;
+constexpr size_t verdictTextSize = 1000;
+// Chunks in a leaf of a dataset's index are twice as many: a leaf splits after four minutes of a channel. A process that
+// is killed while a split is written leaves a dataset that can't be read.
+constexpr unsigned indexOrder = 512;
+constexpr hsize_t metadataBlock = 1 << 20;  // bytes: what belongs together is written together
 
 struct GapRow {
     char channel[channelTextSize];
@@ -76,17 +82,29 @@ Hid fixedText(size_t size) {
     return type;
 }
 
+// One that is there with the same type is overwritten where it lies.
 bool writeAttribute(hid_t object, const std::string& name, hid_t type, const void* value) {
-    if (H5Aexists(object, name.c_str()) > 0)
+    if (H5Aexists(object, name.c_str()) > 0) {
+        const Hid present(H5Aopen(object, name.c_str(), H5P_DEFAULT), H5Aclose);
+        const Hid stored(H5Aget_type(present.get()), H5Tclose);
+        if (H5Tequal(stored.get(), type) > 0)
+            return H5Awrite(present.get(), type, value) >= 0;
         H5Adelete(object, name.c_str());
+    }
     const Hid space(H5Screate(H5S_SCALAR), H5Sclose);
     const Hid attribute(H5Acreate2(object, name.c_str(), type, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
     return attribute.valid() && H5Awrite(attribute.get(), type, value) >= 0;
 }
 
-bool writeText(hid_t object, const std::string& name, const std::string& text) {
-    const Hid type = fixedText(text.size() + 1);
+// With room for `size` characters and the zero behind them; what is longer is cut off.
+bool writeText(hid_t object, const std::string& name, std::string text, size_t size) {
+    text.resize(size);
+    const Hid type = fixedText(size + 1);
     return writeAttribute(object, name, type.get(), text.c_str());
+}
+
+bool writeText(hid_t object, const std::string& name, const std::string& text) {
+    return writeText(object, name, text, text.size());
 }
 
 bool writeNumber(hid_t object, const std::string& name, double value) {
@@ -98,6 +116,11 @@ std::string isoTime(int64_t microseconds) {
     return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06d}Z", fmt::gmtime(seconds), microseconds % 1000000);
 }
 
+// HDF5 prints its errors, by a setting of each thread.
+void keepQuiet() {
+    [[maybe_unused]] thread_local const herr_t quiet = H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+}
+
 // The innermost text of HDF5's error stack: it holds the system's reason.
 herr_t takeDescription(unsigned, const H5E_error2_t* entry, void* target) {
     if (entry->desc != nullptr && *entry->desc != 0)
@@ -107,7 +130,19 @@ herr_t takeDescription(unsigned, const H5E_error2_t* entry, void* target) {
 
 }  // namespace
 
-void RecordingFile::fail(const std::string& what) const {
+// HDF5 would go on to write what it still holds, with the part that failed missing in between. What the file has since
+// the last flush is whole.
+void RecordingFile::abandon() {
+    abandoned_ = true;
+    void* driver = nullptr;
+    const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (nothing >= 0 && H5Fget_vfd_handle(handle_.get(), H5P_DEFAULT, &driver) >= 0)
+        ::dup2(nothing, *static_cast<int*>(driver));
+    if (nothing >= 0)
+        ::close(nothing);
+}
+
+void RecordingFile::fail(const std::string& what) {
     const int systemError = errno;
     std::string reason;
     H5Ewalk2(H5E_DEFAULT, H5E_WALK_UPWARD, [](unsigned n, const H5E_error2_t* entry, void* target) -> herr_t {
@@ -120,20 +155,37 @@ void RecordingFile::fail(const std::string& what) const {
         const size_t begin = text + std::strlen("error message = '");
         reason = reason.substr(begin, reason.find('\'', begin) - begin);
     }
+    if (handle_.valid())
+        abandon();
     throw RecordingError(fmt::format("{}: cannot {}{}{}", file_, what, reason.empty() ? "" : ": ", reason));
+}
+
+// HDF5 empties a file before it asks for the lock: another recording that runs into it would be gone.
+void RecordingFile::refuseFileInUse() const {
+    const int descriptor = ::open(file_.c_str(), O_RDWR | O_CLOEXEC);
+    if (descriptor < 0)
+        return;
+    const bool used = ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    ::close(descriptor);
+    if (used)
+        throw RecordingError(fmt::format("{}: another program has it open; a recording may be running into it", file_));
 }
 
 RecordingFile::RecordingFile(const std::string& file) : file_(file) {
     // Without this HDF5 tidies up at the end of the process and stumbles over files whose last write failed. All files
     // are closed here.
     [[maybe_unused]] static const herr_t noExitHandler = H5dont_atexit();
-    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    keepQuiet();
+    refuseFileInUse();
     errno = 0;
     const Hid access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
     // This format has no "open for writing" mark, so that a recording whose process was killed opens like any other.
     H5Pset_libver_bounds(access.get(), H5F_LIBVER_V18, H5F_LIBVER_V18);
     H5Pset_fclose_degree(access.get(), H5F_CLOSE_STRONG);
-    handle_ = Hid(H5Fcreate(file.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.get()), H5Fclose);
+    H5Pset_meta_block_size(access.get(), metadataBlock);
+    const Hid creation(H5Pcreate(H5P_FILE_CREATE), H5Pclose);
+    H5Pset_istore_k(creation.get(), indexOrder);
+    handle_ = Hid(H5Fcreate(file.c_str(), H5F_ACC_TRUNC, creation.get(), access.get()), H5Fclose);
     if (!handle_.valid())
         fail("create the file");
 
@@ -157,31 +209,30 @@ RecordingFile::RecordingFile(const std::string& file) : file_(file) {
                 H5Dclose);
     if (!gaps_.valid())
         fail("create the table of gaps");
-    setAttribute("complete", int64_t{0});
+    // The end of the recording only fills these in: a process killed at that moment leaves a whole file.
+    setNumber("complete", 0);
+    writeVerdict("");
 }
 
 RecordingFile::~RecordingFile() = default;
 
 size_t RecordingFile::addChannel(const ChannelInfo& info) {
     const hid_t native = nativeType(info.type);
-    if (native < 0)
+    if (native < 0 || H5Tget_size(native) != info.sampleSize)
         throw RecordingError(fmt::format("{}: channel \"{}\" has a sample type that can't be recorded", file_, info.path));
     Channel channel;
     channel.type = Hid(H5Tcopy(native), H5Tclose);
-    const size_t sampleSize = H5Tget_size(native);
-    // A quarter of a second in a chunk, but no chunk beyond 1 MiB.
-    channel.chunk = std::clamp(static_cast<size_t>(info.sampleRate / 4.0), minChunkSamples, maxChunkBytes / sampleSize);
-
     const hsize_t none = 0;
     const hsize_t unlimited = H5S_UNLIMITED;
-    const hsize_t chunk = channel.chunk;
+    const hsize_t chunk = chunkSamples(info);
     const Hid space(H5Screate_simple(1, &none, &unlimited), H5Sclose);
     const Hid properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     H5Pset_chunk(properties.get(), 1, &chunk);
     setFillValue(properties.get(), info.type);
     H5Pset_fill_time(properties.get(), H5D_FILL_TIME_IFSET);
     const Hid access(H5Pcreate(H5P_DATASET_ACCESS), H5Pclose);
-    H5Pset_chunk_cache(access.get(), 101, 2 * channel.chunk * sampleSize + 1, 1.0);
+    // Nothing is held back: what can't be written fails here and not in the midst of a flush.
+    H5Pset_chunk_cache(access.get(), 0, 0, 1.0);
     const Hid links(H5Pcreate(H5P_LINK_CREATE), H5Pclose);
     H5Pset_create_intermediate_group(links.get(), 1);
     H5Pset_char_encoding(links.get(), H5T_CSET_UTF8);
@@ -211,7 +262,12 @@ void RecordingFile::setAttribute(const std::string& name, const std::string& tex
         fail(fmt::format("write the attribute \"{}\"", name));
 }
 
-void RecordingFile::setAttribute(const std::string& name, int64_t value) {
+void RecordingFile::writeVerdict(const std::string& text) {
+    if (!writeText(handle_.get(), "verdict", text, verdictTextSize))
+        fail("write the verdict");
+}
+
+void RecordingFile::setNumber(const std::string& name, int64_t value) {
     if (!writeAttribute(handle_.get(), name, H5T_NATIVE_INT64, &value))
         fail(fmt::format("write the attribute \"{}\"", name));
 }
@@ -219,7 +275,7 @@ void RecordingFile::setAttribute(const std::string& name, int64_t value) {
 void RecordingFile::setStartTime(int64_t microseconds) {
     const std::string text = isoTime(microseconds);
     setAttribute("start_time", text);
-    setAttribute("start_time_us", microseconds);
+    setNumber("start_time_us", microseconds);
     for (const auto& channel : channels_) {
         if (!writeText(channel.dataset.get(), "start_time", text) ||
             !writeAttribute(channel.dataset.get(), "start_time_us", H5T_NATIVE_INT64, &microseconds))
@@ -231,6 +287,7 @@ void RecordingFile::write(size_t number, uint64_t index, const void* samples, si
     if (count == 0)
         return;
     Channel& channel = channels_[number];
+    keepQuiet();
     errno = 0;
     if (index + count > channel.size) {
         const hsize_t size = index + count;
@@ -247,7 +304,7 @@ void RecordingFile::write(size_t number, uint64_t index, const void* samples, si
         fail("write samples");
 }
 
-void RecordingFile::addGap(const Gap& gap) {
+void RecordingFile::putGap(uint64_t number, const Gap& gap) {
     GapRow row{};
     std::strncpy(row.channel, gap.channel.c_str(), sizeof row.channel - 1);
     std::strncpy(row.cause, gap.cause.c_str(), sizeof row.cause - 1);
@@ -255,18 +312,21 @@ void RecordingFile::addGap(const Gap& gap) {
     row.length = gap.length;
     row.timeS = gap.timeS;
     row.estimated = gap.estimated ? 1 : 0;
+    keepQuiet();
     errno = 0;
-    const hsize_t size = gapCount_ + 1;
-    const hsize_t start = gapCount_;
+    const hsize_t start = number;
     const hsize_t one = 1;
-    if (H5Dset_extent(gaps_.get(), &size) < 0)
-        fail("extend the table of gaps");
+    if (number >= gapCount_) {
+        const hsize_t size = number + 1;
+        if (H5Dset_extent(gaps_.get(), &size) < 0)
+            fail("extend the table of gaps");
+        gapCount_ = size;
+    }
     const Hid target(H5Dget_space(gaps_.get()), H5Sclose);
     H5Sselect_hyperslab(target.get(), H5S_SELECT_SET, &start, nullptr, &one, nullptr);
     const Hid source(H5Screate_simple(1, &one, nullptr), H5Sclose);
     if (H5Dwrite(gaps_.get(), gapType_.get(), source.get(), target.get(), H5P_DEFAULT, &row) < 0)
         fail("write the table of gaps");
-    ++gapCount_;
 }
 
 // Metadata must reach the disk as a whole at a flush and never in between, or a process killed at that moment would
@@ -284,6 +344,7 @@ void RecordingFile::keepMetadataInMemory(bool keep) {
 }
 
 void RecordingFile::flush() {
+    keepQuiet();
     errno = 0;
     keepMetadataInMemory(false);
     if (H5Fflush(handle_.get(), H5F_SCOPE_GLOBAL) < 0)
@@ -291,11 +352,12 @@ void RecordingFile::flush() {
     keepMetadataInMemory(true);
 }
 
-void RecordingFile::close(const std::string& verdict) {
-    if (!handle_.valid())
+void RecordingFile::close(const std::string& verdict, bool complete) {
+    keepQuiet();
+    if (!handle_.valid() || abandoned_)
         return;
-    setAttribute("verdict", verdict);
-    setAttribute("complete", int64_t{1});
+    writeVerdict(verdict);
+    setNumber("complete", complete ? 1 : 0);
     flush();
     keepMetadataInMemory(false);
     errno = 0;
@@ -306,7 +368,5 @@ void RecordingFile::close(const std::string& verdict) {
     if (handle_.reset() < 0 || !closed)
         fail("close the file");
 }
-
-size_t RecordingFile::chunkSamples(size_t channel) const { return channels_[channel].chunk; }
 
 }  // namespace zornhost

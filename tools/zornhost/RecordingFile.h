@@ -3,11 +3,11 @@
 #include <hdf5.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include <zorn/structure/channel.h>
+#include "tools/zornhost/RecordingSink.h"
 
 // A recording on disk: HDF5, readable by any tool for it.
 //
@@ -20,23 +20,9 @@
 //   /                          attributes: manufacturer, model, serial_number, hardware_revision, software,
 //                              start_time, start_time_us, verdict (set at the end), complete (1 after a proper end)
 //
-// A failure is a RecordingError with the file, what was tried and the system's reason. One thread.
+// A failure is a RecordingError with the file, what was tried and the system's reason; the file stays as the last flush
+// has left it. One thread.
 namespace zornhost {
-
-class RecordingError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// One row of the table of gaps.
-struct Gap {
-    std::string channel;      // empty: the whole recording
-    uint64_t firstIndex = 0;  // of the first sample that is missing
-    uint64_t length = 0;      // samples
-    double timeS = 0.0;       // of the first missing sample, since the start
-    std::string cause;
-    bool estimated = false;   // length and place are taken from the clock, not counted
-};
 
 // An HDF5 identifier that is closed by the function it came with.
 class Hid {
@@ -64,52 +50,36 @@ private:
     Close close_ = nullptr;
 };
 
-class RecordingFile {
+class RecordingFile : public RecordingSink {
 public:
-    struct ChannelInfo {
-        std::string path;
-        std::string name;
-        std::string unit;
-        std::string nodeId;
-        double scale = 1.0;
-        double offset = 0.0;
-        double rangeMin = 0.0;
-        double rangeMax = 0.0;
-        double sampleRate = 0.0;
-        Harvane::RT::Core::SampleDataType type = Harvane::RT::Core::SampleDataType::Int16;
-    };
-
-    // Replaces an existing file of that name.
+    // Replaces an existing file of that name. One that another process is recording into is refused.
     explicit RecordingFile(const std::string& file);
-    ~RecordingFile();
+    ~RecordingFile() override;
 
-    // Channels are numbered in the order of adding.
-    size_t addChannel(const ChannelInfo& info);
-    // Renews the channel's attributes: scale, offset, range and unit are known once the acquisition has been set up.
-    void describeChannel(size_t channel, const ChannelInfo& info);
-    void setAttribute(const std::string& name, const std::string& text);
-    void setAttribute(const std::string& name, int64_t value);
-    void setStartTime(int64_t microsecondsSince1970);  // on the file and on every channel
-
-    // Writes `count` samples at element `index`; elements in front that were never written keep the fill value.
-    void write(size_t channel, uint64_t index, const void* samples, size_t count);
-    void addGap(const Gap& gap);
+    bool keeps() const override { return true; }
+    size_t addChannel(const ChannelInfo& info) override;
+    void describeChannel(size_t channel, const ChannelInfo& info) override;
+    void setAttribute(const std::string& name, const std::string& text) override;
+    void setStartTime(int64_t microsecondsSince1970) override;
+    // Elements in front of `index` that were never written keep the fill value.
+    void write(size_t channel, uint64_t index, const void* samples, size_t count) override;
+    void putGap(uint64_t row, const Gap& gap) override;
     // After this a killed process leaves all that was written before readable.
-    void flush();
-    void close(const std::string& verdict);
-
-    size_t chunkSamples(size_t channel) const;
-    const std::string& file() const { return file_; }
+    void flush() override;
+    void close(const std::string& verdict, bool complete) override;
 
 private:
     struct Channel {
         Hid dataset;
         Hid type;
-        size_t chunk = 0;
         uint64_t size = 0;
     };
 
-    [[noreturn]] void fail(const std::string& what) const;
+    [[noreturn]] void fail(const std::string& what);
+    void abandon();
+    void refuseFileInUse() const;
+    void writeVerdict(const std::string& text);
+    void setNumber(const std::string& name, int64_t value);
     void keepMetadataInMemory(bool keep);
 
     std::string file_;
@@ -117,6 +87,7 @@ private:
     Hid gaps_;
     Hid gapType_;
     uint64_t gapCount_ = 0;
+    bool abandoned_ = false;  // nothing more gets into the file
     std::vector<Channel> channels_;
 };
 

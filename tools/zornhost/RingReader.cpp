@@ -50,7 +50,8 @@ RingReader::Result RingReader::read(void* target, size_t maximum) {
             return result;
         std::memcpy(target, data_ + slot * sampleSize_, count * sampleSize_);
 
-        scheduler_.waitForCycleEnd(cycleEndTimeoutMs);
+        if (!scheduler_.waitForCycleEnd(cycleEndTimeoutMs))
+            return result;  // a cycle that hangs may be writing there: what was copied can't be trusted yet
         const uint64_t acquiredNow = acquired();
         if (acquiredNow - next_ <= capacity_) {
             result.samples = count;

@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "tools/zornhost/Output.h"
 #include "tools/zornhost/PropertyText.h"
 
 using namespace Harvane::RT::Core;
@@ -118,7 +119,7 @@ private:
     void leave() {
         if (back_ >= 0) {
             if (::fchdir(back_) != 0)
-                fmt::print(stderr, "zornhost: can't go back to the working directory: {}\n", std::strerror(errno));
+                writeError(fmt::format("zornhost: can't go back to the working directory: {}\n", std::strerror(errno)));
             ::close(back_);
         }
         std::error_code ignored;
@@ -227,7 +228,7 @@ Session::~Session() {
     try {
         close();
     } catch (const std::exception& failure) {
-        fmt::print(stderr, "zornhost: {}\n", failure.what());
+        writeError(fmt::format("zornhost: {}\n", failure.what()));
     }
     removeLogSink(listener_.get());
     if (logFile_)
@@ -255,15 +256,20 @@ BasePtr Session::set(const PropertyEntry& property, const std::string& text) {
     const auto& node = property.owner.node;
     const StringPtr name(property.name);
     BasePtr value = toValue(text);
-    if (property.name.find('.') == std::string::npos) {
+    const bool part = property.name.find_first_of(".[") != std::string::npos;
+    if (!part) {
         const auto info = node.getPropertyInfo(name);
-        if (info.getValueType() == CoreType::List)
-            value = listFromText(property.name, text);
-        else
-            value = valueOf(info, text);
+        value = info.getValueType() == CoreType::List ? listFromText(property.name, text) : valueOf(info, text);
     }
-    checkErrorInfo(zornCheckedSetProperty(node.get(), name.get(), value.get()));
-    return node.getPropertyValue<BasePtr>(name);
+    try {
+        checkErrorInfo(zornCheckedSetProperty(node.get(), name.get(), value.get()));
+        return node.getPropertyValue<BasePtr>(name);
+    } catch (const ZornException& failure) {
+        if (!part)
+            throw;
+        // What goes wrong on the way to a part of a property names neither.
+        throw std::runtime_error(fmt::format("{}: {}", property.name, failure.what()));
+    }
 }
 
 void Session::prepare() {

@@ -15,6 +15,20 @@
 #include "tools/zornhost/Recorder.h"
 #include "tools/zornhost/Session.h"
 
+// The path of one of a module's two channels; modules count from 0.
+inline std::string channelPath(int module, bool filtered) {
+    return "KESTRIX/Analog inputs/AI " + std::to_string(module + 1) + (filtered ? "/Filtered input" : "/Raw input");
+}
+
+// The first sample of a counter that isn't its own index, cut to the sample's width; -1 when there is none.
+template <class T>
+long firstWrong(const std::vector<T>& samples) {
+    for (size_t i = 0; i < samples.size(); ++i)
+        if (samples[i] != static_cast<T>(static_cast<uint32_t>(i)))
+            return static_cast<long>(i);
+    return -1;
+}
+
 // A measuring place: a fresh simulated instrument, the module binary in the host, and a folder for recordings.
 //
 // The board has the slots that the scenario fills: each empty one costs the module more than half a second of waiting

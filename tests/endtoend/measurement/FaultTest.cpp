@@ -1,37 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <zorn/logger/logger.h>
-
-#include <mutex>
-
 #include "tests/endtoend/measurement/Bench.h"
+#include "tests/endtoend/measurement/LogCapture.h"
 
 using namespace kestrixsim;
 
 namespace {
-
-// Everything that is logged while it lives.
-class LogCapture : public Harvane::RT::Core::ILogSink {
-public:
-    LogCapture() { Harvane::RT::Core::addLogSink(this, 0); }
-    ~LogCapture() override { Harvane::RT::Core::removeLogSink(this); }
-    void write(const Harvane::RT::Core::LogRecord& record) override {
-        std::lock_guard lock(mutex_);
-        text_ += std::string(record.message) + "\n";
-    }
-    bool contains(const std::string& words) const {
-        std::lock_guard lock(mutex_);
-        return text_.find(words) != std::string::npos;
-    }
-    std::string text() const {
-        std::lock_guard lock(mutex_);
-        return text_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::string text_;
-};
 
 struct OpenFault {
     const char* name;
@@ -143,7 +117,7 @@ TEST(Faults, FailingReadIsLoggedAndTheCycleGoesOn) {
     const auto report = bench.record("eio.h5", 1.2, {}, [&] {
         bench.instrument().inject({.kind = FaultKind::DmaRead, .target = 0, .times = 3});
     });
-    EXPECT_TRUE(log.contains("Exception in DAQ::acquireData: DMA device read failed")) << log.text();
+    EXPECT_GT(log.count("Exception in DAQ::acquireData: DMA device read failed"), 0u) << log.text();
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_EQ(report.channels.size(), 2u);
 }
@@ -156,10 +130,12 @@ TEST(Faults, StalledStreamIsReportedAsLostData) {
     const auto report = bench.record("stall.h5", 5.0, {}, [&] {
         bench.instrument().inject({.kind = FaultKind::DmaStall, .target = 0, .times = -1});
     });
-    EXPECT_TRUE(log.contains("Exception in DAQ::acquireData: Data lost")) << log.text();
+    EXPECT_GT(log.count("Exception in DAQ::acquireData: Data lost"), 0u) << log.text();
     EXPECT_FALSE(report.good());
     EXPECT_GT(report.moduleReports, 0u);
+    // One gap that grows, and at most a row a second of what the module says.
     EXPECT_GT(RecordingReader(bench.file("stall.h5")).gapRows(), 0u);
+    EXPECT_LT(RecordingReader(bench.file("stall.h5")).gapRows(), 10u);
     EXPECT_NE(report.verdict().find("The module reported lost data"), std::string::npos);
 }
 
@@ -186,7 +162,8 @@ TEST(Faults, RefusedClockChangeCanBeRepeated) {
     bench.instrument().inject({.kind = FaultKind::ScriptRefuses, .times = 1});
     LogCapture log;
     session.set(clock, "1");
-    EXPECT_TRUE(log.contains("KestrixAI::configureClock failed")) << log.text();
+    EXPECT_EQ(bench.instrument().registerWord(0xB0000000) >> 1 & 3, 0u);
+    EXPECT_GT(log.count("KestrixAI::configureClock failed"), 0u) << log.text();
     session.set(clock, "1");
     EXPECT_EQ(session.tree().property("KESTRIX/BaseClock").owner.node.getPropertyValue<int>("BaseClock"), 1);
     session.set(session.tree().property("SampleRate"), "16000");
@@ -195,23 +172,3 @@ TEST(Faults, RefusedClockChangeCanBeRepeated) {
     EXPECT_NEAR(static_cast<double>(report.channels[1].samples), 16000 * report.durationS, 16000 * 0.25);
 }
 
-TEST(Faults, NonsenseInTheEepromDoesNotHarm) {
-    struct Case {
-        const char* name;
-        std::function<void(Scenario&)> change;
-        size_t channels;
-    };
-    const Case cases[] = {{"wrong key", [](Scenario& s) { s.eepromKeyValid = false; }, 16},
-                          {"version 0", [](Scenario& s) { s.eepromVersion = 0; }, 16},
-                          {"no slots", [](Scenario& s) { s.slots = 0; }, 0},
-                          {"two slots", [](Scenario& s) { s.slots = 2; }, 4},
-                          {"absurd", [](Scenario& s) { s.slots = 200; }, 16},
-                          {"absurd, even", [](Scenario& s) { s.slots = 255; }, 16}};
-    for (const auto& entry : cases) {
-        auto scenario = Scenario::counters(1);
-        entry.change(scenario);
-        Bench bench(scenario);
-        bench.session().open();
-        EXPECT_EQ(bench.session().tree().channels().size(), entry.channels) << entry.name;
-    }
-}

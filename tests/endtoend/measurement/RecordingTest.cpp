@@ -11,21 +11,6 @@ using namespace kestrixsim;
 
 namespace {
 
-constexpr const char* inputs = "KESTRIX/Analog inputs/";
-
-std::string channelPath(int module, bool filtered) {
-    return std::string(inputs) + "AI " + std::to_string(module + 1) + (filtered ? "/Filtered input" : "/Raw input");
-}
-
-// The first sample that isn't its own index, cut to the sample's width; -1 when there is none.
-template <class T>
-long firstWrong(const std::vector<T>& samples) {
-    for (size_t i = 0; i < samples.size(); ++i)
-        if (samples[i] != static_cast<T>(static_cast<uint32_t>(i)))
-            return static_cast<long>(i);
-    return -1;
-}
-
 class CounterRecording : public testing::TestWithParam<int> {};
 
 }  // namespace
@@ -55,39 +40,6 @@ TEST_P(CounterRecording, IsGaplessAndExact) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, CounterRecording, testing::Values(100, 1000, 46875, 50000, 1000000));
-
-TEST(Recording, SecondRunOnTheSameTreeStartsAtZeroAgain) {
-    Bench bench(Scenario::counters(1), {"SampleRate=50000"});
-    bench.session().open();
-    for (const char* name : {"first.h5", "second.h5"}) {
-        const auto report = bench.record(name, 0.8);
-        EXPECT_TRUE(report.good()) << report.verdict();
-        const RecordingReader file(bench.file(name));
-        const auto raw = file.samples<int16_t>(channelPath(0, false));
-        EXPECT_GT(raw.size(), 20000u);
-        EXPECT_EQ(firstWrong(raw), -1) << name;
-        EXPECT_EQ(firstWrong(file.samples<int32_t>(channelPath(0, true))), -1) << name;
-    }
-}
-
-TEST(Recording, ChannelsAtDifferentRatesKeepTheirOwn) {
-    Bench bench(Scenario::counters(2), {"SampleRate=1000000", "KESTRIX/Analog inputs/AI 1/Filtered input/SampleRate=1000",
-                                        "KESTRIX/Analog inputs/AI 2/Raw input/SampleRate=100000"});
-    bench.session().open();
-    const auto report = bench.record("mixed.h5", 2.0);
-    EXPECT_TRUE(report.good()) << report.verdict();
-    const RecordingReader file(bench.file("mixed.h5"));
-    const std::pair<std::string, double> expected[] = {{channelPath(0, false), 1e6},
-                                                       {channelPath(0, true), 1e3},
-                                                       {channelPath(1, false), 1e5},
-                                                       {channelPath(1, true), 1e6}};
-    for (const auto& [path, rate] : expected) {
-        EXPECT_EQ(file.number(path, "sample_rate"), rate) << path;
-        EXPECT_NEAR(static_cast<double>(file.count(path)), report.durationS * rate, 0.25 * rate) << path;
-    }
-    EXPECT_EQ(firstWrong(file.samples<int16_t>(channelPath(1, false))), -1);
-    EXPECT_EQ(firstWrong(file.samples<int32_t>(channelPath(0, true))), -1);
-}
 
 TEST(Recording, OfAWavFileIsThatFile) {
     const char* wav = "/usr/share/sounds/alsa/Front_Center.wav";
@@ -175,25 +127,4 @@ TEST(Recording, WithAmplifiersInTwoSlotsRunsOnThose) {
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_EQ(report.channels.size(), 4u);
     EXPECT_EQ(firstWrong(RecordingReader(bench.file("two.h5")).samples<int16_t>(channelPath(5, false))), -1);
-}
-
-// The user ticks a channel without an amplifier; the others must not notice.
-TEST(Recording, UsedChannelWithoutAmplifierHarmsNobody) {
-    auto scenario = Scenario::counters(2);
-    scenario.modules.erase(scenario.modules.begin());
-    Bench bench(scenario, {"SampleRate=10000"});
-    bench.session().open();
-    for (const auto& entry : bench.session().tree().channels())
-        entry.channel.setUsed(true);
-    auto& session = bench.session();
-    session.prepare();
-    zornhost::Recorder recorder({bench.file("empty.h5")}, session.tree().channels({"AI 2/*"}), session.host().scheduler());
-    session.start();
-    recorder.start(0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
-    session.stop();
-    const auto report = recorder.finish(false);
-    EXPECT_TRUE(report.good()) << report.verdict();
-    EXPECT_GT(report.samples(), 10000u);
-    EXPECT_EQ(session.lostReports(), 0u);
 }

@@ -10,29 +10,6 @@ using Json = nlohmann::json;
 
 namespace {
 
-class Folder {
-public:
-    Folder() {
-        std::string name = (std::filesystem::temp_directory_path() / "amplifier-program-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no temporary folder");
-        path_ = name;
-        // Readable for everybody, so that a test may run the program as nobody.
-        std::filesystem::permissions(path_, std::filesystem::perms(0755));
-    }
-    ~Folder() { std::filesystem::remove_all(path_); }
-    std::string path(const std::string& name = "") const {
-        return name.empty() ? path_.string() : (path_ / name).string();
-    }
-    void write(const std::string& name, const std::string& text) const {
-        std::filesystem::create_directories((path_ / name).parent_path());
-        std::ofstream(path_ / name) << text;
-    }
-
-private:
-    std::filesystem::path path_;
-};
-
 // A voltage, a bridge and a slot without an amplifier.
 const Folder& scenarios() {
     static const Folder folder;
@@ -341,26 +318,3 @@ TEST(CheckAmplifiers, EachMistakeHasItsPlace) {
     }
 }
 
-TEST(CheckAmplifiers, FileWithoutReadPermission) {
-    const Folder folder;
-    folder.write("secret.json", definition("b1", "1.2.1.1"));
-    folder.write("open.json", definition("b2", "1.2.1.2"));
-    std::filesystem::permissions(folder.path("secret.json"), std::filesystem::perms(0000));
-    std::vector<std::string> arguments{KESTRIX_ZORNHOST, "--json", "check-amplifiers", folder.path()};
-    if (::geteuid() == 0) {
-        // Nothing is closed to root.
-        arguments.insert(arguments.begin(),
-                         {"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
-        if (Process::run({"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
-                          KESTRIX_ZORNHOST, "--version"})
-                .exitCode != 0)
-            GTEST_SKIP() << "the program can't be run as another user here";
-    }
-    const auto result = Process::run(arguments);
-    EXPECT_EQ(result.exitCode, 1) << result.err;
-    const auto json = Json::parse(result.out);
-    ASSERT_EQ(json["files"].size(), 2u);
-    EXPECT_EQ(json["files"][0]["outcome"], "registered");
-    EXPECT_EQ(json["files"][1]["outcome"], "not registered");
-    EXPECT_EQ(json["files"][1]["problems"][0]["text"], "can't be opened: Permission denied");
-}

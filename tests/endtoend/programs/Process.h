@@ -14,6 +14,28 @@
 #include <thread>
 #include <vector>
 
+// A folder that is gone afterwards.
+class Folder {
+public:
+    Folder() {
+        std::string name = (std::filesystem::temp_directory_path() / "kestrix-program-XXXXXX").string();
+        if (::mkdtemp(name.data()) == nullptr)
+            throw std::runtime_error("no temporary folder");
+        path_ = name;
+    }
+    ~Folder() { std::filesystem::remove_all(path_); }
+    std::string path(const std::string& name = "") const {
+        return name.empty() ? path_.string() : (path_ / name).string();
+    }
+    void write(const std::string& name, const std::string& text) const {
+        std::filesystem::create_directories((path_ / name).parent_path());
+        std::ofstream(path_ / name) << text;
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
 // A program as a user starts it, with its two outputs apart.
 class Process {
 public:
@@ -51,6 +73,8 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
+    // What the program has written onto its standard error so far.
+    std::string errors() const { return contents(base_ + ".err"); }
     void signal(int number) const { ::kill(pid_, number); }
 
     Result wait(double timeoutS = 120.0) {
@@ -70,6 +94,20 @@ public:
     }
 
     static Result run(std::vector<std::string> arguments) { return Process(std::move(arguments)).wait(); }
+
+    // zornhost on the standard instrument, with its supply up: switching it on takes seconds.
+    static std::vector<std::string> zornhost(std::vector<std::string> arguments) {
+        static const Folder folder;
+        const std::string warm = folder.path("warm.json");
+        if (!std::filesystem::exists(warm)) {
+            const std::string off = "\"supplyOn\": false";
+            std::string text = contents(std::string(KESTRIX_SCENARIOS) + "/standard.json");
+            text.replace(text.find(off), off.size(), "\"supplyOn\": true");
+            folder.write("warm.json", text);
+        }
+        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", warm});
+        return arguments;
+    }
 
 private:
     static void redirect(const std::string& file, int descriptor) {
