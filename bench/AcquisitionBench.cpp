@@ -21,13 +21,13 @@
 
 using namespace Harvane::RT::Core;
 
-// The cycle of the module against a bare loop of the same `read` calls on the same streams into the same rings, both in one
-// run. The same memory, because how fast it is depends by some per cent on which pages one happens to get; what was written
-// there a turn ago has left the caches. Eight modules; raw 15 MS/s of 2 bytes, filtered 1.875 MS/s of 4.
+// The cycle of the module against a bare loop of the same `read` calls on the same streams into the same rings, both in
+// one run. The same memory, because how fast it is depends by some per cent on which pages one happens to get; what was
+// written there a turn ago has left the caches. Eight modules; raw 15 MS/s of 2 bytes, filtered 1.875 MS/s of 4.
 namespace {
 
-// The instrument's time in seconds. It stands while nobody moves it, so that each side finds exactly the same descriptors
-// ready: those of `turnS`, about three quarters of what a driver's ring holds.
+// The instrument's time in seconds. It stands while nobody moves it, so that each side finds exactly the same
+// descriptors ready: those of `turnS`, about three quarters of what a driver's ring holds.
 std::atomic<double> nowS{0.0};
 constexpr double turnS = 0.32;
 
@@ -142,8 +142,9 @@ double secondsOf(const std::function<void()>& work) {
     return now() - start;
 }
 
-// Both sides in turns, each with the descriptors of the same span of time: what the machine does meanwhile hits both. The
-// side that goes first is some per cent slower (the caches hold the other's ring), so they take that place in turns too.
+// Both sides in turns, each with the descriptors of the same span of time: what the machine does meanwhile hits both.
+// The side that goes first is some per cent slower (the caches hold the other's ring), so they take that place in turns
+// too.
 void BlockPath(benchmark::State& state) {
     auto& bench = acquisition();
     double moduleS = 0.0;
@@ -174,8 +175,9 @@ void BlockPath(benchmark::State& state) {
     // Descriptors are whole, so that one side can be some ahead of the other: that evens out over some turns.
     const double unequal = std::abs(static_cast<double>(moduleBytes) / static_cast<double>(bareBytes) - 1.0);
     if (bench.failed() != 0 || (state.iterations() > 32 && !(unequal < 0.02))) {
-        std::fprintf(stderr, "The sides did not do the same work: module %llu bytes, bare loop %llu bytes, its errno %d\n",
-                     static_cast<unsigned long long>(moduleBytes), static_cast<unsigned long long>(bareBytes), bench.failed());
+        std::fprintf(
+            stderr, "The sides did not do the same work: module %llu bytes, bare loop %llu bytes, its errno %d\n",
+            static_cast<unsigned long long>(moduleBytes), static_cast<unsigned long long>(bareBytes), bench.failed());
         std::exit(1);
     }
     const double moduleRate = static_cast<double>(moduleBytes) / moduleS;

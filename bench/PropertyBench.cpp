@@ -40,9 +40,10 @@ BENCHMARK(PropertyGet);
 void PropertySetWithListener(benchmark::State& state) {
     const auto object = makeObject();
     int64_t calls = 0;
-    object.registerProperty(PropertyInfoPtr::create("Rate", CoreType::Int)
-                                .defaultValue(1)
-                                .onValueChanged(makeHandler([&](const BasePtr&, const ObjectPtr<IEventArgs>&) { ++calls; })));
+    object.registerProperty(
+        PropertyInfoPtr::create("Rate", CoreType::Int)
+            .defaultValue(1)
+            .onValueChanged(makeHandler([&](const BasePtr&, const ObjectPtr<IEventArgs>&) { ++calls; })));
     const StringPtr name("Rate");
     const BasePtr value = toValue(1000);
     for (auto _ : state)

@@ -7,8 +7,8 @@
 namespace zornhost {
 
 // Notices samples that never reached the host's ring: the stream has no marks, so what a driver dropped because nobody
-// read shows only as time that went by without samples. The count of samples is held against the monotonic clock: it may
-// lag by a block and drift by some ppm, but it may not step.
+// read shows only as time that went by without samples. The count of samples is held against the monotonic clock: it
+// may lag by a block and drift by some ppm, but it may not step.
 class ClockCheck {
 public:
     explicit ClockCheck(double rateHz) : rateHz_(rateHz) {}

@@ -202,7 +202,8 @@ int showTree(Session& session, Output& output, bool json) {
         return 0;
     }
     std::vector<std::vector<std::string>> rows{{"Name", ">Rate S/s", ">Range", "Unit", "Used", "Enabled"}};
-    rows.push_back({root.getName().toStdString(), valueText(module.getPropertyValue<BasePtr>("SampleRate")), "", "", "", ""});
+    rows.push_back(
+        {root.getName().toStdString(), valueText(module.getPropertyValue<BasePtr>("SampleRate")), "", "", "", ""});
     treeLines(root, 1, rows);
     output.data(formatTable(rows));
     return 0;
@@ -217,7 +218,8 @@ Json ratesJson(const RateReport& report) {
         for (const auto& row : level.rates) {
             Json entry{{"rate", row.rate}};
             if (row.rawDivider)
-                entry["raw"] = Json{{"divider", *row.rawDivider}, {"inForce", row.rawInForce}, {"requestBecomes", row.rawAnswer}};
+                entry["raw"] =
+                    Json{{"divider", *row.rawDivider}, {"inForce", row.rawInForce}, {"requestBecomes", row.rawAnswer}};
             if (row.filtered)
                 entry["filtered"] = Json{{"halfBands", row.filtered->halfBands},
                                          {"ratio", row.filtered->ratio()},
@@ -263,8 +265,8 @@ int showRates(Session& session, Output& output, bool json, std::optional<int64_t
         if (!first)
             output.line("");
         first = false;
-        output.line(fmt::format("{} ({}), base clock {} Hz{}, whole fractions of {} S/s", level.name, level.level, level.clock,
-                                level.clockInForce ? ", in force" : "", level.of));
+        output.line(fmt::format("{} ({}), base clock {} Hz{}, whole fractions of {} S/s", level.name, level.level,
+                                level.clock, level.clockInForce ? ", in force" : "", level.of));
         std::vector<std::vector<std::string>> rows{
             {">Rate S/s", ">Raw: divider", ">Filtered: half-bands", ">Ratio", "Note"}};
         for (const auto& row : level.rates)
@@ -301,7 +303,8 @@ int listProperties(Session& session, Output& output, bool json, const std::strin
                         readOnly ? "" : valueText(info.getDefaultValue()),
                         minimum || maximum ? fmt::format("{} .. {}", valueText(minimum), valueText(maximum)) : "",
                         choiceText, info.getUnit() ? valueText(info.getUnit()) : ""});
-        Json item{{"name", name.toStdString()}, {"type", typeName(info)}, {"readOnly", readOnly}, {"value", toJson(value)}};
+        Json item{
+            {"name", name.toStdString()}, {"type", typeName(info)}, {"readOnly", readOnly}, {"value", toJson(value)}};
         if (info.getDefaultValue())
             item["default"] = toJson(info.getDefaultValue());
         if (minimum)
@@ -353,9 +356,9 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     Recorder recorder({options.file}, channels, session.host().scheduler());
     auto& sink = recorder.sink();
     if (const auto device = session.tree().deviceFolder())
-        for (const auto& [attribute, property] : {std::pair{"manufacturer", "Manufacturer"}, std::pair{"model", "Model"},
-                                                  std::pair{"serial_number", "SerialNumber"},
-                                                  std::pair{"hardware_revision", "HardwareRevision"}})
+        for (const auto& [attribute, property] :
+             {std::pair{"manufacturer", "Manufacturer"}, std::pair{"model", "Model"},
+              std::pair{"serial_number", "SerialNumber"}, std::pair{"hardware_revision", "HardwareRevision"}})
             sink.setAttribute(attribute, device.getPropertyValue<std::string>(property));
     sink.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
                                               session.host().moduleVersion()));
@@ -369,7 +372,8 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     uint64_t reported = 0;
     double nextProgressS = 1.0;
     while (recorder.running() && !Interrupt::requested() && recorder.elapsedS() < options.durationS) {
-        Interrupt::sleepMs(std::max(1, static_cast<int>(std::min(50.0, 1000.0 * (options.durationS - recorder.elapsedS())))));
+        Interrupt::sleepMs(
+            std::max(1, static_cast<int>(std::min(50.0, 1000.0 * (options.durationS - recorder.elapsedS())))));
         for (; reported < session.lostReports(); ++reported)
             recorder.reportLostByModule();
         if (recorder.elapsedS() >= nextProgressS) {
@@ -439,7 +443,8 @@ void drain(Watched& watched) {
     watched.minimum = watched.maximum = std::numeric_limits<double>::quiet_NaN();
     watched.samples = 0;
     while (true) {
-        const auto piece = watched.reader.read(watched.piece.data(), watched.piece.size() / watched.reader.sampleSize());
+        const auto piece =
+            watched.reader.read(watched.piece.data(), watched.piece.size() / watched.reader.sampleSize());
         watched.lost += piece.lost;
         if (piece.samples == 0)
             return;
@@ -527,8 +532,9 @@ namespace {
 std::string checkSeconds(const std::string& text) {
     double seconds = 0.0;
     const bool number = CLI::detail::lexical_cast(text, seconds);
-    return number && std::isfinite(seconds) && seconds > 0.0 ? std::string()
-                                                             : fmt::format("\"{}\" is no number of seconds above 0", text);
+    return number && std::isfinite(seconds) && seconds > 0.0
+               ? std::string()
+               : fmt::format("\"{}\" is no number of seconds above 0", text);
 }
 
 const CLI::Validator secondsAbove0(checkSeconds, "SECONDS");
@@ -544,7 +550,8 @@ void occupyStandardDescriptors() {
 }  // namespace
 
 int run(int argc, char** argv) {
-    CLI::App app{"Measures with a data acquisition module: shows the instrument, changes its settings, records its channels."};
+    CLI::App app{
+        "Measures with a data acquisition module: shows the instrument, changes its settings, records its channels."};
     app.require_subcommand(1);
     app.set_version_flag("--version", programVersion);
     app.fallthrough();
@@ -554,17 +561,24 @@ int run(int argc, char** argv) {
     std::string scenario;
     app.add_option("--module", session.module, "Module library (default: the one beside the program)")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    auto* simulate = app.add_option("--simulate", scenario, "Run on the simulated instrument, with a scenario file if one is named")
-                         ->expected(0, 1);
-    app.add_option("--log", session.logLevel, "Lowest level of log messages on the standard error: verbose, debug, info, warning, error, fatal, off")
+    auto* simulate =
+        app.add_option("--simulate", scenario, "Run on the simulated instrument, with a scenario file if one is named")
+            ->expected(0, 1);
+    app.add_option(
+           "--log", session.logLevel,
+           "Lowest level of log messages on the standard error: verbose, debug, info, warning, error, fatal, off")
         ->capture_default_str();
-    app.add_option("--log-file", session.logFile, "Also write log messages (info and above, or --log if lower) into this file");
+    app.add_option("--log-file", session.logFile,
+                   "Also write log messages (info and above, or --log if lower) into this file");
     app.add_option("--set", session.settings, "PATH=VALUE: set a property before the command runs (may be repeated)")
         ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("--amplifiers", session.amplifiers,
-                   "Folder of amplifier definitions (default: amplifiers in the working directory, else the program's own)")
+    app.add_option(
+           "--amplifiers", session.amplifiers,
+           "Folder of amplifier definitions (default: amplifiers in the working directory, else the program's own)")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    app.add_option("--cycle", session.cycleTimeMs, "Cycle time of the host in ms")->check(CLI::Range(1, 1000))->capture_default_str();
+    app.add_option("--cycle", session.cycleTimeMs, "Cycle time of the host in ms")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
     app.add_flag("--json", session.json, "Reports as JSON");
 
     std::string path;
@@ -588,15 +602,21 @@ int run(int argc, char** argv) {
     set->add_option("path", path, "Node and property, joined by /")->required();
     set->add_option("value", value, "New value; for selections the index or the text of the choice")->required();
     auto* rec = app.add_subcommand("record", "Record channels into an HDF5 file");
-    rec->add_option("-o,--output", recording.file, "File to write; one that is there is replaced. /dev/null: take the samples and write nothing")
+    rec->add_option("-o,--output", recording.file,
+                    "File to write; one that is there is replaced. /dev/null: take the samples and write nothing")
         ->required();
     rec->add_option("-d,--duration", recording.durationS, "Seconds")->required()->check(secondsAbove0);
     rec->add_option("--rate", recording.rate, "Sample rate of the system, S/s");
-    rec->add_option("--channel", recording.channels, "Pattern (* and ?) of channels to record, e.g. \"AI 1/*\" (may be repeated)")
-        ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    rec->add_option("--channel", recording.channels,
+                    "Pattern (* and ?) of channels to record, e.g. \"AI 1/*\" (may be repeated)")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     auto* mon = app.add_subcommand("monitor", "Live table of the channels");
-    mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")->check(secondsAbove0);
-    mon->add_option("--interval", monitoring.intervalS, "Seconds between two tables")->check(CLI::Range(0.05, 60.0))->capture_default_str();
+    mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")
+        ->check(secondsAbove0);
+    mon->add_option("--interval", monitoring.intervalS, "Seconds between two tables")
+        ->check(CLI::Range(0.05, 60.0))
+        ->capture_default_str();
     mon->add_option("--rate", monitoring.rate, "Sample rate of the system, S/s");
     mon->add_option("--channel", monitoring.channels, "Pattern of channels to watch (may be repeated)")
         ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

@@ -38,8 +38,8 @@ public:
     explicit HostTree(Harvane::RT::Core::DataModulePtr dataModule) : dataModule_(std::move(dataModule)) {}
 
     std::vector<ChannelEntry> channels() const;
-    // Channels whose path, or an end of it that begins at a "/", matches one of the patterns (fnmatch; no pattern: all).
-    // A pattern that fits no channel raises UnknownName with the labels that there are.
+    // Channels whose path, or an end of it that begins at a "/", matches one of the patterns (fnmatch; no pattern:
+    // all). A pattern that fits no channel raises UnknownName with the labels that there are.
     std::vector<ChannelEntry> channels(const std::vector<std::string>& patterns) const;
     // Raises UnknownName.
     NodeEntry node(std::string_view path) const;

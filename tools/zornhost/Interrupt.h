@@ -2,8 +2,8 @@
 
 namespace zornhost {
 
-// Ctrl-C, SIGTERM and the loss of the terminal end what runs cleanly: every loop asks `requested` at least ten times a second. A second signal ends
-// the process at once.
+// Ctrl-C, SIGTERM and the loss of the terminal end what runs cleanly: every loop asks `requested` at least ten times a
+// second. A second signal ends the process at once.
 class Interrupt {
 public:
     static void install();

@@ -51,9 +51,9 @@ struct RecordingReport {
     std::string verdict() const;
 };
 
-// Writes channels into a file on a thread of its own, or takes them in the same way for /dev/null. The cycle never waits
-// for it: it reads the channels' rings, and what it could not read in time is counted as a gap. Losses upstream of the
-// ring are found by the clock and by what the module reports.
+// Writes channels into a file on a thread of its own, or takes them in the same way for /dev/null. The cycle never
+// waits for it: it reads the channels' rings, and what it could not read in time is counted as a gap. Losses upstream
+// of the ring are found by the clock and by what the module reports.
 class Recorder {
 public:
     struct Options {

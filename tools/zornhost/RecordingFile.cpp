@@ -21,8 +21,8 @@ namespace {
 constexpr size_t channelTextSize = 160;
 constexpr size_t causeTextSize = 96;
 constexpr size_t verdictTextSize = 1000;
-// Chunks in a leaf of a dataset's index are twice as many: a leaf splits after four minutes of a channel. A process that
-// is killed while a split is written leaves a dataset that can't be read.
+// Chunks in a leaf of a dataset's index are twice as many: a leaf splits after four minutes of a channel. A process
+// that is killed while a split is written leaves a dataset that can't be read.
 constexpr unsigned indexOrder = 512;
 constexpr hsize_t metadataBlock = 1 << 20;  // bytes: what belongs together is written together
 
@@ -219,7 +219,8 @@ RecordingFile::~RecordingFile() = default;
 size_t RecordingFile::addChannel(const ChannelInfo& info) {
     const hid_t native = nativeType(info.type);
     if (native < 0 || H5Tget_size(native) != info.sampleSize)
-        throw RecordingError(fmt::format("{}: channel \"{}\" has a sample type that can't be recorded", file_, info.path));
+        throw RecordingError(
+            fmt::format("{}: channel \"{}\" has a sample type that can't be recorded", file_, info.path));
     Channel channel;
     channel.type = Hid(H5Tcopy(native), H5Tclose);
     const hsize_t none = 0;

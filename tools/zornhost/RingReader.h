@@ -23,8 +23,8 @@ public:
 
     RingReader(const Harvane::RT::Core::ChannelPtr<>& channel, const Harvane::RT::Core::Scheduler& scheduler);
 
-    // Copies at most `maximum` samples. Bounded: waits for the end of a cycle only after the copy, at most 1 s, and gives
-    // nothing when the cycle has not ended by then: the samples stay to be read.
+    // Copies at most `maximum` samples. Bounded: waits for the end of a cycle only after the copy, at most 1 s, and
+    // gives nothing when the cycle has not ended by then: the samples stay to be read.
     Result read(void* target, size_t maximum);
 
     size_t sampleSize() const { return sampleSize_; }

@@ -61,7 +61,8 @@ std::string sanitizerRuntime() {
 BasePtr listFromText(const std::string& property, const std::string& text) {
     const auto json = nlohmann::json::parse(text, nullptr, false);
     if (!json.is_array())
-        throw std::runtime_error(fmt::format("{} is a list; write it as [1, [2, 3]] and not as \"{}\"", property, text));
+        throw std::runtime_error(
+            fmt::format("{} is a list; write it as [1, [2, 3]] and not as \"{}\"", property, text));
     const std::function<BasePtr(const nlohmann::json&)> convert = [&](const nlohmann::json& item) -> BasePtr {
         if (item.is_array()) {
             const ListPtr list = ListPtr::create();
@@ -82,8 +83,8 @@ BasePtr listFromText(const std::string& property, const std::string& text) {
     return convert(json);
 }
 
-// The module looks for "amplifiers/" in the working directory, once, when it is created. While this lives, the folder that
-// is wanted is found there.
+// The module looks for "amplifiers/" in the working directory, once, when it is created. While this lives, the folder
+// that is wanted is found there.
 class AmplifierFolder {
 public:
     // An empty name leaves the working directory alone.

@@ -43,8 +43,8 @@ public:
     Session& operator=(const Session&) = delete;
 
     void open();  // load and add
-    // Sets a property as a user would: converts the text, refuses what can't be. Returns the value that the property has
-    // afterwards. With an index or a display text for selections.
+    // Sets a property as a user would: converts the text, refuses what can't be. Returns the value that the property
+    // has afterwards. With an index or a display text for selections.
     Harvane::RT::Core::BasePtr set(const PropertyEntry& property, const std::string& text);
     // configure, initialize
     void prepare();

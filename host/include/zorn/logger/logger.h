@@ -23,7 +23,7 @@ ZORN_FUNCTION ErrCode zornCreateLogger(const char* name, int level);       // Al
 ZORN_FUNCTION ErrCode zornLogMessageWithSource(const char* logger, int level, const char* file, int line,
                                                const char* function, const char* message);
 
-// ---- For the host's own programs -------------------------------------------------------------------------------------
+// ---- For the host's own programs -----------------------------------------------------------------------------------
 
 struct LogRecord {
     int64_t timeUs;        // system clock, microseconds since 1970

@@ -74,7 +74,8 @@ class IPropertyInfo : public IBaseObject {
     virtual ErrCode setOnWriteValue(IFuncObject* function) = 0;
     virtual ErrCode getOnValueChanged(IEvent** event) = 0;  // made at the first question
     virtual ErrCode setOnValueChanged(IEvent* event) = 0;   // shares another info's event (bound copies)
-    virtual ErrCode setConfigurationAction(ConfigurationMode mode, PropertyState states, ConfigurationAction action) = 0;
+    virtual ErrCode setConfigurationAction(ConfigurationMode mode, PropertyState states,
+                                           ConfigurationAction action) = 0;
     virtual ErrCode getConfigurationAction(ConfigurationMode mode, PropertyState state,
                                            ConfigurationAction* action) = 0;
     // All the configuration actions of another info.
@@ -161,7 +162,7 @@ ZORN_FUNCTION void zornCoreObjectsGetVersion(unsigned int* major, unsigned int* 
 // Live objects made by this library, for finding leaks.
 ZORN_FUNCTION size_t zornCoreObjectsGetObjectCount();
 
-// ---- Wrappers --------------------------------------------------------------------------------------------------------
+// ---- Wrappers ------------------------------------------------------------------------------------------------------
 
 class PropertyInfoPtr : public ObjectPtr<IPropertyInfo> {
 public:
@@ -175,14 +176,35 @@ public:
         checkErrorInfo(createPropertyInfo(&info, name.get(), type));
         return ObjectPtr::take(info);
     }
-    template <class T> const PropertyInfoPtr& defaultValue(const T& value) const { return set(&IPropertyInfo::setDefaultValue, value); }
-    template <class T> const PropertyInfoPtr& values(const T& value) const { return set(&IPropertyInfo::setValues, value); }
+    template <class T>
+    const PropertyInfoPtr& defaultValue(const T& value) const {
+        return set(&IPropertyInfo::setDefaultValue, value);
+    }
+    template <class T>
+    const PropertyInfoPtr& values(const T& value) const {
+        return set(&IPropertyInfo::setValues, value);
+    }
     template <class T> const PropertyInfoPtr& unit(const T& value) const { return set(&IPropertyInfo::setUnit, value); }
-    template <class T> const PropertyInfoPtr& min(const T& value) const { return set(&IPropertyInfo::setMinValue, value); }
-    template <class T> const PropertyInfoPtr& max(const T& value) const { return set(&IPropertyInfo::setMaxValue, value); }
-    template <class T> const PropertyInfoPtr& enabled(const T& value) const { return set(&IPropertyInfo::setEnabled, value); }
-    template <class T> const PropertyInfoPtr& visible(const T& value) const { return set(&IPropertyInfo::setVisible, value); }
-    template <class T> const PropertyInfoPtr& reference(const T& value) const { return set(&IPropertyInfo::setReference, value); }
+    template <class T>
+    const PropertyInfoPtr& min(const T& value) const {
+        return set(&IPropertyInfo::setMinValue, value);
+    }
+    template <class T>
+    const PropertyInfoPtr& max(const T& value) const {
+        return set(&IPropertyInfo::setMaxValue, value);
+    }
+    template <class T>
+    const PropertyInfoPtr& enabled(const T& value) const {
+        return set(&IPropertyInfo::setEnabled, value);
+    }
+    template <class T>
+    const PropertyInfoPtr& visible(const T& value) const {
+        return set(&IPropertyInfo::setVisible, value);
+    }
+    template <class T>
+    const PropertyInfoPtr& reference(const T& value) const {
+        return set(&IPropertyInfo::setReference, value);
+    }
     // Read-only with a fixed value.
     template <class T> const PropertyInfoPtr& readOnly(const T& value) const {
         set(&IPropertyInfo::setReadOnly, true);
@@ -272,7 +294,8 @@ public:
     void registerProperty(const PropertyInfoPtr& info) const {
         checkErrorInfo(this->checked()->registerProperty(info.get()));
     }
-    std::vector<PropertyInfoPtr> enumProperties(PropertyOrder order = PropertyOrder::Index, bool visibleOnly = false) const {
+    std::vector<PropertyInfoPtr> enumProperties(PropertyOrder order = PropertyOrder::Index,
+                                                bool visibleOnly = false) const {
         const ListPtr list = this->template fetch<IList>([&](IList** result) {
             return visibleOnly ? this->checked()->enumVisibleProperties(order, result)
                                : this->checked()->enumProperties(order, result);
@@ -289,7 +312,9 @@ public:
     }
     void setClassName(const StringPtr& name) const { checkErrorInfo(this->checked()->setClassName(name.get())); }
     StringPtr getClassName() const { return this->fetch(&IPropertyObject::getClassName); }
-    ObjectPtr<IEvent> getOnPropertyValueChanged() const { return this->fetch(&IPropertyObject::getOnPropertyValueChanged); }
+    ObjectPtr<IEvent> getOnPropertyValueChanged() const {
+        return this->fetch(&IPropertyObject::getOnPropertyValueChanged);
+    }
 };
 
 using GenericPropertyObjectPtr = PropertyObjectPtr<IPropertyObject>;
@@ -307,13 +332,16 @@ public:
     using ObjectPtr::ObjectPtr;
     PropertyObjectClassPtr(ObjectPtr<IPropertyObjectClass>&& other) : ObjectPtr(std::move(other)) {}
     static PropertyObjectClassPtr create() {
-        return fetch<IPropertyObjectClass>([](IPropertyObjectClass** result) { return createPropertyObjectClass(result); });
+        return fetch<IPropertyObjectClass>(
+            [](IPropertyObjectClass** result) { return createPropertyObjectClass(result); });
     }
     StringPtr getName() const { return fetch(&IPropertyObjectClass::getName); }
     void setName(const StringPtr& name) const { checkErrorInfo(checked()->setName(name.get())); }
     StringPtr getParent() const { return fetch(&IPropertyObjectClass::getParent); }
     void setParent(const StringPtr& name) const { checkErrorInfo(checked()->setParent(name.get())); }
-    void registerProperty(const PropertyInfoPtr& info) const { checkErrorInfo(checked()->registerProperty(info.get())); }
+    void registerProperty(const PropertyInfoPtr& info) const {
+        checkErrorInfo(checked()->registerProperty(info.get()));
+    }
     PropertyInfoPtr getProperty(const StringPtr& name) const {
         return fetch<IPropertyInfo>([&](IPropertyInfo** r) { return checked()->getProperty(name.get(), r); });
     }
@@ -327,7 +355,9 @@ public:
         return fetch<IPropertyObjectManager>(
             [](IPropertyObjectManager** result) { return createPropertyObjectManager(result); });
     }
-    void addClass(const PropertyObjectClassPtr& objectClass) const { checkErrorInfo(checked()->addClass(objectClass.get())); }
+    void addClass(const PropertyObjectClassPtr& objectClass) const {
+        checkErrorInfo(checked()->addClass(objectClass.get()));
+    }
     void removeClass(const StringPtr& name) const { checkErrorInfo(checked()->removeClass(name.get())); }
     // Empty pointer when there is no such class.
     PropertyObjectClassPtr findClass(const StringPtr& name) const {

@@ -111,7 +111,9 @@ public:
     size_t getPosition() const { return this->read(&IChannelBuffer::getPosition); }
     size_t getSampleSize() const { return this->read(&IChannelBuffer::getSampleSize); }
     bool isEmpty() const { return this->read(&IChannelBuffer::isEmpty) != 0; }
-    void* getSample(size_t position) const { return this->template read<void*>([&](void** r) { return this->checked()->getSample(position, r); }); }
+    void* getSample(size_t position) const {
+        return this->template read<void*>([&](void** r) { return this->checked()->getSample(position, r); });
+    }
     double getSampleInDouble(size_t position) const {
         return this->template read<double>([&](double* r) { return this->checked()->getSampleInDouble(position, r); });
     }
@@ -143,7 +145,8 @@ public:
         checkErrorInfo(this->checked()->setSampleRate(toValue(rate).template asPtr<IRatio>().get()));
     }
     double getSampleAtRelativePos(int position) const {
-        return this->template read<double>([&](double* r) { return this->checked()->getSampleAtRelativePos(position, r); });
+        return this->template read<double>(
+            [&](double* r) { return this->checked()->getSampleAtRelativePos(position, r); });
     }
     SampleDataType getSampleDataType() const { return this->read(&IChannel::getSampleDataType); }
     int getType() const { return this->read(&IChannel::getType); }

@@ -48,7 +48,7 @@ class IEvent : public IBaseObject {
 
 ZORN_FUNCTION ErrCode createEvent(IEvent** event);
 
-// ---- Objects around a C++ callable. They count in the library that makes them; exceptions become codes. --------------
+// ---- Objects around a C++ callable. They count in the library that makes them; exceptions become codes. ------------
 
 class ProcImpl final : public ObjectImpl<IProcObject, ICoreType> {
 public:

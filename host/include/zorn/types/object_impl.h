@@ -10,8 +10,8 @@
 #include <zorn/types/exceptions.h>
 #include <zorn/types/ptr.h>
 
-// Who may see the counter below: a module exports it, everybody else keeps its own hidden. If the symbol were visible in
-// several libraries, the loader would fold the counters into one and a module could never tell that it is free.
+// Who may see the counter below: a module exports it, everybody else keeps its own hidden. If the symbol were visible
+// in several libraries, the loader would fold the counters into one and a module could never tell that it is free.
 #ifdef ZORN_EXPORT_OBJECT_COUNT
 #define ZORN_OBJECT_COUNT_VISIBILITY __attribute__((visibility("default")))
 #else

@@ -125,7 +125,8 @@ ZORN_FUNCTION ErrCode createStringN(IString** object, const char* text, size_t l
 ZORN_FUNCTION ErrCode createIntObject(IIntObject** object, int64_t value);
 ZORN_FUNCTION ErrCode createFloatObject(IFloatObject** object, double value);
 ZORN_FUNCTION ErrCode createBoolObject(IBoolObject** object, unsigned char value);
-ZORN_FUNCTION ErrCode createRatio(IRatio** object, int64_t numerator, int64_t denominator);  // 0 below: InvalidParameter
+// InvalidParameter for a denominator of 0.
+ZORN_FUNCTION ErrCode createRatio(IRatio** object, int64_t numerator, int64_t denominator);
 ZORN_FUNCTION ErrCode createList(IList** object);
 ZORN_FUNCTION ErrCode createDict(IDict** object);
 ZORN_FUNCTION ErrCode createVersionInfo(IVersionInfo** object, unsigned int major, unsigned int minor,
@@ -134,7 +135,7 @@ ZORN_FUNCTION void zornCoreTypesGetVersion(unsigned int* major, unsigned int* mi
 // Live objects made by this library, for finding leaks.
 ZORN_FUNCTION size_t zornCoreTypesGetObjectCount();
 
-// ---- Wrappers --------------------------------------------------------------------------------------------------------
+// ---- Wrappers ------------------------------------------------------------------------------------------------------
 
 class StringPtr : public ObjectPtr<IString> {
 public:

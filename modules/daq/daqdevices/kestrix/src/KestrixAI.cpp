@@ -402,7 +402,8 @@ void KestrixAI::gatherRunningStreams() {
         Channel& channel = *channels[c];
         if (takesPart(channel)) {
             IChannelBuffer& buffer = *channel.buffer;
-            runningStreams_.push_back({kernels_[c].get(), &channel, &buffer, static_cast<unsigned char*>(buffer.getData()),
+            runningStreams_.push_back({kernels_[c].get(), &channel, &buffer,
+                                       static_cast<unsigned char*>(buffer.getData()),
                                        buffer.getCapacity() * buffer.getSampleSize(), buffer.getSampleSize(),
                                        static_cast<unsigned long>(kernels_[c]->bdSize), false});
         }
@@ -482,8 +483,8 @@ bool KestrixAI::transferSamples(RunningStream& stream) {
     const unsigned long position = stream.position();
     const unsigned long free = stream.size - position;
     KESTRIX_LOG(1, "available storage: {}, sample size: {}", free, stream.sampleSize);
-    // A rest smaller than a descriptor is still filled when a descriptor was delivered in parts before: the buffer's end
-    // could not be passed otherwise.
+    // A rest smaller than a descriptor is still filled when a descriptor was delivered in parts before: the buffer's
+    // end could not be passed otherwise.
     if (free < stream.bdSize && !(stream.betweenDescriptors && free > 0)) {
         KESTRIX_LOG(4, "available storage too low: {} < {}", free, stream.bdSize);
         return false;
