@@ -10,15 +10,12 @@
 #include "modules/daq/objectmodel/AIDevice.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 #include "tests/amplifiermodel/TestAmplifiers.h"
-#include "tests/bridge/Bench.h"
 
 using namespace Harvane::RT::Core;
 using namespace Harvane::RT::Modules::Daq;
 using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
-
-using Entries = std::vector<std::string>;
 
 // Two channels with one amplifier, then one channel that nothing is plugged into.
 class PairedInputs : public AIDevice {
@@ -69,14 +66,8 @@ public:
     const std::shared_ptr<PairedDevice> device = std::make_shared<PairedDevice>();
 };
 
-const std::string bridgeSettings = R"json(,
-    {"name": "Measurement", "type": "int", "selection": true, "default": 0, "values": ["Bridge"]},
-    {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "mV/V", "values": [
-        {"className": "RangeItem", "propValues": {"DisplayName": "20", "Min": -20.0, "Max": 20.0}},
-        {"className": "RangeItem", "propValues": {"DisplayName": "2", "Min": -2.0, "Max": 3.0}}]},
-    {"name": "BridgeOffset", "type": "float", "default": 0.0},
-    {"name": "StartSensorBalance", "type": "proc"}, {"name": "GetSensorBalanceStatus", "type": "func"},
-    {"name": "ResetSensorBalance", "type": "proc"})json";
+const std::string bridgeSettings =
+    choice("Measurement", R"("Bridge")") + rangeList + plain("BridgeOffset", "float", "0.0") + balanceSlots;
 
 class AmplifierTreeTest : public testing::Test, protected AmplifierBench {
 protected:
@@ -101,13 +92,9 @@ TEST_F(AmplifierTreeTest, OneForTheChannelsOfAnAmplifier) {
 TEST_F(AmplifierTreeTest, BalancingWithoutAnAcquisitionNamesTheChannel) {
     const auto hostChannel = channel("AI 1");
     ASSERT_EQ(runProcedure(hostChannel, "StartSensorBalance"), Errors::Success);
-    EXPECT_TRUE(eventually([&] {
-        BasePtr running;
-        return runFunction(hostChannel, "GetSensorBalanceStatus", {}, running) == Errors::Success &&
-               !fromValue<bool>(running);
-    }));
-    EXPECT_EQ(log.take(4),
-              Entries{"Balancing of an amplifier failed (Analog inputs/AI 1): no acquisition is running."});
+    const auto status = functionOf(hostChannel, "GetSensorBalanceStatus");
+    EXPECT_TRUE(eventually([&] { return !fromValue<bool>(executeFunc(status, {})); }));
+    EXPECT_EQ(log.take(), Texts{"Balancing of an amplifier failed (Analog inputs/AI 1): no acquisition is running."});
 }
 
 TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
@@ -117,7 +104,7 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     amplifier().bridgeOffset = 0.5;
     prepareStart();
     // Before the acquisition, by each of its two channels, and for the host's scales.
-    EXPECT_EQ(amplifier().journal.take(), (Entries{"update", "update", "update", "update"}));
+    EXPECT_EQ(amplifier().journal.take(), (Texts{"update", "update", "update", "update"}));
     EXPECT_EQ(amplifier().rangeIndex, 1);
     for (const char* name : {"AI 1", "AI 2"}) {
         const auto hostChannel = channel(name);
@@ -138,14 +125,10 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     EXPECT_FALSE(controller->acqInitialized);
 }
 
-TEST_F(AmplifierTreeTest, ClassesGoWithTheLastBridge) {
-    const auto known = [] { return bool(PropertyObjectManagerPtr::create().findClass("ampl_bench")); };
-    auto other = std::make_unique<DaqStructure>(*controller);
-    structure.reset();
-    EXPECT_TRUE(known());
+TEST_F(AmplifierTreeTest, ClassesGoWithTheBridge) {
     EXPECT_EQ(channel("AI 1").getPropertyValue<int>("Measurement"), 0);
-    other.reset();
-    EXPECT_FALSE(known());
+    structure.reset();
+    EXPECT_FALSE(PropertyObjectManagerPtr::create().findClass("ampl_bench"));
     EXPECT_FALSE(channel("AI 1").hasProperty("Measurement"));
     EXPECT_TRUE(channel("AI 1").hasProperty("SerialNumber"));
 }
@@ -163,10 +146,6 @@ TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
          "property \"Range\": Invalid reference to property"},
         {R"json(, {"name": "InputType", "type": "int", "default": 0, "enabled": false})json",
          "property \"InputType\": Property InputType is not enabled"},
-        {R"json(, {"name": "BridgeLeg", "type": "int"})json", "property \"BridgeLeg\": Not assigned"},
-        {R"json(, {"name": "HPFilter", "type": "int", "default": 0,
-               "values": {"__type": "Eval", "expr": "$Nowhere"}})json",
-         "property \"HPFilter\": Not found"},
         {R"json(, {"name": "SupportsLed1Control", "type": "bool", "readOnly": true})json",
          "property \"SupportsLed1Control\": "},
         {R"json(, {"name": "BridgeOffset", "type": "list", "default": []})json", "property \"BridgeOffset\": "},
@@ -181,7 +160,7 @@ TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
         const auto hostChannel = bench.channel("AI 1");
         EXPECT_EQ(hostChannel.getClassName(), row.reason == nullptr ? "ampl_bench" : "ampl_unknown");
         // The try doesn't reach the hardware.
-        EXPECT_EQ(bench.amplifier().journal.take(), (Entries{"notifyLeaveChSetup", "notifyLeaveChSetup", "update"}));
+        EXPECT_EQ(bench.amplifier().journal.take(), (Texts{"notifyLeaveChSetup", "notifyLeaveChSetup", "update"}));
         if (row.reason == nullptr) {
             EXPECT_TRUE(bench.buildErrors.empty());
             continue;

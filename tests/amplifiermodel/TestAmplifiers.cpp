@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <numeric>
 #include <stdexcept>
 #include <thread>
 
@@ -22,26 +23,11 @@ TempFolder::TempFolder() {
     path = name;
 }
 
-TempFolder::~TempFolder() {
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-}
-
 std::string TempFolder::write(const std::string& name, const std::string& text) const {
     const auto file = path / name;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary) << text;
     return file.string();
-}
-
-void Journal::add(const std::string& entry) {
-    const std::lock_guard lock(mutex_);
-    entries_.push_back(entry);
-}
-
-std::vector<std::string> Journal::take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(entries_, {});
 }
 
 bool TestAmplifier::update() {
@@ -64,60 +50,26 @@ double TestAmplifier::getScale() {
     return scale;
 }
 
-int TestAmplifier::getSensorStatus() {
-    journal.add("getSensorStatus");
+int TestAmplifier::answered(const std::string& question) {
+    journal.add(question);
     return answer;
 }
 
 int TestAmplifier::readTeds(unsigned char* data) {
-    journal.add("readTeds");
     if (answer >= 0) {
-        for (int i = 0; i < 8; ++i) {
-            data[i] = static_cast<unsigned char>(250 + i);
-        }
+        std::iota(data, data + 8, static_cast<unsigned char>(250));
     }
-    return answer;
-}
-
-int TestAmplifier::resetTedsCustom() {
-    journal.add("resetTedsCustom");
-    return answer;
+    return answered("readTeds");
 }
 
 int TestAmplifier::writeTedsCustom(unsigned char* data, unsigned long length) {
-    std::string entry = "writeTedsCustom " + std::to_string(length) + ":";
-    for (unsigned long i = 0; i < length; ++i) {
-        entry += " " + std::to_string(data[i]);
-    }
-    journal.add(entry);
-    return answer;
+    return answered("writeTedsCustom " + std::to_string(length) + ": " +
+                    textOf(listOf(std::vector<int>(data, data + length))));
 }
 
 int TestAmplifier::readTedsCustom(unsigned char* data, unsigned long length) {
-    journal.add("readTedsCustom " + std::to_string(length));
     std::memset(data, 0xA5, length);
-    return answer;
-}
-
-int TestAmplifier::finalizeTedsCustom() {
-    journal.add("finalizeTedsCustom");
-    return answer;
-}
-
-void TestAmplifier::notifyEnterChSetup() {
-    journal.add("notifyEnterChSetup");
-}
-
-void TestAmplifier::notifyLeaveChSetup() {
-    journal.add("notifyLeaveChSetup");
-}
-
-void TestAmplifier::updateDeviceRangeDuringAcquisition(int index) {
-    journal.add("range " + std::to_string(index));
-}
-
-void TestAmplifier::updateCalibrationFactorsDuringAcquisition() {
-    journal.add("calibration");
+    return answered("readTedsCustom " + std::to_string(length));
 }
 
 std::shared_ptr<AIDevice> makePair(const std::shared_ptr<Amplifier>& amplifier, const std::vector<float>& samples) {
@@ -139,48 +91,34 @@ std::shared_ptr<AIDevice> makePair(const std::shared_ptr<Amplifier>& amplifier, 
     return device;
 }
 
+std::string definitionOf(const std::string& name, const std::string& properties) {
+    return R"({"__type": "PropertyObjectClass", "name": ")" + name + R"(", "properties": [)" + properties + "]}";
+}
+
 std::string definition(const std::string& name, const std::string& id, const std::string& properties) {
-    return R"({"__type": "PropertyObjectClass", "name": ")" + name +
-           R"(", "properties": [{"name": "AmplifierID", "type": "string", "default": "", "readOnly": true,)"
-           R"( "readOnlyValue": ")" + id + "\"}" + properties + "]}";
+    return definitionOf(name, R"({"name": "AmplifierID", "type": "string", "default": "", "readOnly": true,)"
+                              R"( "readOnlyValue": ")" + id + "\"}" + properties);
+}
+
+std::string choice(const char* name, const char* values) {
+    return std::string(R"(, {"name": ")") + name + R"(", "type": "int", "selection": true, "default": 0, "values": [)" +
+           values + "]}";
+}
+
+std::string plain(const char* name, const char* type, const char* defaultValue) {
+    return std::string(R"(, {"name": ")") + name + R"(", "type": ")" + type + R"(", "default": )" + defaultValue + "}";
+}
+
+std::string slot(const char* name, const char* type) {
+    return std::string(R"(, {"name": ")") + name + R"(", "type": ")" + type + "\"}";
 }
 
 ChannelPtr<> makeHostChannel() {
-    IChannel* made = nullptr;
-    checkErrorInfo(createSyncChannel(&made, StringPtr("0").get(), static_cast<int>(SampleDataType::Int16), 0.0));
-    return ObjectPtr<IChannel>::take(made);
+    return made<IChannel>(createSyncChannel, StringPtr("0").get(), static_cast<int>(SampleDataType::Int16), 0.0);
 }
 
 ErrCode runProcedure(const ChannelPtr<>& channel, const char* name, const BasePtr& argument) {
-    const auto procedure = channel.getPropertyValue(name).asPtr<IProcObject>();
-    return procedure->dispatch(argument.get());
-}
-
-ErrCode runFunction(const ChannelPtr<>& channel, const char* name, const BasePtr& argument, BasePtr& result) {
-    const auto function = channel.getPropertyValue(name).asPtr<IFuncObject>();
-    IBaseObject* raw = nullptr;
-    const ErrCode code = function->execute(argument.get(), &raw);
-    result = BasePtr::take(raw);
-    return code;
-}
-
-std::vector<int> integers(const BasePtr& list) {
-    std::vector<int> numbers;
-    const ListPtr items = list.asPtr<IList>();
-    for (size_t i = 0, count = items.getCount(); i < count; ++i) {
-        int64_t value = 0;
-        checkErrorInfo(items.getItemAt(i).asPtr<IIntObject>()->getValue(&value));
-        numbers.push_back(static_cast<int>(value));
-    }
-    return numbers;
-}
-
-BasePtr listOf(const std::vector<int>& numbers) {
-    const ListPtr list = ListPtr::create();
-    for (const int number : numbers) {
-        list.pushBack(toValue(number));
-    }
-    return asBase(list);
+    return channel.getPropertyValue(name).asPtr<IProcObject>()->dispatch(argument.get());
 }
 
 bool eventually(const std::function<bool()>& condition) {

@@ -23,12 +23,8 @@ class TestDeviceFactory : public DeviceFactory {
 public:
     std::vector<std::string> supportsInterfaces() const override { return {"FixedInterface"}; }
     std::shared_ptr<Device> createDevice(const std::shared_ptr<ConnectionPoint>& connectionPoint) override {
-        for (const auto& [place, device] : devicesToFind()) {
-            if (place == connectionPoint->name) {
-                return device;
-            }
-        }
-        return nullptr;
+        const auto found = devicesToFind().find(connectionPoint->name);
+        return found == devicesToFind().end() ? nullptr : found->second;
     }
 };
 
@@ -42,14 +38,13 @@ const bool factoriesRegistered = [] {
     return true;
 }();
 
-template <class Pointer, class I>
-Pointer findNode(const ChannelFolderPtr& root, const std::string& name) {
+ChannelNodePtr<> findNode(const ChannelFolderPtr& root, const std::string& name) {
     for (const auto& child : root.getChildren()) {
-        if (auto found = child.template asPtrOrNull<I>(); found && child.getName() == name) {
-            return found;
+        if (child.getName() == name) {
+            return child;
         }
-        if (auto folder = child.template asPtrOrNull<IChannelFolder>()) {
-            if (Pointer found = findNode<Pointer, I>(folder, name)) {
+        if (auto folder = child.asPtrOrNull<IChannelFolder>()) {
+            if (auto found = findNode(folder, name)) {
                 return found;
             }
         }
@@ -59,8 +54,8 @@ Pointer findNode(const ChannelFolderPtr& root, const std::string& name) {
 
 }  // namespace
 
-std::vector<std::pair<std::string, std::shared_ptr<Device>>>& devicesToFind() {
-    static std::vector<std::pair<std::string, std::shared_ptr<Device>>> devices;
+std::map<std::string, std::shared_ptr<Device>>& devicesToFind() {
+    static std::map<std::string, std::shared_ptr<Device>> devices;
     return devices;
 }
 
@@ -83,8 +78,8 @@ void LogCapture::write(const LogRecord& record) {
     entries.push_back({record.level, record.function, message.substr(0, start), message.substr(start)});
 }
 
-std::vector<std::string> LogCapture::take(int level) {
-    std::vector<std::string> texts;
+Texts LogCapture::take(int level) {
+    Texts texts;
     for (const auto& entry : entries) {
         if (entry.level == level) {
             texts.push_back(entry.text);
@@ -94,17 +89,11 @@ std::vector<std::string> LogCapture::take(int level) {
     return texts;
 }
 
-HostTree::HostTree() {
-    IData* newData = nullptr;
-    checkErrorInfo(createData(&newData, StringPtr("Data").get(), 10));
-    data = ObjectPtr<IData>::take(newData);
-    IDataModule* newModule = nullptr;
-    checkErrorInfo(createDataModule(&newModule, StringPtr("Module").get()));
-    dataModule = ObjectPtr<IDataModule>::take(newModule);
+HostTree::HostTree()
+    : data(made<IData>(createData, StringPtr("Data").get(), 10)),
+      dataModule(made<IDataModule>(createDataModule, StringPtr("Module").get())),
+      sync(made<IAcquisitionSync>(createAcquisitionSync)) {
     checkErrorInfo(data->addDataModule(dataModule.get()));
-    IAcquisitionSync* newSync = nullptr;
-    checkErrorInfo(createAcquisitionSync(&newSync));
-    sync = ObjectPtr<IAcquisitionSync>::take(newSync);
 }
 
 HostTree::~HostTree() {
@@ -115,11 +104,11 @@ void HostTree::plug(const std::vector<std::shared_ptr<Device>>& devices) {
     devicesToFind().clear();
     int place = 10;
     for (const auto& device : devices) {
-        devicesToFind().emplace_back("ID_" + std::to_string(place++), device);
+        devicesToFind()["ID_" + std::to_string(place++)] = device;
     }
 }
 
-void HostTree::reserveMemory(DaqStructure& structure, const std::vector<std::string>& used) {
+void HostTree::reserveMemory(DaqStructure& structure, const Texts& used) {
     for (const auto& [channel, hostChannel] : structure.getChannelsMap()) {
         hostChannel.setUsed(std::find(used.begin(), used.end(), channel->name) != used.end());
         checkErrorInfo(hostChannel->initializeAcquisition());
@@ -127,11 +116,11 @@ void HostTree::reserveMemory(DaqStructure& structure, const std::vector<std::str
 }
 
 ChannelPtr<> HostTree::channel(const std::string& name) const {
-    return findNode<ChannelPtr<>, IChannel>(dataModule.getRootFolder(), name);
+    return findNode(dataModule.getRootFolder(), name).asPtrOrNull<IChannel>();
 }
 
 ChannelFolderPtr HostTree::folder(const std::string& name) const {
-    return findNode<ChannelFolderPtr, IChannelFolder>(dataModule.getRootFolder(), name);
+    return findNode(dataModule.getRootFolder(), name).asPtrOrNull<IChannelFolder>();
 }
 
 Bench::Bench() : controller(std::make_unique<DaqController>()), structure(std::make_unique<DaqStructure>(*controller)) {
@@ -151,10 +140,10 @@ void Bench::build(const std::vector<std::shared_ptr<Device>>& devices) {
     scan(devices);
     structure->buildDataModuleProps(dataModule);
     structure->buildDeviceTree(controller->systemDevice, dataModule.getRootFolder(), sync);
-    buildErrors = log.take(4);
+    buildErrors = log.take();
 }
 
-void Bench::reserve(const std::vector<std::string>& used) {
+void Bench::reserve(const Texts& used) {
     controller->prepareAcquisition();
     structure->initialize();
     reserveMemory(*structure, used);
@@ -166,6 +155,26 @@ BasePtr rate(int value) {
 
 BasePtr rates(int first, int second) {
     return asBase(ListPtr::create({rate(first), rate(second)}));
+}
+
+BasePtr listOf(const std::vector<int>& numbers) {
+    const ListPtr list = ListPtr::create();
+    for (const int number : numbers) {
+        list.pushBack(toValue(number));
+    }
+    return asBase(list);
+}
+
+std::string textOf(const BasePtr& value) {
+    if (auto list = value ? value.asPtrOrNull<IList>() : ObjectPtr<IList>()) {
+        const ListPtr items(list);
+        std::string text = "[";
+        for (size_t i = 0; i < items.getCount(); ++i) {
+            text += (i == 0 ? "" : ", ") + textOf(items.getItemAt(i));
+        }
+        return text + "]";
+    }
+    return value ? fromValue<std::string>(value) : "null";
 }
 
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include <zorn/structure/module.h>
 
 #include "tests/bridge/TestDevices.h"
+#include "tests/host/Made.h"
 
 namespace Harvane::RT::Modules::Daq {
 class DaqController;
@@ -18,14 +20,21 @@ class DaqStructure;
 
 namespace Harvane::RT::Modules::Daq::Test {
 
+using Core::Testing::made;
+using Texts = std::vector<std::string>;
+
+// Levels of the host's log.
+constexpr int warning = 3;
+constexpr int error = 4;
+
 // Keeps what the module's logger gets.
 class LogCapture : public Core::ILogSink {
 public:
     LogCapture();
     ~LogCapture() override;
     void write(const Core::LogRecord& record) override;
-    // Texts behind the place, of this host level and since the last call.
-    std::vector<std::string> take(int level);
+    // Texts behind the place, of this level and since the last call.
+    Texts take(int level = error);
 
     struct Entry {
         int level;
@@ -44,7 +53,7 @@ public:
     // What the next scan finds, in this order.
     static void plug(const std::vector<std::shared_ptr<Device>>& devices);
     // What the host does between initialize and start; the channels of these names are used.
-    static void reserveMemory(DaqStructure& structure, const std::vector<std::string>& used);
+    static void reserveMemory(DaqStructure& structure, const Texts& used);
     Core::ChannelPtr<> channel(const std::string& name) const;
     Core::ChannelFolderPtr folder(const std::string& name) const;
 
@@ -63,11 +72,11 @@ public:
     void scan(const std::vector<std::shared_ptr<Device>>& devices);
     // And mirrors it. The errors that were logged meanwhile are in buildErrors.
     void build(const std::vector<std::shared_ptr<Device>>& devices);
-    void reserve(const std::vector<std::string>& used);
+    void reserve(const Texts& used);
 
     std::unique_ptr<DaqController> controller;
     std::unique_ptr<DaqStructure> structure;
-    std::vector<std::string> buildErrors;
+    Texts buildErrors;
 };
 
 template <class I>
@@ -82,7 +91,24 @@ Core::ObjectPtr<Core::IFuncObject> functionOf(const Core::PropertyObjectPtr<I>& 
     return object.getPropertyValue(name).template asPtr<Core::IFuncObject>();
 }
 
+template <class I>
+void setRate(const Core::PropertyObjectPtr<I>& object, int64_t value) {
+    object.setPropertyValue("SampleRate", Core::Ratio{value, 1});
+}
+
+// What a getter gives; an output that it leaves alone doesn't pass for a good one.
+template <class T, class Object, class I>
+T ask(Object* object, Core::ErrCode (I::*getter)(T*)) {
+    T value;
+    std::memset(&value, 0x55, sizeof value);
+    Core::checkErrorInfo((object->*getter)(&value));
+    return value;
+}
+
 Core::BasePtr rates(int first, int second);
 Core::BasePtr rate(int value);
+Core::BasePtr listOf(const std::vector<int>& numbers);
+// "[1, [14]]"
+std::string textOf(const Core::BasePtr& value);
 
 }

@@ -3,6 +3,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "modules/daq/DaqModuleImpl.h"
@@ -14,9 +15,6 @@ using namespace Harvane::RT::Modules::Daq;
 using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
-
-constexpr int error = 4;
-using Texts = std::vector<std::string>;
 
 class OpenModule : public DaqModuleImpl {
 public:
@@ -32,15 +30,11 @@ protected:
     ~ModuleTest() override { forgetProviders(); }
 
     ErrCode add() {
-        IModuleAddParams* made = nullptr;
-        checkErrorInfo(createModuleAddParams(&made, data.get(), dataModule.get(), sync.get()));
-        const auto params = ObjectPtr<IModuleAddParams>::take(made);
+        const auto params = made<IModuleAddParams>(createModuleAddParams, data.get(), dataModule.get(), sync.get());
         return module->add(params.get());
     }
     void configure() {
-        IModuleConfig* made = nullptr;
-        checkErrorInfo(createModuleConfig(&made, data.get()));
-        const auto config = ObjectPtr<IModuleConfig>::take(made);
+        const auto config = made<IModuleConfig>(createModuleConfig, data.get());
         checkErrorInfo(module->configure(config.get()));
         IClockProvider* newClock = nullptr;
         ILoopProvider* newLoop = nullptr;
@@ -59,9 +53,7 @@ protected:
     }
     // The host holds the module as its clock until the next configuration.
     void forgetProviders() {
-        IModuleConfig* made = nullptr;
-        checkErrorInfo(createModuleConfig(&made, data.get()));
-        ObjectPtr<IModuleConfig>::take(made).release();
+        made<IModuleConfig>(createModuleConfig, data.get());
         clock.release();
         loop.release();
         absTime.release();
@@ -76,9 +68,7 @@ protected:
     }
     AsyncChannelPtr async(const char* name) const { return channel(name).asPtr<IAsyncChannel>(); }
     static long heldBy(const AsyncChannelPtr& channel) {
-        long count = -1;
-        checkErrorInfo(channel->getSamplesAcquired(&count));
-        return count;
+        return ask(channel.get(), &IAsyncChannel::getSamplesAcquired);
     }
 
     OpenModule* impl;
@@ -100,7 +90,7 @@ TEST_F(ModuleTest, LifeOverAnEmptySystem) {
         EXPECT_EQ((module.get()->*call)(), Errors::Success);
     }
     EXPECT_FALSE(impl->daqController.acqRunning);
-    EXPECT_TRUE(log.take(error).empty());
+    EXPECT_TRUE(log.take().empty());
 
     IList* tasks = reinterpret_cast<IList*>(this);
     EXPECT_EQ(module->getTaskList(&tasks), Errors::Success);
@@ -108,9 +98,7 @@ TEST_F(ModuleTest, LifeOverAnEmptySystem) {
     IInputGroups* inputs = reinterpret_cast<IInputGroups*>(this);
     EXPECT_EQ(module->getInputs(&inputs), Errors::Success);
     EXPECT_EQ(inputs, nullptr);
-    ConfigurationMode mode = 0;
-    EXPECT_EQ(module->getConfigurationMode(&mode), Errors::Success);
-    EXPECT_EQ(mode, 3);
+    EXPECT_EQ(ask(impl, &IModule::getConfigurationMode), 3);
 }
 
 TEST_F(ModuleTest, BadCallsFail) {
@@ -137,68 +125,48 @@ TEST_F(ModuleTest, AddNeedsADataModule) {
 TEST_F(ModuleTest, ClockProvider) {
     checkErrorInfo(add());
     configure();
-    IString* unit = nullptr;
-    checkErrorInfo(clock->getUnit(&unit));
-    EXPECT_EQ(StringPtr(ObjectPtr<IString>::take(unit)), StringPtr("s"));
+    EXPECT_EQ(StringPtr(made<IString>([&](IString** unit) { return clock->getUnit(unit); })), StringPtr("s"));
     for (auto getter : {&IClockProvider::getClockBase, &IClockProvider::getResolution}) {
-        IRatio* base = nullptr;
-        checkErrorInfo((clock.get()->*getter)(&base));
-        EXPECT_EQ(fromValue<Ratio>(BasePtr::take(base)), (Ratio{1, 1000000000}));
+        const auto base = made<IRatio>([&](IRatio** ratio) { return (clock.get()->*getter)(ratio); });
+        EXPECT_EQ(fromValue<Ratio>(asBase(base)), (Ratio{1, 1000000000}));
     }
     // Nobody has a clock.
-    long ticks = 0;
-    checkErrorInfo(clock->getCurrentClock(&ticks));
-    EXPECT_EQ(ticks, -1000000000);
-    checkErrorInfo(clock->getAcquiredClock(&ticks));
-    EXPECT_EQ(ticks, 0);
+    EXPECT_EQ(ask(clock.get(), &IClockProvider::getCurrentClock), -1000000000);
+    EXPECT_EQ(ask(clock.get(), &IClockProvider::getAcquiredClock), 0);
     impl->daqController.sampleRate = 3000;
     impl->daqController.maxSamplesAcquired = 1000;
-    checkErrorInfo(clock->getAcquiredClock(&ticks));
-    EXPECT_EQ(ticks, 333333333);
+    EXPECT_EQ(ask(clock.get(), &IClockProvider::getAcquiredClock), 333333333);
 }
 
-class AbsTimeTest : public ModuleTest {
-protected:
-    struct Answers {
-        long start = 0;
-        long current = 0;
-        TrackingEnum tracking{};
-        TimingErrorEnum timingError{};
-        unsigned char synchronized = 7;
-        bool operator==(const Answers&) const = default;
-    };
-    // The states as they stand before the current time is asked for.
-    Answers ask() {
-        Answers answers;
-        checkErrorInfo(impl->getTracking(&answers.tracking));
-        checkErrorInfo(impl->getTimingError(&answers.timingError));
-        checkErrorInfo(impl->getStartAbsTime(&answers.start));
-        checkErrorInfo(impl->getCurrentAbsTime(&answers.current));
-        checkErrorInfo(impl->getIsAbsTimeSynchronized(&answers.synchronized));
-        return answers;
-    }
-};
+using Answers = std::tuple<TrackingEnum, TimingErrorEnum, long, long, unsigned char>;
 
-TEST_F(AbsTimeTest, FollowsTheTimingDevice) {
+// The states as they stand before the current time is asked for.
+Answers answersOf(IAbsTimeProvider* provider) {
+    return {ask(provider, &IAbsTimeProvider::getTracking), ask(provider, &IAbsTimeProvider::getTimingError),
+            ask(provider, &IAbsTimeProvider::getStartAbsTime), ask(provider, &IAbsTimeProvider::getCurrentAbsTime),
+            ask(provider, &IAbsTimeProvider::getIsAbsTimeSynchronized)};
+}
+
+TEST_F(ModuleTest, AbsTimeFollowsTheTimingDevice) {
     auto device = std::make_shared<TestDevice>();
     const auto timing = device->timing = std::make_shared<TestTiming>();
     timing->absTimeSynchronized = true;
     addDevice(device);
     ASSERT_TRUE(absTime);
-    const Answers good{1111, 2222, TrackingEnum::Yes, TimingErrorEnum::No, 1};
-    const Answers bad{1111, 2222, TrackingEnum::No, TimingErrorEnum::Yes, 1};
-    EXPECT_EQ(ask(), good);
-    EXPECT_EQ(ask(), bad);
+    const Answers good{TrackingEnum::Yes, TimingErrorEnum::No, 1111, 2222, 1};
+    const Answers bad{TrackingEnum::No, TimingErrorEnum::Yes, 1111, 2222, 1};
+    EXPECT_EQ(answersOf(impl), good);
+    EXPECT_EQ(answersOf(impl), bad);
 
     // A new run starts from a good state; each cycle asks anew.
     start({});
-    EXPECT_EQ(ask(), good);
+    EXPECT_EQ(answersOf(impl), good);
     timing->isTracking = true;
     timing->hasError = false;
     timing->queries = 0;
     checkErrorInfo(module->processData());
     EXPECT_EQ(timing->queries, 1);
-    EXPECT_EQ(ask(), good);
+    EXPECT_EQ(answersOf(impl), good);
 
     // A clock that fails fails the query, not the cycle.
     timing->fail = true;
@@ -210,12 +178,12 @@ TEST_F(AbsTimeTest, FollowsTheTimingDevice) {
     checkErrorInfo(module->stop());
 }
 
-TEST_F(AbsTimeTest, WithoutATimingDevice) {
+TEST_F(ModuleTest, AbsTimeWithoutATimingDevice) {
     addDevice();
     EXPECT_FALSE(absTime);
-    const Answers unknown{-1, -1, TrackingEnum::Yes, TimingErrorEnum::No, 0};
-    EXPECT_EQ(ask(), unknown);
-    EXPECT_EQ(ask(), unknown);
+    const Answers unknown{TrackingEnum::Yes, TimingErrorEnum::No, -1, -1, 0};
+    EXPECT_EQ(answersOf(impl), unknown);
+    EXPECT_EQ(answersOf(impl), unknown);
 }
 
 TEST_F(ModuleTest, LoopDeviceDrivesTheCycle) {
@@ -223,9 +191,21 @@ TEST_F(ModuleTest, LoopDeviceDrivesTheCycle) {
     device->loop = std::make_shared<TestLoop>();
     addDevice(device);
     ASSERT_TRUE(loop);
-    data.setPropertyValue("OperationMode", 1);
-    checkErrorInfo(loop->initializeLoop());
-    EXPECT_EQ(device->loop->cycleRate, 20);
+    EXPECT_EQ(rateOf(dataModule, "CycleRate"), 50);
+    EXPECT_EQ(fromValue<int>(dataModule.getPropertyInfo("CycleRate").getMinValue()), 2);
+    EXPECT_EQ(fromValue<int>(dataModule.getPropertyInfo("CycleRate").getMaxValue()), 400);
+    const auto check = functionOf(dataModule, "CheckCycleRate");
+    EXPECT_EQ(fromValue<Ratio>(executeFunc(check, rate(1000))), (Ratio{400, 1}));
+    const auto checkAll = functionOf(dataModule, "CheckCycleRateBasedOnDeviceSampleRates");
+    const auto arguments = asBase(ListPtr::create({rate(1000), listOf({300, 70})}));
+    EXPECT_EQ(fromValue<Ratio>(executeFunc(checkAll, arguments)), (Ratio{70, 1}));
+    // Only with a clock of its own the loop follows the user's rate.
+    dataModule.setPropertyValue("CycleRate", Ratio{500, 1});
+    for (const auto& [mode, cycleRate] : {std::pair(1, 20), {2, 400}}) {
+        data.setPropertyValue("OperationMode", mode);
+        checkErrorInfo(loop->initializeLoop());
+        EXPECT_EQ(device->loop->cycleRate, cycleRate);
+    }
     long interval = 0;
     for (const auto& [cycleRate, expected] : {std::pair(20, 50), {300, 3}, {0, 0}}) {
         device->loop->cycleRate = cycleRate;
@@ -297,8 +277,7 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
     const auto entry = log.entries.back();
     EXPECT_EQ(entry.function.find_first_of("( "), std::string::npos);
     EXPECT_EQ(entry.place.find("[" + entry.function + ":"), 0u);
-    EXPECT_EQ(log.take(error),
-              (Texts{"Exception in DAQ::acquireData: bus off", "Exception in DAQ::sendData: no line"}));
+    EXPECT_EQ(log.take(), (Texts{"Exception in DAQ::acquireData: bus off", "Exception in DAQ::sendData: no line"}));
 
     struct Silent : std::exception {
         const char* what() const noexcept override { return nullptr; }
@@ -306,7 +285,7 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
     device->ai->onAcquire = [] { throw Silent(); };
     device->ai->onSend = nullptr;
     EXPECT_EQ(module->processData(), Errors::Success);
-    EXPECT_EQ(log.take(error), Texts{"Exception in DAQ::acquireData: (null)"});
+    EXPECT_EQ(log.take(), Texts{"Exception in DAQ::acquireData: (null)"});
 
     device->ai->onAcquire = nullptr;
     for (auto& [own, hostChannel] : impl->daqStructure.getChannelsMap()) {
@@ -316,9 +295,8 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
     }
     EXPECT_EQ(module->processData(), Errors::Success);
     const std::string reason = "Invalid cast. The object does not implement this interface.";
-    EXPECT_EQ(log.take(error),
-              (Texts{"Exception while transfering data from DAQ async channels to RT: " + reason,
-                     "Exception while transfering data from RT async channels to DAQ: " + reason}));
+    EXPECT_EQ(log.take(), (Texts{"Exception while transfering data from DAQ async channels to RT: " + reason,
+                                 "Exception while transfering data from RT async channels to DAQ: " + reason}));
     EXPECT_EQ(device->ai->sendCount, 3);
 
     // What is no std::exception ends the cycle as a failure.
@@ -387,7 +365,7 @@ TEST_F(AsyncTest, SamplesReachTheHost) {
     deliver(1);
     EXPECT_EQ(heldBy(host), 37);
     EXPECT_EQ(channel("Async in").getSampleAtRelativePos(-1), 61.0);
-    EXPECT_TRUE(log.take(error).empty());
+    EXPECT_TRUE(log.take().empty());
     checkErrorInfo(module->stop());
 
     // The next run counts from 0 on both sides.
@@ -411,14 +389,14 @@ TEST_F(AsyncTest, SamplesReachTheDevice) {
     }
     EXPECT_EQ(output.getSampleAtRelativePos(-6), next - 6.0);
     EXPECT_EQ(output.getTimeAtRelativePos(-6), (next - 6) * 0.5);
-    EXPECT_TRUE(log.take(error).empty());
+    EXPECT_TRUE(log.take().empty());
 
-    // More than the device's ring takes in one cycle: the rest follows in the next one.
-    addToHost("Async out", 16);
+    // More than both rings hold: the 16 newest come, 15 of them in this cycle, which the device's ring takes.
+    addToHost("Async out", 40);
     const auto before = output.samplesAcquired.get();
     checkErrorInfo(module->processData());
     EXPECT_EQ(output.samplesAcquired.get(), before + 15);
-    EXPECT_EQ(log.take(error), Texts{"Exception while transfering data from RT async channels to DAQ: Data lost"});
+    EXPECT_EQ(log.take(), Texts{"Exception while transfering data from RT async channels to DAQ: Data lost"});
     checkErrorInfo(module->processData());
     EXPECT_EQ(output.samplesAcquired.get(), before + 16);
     EXPECT_EQ(output.getCurrentSample(), next - 1.0);
@@ -438,7 +416,7 @@ TEST_F(AsyncTest, NothingFlowsWhereNothingShould) {
     checkErrorInfo(module->processData());
     EXPECT_EQ(device->async->output->samplesAcquired.get(), 0u);
     EXPECT_EQ(device->async->input->samplesAcquired.get(), 0u);
-    EXPECT_TRUE(log.take(error).empty());
+    EXPECT_TRUE(log.take().empty());
     checkErrorInfo(module->stop());
 }
 

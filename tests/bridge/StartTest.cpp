@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -19,10 +20,6 @@ protected:
     StartTest() : device(std::make_shared<TestDevice>()) {
         build({device});
         controller->operationMode = 1;
-    }
-
-    bool isHostBacked(size_t index) const {
-        return dynamic_cast<DaqChannelBuffer*>(device->ai->channels[index]->buffer.get()) != nullptr;
     }
 
     std::shared_ptr<TestDevice> device;
@@ -46,7 +43,6 @@ TEST_F(StartTest, UsedSynchronousChannelsWriteIntoTheHost) {
     EXPECT_TRUE(controller->acqInitialized);
     EXPECT_TRUE(channels[0]->used);
     EXPECT_TRUE(channels[0]->active);
-    EXPECT_TRUE(isHostBacked(0));
     EXPECT_EQ(channels[0]->buffer->getData(), channel("Raw 1").getBuffer().getData());
     EXPECT_EQ(channels[0]->buffer->getCapacity(), 2000u);
     EXPECT_FALSE(channels[1]->used);
@@ -62,7 +58,7 @@ TEST_F(StartTest, UsedSynchronousChannelsWriteIntoTheHost) {
     structure->beforeStart();
     EXPECT_EQ(channels[0]->buffer, ownRaw);
     EXPECT_EQ(ownRaw->getCapacity(), 0u);
-    EXPECT_TRUE(isHostBacked(1));
+    EXPECT_EQ(channels[1]->buffer->getData(), channel("Filtered 1").getBuffer().getData());
     EXPECT_EQ(channels[1]->buffer->getCapacity() % 32, 0u);
 
     // Each start looks at the host's ring anew.
@@ -99,6 +95,56 @@ TEST_F(StartTest, RingThatWasNotReservedAgainIsRefused) {
     EXPECT_FALSE(controller->acqRunning);
     reserve({"Raw 1"});
     EXPECT_NO_THROW(structure->beforeStart());
+}
+
+class DaqChannelBufferTest : public testing::Test {
+protected:
+    DaqChannelBufferTest() {
+        channel.setUsed(true);
+        channel.setSampleRate(Ratio{5, 1});  // a ring of 10
+        checkErrorInfo(channel->initializeAcquisition());
+    }
+
+    ChannelPtr<> channel =
+        made<IChannel>(createSyncChannel, StringPtr("0").get(), static_cast<int>(SampleDataType::Int16), 0.0);
+};
+
+// What is added goes to the host's own memory, and the host's position wraps it.
+TEST_F(DaqChannelBufferTest, WritesIntoTheRingOfTheHost) {
+    DaqChannelBuffer buffer(channel);
+    ASSERT_EQ(buffer.getCapacity(), 10u);
+    EXPECT_EQ(buffer.getSampleSize(), 2u);
+    EXPECT_TRUE(buffer.isEmpty());
+    for (short value = 1; value <= 12; ++value) {
+        buffer.addSample(&value);
+    }
+    EXPECT_EQ(buffer.getPosition(), 2u);
+    EXPECT_EQ(buffer.getSize(), 10u);
+    EXPECT_FALSE(buffer.isEmpty());
+    const short expected[] = {11, 12, 3, 4, 5, 6, 7, 8, 9, 10};
+    EXPECT_EQ(std::memcmp(channel.getBuffer().getData(), expected, sizeof expected), 0);
+    EXPECT_EQ(channel.getSamplesAcquired(), 12);
+    EXPECT_EQ(*static_cast<short*>(buffer.getSample(1)), 12);
+    EXPECT_EQ(buffer.getSampleInDouble(9), 10.0);
+    EXPECT_THROW(buffer.getSample(10), OutOfRangeException);
+
+    // Who moves it doesn't matter.
+    checkErrorInfo(channel->incrementSamplePosition(7));
+    EXPECT_EQ(buffer.getPosition(), 9u);
+    buffer.incrementSamplePosition(5);
+    EXPECT_EQ(channel.getBuffer().getPosition(), 4u);
+}
+
+TEST_F(DaqChannelBufferTest, LeavesTheMemoryToTheHost) {
+    DaqChannelBuffer buffer(channel);
+    buffer.setCapacity(0);
+    EXPECT_EQ(buffer.getCapacity(), 10u);
+    // The buffer outlives every other holder of the channel, so position and memory must too.
+    channel.release();
+    const short value = 5;
+    buffer.addSample(&value);
+    EXPECT_EQ(buffer.getSampleInDouble(0), 5.0);
+    EXPECT_THROW(DaqChannelBuffer{channel}, InvalidParameterException);
 }
 
 }  // namespace

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "modules/daq/objectmodel/AIDevice.h"
@@ -32,10 +32,7 @@ public:
 
 // Rates of a clock: its whole divisors from 10 on.
 inline int divisorAtOrBelow(int rate, int clock) {
-    if (rate >= clock) {
-        return clock;
-    }
-    for (int candidate = rate; candidate > 10; --candidate) {
+    for (int candidate = std::min(rate, clock); candidate > 10; --candidate) {
         if (clock % candidate == 0) {
             return candidate;
         }
@@ -78,10 +75,7 @@ public:
         return found == impossibleRate ? divisorAtOrBelow(found - 1, baseClock) : found;
     }
     int getBaseClockForSampleRate(int wanted) override {
-        if (divisorAtOrBelow(wanted, baseClock) == wanted) {
-            return baseClock;
-        }
-        for (const int clock : baseClocks) {
+        for (const int clock : {baseClock, 15000000, 10000000}) {
             if (divisorAtOrBelow(wanted, clock) == wanted) {
                 return clock;
             }
@@ -142,14 +136,11 @@ public:
         input = std::make_shared<TestChannel<int>>(0, "Async in", SampleType::Async);
         output = std::make_shared<TestChannel<int>>(1, "Async out", SampleType::Async);
         output->isControl = true;
-        auto single = std::make_shared<TestChannel<int>>(2, "Single value", SampleType::SingleValue);
-        auto messages = std::make_shared<TestChannel<CanMessage>>(3, "Messages", SampleType::Async);
-        channels.push_back(input);
-        channels.push_back(output);
-        channels.push_back(single);
-        channels.push_back(messages);
-        for (const auto& channel : channels) {
+        for (const auto& channel : std::vector<std::shared_ptr<Channel>>{
+                 input, output, std::make_shared<TestChannel<int>>(2, "Single value", SampleType::SingleValue),
+                 std::make_shared<TestChannel<CanMessage>>(3, "Messages", SampleType::Async)}) {
             channel->asyncRate = 8;  // a ring of 16
+            channels.push_back(channel);
         }
     }
     std::string getDisplayName() const override { return "Messages and numbers"; }
@@ -193,11 +184,7 @@ public:
     }
     int checkCycleRate(int requested) const override { return std::clamp(requested, minCycleRate, maxCycleRate); }
     int checkCycleRate(int requested, const std::vector<int>& deviceSampleRates) const override {
-        int result = checkCycleRate(requested);
-        for (const int rate : deviceSampleRates) {
-            result = std::min(result, rate);
-        }
-        return result;
+        return std::min(checkCycleRate(requested), *std::ranges::min_element(deviceSampleRates));
     }
     void setCycleFunction(const std::function<void()>& function) override { cycle = function; }
 
@@ -227,20 +214,8 @@ public:
         }
         return DaqDevice::getDisplayName();
     }
-    std::shared_ptr<AIDevice> createAIDevice() override {
-        if (!withAI) {
-            return nullptr;
-        }
-        ai = std::make_shared<TestAI>();
-        if (!withClocks) {
-            ai->baseClocks.clear();
-        }
-        return ai;
-    }
-    std::shared_ptr<SubDevice> createCntDevice() override {
-        async = std::make_shared<TestAsync>();
-        return async;
-    }
+    std::shared_ptr<AIDevice> createAIDevice() override { return ai = std::make_shared<TestAI>(); }
+    std::shared_ptr<SubDevice> createCntDevice() override { return async = std::make_shared<TestAsync>(); }
     std::shared_ptr<DaqTiming> createDaqTiming() override { return timing; }
     std::shared_ptr<DaqLoop> createDaqLoop() override { return loop; }
     // SoftSync, so that several of them go together.
@@ -257,8 +232,6 @@ public:
     }
 
     std::function<void()> onName;
-    bool withAI = true;
-    bool withClocks = true;
     std::shared_ptr<TestAI> ai;
     std::shared_ptr<TestAsync> async;
     std::shared_ptr<TestTiming> timing;
@@ -267,6 +240,6 @@ public:
 };
 
 // What discovery finds in the next scan, by connection point ("ID_10").
-std::vector<std::pair<std::string, std::shared_ptr<Device>>>& devicesToFind();
+std::map<std::string, std::shared_ptr<Device>>& devicesToFind();
 
 }
