@@ -27,11 +27,8 @@ Bytes registerBytes(Rig& rig, int slave, uint8_t number, size_t count) {
 }
 
 TEST(I2c, eepromTellsTheBoard) {
-    Scenario scenario;
-    scenario.boardType = 1;
-    scenario.slots = 200;
-    scenario.serialNumber = 0x0102030405060708;
-    scenario.hardwareVersion = 0x04030201;
+    Scenario scenario{.boardType = 1, .slots = 200, .serialNumber = 0x0102030405060708, .hardwareVersion = 0x04030201,
+                      .modules = {}, .faults = {}};
     Rig rig(scenario);
     EXPECT_EQ((Bytes{1, 0xFA, 0xF3, 0x20, 1, 2, 3, 4, 5, 6, 7, 8, 1, 200, 0xC0, 0}), registerBytes(rig, 0x50, 0, 16));
     EXPECT_EQ((Bytes{4, 3, 2, 1}), registerBytes(rig, 0x50, 0x28, 4));
@@ -45,8 +42,7 @@ TEST(I2c, eepromTellsTheBoard) {
 
 TEST(I2c, otherChips) {
     Rig rig(Scenario{});
-    EXPECT_EQ((Bytes{0xA8}), registerBytes(rig, 0x58, 0x10, 1));
-    EXPECT_EQ((Bytes{0x80}), registerBytes(rig, 0x58, 0x11, 1));
+    EXPECT_EQ((Bytes{0xA8, 0x80}), registerBytes(rig, 0x58, 0x10, 2));
     const uint8_t control[2] = {0x11, 0x7E};
     EXPECT_EQ(2, rig.instrument.i2cWrite(0x58, control, 2));
     EXPECT_EQ((Bytes{0xA8, 0x7E}), registerBytes(rig, 0x58, 0x10, 2));
@@ -58,9 +54,7 @@ TEST(I2c, otherChips) {
     uint8_t byte = 0;
     I2cMessage message{0x33, true, &byte, 1};
     EXPECT_EQ(-ENXIO, rig.instrument.i2cTransfer(&message, 1));
-    Scenario small;
-    small.boardType = 1;
-    Rig two(small);
+    Rig two({.boardType = 1, .modules = {}, .faults = {}});
     message.address = 0x4D;
     EXPECT_EQ(-ENXIO, two.instrument.i2cTransfer(&message, 1));
 }
@@ -68,31 +62,16 @@ TEST(I2c, otherChips) {
 const std::string ptp = "/opt/harvane/scripts/ptp_control.sh";
 const std::string vcxo = "/opt/harvane/scripts/vcxo_control.sh";
 
-std::string lastLine(std::string text) {
-    while (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
-    return text.substr(text.rfind('\n') + 1);
-}
-
 TEST(Scripts, faultsSwitchNothing) {
     Rig rig(Scenario{});
-    EXPECT_EQ(0x110u, rig.word(0xB0000000));
-    EXPECT_EQ("ERR:range", lastLine(rig.instrument.runCommand(vcxo + " set_clock 12")));
+    const auto run = [&] { return rig.instrument.runCommand(vcxo + " set_clock 10"); };
     rig.instrument.inject({.kind = FaultKind::ScriptRefuses});
-    EXPECT_EQ("ERR:fault", lastLine(rig.instrument.runCommand(vcxo + " set_clock 10")));
+    EXPECT_TRUE(run().ends_with("ERR:fault\n"));
     rig.instrument.inject({.kind = FaultKind::ScriptSilent});
-    EXPECT_EQ("", rig.instrument.runCommand(vcxo + " set_clock 10"));
+    EXPECT_EQ("", run());
     EXPECT_EQ(0x110u, rig.word(0xB0000000));
-    EXPECT_EQ("OK:", lastLine(rig.instrument.runCommand(vcxo + " set_clock 10")));
+    EXPECT_TRUE(run().ends_with("OK:\n"));
     EXPECT_EQ(0u, rig.word(0xB0000000)) << "the PLL lost its lock";
-}
-
-TEST(Scripts, otherCommandsAreNotTheInstruments) {
-    Rig rig(Scenario{});
-    EXPECT_TRUE(rig.instrument.ownsCommand(vcxo));
-    EXPECT_FALSE(rig.instrument.ownsCommand(ptp + "x status"));
-    EXPECT_FALSE(rig.instrument.ownsCommand("echo " + ptp));
 }
 
 class RootTest : public testing::Test {
@@ -104,12 +83,10 @@ protected:
         FILE* pipe = popen((root_.string() + command).c_str(), "r");
         std::string text;
         char piece[128];
-        while (pipe != nullptr && fgets(piece, sizeof piece, pipe) != nullptr) {
+        while (fgets(piece, sizeof piece, pipe) != nullptr) {
             text += piece;
         }
-        if (pipe != nullptr) {
-            pclose(pipe);
-        }
+        pclose(pipe);
         return text;
     }
 
@@ -117,8 +94,7 @@ protected:
 };
 
 TEST_F(RootTest, filesOfLampsAndLinesCanBeMissing) {
-    Scenario scenario;
-    scenario.faults.push_back({.kind = FaultKind::SysfsMissing});
+    const Scenario scenario{.modules = {}, .faults = {{.kind = FaultKind::SysfsMissing}}};
     Instrument(scenario).populateRoot(root_.string());
     EXPECT_FALSE(fs::exists(root_ / "board/leds/led2/brightness"));
     EXPECT_FALSE(fs::exists(root_ / "sys/class/gpio/gpio506/value"));
@@ -129,18 +105,14 @@ TEST_F(RootTest, shellScriptsAnswerAsTheModelDoes) {
     Instrument instrument{Scenario{}};
     instrument.populateRoot(root_.string());
     // The role counts from the restart.
-    const std::string roles[] = {"mode=disabled;pps_mode=none", "mode=master;pps_mode=pps", "mode=slave;pps_mode=none"};
-    const std::pair<std::string, std::string> cases[] = {{"status", roles[0]}, {"master pps", ""}, {"status", roles[0]},
-                                                         {"restart", ""}, {"status", roles[1]}, {"slave", ""},
-                                                         {"restart", ""}, {"status", roles[2]}};
-    for (const auto& [arguments, reply] : cases) {
-        EXPECT_EQ("OK:" + reply + "\n", instrument.runCommand(ptp + " " + arguments)) << arguments;
-        EXPECT_EQ("OK:" + reply + "\n", shell(ptp + " " + arguments)) << arguments;
+    const std::string commands[] = {ptp + " status", ptp + " master pps", ptp + " status", ptp + " restart",
+                                    ptp + " status", ptp + " slave", ptp + " restart", ptp + " nonsense",
+                                    vcxo + " set_clock 10", vcxo + " set_clock 11", vcxo + " help"};
+    for (const std::string& command : commands) {
+        EXPECT_EQ(instrument.runCommand(command), shell(command)) << command;
     }
-    EXPECT_EQ(instrument.runCommand(ptp + " nonsense"), shell(ptp + " nonsense"));
-    for (const std::string arguments : {"set_clock 10", "set_clock 11", "help"}) {
-        EXPECT_EQ(instrument.runCommand(vcxo + " " + arguments), shell(vcxo + " " + arguments)) << arguments;
-    }
+    EXPECT_EQ("OK:mode=slave;pps_mode=none\n", instrument.runCommand(ptp + " status"));
+    EXPECT_EQ("OK:mode=slave;pps_mode=none\n", shell(ptp + " status"));
 }
 
 }  // namespace

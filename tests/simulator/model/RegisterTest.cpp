@@ -15,39 +15,31 @@ Scenario quiet() {
     return scenario;
 }
 
-struct StoreCase {
-    const char* name;
-    uint64_t address;
-    uint32_t stored;
-    uint32_t reads;
-};
-
-class StoreTest : public testing::TestWithParam<StoreCase> {};
-
-TEST_P(StoreTest, reachesOnlyTheBitsThatTheHardwareLetsWrite) {
+TEST(Registers, aStoreReachesOnlyTheBitsThatTheHardwareLetsWrite) {
+    const struct {
+        const char* name;
+        uint64_t address;
+        uint32_t stored;
+        uint32_t reads;
+    } cases[] = {{"coefficient", 0xA0000008, 0xFFFFFC58, 0x07FFFC58},
+                 {"centre of module 7", 0xA0070080, 0xFFFFFFFF, 0x07FFFFFF},
+                 {"hole in module", 0xA0000084, 0xFFFFFFFF, 0},
+                 {"ratio high", 0xA0000104, 0xFF, 0x3F},
+                 {"half-bands", 0xA0000108, 0xFF, 0x1F},
+                 {"trigger word", 0xA000012C, 0xFFFFFFFF, 0xC003FFFF},
+                 {"state of modules is hardware", 0xA0200004, 0xFFFF0500, 0x00000500},
+                 {"timing control", 0xA3000000, 0xFFFFFFFF, 0x00033137},
+                 {"resync without reference", 0xA3000014, 0x20000000, 0},
+                 {"IRIG control", 0xA3800000, 0xFFFFFFFF, 0xDF},
+                 {"IRIG status is hardware", 0xA3800020, 0xFFFFFFFF, 0},
+                 {"version is hardware", 0xA6000000, 0, 0x00010000},
+                 {"supply interval", 0xA6000008, 85, 21}};
     Rig rig(quiet());
-    rig.store(GetParam().address, GetParam().stored);
-    EXPECT_EQ(GetParam().reads, rig.word(GetParam().address));
+    for (const auto& [name, address, stored, reads] : cases) {
+        rig.store(address, stored);
+        EXPECT_EQ(reads, rig.word(address)) << name;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Words, StoreTest,
-    testing::Values(StoreCase{"coefficient", 0xA0000008, 0xFFFFFC58, 0x07FFFC58},
-                    StoreCase{"centreOfModule7", 0xA0070080, 0xFFFFFFFF, 0x07FFFFFF},
-                    StoreCase{"holeInModule", 0xA0000084, 0xFFFFFFFF, 0},
-                    StoreCase{"ratioHigh", 0xA0000104, 0xFF, 0x3F}, StoreCase{"halfBands", 0xA0000108, 0xFF, 0x1F},
-                    StoreCase{"stages", 0xA0000118, 0xFFFFFFFF, 0x3FFF},
-                    StoreCase{"triggerWord", 0xA000012C, 0xFFFFFFFF, 0xC003FFFF},
-                    StoreCase{"stateOfModulesIsHardware", 0xA0200004, 0xFFFF0500, 0x00000500},
-                    StoreCase{"holeInAdc", 0xA0200030, 0xFFFFFFFF, 0},
-                    StoreCase{"timingControl", 0xA3000000, 0xFFFFFFFF, 0x00033137},
-                    StoreCase{"phaseIsHardware", 0xA3000010, 0xFFFFFFFF, 0},
-                    StoreCase{"resyncWithoutReference", 0xA3000014, 0x20000000, 0},
-                    StoreCase{"irigControl", 0xA3800000, 0xFFFFFFFF, 0xDF},
-                    StoreCase{"irigStatusIsHardware", 0xA3800020, 0xFFFFFFFF, 0},
-                    StoreCase{"versionIsHardware", 0xA6000000, 0, 0x00010000},
-                    StoreCase{"supplyInterval", 0xA6000008, 85, 21}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(Registers, aBitThatTheHardwareMovedMeanwhileWins) {
     Rig rig(quiet());
@@ -93,11 +85,8 @@ TEST(Registers, everyClearIsReportedThoughTheRequestStaysSet) {
     Rig rig(quiet());
     for (int i = 0; i < 4; ++i) {
         EXPECT_TRUE(clearChain(rig, 1)) << i;
-        EXPECT_EQ(1u, rig.word(0xA0010120) & 1);
+        EXPECT_EQ(1u, rig.word(0xA0010120)) << "still requested, the report taken back";
     }
-    // At once after the last one too, when its own report has not come back yet.
-    EXPECT_EQ(0u, rig.word(0xA0010120) & 2);
-    EXPECT_TRUE(clearChain(rig, 1));
     EXPECT_EQ(0u, rig.word(0xA0000120));
 }
 
@@ -185,12 +174,8 @@ TEST(Registers, supplyBootsTheFirmwareOfEachSlot) {
     uint8_t bytes[8];
     EXPECT_EQ(0, rig.instrument.uartRead(bytes, sizeof bytes, 0)) << "still booting";
     EXPECT_EQ((std::vector<uint8_t>{0, 2}), rig.ask({0xA7}));
-    rig.ask({0xC8, 0x02});
     rig.store(0xA6000010, 0);
     EXPECT_TRUE(rig.ask({0xA7}).empty());
-    rig.store(0xA6000010, 255);
-    rig.now += 0.3;
-    EXPECT_EQ((std::vector<uint8_t>{0, 0}), rig.ask({0x9F})) << "settings are gone";
 }
 
 TEST(Registers, supplyWordSwitchesNothingOnTheTwoSlotBoard) {

@@ -8,16 +8,10 @@
 using kestrixsim::I2cMessage;
 using kestrixsim::Stream;
 
-const std::vector<int32_t> halfBandWords = {
+const kestrixsim::HalfBand usualFilter{{
     0,      0,       -936,   1672,    -3128,  5344,    -8608,  13224,    -19576,  28128,    -39376,
     53936,  -72464,  95728,  -124600, 160056, -203232, 255440, -318272,  393664,  -484080,  592792,
-    -724312, 885184, -1085360, 1340904, -1679632, 2154288, -2878224, 4146832, -7044560, 21336000, 33554432};
-
-void Rig::coefficients(int m) {
-    for (size_t k = 0; k < halfBandWords.size(); ++k) {
-        store(module(m) + 4 * k, static_cast<uint32_t>(halfBandWords[k]) & 0x07FFFFFF);
-    }
-}
+    -724312, 885184, -1085360, 1340904, -1679632, 2154288, -2878224, 4146832, -7044560, 21336000, 33554432}};
 
 void Rig::raw(int m, uint32_t decimation) {
     store(module(m) + 0x10C, decimation);
@@ -25,15 +19,17 @@ void Rig::raw(int m, uint32_t decimation) {
 }
 
 void Rig::filtered(int m, uint32_t halfBands, uint64_t ratio) {
-    coefficients(m);
+    for (size_t k = 0; k < usualFilter.coefficients.size(); ++k) {
+        store(module(m) + 4 * k, static_cast<uint32_t>(usualFilter.coefficients[k]) & 0x07FFFFFF);
+    }
     store(module(m) + 0x100, static_cast<uint32_t>(ratio));
     store(module(m) + 0x104, static_cast<uint32_t>(ratio >> 32));
     store(module(m) + 0x108, halfBands);
 }
 
-void Rig::enable(int m, bool rawStream, bool filteredStream) {
-    storeBits(module(m) + 0x124, 2, rawStream ? 2 : 0);
-    storeBits(module(m) + 0x124, 1, filteredStream ? 1 : 0);
+void Rig::enable(int m, Stream stream, bool on) {
+    const uint32_t bit = stream == Stream::Raw ? 2 : 1;
+    storeBits(module(m) + 0x124, bit, on ? bit : 0);
 }
 
 void Rig::open(int m, Stream stream, int descriptorSize) {
@@ -43,7 +39,9 @@ void Rig::open(int m, Stream stream, int descriptorSize) {
     ASSERT_EQ(0, control(m, stream, reserve));
 }
 
-void Rig::start(int m, Stream stream) {
+void Rig::transfer(int m, Stream stream, int descriptorSize) {
+    open(m, stream, descriptorSize);
+    enable(m, stream);
     ASSERT_EQ(0, control(m, stream, startTransfer));
 }
 

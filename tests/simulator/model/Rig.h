@@ -1,11 +1,13 @@
 #pragma once
 
+#include <cmath>
+#include <complex>
 #include <cstdint>
-#include <initializer_list>
-#include <string>
+#include <numbers>
 #include <vector>
 
 #include "simulator/model/Instrument.h"
+#include "simulator/model/Signal.h"
 
 // The instrument with its time in the test's hand, and the few steps that every program takes on its registers and
 // streams. Numbers are those of the hardware.
@@ -24,16 +26,15 @@ public:
 
     static uint64_t module(int m) { return 0xA0000000 + (static_cast<uint64_t>(m) << 16); }
 
-    void coefficients(int m);
     void raw(int m, uint32_t decimation);                          // decimation and endless length
     void filtered(int m, uint32_t halfBands, uint64_t ratio);      // coefficients, ratio and stages
-    void enable(int m, bool rawStream, bool filteredStream);       // RAWEN, FILTEN
+    void enable(int m, kestrixsim::Stream stream, bool on = true); // RAWEN, FILTEN
 
     int control(int m, kestrixsim::Stream stream, unsigned long request, unsigned long argument = 0) {
         return instrument.dmaIoctl(m, stream, request, argument);
     }
     void open(int m, kestrixsim::Stream stream, int descriptorSize);   // sizes, memory; fails the test
-    void start(int m, kestrixsim::Stream stream);
+    void transfer(int m, kestrixsim::Stream stream, int descriptorSize);   // opened, enabled and started
     void convert(uint32_t moduleMask);                             // manual start of these modules
 
     // Whatever a read of at most `bytes` brings; the result of the call in `result`.
@@ -66,5 +67,23 @@ constexpr unsigned long startUsb = 0x00064C0C;
 constexpr unsigned long stopTransfer = 0x40064C09;
 constexpr unsigned long stopUsb = 0x00064C0D;
 
-// The 33 words of the filter, lowest tap first.
-extern const std::vector<int32_t> halfBandWords;
+// The filter that every program writes: 33 words, lowest tap first.
+extern const kestrixsim::HalfBand usualFilter;
+
+template <typename Sample>
+std::vector<Sample> samplesOf(const kestrixsim::Signal& signal, uint64_t first, size_t count) {
+    std::vector<Sample> samples(count);
+    signal.generate(first, count, samples.data());
+    return samples;
+}
+
+// Complex amplitude of a sine in whole periods of samples.
+template <typename Sample>
+std::complex<double> amplitudeOf(const std::vector<Sample>& samples, double cyclesPerSample) {
+    std::complex<double> sum;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        const double cycles = std::fmod(cyclesPerSample * static_cast<double>(i), 1.0);
+        sum += std::polar(static_cast<double>(samples[i]), -2.0 * std::numbers::pi * cycles);
+    }
+    return sum * 2.0 / static_cast<double>(samples.size()) * std::complex<double>(0.0, 1.0);
+}

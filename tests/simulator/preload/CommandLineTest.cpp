@@ -1,7 +1,7 @@
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <fstream>
-#include <map>
 #include <nlohmann/json.hpp>
 
 #include "simulator/model/ScenarioJson.h"
@@ -50,8 +50,6 @@ TEST_F(CommandLine, RunServesAProgramThatKnowsNothingOfIt) {
     EXPECT_EQ(pipeline.err, "");
     const Result size = run("run -- stat -c %t:%T /dev/i2c-1");
     EXPECT_EQ(size.out, "59:1\n");
-    // With blocking reads of one descriptor through an ordinary tool: the stream was never configured.
-    EXPECT_NE(run("run -- dd if=/dev/tolvn_dma_r0 iflag=nonblock bs=100 count=1").status, 0);
 }
 
 TEST_F(CommandLine, RunReportsWhatItCannotRun) {
@@ -122,13 +120,11 @@ TEST_F(CommandLine, CheckSaysWhatIsWrong) {
 }
 
 TEST_F(CommandLine, DoorsListWhatIsServed) {
-    std::map<std::string, std::string> answers;
-    for (const auto& door : nlohmann::json::parse(run("doors --json").out)) {
-        answers[door["path"]] = door["answer"];
-    }
-    EXPECT_EQ(answers["/dev/tolvn_dma_rN"], "device");
-    EXPECT_EQ(answers["/dev/tolvn_*"], "absent");
-    EXPECT_EQ(answers["/sys/class/leds/..."], "files");
+    const auto doors = nlohmann::json::parse(run("doors --json").out);
+    const auto isStream = [](const auto& door) { return door["path"] == "/dev/tolvn_dma_rN"; };
+    const auto stream = std::find_if(doors.begin(), doors.end(), isStream);
+    ASSERT_NE(stream, doors.end());
+    EXPECT_EQ((*stream)["answer"], "device");
     EXPECT_NE(run("doors").out.find("falls through"), std::string::npos);
 }
 

@@ -5,7 +5,6 @@
 #include <termios.h>
 
 #include <fstream>
-#include <vector>
 
 #include "tests/simulator/preload/PreloadFixture.h"
 
@@ -30,6 +29,12 @@ protected:
     void SetUp() override {
         PreloadTest::SetUp();
         std::ofstream(ordinary_) << "0123456789";
+    }
+
+    static void expectOrdinary(int fd) {
+        char text[11] = {};
+        EXPECT_EQ(::read(fd, text, 10), 10);
+        EXPECT_STREQ(text, "0123456789");
     }
 };
 
@@ -63,9 +68,7 @@ TEST_F(Descriptors, EveryNameOfOpenServesDevicesRewritesFilesAndPassesTheRestOn)
         EXPECT_EQ(here.st_ino, there.st_ino);
 
         const Descriptor plain(open(ordinary_.c_str()));
-        char byte = 0;
-        EXPECT_EQ(::read(plain, &byte, 1), 1);
-        EXPECT_EQ(byte, '0');
+        expectOrdinary(plain);
     }
 }
 
@@ -75,11 +78,6 @@ TEST_F(Descriptors, ModeArgumentReachesNewFiles) {
     const Descriptor made(::open((folder_ / "made").c_str(), O_CREAT | O_WRONLY, 0640));
     ASSERT_EQ(::fstat(made, &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u);
-    const Descriptor nameless(::open(folder_.path().c_str(), O_TMPFILE | O_RDWR, 0611));
-    if (nameless >= 0) {  // not every file system has it
-        ASSERT_EQ(::fstat(nameless, &status), 0);
-        EXPECT_EQ(status.st_mode & 0777, 0611u);
-    }
     umask(old);
 }
 
@@ -108,16 +106,13 @@ TEST_F(Descriptors, DuplicatesShareOneOpenFile) {
     ASSERT_EQ(ioctl(first, 0x0703, 0x50), 0);  // the slave belongs to the open file
     const Descriptor target(::open(ordinary_.c_str(), O_RDONLY));
 
-    std::vector<Descriptor> copies;
-    copies.emplace_back(::dup(first));
-    copies.emplace_back(::fcntl(first, F_DUPFD, 100));
-    copies.emplace_back(::fcntl(first, F_DUPFD_CLOEXEC, 100));
+    const Descriptor copies[] = {Descriptor(::dup(first)), Descriptor(::fcntl(first, F_DUPFD, 100)),
+                                 Descriptor(::fcntl(first, F_DUPFD_CLOEXEC, 100)),
+                                 Descriptor(::dup3(first, 200, O_CLOEXEC))};
     EXPECT_GE(copies[1], 100);
     EXPECT_EQ(fcntl(copies[2], F_GETFD), FD_CLOEXEC);
-    copies.emplace_back(::dup3(first, 200, O_CLOEXEC));
     EXPECT_EQ(fcntl(copies[3], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(::dup2(first, target), target);  // an ordinary descriptor becomes a served one
-    EXPECT_EQ(::dup2(first, first), first);
     EXPECT_EQ(openDescriptors(), 6);
     EXPECT_EQ(::close(first), 0);
 
@@ -132,9 +127,7 @@ TEST_F(Descriptors, DuplicatesShareOneOpenFile) {
     const Descriptor plain(::open(ordinary_.c_str(), O_RDONLY));
     EXPECT_EQ(::dup2(plain, target), target);
     EXPECT_EQ(openDescriptors(), 4);
-    char byte = 0;
-    EXPECT_EQ(::read(target, &byte, 1), 1);
-    EXPECT_EQ(byte, '0');
+    expectOrdinary(target);
 }
 
 TEST_F(Descriptors, NumbersAreNotServedAfterTheirClose) {
@@ -146,9 +139,7 @@ TEST_F(Descriptors, NumbersAreNotServedAfterTheirClose) {
     EXPECT_EQ(errno, EBADF);
     const Descriptor plain(::open(ordinary_.c_str(), O_RDONLY));
     ASSERT_EQ(plain, device) << "the kernel gives the lowest free number";
-    char text[11] = {};
-    EXPECT_EQ(::read(plain, text, 10), 10);
-    EXPECT_STREQ(text, "0123456789");
+    expectOrdinary(plain);
 
     const int one = ::open("/dev/mem", O_RDWR);
     ASSERT_EQ(::fcntl(one, F_DUPFD, 300), 300);
@@ -160,13 +151,11 @@ TEST_F(Descriptors, NumbersAreNotServedAfterTheirClose) {
 }
 
 TEST_F(Descriptors, FlagsOfOpenAreKept) {
-    const Descriptor inherited(::open("/dev/mem", O_RDWR));
-    const Descriptor closed(::open("/dev/mem", O_RDWR | O_CLOEXEC));
-    EXPECT_EQ(fcntl(inherited, F_GETFD), 0);
-    EXPECT_EQ(fcntl(closed, F_GETFD), FD_CLOEXEC);
-    const Descriptor stream(::open("/dev/tolvn_dma_r0", O_RDWR | O_NONBLOCK));
+    const Descriptor stream(::open("/dev/tolvn_dma_r0", O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    EXPECT_EQ(fcntl(stream, F_GETFD), FD_CLOEXEC);
     EXPECT_NE(fcntl(stream, F_GETFL) & O_NONBLOCK, 0);
     const Descriptor readOnly(::open("/dev/i2c-1", O_RDONLY));
+    EXPECT_EQ(fcntl(readOnly, F_GETFD), 0);
     EXPECT_EQ(::write(readOnly, "x", 1), -1);
     EXPECT_EQ(errno, EBADF);
 }
@@ -188,7 +177,7 @@ TEST_F(Descriptors, ADeviceLooksLikeOneAndHidesNoWrite) {
     EXPECT_NE(fcntl(device, F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(Descriptors, UnknownIoctlsAreRefusedAndOrdinaryOnesPass) {
+TEST_F(Descriptors, UnknownIoctlsAreRefused) {
     for (const char* path : {"/dev/mem", "/dev/i2c-1", "/dev/ttyPS1"}) {
         const Descriptor device(::open(path, O_RDWR));
         int waiting = 0;
@@ -196,29 +185,14 @@ TEST_F(Descriptors, UnknownIoctlsAreRefusedAndOrdinaryOnesPass) {
         EXPECT_EQ(ioctl(device, TIOCGSERIAL, &waiting), -1) << path;
         EXPECT_EQ(errno, ENOTTY) << path;
     }
-    const Descriptor plain(::open(ordinary_.c_str(), O_RDONLY));
-    int waiting = 0;
-    EXPECT_EQ(ioctl(plain, FIONREAD, &waiting), 0);
-    EXPECT_EQ(waiting, 10);
-}
-
-TEST_F(Descriptors, SuccessLeavesErrnoAlone) {
-    errno = 4711;
-    const Descriptor device(::open("/dev/i2c-1", O_RDWR));
-    EXPECT_EQ(errno, 4711);
-    ASSERT_EQ(ioctl(device, 0x0703, 0x50), 0);
-    const uint8_t registerNumber = 0;
-    uint8_t value = 0;
-    EXPECT_EQ(::write(device, &registerNumber, 1), 1);
-    EXPECT_EQ(::read(device, &value, 1), 1);
-    EXPECT_EQ(::access("/sys/class/gpio/gpio504/value", F_OK), 0);
-    const Descriptor plain(::open(ordinary_.c_str(), O_RDONLY));
-    EXPECT_EQ(errno, 4711);
 }
 
 TEST_F(Descriptors, OrdinaryFilesKeepEveryCall) {
     const Descriptor device(::open("/dev/mem", O_RDWR));  // so that no call takes the short way round the table
     const Descriptor file(::open(ordinary_.c_str(), O_RDWR));
+    int waiting = 0;
+    EXPECT_EQ(ioctl(file, FIONREAD, &waiting), 0);
+    EXPECT_EQ(waiting, 10);
     char text[16] = {};
     EXPECT_EQ(__read_chk(file, text, 2, sizeof text), 2);
     EXPECT_EQ(::pread(file, text, 3, 4), 3);
@@ -243,13 +217,7 @@ TEST_F(Descriptors, OrdinaryFilesKeepEveryCall) {
     termios settings{};
     EXPECT_EQ(tcgetattr(file, &settings), -1);
     EXPECT_EQ(errno, ENOTTY);
-    EXPECT_EQ(tcsetattr(file, TCSANOW, &settings), -1);
-    EXPECT_EQ(tcflush(file, TCIOFLUSH), -1);
-    EXPECT_EQ(tcdrain(file), -1);
     EXPECT_EQ(isatty(file), 0);
-    struct stat status {};
-    EXPECT_EQ(::fstat(file, &status), 0);
-    EXPECT_TRUE(S_ISREG(status.st_mode));
 }
 
 TEST_F(Descriptors, TheInstrumentIsNotReplacedUnderAnOpenDescriptor) {

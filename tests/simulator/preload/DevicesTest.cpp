@@ -32,8 +32,7 @@ TEST_F(Devices, MemoryMappingsFollowTheirProtection) {
     // Two mappings at one time; each is given back by itself, and what the first stored the second shows only anew.
     auto* one = static_cast<uint32_t*>(mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, memory, block));
     auto* two = static_cast<uint32_t*>(mmap64(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, memory, block));
-    ASSERT_NE(one, MAP_FAILED);
-    ASSERT_NE(two, MAP_FAILED);
+    ASSERT_TRUE(one != MAP_FAILED && two != MAP_FAILED);
     one[2] = 0xF0;
     EXPECT_EQ(munmap(one, page), 0);
     two[2] = 0x0F;  // changes bits of its own only
@@ -53,39 +52,36 @@ TEST_F(Devices, MemoryMappingsFollowTheirProtection) {
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(munmap(whole, 2 * page), 0);
 
-    EXPECT_EQ(mmap(nullptr, page, PROT_READ, MAP_SHARED, memory, block + 4), MAP_FAILED);
-    EXPECT_EQ(errno, EINVAL);
-    const Descriptor readOnly(::open("/dev/mem", O_RDONLY));
-    EXPECT_EQ(mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, readOnly, block), MAP_FAILED);
-    EXPECT_EQ(errno, EACCES);
-    instrument().inject(fault(FaultKind::MemMap));
-    EXPECT_EQ(mmap(nullptr, page, PROT_READ, MAP_SHARED, memory, block), MAP_FAILED);
-    EXPECT_EQ(errno, EPERM);
-    const Descriptor bus(::open("/dev/i2c-1", O_RDWR));
-    EXPECT_EQ(mmap(nullptr, page, PROT_READ, MAP_SHARED, bus, 0), MAP_FAILED);
-    EXPECT_EQ(errno, ENODEV);
+    const auto refused = [&](int fd, off_t offset) {
+        EXPECT_EQ(mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset), MAP_FAILED);
+        return errno;
+    };
+    EXPECT_EQ(refused(memory, block + 4), EINVAL);
+    EXPECT_EQ(refused(Descriptor(::open("/dev/mem", O_RDONLY)), block), EACCES);
+    instrument().inject({.kind = FaultKind::MemMap});
+    EXPECT_EQ(refused(memory, block), EPERM);
+    EXPECT_EQ(refused(Descriptor(::open("/dev/i2c-1", O_RDWR)), 0), ENODEV);
 }
 
-TEST_F(Devices, MemoryTakesWholeWordsAtAnOffset) {
+TEST_F(Devices, MemoryTakesWholeWordsOfABlock) {
     const Descriptor memory(::open("/dev/mem", O_RDWR));
+    const auto place = static_cast<off_t>(scratchWord);
     uint32_t word = 0xCAFE0001;
-    EXPECT_EQ(::pwrite(memory, &word, 4, static_cast<off_t>(scratchWord)), 4);
+    EXPECT_EQ(::pwrite(memory, &word, 4, place), 4);
     word = 0;
-    EXPECT_EQ(::pread(memory, &word, 4, static_cast<off_t>(scratchWord)), 4);
+    EXPECT_EQ(::pread(memory, &word, 4, place), 4);
     EXPECT_EQ(word, 0xCAFE0001u);
-    EXPECT_EQ(::pread(memory, &word, 2, static_cast<off_t>(scratchWord)), -1);
+    EXPECT_EQ(::pread(memory, &word, 2, place), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(::read(memory, &word, 4), -1);
-}
-
-// A ninth module, or an address that was added up wrongly.
-TEST_F(Devices, MemoryWithoutABlockIsABusError) {
-    const Descriptor memory(::open("/dev/mem", O_RDWR));
+    // A ninth module, or an address that was added up wrongly.
     constexpr uint64_t ninth = moduleBlock + 0x80000;
-    uint32_t word = 0;
     EXPECT_EQ(::pread(memory, &word, 4, static_cast<off_t>(ninth)), -1);
     EXPECT_EQ(errno, EFAULT);
-    EXPECT_EXIT(loadWord(memory, ninth), testing::KilledBySignal(SIGBUS), "no register block at 0xa0080000");
+    const auto access = [&] {
+        std::signal(SIGBUS, SIG_DFL);  // a sanitizer's own handler would answer in its place
+        loadWord(memory, ninth);
+    };
+    EXPECT_EXIT(access(), testing::KilledBySignal(SIGBUS), "no register block at 0xa0080000");
 }
 
 // ---- /dev/i2c-1 ----------------------------------------------------------------------------------------------------
@@ -93,7 +89,7 @@ TEST_F(Devices, MemoryWithoutABlockIsABusError) {
 TEST_F(Devices, ASlaveBelongsToTheOpenFile) {
     const Descriptor bus(::open("/dev/i2c-1", O_RDWR));
     const Descriptor other(::open("/dev/i2c-1", O_RDWR));
-    instrument().inject(fault(FaultKind::I2cSlave));
+    instrument().inject({.kind = FaultKind::I2cSlave});
     EXPECT_EQ(ioctl(bus, I2C_SLAVE, 0x50), -1);
     EXPECT_EQ(errno, EBUSY);
     ASSERT_EQ(ioctl(bus, I2C_SLAVE, 0x50), 0);
@@ -111,9 +107,6 @@ TEST_F(Devices, ASlaveBelongsToTheOpenFile) {
     ASSERT_EQ(ioctl(bus, 0xFFFFFFFF00000000UL | I2C_SLAVE, 0x33L), 0);
     EXPECT_EQ(::write(bus, &start, 1), -1);
     EXPECT_EQ(errno, ENXIO) << "no chip there";
-    unsigned long functions = 0;
-    ASSERT_EQ(ioctl(bus, I2C_FUNCS, &functions), 0);
-    EXPECT_NE(functions & I2C_FUNC_I2C, 0u);
     i2c_msg noBuffer{0x4D, 0, 2, nullptr};
     i2c_rdwr_ioctl_data one{&noBuffer, 1};
     EXPECT_EQ(ioctl(bus, I2C_RDWR, &one), -1);
@@ -126,13 +119,6 @@ void setMultiplexers(int bus) {
     i2c_msg writes[] = {{0x4D, 0, 2, message}, {0x4F, 0, 2, message}};
     i2c_rdwr_ioctl_data all{writes, 2};
     EXPECT_EQ(ioctl(bus, I2C_RDWR, &all), 2);
-    std::array<uint8_t, 2> back{};
-    i2c_msg reads[] = {{0x4D, I2C_M_RD, 1, &back[0]}, {0x4F, I2C_M_RD, 1, &back[1]}};
-    all = {reads, 2};
-    EXPECT_EQ(ioctl(bus, I2C_RDWR, &all), 2);
-    EXPECT_EQ(back, (std::array<uint8_t, 2>{1, 1}));
-    all.nmsgs = 0;
-    EXPECT_EQ(ioctl(bus, I2C_RDWR, &all), -1);
 }
 
 // ---- /dev/ttyPS1 ---------------------------------------------------------------------------------------------------
@@ -156,11 +142,10 @@ protected:
         PreloadTest::TearDown();
     }
 
-    void configure(speed_t speed, uint8_t minimum, uint8_t time, tcflag_t input = 0) {
+    void configure(speed_t speed, uint8_t minimum, uint8_t time) {
         termios settings{};
         ASSERT_EQ(tcgetattr(port_, &settings), 0);
         cfmakeraw(&settings);
-        settings.c_iflag |= input;
         settings.c_cc[VMIN] = minimum;
         settings.c_cc[VTIME] = time;
         cfsetispeed(&settings, speed);
@@ -202,17 +187,16 @@ TEST_F(Uart, AttributesBelongToThePort) {
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(tcdrain(port_), 0);
     for (int call = 0; call < 2; ++call) {
-        instrument().inject(fault(FaultKind::UartAttributes));
+        instrument().inject({.kind = FaultKind::UartAttributes});
         EXPECT_EQ(call == 0 ? tcgetattr(port_, &settings) : tcsetattr(port_, TCSANOW, &settings), -1);
         EXPECT_EQ(errno, EIO);
     }
 }
 
-TEST_F(Uart, AmplifierAnswersWithinTheReadTimeout) {
+TEST_F(Uart, ReadWithoutAnAnswerEndsWithItsTimeout) {
     configure(B38400, 0, 2);
     const auto before = std::chrono::steady_clock::now();
-    uint8_t byte = 0;
-    EXPECT_EQ(::read(port_, &byte, 1), 0);
+    EXPECT_EQ(answer(), Bytes());
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(190)) << "VTIME 2 is 0.2 s";
 }
 
@@ -234,25 +218,6 @@ TEST_F(Uart, WrongSpeedIsNotHeard) {
     EXPECT_TRUE(instrument().framesReceived().empty());
 }
 
-// Left as a terminal, the port changes what goes through it.
-TEST_F(Uart, SettingsOfATerminalSpoilTheBytes) {
-    const struct {
-        tcflag_t input;
-        Bytes seen;
-    } cases[] = {{0, {0xA5, 0x0D, 0x0A, 0x11}},
-                 {ICRNL, {0xA5, 0x0A, 0x0A, 0x11}},
-                 {IGNCR | IXON, {0xA5, 0x0A}},
-                 {ISTRIP | INLCR, {0x25, 0x0D, 0x0D, 0x11}}};
-    for (const auto& [input, seen] : cases) {
-        configure(B38400, 0, 1, input);
-        const Bytes requests{0xA5, 0x09, 0xA1, 0xA5, 0x0D, 0x0A, 0x11, 0, 0, 0, 0, 0x5A, 0xA5, 0x01, 0xA3, 0x5A};
-        ASSERT_EQ(::write(port_, requests.data(), requests.size()), 16);
-        const Bytes reply = answer();
-        ASSERT_GE(reply.size(), 7 + seen.size());
-        EXPECT_EQ(Bytes(reply.begin() + 7, reply.begin() + 7 + static_cast<std::ptrdiff_t>(seen.size())), seen);
-    }
-}
-
 TEST_F(Uart, PollTellsOfAReplyAndTakesNothing) {
     configure(B38400, 0, 2);
     pollfd waiting[] = {{port_, POLLIN, 0}, {bus_, POLLOUT, 0}};
@@ -261,34 +226,34 @@ TEST_F(Uart, PollTellsOfAReplyAndTakesNothing) {
     EXPECT_EQ(::poll(waiting, 1, 2000), 1);
     EXPECT_EQ(waiting[0].revents, POLLIN);
     EXPECT_EQ(::poll(waiting, 2, 0), 2) << "the bus is always ready";
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(port_, &readable);
-    timeval limit{2, 0};
-    EXPECT_EQ(::select(port_ + 1, &readable, nullptr, nullptr, &limit), 1);
-    EXPECT_TRUE(FD_ISSET(port_, &readable));
     EXPECT_EQ(answer(), voltageType) << "the byte that poll saw is still there";
     ask();
     EXPECT_EQ(::poll(waiting, 1, 2000), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(tcflush(port_, TCIOFLUSH), 0);
     EXPECT_EQ(answer(), Bytes()) << "flushed, the one that poll saw too";
-    timeval endless{std::numeric_limits<time_t>::max(), 0};
-    ask();
-    FD_SET(port_, &readable);
-    EXPECT_EQ(::select(port_ + 1, &readable, nullptr, nullptr, &endless), 1) << "a wait that is never over";
-    EXPECT_EQ(answer(), voltageType);
-    limit = {0, 20000};
-    EXPECT_EQ(::select(port_ + 1, &readable, nullptr, nullptr, &limit), 0);
-    EXPECT_FALSE(FD_ISSET(port_, &readable));
 }
 
-TEST_F(Uart, PollWakesForOrdinaryDescriptorsBesideTheInstruments) {
+TEST_F(Uart, WaitsHearOrdinaryDescriptorsBesideTheInstruments) {
     configure(B38400, 0, 2);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const Descriptor out(ends[0]);
     const Descriptor in(ends[1]);
+    fd_set readable;
+    const auto select = [&](timeval limit) {
+        FD_ZERO(&readable);
+        FD_SET(port_, &readable);
+        FD_SET(out, &readable);
+        return ::select(std::max<int>(port_, out) + 1, &readable, nullptr, nullptr, &limit);
+    };
+    EXPECT_EQ(select({0, 20000}), 0);
+    EXPECT_FALSE(FD_ISSET(port_, &readable));
+    ask();
+    EXPECT_EQ(select({std::numeric_limits<time_t>::max(), 0}), 1) << "a wait that is never over";
+    EXPECT_TRUE(FD_ISSET(port_, &readable));
+    EXPECT_EQ(answer(), voltageType);
+
     pollfd waiting[] = {{port_, POLLIN, 0}, {out, POLLIN, 0}, {-1, POLLIN, 0}};
     const timespec limit{5, 0};
     std::thread writer([&] {
@@ -298,13 +263,10 @@ TEST_F(Uart, PollWakesForOrdinaryDescriptorsBesideTheInstruments) {
     EXPECT_EQ(::ppoll(waiting, 3, &limit, nullptr), 1);
     EXPECT_EQ(waiting[1].revents, POLLIN);
     EXPECT_EQ(waiting[0].revents, 0);
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(port_, &readable);
-    FD_SET(out, &readable);
-    EXPECT_EQ(::pselect(std::max<int>(port_, out) + 1, &readable, nullptr, nullptr, &limit, nullptr), 1);
+    EXPECT_EQ(select({5, 0}), 1);
     EXPECT_TRUE(FD_ISSET(out, &readable));
     EXPECT_FALSE(FD_ISSET(port_, &readable));
+    EXPECT_EQ(::pselect(out + 1, &readable, nullptr, nullptr, &limit, nullptr), 1);
     writer.join();
 }
 
@@ -318,24 +280,18 @@ TEST_F(Devices, StreamsDeliverWholeDescriptorsInOrder) {
     prepare(filtered, 400);
     std::vector<int16_t> shorts(1000, -1);
     EXPECT_EQ(::read(raw, shorts.data(), 2000), -1);
-    EXPECT_EQ(errno, EAGAIN) << "not started";
-    ASSERT_GE(ioctl(raw, startTransfer, 0L), 0);
-    ASSERT_GE(ioctl(filtered, startTransfer, 0L), 0);
+    EXPECT_EQ(errno, EAGAIN) << "nothing converts yet";
     startModule(memory);
 
-    const ssize_t first = ::read(raw, shorts.data(), 450);
-    ASSERT_GT(first, 0);
-    EXPECT_EQ(first % 200, 0);
-    const ssize_t second = ::read(raw, reinterpret_cast<char*>(shorts.data()) + first, 1000);
-    ASSERT_GT(second, 0);
-    for (ssize_t i = 0; i < (first + second) / 2; ++i) {
+    EXPECT_EQ(::read(raw, shorts.data(), 450), 400);
+    EXPECT_EQ(::read(raw, shorts.data() + 200, 1000), 1000);
+    for (int16_t i = 0; i < 700; ++i) {
         ASSERT_EQ(shorts[static_cast<size_t>(i)], i);
     }
     std::vector<int32_t> words(300, -1);
     const iovec parts[] = {{nullptr, 0}, {words.data(), 1200}};
-    const ssize_t third = ::readv(filtered, parts, 2);
-    ASSERT_GT(third, 0);
-    for (ssize_t i = 0; i < third / 4; ++i) {
+    EXPECT_EQ(::readv(filtered, parts, 2), 1200);
+    for (int32_t i = 0; i < 300; ++i) {
         ASSERT_EQ(words[static_cast<size_t>(i)], i);
     }
     EXPECT_EQ(instrument().statistics(0, Stream::Raw).reads, 2u);
@@ -351,7 +307,6 @@ TEST_F(Devices, BlockingStreamWaitsForItsFirstDescriptor) {
     const Descriptor memory(::open("/dev/mem", O_RDWR));
     const Descriptor raw(::open("/dev/tolvn_dma_r0", O_RDWR));
     prepare(raw, 40);  // 20 samples: 20 ms
-    ASSERT_GE(ioctl(raw, startTransfer, 0L), 0);
     startModule(memory);
     std::array<int16_t, 20> samples{};
     ASSERT_EQ(::read(raw, samples.data(), 40), 40);

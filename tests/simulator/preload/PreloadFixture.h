@@ -19,7 +19,7 @@
 class Descriptor {
 public:
     explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Descriptor(Descriptor&&) = delete;
     Descriptor& operator=(Descriptor&&) = delete;
     ~Descriptor() { reset(); }
     void reset(int fd = -1) {
@@ -64,17 +64,8 @@ protected:
         scenario.unthrottled = true;
         return scenario;
     }
-
-    static kestrixsim::Fault fault(kestrixsim::FaultKind kind, int target = -1, int code = 0) {
-        kestrixsim::Fault made;
-        made.kind = kind;
-        made.target = target;
-        made.code = code;
-        return made;
-    }
 };
 
-constexpr uint64_t globalBlock = 0xA6000000;
 constexpr uint64_t adcBlock = 0xA0200000;
 constexpr uint64_t moduleBlock = 0xA0000000;
 constexpr uint64_t scratchWord = adcBlock + 0x08;  // 32 bits that nothing uses
@@ -113,17 +104,16 @@ inline void prepare(int stream, long descriptorSize) {
     ASSERT_GE(ioctl(stream, setCount, 16L), 0);
     ASSERT_EQ(ioctl(stream, setSize, descriptorSize), 0);
     ASSERT_GE(ioctl(stream, reserve, 0L), 0);
+    ASSERT_GE(ioctl(stream, startTransfer, 0L), 0);
 }
 
 // Module 0 at 1 kHz on both streams.
 inline void startModule(int memory) {
-    const uint64_t module = moduleBlock;
-    storeWord(memory, module + 0x10C, 15000);
-    storeWord(memory, module + 0x130, 0xFFFFFFFF);
-    storeWord(memory, module + 0x100, 0x30000000);
-    storeWord(memory, module + 0x104, 0x35);
-    storeWord(memory, module + 0x108, 11);
-    storeWord(memory, module + 0x124, 3);
-    storeWord(memory, adcBlock + 0x04, 1);
-    storeWord(memory, adcBlock + 0x00, 1);
+    const std::pair<uint64_t, uint32_t> stores[] = {
+        {moduleBlock + 0x10C, 15000}, {moduleBlock + 0x130, 0xFFFFFFFF}, {moduleBlock + 0x100, 0x30000000},
+        {moduleBlock + 0x104, 0x35}, {moduleBlock + 0x108, 11}, {moduleBlock + 0x124, 3}, {adcBlock + 0x04, 1},
+        {adcBlock + 0x00, 1}};
+    for (const auto& [address, word] : stores) {
+        storeWord(memory, address, word);
+    }
 }
