@@ -32,4 +32,12 @@ std::string failure(Call&& call) {
     }
 }
 
+// The text that a call gives, or its failure.
+template <class Call>
+std::string outcome(Call&& call) {
+    std::string text;
+    const std::string error = failure([&] { text = call(); });
+    return error.empty() ? text : error;
+}
+
 }  // namespace Harvane::RT::Core::Testing

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "modules/daq/amplifier/Amplifier.h"
 
 using namespace Harvane::RT::Modules::Daq;
@@ -33,50 +35,40 @@ TEST(Amplifier, WithoutSettingsItLeavesValuesAlone) {
 }
 
 TEST(Amplifier, ScaleAndOffsetByMeasurement) {
-    struct Case {
-        const char* measurement;
-        double excitation, shunt;
-        bool milliampere;
-        double scale, offset;
-    };
-    for (const auto& c :
-         {Case{"Bridge", 0.0, 0, false, 10000.0, 3.5}, Case{"Bridge", 0.1, 0, false, 10000.0, 3.5},
-          Case{"Bridge", 0.0999, 0, false, 10000.0, 3.5}, Case{"Bridge", 5.0, 0, false, 200.0, 3.5},
-          Case{"Potentiometer", 2.0, 0, false, 500.0, 0}, Case{"Resistance", 4.0, 0, false, 250.0, 0},
-          Case{"Resistance", 0.0, 0, false, 10000.0, 0}, Case{"Current", 5.0, 50.0, false, 0.02, 0},
-          Case{"Current", 5.0, 50.0, true, 20.0, 0}, Case{"Current", 5.0, 0.0, false, 10000.0, 0},
-          Case{"Current", 5.0, 0.0, true, 10000000.0, 0}, Case{"Current", 5.0, 0.0001, false, 10000.0, 0},
-          Case{"Voltage", 5.0, 50.0, true, 1.0, 0}, Case{"bridge", 5.0, 50.0, true, 1.0, 0}}) {
-        ScalingAmplifier amplifier(c.measurement);
-        amplifier.excitationValue = c.excitation;
-        amplifier.externalShuntResistance = c.shunt;
-        amplifier.milliampere = c.milliampere;
+    for (const auto& [measurement, excitation, shunt, milliampere, scale, offset] :
+         {std::tuple{"Bridge", 0.0, 0.0, false, 10000.0, 3.5}, {"Bridge", 0.1, 0.0, false, 10000.0, 3.5},
+          {"Bridge", 0.0999, 0.0, false, 10000.0, 3.5}, {"Bridge", 5.0, 0.0, false, 200.0, 3.5},
+          {"Potentiometer", 2.0, 0.0, false, 500.0, 0.0}, {"Resistance", 4.0, 0.0, false, 250.0, 0.0},
+          {"Resistance", 0.0, 0.0, false, 10000.0, 0.0}, {"Current", 5.0, 50.0, false, 0.02, 0.0},
+          {"Current", 5.0, 50.0, true, 20.0, 0.0}, {"Current", 5.0, 0.0, false, 10000.0, 0.0},
+          {"Current", 5.0, 0.0, true, 10000000.0, 0.0}, {"Current", 5.0, 0.0001, false, 10000.0, 0.0},
+          {"Voltage", 5.0, 50.0, true, 1.0, 0.0}, {"bridge", 5.0, 50.0, true, 1.0, 0.0}}) {
+        ScalingAmplifier amplifier(measurement);
+        amplifier.excitationValue = excitation;
+        amplifier.externalShuntResistance = shunt;
+        amplifier.milliampere = milliampere;
         amplifier.bridgeOffset = 3.5;
-        EXPECT_DOUBLE_EQ(amplifier.getScale(), c.scale) << c.measurement << " " << c.excitation << " " << c.shunt;
-        EXPECT_EQ(amplifier.getOffset(), c.offset) << c.measurement;
+        EXPECT_DOUBLE_EQ(amplifier.getScale(), scale) << measurement << " " << excitation << " " << shunt;
+        EXPECT_EQ(amplifier.getOffset(), offset) << measurement;
     }
 }
 
 TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
-    struct Case {
-        double offset, excitation;
-        const char* range;
-        int index;
-    };
-    for (const auto& c : {Case{100.0, 5.0, "150", 0}, Case{0.0, 5.0, "150", 1}, Case{0.0, 5.0, "200", 1},
-                          Case{0.0, 5.0, "200.5", 0}, Case{-60.0, 5.0, "150", 0}, Case{-50.0, 5.0, "150", 1},
-                          Case{0.0, 5.0, "99999", 0}, Case{0.0, 0.0, "10000", 1}, Case{0.0, 5.0, "0.5", 1}}) {
+    for (const auto& [offset, excitation, range, index] :
+         {std::tuple{100.0, 5.0, "150", 0}, {0.0, 5.0, "150", 1}, {0.0, 5.0, "200", 1}, {0.0, 5.0, "200.5", 0},
+          {-60.0, 5.0, "150", 0}, {-50.0, 5.0, "150", 1}, {0.0, 5.0, "99999", 0}, {0.0, 0.0, "10000", 1},
+          {0.0, 5.0, "0.5", 1}}) {
         Amplifier amplifier;
         amplifier.addMeasurementValue("Bridge");
         amplifier.addDeviceRange(10.0);
         amplifier.addDeviceRange(1.0);
-        amplifier.addRangeValue(c.range);
-        amplifier.bridgeOffset = c.offset;
-        amplifier.excitationValue = c.excitation;
-        EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), c.index) << c.range << " " << c.offset;
-        if (c.excitation > 0.0) {
-            EXPECT_EQ(amplifier.getFullDeviceRangeMin(0), c.offset - 2000.0);
-            EXPECT_EQ(amplifier.getFullDeviceRangeMax(0), c.offset + 2000.0);
+        amplifier.addRangeValue(range);
+        amplifier.bridgeOffset = offset;
+        amplifier.excitationValue = excitation;
+        EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), index) << range << " " << offset;
+        if (excitation > 0.0) {
+            EXPECT_EQ(amplifier.getFullDeviceRangeMin(0), offset - 2000.0);
+            EXPECT_EQ(amplifier.getFullDeviceRangeMax(0), offset + 2000.0);
         }
     }
 }

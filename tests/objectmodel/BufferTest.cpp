@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <numeric>
+#include <tuple>
 
 #include "modules/daq/objectmodel/CanMessage.h"
 #include "modules/daq/objectmodel/ChannelBuffer.h"
@@ -50,17 +51,15 @@ TEST(ChannelBuffer, RingWrapsAndOverwritesTheOldest) {
 }
 
 TEST(ChannelBuffer, IncrementWrapsOnce) {
-    struct Case {
-        unsigned long position, size, count, newPosition, newSize;
-    };
-    for (const auto& c : {Case{7, 7, 6, 3, 10}, Case{7, 7, 3, 0, 10}, Case{0, 0, 9, 9, 9}, Case{2, 10, 1, 3, 10}}) {
+    for (const auto& [position, size, count, newPosition, newSize] :
+         {std::tuple{7u, 7u, 6u, 3u, 10u}, {7u, 7u, 3u, 0u, 10u}, {0u, 0u, 9u, 9u, 9u}, {2u, 10u, 1u, 3u, 10u}}) {
         ChannelBuffer<short> buffer;
         buffer.setCapacity(10);
-        buffer.setPosition(c.position);
-        buffer.setSize(c.size);
-        buffer.incrementSamplePosition(c.count);
-        EXPECT_EQ(buffer.getPosition(), c.newPosition);
-        EXPECT_EQ(buffer.getSize(), c.newSize);
+        buffer.setPosition(position);
+        buffer.setSize(size);
+        buffer.incrementSamplePosition(count);
+        EXPECT_EQ(buffer.getPosition(), newPosition);
+        EXPECT_EQ(buffer.getSize(), newSize);
     }
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 
 #include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -30,25 +31,18 @@ std::unique_ptr<Channel> activeChannel(SampleType type, unsigned long capacity) 
 }
 
 TEST(Channel, BufferHoldsTwoSecondsInWholeGrains) {
-    struct Case {
-        SampleType type;
-        int rate;
-        std::uint64_t granularity;
-        bool active;
-        unsigned long capacity;
-    };
-    for (const auto& c : {Case{SampleType::Async, 5000, 1, true, 10000}, Case{SampleType::Sync, 1000, 16, true, 2000},
-                          Case{SampleType::Sync, 1001, 16, true, 2000}, Case{SampleType::Sync, 100, 32, true, 192},
-                          Case{SampleType::Sync, 1000, 16, false, 0}, Case{SampleType::SingleValue, 700, 1, true, 2},
-                          Case{SampleType::Async, 0, 1, true, 0}, Case{SampleType::Async, -5, 1, true, 0},
-                          Case{SampleType::Sync, 10, 0, true, 20}, Case{SampleType::Sync, 4, 16, true, 0}}) {
+    for (const auto& [type, rate, granularity, active, capacity] :
+         {std::tuple{SampleType::Async, 5000, 1u, true, 10000u}, {SampleType::Sync, 1000, 16u, true, 2000u},
+          {SampleType::Sync, 1001, 16u, true, 2000u}, {SampleType::Sync, 100, 32u, true, 192u},
+          {SampleType::Sync, 1000, 16u, false, 0u}, {SampleType::SingleValue, 700, 1u, true, 2u},
+          {SampleType::Async, 0, 1u, true, 0u}, {SampleType::Async, -5, 1u, true, 0u},
+          {SampleType::Sync, 10, 0u, true, 20u}, {SampleType::Sync, 4, 16u, true, 0u}}) {
         Channel channel(0);
-        channel.sampleType = c.type;
-        channel.deviceRate = c.rate;
-        channel.asyncRate = c.rate;
-        channel.bufferGranularity = c.granularity;
-        channel.active = c.active;
-        EXPECT_EQ(channel.calculateBufferCapacity(), c.capacity) << c.rate << " " << c.granularity;
+        channel.sampleType = type;
+        channel.deviceRate = channel.asyncRate = rate;
+        channel.bufferGranularity = granularity;
+        channel.active = active;
+        EXPECT_EQ(channel.calculateBufferCapacity(), capacity) << rate << " " << granularity;
     }
 }
 
@@ -128,43 +122,35 @@ TEST(Channel, BlockOfSamplesStaysBelowTheCapacityInOneCycle) {
 }
 
 TEST(Channel, RateOfEachSampleType) {
-    struct Case {
-        SampleType type;
-        int request, rate;
-    };
-    for (const auto& c : {Case{SampleType::Sync, 250, 250}, Case{SampleType::Sync, 300, 333},
-                          Case{SampleType::Sync, 5000, 1000}, Case{SampleType::Sync, 0, 1000},
-                          Case{SampleType::Sync, -1000, 1000}, Case{SampleType::Async, 77, 77},
-                          Case{SampleType::SingleValue, 77, 1}}) {
+    for (const auto& [type, request, rate] :
+         {std::tuple{SampleType::Sync, 250, 250}, {SampleType::Sync, 300, 333}, {SampleType::Sync, 5000, 1000},
+          {SampleType::Sync, 0, 1000}, {SampleType::Sync, -1000, 1000}, {SampleType::Async, 77, 77},
+          {SampleType::SingleValue, 77, 1}}) {
         Channel channel(0);
-        channel.sampleType = c.type;
-        channel.setRate(c.request);
+        channel.sampleType = type;
+        channel.setRate(request);
         channel.setSRDiv(0);
         channel.setSRDiv(-1);
-        EXPECT_EQ(channel.getRate(), c.rate) << c.request;
+        EXPECT_EQ(channel.getRate(), rate) << request;
     }
 }
 
 TEST(Channel, AnalogBufferTypeFollowsTheResolution) {
-    struct Case {
-        bool isFloat;
-        int resolution;
-        unsigned long sampleSize;  // 0: refused
-    };
-    for (const auto& c : {Case{true, 32, 4}, Case{true, 64, 8}, Case{true, 16, 0}, Case{false, 8, 1}, Case{false, 9, 2},
-                          Case{false, 16, 2}, Case{false, 17, 4}, Case{false, 32, 4}, Case{false, 33, 0},
-                          Case{false, 64, 0}}) {
+    // A size of 0 means refused.
+    for (const auto& [isFloat, bits, sampleSize] :
+         {std::tuple{true, 32, 4u}, {true, 64, 8u}, {true, 16, 0u}, {false, 8, 1u}, {false, 9, 2u}, {false, 16, 2u},
+          {false, 17, 4u}, {false, 32, 4u}, {false, 33, 0u}, {false, 64, 0u}}) {
         AIChannel ai(0);
         AOChannel ao(0);
         for (auto [channel, resolution] : {std::pair<Channel*, int*>{&ai, &ai.resolution}, {&ao, &ao.resolution}}) {
-            channel->isFloat = c.isFloat;
-            *resolution = c.resolution;
-            if (c.sampleSize == 0) {
-                EXPECT_THROW(channel->initialize(), InvalidTypeException) << c.resolution;
+            channel->isFloat = isFloat;
+            *resolution = bits;
+            if (sampleSize == 0) {
+                EXPECT_THROW(channel->initialize(), InvalidTypeException) << bits;
             } else {
                 channel->initialize();
-                EXPECT_EQ(channel->buffer->getSampleSize(), c.sampleSize) << c.resolution;
-                EXPECT_EQ(channel->isFloat, c.isFloat);
+                EXPECT_EQ(channel->buffer->getSampleSize(), sampleSize) << bits;
+                EXPECT_EQ(channel->isFloat, isFloat);
                 EXPECT_EQ(channel->timeBuffer != nullptr, channel == &ao);
             }
         }
@@ -172,17 +158,12 @@ TEST(Channel, AnalogBufferTypeFollowsTheResolution) {
 }
 
 TEST(Channel, AnalogScaleFollowsRangeAndResolution) {
-    struct Case {
-        bool isFloat;
-        int resolution;
-        double scale;
-    };
-    for (const auto& c : {Case{false, 16, 20.0 / 65536.0}, Case{false, 32, 20.0 / 4294967296.0},
-                          Case{true, 32, 1.0}}) {
+    for (const auto& [isFloat, resolution, scale] :
+         {std::tuple{false, 16, 20.0 / 65536.0}, {false, 32, 20.0 / 4294967296.0}, {true, 32, 1.0}}) {
         AIChannel input(0);
         AOChannel output(0);
-        input.isFloat = output.isFloat = c.isFloat;
-        input.resolution = output.resolution = c.resolution;
+        input.isFloat = output.isFloat = isFloat;
+        input.resolution = output.resolution = resolution;
         input.initialize();
         output.initialize();
         ASSERT_TRUE(input.amplifier);
@@ -192,8 +173,8 @@ TEST(Channel, AnalogScaleFollowsRangeAndResolution) {
         input.initializeAcquisition();
         output.offset = 3.0;
         output.initializeAcquisition();
-        EXPECT_DOUBLE_EQ(input.scale, c.scale) << c.resolution;
-        EXPECT_DOUBLE_EQ(output.scale, c.scale) << c.resolution;
+        EXPECT_DOUBLE_EQ(input.scale, scale) << resolution;
+        EXPECT_DOUBLE_EQ(output.scale, scale) << resolution;
         EXPECT_EQ(input.scaleValue(0.0), 0.25);
         EXPECT_EQ(output.scaleValue(0.0), 0.0);
         EXPECT_EQ(input.unit, "mV/V");

@@ -62,22 +62,19 @@ TEST(Discovery, FactoriesAndConnectionPointsMakeATree) {
     interfaces.push_back(std::make_shared<FixedInterface>());
     interfaces.push_back(std::make_shared<WideInterface>());
     interfaces.scan();
-    struct Case {
-        std::vector<std::shared_ptr<DeviceFactory>> factories;
-        const char* tree;
-    };
-    for (const auto& c : {
-             Case{{finds<FoundDevice, Elsewhere>()}, "Measurement system"},
+    using Factories = std::vector<std::shared_ptr<DeviceFactory>>;
+    for (const auto& [factories, tree] : {
+             std::pair{Factories{finds<FoundDevice, Elsewhere>()}, "Measurement system"},
              // The first factory that knows a connection point wins.
-             Case{{finds<FoundDevice, Elsewhere>(), finds<FoundDevice, At<20>>(), finds<SecondDevice, At<10>>(),
-                   finds<FoundDevice, At<10>>()}, "Measurement system\n+SecondDevice\n+FoundDevice"},
-             Case{{finds<FoundDevice, Left>(), finds<SecondDevice, Right>(), finds<FoundDevice, At<10>>()},
-                  "Measurement system\n+FoundDevice\n+Device Group\n++FoundDevice\n++SecondDevice"},
-             Case{{finds<SecondDevice, Right>()}, "Measurement system\n+SecondDevice"},
-             Case{{finds<FoundDevice, At<10>>(), finds<RootDevice, At<20>>()}, "Own root\n+FoundDevice"}}) {
+             {{finds<FoundDevice, Elsewhere>(), finds<FoundDevice, At<20>>(), finds<SecondDevice, At<10>>(),
+               finds<FoundDevice, At<10>>()}, "Measurement system\n+SecondDevice\n+FoundDevice"},
+             {{finds<FoundDevice, Left>(), finds<SecondDevice, Right>(), finds<FoundDevice, At<10>>()},
+              "Measurement system\n+FoundDevice\n+Device Group\n++FoundDevice\n++SecondDevice"},
+             {{finds<SecondDevice, Right>()}, "Measurement system\n+SecondDevice"},
+             {{finds<FoundDevice, At<10>>(), finds<RootDevice, At<20>>()}, "Own root\n+FoundDevice"}}) {
         DaqFactory factory;
-        factory.deviceFactories = c.factories;
-        EXPECT_EQ(factory.createSystemDevice(interfaces)->toString(), c.tree);
+        factory.deviceFactories.assign(factories.begin(), factories.end());
+        EXPECT_EQ(factory.createSystemDevice(interfaces)->toString(), tree);
     }
 }
 

@@ -93,20 +93,21 @@ TEST(SyncDataReceiverThread, KeepsTheStreamBehindItsHeadUpToTheFirstLoss) {
 
 TEST(SyncDataReceiverThread, AnyFailureEndsTheRunAndTheNextOneStarts) {
     Receiver receiver({200});
-    receiver.thread.blockSize = 200;
-    receiver.thread.dataLostFn = [] { throw std::runtime_error("nobody to tell"); };
-    receiver.run();
-    EXPECT_EQ(receiver.errors, 1);
-    receiver.thread.readFn = [](int, unsigned char*, unsigned long, int) -> unsigned long { throw 42; };
-    receiver.run();
-    EXPECT_EQ(receiver.errors, 2);
-    receiver.thread.readFn = nullptr;
-    receiver.run();
-    EXPECT_EQ(receiver.errors, 3);
-    receiver.thread.blockSize = ~0ul;  // beyond what any vector holds: fails ahead of the first read
-    receiver.run();
-    EXPECT_EQ(receiver.errors, 4);
-    receiver.thread.errorFn = nullptr;
+    auto& thread = receiver.thread;
+    thread.blockSize = 200;
+    thread.dataLostFn = [] { throw std::runtime_error("nobody to tell"); };
+    const std::function<void()> furtherFaults[] = {
+        [&] { thread.readFn = [](int, unsigned char*, unsigned long, int) -> unsigned long { throw 42; }; },
+        [&] { thread.readFn = nullptr; },
+        [&] { thread.blockSize = ~0ul; },  // beyond what any vector holds: fails ahead of the first read
+        [&] { thread.errorFn = nullptr; },
+    };
+    int runs = 0;
+    for (const auto& fault : furtherFaults) {
+        receiver.run();
+        EXPECT_EQ(receiver.errors, ++runs);
+        fault();
+    }
     receiver.run();
     EXPECT_TRUE(receiver.thread.getFinished());
 }
@@ -184,15 +185,11 @@ TEST(DataReceiverThread, EachStartWaitsUntilTheThreadIsReady) {
 }
 
 TEST(SubDevice, ReceiverThreadHoldsTwoSecondsInBlocksOf50Ms) {
-    struct Case {
-        int channels;
-        unsigned long blockSize, capacity;
-    };
-    for (const auto& c : {Case{3, 600, 24000}, Case{0, 1, 0}}) {
-        SubTree tree(c.channels);
+    for (const auto& [channels, blockSize, capacity] : {std::tuple{3, 600u, 24000u}, {0, 1u, 0u}}) {
+        SubTree tree(channels);
         auto thread = tree.part->receiverThread;
-        EXPECT_EQ(thread->blockSize, c.blockSize);
-        EXPECT_EQ(thread->getCapacity(), c.capacity);
+        EXPECT_EQ(thread->blockSize, blockSize);
+        EXPECT_EQ(thread->getCapacity(), capacity);
         tree.part->createAndInitializeReceiverThread();
         EXPECT_EQ(tree.part->receiverThread, thread);
     }

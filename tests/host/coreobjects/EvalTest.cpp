@@ -6,22 +6,18 @@ using namespace Harvane::RT::Core::Testing;
 namespace {
 
 std::string evaluated(const GenericPropertyObjectPtr& object, const char* expression) {
-    std::string text;
-    const std::string error = failure([&] {
+    return outcome([&] {
         const auto eval = makeEval(expression);
         const auto bound = made<IEvalValue>([&](IEvalValue** copy) { return eval->bind(object.get(), copy); });
         const auto value = made<IBaseObject>([&](IBaseObject** result) { return bound->getResult(result); });
         static const char* const marks[] = {"b:", "i:", "f:", "s:", "l:", "d:", "r:"};
         const auto type = static_cast<size_t>(coreTypeOf(value));
-        text = !value ? "empty" : (type < std::size(marks) ? marks[type] : "") + textOf(value);
+        return !value ? "empty" : (type < std::size(marks) ? marks[type] : "") + textOf(value);
     });
-    return error.empty() ? text : error;
 }
 
 GenericPropertyObjectPtr makeFixture() {
-    const auto object = makeObject();
-    object.registerProperty(PropertyInfoPtr::create("Zero", CoreType::Int).defaultValue(0));
-    object.registerProperty(PropertyInfoPtr::create("Off", CoreType::Int).defaultValue(0).enabled(false));
+    const auto object = makeObject({property("Zero").defaultValue(0), property("Off").defaultValue(0).enabled(false)});
     object.setPropertyValue("Three", 3);
     object.setPropertyValue("Half", 0.5);
     object.setPropertyValue("Yes", true);
@@ -118,10 +114,9 @@ TEST(Eval, deepTextIsRefusedAndLongTextIsNot) {
 }
 
 TEST(Eval, circlesEnd) {
-    const auto object = makeObject();
-    object.registerProperty(PropertyInfoPtr::create("A", CoreType::Int).defaultValue(makeEval("$B + 1")));
-    object.registerProperty(PropertyInfoPtr::create("B", CoreType::Int).defaultValue(makeEval("$A + $A")));
-    object.registerProperty(PropertyInfoPtr::create("C", CoreType::Int).defaultValue(1).enabled(makeEval("$C == 1")));
+    const auto object = makeObject({property("A").defaultValue(makeEval("$B + 1")),
+                                    property("B").defaultValue(makeEval("$A + $A")),
+                                    property("C").defaultValue(1).enabled(makeEval("$C == 1"))});
     EXPECT_EQ("80000015", get(object, "A").substr(0, 8));
     EXPECT_NE(std::string::npos, get(object, "B").find("they seem to need each other"));
     EXPECT_EQ("80000015", get(object, "C").substr(0, 8));

@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
+#include <vector>
 
 #include <zorn/objects/property_object.h>
 #include <zorn/objects/serialization.h>
+#include <zorn/types/callable.h>
 
 #include "tests/host/Made.h"
 
@@ -15,6 +16,18 @@ namespace Harvane::RT::Core::Testing {
 
 inline GenericPropertyObjectPtr makeObject(const char* className = "") {
     return made<IPropertyObject>(createPropertyObject, nullptr, StringPtr(className).get());
+}
+
+inline PropertyInfoPtr property(const char* name, CoreType type = CoreType::Int) {
+    return PropertyInfoPtr::create(name, type);
+}
+
+// An object with these properties, registered in their order.
+inline GenericPropertyObjectPtr makeObject(std::initializer_list<PropertyInfoPtr> infos) {
+    const auto object = makeObject();
+    for (const auto& info : infos)
+        object.registerProperty(info);
+    return object;
 }
 
 inline ObjectPtr<IEvalValue> makeEval(const char* expression) {
@@ -28,13 +41,29 @@ inline ListPtr makeTexts(std::initializer_list<const char*> texts) {
     return list;
 }
 
-inline std::string get(const GenericPropertyObjectPtr& object, const char* name) {
-    std::string value;
-    const std::string error = failure([&] {
-        const BasePtr result = object.getPropertyValue<>(name);
-        value = result ? textOf(result) : "(null)";
+template <class I>
+std::string get(const PropertyObjectPtr<I>& object, const char* name) {
+    return outcome([&] {
+        const BasePtr result = object.template getPropertyValue<>(name);
+        return result ? textOf(result) : "(null)";
     });
-    return error.empty() ? value : error;
+}
+
+// Writes down what a change event says.
+inline ObjectPtr<IEventHandler> recorder(std::vector<std::string>& log, const std::string& who) {
+    return makeHandler([&log, who](const BasePtr& sender, const ObjectPtr<IEventArgs>& raw) {
+        const PropertyValueChangedEventArgsPtr arguments(raw.asPtr<IPropertyValueChangedEventArgs>());
+        int32_t type = -1;
+        checkErrorInfo(arguments->getChangeType(&type));
+        EXPECT_TRUE(sender.asPtrOrNull<IPropertyObject>());
+        log.push_back(who + " " + arguments.getPropertyName().toStdString() + "=" + textOf(arguments.getValue()) +
+                      (type == 1 ? " cleared" : ""));
+    });
+}
+
+template <class I>
+void listen(const PropertyObjectPtr<I>& object, const ObjectPtr<IEventHandler>& handler) {
+    checkErrorInfo(object.getOnPropertyValueChanged()->addHandler(handler.get()));
 }
 
 // The serialised form without line feeds and indentation.
@@ -42,7 +71,14 @@ inline std::string serialized(const BasePtr& object) {
     const auto serializer = made<ISerializer>(createJsonSerializer);
     checkErrorInfo(object.asPtr<ISerializable>()->serialize(serializer.get()));
     const StringPtr text = made<IString>([&](IString** output) { return serializer->getOutput(output); });
-    return std::regex_replace(text.toStdString(), std::regex("\n *"), "");
+    std::string line;
+    bool indented = false;
+    for (const char c : text.toStdString()) {
+        indented = c == '\n' || (indented && c == ' ');
+        if (!indented)
+            line += c;
+    }
+    return line;
 }
 
 inline BasePtr deserialized(const std::string& text) {
@@ -51,7 +87,8 @@ inline BasePtr deserialized(const std::string& text) {
     });
 }
 
-inline void update(const GenericPropertyObjectPtr& object, const std::string& text, ConfigurationMode mode = 1) {
+template <class I>
+void update(const PropertyObjectPtr<I>& object, const std::string& text, ConfigurationMode mode = 1) {
     const auto setup = made<ISerializedObject>([&](ISerializedObject** parsed) {
         return made<IDeserializer>(createJsonDeserializer)->parse(StringPtr(text).get(), parsed);
     });

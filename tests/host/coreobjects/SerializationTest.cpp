@@ -1,9 +1,7 @@
 #include "tests/host/coreobjects/Objects.h"
 
 #include <limits>
-#include <vector>
 
-#include <zorn/objects/property_object_impl.h>
 #include <zorn/structure/property_classes.h>
 
 using namespace Harvane::RT::Core;
@@ -133,11 +131,10 @@ TEST(Update, actionsDecide) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        const auto object = makeObject();
-        auto info = PropertyInfoPtr::create("P", CoreType::String).defaultValue("default");
+        const auto info = property("P", CoreType::String).defaultValue("default");
         if (c.states != 0)
             info.configurationAction(1, c.states, c.action);
-        object.registerProperty(info);
+        const auto object = makeObject({info});
         if (c.set)
             object.setPropertyValue("P", "here");
         update(object, c.inSetup ? R"({"propValues": {"P": "setup"}})" : R"({"propValues": {}})");
@@ -149,13 +146,10 @@ TEST(Update, actionsDecide) {
 }
 
 TEST(Update, kindsOfProperties) {
-    const auto object = makeObject();
-    object.registerProperty(PropertyInfoPtr::create("Rate", CoreType::Ratio));
-    object.registerProperty(PropertyInfoPtr::create("Fixed", CoreType::Int).readOnly(1));
-    object.registerProperty(PropertyInfoPtr::create("Kept", CoreType::Object));
-    object.registerProperty(PropertyInfoPtr::create("Tree", CoreType::Object)
-                                .configurationAction(1, 7, ConfigurationAction::TakeOver));
-    object.registerProperty(PropertyInfoPtr::create("Items", CoreType::List));
+    const auto object = makeObject(
+        {property("Rate", CoreType::Ratio), property("Fixed").readOnly(1), property("Kept", CoreType::Object),
+         property("Tree", CoreType::Object).configurationAction(1, 7, ConfigurationAction::TakeOver),
+         property("Items", CoreType::List)});
     const auto kept = makeObject(), tree = makeObject(), first = makeObject("RangeItem"), second = makeObject();
     kept.setPropertyValue("X", 1);
     tree.setPropertyValue("X", 1);
@@ -183,8 +177,7 @@ TEST(Update, kindsOfProperties) {
 }
 
 TEST(Update, aFailureStopsItAndTellsWhy) {
-    const auto object = makeObject();
-    object.registerProperty(PropertyInfoPtr::create("B", CoreType::Int));
+    const auto object = makeObject({property("B")});
     EXPECT_EQ("80000001 Value type is different than property type and conversion failed",
               failure([&] { update(object, R"({"propValues": {"A": 1, "B": "x", "C": 3}})"); }));
     EXPECT_TRUE(object.isPropertySet("A"));

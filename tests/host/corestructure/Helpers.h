@@ -5,14 +5,13 @@
 
 #include <zorn/structure/module.h>
 
-#include "tests/host/Made.h"
+#include "tests/host/coreobjects/Objects.h"
 
 namespace Harvane::RT::Core {
 
 inline constexpr double Nan = std::numeric_limits<double>::quiet_NaN();
 
-using Testing::failure;
-using Testing::made;
+using namespace Testing;
 
 inline ChannelPtr<> syncChannel(SampleDataType type, const char* id = "0", double nan = Nan) {
     return made<IChannel>(createSyncChannel, StringPtr(id).get(), static_cast<int>(type), nan);

@@ -1,8 +1,4 @@
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tests/host/corestructure/Helpers.h"
 
@@ -40,7 +36,7 @@ TEST(Tree, NodeIdsAreUniqueAndTellThePlace) {
         EXPECT_EQ(folders[i].getNodeId(), std::string("data/daq/channels/") + ids[i]);
     }
     EXPECT_EQ(channel.getNodeId(), "data/daq/channels/AI~2/0");
-    EXPECT_EQ(channel.getPropertyValue<std::string>("NodeId"), "data/daq/channels/AI~2/0");
+    EXPECT_EQ(get(channel, "NodeId"), "data/daq/channels/AI~2/0");
     EXPECT_TRUE(channel.getPropertyValue("Parent").equals(folders[1]));
     EXPECT_TRUE(channel.getParent().equals(folders[1]));
     EXPECT_FALSE(tree.data.getParent());

@@ -26,11 +26,7 @@ protected:
 }  // namespace
 
 TEST_F(ErrorsTest, eachCodeHasItsClassAndText) {
-    struct Case {
-        ErrCode code;
-        const char* text;
-    };
-    const Case cases[] = {
+    const std::pair<ErrCode, const char*> cases[] = {
         {0x80000000, "No memory"}, {0x80000001, "Invalid parameter"}, {0x80000004, "Conversion failed"},
         {0x80000005, "Out of range"}, {0x80000006, "Not found"}, {0x8000000A, "Already exists"},
         {0x8000000B, "Not assigned"}, {0x8000000D, "Parse failed"}, {0x8000000E, "Invalid value"},
@@ -43,14 +39,14 @@ TEST_F(ErrorsTest, eachCodeHasItsClassAndText) {
         {0x80000030, "Validate failed"}, {0x80004002, "Invalid cast. The object does not implement this interface."},
         {0x80001234, ""},  // no class of its own
     };
-    for (const Case& c : cases) {
+    for (const auto& [code, text] : cases) {
         try {
-            checkErrorInfo(c.code);
-            ADD_FAILURE() << "no exception for " << c.text;
+            checkErrorInfo(code);
+            ADD_FAILURE() << "no exception for " << text;
         } catch (const ZornException& exception) {
-            EXPECT_EQ(c.code, exception.errorCode);
-            EXPECT_STREQ(c.text, exception.what());
-            EXPECT_EQ(*c.text != 0, exception.defaultMessage);
+            EXPECT_EQ(code, exception.errorCode);
+            EXPECT_STREQ(text, exception.what());
+            EXPECT_EQ(*text != 0, exception.defaultMessage);
         }
     }
     EXPECT_THROW(checkErrorInfo(0x80000006), NotFoundException);

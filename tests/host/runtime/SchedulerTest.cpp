@@ -93,17 +93,6 @@ TEST_F(SchedulerTest, CallsEveryModuleOnceACycleUnderTheLock) {
     EXPECT_EQ(scheduler.sequence(), 2 * (statistics.cycles + scheduler.statistics().cycles));
 }
 
-TEST_F(SchedulerTest, WaitsForTheLock) {
-    add([&]() -> ErrCode { return ++calls, Errors::Success; });
-    sync.lock();
-    scheduler.start();
-    std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(calls, 0u);
-    EXPECT_TRUE(scheduler.waitForCycleEnd(0)) << "whoever holds the lock sees no cycle";
-    sync.unlock();
-    EXPECT_TRUE(ranCycles(1));
-}
-
 TEST_F(SchedulerTest, SkipsWholePeriodsWhenLate) {
     constexpr long PeriodMs = 20;
     Scheduler slow(sync, PeriodMs);
@@ -136,8 +125,7 @@ TEST_F(SchedulerTest, FailingModuleIsLoggedSparinglyAndTheCycleGoesOn) {
     scheduler.start();
     ASSERT_TRUE(eventually([&] { return scheduler.statistics().failures >= 20; }));
     scheduler.stop();
-    const auto duration = std::chrono::steady_clock::now() - begin;
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration).count();
+    const auto seconds = (std::chrono::steady_clock::now() - begin) / 1s;
 
     const auto statistics = scheduler.statistics();
     EXPECT_EQ(statistics.failures, statistics.cycles);
@@ -182,6 +170,7 @@ TEST_F(SchedulerTest, StopWaitsForTheRunningCycle) {
 TEST_F(SchedulerTest, StopDoesNotWaitForALongPeriod) {
     Scheduler slow(sync, 3600000);
     slow.start();
+    EXPECT_TRUE(slow.waitForCycleEnd(0)) << "there is none";
     slow.stop();  // would last an hour
     EXPECT_EQ(slow.statistics().cycles, 0u);
 }
