@@ -25,11 +25,6 @@ int64_t toTicks(double value) {
     return std::isnan(value) ? 0 : static_cast<int64_t>(std::clamp(value, -limit, limit));
 }
 
-const char* textOf(const std::exception& exception) {
-    const char* text = exception.what();
-    return text == nullptr ? "(null)" : text;
-}
-
 }  // namespace
 
 DaqModuleImpl::DaqModuleImpl() : daqStructure(controller()) {}

@@ -118,11 +118,6 @@ void addRoute(const ChannelPtr<IChannel>& hostChannel, const char* className) {
                                  GenericPropertyObjectPtr(ObjectPtr<IPropertyObject>::take(route)));
 }
 
-const char* textOf(const std::exception& exception) {
-    const char* text = exception.what();
-    return text == nullptr ? "(null)" : text;
-}
-
 }  // namespace
 
 // Keeps the handlers from answering the bridge's own writes. Scopes nest.

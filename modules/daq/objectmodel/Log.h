@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <ostream>
 
 // plog writes wchar_t texts into a narrow stream, which C++20 deletes. This overload is found first, as it stands in
@@ -16,3 +17,13 @@ inline std::ostream& operator<<(std::ostream& stream, const wchar_t* text) {
 }
 
 #include <plog/Log.h>
+
+namespace Harvane::RT::Modules::Daq {
+
+/// What an exception says, for a log message. Never null.
+inline const char* textOf(const std::exception& exception) {
+    const char* text = exception.what();
+    return text == nullptr ? "(null)" : text;
+}
+
+}
