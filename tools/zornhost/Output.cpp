@@ -29,10 +29,13 @@ Output::Output() {
     data_ = kept >= 0 ? ::fdopen(kept, "w") : nullptr;
     dataIsTerminal_ = kept >= 0 && ::isatty(kept) != 0;
     progressIsTerminal_ = ::isatty(STDERR_FILENO) != 0;
-    if (data_ != nullptr)
+    if (data_ != nullptr) {
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    else
+        // What the module prints stands among the log's lines in its order, also in a pipe.
+        std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    } else {
         data_ = stdout;
+    }
 }
 
 Output::~Output() {
