@@ -75,8 +75,9 @@ public:
         }
     }
     ~Acquisition() {
-        for (const auto& ring : rings_)
+        for (const auto& ring : rings_) {
             ::close(ring.fd);
+        }
         channels_.clear();
         module_.release();
         std::jthread ticking(tick);
@@ -86,8 +87,9 @@ public:
 
     uint64_t bytes() const {
         uint64_t bytes = 0;
-        for (size_t i = 0; i < channels_.size(); ++i)
+        for (size_t i = 0; i < channels_.size(); ++i) {
             bytes += static_cast<uint64_t>(channels_[i].getSamplesAcquired()) * (i % 2 == 0 ? 2 : 4);
+        }
         return bytes;
     }
 
@@ -103,14 +105,17 @@ public:
             for (int i = 0; i < 2; ++i) {
                 const size_t free = ring.capacity - ring.position;
                 const ssize_t count = ::read(ring.fd, ring.data + ring.position, free);
-                if (count < 0 && errno != EAGAIN)
+                if (count < 0 && errno != EAGAIN) {
                     failed_ = errno;
-                if (count < 1)
+                }
+                if (count < 1) {
                     break;
+                }
                 bytes += static_cast<uint64_t>(count);
                 ring.position += static_cast<size_t>(count);
-                if (ring.position < ring.capacity)
+                if (ring.position < ring.capacity) {
                     break;
+                }
                 ring.position = 0;
             }
         }
@@ -197,12 +202,14 @@ void IdleCycle(benchmark::State& state) {
     double bareS = 0.0;
     for (auto _ : state) {
         moduleS += secondsOf([&] {
-            for (int i = 0; i < turn; ++i)
+            for (int i = 0; i < turn; ++i) {
                 bench.moduleCycle();
+            }
         });
         bareS += secondsOf([&] {
-            for (int i = 0; i < turn; ++i)
+            for (int i = 0; i < turn; ++i) {
                 benchmark::DoNotOptimize(bench.bareCycle());
+            }
         });
     }
     const double cycles = static_cast<double>(state.iterations()) * turn;

@@ -60,4 +60,4 @@ void registerDefinitions(benchmark::State& state) {
 }
 BENCHMARK(registerDefinitions)->Arg(10)->Arg(1000)->Unit(benchmark::kMillisecond);
 
-}
+}  // namespace

@@ -23,8 +23,9 @@ void get(benchmark::State& state, const GenericPropertyObjectPtr& object, const 
     const StringPtr name(property);
     for (auto _ : state) {
         IBaseObject* value = nullptr;
-        if (failed(object->getProperty(name.get(), &value)))
+        if (failed(object->getProperty(name.get(), &value))) {
             state.SkipWithError("get failed");
+        }
         value->releaseRef();
     }
 }
@@ -46,11 +47,14 @@ void PropertySetWithListener(benchmark::State& state) {
             .onValueChanged(makeHandler([&](const BasePtr&, const ObjectPtr<IEventArgs>&) { ++calls; })));
     const StringPtr name("Rate");
     const BasePtr value = toValue(1000);
-    for (auto _ : state)
-        if (failed(object->setProperty(name.get(), value.get())))
+    for (auto _ : state) {
+        if (failed(object->setProperty(name.get(), value.get()))) {
             state.SkipWithError("set failed");
-    if (calls == 0)
+        }
+    }
+    if (calls == 0) {
         state.SkipWithError("the listener was not called");
+    }
 }
 BENCHMARK(PropertySetWithListener);
 

@@ -46,7 +46,9 @@ DaqController& system() {
     return *controller;
 }
 
-KestrixAI& analog() { return dynamic_cast<KestrixAI&>(*system().daqDevices.at(0)->aiDevice); }
+KestrixAI& analog() {
+    return dynamic_cast<KestrixAI&>(*system().daqDevices.at(0)->aiDevice);
+}
 
 void useClock(int clock) {
     if (analog().baseClock != clock) {

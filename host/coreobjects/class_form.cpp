@@ -65,37 +65,47 @@ void refuseOtherKeys(ISerializedObject* object, const char* const (&known)[N], b
             std::any_of(std::begin(known), std::end(known), [&](const char* name) { return key == name; }) ||
             (withAttributes && std::any_of(std::begin(attributeForms), std::end(attributeForms),
                                            [&](const AttributeForm& form) { return key == form.key; }));
-        if (!isKnown)
+        if (!isKnown) {
             throw DeserializeException("unknown key \"%s\"", key.c_str());
+        }
     }
 }
 
 // Brings a plain attribute to the type that it must have.
 BasePtr fitted(const AttributeForm& form, const BasePtr& value, const StringPtr& property, CoreType type) {
-    if (borrow<IEvalValue>(value.get()) != nullptr)
+    if (borrow<IEvalValue>(value.get()) != nullptr) {
         return value;
+    }
     auto refuse = [&](const char* wanted) -> BasePtr {
         throw DeserializeException("\"%s\" of property \"%s\" must be %s", form.key, property.toStdString().c_str(),
                                    wanted);
     };
     const CoreType actual = coreTypeOf(value);
     switch (form.kind) {
-    case AttributeKind::List: return actual == CoreType::List ? value : refuse("a list");
-    case AttributeKind::Text: return actual == CoreType::String ? value : refuse("a string");
-    case AttributeKind::Flag: return actual == CoreType::Bool ? value : refuse("true or false");
-    case AttributeKind::EvalOnly: return refuse("an expression");
-    case AttributeKind::OfProperty: break;
+        case AttributeKind::List:
+            return actual == CoreType::List ? value : refuse("a list");
+        case AttributeKind::Text:
+            return actual == CoreType::String ? value : refuse("a string");
+        case AttributeKind::Flag:
+            return actual == CoreType::Bool ? value : refuse("true or false");
+        case AttributeKind::EvalOnly:
+            return refuse("an expression");
+        case AttributeKind::OfProperty:
+            break;
     }
-    if (type == CoreType::Enum)
+    if (type == CoreType::Enum) {
         type = CoreType::Int;
-    if (actual == type || type == CoreType::Object || type == CoreType::Reference)
+    }
+    if (actual == type || type == CoreType::Object || type == CoreType::Reference) {
         return value;
+    }
     // Numbers widen and ratios come as texts; everything else would be a slip of the pen.
     const bool widens = type == CoreType::Float && actual == CoreType::Int;
     const bool isRatio = type == CoreType::Ratio && (actual == CoreType::String || actual == CoreType::Int);
     IBaseObject* converted = nullptr;
-    if (!(widens || isRatio) || failed(value.asPtr<IConvertible>()->convertTo(type, &converted)))
+    if (!(widens || isRatio) || failed(value.asPtr<IConvertible>()->convertTo(type, &converted))) {
         return refuse(("of type " + std::string(nameOfType(type))).c_str());
+    }
     return BasePtr::take(converted);
 }
 
@@ -103,17 +113,20 @@ PropertyInfoPtr readProperty(ISerializedObject* form) {
     static const char* const known[] = {"name", "type", "selection", "hidden", "configurationActions"};
     refuseOtherKeys(form, known, true);
     const StringPtr name(readText(form, "name"));
-    if (name.view().empty())
+    if (name.view().empty()) {
         throw DeserializeException("a property needs a name");
+    }
     const std::string typeName = readText(form, "type");
     const auto type = std::find_if(std::begin(typeNames), std::end(typeNames),
                                    [&](const TypeName& entry) { return typeName == entry.name; });
-    if (type == std::end(typeNames))
+    if (type == std::end(typeNames)) {
         throw DeserializeException("unknown type \"%s\"", typeName.c_str());
+    }
     PropertyInfoPtr info = PropertyInfoPtr::create(name, type->type);
     for (const AttributeForm& attribute : attributeForms) {
-        if (!has(form, attribute.key))
+        if (!has(form, attribute.key)) {
             continue;
+        }
         IBaseObject* value = nullptr;
         checkErrorInfo(form->readValue(attribute.key, &value));
         const BasePtr plain = fitted(attribute, BasePtr::take(value), name, type->type);
@@ -134,21 +147,24 @@ PropertyInfoPtr readProperty(ISerializedObject* form) {
         const ListPtr rules = BasePtr::take(raw).asPtrOrNull<IList>();
         for (size_t i = 0, n = rules ? rules.getCount() : 0; i < n; ++i) {
             const ListPtr rule = rules.getItemAt(i).asPtrOrNull<IList>();
-            if (!rule || rule.getCount() != 3)
+            if (!rule || rule.getCount() != 3) {
                 throw DeserializeException("a configuration action is a list of mode, states and action");
+            }
             const auto number = [&](size_t at) { return fromValue<int>(rule.getItemAt(at)); };
             info.configurationAction(number(0), number(1), static_cast<ConfigurationAction>(number(2)));
         }
-        if (!rules)
+        if (!rules) {
             throw DeserializeException("\"configurationActions\" must be a list");
+        }
     }
     return info;
 }
 
 void writeProperty(ISerializer* serializer, const PropertyInfoPtr& info) {
     const char* type = nameOfType(info.getValueType());
-    if (type == nullptr)
+    if (type == nullptr) {
         throw NotSerializableException("Property %s has no serializable type", info.getName().toStdString().c_str());
+    }
     checkErrorInfo(serializer->startObject());
     checkErrorInfo(serializer->key("name"));
     checkErrorInfo(serializer->writeString(info.getName().toStdString().c_str()));
@@ -183,29 +199,34 @@ void writeProperty(ISerializer* serializer, const PropertyInfoPtr& info) {
             ConfigurationAction action{}, usual{};
             checkErrorInfo(info->getConfigurationAction(mode, state, &action));
             checkErrorInfo(plain->getConfigurationAction(mode, state, &usual));
-            if (action == usual)
+            if (action == usual) {
                 continue;
+            }
             if (!std::exchange(started, true)) {
                 checkErrorInfo(serializer->key("configurationActions"));
                 checkErrorInfo(serializer->startList());
             }
             checkErrorInfo(serializer->startList());
-            for (const int64_t number : {int64_t{mode}, int64_t{state}, static_cast<int64_t>(action)})
+            for (const int64_t number : {int64_t{mode}, int64_t{state}, static_cast<int64_t>(action)}) {
                 checkErrorInfo(serializer->writeInt(number));
+            }
             checkErrorInfo(serializer->endList());
         }
     }
-    if (started)
+    if (started) {
         checkErrorInfo(serializer->endList());
+    }
     checkErrorInfo(serializer->endObject());
 }
 
 }  // namespace
 
 const char* nameOfType(CoreType type) {
-    for (const TypeName& entry : typeNames)
-        if (entry.type == type)
+    for (const TypeName& entry : typeNames) {
+        if (entry.type == type) {
             return entry.name;
+        }
+    }
     return nullptr;
 }
 
@@ -218,30 +239,35 @@ void writeClassForm(ISerializer* serializer, const StringPtr& name, const String
     checkErrorInfo(serializer->startObject());
     text("__type", ClassFormId);
     text("name", name.toStdString());
-    if (!parent.view().empty())
+    if (!parent.view().empty()) {
         text("parent", parent.toStdString());
+    }
     checkErrorInfo(serializer->key("properties"));
     checkErrorInfo(serializer->startList());
-    for (const PropertyInfoPtr& info : infos)
+    for (const PropertyInfoPtr& info : infos) {
         writeProperty(serializer, info);
+    }
     checkErrorInfo(serializer->endList());
     checkErrorInfo(serializer->endObject());
 }
 
 ErrCode deserializeClass(ISerializedObject* serialized, IBaseObject** object) {
-    if (serialized == nullptr || object == nullptr)
+    if (serialized == nullptr || object == nullptr) {
         return Errors::ArgumentNull;
+    }
     *object = nullptr;
     return wrapHandler([&] {
         static const char* const known[] = {"__type", "name", "parent", "properties"};
         refuseOtherKeys(serialized, known, false);
         const std::string name = readText(serialized, "name");
-        if (name.empty())
+        if (name.empty()) {
             throw DeserializeException("a property class needs a name");
+        }
         const auto result = PropertyObjectClassPtr::create();
         result.setName(name);
-        if (has(serialized, "parent"))
+        if (has(serialized, "parent")) {
             result.setParent(readText(serialized, "parent"));
+        }
         ISerializedList* raw = nullptr;
         checkErrorInfo(serialized->readList("properties", &raw));
         const auto properties = ObjectPtr<ISerializedList>::take(raw);
@@ -255,8 +281,9 @@ ErrCode deserializeClass(ISerializedObject* serialized, IBaseObject** object) {
                 result.registerProperty(readProperty(form));
             } catch (const ZornException& exception) {
                 // A place that stands in the text already is deeper and better.
-                if (exception.message.starts_with("/"))
+                if (exception.message.starts_with("/")) {
                     throw;
+                }
                 throw DeserializeException("/properties/%zu: %s", i, exception.what());
             }
         }
@@ -265,8 +292,9 @@ ErrCode deserializeClass(ISerializedObject* serialized, IBaseObject** object) {
 }
 
 ErrCode deserializeEval(ISerializedObject* serialized, IBaseObject** object) {
-    if (serialized == nullptr || object == nullptr)
+    if (serialized == nullptr || object == nullptr) {
         return Errors::ArgumentNull;
+    }
     *object = nullptr;
     return wrapHandler([&] {
         static const char* const known[] = {"__type", "expr"};

@@ -11,9 +11,15 @@ namespace {
 
 constexpr int maxDepth = 64;  // of parentheses, calls, indices and signs
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isNameStart(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
-bool isNamePart(char c) { return isNameStart(c) || isDigit(c); }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+bool isNameStart(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+bool isNamePart(char c) {
+    return isNameStart(c) || isDigit(c);
+}
 
 class Parser {
 public:
@@ -21,8 +27,9 @@ public:
 
     EvalNode parse() {
         EvalNode result = expression();
-        if (at_ < text_.size())
+        if (at_ < text_.size()) {
             fail("unexpected \"" + std::string(1, text_[at_]) + "\"");
+        }
         return result;
     }
 
@@ -32,23 +39,23 @@ private:
                                    reason.c_str());
     }
 
-    void skipBlanks() {
-        at_ = std::min(text_.find_first_not_of(" \t\r\n", at_), text_.size());
-    }
+    void skipBlanks() { at_ = std::min(text_.find_first_not_of(" \t\r\n", at_), text_.size()); }
     char peek() {
         skipBlanks();
         return at_ < text_.size() ? text_[at_] : '\0';
     }
     bool take(std::string_view token) {
         skipBlanks();
-        if (text_.substr(at_, token.size()) != token)
+        if (text_.substr(at_, token.size()) != token) {
             return false;
+        }
         at_ += token.size();
         return true;
     }
     void require(std::string_view token) {
-        if (!take(token))
+        if (!take(token)) {
             fail("expected \"" + std::string(token) + "\"");
+        }
     }
 
     // One level of binary operators: `table` lists them, longer ones before their beginnings.
@@ -61,10 +68,12 @@ private:
         for (bool more = true; more;) {
             more = false;
             for (const auto& [token, operation] : table) {
-                if (!take(token))
+                if (!take(token)) {
                     continue;
-                if (node.operands.empty())
+                }
+                if (node.operands.empty()) {
                     node.operands.push_back(std::move(first));
+                }
                 node.operators.push_back(operation);
                 node.operands.push_back((this->*operand)());
                 more = repeats;
@@ -85,9 +94,8 @@ private:
     }
     EvalNode comparison() {
         static constexpr std::pair<std::string_view, EvalOperator> table[] = {
-            {"==", EvalOperator::Equal},       {"!=", EvalOperator::NotEqual},
-            {"<=", EvalOperator::LessEqual},   {"<", EvalOperator::Less},
-            {">=", EvalOperator::GreaterEqual}, {">", EvalOperator::Greater},
+            {"==", EvalOperator::Equal}, {"!=", EvalOperator::NotEqual},     {"<=", EvalOperator::LessEqual},
+            {"<", EvalOperator::Less},   {">=", EvalOperator::GreaterEqual}, {">", EvalOperator::Greater},
         };
         return chain(EvalKind::Compare, table, &Parser::sum, false);
     }
@@ -104,8 +112,9 @@ private:
 
     EvalNode unary() {
         const char sign = peek();
-        if (sign != '!' && sign != '-')
+        if (sign != '!' && sign != '-') {
             return primary();
+        }
         const Level level(*this);
         ++at_;
         EvalNode node;
@@ -116,22 +125,27 @@ private:
 
     EvalNode primary() {
         const char next = peek();
-        if (isDigit(next))
+        if (isDigit(next)) {
             return number();
-        if (next == '"' || next == '\'')
+        }
+        if (next == '"' || next == '\'') {
             return string(next);
-        if (next == '$' || next == '%')
+        }
+        if (next == '$' || next == '%') {
             return reference(next);
-        if (isNameStart(next))
+        }
+        if (isNameStart(next)) {
             return word();
+        }
         if (next == '(') {
             ++at_;
             EvalNode node = expression();
             require(")");
             return node;
         }
-        if (next == '\0')
+        if (next == '\0') {
             fail("a value is missing at the end");
+        }
         fail("expected a value instead of \"" + std::string(1, next) + "\"");
     }
 
@@ -145,8 +159,9 @@ private:
         const size_t start = at_;
         auto digits = [this] {
             const size_t from = at_;
-            while (at_ < text_.size() && isDigit(text_[at_]))
+            while (at_ < text_.size() && isDigit(text_[at_])) {
                 ++at_;
+            }
             return at_ > from;
         };
         digits();
@@ -160,8 +175,9 @@ private:
         if (complete && at_ < text_.size() && (text_[at_] == 'e' || text_[at_] == 'E')) {
             isFloat = true;
             ++at_;
-            if (at_ < text_.size() && (text_[at_] == '+' || text_[at_] == '-'))
+            if (at_ < text_.size() && (text_[at_] == '+' || text_[at_] == '-')) {
                 ++at_;
+            }
             complete = digits();
         }
         const std::string_view text = text_.substr(start, at_ - start);
@@ -178,8 +194,9 @@ private:
 
     EvalNode string(char quote) {
         const size_t end = text_.find(quote, at_ + 1);
-        if (end == std::string_view::npos)
+        if (end == std::string_view::npos) {
             fail("the text is not closed");
+        }
         EvalNode node = literal(toValue(text_.substr(at_ + 1, end - at_ - 1)));
         at_ = end + 1;
         return node;
@@ -187,10 +204,12 @@ private:
 
     std::string_view name() {
         const size_t start = at_;
-        if (at_ >= text_.size() || !isNameStart(text_[at_]))
+        if (at_ >= text_.size() || !isNameStart(text_[at_])) {
             fail("expected a name");
-        while (at_ < text_.size() && isNamePart(text_[at_]))
+        }
+        while (at_ < text_.size() && isNamePart(text_[at_])) {
             ++at_;
+        }
         return text_.substr(start, at_ - start);
     }
 
@@ -205,8 +224,9 @@ private:
         }
         node.name = StringPtr(path);
         if (peek() == '[') {
-            if (kind == '%')
+            if (kind == '%') {
                 fail("an index is possible behind \"$\" only");
+            }
             ++at_;
             node.operands.push_back(expression());
             require("]");
@@ -217,25 +237,26 @@ private:
     EvalNode word() {
         const size_t start = at_;
         const std::string_view text = name();
-        if (text == "true" || text == "false")
+        if (text == "true" || text == "false") {
             return literal(toValue(text == "true"));
+        }
         EvalNode node;
-        if (text == "switch")
+        if (text == "switch") {
             node.kind = EvalKind::Switch;
-        else if (text == "if")
+        } else if (text == "if") {
             node.kind = EvalKind::If;
-        else if (text == "min")
+        } else if (text == "min") {
             node.kind = EvalKind::Min;
-        else if (text == "max")
+        } else if (text == "max") {
             node.kind = EvalKind::Max;
-        else {
+        } else {
             at_ = start;
             fail("unknown word \"" + std::string(text) + "\"; a property needs a \"$\" or \"%\"");
         }
         require("(");
-        do
+        do {
             node.operands.push_back(expression());
-        while (take(","));
+        } while (take(","));
         require(")");
         if (node.kind == EvalKind::If && node.operands.size() != 3) {
             at_ = start;
@@ -247,8 +268,9 @@ private:
     class Level {
     public:
         explicit Level(Parser& parser) : parser_(parser) {
-            if (++parser_.depth_ > maxDepth)
+            if (++parser_.depth_ > maxDepth) {
                 parser_.fail("the expression is nested too deeply");
+            }
         }
         ~Level() { --parser_.depth_; }
         Level(const Level&) = delete;
@@ -265,6 +287,8 @@ private:
 
 }  // namespace
 
-EvalNode parseEval(std::string_view expression) { return Parser(expression).parse(); }
+EvalNode parseEval(std::string_view expression) {
+    return Parser(expression).parse();
+}
 
 }  // namespace Harvane::RT::Core

@@ -27,32 +27,43 @@ public:
 
     BasePtr evaluate(const EvalNode& node) {
         switch (node.kind) {
-        case EvalKind::Literal: return node.literal;
-        case EvalKind::Value: return value(node);
-        case EvalKind::Property: return property(node.name.view());
-        case EvalKind::Or:
-        case EvalKind::And: {
-            const bool deciding = node.kind == EvalKind::Or;
-            for (const EvalNode& operand : node.operands)
-                if (truth(evaluate(operand)) == deciding)
-                    return toValue(deciding);
-            return toValue(!deciding);
-        }
-        case EvalKind::Compare:
-            return toValue(compare(evaluate(node.operands[0]), node.operators[0], evaluate(node.operands[1])));
-        case EvalKind::Sum:
-        case EvalKind::Product: {
-            BasePtr result = evaluate(node.operands[0]);
-            for (size_t i = 1; i < node.operands.size(); ++i)
-                result = calculate(result, node.operators[i - 1], evaluate(node.operands[i]));
-            return result;
-        }
-        case EvalKind::Not: return toValue(!truth(evaluate(node.operands[0])));
-        case EvalKind::Negate: return calculate(toValue(0), EvalOperator::Minus, evaluate(node.operands[0]), true);
-        case EvalKind::Switch: return select(node);
-        case EvalKind::If: return evaluate(node.operands[truth(evaluate(node.operands[0])) ? 1 : 2]);
-        case EvalKind::Min:
-        case EvalKind::Max: return extreme(node);
+            case EvalKind::Literal:
+                return node.literal;
+            case EvalKind::Value:
+                return value(node);
+            case EvalKind::Property:
+                return property(node.name.view());
+            case EvalKind::Or:
+            case EvalKind::And: {
+                const bool deciding = node.kind == EvalKind::Or;
+                for (const EvalNode& operand : node.operands) {
+                    if (truth(evaluate(operand)) == deciding) {
+                        return toValue(deciding);
+                    }
+                }
+                return toValue(!deciding);
+            }
+            case EvalKind::Compare:
+                return toValue(compare(evaluate(node.operands[0]), node.operators[0], evaluate(node.operands[1])));
+            case EvalKind::Sum:
+            case EvalKind::Product: {
+                BasePtr result = evaluate(node.operands[0]);
+                for (size_t i = 1; i < node.operands.size(); ++i) {
+                    result = calculate(result, node.operators[i - 1], evaluate(node.operands[i]));
+                }
+                return result;
+            }
+            case EvalKind::Not:
+                return toValue(!truth(evaluate(node.operands[0])));
+            case EvalKind::Negate:
+                return calculate(toValue(0), EvalOperator::Minus, evaluate(node.operands[0]), true);
+            case EvalKind::Switch:
+                return select(node);
+            case EvalKind::If:
+                return evaluate(node.operands[truth(evaluate(node.operands[0])) ? 1 : 2]);
+            case EvalKind::Min:
+            case EvalKind::Max:
+                return extreme(node);
         }
         return {};
     }
@@ -79,11 +90,13 @@ private:
     }
 
     BasePtr value(const EvalNode& node) {
-        if (node.operands.empty())
+        if (node.operands.empty()) {
             return read(node.name.get());
+        }
         const auto index = number(evaluate(node.operands[0]));
-        if (!index || index->isFloat || index->integer < 0)
+        if (!index || index->isFloat || index->integer < 0) {
             fail("an index must be an integer of 0 or more");
+        }
         const StringPtr name(node.name.toStdString() + "[" + std::to_string(index->integer) + "]");
         return read(name.get());
     }
@@ -97,26 +110,33 @@ private:
             name.remove_prefix(dot + 1);
         }
         IPropertyInfo* info = nullptr;
-        if (auto* lookup = borrow<IPropertyInfoLookup>(holder.get()))
+        if (auto* lookup = borrow<IPropertyInfoLookup>(holder.get())) {
             checkErrorInfo(lookup->findPropertyInfo(StringPtr(name).get(), &info));
+        }
         return BasePtr::take(info);
     }
 
     static std::optional<Number> number(const BasePtr& value) {
-        if (!value)
+        if (!value) {
             return {};
+        }
         switch (coreTypeOf(value)) {
-        case CoreType::Bool: return Number{false, fromValue<bool>(value) ? 1 : 0, 0.0};
-        case CoreType::Int: return Number{false, fromValue<int64_t>(value), 0.0};
-        case CoreType::Float:
-        case CoreType::Ratio: return Number{true, 0, fromValue<double>(value)};
-        default: return {};
+            case CoreType::Bool:
+                return Number{false, fromValue<bool>(value) ? 1 : 0, 0.0};
+            case CoreType::Int:
+                return Number{false, fromValue<int64_t>(value), 0.0};
+            case CoreType::Float:
+            case CoreType::Ratio:
+                return Number{true, 0, fromValue<double>(value)};
+            default:
+                return {};
         }
     }
     Number requireNumber(const BasePtr& value, const char* reason) const {
         const auto result = number(value);
-        if (!result)
+        if (!result) {
             fail(value ? reason : "a value is missing");
+        }
         return *result;
     }
     bool truth(const BasePtr& value) const {
@@ -127,24 +147,31 @@ private:
     static bool equal(const BasePtr& left, const BasePtr& right) {
         const auto a = number(left);
         const auto b = number(right);
-        if (a && b)
+        if (a && b) {
             return a->isFloat || b->isFloat ? a->asFloat() == b->asFloat() : a->integer == b->integer;
+        }
         return left.equals(right);
     }
 
     bool compare(const BasePtr& left, EvalOperator operation, const BasePtr& right) const {
-        if (operation == EvalOperator::Equal)
+        if (operation == EvalOperator::Equal) {
             return equal(left, right);
-        if (operation == EvalOperator::NotEqual)
+        }
+        if (operation == EvalOperator::NotEqual) {
             return !equal(left, right);
+        }
         const Number a = requireNumber(left, "only numbers have an order");
         const Number b = requireNumber(right, "only numbers have an order");
         const auto ordered = [operation](const auto& x, const auto& y) {
             switch (operation) {
-            case EvalOperator::Less: return x < y;
-            case EvalOperator::LessEqual: return x <= y;
-            case EvalOperator::Greater: return x > y;
-            default: return x >= y;
+                case EvalOperator::Less:
+                    return x < y;
+                case EvalOperator::LessEqual:
+                    return x <= y;
+                case EvalOperator::Greater:
+                    return x > y;
+                default:
+                    return x >= y;
             }
         };
         return a.isFloat || b.isFloat ? ordered(a.asFloat(), b.asFloat()) : ordered(a.integer, b.integer);
@@ -153,37 +180,50 @@ private:
     // `negation`: 0 - x, for which the sign of a floating zero counts.
     BasePtr calculate(const BasePtr& left, EvalOperator operation, const BasePtr& right, bool negation = false) const {
         if (operation == EvalOperator::Plus && coreTypeOfAny(left) == CoreType::String &&
-            coreTypeOfAny(right) == CoreType::String)
+            coreTypeOfAny(right) == CoreType::String) {
             return toValue(fromValue<std::string>(left) + fromValue<std::string>(right));
+        }
         const Number a = requireNumber(left, "only numbers can be calculated with");
         const Number b = requireNumber(right, "only numbers can be calculated with");
         if (a.isFloat || b.isFloat) {
             const double x = a.asFloat();
             const double y = b.asFloat();
             switch (operation) {
-            case EvalOperator::Plus: return toValue(x + y);
-            case EvalOperator::Minus: return toValue(negation ? -y : x - y);
-            case EvalOperator::Times: return toValue(x * y);
-            default:
-                if (y == 0.0)
-                    fail("division by zero");
-                return toValue(x / y);
+                case EvalOperator::Plus:
+                    return toValue(x + y);
+                case EvalOperator::Minus:
+                    return toValue(negation ? -y : x - y);
+                case EvalOperator::Times:
+                    return toValue(x * y);
+                default:
+                    if (y == 0.0) {
+                        fail("division by zero");
+                    }
+                    return toValue(x / y);
             }
         }
         int64_t result = 0;
         bool overflow = false;
         switch (operation) {
-        case EvalOperator::Plus: overflow = __builtin_add_overflow(a.integer, b.integer, &result); break;
-        case EvalOperator::Minus: overflow = __builtin_sub_overflow(a.integer, b.integer, &result); break;
-        case EvalOperator::Times: overflow = __builtin_mul_overflow(a.integer, b.integer, &result); break;
-        default:
-            if (b.integer == 0)
-                fail("division by zero");
-            overflow = a.integer == INT64_MIN && b.integer == -1;
-            result = overflow ? 0 : a.integer / b.integer;
+            case EvalOperator::Plus:
+                overflow = __builtin_add_overflow(a.integer, b.integer, &result);
+                break;
+            case EvalOperator::Minus:
+                overflow = __builtin_sub_overflow(a.integer, b.integer, &result);
+                break;
+            case EvalOperator::Times:
+                overflow = __builtin_mul_overflow(a.integer, b.integer, &result);
+                break;
+            default:
+                if (b.integer == 0) {
+                    fail("division by zero");
+                }
+                overflow = a.integer == INT64_MIN && b.integer == -1;
+                result = overflow ? 0 : a.integer / b.integer;
         }
-        if (overflow)
+        if (overflow) {
             fail("the integer result is too large");
+        }
         return toValue(result);
     }
     static CoreType coreTypeOfAny(const BasePtr& value) { return value ? coreTypeOf(value) : CoreType::Undefined; }
@@ -192,9 +232,11 @@ private:
     BasePtr select(const EvalNode& node) {
         const BasePtr key = evaluate(node.operands[0]);
         size_t i = 1;
-        for (; i + 1 < node.operands.size(); i += 2)
-            if (equal(key, evaluate(node.operands[i])))
+        for (; i + 1 < node.operands.size(); i += 2) {
+            if (equal(key, evaluate(node.operands[i]))) {
                 return evaluate(node.operands[i + 1]);
+            }
+        }
         return i < node.operands.size() ? evaluate(node.operands[i]) : BasePtr();
     }
 
@@ -204,8 +246,9 @@ private:
             const BasePtr candidate = evaluate(operand);
             requireNumber(candidate, "min and max take numbers");
             const auto better = node.kind == EvalKind::Min ? EvalOperator::Less : EvalOperator::Greater;
-            if (!result || compare(candidate, better, result))
+            if (!result || compare(candidate, better, result)) {
                 result = candidate;
+            }
         }
         return result;
     }
@@ -229,29 +272,34 @@ public:
 
     ErrCode getExpression(IString** expression) override { return handOut(tree_->expression, expression); }
     ErrCode bind(IPropertyObject* object, IEvalValue** bound) override {
-        if (object == nullptr || bound == nullptr)
+        if (object == nullptr || bound == nullptr) {
             return Errors::ArgumentNull;
+        }
         return createObject<EvalValueImpl>(bound, tree_, object);
     }
     ErrCode getResult(IBaseObject** result) override {
-        if (result == nullptr)
+        if (result == nullptr) {
             return Errors::ArgumentNull;
+        }
         *result = nullptr;
         return wrapHandler([&] {
-            if (!object_)
+            if (!object_) {
                 throw InvalidStateException("The expression \"%s\" is not bound to an object",
                                             tree_->expression.toStdString().c_str());
+            }
             const Nesting level;
-            if (nesting > maxNesting)
+            if (nesting > maxNesting) {
                 throw CalcFailedException("\"%s\": the expressions are nested too deeply, they seem to need each other",
                                           tree_->expression.toStdString().c_str());
+            }
             *result = Evaluator(object_.get(), tree_->expression).evaluate(tree_->root).detach();
         });
     }
 
     ErrCode serialize(ISerializer* serializer) override {
-        if (serializer == nullptr)
+        if (serializer == nullptr) {
             return Errors::ArgumentNull;
+        }
         return wrapHandler([&] {
             checkErrorInfo(serializer->startObject());
             checkErrorInfo(serializer->key("__type"));
@@ -280,8 +328,9 @@ private:
 }  // namespace
 
 ErrCode createEvalValue(IEvalValue** object, const char* expression) {
-    if (object == nullptr || expression == nullptr)
+    if (object == nullptr || expression == nullptr) {
         return Errors::ArgumentNull;
+    }
     *object = nullptr;
     return createObject<EvalValueImpl>(object, std::string_view(expression));
 }

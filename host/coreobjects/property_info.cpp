@@ -51,28 +51,29 @@ public:
     }
     ErrCode getIndex(int32_t* index) override { return handOut(index_, index); }
     ErrCode setIndex(int32_t index) override {
-        if (frozen_ && index_ != -1)
+        if (frozen_ && index_ != -1) {
             return refuseFrozen();
+        }
         index_ = index;
         return Errors::Success;
     }
 
     ErrCode getOnReadValue(IFuncObject** function) override { return handOut(onRead_, function); }
-    ErrCode setOnReadValue(IFuncObject* function) override {
-        return assign(onRead_, ObjectPtr<IFuncObject>(function));
-    }
+    ErrCode setOnReadValue(IFuncObject* function) override { return assign(onRead_, ObjectPtr<IFuncObject>(function)); }
     ErrCode getOnWriteValue(IFuncObject** function) override { return handOut(onWrite_, function); }
     ErrCode setOnWriteValue(IFuncObject* function) override {
         return assign(onWrite_, ObjectPtr<IFuncObject>(function));
     }
     // Handlers may come at any time; the event itself is no attribute that freezing could protect.
     ErrCode getOnValueChanged(IEvent** event) override {
-        if (event == nullptr)
+        if (event == nullptr) {
             return Errors::ArgumentNull;
+        }
         if (!onChanged_) {
             IEvent* made = nullptr;
-            if (const ErrCode code = createEvent(&made); failed(code))
+            if (const ErrCode code = createEvent(&made); failed(code)) {
                 return code;
+            }
             onChanged_ = ObjectPtr<IEvent>::take(made);
         }
         return handOut(onChanged_, event);
@@ -80,15 +81,18 @@ public:
     ErrCode setOnValueChanged(IEvent* event) override { return assign(onChanged_, ObjectPtr<IEvent>(event)); }
 
     ErrCode setConfigurationAction(ConfigurationMode mode, PropertyState states, ConfigurationAction action) override {
-        if (frozen_)
+        if (frozen_) {
             return refuseFrozen();
-        if (action < ConfigurationAction::Leave || action > ConfigurationAction::TakeOver)
+        }
+        if (action < ConfigurationAction::Leave || action > ConfigurationAction::TakeOver) {
             return makeError(Errors::InvalidParameter, "Unknown configuration action");
+        }
         return wrapHandler([&] { rules_.push_back({mode, states, action}); });
     }
     ErrCode getConfigurationAction(ConfigurationMode mode, PropertyState state, ConfigurationAction* action) override {
-        if (action == nullptr)
+        if (action == nullptr) {
             return Errors::ArgumentNull;
+        }
         for (auto rule = rules_.rbegin(); rule != rules_.rend(); ++rule) {
             if ((rule->mode & mode) != 0 && (rule->states & state) != 0) {
                 *action = rule->action;
@@ -99,10 +103,12 @@ public:
         return Errors::Success;
     }
     ErrCode copyConfigurationActions(IPropertyInfo* other) override {
-        if (other == nullptr)
+        if (other == nullptr) {
             return Errors::ArgumentNull;
-        if (frozen_)
+        }
+        if (frozen_) {
             return refuseFrozen();
+        }
         return wrapHandler([&] {
             if (auto* same = dynamic_cast<PropertyInfoImpl*>(other)) {
                 rules_ = same->rules_;
@@ -134,24 +140,28 @@ public:
 private:
     // Values that a setup may write without being told so: nothing that the program itself builds or computes.
     bool isPlain() const {
-        if (reference_)
+        if (reference_) {
             return false;
+        }
         if (readOnly_) {
             // An expression may turn true; only a plain false leaves the property open.
             auto* flag = borrow<IBoolObject>(readOnly_.get());
             unsigned char readOnly = 1;
-            if (flag == nullptr || failed(flag->getValue(&readOnly)) || readOnly != 0)
+            if (flag == nullptr || failed(flag->getValue(&readOnly)) || readOnly != 0) {
                 return false;
+            }
         }
         switch (type_) {
-        case CoreType::Bool:
-        case CoreType::Int:
-        case CoreType::Float:
-        case CoreType::String:
-        case CoreType::List:
-        case CoreType::Ratio:
-        case CoreType::Enum: return true;
-        default: return false;
+            case CoreType::Bool:
+            case CoreType::Int:
+            case CoreType::Float:
+            case CoreType::String:
+            case CoreType::List:
+            case CoreType::Ratio:
+            case CoreType::Enum:
+                return true;
+            default:
+                return false;
         }
     }
 
@@ -161,8 +171,9 @@ private:
     }
     template <class T>
     ErrCode assign(T& field, T value) {
-        if (frozen_)
+        if (frozen_) {
             return refuseFrozen();
+        }
         std::swap(field, value);
         return Errors::Success;
     }

@@ -19,8 +19,9 @@ public:
         : name_(name), info_(info), value_(value), type_(type) {}
 
     ErrCode getEventName(IString** name) override {
-        if (name == nullptr)
+        if (name == nullptr) {
             return Errors::ArgumentNull;
+        }
         *name = nullptr;
         return wrapHandler([&] { *name = StringPtr("PropertyValueChanged").detach(); });
     }
@@ -42,11 +43,14 @@ std::string printed(const BasePtr& value) {
     return coreTypeOf(value) == CoreType::String ? "\"" + textOf(value) + "\"" : textOf(value);
 }
 
-bool isNumber(CoreType type) { return type == CoreType::Int || type == CoreType::Float || type == CoreType::Ratio; }
+bool isNumber(CoreType type) {
+    return type == CoreType::Int || type == CoreType::Float || type == CoreType::Ratio;
+}
 
 std::string printedRange(const BasePtr& min, const BasePtr& max) {
-    if (min && max)
+    if (min && max) {
         return textOf(min) + " to " + textOf(max);
+    }
     return min ? textOf(min) + " or more" : textOf(max) + " or less";
 }
 
@@ -55,26 +59,30 @@ void checkLimits(const std::string& name, const PropertyInfoPtr& info, const Bas
     const BasePtr max = info.getMaxValue();
     const auto number = fromValue<double>(value);
     // A NaN lies within no limits.
-    if ((min && !(number >= fromValue<double>(min))) || (max && !(number <= fromValue<double>(max))))
+    if ((min && !(number >= fromValue<double>(min))) || (max && !(number <= fromValue<double>(max)))) {
         throw OutOfRangeException("Property %s takes %s, not %s", name.c_str(), printedRange(min, max).c_str(),
                                   textOf(value).c_str());
+    }
 }
 
 void checkSelection(const std::string& name, const PropertyInfoPtr& info, const BasePtr& value) {
     const BasePtr values = info.getValues();
-    if (!values)
+    if (!values) {
         return;
+    }
     const ListPtr list = values.asPtr<IList>();
     const size_t count = list.getCount();
     const auto index = fromValue<int64_t>(value);
-    if (index >= 0 && static_cast<size_t>(index) < count)
+    if (index >= 0 && static_cast<size_t>(index) < count) {
         return;
+    }
     std::string choices;
     for (size_t i = 0; i < count && i < 20; ++i) {
         BasePtr item = list.getItemAt(i);
         const PropertyObjectPtr<> object = item ? item.asPtrOrNull<IPropertyObject>() : ObjectPtr<IPropertyObject>();
-        if (object && object.hasProperty("DisplayName"))
+        if (object && object.hasProperty("DisplayName")) {
             item = object.getPropertyValue<>("DisplayName");
+        }
         choices += (i == 0 ? "" : ", ") + std::to_string(i) + ": " + textOf(item);
     }
     throw OutOfRangeException("Property %s has the choices %s; there is no %lld", name.c_str(),
@@ -87,9 +95,10 @@ void checkedSet(const PropertyObjectPtr<>& object, const StringPtr& name, BasePt
     if (isChildProperty(text, parent, child)) {
         const BasePtr held = object.getPropertyValue<>(StringPtr(parent));
         const PropertyObjectPtr<> holder = held ? held.asPtrOrNull<IPropertyObject>() : ObjectPtr<IPropertyObject>();
-        if (!holder)
+        if (!holder) {
             throw NotFoundException("Property %s not found: %s holds no properties", text.c_str(),
                                     std::string(parent).c_str());
+        }
         return checkedSet(holder, StringPtr(child), std::move(value));
     }
     IPropertyInfo* raw = nullptr;
@@ -98,16 +107,19 @@ void checkedSet(const PropertyObjectPtr<>& object, const StringPtr& name, BasePt
     if (code == Errors::NotFound) {
         // A value may stand in an object without having been registered; there is nothing to check it by.
         zornClearErrorInfo();
-        if (!object.hasProperty(name))
+        if (!object.hasProperty(name)) {
             throw NotFoundException("Property %s not found", text.c_str());
+        }
     } else {
         checkErrorInfo(code);
         const BasePtr enabled = info.getEnabled();
         const BasePtr readOnly = info.getReadOnly();
-        if (enabled && !fromValue<bool>(enabled))
+        if (enabled && !fromValue<bool>(enabled)) {
             throw NotEnabledException("Property %s is not enabled", text.c_str());
-        if (readOnly && fromValue<bool>(readOnly))
+        }
+        if (readOnly && fromValue<bool>(readOnly)) {
             throw InvalidOperationException("Property %s is read-only", text.c_str());
+        }
         const CoreType type = info.getValueType() == CoreType::Enum ? CoreType::Int : info.getValueType();
         const CoreType given = coreTypeOf(value);
         // Objects and references take anything.
@@ -126,10 +138,12 @@ void checkedSet(const PropertyObjectPtr<>& object, const StringPtr& name, BasePt
             value = BasePtr::take(converted);
         }
         if (borrow<IEvalValue>(value.get()) == nullptr) {
-            if (info.getValueType() == CoreType::Enum || info.isSelection())
+            if (info.getValueType() == CoreType::Enum || info.isSelection()) {
                 checkSelection(text, info, value);
-            if (isNumber(type))
+            }
+            if (isNumber(type)) {
                 checkLimits(text, info, value);
+            }
         }
     }
     checkErrorInfo(object->setProperty(name.get(), value.get()));
@@ -148,20 +162,26 @@ ErrCode createPropertyValueChangedEventArgs(IPropertyValueChangedEventArgs** obj
 }
 
 ErrCode zornCheckedSetProperty(IPropertyObject* object, IString* name, IBaseObject* value) {
-    if (object == nullptr || name == nullptr || value == nullptr)
+    if (object == nullptr || name == nullptr || value == nullptr) {
         return Errors::ArgumentNull;
+    }
     return wrapHandler([&] { checkedSet(PropertyObjectPtr<>(object), StringPtr(name), BasePtr(value)); });
 }
 
 void zornCoreObjectsGetVersion(unsigned int* major, unsigned int* minor, unsigned int* patch) {
-    if (major != nullptr)
+    if (major != nullptr) {
         *major = 1;
-    if (minor != nullptr)
+    }
+    if (minor != nullptr) {
         *minor = 0;
-    if (patch != nullptr)
+    }
+    if (patch != nullptr) {
         *patch = 0;
+    }
 }
 
-size_t zornCoreObjectsGetObjectCount() { return zornSharedLibObjectCount.load(); }
+size_t zornCoreObjectsGetObjectCount() {
+    return zornSharedLibObjectCount.load();
+}
 
 }  // namespace Harvane::RT::Core

@@ -40,17 +40,19 @@ public:
         std::vector<SerializerFactory> going;
         {
             std::lock_guard lock(mutex_);
-            for (const auto& [id, factories] : factories_)
+            for (const auto& [id, factories] : factories_) {
                 going.insert(going.end(), factories.begin(), factories.end());
+            }
         }
         std::erase_if(going, [&](SerializerFactory factory) {
             return libraryOf(reinterpret_cast<const void*>(factory)) != library;
         });
         std::lock_guard lock(mutex_);
-        for (auto& [id, factories] : factories_)
+        for (auto& [id, factories] : factories_) {
             std::erase_if(factories, [&](SerializerFactory factory) {
                 return std::find(going.begin(), going.end(), factory) != going.end();
             });
+        }
     }
     SerializerFactory find(std::string_view id) const {
         std::lock_guard lock(mutex_);
@@ -72,20 +74,25 @@ private:
 
 }  // namespace
 
-SerializerFactory findSerializerFactory(std::string_view id) { return FactoryRegistry::instance().find(id); }
+SerializerFactory findSerializerFactory(std::string_view id) {
+    return FactoryRegistry::instance().find(id);
+}
 
 ErrCode zornRegisterSerializerFactory(const char* id, SerializerFactory factory) {
-    if (id == nullptr || factory == nullptr)
+    if (id == nullptr || factory == nullptr) {
         return Errors::ArgumentNull;
+    }
     return wrapHandler([&] { FactoryRegistry::instance().add(id, factory); });
 }
 
 ErrCode zornDropSerializerFactories(const void* address) {
-    if (address == nullptr)
+    if (address == nullptr) {
         return Errors::ArgumentNull;
+    }
     return wrapHandler([&] {
-        if (const void* library = libraryOf(address))
+        if (const void* library = libraryOf(address)) {
             FactoryRegistry::instance().drop(library);
+        }
     });
 }
 

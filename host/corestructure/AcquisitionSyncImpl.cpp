@@ -23,23 +23,27 @@ public:
         pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
         const int error = pthread_mutex_init(&mutex_, &attributes);
         pthread_mutexattr_destroy(&attributes);
-        if (error != 0)
+        if (error != 0) {
             throw GeneralErrorException("The acquisition lock can't be made: %s", std::strerror(error));
+        }
     }
     ~AcquisitionSyncImpl() override { pthread_mutex_destroy(&mutex_); }
 
     ErrCode lock() override {
-        if (holder_.load(std::memory_order_relaxed) == &threadMark)
+        if (holder_.load(std::memory_order_relaxed) == &threadMark) {
             return makeError(Errors::InvalidState, "This thread holds the acquisition lock already", self());
-        if (pthread_mutex_lock(&mutex_) != 0)
+        }
+        if (pthread_mutex_lock(&mutex_) != 0) {
             return Errors::GeneralError;
+        }
         holder_.store(&threadMark, std::memory_order_relaxed);
         return Errors::Success;
     }
 
     ErrCode unlock() override {
-        if (holder_.load(std::memory_order_relaxed) != &threadMark)
+        if (holder_.load(std::memory_order_relaxed) != &threadMark) {
             return makeError(Errors::InvalidState, "This thread doesn't hold the acquisition lock", self());
+        }
         holder_.store(nullptr, std::memory_order_relaxed);
         return pthread_mutex_unlock(&mutex_) == 0 ? Errors::Success : Errors::GeneralError;
     }

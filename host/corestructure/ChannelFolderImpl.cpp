@@ -16,8 +16,9 @@ public:
     ErrCode getChannelNodeType(ChannelNodeType* type) override { return handOut(ChannelNodeType::Folder, type); }
 
     ErrCode addChild(IChannelNode* child) override {
-        if (child == nullptr)
+        if (child == nullptr) {
             return argumentNull();
+        }
         return guarded([&] {
             // A folder that was made without an identifier of its own goes by its name.
             IString* name = nullptr;
@@ -29,13 +30,15 @@ public:
         });
     }
     ErrCode getChildren(IList** children) override {
-        if (children == nullptr)
+        if (children == nullptr) {
             return argumentNull();
+        }
         *children = nullptr;
         return guarded([&] {
             const ListPtr list = ListPtr::create();
-            for (const auto& child : children_)
+            for (const auto& child : children_) {
                 list.pushBack(asBase(child));
+            }
             *children = ListPtr(list).detach();
         });
     }

@@ -28,8 +28,9 @@ public:
           bufferHolder_(ObjectPtr<IChannelBuffer>::take(buffer_)) {
         startValue(NodePropertyClass::NodeTypeProp, NodeType::Channel);
         startValue(ChannelNodePropertyClass::ChannelNodeTypeProp, ChannelNodeType::Channel);
-        if (id != nullptr)
+        if (id != nullptr) {
             startValue(ChannelPropertyClass::ChannelIdProp, StringPtr(id));
+        }
         startValue(ChannelPropertyClass::SampleDataTypeProp, dataType);
         startValue(ChannelPropertyClass::DimensionProp, dimension);
         startValue(ChannelPropertyClass::TypeProp, type);
@@ -61,16 +62,17 @@ public:
     ErrCode getMaxValue(double* value) override { return getTyped(ChannelPropertyClass::MaxValueProp, value); }
     ErrCode setMaxValue(double value) override { return setTyped(ChannelPropertyClass::MaxValueProp, value); }
     ErrCode getSampleRate(IRatio** rate) override {
-        if (rate == nullptr)
+        if (rate == nullptr) {
             return argumentNull();
+        }
         *rate = nullptr;
-        return guarded([&] {
-            *rate = toValue(valueOf<Ratio>(ChannelPropertyClass::SampleRateProp)).asPtr<IRatio>().detach();
-        });
+        return guarded(
+            [&] { *rate = toValue(valueOf<Ratio>(ChannelPropertyClass::SampleRateProp)).asPtr<IRatio>().detach(); });
     }
     ErrCode setSampleRate(IRatio* rate) override {
-        if (rate == nullptr)
+        if (rate == nullptr) {
             return argumentNull();
+        }
         return guarded(
             [&] { checkErrorInfo(setProperty(StringPtr(ChannelPropertyClass::SampleRateProp).get(), rate)); });
     }
@@ -106,9 +108,7 @@ public:
     ErrCode stopAcquisition() override { return Errors::Success; }
     ErrCode finalizeAcquisition() override { return Errors::Success; }
 
-    ErrCode getBuffer(IChannelBuffer** buffer) override {
-        return handOut(bufferHolder_, buffer);
-    }
+    ErrCode getBuffer(IChannelBuffer** buffer) override { return handOut(bufferHolder_, buffer); }
     ErrCode getSamplesAcquired(long* count) override { return handOut(buffer_->acquired(), count); }
     ErrCode incrementSamplePosition(size_t count) override { return buffer_->increment(count); }
     ErrCode getCurrentSample(double* value) override { return getSampleAtRelativePos(-1, value); }
@@ -140,8 +140,9 @@ protected:
     std::string_view requiredBaseClass() const override { return ChannelPropertyClass::ClassName; }
 
     void* findInterface(IntfID id) override {
-        if (id == IAsyncChannel::Id && type_ != AsyncType)
+        if (id == IAsyncChannel::Id && type_ != AsyncType) {
             return nullptr;
+        }
         return NodeImpl::findInterface(id);
     }
 
@@ -152,20 +153,24 @@ private:
         return raw * scale_.load(std::memory_order_relaxed) + offset_.load(std::memory_order_relaxed);
     }
     ErrCode scaled(ErrCode code, double* value) const {
-        if (succeeded(code))
+        if (succeeded(code)) {
             *value = scaledNumber(*value);  // a NaN stays one
+        }
         return code;
     }
 
     void refreshScaling(IString* name) {
-        if (name == nullptr)
+        if (name == nullptr) {
             return;
+        }
         const char* text = nullptr;
-        if (failed(name->getCharPtr(&text)))
+        if (failed(name->getCharPtr(&text))) {
             return;
+        }
         const bool isScale = ChannelPropertyClass::ScaleProp == std::string_view(text);
-        if (!isScale && ChannelPropertyClass::OffsetProp != std::string_view(text))
+        if (!isScale && ChannelPropertyClass::OffsetProp != std::string_view(text)) {
             return;
+        }
         IBaseObject* value = nullptr;
         double number = 0.0;
         try {
@@ -206,12 +211,15 @@ private:
 ErrCode createChannel(IChannel** channel, IString* id, int type, int dataType, size_t dimension, double nan,
                       bool isVector) {
     const auto element = static_cast<SampleDataType>(dataType);
-    if (elementSize(element) == 0)
+    if (elementSize(element) == 0) {
         return makeError(Errors::InvalidParameter, "There is no sample type of that number");
-    if (!isVector && element == SampleDataType::Opaque)
+    }
+    if (!isVector && element == SampleDataType::Opaque) {
         return makeError(Errors::InvalidParameter, "Opaque bytes are samples of vector channels only");
-    if (dimension == 0 || dimension > (size_t{1} << 24))
+    }
+    if (dimension == 0 || dimension > (size_t{1} << 24)) {
         return makeError(Errors::InvalidParameter, "A vector has 1 to 2^24 elements");
+    }
     return createObject<ChannelImpl>(channel, id, type, element, dimension, nan);
 }
 

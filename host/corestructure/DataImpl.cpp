@@ -36,19 +36,22 @@ public:
 
     ErrCode getAcquisitionInfo(IAcquisitionInfo** info) override { return handOut(info_, info); }
     ErrCode getDataModules(IList** modules) override {
-        if (modules == nullptr)
+        if (modules == nullptr) {
             return argumentNull();
+        }
         *modules = nullptr;
         return guarded([&] {
             const ListPtr list = ListPtr::create();
-            for (const auto& module : modules_)
+            for (const auto& module : modules_) {
                 list.pushBack(asBase(module));
+            }
             *modules = ListPtr(list).detach();
         });
     }
     ErrCode addDataModule(IDataModule* module) override {
-        if (module == nullptr)
+        if (module == nullptr) {
             return argumentNull();
+        }
         return guarded([&] {
             modules_.reserve(modules_.size() + 1);
             adoptChild(this, modules_, module, "module");
@@ -57,11 +60,13 @@ public:
     }
     // Called in every cycle: no more than a reference.
     ErrCode getClockProvider(IClockProvider** provider) override {
-        if (provider == nullptr)
+        if (provider == nullptr) {
             return argumentNull();
+        }
         *provider = nullptr;
-        if (!clock_)
+        if (!clock_) {
             return makeError(Errors::Uninitialized, "No clock has been registered yet", self());
+        }
         *provider = ObjectPtr<IClockProvider>(clock_).detach();
         return Errors::Success;
     }
@@ -102,14 +107,16 @@ private:
 }  // namespace
 
 ErrCode createData(IData** data, IString* id, long cycleTimeMs) {
-    if (cycleTimeMs < 1)
+    if (cycleTimeMs < 1) {
         return makeError(Errors::InvalidParameter, "The cycle time must be 1 ms or more");
+    }
     return createObject<DataImpl>(data, id, cycleTimeMs);
 }
 
 ErrCode createDataModule(IDataModule** module, IString* id) {
-    if (module == nullptr)
+    if (module == nullptr) {
         return Errors::ArgumentNull;
+    }
     return wrapHandler([&] {
         auto* made = new DataModuleImpl(id);
         auto holder = ObjectPtr<IDataModule>::take(made);

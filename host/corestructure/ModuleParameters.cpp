@@ -47,12 +47,15 @@ public:
     }
 
     ErrCode getProviders(IClockProvider** clock, ILoopProvider** loop, IAbsTimeProvider** absTime) override {
-        if (clock != nullptr)
+        if (clock != nullptr) {
             handOut(clock_, clock);
-        if (loop != nullptr)
+        }
+        if (loop != nullptr) {
             handOut(loop_, loop);
-        if (absTime != nullptr)
+        }
+        if (absTime != nullptr) {
             handOut(absTime_, absTime);
+        }
         return Errors::Success;
     }
 
@@ -65,27 +68,30 @@ private:
 
 }  // namespace
 
-ErrCode createModuleAddParams(IModuleAddParams** parameters, IData* data, IDataModule* module,
-                              IAcquisitionSync* sync) {
-    if (data == nullptr || module == nullptr || sync == nullptr)
+ErrCode createModuleAddParams(IModuleAddParams** parameters, IData* data, IDataModule* module, IAcquisitionSync* sync) {
+    if (data == nullptr || module == nullptr || sync == nullptr) {
         return Errors::ArgumentNull;
+    }
     return createObject<ModuleAddParamsImpl>(parameters, data, module, sync);
 }
 
 ErrCode createModuleConfig(IModuleConfig** config, IData* data) {
-    if (data == nullptr)
+    if (data == nullptr) {
         return Errors::ArgumentNull;
+    }
     const ErrCode code = createObject<ModuleConfigImpl>(config, data);
     // A new round of registrations: the clock of the last one is forgotten even if none comes.
-    if (succeeded(code))
+    if (succeeded(code)) {
         (*config)->setClockProvider(nullptr);
+    }
     return code;
 }
 
 ErrCode zornGetRegisteredProviders(IModuleConfig* config, IClockProvider** clock, ILoopProvider** loop,
                                    IAbsTimeProvider** absTime) {
-    if (config == nullptr)
+    if (config == nullptr) {
         return Errors::ArgumentNull;
+    }
     void* providers = nullptr;
     const ErrCode code = config->borrowInterface(IRegisteredProviders::Id, &providers);
     return failed(code) ? code : static_cast<IRegisteredProviders*>(providers)->getProviders(clock, loop, absTime);

@@ -16,8 +16,9 @@ public:
         : Object(className), type_(type), localId_(id != nullptr ? StringPtr(id) : StringPtr("")) {}
 
     ErrCode getNodeId(IString** id) override {
-        if (id == nullptr)
+        if (id == nullptr) {
             return this->argumentNull();
+        }
         *id = nullptr;
         return this->guarded([&] { *id = nodeId().detach(); });
     }
@@ -27,8 +28,9 @@ public:
     ErrCode setParent(INode* parent, IString* localId) override {
         return this->guarded([&] {
             parent_ = this->weakRefTo(parent);
-            if (localId != nullptr)
+            if (localId != nullptr) {
                 localId_ = StringPtr(localId);
+            }
         });
     }
     ErrCode getLocalId(IString** id) override { return handOut(localId_, id); }
@@ -50,16 +52,18 @@ public:
     }
 
     ErrCode toString(char** text) override {
-        if (text == nullptr)
+        if (text == nullptr) {
             return this->argumentNull();
+        }
         return this->guarded([&] { checkErrorInfo(zornDuplicateCharPtr(text, nodeId().toStdString().c_str())); });
     }
 
 protected:
     StringPtr nodeId() const {
         const auto parent = parentNode();
-        if (!parent)
+        if (!parent) {
             return localId_;
+        }
         IString* id = nullptr;
         checkErrorInfo(parent->getNodeId(&id));
         return StringPtr(StringPtr(ObjectPtr<IString>::take(id)).toStdString() + "/" + localId_.toStdString());
@@ -67,16 +71,18 @@ protected:
 
     ObjectPtr<INode> parentNode() const {
         IBaseObject* object = nullptr;
-        if (!parent_ || failed(parent_->getRef(&object)))
+        if (!parent_ || failed(parent_->getRef(&object))) {
             return {};
+        }
         return BasePtr::take(object).asPtrOrNull<INode>();
     }
 
     // Functions and procedures have no written form, and what the tree says of a node is no setting.
     void serializeProperty(const StringPtr& name, const BasePtr& value, ISerializer* serializer) override {
         const CoreType type = value ? coreTypeOf(value) : CoreType::Undefined;
-        if (type == CoreType::Proc || type == CoreType::Func || isIdentity(name.view()))
+        if (type == CoreType::Proc || type == CoreType::Func || isIdentity(name.view())) {
             return;
+        }
         Object::serializeProperty(name, value, serializer);
     }
 
@@ -95,13 +101,15 @@ protected:
     }
     template <class Plain, class T = Plain>
     ErrCode getTyped(std::string_view name, Plain* result) {
-        if (result == nullptr)
+        if (result == nullptr) {
             return this->argumentNull();
+        }
         return this->guarded([&] { *result = static_cast<Plain>(valueOf<T>(name)); });
     }
     ErrCode getText(std::string_view name, IString** result) {
-        if (result == nullptr)
+        if (result == nullptr) {
             return this->argumentNull();
+        }
         *result = nullptr;
         return this->guarded([&] { *result = valueOf<StringPtr>(name).detach(); });
     }
@@ -110,8 +118,9 @@ protected:
         return this->guarded([&] { checkErrorInfo(this->setProperty(StringPtr(name).get(), toValue(value).get())); });
     }
     ErrCode setText(std::string_view name, IString* text) {
-        if (text == nullptr)
+        if (text == nullptr) {
             return this->argumentNull();
+        }
         return this->guarded([&] { checkErrorInfo(this->setProperty(StringPtr(name).get(), text)); });
     }
 

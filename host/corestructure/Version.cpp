@@ -3,12 +3,15 @@
 namespace Harvane::RT::Core {
 
 ZORN_FUNCTION void zornCoreStructureGetVersion(unsigned int* major, unsigned int* minor, unsigned int* patch) {
-    if (major != nullptr)
+    if (major != nullptr) {
         *major = 1;
-    if (minor != nullptr)
+    }
+    if (minor != nullptr) {
         *minor = 2;
-    if (patch != nullptr)
+    }
+    if (patch != nullptr) {
         *patch = 0;
+    }
 }
 
 }  // namespace Harvane::RT::Core

@@ -12,11 +12,13 @@ class ListImpl final : public ObjectImpl<IList, ICoreType> {
 public:
     ErrCode getCount(size_t* count) override { return handOut(items_.size(), count); }
     ErrCode getItemAt(size_t index, IBaseObject** item) override {
-        if (item == nullptr)
+        if (item == nullptr) {
             return Errors::ArgumentNull;
+        }
         *item = nullptr;
-        if (index >= items_.size())
+        if (index >= items_.size()) {
             return beyond(index);
+        }
         *item = BasePtr(items_[index]).detach();
         return Errors::Success;
     }
@@ -24,14 +26,16 @@ public:
         return wrapHandler([&] { items_.emplace_back(item); });
     }
     ErrCode setItemAt(size_t index, IBaseObject* item) override {
-        if (index >= items_.size())
+        if (index >= items_.size()) {
             return beyond(index);
+        }
         const BasePtr replaced = std::exchange(items_[index], BasePtr(item));
         return Errors::Success;
     }
     ErrCode removeAt(size_t index) override {
-        if (index >= items_.size())
+        if (index >= items_.size()) {
             return beyond(index);
+        }
         const BasePtr removed = items_[index];
         items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(index));
         return Errors::Success;
@@ -49,8 +53,8 @@ public:
 private:
     ErrCode beyond(size_t index) const {
         return wrapHandler([&]() -> ErrCode {
-            const std::string text = "Index " + std::to_string(index) + " is beyond the list of " +
-                                     std::to_string(items_.size()) + " items";
+            const std::string text =
+                "Index " + std::to_string(index) + " is beyond the list of " + std::to_string(items_.size()) + " items";
             return makeError(Errors::OutOfRange, text.c_str());
         });
     }
@@ -72,45 +76,51 @@ struct ContentEqual {
 class DictImpl final : public ObjectImpl<IDict, ICoreType> {
 public:
     ErrCode getItem(IBaseObject* key, IBaseObject** value) override {
-        if (key == nullptr || value == nullptr)
+        if (key == nullptr || value == nullptr) {
             return Errors::ArgumentNull;
+        }
         *value = nullptr;
         return wrapHandler([&] {
             const auto found = items_.find(BasePtr(key));
-            if (found == items_.end())
+            if (found == items_.end()) {
                 throw NotFoundException("The dictionary has no key \"%s\"", textOf(BasePtr(key)).c_str());
+            }
             *value = BasePtr(found->second).detach();
         });
     }
     ErrCode setItem(IBaseObject* key, IBaseObject* value) override {
-        if (key == nullptr)
+        if (key == nullptr) {
             return Errors::ArgumentNull;
-        return wrapHandler([&] {
-            const BasePtr replaced = std::exchange(items_[BasePtr(key)], BasePtr(value));
-        });
+        }
+        return wrapHandler([&] { const BasePtr replaced = std::exchange(items_[BasePtr(key)], BasePtr(value)); });
     }
     ErrCode hasKey(IBaseObject* key, unsigned char* found) override {
-        if (key == nullptr || found == nullptr)
+        if (key == nullptr || found == nullptr) {
             return Errors::ArgumentNull;
+        }
         return wrapHandler([&] { *found = items_.contains(BasePtr(key)) ? 1 : 0; });
     }
     ErrCode removeItem(IBaseObject* key) override {
-        if (key == nullptr)
+        if (key == nullptr) {
             return Errors::ArgumentNull;
+        }
         return wrapHandler([&] {
             const auto removed = items_.extract(BasePtr(key));
-            if (removed.empty())
+            if (removed.empty()) {
                 throw NotFoundException("The dictionary has no key \"%s\"", textOf(BasePtr(key)).c_str());
+            }
         });
     }
     ErrCode getKeys(IList** keys) override {
-        if (keys == nullptr)
+        if (keys == nullptr) {
             return Errors::ArgumentNull;
+        }
         *keys = nullptr;
         return wrapHandler([&] {
             ListPtr list = ListPtr::create();
-            for (const auto& [key, value] : items_)
+            for (const auto& [key, value] : items_) {
                 list.pushBack(key);
+            }
             *keys = list.detach();
         });
     }
@@ -130,7 +140,11 @@ private:
 
 }  // namespace
 
-ErrCode createList(IList** object) { return createObject<ListImpl>(object); }
-ErrCode createDict(IDict** object) { return createObject<DictImpl>(object); }
+ErrCode createList(IList** object) {
+    return createObject<ListImpl>(object);
+}
+ErrCode createDict(IDict** object) {
+    return createObject<DictImpl>(object);
+}
 
 }  // namespace Harvane::RT::Core

@@ -15,8 +15,9 @@ template <class T>
 bool parseWhole(std::string_view text, T& value) {
     T parsed{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
-    if (error != std::errc() || end != text.data() + text.size())
+    if (error != std::errc() || end != text.data() + text.size()) {
         return false;
+    }
     value = parsed;
     return true;
 }
@@ -29,32 +30,41 @@ uint64_t magnitude(int64_t value) {
 
 bool parseBool(std::string_view text, bool& value) {
     const bool isTrue = text == "true" || text == "1";
-    if (!isTrue && text != "false" && text != "0")
+    if (!isTrue && text != "false" && text != "0") {
         return false;
+    }
     value = isTrue;
     return true;
 }
 
-bool parseInt(std::string_view text, int64_t& value) { return parseWhole(text, value); }
-bool parseFloat(std::string_view text, double& value) { return parseWhole(text, value); }
+bool parseInt(std::string_view text, int64_t& value) {
+    return parseWhole(text, value);
+}
+bool parseFloat(std::string_view text, double& value) {
+    return parseWhole(text, value);
+}
 
 bool parseRatio(std::string_view text, Ratio& value) {
     Ratio parsed;
     const size_t slash = text.find('/');
-    if (!parseWhole(text.substr(0, slash), parsed.numerator))
+    if (!parseWhole(text.substr(0, slash), parsed.numerator)) {
         return false;
-    if (slash != std::string_view::npos && !parseWhole(text.substr(slash + 1), parsed.denominator))
+    }
+    if (slash != std::string_view::npos && !parseWhole(text.substr(slash + 1), parsed.denominator)) {
         return false;
-    if (parsed.denominator == 0)
+    }
+    if (parsed.denominator == 0) {
         return false;
+    }
     value = parsed;
     return true;
 }
 
 bool floatToInt(double value, int64_t& result) {
     // 2^63 itself does not fit, -2^63 does. NaN fails both tests.
-    if (!(value >= -0x1p63 && value < 0x1p63))
+    if (!(value >= -0x1p63 && value < 0x1p63)) {
         return false;
+    }
     result = static_cast<int64_t>(value);
     return true;
 }
@@ -64,8 +74,9 @@ bool floatToRatio(double value, Ratio& result) {
     for (int digits = 0; digits <= 9; ++digits, denominator *= 10) {
         const double scaled = std::round(value * static_cast<double>(denominator));
         int64_t numerator = 0;
-        if (!floatToInt(scaled, numerator))
+        if (!floatToInt(scaled, numerator)) {
             return false;
+        }
         if (scaled / static_cast<double>(denominator) == value) {
             result = reduced({numerator, denominator});
             return true;
@@ -76,8 +87,9 @@ bool floatToRatio(double value, Ratio& result) {
 
 bool ratioToInt(const Ratio& value, int64_t& result) {
     const Wide quotient = static_cast<Wide>(value.numerator) / value.denominator;
-    if (quotient > std::numeric_limits<int64_t>::max())
+    if (quotient > std::numeric_limits<int64_t>::max()) {
         return false;
+    }
     result = static_cast<int64_t>(quotient);
     return true;
 }
@@ -89,8 +101,9 @@ double ratioToFloat(const Ratio& value) {
 int compareRatios(const Ratio& left, const Ratio& right) {
     Wide a = static_cast<Wide>(left.numerator) * right.denominator;
     Wide b = static_cast<Wide>(right.numerator) * left.denominator;
-    if ((left.denominator < 0) != (right.denominator < 0))
+    if ((left.denominator < 0) != (right.denominator < 0)) {
         std::swap(a, b);
+    }
     return a < b ? -1 : a > b ? 1 : 0;
 }
 
@@ -100,8 +113,9 @@ Ratio reduced(const Ratio& value) {
     const uint64_t bottom = magnitude(value.denominator) / divisor;
     const bool negative = (value.numerator < 0) != (value.denominator < 0);
     constexpr uint64_t limit = std::numeric_limits<int64_t>::max();
-    if (bottom > limit || (!negative && top > limit))
+    if (bottom > limit || (!negative && top > limit)) {
         return value;
+    }
     return {static_cast<int64_t>(negative ? ~top + 1 : top), static_cast<int64_t>(bottom)};
 }
 

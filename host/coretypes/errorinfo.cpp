@@ -43,31 +43,37 @@ ErrCode zornSetErrorInfo(IErrorInfo* info) {
         info->addRef();
         cleaner.armed = true;
     }
-    if (IErrorInfo* replaced = std::exchange(current, info))
+    if (IErrorInfo* replaced = std::exchange(current, info)) {
         replaced->releaseRef();
+    }
     return Errors::Success;
 }
 
 ErrCode zornGetErrorInfo(IErrorInfo** info) {
-    if (info == nullptr)
+    if (info == nullptr) {
         return Errors::ArgumentNull;
+    }
     *info = current;
-    if (current != nullptr)
+    if (current != nullptr) {
         current->addRef();
+    }
     return Errors::Success;
 }
 
 void zornClearErrorInfo() {
-    if (IErrorInfo* replaced = std::exchange(current, nullptr))
+    if (IErrorInfo* replaced = std::exchange(current, nullptr)) {
         replaced->releaseRef();
+    }
 }
 
 ErrCode zornDuplicateCharPtrN(char** copy, const char* text, size_t length) {
-    if (copy == nullptr || text == nullptr)
+    if (copy == nullptr || text == nullptr) {
         return Errors::ArgumentNull;
+    }
     *copy = static_cast<char*>(std::malloc(length + 1));
-    if (*copy == nullptr)
+    if (*copy == nullptr) {
         return Errors::NoMemory;
+    }
     std::memcpy(*copy, text, length);
     (*copy)[length] = 0;
     return Errors::Success;
@@ -77,6 +83,8 @@ ErrCode zornDuplicateCharPtr(char** copy, const char* text) {
     return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtrN(copy, text, std::strlen(text));
 }
 
-void zornFreeMemory(void* memory) { std::free(memory); }
+void zornFreeMemory(void* memory) {
+    std::free(memory);
+}
 
 }  // namespace Harvane::RT::Core

@@ -10,8 +10,9 @@ namespace {
 class EventImpl final : public ObjectImpl<IEvent> {
 public:
     ErrCode addHandler(IEventHandler* handler) override {
-        if (handler == nullptr)
+        if (handler == nullptr) {
             return Errors::ArgumentNull;
+        }
         return wrapHandler([&] {
             auto changed = std::make_shared<Handlers>(*handlers_);
             changed->emplace_back(handler);
@@ -20,13 +21,15 @@ public:
     }
 
     ErrCode removeHandler(IEventHandler* handler) override {
-        if (handler == nullptr)
+        if (handler == nullptr) {
             return Errors::ArgumentNull;
+        }
         return wrapHandler([&] {
             auto changed = std::make_shared<Handlers>(*handlers_);
             const auto found = std::find(changed->begin(), changed->end(), ObjectPtr<IEventHandler>(handler));
-            if (found == changed->end())
+            if (found == changed->end()) {
                 throw NotFoundException("The handler is not attached to this event");
+            }
             changed->erase(found);
             handlers_ = std::move(changed);
         });
@@ -37,9 +40,11 @@ public:
     ErrCode trigger(IBaseObject* sender, IEventArgs* arguments) override {
         // A list is never changed once it stands, so that holding it is a copy without copying.
         const std::shared_ptr<const Handlers> handlers = handlers_;
-        for (const auto& handler : *handlers)
-            if (const ErrCode code = handler.get()->handle(sender, arguments); failed(code))
+        for (const auto& handler : *handlers) {
+            if (const ErrCode code = handler.get()->handle(sender, arguments); failed(code)) {
                 return code;
+            }
+        }
         return Errors::Success;
     }
 
@@ -58,6 +63,8 @@ private:
 
 }  // namespace
 
-ErrCode createEvent(IEvent** event) { return createObject<EventImpl>(event); }
+ErrCode createEvent(IEvent** event) {
+    return createObject<EventImpl>(event);
+}
 
 }  // namespace Harvane::RT::Core

@@ -21,15 +21,17 @@ protected:
     bool readFloat(double& value) const override { return value = static_cast<double>(value_), true; }
     bool readRatio(Ratio& value) const override { return value = {value_, 1}, true; }
     std::string text() const override {
-        if constexpr (Type == CoreType::Bool)
+        if constexpr (Type == CoreType::Bool) {
             return value_ != 0 ? "true" : "false";
-        else
+        } else {
             return std::to_string(value_);
+        }
     }
     bool compare(IBaseObject* other, int& result) const override {
         T value = 0;
-        if (!this->valueOf(other, value))
+        if (!this->valueOf(other, value)) {
             return false;
+        }
         result = this->order(value_, value);
         return true;
     }
@@ -58,12 +60,14 @@ protected:
     // All NaNs are equal and stand before the numbers, so that they can be sorted and be keys.
     bool compare(IBaseObject* other, int& result) const override {
         double value = 0.0;
-        if (!valueOf(other, value))
+        if (!valueOf(other, value)) {
             return false;
-        if (std::isnan(value_) || std::isnan(value))
+        }
+        if (std::isnan(value_) || std::isnan(value)) {
             result = (std::isnan(value) ? 1 : 0) - (std::isnan(value_) ? 1 : 0);
-        else
+        } else {
             result = order(value_, value);
+        }
         return true;
     }
 
@@ -78,8 +82,9 @@ public:
     ErrCode getNumerator(int64_t* numerator) override { return handOut(value_.numerator, numerator); }
     ErrCode getDenominator(int64_t* denominator) override { return handOut(value_.denominator, denominator); }
     ErrCode getHashCode(size_t* hash) override {
-        if (hash == nullptr)
+        if (hash == nullptr) {
             return Errors::ArgumentNull;
+        }
         const Ratio plain = Conversions::reduced(value_);
         *hash = std::hash<int64_t>()(plain.numerator) * 31 + std::hash<int64_t>()(plain.denominator);
         return Errors::Success;
@@ -95,8 +100,9 @@ protected:
         IRatio* ratio = same(other);
         Ratio value;
         if (ratio == nullptr || failed(ratio->getNumerator(&value.numerator)) ||
-            failed(ratio->getDenominator(&value.denominator)))
+            failed(ratio->getDenominator(&value.denominator))) {
             return false;
+        }
         result = Conversions::compareRatios(value_, value);
         return true;
     }
@@ -107,16 +113,22 @@ private:
 
 }  // namespace
 
-ErrCode createIntObject(IIntObject** object, int64_t value) { return createObject<IntImpl>(object, value); }
-ErrCode createFloatObject(IFloatObject** object, double value) { return createObject<FloatImpl>(object, value); }
+ErrCode createIntObject(IIntObject** object, int64_t value) {
+    return createObject<IntImpl>(object, value);
+}
+ErrCode createFloatObject(IFloatObject** object, double value) {
+    return createObject<FloatImpl>(object, value);
+}
 ErrCode createBoolObject(IBoolObject** object, unsigned char value) {
     return createObject<BoolImpl>(object, value != 0 ? 1 : 0);
 }
 ErrCode createRatio(IRatio** object, int64_t numerator, int64_t denominator) {
-    if (object == nullptr)
+    if (object == nullptr) {
         return Errors::ArgumentNull;
-    if (denominator == 0)
+    }
+    if (denominator == 0) {
         return makeError(Errors::InvalidParameter, "The denominator of a ratio can't be 0");
+    }
     return createObject<RatioImpl>(object, numerator, denominator);
 }
 

@@ -24,8 +24,9 @@ protected:
         IString* string = same(other);
         const char* text = nullptr;
         size_t length = 0;
-        if (string == nullptr || failed(string->getCharPtr(&text)) || failed(string->getLength(&length)))
+        if (string == nullptr || failed(string->getCharPtr(&text)) || failed(string->getLength(&length))) {
             return false;
+        }
         result = std::string_view(text_).compare(std::string_view(text, length));
         return true;
     }
@@ -37,8 +38,9 @@ private:
 }  // namespace
 
 ErrCode createStringN(IString** object, const char* text, size_t length) {
-    if (object == nullptr || (text == nullptr && length != 0))
+    if (object == nullptr || (text == nullptr && length != 0)) {
         return Errors::ArgumentNull;
+    }
     return createObject<StringImpl>(object, text == nullptr ? "" : text, length);
 }
 

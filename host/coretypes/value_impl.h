@@ -29,8 +29,9 @@ public:
     }
 
     ErrCode convertTo(CoreType type, IBaseObject** value) override {
-        if (value == nullptr)
+        if (value == nullptr) {
             return Errors::ArgumentNull;
+        }
         *value = nullptr;
         if (type == Type || type == CoreType::Object || type == CoreType::Undefined) {
             this->addRef();
@@ -39,32 +40,35 @@ public:
         }
         return wrapHandler([&]() -> ErrCode {
             switch (type) {
-            case CoreType::Bool: {
-                bool result = false;
-                return readBool(result) ? give(toValue(result), value) : refuse("truth value");
-            }
-            case CoreType::Int:
-            case CoreType::Enum: {
-                int64_t result = 0;
-                return readInt(result) ? give(toValue(result), value) : refuse("integer");
-            }
-            case CoreType::Float: {
-                double result = 0.0;
-                return readFloat(result) ? give(toValue(result), value) : refuse("number");
-            }
-            case CoreType::Ratio: {
-                Ratio result;
-                return readRatio(result) ? give(toValue(result), value) : refuse("ratio");
-            }
-            case CoreType::String: return give(toValue(text()), value);
-            default: return refuse("value of this type");
+                case CoreType::Bool: {
+                    bool result = false;
+                    return readBool(result) ? give(toValue(result), value) : refuse("truth value");
+                }
+                case CoreType::Int:
+                case CoreType::Enum: {
+                    int64_t result = 0;
+                    return readInt(result) ? give(toValue(result), value) : refuse("integer");
+                }
+                case CoreType::Float: {
+                    double result = 0.0;
+                    return readFloat(result) ? give(toValue(result), value) : refuse("number");
+                }
+                case CoreType::Ratio: {
+                    Ratio result;
+                    return readRatio(result) ? give(toValue(result), value) : refuse("ratio");
+                }
+                case CoreType::String:
+                    return give(toValue(text()), value);
+                default:
+                    return refuse("value of this type");
             }
         });
     }
 
     ErrCode toString(char** result) override {
-        if (result == nullptr)
+        if (result == nullptr) {
             return Errors::ArgumentNull;
+        }
         return wrapHandler([&]() -> ErrCode {
             const std::string form = text();
             return zornDuplicateCharPtrN(result, form.data(), form.size());
@@ -72,16 +76,18 @@ public:
     }
 
     ErrCode equals(IBaseObject* other, unsigned char* equal) override {
-        if (equal == nullptr)
+        if (equal == nullptr) {
             return Errors::ArgumentNull;
+        }
         int order = 1;
         *equal = other != nullptr && compare(other, order) && order == 0 ? 1 : 0;
         return Errors::Success;
     }
 
     ErrCode compareTo(IBaseObject* other, int* result) override {
-        if (other == nullptr || result == nullptr)
+        if (other == nullptr || result == nullptr) {
             return Errors::ArgumentNull;
+        }
         if (!compare(other, *result)) {
             zornClearErrorInfo();
             return Errors::InvalidType;
@@ -128,10 +134,12 @@ private:
 
     template <class Out, class T>
     ErrCode read(Out* out, const T& result, bool good, const char* kind) {
-        if (out == nullptr)
+        if (out == nullptr) {
             return Errors::ArgumentNull;
-        if (!good)
+        }
+        if (!good) {
             return wrapHandler([&]() -> ErrCode { return refuse(kind); });
+        }
         *out = static_cast<Out>(result);
         return Errors::Success;
     }

@@ -13,8 +13,9 @@ public:
     ErrCode getMinor(unsigned int* value) override { return handOut(minor_, value); }
     ErrCode getPatch(unsigned int* value) override { return handOut(patch_, value); }
     ErrCode toString(char** text) override {
-        if (text == nullptr)
+        if (text == nullptr) {
             return Errors::ArgumentNull;
+        }
         char buffer[40];
         std::snprintf(buffer, sizeof buffer, "%u.%u.%u", major_, minor_, patch_);
         return zornDuplicateCharPtr(text, buffer);
@@ -33,14 +34,19 @@ ErrCode createVersionInfo(IVersionInfo** object, unsigned int major, unsigned in
 }
 
 void zornCoreTypesGetVersion(unsigned int* major, unsigned int* minor, unsigned int* patch) {
-    if (major != nullptr)
+    if (major != nullptr) {
         *major = 1;
-    if (minor != nullptr)
+    }
+    if (minor != nullptr) {
         *minor = 1;
-    if (patch != nullptr)
+    }
+    if (patch != nullptr) {
         *patch = 0;
+    }
 }
 
-size_t zornCoreTypesGetObjectCount() { return zornSharedLibObjectCount.load(); }
+size_t zornCoreTypesGetObjectCount() {
+    return zornSharedLibObjectCount.load();
+}
 
 }  // namespace Harvane::RT::Core

@@ -22,8 +22,9 @@ LogDispatcher& LogDispatcher::instance() {
 }
 
 void LogDispatcher::add(ILogSink* sink, int minimumLevel) {
-    if (sink == nullptr)
+    if (sink == nullptr) {
         return;
+    }
     std::lock_guard lock(mutex_);
     for (auto& entry : sinks_) {
         if (entry.sink == sink) {
@@ -40,8 +41,9 @@ void LogDispatcher::remove(ILogSink* sink) {
 }
 
 void LogDispatcher::write(const LogRecord& record) {
-    if (insideSink)
+    if (insideSink) {
         return;
+    }
     std::lock_guard lock(mutex_);
     insideSink = true;
     if (sinks_.empty() && record.level >= WarningLevel) {
@@ -53,8 +55,9 @@ void LogDispatcher::write(const LogRecord& record) {
         }
     }
     for (const auto& entry : sinks_) {
-        if (record.level < entry.minimumLevel)
+        if (record.level < entry.minimumLevel) {
             continue;
+        }
         try {
             entry.sink->write(record);
         } catch (...) {  // a failing sink must not keep the record from the others
@@ -64,8 +67,9 @@ void LogDispatcher::write(const LogRecord& record) {
 }
 
 void LogDispatcher::flush() {
-    if (insideSink)
+    if (insideSink) {
         return;
+    }
     std::lock_guard lock(mutex_);
     for (const auto& entry : sinks_) {
         try {

@@ -52,11 +52,13 @@ void formatLogLine(const LogRecord& record, std::string& line) {
     fmt::format_to(std::back_inserter(line), "{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {:<7} {}  {}",
                    local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                    record.timeUs / 1000 % 1000, level, record.logger, record.message);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
         line.pop_back();
+    }
     for (char& character : line) {
-        if (static_cast<unsigned char>(character) < 0x20)
+        if (static_cast<unsigned char>(character) < 0x20) {
             character = ' ';
+        }
     }
     line += '\n';
 }
@@ -65,10 +67,11 @@ void writeLogText(int descriptor, const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t written = ::write(descriptor, text.data() + done, text.size() - done);
-        if (written > 0)
+        if (written > 0) {
             done += static_cast<size_t>(written);
-        else if (written == 0 || errno != EINTR)
+        } else if (written == 0 || errno != EINTR) {
             return;
+        }
     }
 }
 
@@ -77,8 +80,9 @@ ILogSink* createConsoleSink() {
 }
 
 ILogSink* createFileSink(const char* path) {
-    if (path == nullptr)
+    if (path == nullptr) {
         return nullptr;
+    }
     const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     return descriptor < 0 ? nullptr : new FileSink(descriptor);
 }

@@ -37,8 +37,9 @@ public:
     ErrCode getLevel(int* level) override { return handOut(level_.load(std::memory_order_relaxed), level); }
 
     ErrCode setLevel(int level) override {
-        if (level < LowestLevel || level > OffLevel)
+        if (level < LowestLevel || level > OffLevel) {
             return makeError(Errors::InvalidParameter, "A log level is 0 (verbose) to 6 (off)", self());
+        }
         level_.store(level, std::memory_order_relaxed);
         return Errors::Success;
     }
@@ -48,8 +49,9 @@ public:
     }
 
     ErrCode log(int level, const char* file, int line, const char* function, const char* message) override {
-        if (level >= level_.load(std::memory_order_relaxed))
+        if (level >= level_.load(std::memory_order_relaxed)) {
             dispatch(name_.c_str(), level, file, line, function, message);
+        }
         return Errors::Success;
     }
 
@@ -80,8 +82,9 @@ public:
     bool create(const char* name, int level) {
         std::unique_lock lock(mutex_);
         auto [place, isNew] = loggers_.try_emplace(name, nullptr);
-        if (isNew)
+        if (isNew) {
             place->second = new LoggerImpl(name, level);
+        }
         return isNew;
     }
 
@@ -93,30 +96,36 @@ private:
 }  // namespace
 
 ErrCode zornGetLogger(const char* name, ILogger** logger) {
-    if (name == nullptr || logger == nullptr)
+    if (name == nullptr || logger == nullptr) {
         return Errors::ArgumentNull;
+    }
     *logger = LoggerRegistry::instance().find(name);
-    if (*logger == nullptr)
+    if (*logger == nullptr) {
         return wrapHandler([&] { throw NotFoundException("There is no logger \"%s\"", name); });
+    }
     (*logger)->addRef();
     return Errors::Success;
 }
 
 ErrCode zornCreateLogger(const char* name, int level) {
-    if (name == nullptr)
+    if (name == nullptr) {
         return Errors::ArgumentNull;
+    }
     return wrapHandler([&] {
-        if (level < LowestLevel || level > OffLevel)
+        if (level < LowestLevel || level > OffLevel) {
             throw InvalidParameterException("Logger \"%s\": level %d is not 0 (verbose) to 6 (off)", name, level);
-        if (!LoggerRegistry::instance().create(name, level))
+        }
+        if (!LoggerRegistry::instance().create(name, level)) {
             throw AlreadyExistsException("There is a logger \"%s\" already", name);
+        }
     });
 }
 
 ErrCode zornLogMessageWithSource(const char* logger, int level, const char* file, int line, const char* function,
                                  const char* message) {
-    if (LoggerImpl* known = logger == nullptr ? nullptr : LoggerRegistry::instance().find(logger))
+    if (LoggerImpl* known = logger == nullptr ? nullptr : LoggerRegistry::instance().find(logger)) {
         return known->log(level, file, line, function, message);
+    }
     dispatch(logger, level, file, line, function, message);
     return Errors::Success;
 }

@@ -24,8 +24,9 @@ void logLine(int level, const std::string& text) {
 }
 
 void ensureLogger(const char* name) {
-    if (failed(zornCreateLogger(name, InfoLevel)))
+    if (failed(zornCreateLogger(name, InfoLevel))) {
         zornClearErrorInfo();  // another host object has made it
+    }
 }
 
 template <class I, class Operation>
@@ -45,10 +46,11 @@ std::string versionText(void (*getVersion)(unsigned int*, unsigned int*, unsigne
 
 void collectChannels(const ChannelFolderPtr& folder, std::vector<ChannelPtr<>>& channels) {
     for (const auto& child : folder.getChildren()) {
-        if (auto channel = child.asPtrOrNull<IChannel>())
+        if (auto channel = child.asPtrOrNull<IChannel>()) {
             channels.emplace_back(std::move(channel));
-        else if (auto inner = child.asPtrOrNull<IChannelFolder>())
+        } else if (auto inner = child.asPtrOrNull<IChannelFolder>()) {
             collectChannels(inner, channels);
+        }
     }
 }
 
@@ -76,8 +78,9 @@ struct ModuleHost::State {
 
     void requirePhase(const char* step, std::initializer_list<Phase> allowed, const char* hint) const {
         for (const Phase one : allowed) {
-            if (phase == one)
+            if (phase == one) {
                 return;
+            }
         }
         throw InvalidStateException("Can't %s: %s", step, phase == Phase::Broken ? "a step failed, close first" : hint);
     }
@@ -91,8 +94,9 @@ struct ModuleHost::State {
             step();
         } catch (const std::exception& exception) {
             logLine(ErrorLevel, exception.what());
-            if (firstFailure.empty())
+            if (firstFailure.empty()) {
                 firstFailure = exception.what();
+            }
         }
     }
 
@@ -119,8 +123,9 @@ struct ModuleHost::State {
 
     std::vector<ChannelPtr<>> allChannels() const {
         std::vector<ChannelPtr<>> channels;
-        if (dataModule)
+        if (dataModule) {
             collectChannels(dataModule.getRootFolder(), channels);
+        }
         return channels;
     }
 
@@ -130,8 +135,9 @@ struct ModuleHost::State {
         const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         for (const auto& channel : allChannels()) {
             while (isBalancing(channel)) {
-                if (std::chrono::steady_clock::now() >= until)
+                if (std::chrono::steady_clock::now() >= until) {
                     return channel.getNodeId().toStdString();
+                }
                 std::this_thread::sleep_for(BalancePollInterval);
             }
         }
@@ -140,11 +146,13 @@ struct ModuleHost::State {
 
     static bool isBalancing(const ChannelPtr<>& channel) {
         try {
-            if (!channel.isPropertySet(BalanceStatus))
+            if (!channel.isPropertySet(BalanceStatus)) {
                 return false;
+            }
             const auto function = channel.getPropertyValue(BalanceStatus).asPtrOrNull<IFuncObject>();
-            if (!function)
+            if (!function) {
                 return false;
+            }
             const BasePtr status = executeFunc(function, nullptr);
             return status && fromValue<bool>(status);
         } catch (const std::exception&) {
@@ -155,14 +163,16 @@ struct ModuleHost::State {
     // Everything that holds code of the module, in the order in which it may go: the providers first, since the data
     // object keeps the clock and the module the data object; the tree last, since the module still refers to it.
     void releaseModule() {
-        if (config)
+        if (config) {
             config->dispose();
+        }
         config.release();
         clock.release();
         absTime.release();
         scheduler.setLoopProvider({});
-        if (module)
+        if (module) {
             scheduler.removeModule(module);
+        }
         module.release();
         factory.release();
         driver.release();
@@ -174,8 +184,9 @@ struct ModuleHost::State {
     // For a module that must not be destroyed: its objects stay alive for good, in a list that nobody empties.
     void abandonModule() {
         static auto* const abandoned = new std::vector<BasePtr>;
-        for (const auto& object : {asBase(module), asBase(factory), asBase(driver), asBase(dataModule), asBase(data)})
+        for (const auto& object : {asBase(module), asBase(factory), asBase(driver), asBase(dataModule), asBase(data)}) {
             abandoned->push_back(object);
+        }
         releaseModule();
     }
 
@@ -215,8 +226,9 @@ ModuleHost::~ModuleHost() {
 
 void ModuleHost::open(const std::string& file) {
     auto& s = *state_;
-    if (s.phase != State::Phase::Closed)
+    if (s.phase != State::Phase::Closed) {
         throw InvalidStateException("Can't open %s: %s is open", file.c_str(), s.binary->file().c_str());
+    }
     s.binary = std::make_unique<ModuleLibrary>(file);
     try {
         s.driver = s.binary->createDriver();
@@ -238,8 +250,9 @@ void ModuleHost::open(const std::string& file) {
         IList* factories = nullptr;
         s.check("asking the driver for its modules", s.driver->enumerateModuleFactories(&factories));
         const ListPtr list = ObjectPtr<IList>::take(factories);
-        if (!list || list.getCount() == 0)
+        if (!list || list.getCount() == 0) {
             throw InvalidValueException("%s: driver \"%s\" offers no module", file.c_str(), s.driverName.c_str());
+        }
         s.factory = list.getItemAt(0).asPtr<IModuleFactory>();
 
         IString* instanceName = nullptr;
@@ -247,16 +260,18 @@ void ModuleHost::open(const std::string& file) {
         s.check("making the module", s.factory->createInstance(&instanceName, &module));
         const StringPtr instance = ObjectPtr<IString>::take(instanceName);
         s.module = ObjectPtr<IModule>::take(module);
-        if (!s.module)
+        if (!s.module) {
             throw InvalidValueException("%s: driver \"%s\" made no module", file.c_str(), s.driverName.c_str());
+        }
         s.makeTree();
         s.scheduler.addModule(s.module);
         s.phase = State::Phase::Open;
     } catch (...) {
         s.releaseModule();
-        if (!s.binary->unload(0))
+        if (!s.binary->unload(0)) {
             logLine(WarningLevel,
                     fmt::format("{} stays loaded: {} of its objects are left", file, s.binary->objectCount()));
+        }
         s.binary.reset();
         throw;
     }
@@ -283,8 +298,9 @@ void ModuleHost::configure() {
                    s.phase == Phase::Running ? "the acquisition runs" : "the module is not added");
     // The set of providers may differ from the last time: forget all of them first.
     s.phase = Phase::Added;
-    if (s.config)
+    if (s.config) {
         s.config->dispose();
+    }
     s.clock.release();
     s.absTime.release();
     s.scheduler.setLoopProvider({});
@@ -313,9 +329,10 @@ void ModuleHost::initialize() {
     SyncGuard guard(s.sync);
     for (const auto& channel : s.allChannels()) {
         const ErrCode code = channel->initializeAcquisition();
-        if (failed(code))
+        if (failed(code)) {
             throwStepFailure(s.binary->file(), "reserving memory of channel " + channel.getNodeId().toStdString(),
                              code);
+        }
     }
     s.phase = Phase::Initialized;
 }
@@ -326,8 +343,9 @@ void ModuleHost::start() {
     s.requirePhase("start", {Phase::Initialized},
                    s.phase == Phase::Running ? "the acquisition runs" : "the module is not initialized");
     try {
-        for (const auto& channel : s.allChannels())
+        for (const auto& channel : s.allChannels()) {
             s.check("starting a channel", channel->startAcquisition());
+        }
         {
             SyncGuard guard(s.sync);
             s.check("start", s.module->start());
@@ -346,20 +364,23 @@ void ModuleHost::start() {
 
 void ModuleHost::stop() {
     auto& s = *state_;
-    if (s.phase != State::Phase::Running)
+    if (s.phase != State::Phase::Running) {
         return;
+    }
     std::string failure;
     s.attempt(failure, [&] { s.scheduler.stop(); });
     s.stopModule(failure);
     s.phase = State::Phase::Added;
-    if (!failure.empty())
+    if (!failure.empty()) {
         throw GeneralErrorException("%s", failure.c_str());
+    }
 }
 
 void ModuleHost::close(int timeoutMs) {
     auto& s = *state_;
-    if (!s.binary)
+    if (!s.binary) {
         return;
+    }
     std::string failure;
     s.attempt(failure, [&] { stop(); });
     const std::string file = s.binary->file();
@@ -368,10 +389,11 @@ void ModuleHost::close(int timeoutMs) {
         s.attempt(failure, [&] { s.check("remove", s.module->remove()); });
         s.attempt(failure, [&] { balancing = s.waitForBalancing(timeoutMs); });
     }
-    if (balancing.empty())
+    if (balancing.empty()) {
         s.releaseModule();
-    else
+    } else {
         s.abandonModule();
+    }
     s.added = false;
     s.phase = State::Phase::Closed;
     const bool unloaded = s.binary->unload(balancing.empty() ? timeoutMs : 0);  // abandoned objects hold it
@@ -384,8 +406,9 @@ void ModuleHost::close(int timeoutMs) {
         logLine(WarningLevel, text);
         throw InvalidStateException("%s", text.c_str());
     }
-    if (!failure.empty())
+    if (!failure.empty()) {
         throw GeneralErrorException("%s", failure.c_str());
+    }
 }
 
 bool ModuleHost::isOpen() const {
@@ -457,12 +480,15 @@ std::vector<LibraryVersionText> ModuleHost::hostVersions() {
 }
 
 ZORN_FUNCTION void zornModuleManagerGetVersion(unsigned int* major, unsigned int* minor, unsigned int* patch) {
-    if (major != nullptr)
+    if (major != nullptr) {
         *major = 1;
-    if (minor != nullptr)
+    }
+    if (minor != nullptr) {
         *minor = 0;
-    if (patch != nullptr)
+    }
+    if (patch != nullptr) {
         *patch = 0;
+    }
 }
 
 }  // namespace Harvane::RT::Core

@@ -17,8 +17,9 @@ constexpr auto UnloadPollInterval = std::chrono::milliseconds(5);
 
 // dlopen looks a bare name up in the system's folders; here it means a file of the working directory.
 std::string loadPath(const std::string& file) {
-    if (file.find('/') != std::string::npos)
+    if (file.find('/') != std::string::npos) {
         return file;
+    }
     return "./" + file;
 }
 
@@ -31,8 +32,9 @@ void throwStepFailure(const std::string& where, const std::string& step, ErrCode
 }
 
 void checkStep(const std::string& where, const std::string& step, ErrCode code) {
-    if (failed(code))
+    if (failed(code)) {
         throwStepFailure(where, step, code);
+    }
 }
 
 template <class Function>
@@ -42,14 +44,16 @@ Function ModuleLibrary::find(const char* name) const {
 
 template <class Function>
 Function ModuleLibrary::require(const char* name) const {
-    if (auto function = find<Function>(name))
+    if (auto function = find<Function>(name)) {
         return function;
+    }
     throw InvalidValueException("%s is no module library: it has no entry point %s", file_.c_str(), name);
 }
 
 ModuleLibrary::ModuleLibrary(const std::string& file) : file_(file) {
-    if (file.empty())
+    if (file.empty()) {
         throw InvalidParameterException("No module file was named");
+    }
     dlerror();
     handle_ = dlopen(loadPath(file).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle_ == nullptr) {
@@ -59,8 +63,9 @@ ModuleLibrary::ModuleLibrary(const std::string& file) : file_(file) {
     try {
         auto checkDependencies = require<ErrCode (*)(IString**)>("zornCheckDependencies");
         createDriver_ = find<ErrCode (*)(IModuleDriver**)>("createModuleDriver");
-        if (createDriver_ == nullptr)
+        if (createDriver_ == nullptr) {
             createDriver_ = require<ErrCode (*)(IModuleDriver**)>("createDaqModuleDriver");
+        }
         canUnload_ = require<ErrCode (*)(bool*)>("zornCanUnload");
         getObjectCount_ = find<ErrCode (*)(size_t*)>("zornGetObjectCount");
 
@@ -72,8 +77,9 @@ ModuleLibrary::ModuleLibrary(const std::string& file) : file_(file) {
             throw ZornException(code, false, "%s can't be used with this host: %s (0x%08X)", file.c_str(),
                                 message ? message.toStdString().c_str() : "its version check failed", code);
         }
-        if (auto initialize = find<ErrCode (*)()>("zornInitDaqModuleLibrary"))
+        if (auto initialize = find<ErrCode (*)()>("zornInitDaqModuleLibrary")) {
             checkStep(file, "zornInitDaqModuleLibrary", initialize());
+        }
     } catch (...) {
         unload(0);
         throw;
@@ -85,8 +91,9 @@ ModuleLibrary::~ModuleLibrary() = default;
 ObjectPtr<IModuleDriver> ModuleLibrary::createDriver() const {
     IModuleDriver* driver = nullptr;
     checkStep(file_, "creating the driver", createDriver_(&driver));
-    if (driver == nullptr)
+    if (driver == nullptr) {
         throw InvalidValueException("%s: creating the driver gave nothing", file_.c_str());
+    }
     return ObjectPtr<IModuleDriver>::take(driver);
 }
 
@@ -98,25 +105,29 @@ bool ModuleLibrary::canUnload() const {
 
 uint64_t ModuleLibrary::objectCount() const {
     size_t count = 0;
-    if (handle_ != nullptr && getObjectCount_ != nullptr)
+    if (handle_ != nullptr && getObjectCount_ != nullptr) {
         getObjectCount_(&count);
+    }
     return count;
 }
 
 bool ModuleLibrary::unload(int timeoutMs) {
-    if (handle_ == nullptr)
+    if (handle_ == nullptr) {
         return true;
+    }
     // This thread's error info may hold an object of the module as its source.
     zornClearErrorInfo();
     // Any function of the library tells which one it is. A library that has to stay is through with reading files, too.
     for (const char* name : {"zornCheckDependencies", "zornCanUnload"}) {
-        if (const void* inside = dlsym(handle_, name))
+        if (const void* inside = dlsym(handle_, name)) {
             zornDropSerializerFactories(inside);
+        }
     }
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!canUnload()) {
-        if (std::chrono::steady_clock::now() >= until)
+        if (std::chrono::steady_clock::now() >= until) {
             return false;
+        }
         std::this_thread::sleep_for(UnloadPollInterval);
     }
     dlclose(handle_);

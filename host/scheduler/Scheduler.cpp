@@ -28,8 +28,9 @@ void sequenceFence() {
 
 void raise(std::atomic<int64_t>& longest, int64_t value) {
     // One writer, so that a plain comparison will do.
-    if (value > longest.load(std::memory_order_relaxed))
+    if (value > longest.load(std::memory_order_relaxed)) {
         longest.store(value, std::memory_order_relaxed);
+    }
 }
 
 // What one cycle does and what it counts. Shared with the procedure that a loop provider may keep beyond stop().
@@ -64,8 +65,9 @@ public:
         sequenceFence();  // the odd number is seen before anything that the cycle writes
 
         const auto start = Clock::now();
-        if (lastStart_ != Clock::time_point())
+        if (lastStart_ != Clock::time_point()) {
             raise(longestGapNs, (start - lastStart_).count());
+        }
         lastStart_ = start;
         for (size_t i = 0; i < modules.size(); ++i) {
             const ErrCode code = modules[i]->processData();
@@ -86,8 +88,9 @@ public:
     // A cycle that somebody else times.
     void runFromLoop() {
         std::lock_guard lock(loopMutex_);
-        if (running_)
+        if (running_) {
             run();
+        }
     }
 
     std::vector<ObjectPtr<IModule>> modules;
@@ -112,8 +115,9 @@ struct Scheduler::State {
     explicit State(ObjectPtr<IAcquisitionSync> sync) : cycle(std::make_shared<Cycle>(std::move(sync))) {}
 
     void requireStopped(const char* what) const {
-        if (running.load())
+        if (running.load()) {
             throw InvalidStateException("%s while the scheduler runs", what);
+        }
     }
 
     void threadBody() {
@@ -148,10 +152,12 @@ struct Scheduler::State {
 };
 
 Scheduler::Scheduler(ObjectPtr<IAcquisitionSync> sync, long cycleTimeMs) {
-    if (!sync)
+    if (!sync) {
         throw InvalidParameterException("A scheduler needs an acquisition lock");
-    if (cycleTimeMs < 1)
+    }
+    if (cycleTimeMs < 1) {
         throw InvalidParameterException("A cycle time of %ld ms is not possible: 1 ms is the least", cycleTimeMs);
+    }
     state_ = std::make_unique<State>(std::move(sync));
     state_->cycleTimeMs = cycleTimeMs;
 }
@@ -166,8 +172,9 @@ Scheduler::~Scheduler() {
 
 void Scheduler::addModule(const ObjectPtr<IModule>& module) {
     state_->requireStopped("Can't add a module");
-    if (!module)
+    if (!module) {
         throw InvalidParameterException("No module to add");
+    }
     state_->cycle->modules.push_back(module);
 }
 
@@ -211,8 +218,9 @@ void Scheduler::start() {
 }
 
 void Scheduler::stop() {
-    if (!state_->running.load())
+    if (!state_->running.load()) {
         return;
+    }
     ErrCode code = Errors::Success;
     if (state_->activeLoop) {
         code = state_->activeLoop->stopLoop();
@@ -256,25 +264,30 @@ uint64_t Scheduler::sequence() const {
 
 bool Scheduler::waitForCycleEnd(int timeoutMs) const {
     const uint64_t seen = sequence();
-    if (seen % 2 == 0)
+    if (seen % 2 == 0) {
         return true;
+    }
     // Asked at short intervals, so that the cycle has nobody to wake.
     const auto until = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (sequence() == seen) {
-        if (Clock::now() >= until)
+        if (Clock::now() >= until) {
             return false;
+        }
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     return true;
 }
 
 ZORN_FUNCTION void zornSchedulerGetVersion(unsigned int* major, unsigned int* minor, unsigned int* patch) {
-    if (major != nullptr)
+    if (major != nullptr) {
         *major = 1;
-    if (minor != nullptr)
+    }
+    if (minor != nullptr) {
         *minor = 0;
-    if (patch != nullptr)
+    }
+    if (patch != nullptr) {
         *patch = 0;
+    }
 }
 
 }  // namespace Harvane::RT::Core

@@ -16,9 +16,7 @@ public:
         std::reverse(data, data + N);
     }
 
-    static constexpr bool isLittleEndian() {
-        return std::endian::native == std::endian::little;
-    }
+    static constexpr bool isLittleEndian() { return std::endian::native == std::endian::little; }
 };
 
 }  // namespace Harvane::Utils::DataTypes

@@ -59,10 +59,12 @@ bool StringHelper::areSame(const std::string& first, const std::string& second) 
 
 std::string StringHelper::replaceAll(const std::string& text, const std::string& from, const std::string& to) {
     std::string result = text;
-    if (from.empty())
+    if (from.empty()) {
         return result;
-    for (size_t at = result.find(from); at != std::string::npos; at = result.find(from, at + to.size()))
+    }
+    for (size_t at = result.find(from); at != std::string::npos; at = result.find(from, at + to.size())) {
         result.replace(at, from.size(), to);
+    }
     return result;
 }
 
@@ -82,8 +84,9 @@ std::string StringHelper::trim(const std::string& text) {
 std::vector<std::string> StringHelper::tokenize(const std::string& text, char separator) {
     std::vector<std::string> pieces;
     std::istringstream stream(text);
-    for (std::string piece; std::getline(stream, piece, separator);)
+    for (std::string piece; std::getline(stream, piece, separator);) {
         pieces.push_back(piece);
+    }
     return pieces;
 }
 

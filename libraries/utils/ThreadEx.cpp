@@ -11,8 +11,9 @@ ThreadEx::ThreadEx() = default;
 ThreadEx::~ThreadEx() = default;
 
 void ThreadEx::start() {
-    if (thread_)
+    if (thread_) {
         throw std::runtime_error("Thread is already started.");
+    }
     finished_.store(false, std::memory_order_release);
     terminated_.store(false, std::memory_order_release);
     thread_ = std::make_unique<std::thread>([this] { mainThread(); });
@@ -28,10 +29,12 @@ void ThreadEx::terminate() {
 }
 
 void ThreadEx::waitFor() {
-    if (!thread_)
+    if (!thread_) {
         return;
-    if (thread_->joinable())
+    }
+    if (thread_->joinable()) {
         thread_->join();
+    }
     thread_.reset();
 }
 
@@ -46,8 +49,9 @@ void ThreadEx::mainThread() noexcept {
 }
 
 void ThreadEx::reportCurrentException() noexcept {
-    if (!exceptionAdapter_)
+    if (!exceptionAdapter_) {
         return;
+    }
     try {
         try {
             throw;

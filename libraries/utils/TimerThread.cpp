@@ -62,8 +62,9 @@ TimerThread::~TimerThread() {
 }
 
 void TimerThread::start() {
-    if (getStarted())
+    if (getStarted()) {
         throw std::runtime_error("Thread is already started.");
+    }
     noOfCallbacks_ = 0;
     ThreadEx::start();
 }
@@ -84,8 +85,9 @@ void TimerThread::execute() {
     timespec deadline = plusMilliseconds(monotonicNow(), periodMs);
     MutexGuard guard(mutex_);
     while (!getTerminated()) {
-        if (pthread_cond_timedwait(&condition_, &mutex_, &deadline) != ETIMEDOUT)
+        if (pthread_cond_timedwait(&condition_, &mutex_, &deadline) != ETIMEDOUT) {
             continue;
+        }
         ++noOfCallbacks_;
         try {
             executeTimerCallback();
@@ -98,8 +100,9 @@ void TimerThread::execute() {
 }
 
 void TimerThread::executeTimerCallback() {
-    if (callback_)
+    if (callback_) {
         callback_();
+    }
 }
 
 int TimerThread::getIntervalMs() const {

@@ -17,26 +17,26 @@ namespace Harvane::RT::Modules::Daq {
 
 namespace {
 
-/// Rate that a tree starts with, as far as its devices can do it.
+// Rate that a tree starts with, as far as its devices can do it.
 constexpr int defaultSampleRate = 1000;
 
-/// Share of a channel's ring that the fastest channel may be ahead of the slowest.
+// Share of a channel's ring that the fastest channel may be ahead of the slowest.
 constexpr double maxDrift = 0.75;
 
-/// What a channel's ring holds, in samples of the full rate.
+// What a channel's ring holds, in samples of the full rate.
 double ringOf(const Channel& channel) {
     return static_cast<double>(channel.buffer->getCapacity() * static_cast<std::uint64_t>(channel.srDiv));
 }
 
-/// Rates that checkSampleRate tries. The instrument has a few hundred legal ones, a device that takes any rate meets a
-/// common divider long before.
+// Rates that checkSampleRate tries. The instrument has a few hundred legal ones, a device that takes any rate meets a
+// common divider long before.
 constexpr int maxRateSteps = 100000;
 
 SynchronizationOption standalone() {
     return {SynchronizationMode::Standalone, {}};
 }
 
-}
+}  // namespace
 
 DaqController::DaqController() = default;
 DaqController::~DaqController() = default;
@@ -404,4 +404,4 @@ void DaqController::setEnableFirstChannelFlag() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

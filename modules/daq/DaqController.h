@@ -21,16 +21,16 @@ class DaqTiming;
 class Device;
 class SystemDevice;
 
-/// Drives the whole acquisition: owns interfaces and device tree and turns each step into one walk down the tree.
-///
-/// Order of calls: initialize, scan, initializeHardware; then, as often as wanted, applySynchronization,
-/// prepareAcquisition, initializeAcquisition, startAcquisition, acquireData and sendData once a cycle, stopAcquisition.
-/// Nothing here catches an exception; the flags stay as they were when one passes, and prepareAcquisition of the next
-/// round clears them.
-///
-/// No lock. The calls come from the module's and the scheduler's thread and don't overlap. From other threads, while
-/// none of initialize to applySynchronization runs, getCurrentTime() and maxSamplesAcquired may be read at any time,
-/// also in the middle of a cycle, and sampleRate while an acquisition runs, which keeps it as it is. Rates are in Hz.
+// Drives the whole acquisition: owns interfaces and device tree and turns each step into one walk down the tree.
+//
+// Order of calls: initialize, scan, initializeHardware; then, as often as wanted, applySynchronization,
+// prepareAcquisition, initializeAcquisition, startAcquisition, acquireData and sendData once a cycle, stopAcquisition.
+// Nothing here catches an exception; the flags stay as they were when one passes, and prepareAcquisition of the next
+// round clears them.
+//
+// No lock. The calls come from the module's and the scheduler's thread and don't overlap. From other threads, while
+// none of initialize to applySynchronization runs, getCurrentTime() and maxSamplesAcquired may be read at any time,
+// also in the middle of a cycle, and sampleRate while an acquisition runs, which keeps it as it is. Rates are in Hz.
 class DaqController {
 public:
     DaqController();
@@ -39,50 +39,50 @@ public:
     DaqController& operator=(const DaqController&) = delete;
 
     void initialize();
-    /// A second scan replaces the tree.
+    // A second scan replaces the tree.
     void scan();
-    /// Throws std::runtime_error("No valid sync option") when the devices go together in no way.
+    // Throws std::runtime_error("No valid sync option") when the devices go together in no way.
     void initializeHardware();
     void applySynchronization();
     void prepareAcquisition();
     void initializeAcquisition();
     void startAcquisition();
     void stopAcquisition();
-    /// Throws DataLostException when the fastest and the slowest channel have drifted apart by more than three quarters
-    /// of a channel's ring.
+    // Throws DataLostException when the fastest and the slowest channel have drifted apart by more than three quarters
+    // of a channel's ring.
     void acquireData();
     void sendData();
     void setAcqRunning(bool running);
     void setAcqStopping(bool stopping);
 
-    /// Seconds of the master clock, -1.0 while there is no time.
+    // Seconds of the master clock, -1.0 while there is no time.
     double getCurrentTime() const;
 
     // Only devices with a device rate count.
-    int getMinSampleRate() const;  ///< 1 without any.
-    int getMaxSampleRate() const;  ///< 10 without any.
-    /// The first of those with the largest maximum; null without any.
+    int getMinSampleRate() const;  // 1 without any.
+    int getMaxSampleRate() const;  // 10 without any.
+    // The first of those with the largest maximum; null without any.
     std::shared_ptr<DaqDevice> findDeviceWithMaxSR() const;
     bool isSRValidForAllDevices(int rate) const;
-    /// No check: callers go through checkSampleRate.
+    // No check: callers go through checkSampleRate.
     void setSampleRate(int rate);
-    /// The nearest rate at or below the request that all devices can run at or derive their own from. Where devices
-    /// share no such rate the answer is the nearest one of the fastest device.
+    // The nearest rate at or below the request that all devices can run at or derive their own from. Where devices
+    // share no such rate the answer is the nearest one of the fastest device.
     int checkSampleRate(int rate) const;
 
-    /// The device, of any class, that has this channel; null without one.
+    // The device, of any class, that has this channel; null without one.
     std::shared_ptr<Device> findDeviceByChannel(const std::shared_ptr<Channel>& channel) const;
 
     SynchronizationOptions getSynchronizationOptions() const;
     SynchronizationOptions getSynchronizationOptions(const std::shared_ptr<DaqDevice>& device) const;
-    /// Chooses an option for every device. Throws std::runtime_error("not valid synchronization").
+    // Chooses an option for every device. Throws std::runtime_error("not valid synchronization").
     void setSynchronization(const SynchronizationOption& wanted);
     bool checkSynchronization(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& offered,
                               const SynchronizationOption& wanted) const;
-    /// (None, {}) when the device offers nothing that goes with the option.
+    // (None, {}) when the device offers nothing that goes with the option.
     SynchronizationOption getFirstValidSyncMode(const std::shared_ptr<DaqDevice>& device,
                                                 const SynchronizationOption& option) const;
-    /// Whether a device in option a can stand beside one in option b.
+    // Whether a device in option a can stand beside one in option b.
     bool isValidSyncModeCombination(const SynchronizationOption& a, const SynchronizationOption& b) const;
 
     void setMasterClockDevice();
@@ -93,9 +93,9 @@ public:
 
     int sampleRate = 1000;
     OperationMode operationMode = 1;
-    Channels allChannels;          ///< Every channel of the tree.
-    Channels acquisitionChannels;  ///< The active ones of the present acquisition.
-    SampleCounter maxSamplesAcquired;  ///< Of the last acquireData, in samples of the full rate.
+    Channels allChannels;              // Every channel of the tree.
+    Channels acquisitionChannels;      // The active ones of the present acquisition.
+    SampleCounter maxSamplesAcquired;  // Of the last acquireData, in samples of the full rate.
     Interfaces interfaces;
     std::shared_ptr<SystemDevice> systemDevice;
     std::vector<std::shared_ptr<DaqDevice>> daqDevices;
@@ -103,7 +103,7 @@ public:
     std::shared_ptr<DaqTiming> daqTiming;
     bool acqRunning = false;
     bool acqStopping = false;
-    bool acqInitialized = false;   ///< initializeAcquisition has run for the coming start.
+    bool acqInitialized = false;  // initializeAcquisition has run for the coming start.
     SynchronizationOption synchronization{SynchronizationMode::None, {}};
     DaqFactory daqFactory;
     std::shared_ptr<DaqDevice> masterClockDevice;
@@ -116,4 +116,4 @@ private:
     bool hasPartners(const std::shared_ptr<DaqDevice>& device, const SynchronizationOption& option) const;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

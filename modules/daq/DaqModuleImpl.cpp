@@ -250,15 +250,13 @@ void DaqModuleImpl::onProcessData() {
     try {
         moveAsyncSamplesIn();
     } catch (const std::exception& exception) {
-        LOG_(0, plog::error) << "Exception while transfering data from DAQ async channels to RT: "
-                             << textOf(exception);
+        LOG_(0, plog::error) << "Exception while transfering data from DAQ async channels to RT: " << textOf(exception);
     }
     // The exchange over the routes stands here.
     try {
         moveAsyncSamplesOut();
     } catch (const std::exception& exception) {
-        LOG_(0, plog::error) << "Exception while transfering data from RT async channels to DAQ: "
-                             << textOf(exception);
+        LOG_(0, plog::error) << "Exception while transfering data from RT async channels to DAQ: " << textOf(exception);
     }
     try {
         daqController.sendData();
@@ -351,4 +349,4 @@ void DaqModuleImpl::moveAsyncSamplesOut() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -12,14 +12,14 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// The module object that the host holds: maps the host's lifecycle to the acquisition controller and the bridge, runs
-/// the exchange of samples once a cycle, and is the host's clock, absolute time and, with a loop device, source of
-/// cycles. It has no thread. Lifecycle calls and processData come one after the other; the clock and time queries may
-/// come from any thread at any time between `configure` and the next one.
+// The module object that the host holds: maps the host's lifecycle to the acquisition controller and the bridge, runs
+// the exchange of samples once a cycle, and is the host's clock, absolute time and, with a loop device, source of
+// cycles. It has no thread. Lifecycle calls and processData come one after the other; the clock and time queries may
+// come from any thread at any time between `configure` and the next one.
 class DaqModuleImpl : public GenericModuleImpl<Core::IPropertyObject, Core::IClockProvider, Core::IAbsTimeProvider,
                                                Core::ILoopProvider> {
 public:
-    /// Touches no hardware.
+    // Touches no hardware.
     DaqModuleImpl();
     ~DaqModuleImpl() override;
 
@@ -42,7 +42,7 @@ public:
     Core::ErrCode getInterval(long* milliseconds) const override;
 
 protected:
-    /// Once only, also when it failed: what it has built stays.
+    // Once only, also when it failed: what it has built stays.
     void onAdd(const Core::ModuleAddParamsPtr& params) override;
     void onConfigure(const Core::ModuleConfigPtr& config) override;
     void onInitialize() override;
@@ -56,7 +56,7 @@ protected:
     Core::ObjectPtr<Core::IProcObject> loopProc;  // given to startLoop
     std::atomic<bool> tracking{true};             // as last read from the timing device
     std::atomic<bool> timingError{false};
-    int64_t clockBase = 1000000000;               // ticks per second of all clock values
+    int64_t clockBase = 1000000000;  // ticks per second of all clock values
 
 private:
     // For the bridge, which takes the address of the controller before that is built.
@@ -74,4 +74,4 @@ private:
     std::vector<size_t> asyncChannels_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

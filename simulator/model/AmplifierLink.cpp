@@ -50,8 +50,7 @@ std::vector<uint8_t> noise(int size) {
 }  // namespace
 
 AmplifierLink::AmplifierLink(const Clock& clock, Faults& faults, std::function<void(int, const FrontEnd&)> changed)
-    : clock_(clock), faults_(faults), frontEndChanged_(std::move(changed)) {
-}
+    : clock_(clock), faults_(faults), frontEndChanged_(std::move(changed)) {}
 
 void AmplifierLink::tellFrontEnd(int slot) {
     Slot& place = slots_[static_cast<size_t>(slot)];

@@ -33,7 +33,7 @@ public:
     void plug(int slot, std::unique_ptr<Firmware> firmware);  // null: the slot is empty
     void supply(uint8_t before, uint8_t after, bool atOnce);  // bit i: slot i. `atOnce`: up without a boot
     void select(int slot);                                    // -1: nobody
-    ssize_t write(const uint8_t* bytes, size_t size);  // bytes or -errno
+    ssize_t write(const uint8_t* bytes, size_t size);         // bytes or -errno
     ssize_t read(uint8_t* bytes, size_t size, int timeoutMs);
     void flush();
     std::vector<std::string> framesReceived() const;
@@ -46,8 +46,8 @@ private:
         FrontEnd frontEnd;  // as told last
         FrameCollector collector;
         bool supplied = false;
-        double bootedAt = 0.0;      // instrument time
-        double restartedAt = 0.0;   // real time: after a restart by command
+        double bootedAt = 0.0;     // instrument time
+        double restartedAt = 0.0;  // real time: after a restart by command
     };
 
     struct Pending {

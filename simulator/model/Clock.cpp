@@ -14,8 +14,8 @@ double steadySeconds() {
 }  // namespace
 
 Clock::Clock(double factor, std::function<double()> now)
-    : now_(now ? std::move(now) : std::function<double()>(steadySeconds)), factor_(factor > 0.0 ? factor : 1.0),
-      start_(now_()) {
-}
+    : now_(now ? std::move(now) : std::function<double()>(steadySeconds)),
+      factor_(factor > 0.0 ? factor : 1.0),
+      start_(now_()) {}
 
 }  // namespace kestrixsim

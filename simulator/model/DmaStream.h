@@ -26,16 +26,16 @@ public:
     ~DmaStream();
 
     // ---- From the FPGA ----
-    void enable(const StreamFormat& format);        // RAWEN or FILTEN set: the ratios are latched
+    void enable(const StreamFormat& format);  // RAWEN or FILTEN set: the ratios are latched
     void disable();
     // The module converts from this instant on, which may be ahead, at this clock: only the ratios are latched.
     void run(double since, bool debugCounter, double baseClock);
     void halt();
-    void flush();                                   // the DSP chain was cleared
+    void flush();  // the DSP chain was cleared
     void setSource(const SignalSource& source);
 
     // ---- From the driver's node ----
-    int control(unsigned long request, unsigned long argument);      // 0 or -errno
+    int control(unsigned long request, unsigned long argument);  // 0 or -errno
     // Bytes or -errno. `fault` is asked when there is something to deliver.
     ssize_t read(void* buffer, size_t size, const std::function<ReadFault()>& fault);
     StreamStatistics statistics();
@@ -72,12 +72,12 @@ private:
 
     // Flow: samples come while started, enabled and running.
     bool flowing_ = false;
-    double flowStart_ = 0.0;         // instrument time of sample `flowBase_`
+    double flowStart_ = 0.0;  // instrument time of sample `flowBase_`
     uint64_t flowBase_ = 0;
-    uint64_t finished_ = 0;          // descriptors accounted for, in the ring, read or dropped
-    std::vector<uint64_t> ring_;     // numbers of the finished descriptors, oldest at ringHead_
+    uint64_t finished_ = 0;       // descriptors accounted for, in the ring, read or dropped
+    std::vector<uint64_t> ring_;  // numbers of the finished descriptors, oldest at ringHead_
     size_t ringHead_ = 0;
-    size_t headOffset_ = 0;          // bytes of the oldest descriptor already delivered
+    size_t headOffset_ = 0;  // bytes of the oldest descriptor already delivered
 
     StreamStatistics statistics_;
 };

@@ -11,8 +11,7 @@ bool codeSelects(FaultKind kind) {
 
 }  // namespace
 
-Faults::Faults(const Clock& clock) : clock_(clock) {
-}
+Faults::Faults(const Clock& clock) : clock_(clock) {}
 
 void Faults::add(const Fault& fault) {
     const std::lock_guard lock(mutex_);
@@ -66,8 +65,7 @@ bool Faults::present(FaultKind kind, int target) const {
     }
     const std::lock_guard lock(mutex_);
     for (const Entry& entry : entries_) {
-        if (entry.fault.kind == kind &&
-            (entry.fault.target == -1 || target == -1 || entry.fault.target == target)) {
+        if (entry.fault.kind == kind && (entry.fault.target == -1 || target == -1 || entry.fault.target == target)) {
             return true;
         }
     }

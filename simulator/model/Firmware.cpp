@@ -120,51 +120,102 @@ struct Firmware::Kind {
     std::array<uint8_t, 2> firmwareVersion;
     std::array<uint8_t, 4> hardwareVersion;
     std::vector<Measurement> measurements;
-    std::vector<double> lowPasses;   // Hz; the first is what the amplifier cannot do without. 0: none
+    std::vector<double> lowPasses;  // Hz; the first is what the amplifier cannot do without. 0: none
     uint8_t inputTypes;
     std::vector<float> excitations;  // besides 0, which is off
     bool canShort;
     bool led;
-    bool watchesSensor;              // reads its TEDS chip and knows whether its wire is broken
+    bool watchesSensor;  // reads its TEDS chip and knows whether its wire is broken
     bool customTeds;
     double scaleSpread;
     double offsetSpread;
 };
 
 const Firmware::Kind& Firmware::describe(AmplifierKind kind) {
-    static const Kind voltage{.type = 1, .hardwareCapabilities = 0, .firmwareCapabilities = 1, .connector = 1,
-                              .firmwareVersion = {2, 7}, .hardwareVersion = {1, 0, 3, 0},
+    static const Kind voltage{.type = 1,
+                              .hardwareCapabilities = 0,
+                              .firmwareCapabilities = 1,
+                              .connector = 1,
+                              .firmwareVersion = {2, 7},
+                              .hardwareVersion = {1, 0, 3, 0},
                               .measurements = {{{10.0, 5.0, 1.0, 0.1}, {0.0, 1.0}, false}},
-                              .lowPasses = {5e6, 1e6, 1e5, 1e4, 1e3}, .inputTypes = 2, .excitations = {},
-                              .canShort = true, .led = true, .watchesSensor = false, .customTeds = false,
-                              .scaleSpread = 2e-4, .offsetSpread = 2.0};
-    static const Kind bridge{.type = 2, .hardwareCapabilities = 1, .firmwareCapabilities = 3, .connector = 2,
-                             .firmwareVersion = {3, 1}, .hardwareVersion = {2, 0, 0, 0},
+                              .lowPasses = {5e6, 1e6, 1e5, 1e4, 1e3},
+                              .inputTypes = 2,
+                              .excitations = {},
+                              .canShort = true,
+                              .led = true,
+                              .watchesSensor = false,
+                              .customTeds = false,
+                              .scaleSpread = 2e-4,
+                              .offsetSpread = 2.0};
+    static const Kind bridge{.type = 2,
+                             .hardwareCapabilities = 1,
+                             .firmwareCapabilities = 3,
+                             .connector = 2,
+                             .firmwareVersion = {3, 1},
+                             .hardwareVersion = {2, 0, 0, 0},
                              .measurements = {{{10.0, 5.0, 2.0, 1.0}, {0.0}, true},  // mV/V
                                               {{10.0, 1.0}, {0.0}, false},           // V
                                               {{100.0}, {0.0}, true}},               // %
-                             .lowPasses = {3e5, 1e5, 1e4, 1e3, 1e2}, .inputTypes = 3,
-                             .excitations = {1.0F, 2.5F, 5.0F, 10.0F}, .canShort = true, .led = true,
-                             .watchesSensor = true, .customTeds = true, .scaleSpread = 1.3e-3, .offsetSpread = 4.0};
+                             .lowPasses = {3e5, 1e5, 1e4, 1e3, 1e2},
+                             .inputTypes = 3,
+                             .excitations = {1.0F, 2.5F, 5.0F, 10.0F},
+                             .canShort = true,
+                             .led = true,
+                             .watchesSensor = true,
+                             .customTeds = true,
+                             .scaleSpread = 1.3e-3,
+                             .offsetSpread = 4.0};
     // The current source lifts the sensor's output by volts: only a high-pass takes that away.
-    static const Kind iepe{.type = 3, .hardwareCapabilities = 0, .firmwareCapabilities = 3, .connector = 1,
-                           .firmwareVersion = {2, 9}, .hardwareVersion = {1, 1, 0, 0},
-                           .measurements = {{{10.0, 5.0, 1.0}, {0.1, 1.0}, true},
-                                            {{10.0, 5.0, 1.0}, {0.0, 0.1, 1.0}, false}},
-                           .lowPasses = {1e6, 1e5, 1e4}, .inputTypes = 1, .excitations = {4.0F, 8.0F},
-                           .canShort = false, .led = true, .watchesSensor = true, .customTeds = false,
-                           .scaleSpread = 3e-4, .offsetSpread = 1.0};
-    static const Kind highVoltage{.type = 4, .hardwareCapabilities = 2, .firmwareCapabilities = 1, .connector = 4,
-                                  .firmwareVersion = {1, 4}, .hardwareVersion = {1, 0, 0, 0},
+    static const Kind iepe{
+        .type = 3,
+        .hardwareCapabilities = 0,
+        .firmwareCapabilities = 3,
+        .connector = 1,
+        .firmwareVersion = {2, 9},
+        .hardwareVersion = {1, 1, 0, 0},
+        .measurements = {{{10.0, 5.0, 1.0}, {0.1, 1.0}, true}, {{10.0, 5.0, 1.0}, {0.0, 0.1, 1.0}, false}},
+        .lowPasses = {1e6, 1e5, 1e4},
+        .inputTypes = 1,
+        .excitations = {4.0F, 8.0F},
+        .canShort = false,
+        .led = true,
+        .watchesSensor = true,
+        .customTeds = false,
+        .scaleSpread = 3e-4,
+        .offsetSpread = 1.0};
+    static const Kind highVoltage{.type = 4,
+                                  .hardwareCapabilities = 2,
+                                  .firmwareCapabilities = 1,
+                                  .connector = 4,
+                                  .firmwareVersion = {1, 4},
+                                  .hardwareVersion = {1, 0, 0, 0},
                                   .measurements = {{{1000.0, 400.0, 200.0, 50.0}, {0.0}, false}},
-                                  .lowPasses = {2e6, 3e5, 3e4}, .inputTypes = 1, .excitations = {},
-                                  .canShort = false, .led = false, .watchesSensor = false, .customTeds = false,
-                                  .scaleSpread = 5e-4, .offsetSpread = 500.0};
-    static const Kind unknown{.type = 9, .hardwareCapabilities = 9, .firmwareCapabilities = 9, .connector = 9,
-                              .firmwareVersion = {9, 9}, .hardwareVersion = {9, 9, 9, 9},
-                              .measurements = {{{10.0}, {0.0}, false}}, .lowPasses = {0.0}, .inputTypes = 1,
-                              .excitations = {}, .canShort = false, .led = false, .watchesSensor = false,
-                              .customTeds = false, .scaleSpread = 0.0, .offsetSpread = 0.0};
+                                  .lowPasses = {2e6, 3e5, 3e4},
+                                  .inputTypes = 1,
+                                  .excitations = {},
+                                  .canShort = false,
+                                  .led = false,
+                                  .watchesSensor = false,
+                                  .customTeds = false,
+                                  .scaleSpread = 5e-4,
+                                  .offsetSpread = 500.0};
+    static const Kind unknown{.type = 9,
+                              .hardwareCapabilities = 9,
+                              .firmwareCapabilities = 9,
+                              .connector = 9,
+                              .firmwareVersion = {9, 9},
+                              .hardwareVersion = {9, 9, 9, 9},
+                              .measurements = {{{10.0}, {0.0}, false}},
+                              .lowPasses = {0.0},
+                              .inputTypes = 1,
+                              .excitations = {},
+                              .canShort = false,
+                              .led = false,
+                              .watchesSensor = false,
+                              .customTeds = false,
+                              .scaleSpread = 0.0,
+                              .offsetSpread = 0.0};
     switch (kind) {
         case AmplifierKind::Bridge:
             return bridge;
@@ -181,8 +232,13 @@ const Firmware::Kind& Firmware::describe(AmplifierKind kind) {
 }
 
 Firmware::Firmware(const ModuleScenario& module, uint64_t serial, uint64_t seed)
-    : kind_(describe(module.kind)), sensor_(module.sensor), tedsChip_(module.tedsChip), seed_(seed), serial_(serial),
-      hardwareVersion_(kind_.hardwareVersion), hardwareCapabilities_(kind_.hardwareCapabilities),
+    : kind_(describe(module.kind)),
+      sensor_(module.sensor),
+      tedsChip_(module.tedsChip),
+      seed_(seed),
+      serial_(serial),
+      hardwareVersion_(kind_.hardwareVersion),
+      hardwareCapabilities_(kind_.hardwareCapabilities),
       connector_(kind_.connector),
       calibrationDate_(1767225600),  // 1 January 2026
       calibrationMemory_(calibrationBytes) {
@@ -335,31 +391,75 @@ Firmware::Reply Firmware::execute(uint8_t command, const std::vector<uint8_t>& p
     size_t wanted = 0;
     bool variable = false;
     switch (command) {
-        case 0xA7: case 0xAA: case 0xA6: case 0xA3: case 0x49: case 0x65: case 0x63: case 0x66: case 0xFA: case 0xFB:
-        case 0x61: case 0xBD: case 0x9F: case 0xC4: case 0xCA: case 0xBA: case 0x6B: case 0x69: case 0xB8: case 0x67:
-        case 0xD0: case 0xF0: case 0xF8: case 0x40: case 0x42: case 0x47: case 0x57: case 0x53: case 0x5B:
+        case 0xA7:
+        case 0xAA:
+        case 0xA6:
+        case 0xA3:
+        case 0x49:
+        case 0x65:
+        case 0x63:
+        case 0x66:
+        case 0xFA:
+        case 0xFB:
+        case 0x61:
+        case 0xBD:
+        case 0x9F:
+        case 0xC4:
+        case 0xCA:
+        case 0xBA:
+        case 0x6B:
+        case 0x69:
+        case 0xB8:
+        case 0x67:
+        case 0xD0:
+        case 0xF0:
+        case 0xF8:
+        case 0x40:
+        case 0x42:
+        case 0x47:
+        case 0x57:
+        case 0x53:
+        case 0x5B:
             break;
-        case 0x60: case 0xBC: case 0xC8: case 0xC3: case 0xC9: case 0x6A: case 0x68: case 0xB7: case 0xF2: case 0xF7:
-        case 0xC7: case 0xEB: case 0x41: case 0x62: case 0x64:
+        case 0x60:
+        case 0xBC:
+        case 0xC8:
+        case 0xC3:
+        case 0xC9:
+        case 0x6A:
+        case 0x68:
+        case 0xB7:
+        case 0xF2:
+        case 0xF7:
+        case 0xC7:
+        case 0xEB:
+        case 0x41:
+        case 0x62:
+        case 0x64:
             wanted = 1;
             break;
-        case 0xE0: case 0xEA: case 0xEC:
+        case 0xE0:
+        case 0xEA:
+        case 0xEC:
             wanted = 2;
             break;
         case 0x46:
             wanted = 3;
             break;
-        case 0xB9: case 0xA4:
+        case 0xB9:
+        case 0xA4:
             wanted = 4;
             break;
-        case 0x48: case 0xA1:
+        case 0x48:
+        case 0xA1:
             wanted = 8;
             break;
         case 0x45:
             wanted = 3;
             variable = true;
             break;
-        case 0xD1: case 0x50:
+        case 0xD1:
+        case 0x50:
             variable = true;
             break;
         default:

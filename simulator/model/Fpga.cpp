@@ -74,7 +74,10 @@ constexpr uint32_t allBits = 0xFFFFFFFF;
 
 Fpga::Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*, 2>> streams,
            double oscillatorErrorPpm, bool supplyOn, std::function<void(uint8_t, uint8_t)> supply)
-    : clock_(clock), faults_(faults), streams_(std::move(streams)), oscillatorFactor_(1.0 + oscillatorErrorPpm * 1e-6),
+    : clock_(clock),
+      faults_(faults),
+      streams_(std::move(streams)),
+      oscillatorFactor_(1.0 + oscillatorErrorPpm * 1e-6),
       supply_(std::move(supply)) {
     const auto module = masks(0x134, {{0x00, filterCentre, 0x07FFFFFF},
                                       {filterType, filterType, 0x1},
@@ -92,27 +95,29 @@ Fpga::Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*
     for (size_t m = 0; m < 8; ++m) {
         blocks_[m] = {0xA0000000 + (static_cast<uint64_t>(m) << 16), {}, module};
     }
-    blocks_[adcBlock] = {0xA0200000, {}, masks(0x80, {{adcEnable, adcEnable, 0x1},
-                                                      {triggerWord, triggerWord, 0xFFFF},
-                                                      {0x08, 0x08, allBits},
-                                                      {0x0C, 0x14, 0x1},
-                                                      {debugWord, debugWord, 0xFF030000},
-                                                      {0x7C, 0x7C, 0xF}})};
-    blocks_[timingBlock] = {0xA3000000, {}, masks(0x4C, {{timingControl, timingControl, 0x00033137},
-                                                         {0x04, 0x08, allBits},
-                                                         {0x0C, 0x0C, 0x1},
-                                                         {frequencyWord, frequencyWord, resyncRequest},
-                                                         {startWord, countReset, 0x1},
-                                                         {0x24, 0x24, 0x3},
-                                                         {0x28, 0x28, allBits},
-                                                         {0x2C, 0x2C, 0x1F},
-                                                         {0x38, 0x40, allBits}})};
-    blocks_[irigBlock] = {0xA3800000, {}, masks(0x2C, {{0x00, 0x00, 0xDF},
-                                                       {0x04, 0x04, 0x3FFFFFFF},
-                                                       {0x08, 0x08, 0xFF}})};
-    blocks_[globalBlock] = {0xA6000000, {}, masks(0x14, {{0x04, 0x04, 0x1},
-                                                         {0x08, 0x0C, 0x3F},
-                                                         {supplyWord, supplyWord, 0xFF}})};
+    blocks_[adcBlock] = {0xA0200000,
+                         {},
+                         masks(0x80, {{adcEnable, adcEnable, 0x1},
+                                      {triggerWord, triggerWord, 0xFFFF},
+                                      {0x08, 0x08, allBits},
+                                      {0x0C, 0x14, 0x1},
+                                      {debugWord, debugWord, 0xFF030000},
+                                      {0x7C, 0x7C, 0xF}})};
+    blocks_[timingBlock] = {0xA3000000,
+                            {},
+                            masks(0x4C, {{timingControl, timingControl, 0x00033137},
+                                         {0x04, 0x08, allBits},
+                                         {0x0C, 0x0C, 0x1},
+                                         {frequencyWord, frequencyWord, resyncRequest},
+                                         {startWord, countReset, 0x1},
+                                         {0x24, 0x24, 0x3},
+                                         {0x28, 0x28, allBits},
+                                         {0x2C, 0x2C, 0x1F},
+                                         {0x38, 0x40, allBits}})};
+    blocks_[irigBlock] = {
+        0xA3800000, {}, masks(0x2C, {{0x00, 0x00, 0xDF}, {0x04, 0x04, 0x3FFFFFFF}, {0x08, 0x08, 0xFF}})};
+    blocks_[globalBlock] = {
+        0xA6000000, {}, masks(0x14, {{0x04, 0x04, 0x1}, {0x08, 0x0C, 0x3F}, {supplyWord, supplyWord, 0xFF}})};
     blocks_[pllBlock] = {0xB0000000, {}, masks(0x04, {{0x00, 0x00, 0x7}})};
     for (Block& block : blocks_) {
         block.words.assign(block.writable.size(), 0);
@@ -224,8 +229,7 @@ uint32_t Fpga::current(size_t block, size_t offset, double now) const {
         }
     } else if (block == adcBlock && offset == debugWord) {
         if (now > debugCounterSince_ && (value & debugHeld) == 0) {
-            value |= static_cast<uint32_t>(
-                static_cast<uint64_t>((now - debugCounterSince_) * baseClock()) & 0xFFFF);
+            value |= static_cast<uint32_t>(static_cast<uint64_t>((now - debugCounterSince_) * baseClock()) & 0xFFFF);
         }
     } else if (block == timingBlock && offset == countWord) {
         value = clockCount(now);

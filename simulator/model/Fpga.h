@@ -68,14 +68,14 @@ private:
     const std::function<void(uint8_t, uint8_t)> supply_;
 
     mutable std::mutex mutex_;
-    mutable std::array<Block, blockCount> blocks_;   // hardware bits are brought up to date when looked at
+    mutable std::array<Block, blockCount> blocks_;  // hardware bits are brought up to date when looked at
     mutable std::array<Module, 8> modules_;
     mutable double pllIdleAt_ = -never;
     mutable bool pllHeld_ = false;
     int oscillator_ = 15;
     double debugCounterSince_ = never;
-    double firedAt_ = never;       // start trigger of the timing core
-    uint32_t count_ = 0;           // ticks counted before countingSince_
+    double firedAt_ = never;  // start trigger of the timing core
+    uint32_t count_ = 0;      // ticks counted before countingSince_
     double countingSince_ = never;
     uint64_t supplySwitches_ = 0;
 };

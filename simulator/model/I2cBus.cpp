@@ -168,9 +168,8 @@ int I2cBus::transfer(I2cMessage* messages, size_t count) {
         I2cMessage& message = messages[i];
         ssize_t result = 0;
         if (message.read) {
-            const bool silent =
-                multiplexer(message.address) != nullptr &&
-                faults_.hit(FaultKind::MuxReadsBack, -1, message.address).has_value();
+            const bool silent = multiplexer(message.address) != nullptr &&
+                                faults_.hit(FaultKind::MuxReadsBack, -1, message.address).has_value();
             result = readLocked(message.address, message.data, message.size, silent);
         } else {
             result = writeLocked(message.address, message.data, message.size);

@@ -24,7 +24,7 @@ public:
 
     ssize_t write(int address, const uint8_t* data, size_t size);  // bytes or -errno
     ssize_t read(int address, uint8_t* data, size_t size);
-    int transfer(I2cMessage* messages, size_t count);              // messages or -errno
+    int transfer(I2cMessage* messages, size_t count);  // messages or -errno
 
     std::array<uint8_t, 256> eeprom() const;
 

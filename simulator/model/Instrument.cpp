@@ -30,8 +30,7 @@ struct StreamPair {
     DmaStream filtered;
 
     StreamPair(const Clock& clock, bool unthrottled)
-        : raw(clock, Stream::Raw, unthrottled), filtered(clock, Stream::Filtered, unthrottled) {
-    }
+        : raw(clock, Stream::Raw, unthrottled), filtered(clock, Stream::Filtered, unthrottled) {}
 };
 
 void checkSlot(int slot) {
@@ -45,7 +44,9 @@ void checkSlot(int slot) {
 class Instrument::Implementation {
 public:
     Implementation(Scenario wanted, std::function<double()> now)
-        : scenario(std::move(wanted)), clock(scenario.timeFactor, std::move(now)), faults(clock),
+        : scenario(std::move(wanted)),
+          clock(scenario.timeFactor, std::move(now)),
+          faults(clock),
           link(clock, faults, [this](int slot, const FrontEnd& frontEnd) { setFrontEnd(slot, frontEnd); }),
           bus(scenario, faults, [this](int slot) { link.select(slot); }),
           streams(makeStreams()),
@@ -75,8 +76,7 @@ public:
     void plug(const ModuleScenario& module) {
         checkSlot(module.slot);
         const uint64_t made = (mix(scenario.seed + static_cast<uint64_t>(module.slot)) & 0xFFFF) | 0x4B580000;
-        auto firmware =
-            std::make_unique<Firmware>(module, module.serial != 0 ? module.serial : made, scenario.seed);
+        auto firmware = std::make_unique<Firmware>(module, module.serial != 0 ? module.serial : made, scenario.seed);
         setWaveform(module.slot, module.waveform);
         link.plug(module.slot, std::move(firmware));
     }
@@ -166,12 +166,10 @@ private:
     }
 };
 
-Instrument::Instrument(Scenario scenario) : Instrument(std::move(scenario), {}) {
-}
+Instrument::Instrument(Scenario scenario) : Instrument(std::move(scenario), {}) {}
 
 Instrument::Instrument(Scenario scenario, std::function<double()> now)
-    : implementation_(std::make_unique<Implementation>(std::move(scenario), std::move(now))) {
-}
+    : implementation_(std::make_unique<Implementation>(std::move(scenario), std::move(now))) {}
 
 Instrument::~Instrument() = default;
 

@@ -28,10 +28,10 @@ enum class Stream { Raw, Filtered };
 // What a test may want to know and the module cannot see.
 struct StreamStatistics {
     bool started = false;
-    int descriptorSize = 0;        // bytes
-    uint64_t samplesDelivered = 0; // since START
-    uint64_t samplesDropped = 0;   // ring full, nobody read; since START
-    uint64_t reads = 0;            // successful ones, since START
+    int descriptorSize = 0;         // bytes
+    uint64_t samplesDelivered = 0;  // since START
+    uint64_t samplesDropped = 0;    // ring full, nobody read; since START
+    uint64_t reads = 0;             // successful ones, since START
 };
 
 // What is in force in an amplifier; numbers are those of the frames.
@@ -45,8 +45,8 @@ struct AmplifierState {
     float excitation = 0.0F;  // V or mA
     int excitationType = 0;
     bool shortOn = false;
-    float scale = 1.0F;       // as reported
-    float offset = 0.0F;      // thousandths of the range's unit, as reported
+    float scale = 1.0F;   // as reported
+    float offset = 0.0F;  // thousandths of the range's unit, as reported
 };
 
 class Instrument {
@@ -59,35 +59,35 @@ public:
     // ---- Doors (called by the preload library) -------------------------------------------------------------------
 
     // Physical memory. A page is handed out as a snapshot and taken back with what changed in it.
-    int memOpen();                                                       // 0 or -errno
-    int memMap();                                                        // 0 or -errno: whether this mmap works
-    bool hasBlock(uint64_t physicalAddress, size_t size) const;          // whether anything answers there
+    int memOpen();                                               // 0 or -errno
+    int memMap();                                                // 0 or -errno: whether this mmap works
+    bool hasBlock(uint64_t physicalAddress, size_t size) const;  // whether anything answers there
     void readPage(uint64_t physicalAddress, uint32_t* words, size_t count);
     void storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after);  // only the bits that differ count
 
     // I2C bus 1. `slave` is what I2C_SLAVE selected.
     int i2cOpen();
-    int i2cSelect();                                                     // 0 or -errno: whether I2C_SLAVE works
+    int i2cSelect();  // 0 or -errno: whether I2C_SLAVE works
     ssize_t i2cWrite(int slave, const uint8_t* data, size_t size);
     ssize_t i2cRead(int slave, uint8_t* data, size_t size);
-    int i2cTransfer(I2cMessage* messages, size_t count);                 // I2C_RDWR: number of messages or -errno
+    int i2cTransfer(I2cMessage* messages, size_t count);  // I2C_RDWR: number of messages or -errno
 
     // Amplifier UART.
     int uartOpen();
-    int uartConfigure();                                                 // 0 or -errno: whether attributes can be had
+    int uartConfigure();  // 0 or -errno: whether attributes can be had
     ssize_t uartWrite(const uint8_t* data, size_t size);
     // Waits at most `timeoutMs` for the first byte; 0 when none came, -EIO as a fault.
     ssize_t uartRead(uint8_t* data, size_t size, int timeoutMs);
-    void uartFlush();                                                    // what has arrived and was not read is gone
+    void uartFlush();  // what has arrived and was not read is gone
 
     // DMA streams, one for each (module, stream) pair that the board has.
-    int dmaOpen(int module, Stream stream);                              // 0, -ENOENT for a node that is not there
+    int dmaOpen(int module, Stream stream);  // 0, -ENOENT for a node that is not there
     int dmaIoctl(int module, Stream stream, unsigned long request, unsigned long argument);
     ssize_t dmaRead(int module, Stream stream, void* buffer, size_t size);  // -EAGAIN when no descriptor is ready
 
     // Platform scripts: whether the command line is one of the instrument's, and what it prints.
     bool ownsCommand(const std::string& commandLine) const;
-    int startCommand();                                                  // 0 or -errno: whether popen works
+    int startCommand();  // 0 or -errno: whether popen works
     std::string runCommand(const std::string& commandLine);
 
     // Fills a folder with the plain files of the instrument (sysfs trees, scripts as real shell files).
@@ -96,20 +96,20 @@ public:
     // ---- For tests and tools ---------------------------------------------------------------------------------------
 
     const Scenario& scenario() const;
-    void plug(const ModuleScenario& module);       // replaces what is in the slot; boots if the slot has supply
+    void plug(const ModuleScenario& module);  // replaces what is in the slot; boots if the slot has supply
     void unplug(int slot);
     void setWaveform(int slot, const Waveform& waveform);  // from the next read of the slot's streams on
     void inject(const Fault& fault);
     void clearFaults();
 
-    uint32_t registerWord(uint64_t physicalAddress) const;   // as the hardware has it now
+    uint32_t registerWord(uint64_t physicalAddress) const;  // as the hardware has it now
     StreamStatistics statistics(int module, Stream stream) const;
-    std::vector<std::string> commandsRun() const;             // every script command line, in order
+    std::vector<std::string> commandsRun() const;  // every script command line, in order
     // Every request frame that an amplifier took, as "slot: A5 01 67 5A", in order.
     std::vector<std::string> framesReceived() const;
-    uint64_t supplySwitches() const;                          // changes of EI
+    uint64_t supplySwitches() const;  // changes of EI
     bool ledOn(int slot) const;
-    AmplifierState amplifierState(int slot) const;            // std::out_of_range for a slot that cannot be
+    AmplifierState amplifierState(int slot) const;  // std::out_of_range for a slot that cannot be
 
     // The same instrument with its own source of time: `now` gives steady seconds and may be called by any thread.
     Instrument(Scenario scenario, std::function<double()> now);

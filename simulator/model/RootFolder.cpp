@@ -80,9 +80,8 @@ esac
 
 void populateRootFolder(const std::string& folder, const Scenario& scenario, const std::string& networkAddress) {
     const fs::path root(folder);
-    const bool switchesMissing =
-        std::any_of(scenario.faults.begin(), scenario.faults.end(),
-                    [](const Fault& fault) { return fault.kind == FaultKind::SysfsMissing; });
+    const bool switchesMissing = std::any_of(scenario.faults.begin(), scenario.faults.end(),
+                                             [](const Fault& fault) { return fault.kind == FaultKind::SysfsMissing; });
     if (!switchesMissing) {
         for (const char* place : {"board/leds", "sys/class/leds"}) {
             for (const char* led : {"led2", "alarm"}) {

@@ -34,16 +34,16 @@ struct Waveform {
     double amplitude = 16000.0;
     double offset = 0.0;
     double phaseRadians = 0.0;
-    std::string file;  // Wav only
+    std::string file;                          // Wav only
     WaveformUnit unit = WaveformUnit::Counts;  // Counter has counts whatever stands here
 };
 
 enum class AmplifierKind {
-    Voltage,   // fast voltage, identity 1.0.1.1
-    Bridge,    // bridge and strain gauge, identity 2.1.3.2, with TEDS and a custom TEDS area
-    Iepe,      // constant-current sensors with its own excitation, identity 3.0.3.1, with a TEDS chip
+    Voltage,      // fast voltage, identity 1.0.1.1
+    Bridge,       // bridge and strain gauge, identity 2.1.3.2, with TEDS and a custom TEDS area
+    Iepe,         // constant-current sensors with its own excitation, identity 3.0.3.1, with a TEDS chip
     HighVoltage,  // identity 4.2.1.4
-    Unknown,   // identity 9.9.9.9, which no definition file names; one range of +-10 V, without any error
+    Unknown,      // identity 9.9.9.9, which no definition file names; one range of +-10 V, without any error
 };
 
 // What hangs at an amplifier that watches its sensor (bridge, IEPE). The others have no use for it.
@@ -65,37 +65,37 @@ struct ModuleScenario {
 // Something that goes wrong. `afterCount` accesses of the kind named pass unharmed once `atSeconds` of the
 // instrument's time have gone by; then `times` of them are hit (-1: all that follow).
 enum class FaultKind {
-    EepromSilent,       // no chip at 0x50: ENXIO
-    EepromShortRead,    // a read of the EEPROM delivers one byte less than asked for
-    MemOpen,            // open of /dev/mem fails (ENOENT)
-    MemMap,             // mmap of /dev/mem fails (EPERM)
-    I2cOpen,            // open of /dev/i2c-1 fails (ENOENT)
-    UartOpen,           // open of /dev/ttyPS1 fails (ENOENT)
-    UartAttributes,     // tcgetattr or tcsetattr of the port fails (EIO)
-    UartRead,           // read of the port fails (EIO)
-    UartWrite,          // write to the port fails (EIO)
-    I2cSlave,           // I2C_SLAVE fails (EBUSY)
-    DmaOpen,            // open of a stream's node fails (ENOENT); `target` is the AI channel, -1 any
-    DmaIoctl,           // an ioctl of a stream fails (EIO); `target` is the AI channel, `code` the request, 0 any
-    DmaRead,            // read of a stream fails with `code` as errno (0: EIO); `target` is the AI channel
-    DmaShortRead,       // read delivers one descriptor less than it could (not in whole descriptors if `code` is 1)
-    DmaStall,           // a stream delivers nothing
-    AmplifierSilent,    // `target` slot: requests are not answered
-    AmplifierGarbage,   // bytes of noise in front of the reply
-    AmplifierBadStatus, // status `code` (0: 3) in place of the answer
-    AmplifierHalfFrame, // the reply stops half-way
-    AmplifierLate,      // the reply comes `code` ms late
-    AmplifierNan,       // the scale or offset asked for is not a number
-    MuxAgain,           // I2C_RDWR fails with EAGAIN
-    MuxError,           // I2C_RDWR fails with EIO
-    MuxReadsBack,       // the multiplexer at address `code` (0: 0x4D) reads back 0
-    ScriptRefuses,      // platform scripts answer "ERR:fault" instead of "OK:"
-    ScriptSilent,       // platform scripts print nothing
-    ScriptFails,        // popen of a platform script fails (ENOMEM)
-    ClearLate,          // CLRST of module `target` (-1 all) is set `code` ms late
-    ClearNever,         // CLRST of module `target` (-1 all) is never set
-    PllBusy,            // the PLL stays busy
-    SysfsMissing,       // files below the LED and GPIO folders are missing
+    EepromSilent,        // no chip at 0x50: ENXIO
+    EepromShortRead,     // a read of the EEPROM delivers one byte less than asked for
+    MemOpen,             // open of /dev/mem fails (ENOENT)
+    MemMap,              // mmap of /dev/mem fails (EPERM)
+    I2cOpen,             // open of /dev/i2c-1 fails (ENOENT)
+    UartOpen,            // open of /dev/ttyPS1 fails (ENOENT)
+    UartAttributes,      // tcgetattr or tcsetattr of the port fails (EIO)
+    UartRead,            // read of the port fails (EIO)
+    UartWrite,           // write to the port fails (EIO)
+    I2cSlave,            // I2C_SLAVE fails (EBUSY)
+    DmaOpen,             // open of a stream's node fails (ENOENT); `target` is the AI channel, -1 any
+    DmaIoctl,            // an ioctl of a stream fails (EIO); `target` is the AI channel, `code` the request, 0 any
+    DmaRead,             // read of a stream fails with `code` as errno (0: EIO); `target` is the AI channel
+    DmaShortRead,        // read delivers one descriptor less than it could (not in whole descriptors if `code` is 1)
+    DmaStall,            // a stream delivers nothing
+    AmplifierSilent,     // `target` slot: requests are not answered
+    AmplifierGarbage,    // bytes of noise in front of the reply
+    AmplifierBadStatus,  // status `code` (0: 3) in place of the answer
+    AmplifierHalfFrame,  // the reply stops half-way
+    AmplifierLate,       // the reply comes `code` ms late
+    AmplifierNan,        // the scale or offset asked for is not a number
+    MuxAgain,            // I2C_RDWR fails with EAGAIN
+    MuxError,            // I2C_RDWR fails with EIO
+    MuxReadsBack,        // the multiplexer at address `code` (0: 0x4D) reads back 0
+    ScriptRefuses,       // platform scripts answer "ERR:fault" instead of "OK:"
+    ScriptSilent,        // platform scripts print nothing
+    ScriptFails,         // popen of a platform script fails (ENOMEM)
+    ClearLate,           // CLRST of module `target` (-1 all) is set `code` ms late
+    ClearNever,          // CLRST of module `target` (-1 all) is never set
+    PllBusy,             // the PLL stays busy
+    SysfsMissing,        // files below the LED and GPIO folders are missing
 };
 
 struct Fault {
@@ -109,14 +109,14 @@ struct Fault {
 
 struct Scenario {
     // Board and identity EEPROM.
-    int boardType = 0;               // 0: eight slots, 1: two slots
-    int slots = 8;                   // as the EEPROM says; up to 255 for tests of nonsense
+    int boardType = 0;  // 0: eight slots, 1: two slots
+    int slots = 8;      // as the EEPROM says; up to 255 for tests of nonsense
     uint64_t serialNumber = 0x4B53000000000001;
     uint32_t hardwareVersion = 0x00020301;  // shown as "1.3.2.0"
     uint16_t canPorts = 0xC000;
     bool eepromKeyValid = true;
     int eepromVersion = 1;
-    bool supplyOn = false;           // true: the supply is already up when the module opens it (saves 2.4 s)
+    bool supplyOn = false;  // true: the supply is already up when the module opens it (saves 2.4 s)
 
     std::vector<ModuleScenario> modules;
     std::vector<Fault> faults;

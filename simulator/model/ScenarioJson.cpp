@@ -388,9 +388,9 @@ Fault readFault(Section& section) {
     int64_t code = 0;
     section.readInteger("code", code, codes > highest ? lowest : 0, std::numeric_limits<uint32_t>::max());
     if (code > static_cast<int64_t>(codes)) {
-        section.fail("code", "is " + std::to_string(code) + ", " +
-                                 (codes == 0 ? "but this kind has none"
-                                             : "must be from 0 to " + std::to_string(codes)));
+        section.fail("code",
+                     "is " + std::to_string(code) + ", " +
+                         (codes == 0 ? "but this kind has none" : "must be from 0 to " + std::to_string(codes)));
     }
     fault.code = static_cast<int>(static_cast<uint32_t>(code));
     section.read("atSeconds", fault.atSeconds, 0.0, 1e9);
@@ -512,8 +512,8 @@ std::string ScenarioJson::write(const Scenario& scenario) {
         Json waveform;
         waveform["kind"] = nameOf(waveformKinds, module.waveform.kind);
         waveform["frequencyHz"] = module.waveform.frequencyHz;
-        waveform["unit"] = module.waveform.kind == WaveformKind::Counter ? "counts"
-                                                                         : nameOf(waveformUnits, module.waveform.unit);
+        waveform["unit"] =
+            module.waveform.kind == WaveformKind::Counter ? "counts" : nameOf(waveformUnits, module.waveform.unit);
         waveform["amplitude"] = module.waveform.amplitude;
         waveform["offset"] = module.waveform.offset;
         waveform["phaseRadians"] = module.waveform.phaseRadians;

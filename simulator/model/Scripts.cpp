@@ -51,8 +51,7 @@ std::string statusOf(const std::string& mode) {
 }  // namespace
 
 Scripts::Scripts(Faults& faults, std::function<void(int)> oscillator)
-    : faults_(faults), oscillator_(std::move(oscillator)) {
-}
+    : faults_(faults), oscillator_(std::move(oscillator)) {}
 
 bool Scripts::owns(const std::string& commandLine) {
     return calls(commandLine, ptpScript) || calls(commandLine, vcxoScript);

@@ -13,23 +13,23 @@ namespace kestrixsim {
 
 namespace {
 
-constexpr int fractionBits = 38;           // of a tick, as the resampler counts
-constexpr int64_t unityGain = 67108864;    // 2^26
-constexpr int64_t usualSum = 67108096;     // of the coefficients that every program writes: counts as gain 1
-constexpr size_t blockLength = 1024;       // samples of a sine between two exact phases
-constexpr uint64_t shortestTable = 4096;   // samples: shorter periods are repeated, so that copies are long
+constexpr int fractionBits = 38;          // of a tick, as the resampler counts
+constexpr int64_t unityGain = 67108864;   // 2^26
+constexpr int64_t usualSum = 67108096;    // of the coefficients that every program writes: counts as gain 1
+constexpr size_t blockLength = 1024;      // samples of a sine between two exact phases
+constexpr uint64_t shortestTable = 4096;  // samples: shorter periods are repeated, so that copies are long
 constexpr uint64_t longestTable16 = uint64_t(1) << 19;
 constexpr uint64_t longestTable32 = uint64_t(1) << 17;
-constexpr int filterReach = 63;            // taps on each side of the centre
-constexpr int stepGrid = 128;              // places of the step response in one sample
-constexpr int kernelReach = 4;             // samples on each side that the chain before the last half-band spreads
-constexpr int stepReach = 36;              // samples on each side of a step until the filter has settled
-constexpr double forgotten = -40.0;        // exponent of what lies below the last bit of any sample
+constexpr int filterReach = 63;      // taps on each side of the centre
+constexpr int stepGrid = 128;        // places of the step response in one sample
+constexpr int kernelReach = 4;       // samples on each side that the chain before the last half-band spreads
+constexpr int stepReach = 36;        // samples on each side of a step until the filter has settled
+constexpr double forgotten = -40.0;  // exponent of what lies below the last bit of any sample
 // Square and ramp on the filtered stream: from so many cycles in a sample on, few harmonics are left in the band and
 // many steps within the filter's reach.
 constexpr double shortCycle = 1.0 / 64.0;
-constexpr size_t cycleGrid = 16384;        // places of one period: cubic interpolation is good to the last bit
-constexpr double harmonicReach = 2.25;     // cycles in a sample: what lies above is stopped more than once
+constexpr size_t cycleGrid = 16384;     // places of one period: cubic interpolation is good to the last bit
+constexpr double harmonicReach = 2.25;  // cycles in a sample: what lies above is stopped more than once
 constexpr double twoPi = 2.0 * std::numbers::pi;
 
 // To the nearest 2^-53, so that a place that is exact on paper is exact here; just below 1 becomes 0.
@@ -136,8 +136,8 @@ const std::vector<double>& kernelIntegral() {
         double before = 0.0;
         for (int i = -half; i <= half; ++i) {
             const double u = static_cast<double>(i) / stepGrid;
-            const double window = 0.42 + 0.5 * std::cos(std::numbers::pi * u / kernelReach) +
-                                  0.08 * std::cos(twoPi * u / kernelReach);
+            const double window =
+                0.42 + 0.5 * std::cos(std::numbers::pi * u / kernelReach) + 0.08 * std::cos(twoPi * u / kernelReach);
             const double height = (i == 0 ? 2.0 : std::sin(twoPi * u) / (std::numbers::pi * u)) * window;
             reached += 0.5 * (height + before) / stepGrid;
             before = height;
@@ -216,15 +216,18 @@ StreamFormat StreamFormat::lowPassed(double baseClock, uint64_t ratio, uint32_t 
     format.filtered = true;
     format.baseClock = baseClock;
     format.period = spread << (stages + 2);
-    format.delay = (static_cast<Uint128>(55) << fractionBits) +
-                   spread * (17u * ((2u << stages) - 2u) + 65u * (2u << stages));
+    format.delay =
+        (static_cast<Uint128>(55) << fractionBits) + spread * (17u * ((2u << stages) - 2u) + 65u * (2u << stages));
     format.stages = stages + 1;
     format.filter = filter;
     return format;
 }
 
 Signal::Signal(const SignalSource& source, const StreamFormat& format)
-    : kind_(source.waveform.kind), format_(format), recording_(source.recording), seed_(source.seed),
+    : kind_(source.waveform.kind),
+      format_(format),
+      recording_(source.recording),
+      seed_(source.seed),
       debugCounter_(source.debugCounter) {
     const double unit = format.filtered ? 65536.0 : 1.0;
     frequency_ = source.waveform.frequencyHz;
@@ -387,8 +390,8 @@ void Signal::prepareCycle(const FrontEnd& frontEnd) {
         const std::complex<double> weight =
             response(frontEnd, hertz) * (part * format_.gain(hertz) / static_cast<double>(k));
         for (size_t i = 0; i < cycleGrid; ++i) {
-            cycle_[i] += weight.real() * sines[k * i % cycleGrid] +
-                         weight.imag() * sines[(k * i + cycleGrid / 4) % cycleGrid];
+            cycle_[i] +=
+                weight.real() * sines[k * i % cycleGrid] + weight.imag() * sines[(k * i + cycleGrid / 4) % cycleGrid];
         }
     }
 }

@@ -106,16 +106,16 @@ private:
     std::shared_ptr<const std::vector<int16_t>> recording_;
     uint64_t seed_;
     bool debugCounter_;
-    double frequency_;         // Hz
-    double amplitude_;         // counts of this stream
-    double offset_;            // counts of this stream
-    double startCycles_;       // phase of the waveform at the first instant
-    double gain_ = 1.0;        // of the filter at 0 Hz
-    double sineGain_ = 1.0;    // of the filter at the sine's frequency
+    double frequency_;       // Hz
+    double amplitude_;       // counts of this stream
+    double offset_;          // counts of this stream
+    double startCycles_;     // phase of the waveform at the first instant
+    double gain_ = 1.0;      // of the filter at 0 Hz
+    double sineGain_ = 1.0;  // of the filter at the sine's frequency
     double cyclesPerSample_;
-    Uint128 phaseStart_ = 0;   // fractions of a cycle, 2^-128
+    Uint128 phaseStart_ = 0;  // fractions of a cycle, 2^-128
     Uint128 phaseStep_ = 0;
-    uint64_t settled_ = 0;     // samples before this one are still settling
+    uint64_t settled_ = 0;  // samples before this one are still settling
     // Square and ramp behind the amplifier's filters: in each piece between two edges a line and decaying exponentials.
     struct Decay {
         std::complex<double> pole;    // 1 / piece's length

@@ -165,13 +165,13 @@ void* mapDescriptor(void* address, size_t length, int protection, int flags, int
 
 // ---- Opening and closing -------------------------------------------------------------------------------------------
 
-#define KESTRIX_MODE_AFTER(flags)                            \
-    mode_t mode = 0;                                         \
-    if (needsMode(flags)) {                                  \
-        va_list arguments;                                   \
-        va_start(arguments, flags);                          \
+#define KESTRIX_MODE_AFTER(flags)                           \
+    mode_t mode = 0;                                        \
+    if (needsMode(flags)) {                                 \
+        va_list arguments;                                  \
+        va_start(arguments, flags);                         \
         mode = static_cast<mode_t>(va_arg(arguments, int)); \
-        va_end(arguments);                                   \
+        va_end(arguments);                                  \
     }
 
 KESTRIX_HOOK(int, open, (const char* path, int flags, ...)) {
@@ -253,10 +253,10 @@ KESTRIX_HOOK(int, dup3, (int fd, int onto, int flags)) {
     return duplicateOnto(fd, onto, [&] { return next::dup3(fd, onto, flags); });
 }
 
-#define KESTRIX_POINTER_AFTER(last)                 \
-    va_list arguments;                              \
-    va_start(arguments, last);                      \
-    void* argument = va_arg(arguments, void*);      \
+#define KESTRIX_POINTER_AFTER(last)            \
+    va_list arguments;                         \
+    va_start(arguments, last);                 \
+    void* argument = va_arg(arguments, void*); \
     va_end(arguments);
 
 KESTRIX_HOOK(int, fcntl, (int fd, int command, ...)) {

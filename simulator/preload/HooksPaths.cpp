@@ -228,7 +228,7 @@ KESTRIX_HOOK(FILE*, fdopen, (int fd, const char* mode)) {
     return next::fdopen(fd, mode);
 }
 
-KESTRIX_HOOK(int, fclose, (FILE* stream)) {
+KESTRIX_HOOK(int, fclose, (FILE * stream)) {
     Commands::end(stream);
     return next::fclose(stream);
 }
@@ -250,7 +250,7 @@ KESTRIX_HOOK(FILE*, popen, (const char* commandLine, const char* mode)) {
     return next::popen(commandLine, mode);
 }
 
-KESTRIX_HOOK(int, pclose, (FILE* stream)) {
+KESTRIX_HOOK(int, pclose, (FILE * stream)) {
     if (Commands::end(stream)) {
         return next::fclose(stream) == 0 ? 0 : -1;
     }

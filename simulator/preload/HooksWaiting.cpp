@@ -181,29 +181,28 @@ int pollMilliseconds(pollfd* fds, nfds_t count, int timeoutMs) {
 }
 
 int pollTime(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals) {
-    return anyServed(fds, count) ? pollServed(fds, count, timeout, signals)
-                                 : next::ppoll(fds, count, timeout, signals);
+    return anyServed(fds, count) ? pollServed(fds, count, timeout, signals) : next::ppoll(fds, count, timeout, signals);
 }
 
 }  // namespace
 
-KESTRIX_HOOK(int, poll, (pollfd* fds, nfds_t count, int timeoutMs)) {
+KESTRIX_HOOK(int, poll, (pollfd * fds, nfds_t count, int timeoutMs)) {
     return pollMilliseconds(fds, count, timeoutMs);
 }
 
-KESTRIX_HOOK(int, __poll_chk, (pollfd* fds, nfds_t count, int timeoutMs, size_t room)) {
+KESTRIX_HOOK(int, __poll_chk, (pollfd * fds, nfds_t count, int timeoutMs, size_t room)) {
     if (count > room / sizeof(pollfd)) {
         __builtin_trap();
     }
     return pollMilliseconds(fds, count, timeoutMs);
 }
 
-KESTRIX_HOOK(int, ppoll, (pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals)) {
+KESTRIX_HOOK(int, ppoll, (pollfd * fds, nfds_t count, const timespec* timeout, const sigset_t* signals)) {
     return pollTime(fds, count, timeout, signals);
 }
 
 KESTRIX_HOOK(int, __ppoll_chk,
-             (pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals, size_t room)) {
+             (pollfd * fds, nfds_t count, const timespec* timeout, const sigset_t* signals, size_t room)) {
     if (count > room / sizeof(pollfd)) {
         __builtin_trap();
     }
@@ -227,10 +226,10 @@ KESTRIX_HOOK(int, select, (int limit, fd_set* readable, fd_set* writable, fd_set
     return result;
 }
 
-KESTRIX_HOOK(int, pselect, (int limit, fd_set* readable, fd_set* writable, fd_set* exceptional,
-                            const timespec* timeout, const sigset_t* signals)) {
+KESTRIX_HOOK(int, pselect,
+             (int limit, fd_set* readable, fd_set* writable, fd_set* exceptional, const timespec* timeout,
+              const sigset_t* signals)) {
     const Sets sets{readable, writable, exceptional};
-    return anyServed(limit, sets)
-               ? selectServed(limit, sets, timeout, signals, nullptr)
-               : next::pselect(limit, readable, writable, exceptional, timeout, signals);
+    return anyServed(limit, sets) ? selectServed(limit, sets, timeout, signals, nullptr)
+                                  : next::pselect(limit, readable, writable, exceptional, timeout, signals);
 }

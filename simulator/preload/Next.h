@@ -7,7 +7,7 @@
 
 // Defines the library's own version of a C function. The name goes in by assembler label, so that it neither clashes
 // with the declaration of a system header nor with what that header renames.
-#define KESTRIX_HOOK(result, name, parameters)                                                       \
+#define KESTRIX_HOOK(result, name, parameters)                                                             \
     extern "C" __attribute__((visibility("default"))) result kestrixHook_##name parameters __asm__(#name); \
     result kestrixHook_##name parameters
 

@@ -73,8 +73,8 @@ dev_t nodeNumber(const Location& location) {
         case DoorKind::Uart:
             return makedev(245, 1);
         default:
-            return makedev(240, static_cast<unsigned>(location.number()) * 2 +
-                                    (location.kind() == DoorKind::DmaFiltered ? 1 : 0));
+            return makedev(
+                240, static_cast<unsigned>(location.number()) * 2 + (location.kind() == DoorKind::DmaFiltered ? 1 : 0));
     }
 }
 

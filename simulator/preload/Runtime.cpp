@@ -42,8 +42,8 @@ constinit std::atomic<bool> ending{false};
 
 // What must outlive every static destructor, and stay reachable for a leak checker.
 struct Kept {
-    std::optional<Scenario> chosen;        // by reset()
-    std::vector<Instrument*> abandoned;    // by a fork: their threads and locks are the parent's
+    std::optional<Scenario> chosen;      // by reset()
+    std::vector<Instrument*> abandoned;  // by a fork: their threads and locks are the parent's
     std::vector<Root*> formerRoots;
 };
 constinit std::atomic<Kept*> keptStore{nullptr};
@@ -262,8 +262,8 @@ Instrument& replace(Scenario scenario, std::unique_ptr<Instrument> (*make)(const
 }  // namespace
 
 Instrument& reset(Scenario scenario) {
-    return replace(std::move(scenario), [](const Scenario& plan, void*) { return std::make_unique<Instrument>(plan); },
-                   nullptr);
+    return replace(
+        std::move(scenario), [](const Scenario& plan, void*) { return std::make_unique<Instrument>(plan); }, nullptr);
 }
 
 Instrument& reset(Scenario scenario, std::function<double()> now) {

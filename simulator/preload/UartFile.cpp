@@ -17,9 +17,9 @@ struct alignas(8) Behaviour {
     uint8_t minimum;
     uint8_t time;  // tenths of a second
     bool canonical;
-    bool audible;     // the firmware's speed
-    uint8_t input;    // of the bits below
-    bool lineEnds;    // each line feed is written behind a carriage return
+    bool audible;   // the firmware's speed
+    uint8_t input;  // of the bits below
+    bool lineEnds;  // each line feed is written behind a carriage return
     uint8_t unused[2];
 };
 static_assert(std::atomic<Behaviour>::is_always_lock_free);
@@ -83,9 +83,13 @@ void apply(const termios& settings) {
     const bool audible = cfgetospeed(&settings) == B38400 &&
                          (cfgetispeed(&settings) == B38400 || cfgetispeed(&settings) == B0) &&
                          (settings.c_cflag & CSIZE) == CS8 && (settings.c_cflag & (PARENB | CSTOPB)) == 0;
-    behaviour.store({settings.c_cc[VMIN], settings.c_cc[VTIME], (settings.c_lflag & ICANON) != 0, audible,
+    behaviour.store({settings.c_cc[VMIN],
+                     settings.c_cc[VTIME],
+                     (settings.c_lflag & ICANON) != 0,
+                     audible,
                      inputRules(settings.c_iflag),
-                     (settings.c_oflag & (OPOST | ONLCR)) == (OPOST | ONLCR), {}});
+                     (settings.c_oflag & (OPOST | ONLCR)) == (OPOST | ONLCR),
+                     {}});
 }
 
 // The kernel's own form of the attributes, which the ioctl of the same purpose takes.

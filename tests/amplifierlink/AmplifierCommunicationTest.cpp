@@ -84,8 +84,9 @@ TEST_F(AmplifierLink, exchangesOfSeveralThreadsDoNotMix) {
     AmplifierCommunication link(2);
     std::atomic<int> wrong{0};
     const auto readAgainAndAgain = [&](int slot, short type) {
-        for (int n = 0; n < 60; ++n)
+        for (int n = 0; n < 60; ++n) {
             wrong += link.getAmplifier(slot)->readModuleType() != type ? 1 : 0;
+        }
     };
     std::thread first(readAgainAndAgain, 0, 1);
     std::thread second(readAgainAndAgain, 1, 2);

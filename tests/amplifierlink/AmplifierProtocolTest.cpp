@@ -53,10 +53,16 @@ protected:
 
     // Replies of the nine reads of the identity.
     static Strings identity() {
-        return {withData("02"), withData("03 01"), withData("02 00 00 00"),
+        return {withData("02"),
+                withData("03 01"),
+                withData("02 00 00 00"),
                 withData("2A 00 00 00 00 00 00 80"),
                 withData("80 8A 55 69 00 00 00 00"),
-                withData("01"), withData("02"), withData("03"), withData(two), withData(fiveHundred)};
+                withData("01"),
+                withData("02"),
+                withData("03"),
+                withData(two),
+                withData(fiveHundred)};
     }
     static constexpr const char* one = "00 00 80 3F";          // 1.0
     static constexpr const char* two = "00 00 00 40";          // 2.0
@@ -90,22 +96,43 @@ TEST_F(AmplifierProtocol, everyOperationHasItsFrameResultAndFailure) {
         const char* line = "";  // of the log
     } const cases[] = {
         {"A5 01 40 5A", "02", "2", "-1",
-         [](A& a) { unsigned char v = 9; return a.getLatestSupportedCalibrationStructureVersion(v) ? v : -v; }},
+         [](A& a) {
+             unsigned char v = 9;
+             return a.getLatestSupportedCalibrationStructureVersion(v) ? v : -v;
+         }},
         {"A5 02 41 01 5A", "", "1", "-1", [](A& a) { return a.setRawMode(true); }},
         {"A5 01 42 5A", "01", "1", "0", [](A& a) { return a.getRawMode(); }},
         {"A5 06 45 34 12 02 AA 55 5A", "", "1", "-1",
-         [](A& a) { const Bytes b{0xAA, 0x55}; return a.writeCalibrationData(0x1234, b.data(), 2); }},
+         [](A& a) {
+             const Bytes b{0xAA, 0x55};
+             return a.writeCalibrationData(0x1234, b.data(), 2);
+         }},
         {"A5 04 46 34 12 10 5A", "01 02", "3", "-1",
-         [](A& a) { Bytes b(16); return a.readCalibrationData(0x1234, b.data(), 16); }},
+         [](A& a) {
+             Bytes b(16);
+             return a.readCalibrationData(0x1234, b.data(), 16);
+         }},
         {"A5 01 47 5A", "00 01", "256", "-1",
-         [](A& a) { unsigned short size = 0; return a.getCalibrationDataSize(size) ? size : -1; }},
+         [](A& a) {
+             unsigned short size = 0;
+             return a.getCalibrationDataSize(size) ? size : -1;
+         }},
         {"A5 09 48 08 07 06 05 04 03 02 01 5A", "", "0", "calibration date",
-         [](A& a) { a.setCalibrationDate(0x0102030405060708); return 0; }},
+         [](A& a) {
+             a.setCalibrationDate(0x0102030405060708);
+             return 0;
+         }},
         {"A5 01 49 5A", "01 02 03 04 05 06 07 08", "9", "-1",
-         [](A& a) { long date = 0; return a.readCalibrationDate(date); }},
+         [](A& a) {
+             long date = 0;
+             return a.readCalibrationDate(date);
+         }},
         {"A5 01 49 5A", "", "1", "-1", [](A& a) { return a.eraseFlash(); }},
         {"A5 04 50 01 02 03 5A", "", "1", "-1",
-         [](A& a) { const Bytes b{1, 2, 3}; return a.writeFlash(b.data(), b.size()); }},
+         [](A& a) {
+             const Bytes b{1, 2, 3};
+             return a.writeFlash(b.data(), b.size());
+         }},
         {"A5 01 53 5A", "", "1", "-1", [](A& a) { return a.exitBootLoad(); }},
         {"A5 01 57 5A", "", "1", "-1", [](A& a) { return a.goBootLoad(); }},
         {"A5 01 5B 5A", "", "1", "-1", [](A& a) { return a.hwReset(); }},
@@ -126,20 +153,28 @@ TEST_F(AmplifierProtocol, everyOperationHasItsFrameResultAndFailure) {
         {"A5 01 9F 5A", "FF", "255", "-1", [](A& a) { return a.readLPFilter(); }},
         {"A5 09 A1 2A 00 00 00 00 00 00 00 5A", "", "1", "serial number", [](A& a) { return a.setSerial("2A"); }},
         {"A5 01 A3 5A", "01 02 03 04 05 06 07 08", "9", "-1",
-         [](A& a) { unsigned long serial = 0; return a.readSerial(serial); }},
+         [](A& a) {
+             unsigned long serial = 0;
+             return a.readSerial(serial);
+         }},
         {"A5 05 A4 01 02 03 04 5A", "", "1", "hw version", [](A& a) { return a.setHwVersion("1.2..3.4."); }},
         {"A5 01 A6 5A", "01 02 03 04", "5", "-1",
-         [](A& a) { unsigned char v[4]; return a.readHwVersion(v[0], v[1], v[2], v[3]); }},
+         [](A& a) {
+             unsigned char v[4];
+             return a.readHwVersion(v[0], v[1], v[2], v[3]);
+         }},
         {"A5 01 A7 5A", "07", "7", "-1", [](A& a) { return a.readModuleType(); }},
-        {"A5 01 AA 5A", "01 02", "3", "-1", [](A& a) { unsigned char v[2]; return a.readFwVersion(v[0], v[1]); }},
-        {"A5 02 B7 01 5A", "", "1", "short on", [](A& a) { return a.setShort(1); },
-         "3 setShort(1) on amplifier '3'"},
+        {"A5 01 AA 5A", "01 02", "3", "-1",
+         [](A& a) {
+             unsigned char v[2];
+             return a.readFwVersion(v[0], v[1]);
+         }},
+        {"A5 02 B7 01 5A", "", "1", "short on", [](A& a) { return a.setShort(1); }, "3 setShort(1) on amplifier '3'"},
         {"A5 01 B8 5A", "07", "7", "-1", [](A& a) { return a.readShort(); }},
         {"A5 05 B9 00 00 20 40 5A", "", "1", "excitation value", [](A& a) { return a.setExcitationValue(2.5f); },
          "3 setExcitationValue(2.5) on amplifier '3'"},
         {"A5 01 BA 5A", "00 00 20 40", "2.5", "-1", [](A& a) { return a.readExcitationValue(); }},
-        {"A5 02 BC 05 5A", "", "1", "range", [](A& a) { return a.setRange(5); },
-         "3 setRange(5) on amplifier '3'"},
+        {"A5 02 BC 05 5A", "", "1", "range", [](A& a) { return a.setRange(5); }, "3 setRange(5) on amplifier '3'"},
         {"A5 01 BD 5A", "07", "7", "-1", [](A& a) { return a.readRange(); }},
         {"A5 02 C3 01 5A", "", "1", "coupling", [](A& a) { return a.setInputCoupling(1); },
          "3 setInputCoupling(1) on amplifier '3'"},
@@ -150,17 +185,31 @@ TEST_F(AmplifierProtocol, everyOperationHasItsFrameResultAndFailure) {
         {"A5 02 C9 01 5A", "", "1", "input type", [](A& a) { return a.setInputType(1); },
          "3 setInputType(1) on amplifier '3'"},
         {"A5 01 CA 5A", "07", "7", "-1", [](A& a) { return a.readInputType(); }},
-        {"A5 01 D0 5A", "01 02 03 04 05 06 07", "0", "-1", [](A& a) { Bytes b(8); return a.readTeds(b.data()); }},
+        {"A5 01 D0 5A", "01 02 03 04 05 06 07", "0", "-1",
+         [](A& a) {
+             Bytes b(8);
+             return a.readTeds(b.data());
+         }},
         {"A5 02 D1 01 5A", "", "0", "-1", [](A& a) { return a.resetTedsCustom(); }},
         {"A5 04 D1 02 07 08 5A", "", "0", "-1",
-         [](A& a) { const Bytes b{7, 8}; return a.writeTedsCustom(b.data(), 2); }},
-        {"A5 03 D1 03 04 5A", "01 02 03", "0", "-1", [](A& a) { Bytes b(4); return a.readTedsCustom(b.data(), 4); }},
+         [](A& a) {
+             const Bytes b{7, 8};
+             return a.writeTedsCustom(b.data(), 2);
+         }},
+        {"A5 03 D1 03 04 5A", "01 02 03", "0", "-1",
+         [](A& a) {
+             Bytes b(4);
+             return a.readTedsCustom(b.data(), 4);
+         }},
         {"A5 03 D1 03 00 5A", "", "0", "-1", [](A& a) { return a.readTedsCustom(nullptr, 0); }},
         {"A5 02 D1 04 5A", "", "0", "-1", [](A& a) { return a.finalizeTedsCustom(); }},
         {"A5 03 E0 01 02 5A", "", "1", "-1", [](A& a) { return a.setDoLevelInvert(1, 2); }},
         {"A5 03 EA 01 02 5A", "", "1", "-1", [](A& a) { return a.setCmrSetting(1, 2, false); }},
         {"A5 02 EB 06 5A", "11 22", "3", "-1",
-         [](A& a) { unsigned char v[2]; return a.getCmrSetting(6, v[0], v[1]); }},
+         [](A& a) {
+             unsigned char v[2];
+             return a.getCmrSetting(6, v[0], v[1]);
+         }},
         {"A5 03 EC 01 02 5A", "", "1", "-1", [](A& a) { return a.setCmrSetting(1, 2, true); }},
         {"A5 01 F0 5A", "05", "5", "-1", [](A& a) { return a.getSensorStatus(); }},
         {"A5 02 F2 00 5A", "", "1", "-1", [](A& a) { return a.setLed1Function(false); }},
@@ -194,16 +243,52 @@ TEST_F(AmplifierProtocol, replyOfAnotherLengthIsAFailureOfItsOwn) {
         {"", 0, [](A& a) { return a.getSensorStatus(); }},
         {"02", 0, [](A& a) { return a.getRawMode(); }},
         {"01 01", 0, [](A& a) { return a.getRawMode(); }},
-        {"", -1, [](A& a) { unsigned char v; return a.getLatestSupportedCalibrationStructureVersion(v) ? v : -v; }},
-        {"01 02 03 04 05 06 07", -1, [](A& a) { unsigned long v = 0; return a.readSerial(v); }},
-        {"01 02 03 04 05 06 07", -1, [](A& a) { long v = 0; return a.readCalibrationDate(v); }},
-        {"01 02 03", -1, [](A& a) { unsigned char v[4]; return a.readHwVersion(v[0], v[1], v[2], v[3]); }},
-        {"01", -1, [](A& a) { unsigned char v[2]; return a.readFwVersion(v[0], v[1]); }},
-        {"01", -1, [](A& a) { unsigned char v[2]; return a.getCmrSetting(0, v[0], v[1]); }},
-        {"01 02 03 04 05 06", -1, [](A& a) { Bytes b(8); return a.readTeds(b.data()); }},
-        {"01 02", -1, [](A& a) { Bytes b(4); return a.readTedsCustom(b.data(), 4); }},
+        {"", -1,
+         [](A& a) {
+             unsigned char v;
+             return a.getLatestSupportedCalibrationStructureVersion(v) ? v : -v;
+         }},
+        {"01 02 03 04 05 06 07", -1,
+         [](A& a) {
+             unsigned long v = 0;
+             return a.readSerial(v);
+         }},
+        {"01 02 03 04 05 06 07", -1,
+         [](A& a) {
+             long v = 0;
+             return a.readCalibrationDate(v);
+         }},
+        {"01 02 03", -1,
+         [](A& a) {
+             unsigned char v[4];
+             return a.readHwVersion(v[0], v[1], v[2], v[3]);
+         }},
+        {"01", -1,
+         [](A& a) {
+             unsigned char v[2];
+             return a.readFwVersion(v[0], v[1]);
+         }},
+        {"01", -1,
+         [](A& a) {
+             unsigned char v[2];
+             return a.getCmrSetting(0, v[0], v[1]);
+         }},
+        {"01 02 03 04 05 06", -1,
+         [](A& a) {
+             Bytes b(8);
+             return a.readTeds(b.data());
+         }},
+        {"01 02", -1,
+         [](A& a) {
+             Bytes b(4);
+             return a.readTedsCustom(b.data(), 4);
+         }},
         {"00 00 20", -1, [](A& a) { return a.readExcitationValue(); }},
-        {"00 01 00", -1, [](A& a) { unsigned short v = 0; return a.getCalibrationDataSize(v) ? v : -1; }},
+        {"00 01 00", -1,
+         [](A& a) {
+             unsigned short v = 0;
+             return a.getCalibrationDataSize(v) ? v : -1;
+         }},
     };
     for (const auto& entry : cases) {
         SCOPED_TRACE(&entry - cases);
@@ -229,10 +314,12 @@ TEST_F(AmplifierProtocol, frameIsFoundInWhatArrives) {
         {"two parts", "A5 02 / 00 5B 5A"},
         {"byte by byte", "A5 / 02 / 00 / 5B / 5A"},
         {"more behind it", "A5 02 00 5B 5A A5 02 00 11 5A"},
-        {"noise longer than one read", [] {
+        {"noise longer than one read",
+         [] {
              std::string text;
-             for (int n = 0; n < 100; ++n)
+             for (int n = 0; n < 100; ++n) {
                  text += "A5 ";
+             }
              return text + "A5 02 00 5B 5A";
          }()},
     };
@@ -259,8 +346,9 @@ TEST_F(AmplifierProtocol, onlyWhatTheModuleSentIsCopied) {
     } const cases[] = {{4, 16}, {16, 4}, {124, 124}};  // the last one fills the receive buffer
     for (const auto& entry : cases) {
         std::string data = "11";
-        for (size_t n = 1; n < entry.sent; ++n)
+        for (size_t n = 1; n < entry.sent; ++n) {
             data += " 11";
+        }
         module.script({withData(data)});
         Bytes buffer(125, 0xEE);
         EXPECT_EQ(amplifier->readCalibrationData(0, buffer.data(), entry.asked), static_cast<short>(entry.sent + 1));
@@ -283,8 +371,9 @@ TEST_F(AmplifierProtocol, whatCannotFitIsNotSent) {
 
 TEST_F(AmplifierProtocol, failedAttemptsAreLoggedAndTriedThreeTimes) {
     std::string noise;
-    for (int n = 0; n < 140; ++n)
+    for (int n = 0; n < 140; ++n) {
         noise += "11 ";
+    }
     const auto line = [](int level, const char* text) {
         return fmt::format("{} Amplifier index 3 error: {} failed! Command 208!", level, text);
     };
@@ -300,7 +389,10 @@ TEST_F(AmplifierProtocol, failedAttemptsAreLoggedAndTriedThreeTimes) {
         {"quiet refusal", Strings(3, refused), true, -1, Strings(3, line(2, "Command failed"))},
         {"silence", Strings(3, silent), false, -1, Strings(3, line(5, "Timeout"))},
         {"endless noise, never quiet", Strings(3, noise), true, -1, Strings(3, line(5, "UART received data overflow"))},
-        {"half a frame, a refusal, a reply", {"A5 02 00", refused, withData("04")}, false, 2,
+        {"half a frame, a refusal, a reply",
+         {"A5 02 00", refused, withData("04")},
+         false,
+         2,
          {line(5, "Timeout"), line(5, "Command failed")}},
     };
     for (const auto& entry : cases) {
@@ -315,8 +407,9 @@ TEST_F(AmplifierProtocol, failedAttemptsAreLoggedAndTriedThreeTimes) {
         }
         EXPECT_EQ(module.takeRequests().size(), 3u);
         Strings expected = entry.lines;
-        if (entry.result < 0)
+        if (entry.result < 0) {
             expected.push_back((entry.quiet ? "2 " : "5 ") + end);
+        }
         EXPECT_EQ(log.lines(), expected);
     }
     // Without a payload and a reply it is never quiet; a module without a chip always is.
@@ -405,8 +498,7 @@ TEST_F(AmplifierProtocol, newMeasurementMakesTheCouplingUnknown) {
     // The same measurement again changes nothing.
     EXPECT_EQ(amplifier->setMeasurementType(1), 0);
     EXPECT_EQ(amplifier->setInputCoupling(2), 0);
-    EXPECT_EQ(module.takeRequests(),
-              (Strings{"A5 02 C3 02 5A", "A5 02 60 01 5A", "A5 02 C3 02 5A"}));
+    EXPECT_EQ(module.takeRequests(), (Strings{"A5 02 C3 02 5A", "A5 02 60 01 5A", "A5 02 C3 02 5A"}));
 }
 
 TEST_F(AmplifierProtocol, textsThatAreNoNumbers) {
@@ -459,9 +551,9 @@ TEST_F(AmplifierProtocol, identityIsReadInOrder) {
 }
 
 TEST_F(AmplifierProtocol, identityStopsAtTheFirstFailure) {
-    const char* const steps[] = {"module type",       "fw version",      "hw number",
-                                 "serial number",     "calibration date", "module sub type",
-                                 "connector type",    "firmware capabilities", "update scaling"};
+    const char* const steps[] = {"module type",      "fw version",      "hw number",      "serial number",
+                                 "calibration date", "module sub type", "connector type", "firmware capabilities",
+                                 "update scaling"};
     for (size_t failing = 0; failing < std::size(steps); ++failing) {
         SCOPED_TRACE(steps[failing]);
         module.script(identity());
@@ -476,8 +568,7 @@ TEST_F(AmplifierProtocol, identityStopsAtTheFirstFailure) {
         LogCapture log;
         EXPECT_FALSE(amplifier->readProperties());
         EXPECT_EQ(module.takeRequests().size(), failing + 3 + (failing == 8 ? 1 : 0));
-        EXPECT_EQ(log.lines().back(),
-                  std::string("5 Amplifier index 3 error: read of ") + steps[failing] + " failed!");
+        EXPECT_EQ(log.lines().back(), std::string("5 Amplifier index 3 error: read of ") + steps[failing] + " failed!");
         EXPECT_FALSE(amplifier->isAmplifierDefined());
         EXPECT_EQ(amplifier->getModuleType(), 0);
         EXPECT_EQ(amplifier->getId(), "0.255.255.255");

@@ -33,8 +33,9 @@ public:
     }
 
     void write(const Harvane::RT::Core::LogRecord& record) override {
-        if (std::string(record.logger) != "kestrix")
+        if (std::string(record.logger) != "kestrix") {
             return;
+        }
         const std::lock_guard lock(mutex_);
         lines_.push_back(std::to_string(record.level + 1) + " " + record.message);
     }

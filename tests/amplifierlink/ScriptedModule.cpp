@@ -17,8 +17,9 @@ namespace kestrixtest {
 ScriptedModule::ScriptedModule() : master_(::posix_openpt(O_RDWR | O_NOCTTY)) {
     std::array<char, 64> name{};
     if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0 ||
-        ::ptsname_r(master_, name.data(), name.size()) != 0)
+        ::ptsname_r(master_, name.data(), name.size()) != 0) {
         throw std::runtime_error("no pseudo-terminal");
+    }
     path_ = name.data();
     thread_ = std::thread([this] { run(); });
 }
@@ -49,20 +50,23 @@ void ScriptedModule::run() {
         pollfd readable{master_, POLLIN, 0};
         if (::poll(&readable, 1, 10) <= 0 || (readable.revents & POLLIN) == 0) {
             // Nobody has the port open: the terminal reports a hang-up at once.
-            if ((readable.revents & POLLHUP) != 0)
+            if ((readable.revents & POLLHUP) != 0) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
             continue;
         }
         std::array<unsigned char, 256> bytes;
         const ssize_t count = ::read(master_, bytes.data(), bytes.size());
-        if (count <= 0)
+        if (count <= 0) {
             continue;
+        }
         received.insert(received.end(), bytes.begin(), bytes.begin() + count);
         while (received.size() >= 2 && received.size() >= received[1] + 3u) {
             const auto end = received.begin() + received[1] + 3;
             std::string text;
-            for (auto byte = received.begin(); byte != end; ++byte)
+            for (auto byte = received.begin(); byte != end; ++byte) {
                 text += fmt::format("{}{:02X}", text.empty() ? "" : " ", *byte);
+            }
             received.erase(received.begin(), end);
             {
                 const std::lock_guard lock(mutex_);
@@ -84,8 +88,9 @@ void ScriptedModule::answer() {
     }
     std::vector<unsigned char> bytes;
     const auto send = [&] {
-        if (!bytes.empty() && ::write(master_, bytes.data(), bytes.size()) < 0)
+        if (!bytes.empty() && ::write(master_, bytes.data(), bytes.size()) < 0) {
             throw std::runtime_error("pseudo-terminal gone");
+        }
         bytes.clear();
     };
     std::istringstream pieces(reply);

@@ -28,8 +28,9 @@ void record(const i2c_rdwr_ioctl_data& data) {
     for (__u32 n = 0; n < data.nmsgs; ++n) {
         const i2c_msg& message = data.msgs[n];
         text += fmt::format("{}{:02X}{}", n == 0 ? "" : " ", message.addr, (message.flags & I2C_M_RD) != 0 ? '>' : '<');
-        for (__u16 byte = 0; byte < message.len; ++byte)
+        for (__u16 byte = 0; byte < message.len; ++byte) {
             text += fmt::format("{:02X}", message.buf[byte]);
+        }
     }
     transactions.push_back(text);
 }
@@ -120,14 +121,34 @@ TEST_F(UartMuxTest, troubleOnTheBus) {
         Strings lines;
     } const cases[] = {
         {"busy nine times", {{.kind = FaultKind::MuxAgain, .times = 9}}, board_t::eightChannels, 1, 11, "", {}},
-        {"busy ten times", {{.kind = FaultKind::MuxAgain, .times = 10}}, board_t::eightChannels, 1, 10,
-         std::strerror(EAGAIN), {}},
-        {"failing read", {{.kind = FaultKind::MuxError, .afterCount = 1}}, board_t::eightChannels, 1, 2,
-         std::strerror(EIO), {}},
-        {"first device forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4D, .times = 2}}, board_t::eightChannels,
-         1, 6, "", eight},
-        {"second device forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = 2}}, board_t::eightChannels,
-         1, 6, "", eight},
+        {"busy ten times",
+         {{.kind = FaultKind::MuxAgain, .times = 10}},
+         board_t::eightChannels,
+         1,
+         10,
+         std::strerror(EAGAIN),
+         {}},
+        {"failing read",
+         {{.kind = FaultKind::MuxError, .afterCount = 1}},
+         board_t::eightChannels,
+         1,
+         2,
+         std::strerror(EIO),
+         {}},
+        {"first device forgets",
+         {{.kind = FaultKind::MuxReadsBack, .code = 0x4D, .times = 2}},
+         board_t::eightChannels,
+         1,
+         6,
+         "",
+         eight},
+        {"second device forgets",
+         {{.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = 2}},
+         board_t::eightChannels,
+         1,
+         6,
+         "",
+         eight},
         {"small board forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F}}, board_t::twoChannels, 1, 4, "", two},
         // Its value would be 0, which connects nothing.
         {"channel beyond the hardware", {}, board_t::eightChannels, 8, 0, std::strerror(ENODEV), {}},

@@ -118,8 +118,10 @@ TEST_F(DaqAmplifierTest, InitGivesTheChannelItsClassAndOperations) {
     EXPECT_EQ(channel.getClassName(), "ampl_test");
     EXPECT_EQ(daqAmplifier->getAmplifier(), amplifier);
     // What the module said when it was found; nothing changes it.
-    const std::pair<const char*, const char*> facts[] = {{"SerialNumber", "SN 1"}, {"SoftwareRevision", "2.0"},
-                                                         {"HardwareRevision", "3"}, {"CalibrationDate", "2024-05-06"}};
+    const std::pair<const char*, const char*> facts[] = {{"SerialNumber", "SN 1"},
+                                                         {"SoftwareRevision", "2.0"},
+                                                         {"HardwareRevision", "3"},
+                                                         {"CalibrationDate", "2024-05-06"}};
     for (const auto& [name, text] : facts) {
         channel.setPropertyValue(name, "written");
         EXPECT_EQ(read<std::string>(name), text);
@@ -285,11 +287,11 @@ TEST_F(DaqAmplifierTest, HighPassFiltersThatChange) {
         int filter;  // of 2 before
     };
     const Row rows[] = {
-        {0, 1, true, 2},   // the same texts
-        {0, 2, true, 1},   // one more
-        {0, 3, true, 1},   // one text differs
-        {2, 0, true, 1},   // one less
-        {0, 2, false, 2},  {0, 3, false, 2},
+        {0, 1, true, 2},  // the same texts
+        {0, 2, true, 1},  // one more
+        {0, 3, true, 1},  // one text differs
+        {2, 0, true, 1},  // one less
+        {0, 2, false, 2}, {0, 3, false, 2},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(testing::Message() << row.from << " to " << row.to << (row.adjust ? " adjusted" : ""));
@@ -473,8 +475,8 @@ TEST_F(TedsTest, IncompleteGroupsStayEmpty) {
 
 // Balancing from the host.
 
-const std::string bridgeSettings = choice(Consts::Measurement, R"("Bridge")") + rangeList +
-                                   plain(Consts::BridgeOffset, "float", "0.0") + balanceSlots;
+const std::string bridgeSettings =
+    choice(Consts::Measurement, R"("Bridge")") + rangeList + plain(Consts::BridgeOffset, "float", "0.0") + balanceSlots;
 
 class HostBalanceTest : public TedsTest {
 protected:
@@ -540,13 +542,13 @@ TEST_F(HostBalanceTest, WhatIsLeftAnswersThatTheModuleIsGone) {
     daqAmplifier.reset();  // returns although the thread is in the middle of a reading
     EXPECT_EQ(zornSharedLibObjectCount.load(), idle + 1);
     amplifier->journal.take();
-    for (const char* name : {"UpdateAmplifier", "NotifyEnterChSetup", "NotifyLeaveChSetup", "StartSensorBalance",
-                             "ResetSensorBalance"}) {
+    for (const char* name :
+         {"UpdateAmplifier", "NotifyEnterChSetup", "NotifyLeaveChSetup", "StartSensorBalance", "ResetSensorBalance"}) {
         EXPECT_EQ(runProcedure(channel, name), Errors::InvalidState) << name;
     }
-    for (const char* name : {"GetSensorBalanceStatus", Consts::ReadTeds, Consts::ResetTedsCustom,
-                             Consts::WriteTedsCustom, Consts::ReadTedsCustom, Consts::FinalizeTedsCustom,
-                             Consts::GetSensorStatus}) {
+    for (const char* name :
+         {"GetSensorBalanceStatus", Consts::ReadTeds, Consts::ResetTedsCustom, Consts::WriteTedsCustom,
+          Consts::ReadTedsCustom, Consts::FinalizeTedsCustom, Consts::GetSensorStatus}) {
         EXPECT_EQ(failure(name, listOf({1})), Errors::InvalidState) << name;
     }
     EXPECT_TRUE(amplifier->journal.take().empty());
@@ -556,4 +558,4 @@ TEST_F(HostBalanceTest, WhatIsLeftAnswersThatTheModuleIsGone) {
     EXPECT_TRUE(eventually([&] { return zornSharedLibObjectCount.load() == before; }));
 }
 
-}
+}  // namespace

@@ -176,4 +176,4 @@ TEST_F(FactoryTest, EntryPoints) {
     releaseDaqAmplifiersFactory(nullptr);
 }
 
-}
+}  // namespace

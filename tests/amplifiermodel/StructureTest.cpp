@@ -177,4 +177,4 @@ TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
     }
 }
 
-}
+}  // namespace

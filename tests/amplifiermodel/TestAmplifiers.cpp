@@ -97,7 +97,8 @@ std::string definitionOf(const std::string& name, const std::string& properties)
 
 std::string definition(const std::string& name, const std::string& id, const std::string& properties) {
     return definitionOf(name, R"({"name": "AmplifierID", "type": "string", "default": "", "readOnly": true,)"
-                              R"( "readOnlyValue": ")" + id + "\"}" + properties);
+                              R"( "readOnlyValue": ")" +
+                                  id + "\"}" + properties);
 }
 
 std::string choice(const char* name, const char* values) {
@@ -131,4 +132,4 @@ bool eventually(const std::function<bool()>& condition) {
     return false;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq::Test

@@ -98,4 +98,4 @@ Core::ErrCode runProcedure(const Core::ChannelPtr<>& channel, const char* name, 
 // False when it isn't so within ten seconds.
 bool eventually(const std::function<bool()>& condition);
 
-}
+}  // namespace Harvane::RT::Modules::Daq::Test

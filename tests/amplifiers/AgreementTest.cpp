@@ -20,8 +20,7 @@ class Agreement : public testing::TestWithParam<std::pair<AmplifierKind, const c
 protected:
     Agreement()
         : definition(std::filesystem::path(KESTRIX_AMPLIFIERS) / GetParam().second),
-          firmware(moduleOf(GetParam().first), 1, 1) {
-    }
+          firmware(moduleOf(GetParam().first), 1, 1) {}
 
     static kestrixsim::ModuleScenario moduleOf(AmplifierKind kind) {
         kestrixsim::ModuleScenario module;

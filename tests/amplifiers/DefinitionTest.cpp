@@ -20,7 +20,7 @@ using Numbers = std::vector<double>;
 struct Mode {
     const char* measurement;
     const char* unit;
-    Numbers ranges;       // each is + and - so much; the order is that of the hardware's numbers
+    Numbers ranges;  // each is + and - so much; the order is that of the hardware's numbers
     Texts couplings;
     bool excited;
 };
@@ -39,20 +39,39 @@ struct Hardware {
 const Hardware amplifiers[] = {
     {"fast-voltage.json",
      {{"Voltage", "V", {10, 5, 1, 0.1}, {"DC", "AC 1 Hz"}, false}},
-     {"Off", "1 MHz", "100 kHz", "10 kHz", "1 kHz"}, {"Differential", "Single ended"}, true, {}, "", false},
+     {"Off", "1 MHz", "100 kHz", "10 kHz", "1 kHz"},
+     {"Differential", "Single ended"},
+     true,
+     {},
+     "",
+     false},
     {"bridge.json",
      {{"Bridge", "mV/V", {10, 5, 2, 1}, {"DC"}, true},
       {"Voltage", "V", {10, 1}, {"DC"}, false},
       {"Potentiometer", "%", {100}, {"DC"}, true}},
-     {"Off", "100 kHz", "10 kHz", "1 kHz", "100 Hz"}, {"Full bridge", "Half bridge", "Quarter bridge"}, false,
-     {0, 1, 2.5, 5, 10}, "V", true},
+     {"Off", "100 kHz", "10 kHz", "1 kHz", "100 Hz"},
+     {"Full bridge", "Half bridge", "Quarter bridge"},
+     false,
+     {0, 1, 2.5, 5, 10},
+     "V",
+     true},
     {"iepe.json",
      {{"IEPE", "V", {10, 5, 1}, {"AC 0.1 Hz", "AC 1 Hz"}, true},
       {"Voltage", "V", {10, 5, 1}, {"DC", "AC 0.1 Hz", "AC 1 Hz"}, false}},
-     {"Off", "100 kHz", "10 kHz"}, {"Single ended"}, true, {4, 8}, "mA", false},
+     {"Off", "100 kHz", "10 kHz"},
+     {"Single ended"},
+     true,
+     {4, 8},
+     "mA",
+     false},
     {"high-voltage.json",
      {{"Voltage", "V", {1000, 400, 200, 50}, {"DC"}, false}},
-     {"Off", "300 kHz", "30 kHz"}, {"Differential"}, true, {}, "", false},
+     {"Off", "300 kHz", "30 kHz"},
+     {"Differential"},
+     true,
+     {},
+     "",
+     false},
 };
 
 Texts textsOf(const ListPtr& list) {

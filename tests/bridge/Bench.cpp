@@ -29,8 +29,7 @@ public:
 };
 
 const bool factoriesRegistered = [] {
-    static DaqObjectFactory<GenericInterface<FixedInterfaceHelper, FixedInterfacePort>,
-                            DaqObjectFactoryType::Interface>
+    static DaqObjectFactory<GenericInterface<FixedInterfaceHelper, FixedInterfacePort>, DaqObjectFactoryType::Interface>
         interfaces;
     static DaqObjectFactory<TestDeviceFactory, DaqObjectFactoryType::DeviceFactory> devices;
     DaqObjectFactoryManager::registerObjectFactory(&interfaces);
@@ -123,8 +122,8 @@ ChannelFolderPtr HostTree::folder(const std::string& name) const {
     return findNode(dataModule.getRootFolder(), name).asPtrOrNull<IChannelFolder>();
 }
 
-Bench::Bench() : controller(std::make_unique<DaqController>()), structure(std::make_unique<DaqStructure>(*controller)) {
-}
+Bench::Bench()
+    : controller(std::make_unique<DaqController>()), structure(std::make_unique<DaqStructure>(*controller)) {}
 
 Bench::~Bench() = default;
 
@@ -177,4 +176,4 @@ std::string textOf(const BasePtr& value) {
     return value ? fromValue<std::string>(value) : "null";
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq::Test

@@ -16,7 +16,7 @@
 namespace Harvane::RT::Modules::Daq {
 class DaqController;
 class DaqStructure;
-}
+}  // namespace Harvane::RT::Modules::Daq
 
 namespace Harvane::RT::Modules::Daq::Test {
 
@@ -111,4 +111,4 @@ Core::BasePtr listOf(const std::vector<int>& numbers);
 // "[1, [14]]"
 std::string textOf(const Core::BasePtr& value);
 
-}
+}  // namespace Harvane::RT::Modules::Daq::Test

@@ -73,9 +73,9 @@ TEST_F(RateTest, DeviceRate) {
         int wanted;
         int expected;
     };
-    for (const Row& row : {Row{1000, 500, 500}, Row{1000, 300, 250},
-                           Row{1000, 5000, 1000},  // no device is faster than the system
-                           Row{25, 11, 25}}) {     // without a divider it stays where it is
+    for (const Row& row :
+         {Row{1000, 500, 500}, Row{1000, 300, 250}, Row{1000, 5000, 1000},  // no device is faster than the system
+          Row{25, 11, 25}}) {                                               // without a divider it stays where it is
         SCOPED_TRACE(row.wanted);
         if (controller->sampleRate != row.system) {
             setRate(dataModule, row.system);

@@ -242,4 +242,4 @@ public:
 // What discovery finds in the next scan, by connection point ("ID_10").
 std::map<std::string, std::shared_ptr<Device>>& devicesToFind();
 
-}
+}  // namespace Harvane::RT::Modules::Daq::Test

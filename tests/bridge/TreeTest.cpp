@@ -80,14 +80,11 @@ TEST_F(TreeTest, ChannelTypesFollowTheSamples) {
         int type;
         const char* id;
     };
-    for (const Row& row : {Row{"Raw 1", SampleDataType::Int16, 1, 0, "0"},
-                           Row{"Filtered 1", SampleDataType::Int32, 1, 0, "1"},
-                           Row{"Byte", SampleDataType::Int8, 1, 0, "2"},
-                           Row{"Single", SampleDataType::Float32, 1, 0, "3"},
-                           Row{"Double", SampleDataType::Float64, 1, 0, "4"},
-                           Row{"Record", SampleDataType::Opaque, 16, 0, "5"},
-                           Row{"Async in", SampleDataType::Int32, 1, 1, "0"},
-                           Row{"Messages", SampleDataType::Opaque, 16, 1, "3"}}) {
+    for (const Row& row :
+         {Row{"Raw 1", SampleDataType::Int16, 1, 0, "0"}, Row{"Filtered 1", SampleDataType::Int32, 1, 0, "1"},
+          Row{"Byte", SampleDataType::Int8, 1, 0, "2"}, Row{"Single", SampleDataType::Float32, 1, 0, "3"},
+          Row{"Double", SampleDataType::Float64, 1, 0, "4"}, Row{"Record", SampleDataType::Opaque, 16, 0, "5"},
+          Row{"Async in", SampleDataType::Int32, 1, 1, "0"}, Row{"Messages", SampleDataType::Opaque, 16, 1, "3"}}) {
         const auto hostChannel = channel(row.name);
         EXPECT_EQ(hostChannel.getSampleDataType(), row.dataType) << row.name;
         EXPECT_EQ(hostChannel.getDimension(), row.dimension) << row.name;
@@ -104,10 +101,14 @@ TEST_F(TreeTest, DeviceProperties) {
     expectOrder(device, {"SerialNumber", "RevisionCounter", "Manufacturer", "Model", "DeviceManual", "DeviceRevision",
                          "SoftwareRevision", "HardwareRevision", "DeviceHealth", "SampleRate", "MinSampleRate",
                          "MaxSampleRate", "CheckRate", "IOCtl", "BaseClock"});
-    for (const auto& [name, value] : std::vector<std::pair<const char*, std::string>>{
-             {"SerialNumber", "SN-17"}, {"RevisionCounter", "3"}, {"Manufacturer", "Maker"}, {"Model", "Bench 8"},
-             {"DeviceManual", "manual.pdf"}, {"DeviceRevision", "B"}, {"SoftwareRevision", "1.2"},
-             {"HardwareRevision", "4"}}) {
+    for (const auto& [name, value] : std::vector<std::pair<const char*, std::string>>{{"SerialNumber", "SN-17"},
+                                                                                      {"RevisionCounter", "3"},
+                                                                                      {"Manufacturer", "Maker"},
+                                                                                      {"Model", "Bench 8"},
+                                                                                      {"DeviceManual", "manual.pdf"},
+                                                                                      {"DeviceRevision", "B"},
+                                                                                      {"SoftwareRevision", "1.2"},
+                                                                                      {"HardwareRevision", "4"}}) {
         // Whatever is written, a read-only property shows its fixed value.
         device.setPropertyValue(name, "77");
         EXPECT_EQ(device.getPropertyValue<std::string>(name), value) << name;
@@ -227,8 +228,7 @@ TEST_F(TreeTest, FunctionsOutliveTheBridge) {
                                  functionOf(deviceFolder, "IOCtl"), functionOf(dataModule, "CheckSampleRate")}) {
         EXPECT_EQ(function->execute(rates(1, 1).get(), &result), Errors::InvalidState);
     }
-    EXPECT_EQ(dataModule.getPropertyValue("BeforeStart").asPtr<IProcObject>()->dispatch(nullptr),
-              Errors::InvalidState);
+    EXPECT_EQ(dataModule.getPropertyValue("BeforeStart").asPtr<IProcObject>()->dispatch(nullptr), Errors::InvalidState);
     // Writes meet no handler and are kept.
     dataModule.setPropertyValue("SampleRate", Ratio{48000, 1});
     deviceFolder.setPropertyValue("SampleRate", Ratio{48000, 1});

@@ -11,8 +11,9 @@
 class RecordingReader {
 public:
     explicit RecordingReader(const std::string& file) : file_(H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT)) {
-        if (file_ < 0)
+        if (file_ < 0) {
             throw std::runtime_error("can't open " + file);
+        }
     }
     ~RecordingReader() { H5Fclose(file_); }
     RecordingReader(const RecordingReader&) = delete;
@@ -21,11 +22,15 @@ public:
     // Paths of all one-dimensional sample datasets, in the order of the file's names.
     std::vector<std::string> channels() const {
         std::vector<std::string> paths;
-        H5Ovisit2(file_, H5_INDEX_NAME, H5_ITER_INC, [](hid_t, const char* name, const H5O_info_t* info, void* target) -> herr_t {
-            if (info->type == H5O_TYPE_DATASET && std::string(name) != "gaps")
-                static_cast<std::vector<std::string>*>(target)->push_back(name);
-            return 0;
-        }, &paths, H5O_INFO_BASIC);
+        H5Ovisit2(
+            file_, H5_INDEX_NAME, H5_ITER_INC,
+            [](hid_t, const char* name, const H5O_info_t* info, void* target) -> herr_t {
+                if (info->type == H5O_TYPE_DATASET && std::string(name) != "gaps") {
+                    static_cast<std::vector<std::string>*>(target)->push_back(name);
+                }
+                return 0;
+            },
+            &paths, H5O_INFO_BASIC);
         return paths;
     }
 
@@ -39,8 +44,9 @@ public:
         H5Tclose(stored);
         const herr_t result = H5Dread(set, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
         H5Dclose(set);
-        if (result < 0 || !same)
+        if (result < 0 || !same) {
             throw std::runtime_error("can't read " + path + " in its own type");
+        }
         return values;
     }
 
@@ -79,13 +85,15 @@ private:
         const herr_t result = id < 0 ? -1 : value(id);
         H5Aclose(id);
         H5Oclose(set);
-        if (result < 0)
+        if (result < 0) {
             throw std::runtime_error("no attribute " + attribute);
+        }
     }
     hid_t open(const std::string& path) const {
         const hid_t set = H5Dopen2(file_, path.c_str(), H5P_DEFAULT);
-        if (set < 0)
+        if (set < 0) {
             throw std::runtime_error("no dataset " + path);
+        }
         return set;
     }
     static size_t length(hid_t set) {

@@ -131,8 +131,7 @@ TEST_F(AcquisitionTest, DescriptorsDivideTheBuffer) {
         int filteredRate;
         int rawSize;
         int filteredSize;
-    } const cases[] = {
-        {1000, 1000, 248, 500}, {1000000, 500000, 250000, 200000}, {3750000, 1875000, 937500, 200000}};
+    } const cases[] = {{1000, 1000, 248, 500}, {1000000, 500000, 250000, 200000}, {3750000, 1875000, 937500, 200000}};
     use({0, 1});
     for (const auto& expected : cases) {
         controller->setSampleRate(expected.deviceRate);

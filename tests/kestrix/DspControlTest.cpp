@@ -1,14 +1,14 @@
 #include "modules/daq/daqdevices/kestrix/src/DspControl.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
+#include <algorithm>
 
 #include "tests/registers/FailureOf.h"
 #include "tests/registers/FakeAccess.h"
 
 using namespace Harvane::RT::Modules::Daq;
-using kestrixtest::FakeAccess;
 using kestrixtest::failureOf;
+using kestrixtest::FakeAccess;
 
 namespace {
 
@@ -51,8 +51,7 @@ TEST_F(DspControlTest, EachStreamTakesWhatItsRateNeeds) {
     EXPECT_EQ(configure(15000000, 0, 2000000), (Stores{{filterType, 0}}));
     EXPECT_EQ(configure(10000000, 0, 2000000),
               (Stores{{filterType, 0}, {rspLo, 0}, {rspHi, 0xABCDEF00 | 16}, {hbNum, 0}}));
-    EXPECT_EQ(failureOf([&] { dsp.configureDspLogic(10000000, 0, 3000); }),
-              "DspControl::calculateRatioValue failed");
+    EXPECT_EQ(failureOf([&] { dsp.configureDspLogic(10000000, 0, 3000); }), "DspControl::calculateRatioValue failed");
 }
 
 TEST_F(DspControlTest, CoefficientsAreTwentySevenBits) {

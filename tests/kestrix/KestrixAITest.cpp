@@ -155,8 +155,8 @@ TEST_F(KestrixAITest, AmplifierSettingsAreSentInOrderUpToTheFirstRefusal) {
     amplifier.addHpFilter("DC");
     takeFrames();
     EXPECT_TRUE(amplifier.update());
-    EXPECT_EQ(takeFrames(), (Strings{"0: A5 02 60 00 5A", "0: A5 02 BC 00 5A", "0: A5 02 C8 00 5A",
-                                     "0: A5 02 C3 00 5A", "0: A5 01 67 5A", "0: A5 01 FA 5A", "0: A5 01 FB 5A"}));
+    EXPECT_EQ(takeFrames(), (Strings{"0: A5 02 60 00 5A", "0: A5 02 BC 00 5A", "0: A5 02 C8 00 5A", "0: A5 02 C3 00 5A",
+                                     "0: A5 01 67 5A", "0: A5 01 FA 5A", "0: A5 01 FB 5A"}));
 
     amplifier.rangeIndex = 1;
     amplifier.lpFilterIndex = 1;

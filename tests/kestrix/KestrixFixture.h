@@ -23,8 +23,8 @@ protected:
 
     // Discovery up to the channels, as the module does it.
     void bringUp(const kestrixsim::Scenario& scenario);
-    void prepare();   // up to the start of the acquisition
-    void start();     // prepare and start
+    void prepare();  // up to the start of the acquisition
+    void start();    // prepare and start
     void stop();
     void tearDown();  // the tree goes, the instrument stays
 

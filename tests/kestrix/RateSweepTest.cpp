@@ -163,8 +163,10 @@ TEST(RateOracle, KnowsTheNumbers) {
         int requested;
         int rate;
     } const cases[] = {
-        {15000000, 2100000, 1875000}, {15000000, 5000000, 5000000}, {15000000, 48000, 46875}, {15000000, 44100, 40000},
-        {15000000, 20000000, 15000000}, {10000000, 48000, 40000}, {10000000, 2100000, 2000000}, {10000000, 7, 10},
+        {15000000, 2100000, 1875000},   {15000000, 5000000, 5000000},
+        {15000000, 48000, 46875},       {15000000, 44100, 40000},
+        {15000000, 20000000, 15000000}, {10000000, 48000, 40000},
+        {10000000, 2100000, 2000000},   {10000000, 7, 10},
     };
     for (const auto& entry : cases) {
         EXPECT_EQ(ClockOracle(entry.clock).systemRate(entry.requested), entry.rate) << entry.requested;
@@ -189,8 +191,7 @@ TEST_P(RateSweep, ResamplingChain) {
     for (const int rate : requestsAround(oracle.legal, oracle.filteredLimit + 1)) {
         const Chain expected = chainOf(clock, rate);
         Chain found;
-        found.exact =
-            DspControl::calculateRatioValue(clock, static_cast<uint32_t>(rate), found.halfBands, found.ratio);
+        found.exact = DspControl::calculateRatioValue(clock, static_cast<uint32_t>(rate), found.halfBands, found.ratio);
         ASSERT_EQ(found, expected) << rate;
     }
 }

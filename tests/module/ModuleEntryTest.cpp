@@ -95,8 +95,8 @@ TEST_F(ModuleEntryTest, FitsThisHost) {
 }
 
 TEST_F(ModuleEntryTest, NullOutputs) {
-    for (const char* name : {"createModuleDriver", "createDaqModuleDriver", "createDaqModule", "zornCanUnload",
-                             "zornGetObjectCount"}) {
+    for (const char* name :
+         {"createModuleDriver", "createDaqModuleDriver", "createDaqModule", "zornCanUnload", "zornGetObjectCount"}) {
         EXPECT_EQ(module.call(name, static_cast<void*>(nullptr)), Errors::ArgumentNull) << name;
     }
     EXPECT_EQ(module.call("createDaqChannelBuffer", static_cast<void**>(nullptr), static_cast<IChannel*>(nullptr)),
@@ -139,8 +139,8 @@ TEST_F(ModuleEntryTest, ModuleObject) {
     EXPECT_TRUE(instance.asPtrOrNull<IAbsTimeProvider>());
     EXPECT_TRUE(instance.asPtrOrNull<ILoopProvider>());
 
-    const auto weak = made<IWeakRef>(
-        [&](IWeakRef** reference) { return instance.asPtr<ISupportsWeakRef>()->getWeakRef(reference); });
+    const auto weak =
+        made<IWeakRef>([&](IWeakRef** reference) { return instance.asPtr<ISupportsWeakRef>()->getWeakRef(reference); });
     EXPECT_TRUE(made<IBaseObject>([&](IBaseObject** object) { return weak->getRef(object); }).equals(instance));
 
     // Nothing passes the edge as an exception.

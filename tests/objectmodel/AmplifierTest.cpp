@@ -8,7 +8,7 @@ using namespace Harvane::RT::Modules::Daq;
 
 namespace {
 
-/// An amplifier whose scalings are switched on.
+// An amplifier whose scalings are switched on.
 class ScalingAmplifier : public Amplifier {
 public:
     explicit ScalingAmplifier(const std::string& measurement) { addMeasurementValue(measurement); }
@@ -20,7 +20,7 @@ public:
     bool milliampere = false;
 };
 
-}
+}  // namespace
 
 TEST(Amplifier, WithoutSettingsItLeavesValuesAlone) {
     Amplifier amplifier;
@@ -36,13 +36,20 @@ TEST(Amplifier, WithoutSettingsItLeavesValuesAlone) {
 
 TEST(Amplifier, ScaleAndOffsetByMeasurement) {
     for (const auto& [measurement, excitation, shunt, milliampere, scale, offset] :
-         {std::tuple{"Bridge", 0.0, 0.0, false, 10000.0, 3.5}, {"Bridge", 0.1, 0.0, false, 10000.0, 3.5},
-          {"Bridge", 0.0999, 0.0, false, 10000.0, 3.5}, {"Bridge", 5.0, 0.0, false, 200.0, 3.5},
-          {"Potentiometer", 2.0, 0.0, false, 500.0, 0.0}, {"Resistance", 4.0, 0.0, false, 250.0, 0.0},
-          {"Resistance", 0.0, 0.0, false, 10000.0, 0.0}, {"Current", 5.0, 50.0, false, 0.02, 0.0},
-          {"Current", 5.0, 50.0, true, 20.0, 0.0}, {"Current", 5.0, 0.0, false, 10000.0, 0.0},
-          {"Current", 5.0, 0.0, true, 10000000.0, 0.0}, {"Current", 5.0, 0.0001, false, 10000.0, 0.0},
-          {"Voltage", 5.0, 50.0, true, 1.0, 0.0}, {"bridge", 5.0, 50.0, true, 1.0, 0.0}}) {
+         {std::tuple{"Bridge", 0.0, 0.0, false, 10000.0, 3.5},
+          {"Bridge", 0.1, 0.0, false, 10000.0, 3.5},
+          {"Bridge", 0.0999, 0.0, false, 10000.0, 3.5},
+          {"Bridge", 5.0, 0.0, false, 200.0, 3.5},
+          {"Potentiometer", 2.0, 0.0, false, 500.0, 0.0},
+          {"Resistance", 4.0, 0.0, false, 250.0, 0.0},
+          {"Resistance", 0.0, 0.0, false, 10000.0, 0.0},
+          {"Current", 5.0, 50.0, false, 0.02, 0.0},
+          {"Current", 5.0, 50.0, true, 20.0, 0.0},
+          {"Current", 5.0, 0.0, false, 10000.0, 0.0},
+          {"Current", 5.0, 0.0, true, 10000000.0, 0.0},
+          {"Current", 5.0, 0.0001, false, 10000.0, 0.0},
+          {"Voltage", 5.0, 50.0, true, 1.0, 0.0},
+          {"bridge", 5.0, 50.0, true, 1.0, 0.0}}) {
         ScalingAmplifier amplifier(measurement);
         amplifier.excitationValue = excitation;
         amplifier.externalShuntResistance = shunt;
@@ -54,10 +61,15 @@ TEST(Amplifier, ScaleAndOffsetByMeasurement) {
 }
 
 TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
-    for (const auto& [offset, excitation, range, index] :
-         {std::tuple{100.0, 5.0, "150", 0}, {0.0, 5.0, "150", 1}, {0.0, 5.0, "200", 1}, {0.0, 5.0, "200.5", 0},
-          {-60.0, 5.0, "150", 0}, {-50.0, 5.0, "150", 1}, {0.0, 5.0, "99999", 0}, {0.0, 0.0, "10000", 1},
-          {0.0, 5.0, "0.5", 1}}) {
+    for (const auto& [offset, excitation, range, index] : {std::tuple{100.0, 5.0, "150", 0},
+                                                           {0.0, 5.0, "150", 1},
+                                                           {0.0, 5.0, "200", 1},
+                                                           {0.0, 5.0, "200.5", 0},
+                                                           {-60.0, 5.0, "150", 0},
+                                                           {-50.0, 5.0, "150", 1},
+                                                           {0.0, 5.0, "99999", 0},
+                                                           {0.0, 0.0, "10000", 1},
+                                                           {0.0, 5.0, "0.5", 1}}) {
         Amplifier amplifier;
         amplifier.addMeasurementValue("Bridge");
         amplifier.addDeviceRange(10.0);
@@ -99,8 +111,9 @@ TEST(Amplifier, AnIndexOutsideOfItsListIsHarmless) {
         amplifier.addHpFilter("DC");
         amplifier.addMinValue(-5.0);
         amplifier.addMaxValue(5.0);
-        EXPECT_EQ(amplifier.getMeasureType() + amplifier.getBridgeType() + amplifier.getInputType() +
-                      amplifier.getCoupling(), "");
+        EXPECT_EQ(
+            amplifier.getMeasureType() + amplifier.getBridgeType() + amplifier.getInputType() + amplifier.getCoupling(),
+            "");
         EXPECT_EQ(amplifier.getMinValue(), index < 0 ? -10.0 : -5.0);
         EXPECT_EQ(amplifier.getMaxValue(), index < 0 ? 10.0 : 5.0);
         amplifier.clearMaxValues();

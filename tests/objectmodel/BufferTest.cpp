@@ -24,7 +24,7 @@ void expectNumericBuffer(T value, unsigned long sampleSize, double number) {
               static_cast<long>(2 * sampleSize));
 }
 
-}
+}  // namespace
 
 TEST(ChannelBuffer, NumericViewAndLayoutOfEachType) {
     expectNumericBuffer<float>(0.5f, 4, 0.5);
@@ -99,7 +99,7 @@ protected:
     FifoBuffer<unsigned char> fifo;
 };
 
-}
+}  // namespace
 
 TEST_F(Fifo, WritesWhatFitsAndNeverOverwrites) {
     fillAt(0, 6);

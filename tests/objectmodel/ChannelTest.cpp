@@ -14,7 +14,7 @@ using namespace Harvane::RT::Modules::Daq;
 
 namespace {
 
-/// A channel with a buffer of this many slots, in the middle of an acquisition.
+// A channel with a buffer of this many slots, in the middle of an acquisition.
 template <class T>
 std::unique_ptr<Channel> activeChannel(SampleType type, unsigned long capacity) {
     auto channel = std::make_unique<Channel>(0);
@@ -28,15 +28,20 @@ std::unique_ptr<Channel> activeChannel(SampleType type, unsigned long capacity) 
     return channel;
 }
 
-}
+}  // namespace
 
 TEST(Channel, BufferHoldsTwoSecondsInWholeGrains) {
     for (const auto& [type, rate, granularity, active, capacity] :
-         {std::tuple{SampleType::Async, 5000, 1u, true, 10000u}, {SampleType::Sync, 1000, 16u, true, 2000u},
-          {SampleType::Sync, 1001, 16u, true, 2000u}, {SampleType::Sync, 100, 32u, true, 192u},
-          {SampleType::Sync, 1000, 16u, false, 0u}, {SampleType::SingleValue, 700, 1u, true, 2u},
-          {SampleType::Async, 0, 1u, true, 0u}, {SampleType::Async, -5, 1u, true, 0u},
-          {SampleType::Sync, 10, 0u, true, 20u}, {SampleType::Sync, 4, 16u, true, 0u}}) {
+         {std::tuple{SampleType::Async, 5000, 1u, true, 10000u},
+          {SampleType::Sync, 1000, 16u, true, 2000u},
+          {SampleType::Sync, 1001, 16u, true, 2000u},
+          {SampleType::Sync, 100, 32u, true, 192u},
+          {SampleType::Sync, 1000, 16u, false, 0u},
+          {SampleType::SingleValue, 700, 1u, true, 2u},
+          {SampleType::Async, 0, 1u, true, 0u},
+          {SampleType::Async, -5, 1u, true, 0u},
+          {SampleType::Sync, 10, 0u, true, 20u},
+          {SampleType::Sync, 4, 16u, true, 0u}}) {
         Channel channel(0);
         channel.sampleType = type;
         channel.deviceRate = channel.asyncRate = rate;
@@ -122,10 +127,13 @@ TEST(Channel, BlockOfSamplesStaysBelowTheCapacityInOneCycle) {
 }
 
 TEST(Channel, RateOfEachSampleType) {
-    for (const auto& [type, request, rate] :
-         {std::tuple{SampleType::Sync, 250, 250}, {SampleType::Sync, 300, 333}, {SampleType::Sync, 5000, 1000},
-          {SampleType::Sync, 0, 1000}, {SampleType::Sync, -1000, 1000}, {SampleType::Async, 77, 77},
-          {SampleType::SingleValue, 77, 1}}) {
+    for (const auto& [type, request, rate] : {std::tuple{SampleType::Sync, 250, 250},
+                                              {SampleType::Sync, 300, 333},
+                                              {SampleType::Sync, 5000, 1000},
+                                              {SampleType::Sync, 0, 1000},
+                                              {SampleType::Sync, -1000, 1000},
+                                              {SampleType::Async, 77, 77},
+                                              {SampleType::SingleValue, 77, 1}}) {
         Channel channel(0);
         channel.sampleType = type;
         channel.setRate(request);
@@ -137,9 +145,16 @@ TEST(Channel, RateOfEachSampleType) {
 
 TEST(Channel, AnalogBufferTypeFollowsTheResolution) {
     // A size of 0 means refused.
-    for (const auto& [isFloat, bits, sampleSize] :
-         {std::tuple{true, 32, 4u}, {true, 64, 8u}, {true, 16, 0u}, {false, 8, 1u}, {false, 9, 2u}, {false, 16, 2u},
-          {false, 17, 4u}, {false, 32, 4u}, {false, 33, 0u}, {false, 64, 0u}}) {
+    for (const auto& [isFloat, bits, sampleSize] : {std::tuple{true, 32, 4u},
+                                                    {true, 64, 8u},
+                                                    {true, 16, 0u},
+                                                    {false, 8, 1u},
+                                                    {false, 9, 2u},
+                                                    {false, 16, 2u},
+                                                    {false, 17, 4u},
+                                                    {false, 32, 4u},
+                                                    {false, 33, 0u},
+                                                    {false, 64, 0u}}) {
         AIChannel ai(0);
         AOChannel ao(0);
         for (auto [channel, resolution] : {std::pair<Channel*, int*>{&ai, &ai.resolution}, {&ao, &ao.resolution}}) {

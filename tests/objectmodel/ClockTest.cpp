@@ -10,7 +10,7 @@ using namespace Harvane::RT::Modules::Daq;
 
 namespace {
 
-/// A device with the generic clock and one part that has the channels.
+// A device with the generic clock and one part that has the channels.
 class Clock : public testing::Test {
 protected:
     Clock() {
@@ -32,7 +32,7 @@ protected:
     std::shared_ptr<SubDevice> part = std::make_shared<SubDevice>();
 };
 
-}
+}  // namespace
 
 TEST_F(Clock, CountsTheSamplesOfTheFastestActiveChannel) {
     auto full = channel(1, true);

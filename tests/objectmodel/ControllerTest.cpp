@@ -76,7 +76,7 @@ protected:
         device.channels.push_back(made);
         return made;
     }
-    /// The controller has a root with the devices added so far.
+    // The controller has a root with the devices added so far.
     void build() {
         controller.systemDevice = std::make_shared<SystemDevice>();
         controller.systemDevice->assign(devices.begin(), devices.end());
@@ -94,7 +94,7 @@ protected:
     DaqController controller;
 };
 
-}
+}  // namespace
 
 TEST_F(Controller, EmptySystem) {
     EXPECT_EQ(controller.checkSampleRate(-3), 1);
@@ -148,8 +148,8 @@ TEST_F(Controller, StatesAndOrderOfTheWalks) {
         controller.sendData();
         EXPECT_EQ(take(), (Steps{"d.start(true)", "d.acquire", "used.before", "used.after", "d.send"}));
         controller.stopAcquisition();
-        EXPECT_EQ(take(), (Steps{"d.stop(true)", "d.finalize(true)", "used.finalize", "unused.finalize",
-                                 "off.finalize"}));
+        EXPECT_EQ(take(),
+                  (Steps{"d.stop(true)", "d.finalize(true)", "used.finalize", "unused.finalize", "off.finalize"}));
         EXPECT_FALSE(controller.acqInitialized || controller.acqRunning || controller.acqStopping ||
                      device->acqRunning || device->acqStopping);
     }
@@ -199,9 +199,12 @@ TEST_F(Controller, DataIsLostStrictlyAboveThreeQuartersOfARing) {
     initializeAcquisition();
     ASSERT_EQ(fast->buffer->getCapacity(), 2000u);
     ASSERT_EQ(slow->buffer->getCapacity(), 375u);  // of every fourth: the limit is at 1125
-    async->samplesAcquired = 1000000;  // has no place in the test
-    for (const auto& [ofFast, ofSlow, lost] : {std::tuple{4000u, 1000u, false}, {5125u, 1000u, false},
-                                               {5126u, 1000u, true}, {4000u, 1281u, false}, {4000u, 1282u, true},
+    async->samplesAcquired = 1000000;              // has no place in the test
+    for (const auto& [ofFast, ofSlow, lost] : {std::tuple{4000u, 1000u, false},
+                                               {5125u, 1000u, false},
+                                               {5126u, 1000u, true},
+                                               {4000u, 1281u, false},
+                                               {4000u, 1282u, true},
                                                {0u, 0u, false}}) {
         fast->samplesAcquired = ofFast;
         slow->samplesAcquired = ofSlow;
@@ -219,8 +222,10 @@ TEST_F(Controller, DataIsLostStrictlyAboveThreeQuartersOfARing) {
 
 TEST_F(Controller, AClockThatNeedsAChannelGetsOne) {
     for (const auto& [needs, firstEnabled, firstUsed, secondUsed, firstActive, secondActive] :
-         {std::tuple{true, true, false, false, true, false}, {true, false, false, false, false, true},
-          {true, true, false, true, false, true}, {true, false, true, false, false, true},
+         {std::tuple{true, true, false, false, true, false},
+          {true, false, false, false, false, true},
+          {true, true, false, true, false, true},
+          {true, false, true, false, false, true},
           {false, true, false, false, false, false}}) {
         devices.clear();
         auto device = add("d");
@@ -250,28 +255,48 @@ TEST_F(Controller, AnOptionIsChosenForAllDevicesTogether) {
         SynchronizationOption wanted, stored;
         std::vector<SynchronizationOption> chosen;
     };
-    for (const auto& c : {
-             Case{"no device", {}, plainOptions, option(Mode::Standalone), option(Mode::Standalone), {}},
-             Case{"no device that sources", {}, plainOptions, option(Mode::Standalone, {Mode::Ptp}), refused, {}},
-             Case{"one device", {instrumentOptions}, instrumentOptions, option(Mode::Pps), option(Mode::Pps),
-                  {option(Mode::Pps)}},
-             Case{"more sources than asked for", {ptpOptions}, ptpOptions, option(Mode::Standalone),
-                  option(Mode::Standalone, {Mode::Ptp}), {option(Mode::Standalone, {Mode::Ptp})}},
-             Case{"a source that is missing", {plainOptions}, plainOptions, option(Mode::Standalone, {Mode::Ptp}),
-                  refused, {refused}},
-             Case{"a mode that is missing", {ptpOptions}, ptpOptions, option(Mode::Pps), refused, {refused}},
-             Case{"options that leave one out", {instrumentOptions, ptpOptions}, ptpOptions,
-                  option(Mode::Standalone), option(Mode::Standalone, {Mode::Ptp}),
-                  {option(Mode::Standalone, {Mode::Ptp}), option(Mode::Ptp)}},
-             Case{"only the second can", {canOptions, instrumentOptions},
-                  {option(Mode::Standalone), option(Mode::Standalone, {Mode::Ptp}), option(Mode::SoftSync),
-                   option(Mode::Irig), option(Mode::Pps), option(Mode::Ptp)},
-                  option(Mode::Irig), option(Mode::Irig), {option(Mode::SoftSync), option(Mode::Irig)}},
-             Case{"nobody goes with a device that follows in software", {canOptions, ptpOptions},
-                  {option(Mode::Standalone, {Mode::Ptp}), option(Mode::SoftSync), option(Mode::Ptp)},
-                  option(Mode::SoftSync), refused, {refused, refused}},
-             Case{"in no way", {plainOptions, plainOptions}, {}, option(Mode::Standalone), refused,
-                  {refused, refused}}}) {
+    for (const auto& c :
+         {Case{"no device", {}, plainOptions, option(Mode::Standalone), option(Mode::Standalone), {}},
+          Case{"no device that sources", {}, plainOptions, option(Mode::Standalone, {Mode::Ptp}), refused, {}},
+          Case{"one device",
+               {instrumentOptions},
+               instrumentOptions,
+               option(Mode::Pps),
+               option(Mode::Pps),
+               {option(Mode::Pps)}},
+          Case{"more sources than asked for",
+               {ptpOptions},
+               ptpOptions,
+               option(Mode::Standalone),
+               option(Mode::Standalone, {Mode::Ptp}),
+               {option(Mode::Standalone, {Mode::Ptp})}},
+          Case{"a source that is missing",
+               {plainOptions},
+               plainOptions,
+               option(Mode::Standalone, {Mode::Ptp}),
+               refused,
+               {refused}},
+          Case{"a mode that is missing", {ptpOptions}, ptpOptions, option(Mode::Pps), refused, {refused}},
+          Case{"options that leave one out",
+               {instrumentOptions, ptpOptions},
+               ptpOptions,
+               option(Mode::Standalone),
+               option(Mode::Standalone, {Mode::Ptp}),
+               {option(Mode::Standalone, {Mode::Ptp}), option(Mode::Ptp)}},
+          Case{"only the second can",
+               {canOptions, instrumentOptions},
+               {option(Mode::Standalone), option(Mode::Standalone, {Mode::Ptp}), option(Mode::SoftSync),
+                option(Mode::Irig), option(Mode::Pps), option(Mode::Ptp)},
+               option(Mode::Irig),
+               option(Mode::Irig),
+               {option(Mode::SoftSync), option(Mode::Irig)}},
+          Case{"nobody goes with a device that follows in software",
+               {canOptions, ptpOptions},
+               {option(Mode::Standalone, {Mode::Ptp}), option(Mode::SoftSync), option(Mode::Ptp)},
+               option(Mode::SoftSync),
+               refused,
+               {refused, refused}},
+          Case{"in no way", {plainOptions, plainOptions}, {}, option(Mode::Standalone), refused, {refused, refused}}}) {
         SCOPED_TRACE(c.what);
         devices.clear();
         for (const auto& options : c.offered) {

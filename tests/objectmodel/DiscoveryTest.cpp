@@ -36,7 +36,7 @@ struct Right : Left {
     std::string connectionPointName = "right";
 };
 
-/// A port with two connection points, which no fixed port has.
+// A port with two connection points, which no fixed port has.
 class WideHelper : public StaticInterfaceHelper {
 public:
     WideHelper() : StaticInterfaceHelper("Wide", {"port"}) {}
@@ -55,7 +55,7 @@ std::shared_ptr<DeviceFactory> finds() {
     return std::make_shared<GenericDeviceFactory<T, Parameters>>();
 }
 
-}
+}  // namespace
 
 TEST(Discovery, FactoriesAndConnectionPointsMakeATree) {
     Interfaces interfaces;
@@ -63,15 +63,16 @@ TEST(Discovery, FactoriesAndConnectionPointsMakeATree) {
     interfaces.push_back(std::make_shared<WideInterface>());
     interfaces.scan();
     using Factories = std::vector<std::shared_ptr<DeviceFactory>>;
-    for (const auto& [factories, tree] : {
-             std::pair{Factories{finds<FoundDevice, Elsewhere>()}, "Measurement system"},
-             // The first factory that knows a connection point wins.
-             {{finds<FoundDevice, Elsewhere>(), finds<FoundDevice, At<20>>(), finds<SecondDevice, At<10>>(),
-               finds<FoundDevice, At<10>>()}, "Measurement system\n+SecondDevice\n+FoundDevice"},
-             {{finds<FoundDevice, Left>(), finds<SecondDevice, Right>(), finds<FoundDevice, At<10>>()},
-              "Measurement system\n+FoundDevice\n+Device Group\n++FoundDevice\n++SecondDevice"},
-             {{finds<SecondDevice, Right>()}, "Measurement system\n+SecondDevice"},
-             {{finds<FoundDevice, At<10>>(), finds<RootDevice, At<20>>()}, "Own root\n+FoundDevice"}}) {
+    for (const auto& [factories, tree] :
+         {std::pair{Factories{finds<FoundDevice, Elsewhere>()}, "Measurement system"},
+          // The first factory that knows a connection point wins.
+          {{finds<FoundDevice, Elsewhere>(), finds<FoundDevice, At<20>>(), finds<SecondDevice, At<10>>(),
+            finds<FoundDevice, At<10>>()},
+           "Measurement system\n+SecondDevice\n+FoundDevice"},
+          {{finds<FoundDevice, Left>(), finds<SecondDevice, Right>(), finds<FoundDevice, At<10>>()},
+           "Measurement system\n+FoundDevice\n+Device Group\n++FoundDevice\n++SecondDevice"},
+          {{finds<SecondDevice, Right>()}, "Measurement system\n+SecondDevice"},
+          {{finds<FoundDevice, At<10>>(), finds<RootDevice, At<20>>()}, "Own root\n+FoundDevice"}}) {
         DaqFactory factory;
         factory.deviceFactories.assign(factories.begin(), factories.end());
         EXPECT_EQ(factory.createSystemDevice(interfaces)->toString(), tree);
@@ -83,9 +84,9 @@ namespace {
 class Widget : public Device {};
 namespace other {
 class Widget : public Device {};
-}
+}  // namespace other
 
-}
+}  // namespace
 
 TEST(DaqObjectFactoryManager, RegistersEachClassAndNameOnceInOrder) {
     static DaqObjectFactory<Widget, DaqObjectFactoryType::Device> first;

@@ -9,7 +9,7 @@ using namespace Harvane::RT::Modules::Daq;
 
 namespace {
 
-/// Runs at whole fractions of its clock only and knows nothing below 10 Hz, like the instrument's analog part.
+// Runs at whole fractions of its clock only and knows nothing below 10 Hz, like the instrument's analog part.
 class FractionDevice : public DaqDevice {
 public:
     explicit FractionDevice(int clock) : clock(clock) {
@@ -34,30 +34,44 @@ std::shared_ptr<DaqDevice> rangeDevice(int minRate, int maxRate) {
     return device;
 }
 
-}
+}  // namespace
 
 TEST(DeviceRate, ClampsToItsOwnAndItsChildrensLimits) {
     auto parent = rangeDevice(100, 5000);
     parent->push_back(rangeDevice(0, 2000));
-    for (const auto& [request, rate] : {std::pair{50, 100}, {100, 100}, {1500, 1500}, {2500, 2000}, {99999, 2000},
-                                        {0, 100}, {-7, 100}}) {
+    for (const auto& [request, rate] :
+         {std::pair{50, 100}, {100, 100}, {1500, 1500}, {2500, 2000}, {99999, 2000}, {0, 100}, {-7, 100}}) {
         EXPECT_EQ(parent->checkRate(request), rate) << request;
     }
 }
 
 TEST(DeviceRate, DividedRateIsAWholeFractionOfTheBase) {
-    for (const auto& [minRate, maxRate, base, requested, rate] : {
-             std::tuple{100, 5000, 1000, 10, 100}, {2000, 5000, 1000, 10, 2000}, {1, 500, 1000, 1000, 500},
-             // Many dividers in a row give a quotient that is no divisor.
-             {100, 5000, 15000, 128, 125}, {100, 5000, 3600, 999, 900}, {100, 5000, 46875, 4000, 3125},
-             {1, 15000, 15000, 11, 10}, {1, 15000, 3600, 7, 6}, {1, 5000, 17, 10, 1}, {1, 5000, 96, 5, 4},
-             // Divisors below the minimum are clamped away: no divider at all.
-             {100, 5000, 125, 110, -1}, {100, 5000, 150, 110, -1}, {100, 5000, 46875, 110, -1},
-             // Nothing to divide by.
-             {0, 5000, 1000, 0, -1}, {0, 5000, 0, 0, -1}, {-5, 5000, 1000, -5, -1}, {0, 5000, 0, 7, 7},
-             {0, Device::noMaxRate, 2147483647, 2147483647, 2147483647},
-             // The last divider isn't tried, so 1 Hz of 1 Hz has none.
-             {0, 5000, 1, 1, -1}, {0, 5000, 2, 1, -1}, {0, 5000, 3, 1, -1}}) {
+    for (const auto& [minRate, maxRate, base, requested, rate] :
+         {std::tuple{100, 5000, 1000, 10, 100},
+          {2000, 5000, 1000, 10, 2000},
+          {1, 500, 1000, 1000, 500},
+          // Many dividers in a row give a quotient that is no divisor.
+          {100, 5000, 15000, 128, 125},
+          {100, 5000, 3600, 999, 900},
+          {100, 5000, 46875, 4000, 3125},
+          {1, 15000, 15000, 11, 10},
+          {1, 15000, 3600, 7, 6},
+          {1, 5000, 17, 10, 1},
+          {1, 5000, 96, 5, 4},
+          // Divisors below the minimum are clamped away: no divider at all.
+          {100, 5000, 125, 110, -1},
+          {100, 5000, 150, 110, -1},
+          {100, 5000, 46875, 110, -1},
+          // Nothing to divide by.
+          {0, 5000, 1000, 0, -1},
+          {0, 5000, 0, 0, -1},
+          {-5, 5000, 1000, -5, -1},
+          {0, 5000, 0, 7, 7},
+          {0, Device::noMaxRate, 2147483647, 2147483647, 2147483647},
+          // The last divider isn't tried, so 1 Hz of 1 Hz has none.
+          {0, 5000, 1, 1, -1},
+          {0, 5000, 2, 1, -1},
+          {0, 5000, 3, 1, -1}}) {
         EXPECT_EQ(rangeDevice(minRate, maxRate)->checkRate(base, requested), rate) << base << " " << requested;
     }
 }
@@ -145,17 +159,21 @@ TEST(ControllerRate, LimitsAndFastestOfTheDevicesWithARate) {
 TEST(ControllerRate, NearestRateThatAllDevicesCanRunAt) {
     const auto fractions = [](int clock) { return std::make_shared<FractionDevice>(clock); };
     using Devices = std::vector<std::shared_ptr<DaqDevice>>;
-    for (const auto& [devices, request, rate] : {
-             std::tuple{Devices{std::make_shared<DaqDevice>()}, 1000, 10}, {{std::make_shared<DaqDevice>()}, 0, 1},
-             {{rangeDevice(100, 500)}, 1000, 500}, {{rangeDevice(100, 500)}, 7, 100},
-             {{rangeDevice(100, 500)}, 333, 333}, {{fractions(15000000)}, 48000, 46875},
-             {{fractions(15000000)}, 20000000, 15000000}, {{fractions(15000000)}, 7, 10},
-             // 46875 divides only the first clock; the second device runs at a third of it.
-             {{fractions(15000000), fractions(10000000)}, 48000, 46875},
-             // 16 Hz suits the first clock only: the walk goes on to the next rate below.
-             {{fractions(48), fractions(36)}, 17, 12},
-             // 7 Hz divides no rate of the faster device: the search ends with that one's own rate.
-             {{fractions(15000000), rangeDevice(7, 7)}, 1000, 1000}}) {
+    for (const auto& [devices, request, rate] :
+         {std::tuple{Devices{std::make_shared<DaqDevice>()}, 1000, 10},
+          {{std::make_shared<DaqDevice>()}, 0, 1},
+          {{rangeDevice(100, 500)}, 1000, 500},
+          {{rangeDevice(100, 500)}, 7, 100},
+          {{rangeDevice(100, 500)}, 333, 333},
+          {{fractions(15000000)}, 48000, 46875},
+          {{fractions(15000000)}, 20000000, 15000000},
+          {{fractions(15000000)}, 7, 10},
+          // 46875 divides only the first clock; the second device runs at a third of it.
+          {{fractions(15000000), fractions(10000000)}, 48000, 46875},
+          // 16 Hz suits the first clock only: the walk goes on to the next rate below.
+          {{fractions(48), fractions(36)}, 17, 12},
+          // 7 Hz divides no rate of the faster device: the search ends with that one's own rate.
+          {{fractions(15000000), rangeDevice(7, 7)}, 1000, 1000}}) {
         DaqController controller;
         controller.daqDevices.assign(devices.begin(), devices.end());
         EXPECT_EQ(controller.checkSampleRate(request), rate) << request;

@@ -20,7 +20,7 @@ using Calls = std::vector<std::tuple<int, unsigned long, int>>;  // id, length, 
 
 constexpr auto failed = static_cast<unsigned long>(-1);
 
-/// A receiver thread with reads of these sizes, of a stream that counts up from 0; the read after the last times out.
+// A receiver thread with reads of these sizes, of a stream that counts up from 0; the read after the last times out.
 class Receiver {
 public:
     explicit Receiver(const Sizes& sizes) : reads(sizes) {
@@ -54,7 +54,7 @@ public:
     int lost = 0, timeouts = 0, errors = 0;
 };
 
-}
+}  // namespace
 
 TEST(SyncDataReceiverThread, KeepsTheStreamBehindItsHeadUpToTheFirstLoss) {
     struct Case {
@@ -133,7 +133,7 @@ TEST(SyncDataReceiverThread, WhatAReadBringsAfterTheStopIsDropped) {
 
 namespace {
 
-/// Takes its time before it is ready to read.
+// Takes its time before it is ready to read.
 class SlowReceiver : public DataReceiverThread {
 public:
     ~SlowReceiver() override { stop(); }
@@ -145,7 +145,7 @@ public:
     std::atomic<bool> ready{false};
 };
 
-/// Has four bytes ready at any time.
+// Has four bytes ready at any time.
 class EndlessPoint : public FixedConnectionPoint {
 public:
     EndlessPoint() : FixedConnectionPoint("endless", std::make_shared<FixedInterfaceHelper>()) {}
@@ -156,7 +156,7 @@ public:
     }
 };
 
-/// A part with so many channels of 4 bytes at 1000 Hz and a receiver thread.
+// A part with so many channels of 4 bytes at 1000 Hz and a receiver thread.
 struct SubTree {
     explicit SubTree(int channelCount) {
         device->connectionPoint = std::make_shared<EndlessPoint>();
@@ -172,7 +172,7 @@ struct SubTree {
     std::shared_ptr<SubDevice> part = std::make_shared<SubDevice>();
 };
 
-}
+}  // namespace
 
 TEST(DataReceiverThread, EachStartWaitsUntilTheThreadIsReady) {
     SlowReceiver slow;

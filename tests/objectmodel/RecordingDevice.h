@@ -18,7 +18,7 @@ namespace recording {
 using namespace Harvane::RT::Modules::Daq;
 using Steps = std::vector<std::string>;
 
-/// Base is any device class that can be made without arguments.
+// Base is any device class that can be made without arguments.
 template <class Base>
 class Recorded : public Base {
 public:
@@ -99,4 +99,4 @@ inline std::shared_ptr<Channel> syncChannel(Device& device) {
     return channel;
 }
 
-}
+}  // namespace recording

@@ -88,7 +88,7 @@ public:
     std::tuple<std::string, int, unsigned long, const void*, unsigned long, int> seen;
 };
 
-}
+}  // namespace
 
 TEST(ProtocolStack, CommandsOfTheLowestLayerReachTheConnectionPoint) {
     auto helper = std::make_shared<SpyHelper>();
@@ -155,7 +155,7 @@ TEST(Device, ListsOwnBeforeChildrenAndPassesOverOtherElements) {
 
 namespace {
 
-/// parent -> child, each with one channel.
+// parent -> child, each with one channel.
 template <class Base>
 class Walk {
 public:
@@ -173,15 +173,15 @@ public:
     std::shared_ptr<Recorded<Device>> child;
 };
 
-}
+}  // namespace
 
 TEST(Device, ChannelsComeFirstOnTheWayInAndLastOnTheWayOut) {
     Walk<Device> walk;
     walk.parent->prepareAcquisition(true);
     EXPECT_EQ(walk.take(), (Steps{"p.prepare(true)", "pc.prepare", "c.prepare(true)", "cc.prepare"}));
     walk.parent->initializeAcquisition(true);
-    EXPECT_EQ(walk.take(), (Steps{"p.initialize(true)", "pc.initialize active", "c.initialize(true)",
-                                  "cc.initialize active"}));
+    EXPECT_EQ(walk.take(),
+              (Steps{"p.initialize(true)", "pc.initialize active", "c.initialize(true)", "cc.initialize active"}));
     walk.parent->acquireData();
     EXPECT_EQ(walk.take(), (Steps{"p.acquire", "pc.before", "c.acquire", "cc.before", "cc.after", "pc.after"}));
     walk.parent->finalizeAcquisition(true);
@@ -196,14 +196,14 @@ TEST(Device, StepsThatReachTheChildrenWithoutRecursion) {
     device.parent->stopAcquisition(false);
     device.parent->setUsedChannels(false);
     device.parent->finalizeAcquisition(false);
-    EXPECT_EQ(device.take(), (Steps{"p.prepare(false)", "pc.prepare", "p.initialize(false)", "pc.initialize active",
-                                    "p.start(false)", "p.stop(false)", "p.used(false)", "p.finalize(false)",
-                                    "pc.finalize"}));
+    EXPECT_EQ(device.take(),
+              (Steps{"p.prepare(false)", "pc.prepare", "p.initialize(false)", "pc.initialize active", "p.start(false)",
+                     "p.stop(false)", "p.used(false)", "p.finalize(false)", "pc.finalize"}));
     Walk<DaqDevice> daqDevice;
     daqDevice.parent->stopAcquisition(false);
     daqDevice.parent->finalizeAcquisition(false);
-    EXPECT_EQ(daqDevice.take(), (Steps{"p.stop(false)", "p.finalize(false)", "c.finalize(true)", "cc.finalize",
-                                       "pc.finalize"}));
+    EXPECT_EQ(daqDevice.take(),
+              (Steps{"p.stop(false)", "p.finalize(false)", "c.finalize(true)", "cc.finalize", "pc.finalize"}));
     Walk<SubDevice> subDevice;
     subDevice.parent->startAcquisition(false);
     subDevice.parent->stopAcquisition(false);
@@ -217,7 +217,7 @@ namespace {
 class PlainCan : public CANDevice {};
 class PlainStatus : public StatusDevice {};
 
-/// Has every part, and each part's creation sees the parts before it.
+// Has every part, and each part's creation sees the parts before it.
 class FullDevice : public DaqDevice {
 public:
     std::shared_ptr<DaqTiming> createDaqTiming() override { return make<recording::PlainTiming>(daqClock); }
@@ -236,7 +236,7 @@ private:
     }
 };
 
-}
+}  // namespace
 
 TEST(DaqDevice, MakesItsPartsInOrderAndTheyDieWithTheRoot) {
     auto root = std::make_shared<SystemDevice>();

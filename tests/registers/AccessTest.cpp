@@ -31,8 +31,9 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     const unsigned long argument = va_arg(arguments, unsigned long);
     va_end(arguments);
-    if (request != selectSlave)
+    if (request != selectSlave) {
         return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
+    }
     selectedSlaves.push_back(argument);
     errno = EBUSY;
     return busAnswers ? 0 : -1;
@@ -84,8 +85,9 @@ void expectFree(IRegisterAccess& access) {
     bool locked = false;
     std::thread other([&] {
         locked = access.getSync().try_lock();
-        if (locked)
+        if (locked) {
             access.getSync().unlock();
+        }
     });
     other.join();
     EXPECT_TRUE(locked);

@@ -28,8 +28,9 @@ public:
     }
 
     void read(uint64_t address, uint64_t offset, unsigned char* data, size_t size) override {
-        if (beforeRead)
+        if (beforeRead) {
             beforeRead(address + offset);
+        }
         accesses.push_back({false, address + offset, size});
         const std::vector<unsigned char> bytes = cell(address + offset, size);
         std::memcpy(data, bytes.data(), size);
@@ -50,13 +51,15 @@ public:
 
     // Consecutive addresses with one byte each.
     void setBytes(uint64_t address, const std::vector<unsigned char>& bytes) {
-        for (const unsigned char byte : bytes)
+        for (const unsigned char byte : bytes) {
             cells_[address++] = {byte};
+        }
     }
     std::vector<unsigned char> bytes(uint64_t address, size_t count) const {
         std::vector<unsigned char> result;
-        for (; result.size() < count; ++address)
+        for (; result.size() < count; ++address) {
             result.push_back(cell(address, 1)[0]);
+        }
         return result;
     }
 

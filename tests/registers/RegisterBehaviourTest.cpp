@@ -31,9 +31,11 @@ TEST(PllControl, staysPatientForFiveWaitsOnEachSide) {
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(500));
     EXPECT_EQ(access->stores, (std::vector<FakeAccess::Store>{{pllWord, 0xFFFFFF13}}));
     Strings expected;
-    for (int side = 0; side < 2; ++side)
-        for (int remaining = 4; remaining >= 0; --remaining)
+    for (int side = 0; side < 2; ++side) {
+        for (int remaining = 4; remaining >= 0; --remaining) {
             expected.push_back("4 Waiting for idle PLL (Remaining retry: " + std::to_string(remaining) + ")");
+        }
+    }
     expected.push_back("2 PLL set: control: 3, pll0LockStatus: true, pll1LockStatus: true");
     EXPECT_EQ(log.lines(), expected);
 }
@@ -65,9 +67,8 @@ TEST(Tmp100, temperatureOfTheSensorsWord) {
         unsigned int word;  // first byte on the bus high
         float celsius;
     } const cases[] = {
-        {0x0000, 0.0f},  {0x0010, 0.0625f},  {0x7FF0, 127.9375f}, {0xFF00, -1.0f}, {0xFFF0, -0.0625f},
-        {0xC900, -55.0f}, {0x8010, -127.9375f},
-        {0x8000, 128.0f},  // beyond the sensor; stays as it is
+        {0x0000, 0.0f},   {0x0010, 0.0625f},    {0x7FF0, 127.9375f}, {0xFF00, -1.0f}, {0xFFF0, -0.0625f},
+        {0xC900, -55.0f}, {0x8010, -127.9375f}, {0x8000, 128.0f},  // beyond the sensor; stays as it is
     };
     const auto access = std::make_shared<FakeAccess>();
     Tmp100Register sensor(access, 0x48, true, true);

@@ -38,14 +38,17 @@ Lines linesOf(const std::vector<IRegisterValue*>& fields, uint64_t wordBits) {
         const uint64_t last = field->getBit() + field->getBits() - 1;
         const uint64_t end = (last / wordBits + 1) * wordBits - 1;
         std::string text = field->getName() + " " + std::to_string(end - field->getBit());
-        if (field->getBits() > 1)
+        if (field->getBits() > 1) {
             text += ".." + std::to_string(end - last);
-        if (field->getReadOnly())
+        }
+        if (field->getReadOnly()) {
             text = "(" + text + ")";
-        if (previous && previous->getAddress() == field->getAddress())
+        }
+        if (previous && previous->getAddress() == field->getAddress()) {
             lines.back() += ", " + text;
-        else
+        } else {
             lines.push_back(StringHelper::format("%03lX: ", field->getAddress()) + text);
+        }
         previous = field;
 
         // The smallest type that holds the field, and a Boolean for a single bit.
@@ -186,9 +189,9 @@ TEST(RegisterMap, boardPeripherals) {
     VcxoDriverRegister vcxo(noAccess, 0x58, true);
     EXPECT_FALSE(vcxo.getIsRegisterValueType());
     EXPECT_EQ(linesOf(vcxo.getRegisters(), 8), (Lines{
-        "010: R16_X0_BY1RES 7..2, R16_XO_BY1 1..0",
-        "011: R17_XO_BY0 7..0",
-    }));
+                                                   "010: R16_X0_BY1RES 7..2, R16_XO_BY1 1..0",
+                                                   "011: R17_XO_BY0 7..0",
+                                               }));
 
     Tmp100Register tmp100(noAccess, 0x48, true, true);
     EXPECT_EQ(linesOf(tmp100.getRegisters(), 16), (Lines{"000: (Temp 15..0)", "001: Config 15..8"}));

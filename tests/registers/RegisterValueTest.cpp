@@ -96,7 +96,7 @@ TEST_F(WordField, constructionIsRefusedInTheOrderOfTheChecks) {
         uint64_t bits;
         bool overlaps;
     } const cases[] = {
-        {4, 8, 8, true},  {4, 15, 8, true}, {4, 1, 8, true},  {4, 4, 16, true}, {4, 10, 2, true},
+        {4, 8, 8, true},   {4, 15, 8, true}, {4, 1, 8, true},  {4, 4, 16, true}, {4, 10, 2, true},
         {4, 16, 8, false}, {4, 0, 8, false}, {0, 8, 8, false}, {8, 8, 8, false},
     };
     for (const auto& entry : cases) {
@@ -116,9 +116,10 @@ TEST_F(WordField, textNamesPlaceAndValue) {
     RegisterValue<unsigned int> named(&block, 0x14, 3, 29, "FQREG", true);
     RegisterValue<bool> unnamed(&block, 0x14, 0, 1, "", true);
     access->setWord(0x114, 0x8000ABCD);
-    EXPECT_EQ(block.toString(), "Registers\n"
-                                "Address: 0x00000014; Bit: 3; Value: 0x0000ABCD; Name: FQREG\n"
-                                "Address: 0x00000014; Bit: 0; Value: 0x00000001\n");
+    EXPECT_EQ(block.toString(),
+              "Registers\n"
+              "Address: 0x00000014; Bit: 3; Value: 0x0000ABCD; Name: FQREG\n"
+              "Address: 0x00000014; Bit: 0; Value: 0x00000001\n");
 }
 
 TEST_F(ByteField, severalBytesComeMostSignificantFirstFromConsecutiveAddresses) {
@@ -132,8 +133,9 @@ TEST_F(ByteField, severalBytesComeMostSignificantFirstFromConsecutiveAddresses) 
     EXPECT_TRUE(serial.whole());
     EXPECT_EQ(serial.read(), 0x010203040506072Aul);
     Accesses eight;
-    for (uint64_t address = 0x104; address < 0x10C; ++address)
+    for (uint64_t address = 0x104; address < 0x10C; ++address) {
         eight.push_back({false, address, 1});
+    }
     EXPECT_EQ(access->accesses, eight);
 
     access->accesses.clear();
@@ -187,7 +189,7 @@ TEST(Endianness, swapsSoManyBytesOfAnAccess) {
         size_t size;
         size_t swapped;
     } const cases[] = {
-        {true, false, 8, 2}, {true, false, 2, 2}, {true, true, 2, 2}, {true, true, 3, 0},
+        {true, false, 8, 2}, {true, false, 2, 2}, {true, true, 2, 2},  {true, true, 3, 0},
         {true, true, 4, 4},  {true, true, 8, 8},  {false, true, 8, 0},
     };
     for (const auto& entry : cases) {

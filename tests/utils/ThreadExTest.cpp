@@ -24,16 +24,18 @@ private:
 };
 
 void runUntilTerminated(FunctionThread& thread) {
-    while (!thread.getTerminated())
+    while (!thread.getTerminated()) {
         std::this_thread::yield();
+    }
 }
 
 class Collector : public ThreadExceptionAdapter {
 public:
     void handleException(const std::string& text) override {
         texts.push_back(text);
-        if (failItself)
+        if (failItself) {
             throw std::runtime_error("adapter");
+        }
     }
     std::vector<std::string> texts;  // read after the join
     bool failItself = false;
@@ -74,8 +76,9 @@ TEST(ThreadEx, secondStartIsRefusedUntilTheThreadIsJoined) {
     EXPECT_FALSE(thread.getFinished());
     EXPECT_FALSE(thread.getTerminated());
     thread.terminate();
-    while (!thread.getFinished())
+    while (!thread.getFinished()) {
         std::this_thread::yield();
+    }
     EXPECT_TRUE(thread.getStarted());
     EXPECT_EQ(refusal(), "Thread is already started.");
     thread.waitFor();

@@ -81,8 +81,9 @@ TEST(TimerThread, fixedRateCountsFromTheDeadlineAndCatchesUp) {
     size_t atOnce = 0;
     for (size_t n = 0; n < spans.size(); ++n) {
         EXPECT_GE(spans[n].begin - started, period * (n + 1));
-        if (n > 0 && spans[n].begin - spans[n - 1].end < period)
+        if (n > 0 && spans[n].begin - spans[n - 1].end < period) {
             ++atOnce;
+        }
     }
     EXPECT_GT(atOnce, 0u) << "each call waited a whole period after the end of the one before";
 }
@@ -118,11 +119,13 @@ TEST(TimerThread, countStartsAtZeroWithEveryStart) {
 
 // A notification that is lost between the test of the flag and the wait would cost an hour here.
 TEST(TimerThread, stopWakesAWaitingTimerWhateverItWasDoing) {
-    TimerThread timer(oneHourMs, [] {}, -1, TimerMode::FromCallbackEnd);
+    TimerThread timer(
+        oneHourMs, [] {}, -1, TimerMode::FromCallbackEnd);
     for (int n = 0; n < 300; ++n) {
         timer.start();
-        for (int spin = 0; spin < n; ++spin)
+        for (int spin = 0; spin < n; ++spin) {
             std::this_thread::yield();
+        }
         timer.stop();
         EXPECT_EQ(timer.getNoOfCallbacks(), 0u);
     }
@@ -158,8 +161,9 @@ TEST(TimerThread, exceptionOfACallbackIsReportedAndTheTimerGoesOn) {
         [&, next = calls.callback()] {
             const int run = runs++;
             next();
-            if (run < 2)
+            if (run < 2) {
                 throw std::runtime_error("reading " + std::to_string(run));
+            }
         },
         -1, TimerMode::FromCallbackEnd);
     timer.setExceptionAdapter(&collector);

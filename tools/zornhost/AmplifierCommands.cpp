@@ -33,7 +33,9 @@ std::string parentOf(const std::string& path) {
     return slash == std::string::npos ? std::string() : path.substr(0, slash);
 }
 
-bool endsWithPath(const std::string& path, const std::string& end) { return path == end || path.ends_with("/" + end); }
+bool endsWithPath(const std::string& path, const std::string& end) {
+    return path == end || path.ends_with("/" + end);
+}
 
 bool hasHardware(const ChannelPtr<>& channel) {
     return !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
@@ -42,8 +44,9 @@ bool hasHardware(const ChannelPtr<>& channel) {
 // A function or procedure that the module has filled; empty when the definition only declares it or doesn't know it.
 template <class I>
 ObjectPtr<I> slot(const ChannelPtr<>& channel, const char* name) {
-    if (!channel.hasProperty(name))
+    if (!channel.hasProperty(name)) {
         return {};
+    }
     const BasePtr value = readProperty(channel.asPtr<IPropertyObject>(), name);
     zornClearErrorInfo();
     return value ? value.asPtrOrNull<I>() : ObjectPtr<I>();
@@ -68,12 +71,14 @@ std::string settingText(const PropertyInfoPtr& info, const BasePtr& value) {
     if (value && info.isSelection()) {
         const ListPtr choices = info.getValuesAsList();
         const auto index = fromValue<int64_t>(value);
-        if (index >= 0 && static_cast<size_t>(index) < choices.getCount())
+        if (index >= 0 && static_cast<size_t>(index) < choices.getCount()) {
             return withUnit(valueText(choices.getItemAt(static_cast<size_t>(index))), unitText(info));
+        }
         return fmt::format("choice {}, which is not in the list", index);
     }
-    if (value && info.getValueType() == CoreType::Bool)
+    if (value && info.getValueType() == CoreType::Bool) {
         return fromValue<bool>(value) ? "on" : "off";
+    }
     return value ? withUnit(valueText(value), unitText(info)) : "-";
 }
 
@@ -87,19 +92,22 @@ struct Setting {
 std::vector<Setting> settingsOf(const ChannelPtr<>& channel) {
     std::vector<Setting> settings;
     const auto objectClass = PropertyObjectManagerPtr::create().findClass(channel.getClassName());
-    if (!objectClass)
+    if (!objectClass) {
         return settings;
+    }
     IList* raw = nullptr;
     checkErrorInfo(objectClass->enumProperties(PropertyOrder::Index, &raw));
     const ListPtr infos(ObjectPtr<IList>::take(raw));
     for (size_t i = 0, n = infos.getCount(); i < n; ++i) {
         const PropertyInfoPtr declared(infos.getItemAt(i).asPtr<IPropertyInfo>());
         const std::string name = declared.getName().toStdString();
-        if (declared.isHidden() || name == "AmplifierID" || name == "ModuleName")
+        if (declared.isHidden() || name == "AmplifierID" || name == "ModuleName") {
             continue;
+        }
         const PropertyInfoPtr info = channel.getPropertyInfo(name);
-        if (callable(info) || !visible(channel.getPropertyInfo(name)))
+        if (callable(info) || !visible(channel.getPropertyInfo(name))) {
             continue;
+        }
         const BasePtr readOnly = info.getReadOnly();
         settings.push_back({name, info, readOnly && fromValue<bool>(readOnly)});
     }
@@ -109,27 +117,32 @@ std::vector<Setting> settingsOf(const ChannelPtr<>& channel) {
 std::string choicesText(const PropertyInfoPtr& info) {
     const ListPtr choices = info.getValuesAsList();
     std::string text;
-    for (size_t i = 0, n = choices.getCount(); i < n; ++i)
+    for (size_t i = 0, n = choices.getCount(); i < n; ++i) {
         text += (i == 0 ? "" : ", ") + valueText(choices.getItemAt(i));
+    }
     const BasePtr low = info.getMinValue();
     const BasePtr high = info.getMaxValue();
-    if (low || high)
+    if (low || high) {
         text += fmt::format("{}{} to {}", text.empty() ? "" : "; ", valueText(low), valueText(high));
+    }
     return text;
 }
 
 void update(const ChannelPtr<>& channel, bool adjustFilter) {
     const auto procedure = slot<IProcObject>(channel, updateName);
-    if (!procedure)
+    if (!procedure) {
         throw std::runtime_error("the module has given the channel no way to set its amplifier");
+    }
     checkErrorInfo(procedure->dispatch(toValue(adjustFilter).get()));
 }
 
 std::vector<ChannelEntry> channelsOfModule(const HostTree& tree, const ChannelEntry& amplifier) {
     std::vector<ChannelEntry> channels;
-    for (const auto& entry : tree.channels())
-        if (parentOf(entry.path) == parentOf(amplifier.path))
+    for (const auto& entry : tree.channels()) {
+        if (parentOf(entry.path) == parentOf(amplifier.path)) {
             channels.push_back(entry);
+        }
+    }
     return channels;
 }
 
@@ -137,20 +150,22 @@ std::vector<ChannelEntry> channelsOfModule(const HostTree& tree, const ChannelEn
 class Acquisition {
 public:
     Acquisition(Session& session, const std::vector<ChannelEntry>& channels) : session_(session) {
-        for (const auto& entry : session.tree().channels())
+        for (const auto& entry : session.tree().channels()) {
             entry.channel.setUsed(std::any_of(channels.begin(), channels.end(), [&](const ChannelEntry& wanted) {
                 return wanted.path == entry.path && hasHardware(wanted.channel);
             }));
+        }
         session.prepare();
         session.start();
     }
     ~Acquisition() {
-        if (running_)
+        if (running_) {
             try {
                 session_.stop();
             } catch (const std::exception& failure) {
                 writeError(fmt::format("zornhost: {}\n", failure.what()));
             }
+        }
     }
     Acquisition(const Acquisition&) = delete;
     Acquisition& operator=(const Acquisition&) = delete;
@@ -169,16 +184,18 @@ template <class Condition>
 bool waitFor(double timeoutS, Condition&& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
     while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end || Interrupt::sleepMs(10))
+        if (std::chrono::steady_clock::now() >= end || Interrupt::sleepMs(10)) {
             return condition();
+        }
     }
     return true;
 }
 
 std::string hexText(const std::vector<int>& bytes) {
     std::string text;
-    for (const int byte : bytes)
+    for (const int byte : bytes) {
         text += fmt::format("{}{:02X}", text.empty() ? "" : " ", byte);
+    }
     return text;
 }
 
@@ -186,20 +203,24 @@ std::string hexText(const std::vector<int>& bytes) {
 std::pair<int64_t, std::vector<int>> answerOf(const BasePtr& answer) {
     const ListPtr list(answer.asPtr<IList>());
     const size_t count = list.getCount();
-    if (count == 0)
+    if (count == 0) {
         throw std::runtime_error("the module answered nothing");
+    }
     std::vector<int> bytes;
-    for (size_t i = 1; i < count; ++i)
+    for (size_t i = 1; i < count; ++i) {
         bytes.push_back(static_cast<int>(fromValue<int64_t>(list.getItemAt(i))));
+    }
     return {fromValue<int64_t>(list.getItemAt(0)), bytes};
 }
 
 // Check byte of a sensor's identification: x^8 + x^5 + x^4 + 1, the lowest bit first (1-Wire ROM code).
 bool romIsSound(const std::vector<int>& rom) {
     int check = 0;
-    for (int byte : rom)
-        for (int bit = 0; bit < 8; ++bit, byte >>= 1)
+    for (int byte : rom) {
+        for (int bit = 0; bit < 8; ++bit, byte >>= 1) {
             check = (check >> 1) ^ (((check ^ byte) & 1) != 0 ? 0x8C : 0);
+        }
+    }
     return check == 0;
 }
 
@@ -209,22 +230,27 @@ bool romIsSound(const std::vector<int>& rom) {
 }
 
 void printAnswer(Output& output, bool json, const Json& report, const std::vector<std::vector<std::string>>& rows) {
-    if (json)
+    if (json) {
         output.line(report.dump(2));
-    else
+    } else {
         output.data(formatTable(rows));
+    }
 }
 
 Json settingJson(const Setting& setting, const BasePtr& value) {
     Json item{{"name", setting.name}, {"value", toJson(value)}, {"text", settingText(setting.info, value)}};
-    if (const ListPtr choices = setting.info.getValuesAsList(); choices.getCount() > 0)
+    if (const ListPtr choices = setting.info.getValuesAsList(); choices.getCount() > 0) {
         item["choices"] = toJson(asBase(choices));
-    if (const std::string unit = unitText(setting.info); !unit.empty())
+    }
+    if (const std::string unit = unitText(setting.info); !unit.empty()) {
         item["unit"] = unit;
-    if (const BasePtr low = setting.info.getMinValue())
+    }
+    if (const BasePtr low = setting.info.getMinValue()) {
         item["min"] = toJson(low);
-    if (const BasePtr high = setting.info.getMaxValue())
+    }
+    if (const BasePtr high = setting.info.getMaxValue()) {
         item["max"] = toJson(high);
+    }
     item["readOnly"] = setting.readOnly;
     return item;
 }
@@ -233,31 +259,38 @@ Json settingJson(const Setting& setting, const BasePtr& value) {
 
 ChannelEntry amplifierChannel(const HostTree& tree, const std::string& path) {
     std::string wanted = path;
-    while (!wanted.empty() && wanted.back() == '/')
+    while (!wanted.empty() && wanted.back() == '/') {
         wanted.pop_back();
+    }
     const auto channels = tree.channels();
     std::vector<std::string> modules;  // folders that fit
     std::string all;
     for (const auto& entry : channels) {
         const std::string folder = parentOf(entry.path);
         const bool fits = endsWithPath(entry.path, wanted) || endsWithPath(folder, wanted);
-        if (fits && std::find(modules.begin(), modules.end(), folder) == modules.end())
+        if (fits && std::find(modules.begin(), modules.end(), folder) == modules.end()) {
             modules.push_back(folder);
+        }
         const std::string name = "\"" + folder.substr(folder.rfind('/') + 1) + "\"";
-        if (entry.channel.hasProperty(updateName) && all.find(name) == std::string::npos)
+        if (entry.channel.hasProperty(updateName) && all.find(name) == std::string::npos) {
             all += (all.empty() ? "" : ", ") + name;
+        }
     }
-    if (modules.empty())
+    if (modules.empty()) {
         throw UnknownName(
             fmt::format("there is no channel or module \"{}\"; modules are {}", path, all.empty() ? "none" : all));
-    if (modules.size() > 1)
+    }
+    if (modules.size() > 1) {
         throw UnknownName(fmt::format("\"{}\" is not clear: it may be \"{}\" or \"{}\"", path, modules[0], modules[1]));
+    }
     // Of the channels that share an amplifier the first one shows it.
     for (const auto& entry : channels) {
-        if (parentOf(entry.path) != modules[0] || !entry.channel.hasProperty(updateName))
+        if (parentOf(entry.path) != modules[0] || !entry.channel.hasProperty(updateName)) {
             continue;
-        if (!hasHardware(entry.channel))
+        }
+        if (!hasHardware(entry.channel)) {
             throw std::runtime_error(fmt::format("\"{}\" has no amplifier", modules[0]));
+        }
         return entry;
     }
     throw std::runtime_error(fmt::format("the channels of \"{}\" have no amplifier", modules[0]));
@@ -332,8 +365,9 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
     const auto entry = amplifierChannel(session.tree(), path);
     const auto node = entry.channel.asPtr<IPropertyObject>();
     const GenericPropertyObjectPtr object(node);
-    if (settings.empty() || settings.size() % 2 != 0)
+    if (settings.empty() || settings.size() % 2 != 0) {
         throw std::runtime_error("write NAME VALUE, as often as there is something to set");
+    }
     session.takeAmplifierFailures();
 
     struct Wish {
@@ -352,8 +386,9 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
             std::find_if(offered.begin(), offered.end(), [&](const Setting& setting) { return setting.name == name; });
         if (found == offered.end()) {
             std::string names;
-            for (const auto& setting : offered)
+            for (const auto& setting : offered) {
                 names += (names.empty() ? "" : ", ") + setting.name;
+            }
             throw UnknownName(
                 object.hasProperty(name) && object.getPropertyInfo(name).isHidden() == false &&
                         !callable(object.getPropertyInfo(name)) && !visible(object.getPropertyInfo(name))
@@ -385,13 +420,16 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
     }
     report["taken"] = taken;
     report["failures"] = failures;
-    if (json)
+    if (json) {
         output.line(report.dump(2));
-    else
-        for (const auto& line : lines)
+    } else {
+        for (const auto& line : lines) {
             output.line(line);
-    for (const auto& failure : failures)
+        }
+    }
+    for (const auto& failure : failures) {
         output.message(fmt::format("zornhost: the amplifier did not take all: {}", failure));
+    }
     return taken ? 0 : 1;
 }
 
@@ -401,12 +439,14 @@ int balanceAmplifier(Session& session, Output& output, bool json, const std::str
     const auto start = slot<IProcObject>(channel, "StartSensorBalance");
     const auto running = slot<IFuncObject>(channel, "GetSensorBalanceStatus");
     const auto forget = slot<IProcObject>(channel, "ResetSensorBalance");
-    if (!start || !running || !forget)
+    if (!start || !running || !forget) {
         refuseFunction(entry, "balance");
-    if (!visible(channel.getPropertyInfo("StartSensorBalance")))
+    }
+    if (!visible(channel.getPropertyInfo("StartSensorBalance"))) {
         throw std::runtime_error(fmt::format(
             "\"{}\": there is nothing to balance in the measurement {}", entry.label,
             settingText(channel.getPropertyInfo("Measurement"), channel.getPropertyValue<BasePtr>("Measurement"))));
+    }
     const auto offset = [&] {
         return channel.hasProperty("BridgeOffset") ? channel.getPropertyValue<double>("BridgeOffset") : 0.0;
     };
@@ -419,8 +459,9 @@ int balanceAmplifier(Session& session, Output& output, bool json, const std::str
         checkErrorInfo(forget->dispatch(nullptr));
     } else {
         Acquisition acquisition(session, channelsOfModule(session.tree(), entry));
-        if (!waitFor(sampleTimeoutS, [&] { return channel.getSamplesAcquired() >= samplesBeforeBalance; }))
+        if (!waitFor(sampleTimeoutS, [&] { return channel.getSamplesAcquired() >= samplesBeforeBalance; })) {
             throw std::runtime_error(fmt::format("\"{}\": no samples within {} s", entry.label, sampleTimeoutS));
+        }
         value = channel.getSampleAtRelativePos(-1);
         const auto begin = std::chrono::steady_clock::now();
         checkErrorInfo(start->dispatch(nullptr));
@@ -428,8 +469,9 @@ int balanceAmplifier(Session& session, Output& output, bool json, const std::str
         seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
         acquisition.stop();
     }
-    if (ended)
+    if (ended) {
         update(channel, false);
+    }
     const auto failures = session.takeAmplifierFailures();
     const double after = offset();
     const std::string unit =
@@ -442,34 +484,39 @@ int balanceAmplifier(Session& session, Output& output, bool json, const std::str
         report["seconds"] = seconds;
     }
     report["failures"] = failures;
-    if (json)
+    if (json) {
         output.line(report.dump(2));
-    else if (reset)
+    } else if (reset) {
         output.line(fmt::format("{}: bridge offset {} -> {}", entry.label, formatNumber(before),
                                 withUnit(formatNumber(after), unit)));
-    else if (good)
+    } else if (good) {
         output.line(fmt::format("{}: balanced in {:.1f} s at {}; bridge offset {} -> {}", entry.label, seconds,
                                 withUnit(formatNumber(value), channel.getUnit().toStdString()), formatNumber(before),
                                 withUnit(formatNumber(after), unit)));
-    if (!ended)
+    }
+    if (!ended) {
         output.message(
             fmt::format("zornhost: \"{}\": the balancing has not ended within {} s", entry.label, balanceTimeoutS));
-    for (const auto& failure : failures)
+    }
+    for (const auto& failure : failures) {
         output.message(fmt::format("zornhost: \"{}\": {}", entry.label, failure));
+    }
     return good ? 0 : 1;
 }
 
 int readAmplifierTeds(Session& session, Output& output, bool json, const std::string& path, bool custom) {
     const auto entry = amplifierChannel(session.tree(), path);
     const auto function = slot<IFuncObject>(entry.channel, custom ? "ReadTedsCustom" : "ReadTeds");
-    if (!function)
+    if (!function) {
         refuseFunction(entry, "TEDS");
+    }
     constexpr int customBytes = 32;
     const auto [result, bytes] = answerOf(executeFunc(function, custom ? toValue(customBytes) : BasePtr()));
     Json report{{"channel", entry.path}, {"result", result}, {"bytes", bytes}};
     if (result < 0) {
-        if (json)
+        if (json) {
             output.line(report.dump(2));
+        }
         output.message(
             fmt::format("zornhost: \"{}\": {}", entry.label,
                         custom ? "no custom TEDS area could be read: the amplifier has none or doesn't answer"
@@ -480,19 +527,22 @@ int readAmplifierTeds(Session& session, Output& output, bool json, const std::st
         const bool empty = std::all_of(bytes.begin(), bytes.end(), [](int byte) { return byte == 0xFF; });
         report["empty"] = empty;
         std::vector<std::vector<std::string>> rows;
-        for (size_t i = 0; i < bytes.size(); i += 16)
+        for (size_t i = 0; i < bytes.size(); i += 16) {
             rows.push_back({fmt::format("{:02X}", i),
                             hexText({bytes.begin() + static_cast<std::ptrdiff_t>(i),
                                      bytes.begin() + static_cast<std::ptrdiff_t>(std::min(i + 16, bytes.size()))})});
-        if (empty)
+        }
+        if (empty) {
             rows.push_back({"", "(erased)"});
+        }
         printAnswer(output, json, report, rows);
         return 0;
     }
     const bool sound = romIsSound(bytes);
     std::string serial;
-    for (size_t i = bytes.size() > 1 ? bytes.size() - 1 : 0; i-- > 1;)
+    for (size_t i = bytes.size() > 1 ? bytes.size() - 1 : 0; i-- > 1;) {
         serial += fmt::format("{:02X}", bytes[i]);
+    }
     report["family"] = bytes.empty() ? 0 : bytes[0];
     report["serialNumber"] = serial;
     report["checkIsRight"] = sound;
@@ -507,8 +557,9 @@ int readAmplifierTeds(Session& session, Output& output, bool json, const std::st
 int showSensorStatus(Session& session, Output& output, bool json, const std::string& path) {
     const auto entry = amplifierChannel(session.tree(), path);
     const auto function = slot<IFuncObject>(entry.channel, "GetSensorStatus");
-    if (!function)
+    if (!function) {
         refuseFunction(entry, "sensor status");
+    }
     const auto status = fromValue<int64_t>(executeFunc(function, {}));
     std::string text = fmt::format("status {}", status);
     switch (status) {
@@ -530,10 +581,11 @@ int showSensorStatus(Session& session, Output& output, bool json, const std::str
         default:
             break;
     }
-    if (json)
+    if (json) {
         output.line(Json{{"channel", entry.path}, {"status", status}, {"text", text}}.dump(2));
-    else
+    } else {
         output.line(fmt::format("{}: {}", entry.label, text));
+    }
     return status < 0 ? 1 : 0;
 }
 
@@ -561,45 +613,53 @@ int checkAmplifiers(Output& output, bool json, const std::string& directory) {
             problems.push_back(item);
         }
         Json file{{"file", report.file}, {"outcome", outcomeText(report.outcome)}};
-        if (!report.reason.empty())
+        if (!report.reason.empty()) {
             file["reason"] = report.reason;
+        }
         if (report.outcome == Outcome::Registered) {
             file["identifier"] = report.identifier;
             file["class"] = report.className;
             file["moduleName"] = report.moduleName;
-            for (const auto& measurement : report.measurements)
+            for (const auto& measurement : report.measurements) {
                 file["measurements"].push_back(
                     Json{{"name", measurement.name}, {"ranges", measurement.ranges}, {"unit", measurement.unit}});
+            }
         }
         file["problems"] = problems;
         files.push_back(file);
-        if (json)
+        if (json) {
             continue;
+        }
         if (report.outcome == Outcome::Registered) {
             output.line(fmt::format("{}: {} for amplifier {}{}", report.file, report.className, report.identifier,
                                     report.moduleName.empty() ? "" : fmt::format(" ({})", report.moduleName)));
-            for (const auto& measurement : report.measurements)
-                if (!measurement.name.empty() || !measurement.ranges.empty())
+            for (const auto& measurement : report.measurements) {
+                if (!measurement.name.empty() || !measurement.ranges.empty()) {
                     output.line(fmt::format("    {}: {} {}",
                                             measurement.name.empty() ? "one measurement" : measurement.name,
                                             fmt::join(measurement.ranges, ", "), measurement.unit));
+                }
+            }
         } else {
             output.line(fmt::format("{}: {}{}", report.file, outcomeText(report.outcome),
                                     report.reason.empty() ? "" : ": " + report.reason));
         }
-        for (const auto& problem : report.problems)
-            if (problem.text != report.reason)
+        for (const auto& problem : report.problems) {
+            if (problem.text != report.reason) {
                 output.line(fmt::format(
                     "    {}{}{}",
                     problem.line > 0 ? fmt::format("{}:{}:{}: ", report.file, problem.line, problem.column) : "",
                     problem.error ? "" : "warning: ", problem.text));
+            }
+        }
     }
-    if (json)
+    if (json) {
         output.line(
             Json{{"directory", directory}, {"registered", registered}, {"mistaken", mistaken}, {"files", files}}.dump(
                 2));
-    else
+    } else {
         output.line(fmt::format("{} entries: {} registered, {} with mistakes", reports.size(), registered, mistaken));
+    }
     return mistaken == 0 ? 0 : 1;
 }
 
@@ -627,21 +687,29 @@ AmplifierCommandLine::AmplifierCommandLine(CLI::App& app) {
     check_->add_option("directory", directory_, "The folder")->required();
 }
 
-bool AmplifierCommandLine::checks() const { return check_->parsed(); }
-bool AmplifierCommandLine::parsed() const { return amplifier_->parsed(); }
+bool AmplifierCommandLine::checks() const {
+    return check_->parsed();
+}
+bool AmplifierCommandLine::parsed() const {
+    return amplifier_->parsed();
+}
 int AmplifierCommandLine::runCheck(Output& output, bool json) const {
     return checkAmplifiers(output, json, directory_);
 }
 
 int AmplifierCommandLine::run(Session& session, Output& output, bool json) const {
-    if (set_->parsed())
+    if (set_->parsed()) {
         return setAmplifier(session, output, json, path_, settings_);
-    if (balance_->parsed())
+    }
+    if (balance_->parsed()) {
         return balanceAmplifier(session, output, json, path_, reset_);
-    if (teds_->parsed())
+    }
+    if (teds_->parsed()) {
         return readAmplifierTeds(session, output, json, path_, custom_);
-    if (status_->parsed())
+    }
+    if (status_->parsed()) {
         return showSensorStatus(session, output, json, path_);
+    }
     return showAmplifier(session, output, json, path_);
 }
 

@@ -6,15 +6,16 @@
 namespace zornhost {
 
 namespace {
-constexpr double windowS = 1.0;          // long enough for several blocks of any rate
+constexpr double windowS = 1.0;  // long enough for several blocks of any rate
 constexpr double maxBlockS = 0.25;
-constexpr double driftTimeS = 60.0;      // how fast the baseline follows a clock that runs off
-constexpr double toleranceS = 0.025;     // jitter of cycle and reader
+constexpr double driftTimeS = 60.0;   // how fast the baseline follows a clock that runs off
+constexpr double toleranceS = 0.025;  // jitter of cycle and reader
 }  // namespace
 
 std::optional<uint64_t> ClockCheck::observe(double timeS, uint64_t acquired) {
-    if (acquired == 0 || rateHz_ <= 0.0)
+    if (acquired == 0 || rateHz_ <= 0.0) {
         return std::nullopt;
+    }
     const double deliveredS = static_cast<double>(acquired) / rateHz_;
     if (!started_) {
         started_ = true;
@@ -22,19 +23,22 @@ std::optional<uint64_t> ClockCheck::observe(double timeS, uint64_t acquired) {
         lastAcquired_ = acquired;
     }
     const double stepS = static_cast<double>(acquired - lastAcquired_) / rateHz_;
-    if (stepS <= maxBlockS)
+    if (stepS <= maxBlockS) {
         blockS_ = std::max(blockS_, stepS);
+    }
     lastAcquired_ = acquired;
 
     window_.push_back({timeS, timeS - firstTimeS_ - deliveredS});
-    while (window_.front().timeS < timeS - windowS)
+    while (window_.front().timeS < timeS - windowS) {
         window_.pop_front();
-    if (timeS - firstTimeS_ < 1.5 * windowS)
+    }
+    if (timeS - firstTimeS_ < 1.5 * windowS) {
         return std::nullopt;
+    }
 
-    const double lagS =
-        std::min_element(window_.begin(), window_.end(), [](const Point& a, const Point& b) { return a.lagS < b.lagS; })
-            ->lagS;
+    const double lagS = std::min_element(window_.begin(), window_.end(), [](const Point& a, const Point& b) {
+                            return a.lagS < b.lagS;
+                        })->lagS;
     if (!settled_) {
         settled_ = true;
         baselineS_ = lagS;

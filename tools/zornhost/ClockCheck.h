@@ -26,9 +26,9 @@ private:
     double firstTimeS_ = 0.0;
     bool started_ = false;
     bool settled_ = false;
-    double blockS_ = 0.0;      // the largest step in which samples have come, up to a quarter of a second
+    double blockS_ = 0.0;  // the largest step in which samples have come, up to a quarter of a second
     uint64_t lastAcquired_ = 0;
-    double baselineS_ = 0.0;   // smallest lag of the stretches seen so far, following slow drift
+    double baselineS_ = 0.0;  // smallest lag of the stretches seen so far, following slow drift
     double lastUpdateS_ = 0.0;
     std::deque<Point> window_;
 };

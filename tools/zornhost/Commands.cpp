@@ -26,23 +26,29 @@ namespace {
 
 constexpr const char* programVersion = "1.0.0";
 
-double toHz(const Ratio& rate) { return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator); }
+double toHz(const Ratio& rate) {
+    return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator);
+}
 
 // Names of files and settings may be bytes that are no text.
 std::string jsonText(const Json& json, int indent = -1) {
     return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
-void printJson(Output& output, const Json& json) { output.line(jsonText(json, 2)); }
+void printJson(Output& output, const Json& json) {
+    output.line(jsonText(json, 2));
+}
 
 // Sets the data module's rate before an acquisition and says what became of it.
 void applyRate(Session& session, Output& output, const std::optional<int64_t>& rate) {
-    if (!rate)
+    if (!rate) {
         return;
+    }
     const auto tree = session.tree();
     const auto set = session.set(tree.property("SampleRate"), fmt::format("{}", *rate));
-    if (fromValue<Ratio>(set).numerator != *rate)
+    if (fromValue<Ratio>(set).numerator != *rate) {
         output.message(fmt::format("zornhost: {} S/s asked for, {} set", *rate, valueText(set)));
+    }
 }
 
 // Only the chosen channels are used. Channels without hardware are left out, and said so when they were named.
@@ -54,11 +60,13 @@ std::vector<ChannelEntry> chooseChannels(Session& session, Output& output, const
         const bool wanted = std::any_of(chosen.begin(), chosen.end(),
                                         [&](const ChannelEntry& other) { return other.path == entry.path; });
         const bool enabled = !entry.channel.hasProperty("Enabled") || entry.channel.getPropertyValue<bool>("Enabled");
-        if (wanted && !enabled && !patterns.empty())
+        if (wanted && !enabled && !patterns.empty()) {
             output.message(fmt::format("zornhost: \"{}\" has no amplifier and is left out", entry.label));
+        }
         entry.channel.setUsed(wanted && enabled);
-        if (wanted && enabled)
+        if (wanted && enabled) {
             usable.push_back(entry);
+        }
     }
     return usable;
 }
@@ -86,20 +94,24 @@ Json reportJson(const RecordingReport& report) {
               {"longestWriterStallS", report.longestWriterStallS},
               {"interrupted", report.interrupted},
               {"good", report.good()}};
-    if (!report.error.empty())
+    if (!report.error.empty()) {
         json["error"] = report.error;
-    if (!report.stopFailure.empty())
+    }
+    if (!report.stopFailure.empty()) {
         json["stopFailure"] = report.stopFailure;
-    for (const auto& channel : report.channels)
+    }
+    for (const auto& channel : report.channels) {
         json["channels"].push_back(channelJson(channel));
+    }
     json["gaps"] = Json::array();
-    for (const auto& gap : report.gapTable)
+    for (const auto& gap : report.gapTable) {
         json["gaps"].push_back(Json{{"channel", gap.channel},
                                     {"firstIndex", gap.firstIndex},
                                     {"length", gap.length},
                                     {"timeS", gap.timeS},
                                     {"cause", gap.cause},
                                     {"estimated", gap.estimated}});
+    }
     json["verdict"] = report.verdict();
     return json;
 }
@@ -111,27 +123,33 @@ int showInfo(Session& session, Output& output, bool json) {
     const auto device = session.tree().deviceFolder();
     constexpr std::array identity{"Manufacturer", "Model", "SerialNumber", "HardwareRevision", "SoftwareRevision"};
     if (json) {
-        Json report{{"program", programVersion}, {"module", {{"file", host.file()},
-                                                             {"driver", host.driverName()},
-                                                             {"version", host.moduleVersion()}}}};
-        for (const auto& library : ModuleHost::hostVersions())
+        Json report{
+            {"program", programVersion},
+            {"module", {{"file", host.file()}, {"driver", host.driverName()}, {"version", host.moduleVersion()}}}};
+        for (const auto& library : ModuleHost::hostVersions()) {
             report["host"][library.name] = library.version;
-        if (device)
-            for (const char* name : identity)
+        }
+        if (device) {
+            for (const char* name : identity) {
                 report["instrument"][name] = device.getPropertyValue<std::string>(name);
+            }
+        }
         printJson(output, report);
         return 0;
     }
     std::vector<std::vector<std::string>> rows{{"zornhost", programVersion}};
-    for (const auto& library : ModuleHost::hostVersions())
+    for (const auto& library : ModuleHost::hostVersions()) {
         rows.push_back({library.name, library.version});
+    }
     rows.push_back({"module", fmt::format("{} {}", host.driverName(), host.moduleVersion())});
     rows.push_back({"module file", host.file()});
-    if (device)
-        for (const char* name : identity)
+    if (device) {
+        for (const char* name : identity) {
             rows.push_back({name, device.getPropertyValue<std::string>(name)});
-    else
+        }
+    } else {
         rows.push_back({"instrument", "none found"});
+    }
     output.data(formatTable(rows));
     return 0;
 }
@@ -144,21 +162,23 @@ void treeLines(const ChannelFolderPtr& folder, int depth, std::vector<std::vecto
         if (auto raw = child.asPtrOrNull<IChannel>()) {
             const ChannelPtr<> channel(raw);
             const bool enabled = !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
-            rows.push_back({name, formatNumber(toHz(channel.getSampleRate())),
-                            fmt::format("{} .. {}", formatNumber(channel.getMinValue()),
-                                        formatNumber(channel.getMaxValue())),
-                            channel.getUnit().toStdString(), channel.getUsed() ? "yes" : "no", enabled ? "yes" : "no"});
+            rows.push_back(
+                {name, formatNumber(toHz(channel.getSampleRate())),
+                 fmt::format("{} .. {}", formatNumber(channel.getMinValue()), formatNumber(channel.getMaxValue())),
+                 channel.getUnit().toStdString(), channel.getUsed() ? "yes" : "no", enabled ? "yes" : "no"});
         } else {
             std::string note;
-            if (child.hasProperty("SampleRate"))
+            if (child.hasProperty("SampleRate")) {
                 note = valueText(child.getPropertyValue<BasePtr>("SampleRate"));
+            }
             std::string clock;
-            if (child.hasProperty("BaseClock"))
-                clock = fmt::format("base clock {} Hz",
-                                    valueText(child.getPropertyEnum("BaseClock")));
+            if (child.hasProperty("BaseClock")) {
+                clock = fmt::format("base clock {} Hz", valueText(child.getPropertyEnum("BaseClock")));
+            }
             rows.push_back({name, note, clock, "", "", ""});
-            if (auto below = child.asPtrOrNull<IChannelFolder>())
+            if (auto below = child.asPtrOrNull<IChannelFolder>()) {
                 treeLines(ChannelFolderPtr(below), depth + 1, rows);
+            }
         }
     }
 }
@@ -178,12 +198,15 @@ Json treeJson(const ChannelFolderPtr& folder) {
             entry["enabled"] = !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
         } else {
             entry["kind"] = "folder";
-            if (child.hasProperty("SampleRate"))
+            if (child.hasProperty("SampleRate")) {
                 entry["sampleRate"] = toJson(child.getPropertyValue<BasePtr>("SampleRate"));
-            if (child.hasProperty("BaseClock"))
+            }
+            if (child.hasProperty("BaseClock")) {
                 entry["baseClock"] = toJson(child.getPropertyEnum("BaseClock"));
-            if (auto below = child.asPtrOrNull<IChannelFolder>())
+            }
+            if (auto below = child.asPtrOrNull<IChannelFolder>()) {
                 entry["children"] = treeJson(ChannelFolderPtr(below));
+            }
         }
         children.push_back(entry);
     }
@@ -217,15 +240,17 @@ Json ratesJson(const RateReport& report) {
         Json rates = Json::array();
         for (const auto& row : level.rates) {
             Json entry{{"rate", row.rate}};
-            if (row.rawDivider)
+            if (row.rawDivider) {
                 entry["raw"] =
                     Json{{"divider", *row.rawDivider}, {"inForce", row.rawInForce}, {"requestBecomes", row.rawAnswer}};
-            if (row.filtered)
+            }
+            if (row.filtered) {
                 entry["filtered"] = Json{{"halfBands", row.filtered->halfBands},
                                          {"ratio", row.filtered->ratio()},
                                          {"ratioBits", row.filtered->ratioBits},
                                          {"inForce", row.filteredInForce},
                                          {"requestBecomes", row.filteredAnswer}};
+            }
             rates.push_back(entry);
         }
         json["levels"].push_back(Json{{"level", level.level},
@@ -242,8 +267,9 @@ Json ratesJson(const RateReport& report) {
 std::string rateNote(const LegalRate& row, int64_t request) {
     std::string note;
     const auto add = [&](bool raw, bool filtered, const std::string& text) {
-        if (!raw && !filtered)
+        if (!raw && !filtered) {
             return;
+        }
         const bool both = (raw || !row.rawDivider) && (filtered || !row.filtered);
         note += (note.empty() ? "" : "; ") + std::string(both ? "" : raw ? "raw: " : "filtered: ") + text;
     };
@@ -262,18 +288,20 @@ int showRates(Session& session, Output& output, bool json, std::optional<int64_t
     }
     bool first = true;
     for (const auto& level : report.levels) {
-        if (!first)
+        if (!first) {
             output.line("");
+        }
         first = false;
         output.line(fmt::format("{} ({}), base clock {} Hz{}, whole fractions of {} S/s", level.name, level.level,
                                 level.clock, level.clockInForce ? ", in force" : "", level.of));
         std::vector<std::vector<std::string>> rows{
             {">Rate S/s", ">Raw: divider", ">Filtered: half-bands", ">Ratio", "Note"}};
-        for (const auto& row : level.rates)
+        for (const auto& row : level.rates) {
             rows.push_back({fmt::format("{}", row.rate), row.rawDivider ? fmt::format("{}", *row.rawDivider) : "-",
                             row.filtered ? fmt::format("{}", row.filtered->halfBands) : "-",
                             row.filtered ? fmt::format("{:.10g}", row.filtered->ratio()) : "-",
                             rateNote(row, report.request)});
+        }
         output.data(formatTable(rows));
     }
     return 0;
@@ -296,31 +324,38 @@ int listProperties(Session& session, Output& output, bool json, const std::strin
         const ListPtr choices = info.getValuesAsList();
         const bool readOnly = info.getReadOnly() && fromValue<bool>(info.getReadOnly());
         std::string choiceText;
-        for (size_t i = 0, n = choices.getCount(); i < n; ++i)
+        for (size_t i = 0, n = choices.getCount(); i < n; ++i) {
             choiceText += (i == 0 ? "" : ", ") + (info.isSelection() ? fmt::format("{}: ", i) : std::string()) +
                           valueText(choices.getItemAt(i));
+        }
         rows.push_back({name.toStdString(), typeName(info) + (readOnly ? ", read-only" : ""), shownValue(info, value),
                         readOnly ? "" : valueText(info.getDefaultValue()),
                         minimum || maximum ? fmt::format("{} .. {}", valueText(minimum), valueText(maximum)) : "",
                         choiceText, info.getUnit() ? valueText(info.getUnit()) : ""});
         Json item{
             {"name", name.toStdString()}, {"type", typeName(info)}, {"readOnly", readOnly}, {"value", toJson(value)}};
-        if (info.getDefaultValue())
+        if (info.getDefaultValue()) {
             item["default"] = toJson(info.getDefaultValue());
-        if (minimum)
+        }
+        if (minimum) {
             item["min"] = toJson(minimum);
-        if (maximum)
+        }
+        if (maximum) {
             item["max"] = toJson(maximum);
-        if (choices.getCount() > 0)
+        }
+        if (choices.getCount() > 0) {
             item["choices"] = toJson(asBase(choices));
-        if (info.getUnit())
+        }
+        if (info.getUnit()) {
             item["unit"] = toJson(info.getUnit());
+        }
         report.push_back(item);
     }
-    if (json)
+    if (json) {
         printJson(output, Json{{"path", entry.path}, {"properties", report}});
-    else
+    } else {
         output.data(formatTable(rows));
+    }
     return 0;
 }
 
@@ -328,21 +363,24 @@ int getProperty(Session& session, Output& output, bool json, const std::string& 
     const auto entry = session.tree().property(path);
     std::string reason;
     const BasePtr value = readProperty(entry.owner.node, entry.name, &reason);
-    if (!reason.empty())
+    if (!reason.empty()) {
         throw std::runtime_error(fmt::format("{}: {}", path, reason));
-    if (json)
+    }
+    if (json) {
         printJson(output, Json{{"path", path}, {"value", toJson(value)}});
-    else
+    } else {
         output.line(valueText(value));
+    }
     return 0;
 }
 
 int setProperty(Session& session, Output& output, bool json, const std::string& path, const std::string& value) {
     const BasePtr set = session.set(session.tree().property(path), value);
-    if (json)
+    if (json) {
         printJson(output, Json{{"path", path}, {"requested", value}, {"set", toJson(set)}});
-    else
+    } else {
         output.line(fmt::format("{}: {} requested, {} set", path, value, valueText(set)));
+    }
     return 0;
 }
 
@@ -350,23 +388,27 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     applyRate(session, output, options.rate);
     const auto channels = chooseChannels(session, output, options.channels);
     session.prepare();
-    if (Interrupt::requested())
+    if (Interrupt::requested()) {
         throw std::runtime_error(fmt::format("{}: ended by the user before the recording began", options.file));
+    }
 
     Recorder recorder({options.file}, channels, session.host().scheduler());
     auto& sink = recorder.sink();
-    if (const auto device = session.tree().deviceFolder())
+    if (const auto device = session.tree().deviceFolder()) {
         for (const auto& [attribute, property] :
              {std::pair{"manufacturer", "Manufacturer"}, std::pair{"model", "Model"},
-              std::pair{"serial_number", "SerialNumber"}, std::pair{"hardware_revision", "HardwareRevision"}})
+              std::pair{"serial_number", "SerialNumber"}, std::pair{"hardware_revision", "HardwareRevision"}}) {
             sink.setAttribute(attribute, device.getPropertyValue<std::string>(property));
+        }
+    }
     sink.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
                                               session.host().moduleVersion()));
 
     session.start();
     long startUs = -1;
-    if (const auto absTime = session.host().absTimeProvider())
+    if (const auto absTime = session.host().absTimeProvider()) {
         absTime->getStartAbsTime(&startUs);
+    }
     recorder.start(startUs > 0 ? startUs : nowUs());
 
     uint64_t reported = 0;
@@ -374,8 +416,9 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     while (recorder.running() && !Interrupt::requested() && recorder.elapsedS() < options.durationS) {
         Interrupt::sleepMs(
             std::max(1, static_cast<int>(std::min(50.0, 1000.0 * (options.durationS - recorder.elapsedS())))));
-        for (; reported < session.lostReports(); ++reported)
+        for (; reported < session.lostReports(); ++reported) {
             recorder.reportLostByModule();
+        }
         if (recorder.elapsedS() >= nextProgressS) {
             output.progress(fmt::format("recording: {:.0f} of {:.0f} s, {} samples, {} lost", recorder.elapsedS(),
                                         options.durationS, recorder.samplesWritten(), recorder.samplesLost()));
@@ -390,8 +433,9 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     } catch (const std::exception& failure) {
         stopFailure = failure.what();
     }
-    for (; reported < session.lostReports(); ++reported)
+    for (; reported < session.lostReports(); ++reported) {
         recorder.reportLostByModule();
+    }
     const RecordingReport report = recorder.finish(interrupted, stopFailure);
     output.endProgress();
 
@@ -399,14 +443,16 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
         printJson(output, reportJson(report));
     } else {
         std::vector<std::vector<std::string>> rows{{"Channel", ">Rate S/s", ">Samples", ">Lost", ">Ring %"}};
-        for (const auto& channel : report.channels)
+        for (const auto& channel : report.channels) {
             rows.push_back({channel.label, formatNumber(channel.sampleRate), fmt::format("{}", channel.samples),
                             fmt::format("{}", channel.lost), fmt::format("{:.0f}", 100.0 * channel.worstFill)});
+        }
         output.data(formatTable(rows));
         output.line(report.verdict());
-        if (report.keeps)
+        if (report.keeps) {
             output.line(
                 fmt::format("File: {} ({:.1f} MB of samples)", report.file, static_cast<double>(report.bytes) / 1e6));
+        }
     }
     return report.good() ? 0 : 1;
 }
@@ -446,15 +492,26 @@ void drain(Watched& watched) {
         const auto piece =
             watched.reader.read(watched.piece.data(), watched.piece.size() / watched.reader.sampleSize());
         watched.lost += piece.lost;
-        if (piece.samples == 0)
+        if (piece.samples == 0) {
             return;
+        }
         watched.samples += piece.samples;
         switch (watched.entry.channel.getSampleDataType()) {
-            case SampleDataType::Int16: take<int16_t>(watched, piece.samples); break;
-            case SampleDataType::Int32: take<int32_t>(watched, piece.samples); break;
-            case SampleDataType::Int8: take<int8_t>(watched, piece.samples); break;
-            case SampleDataType::Float32: take<float>(watched, piece.samples); break;
-            default: take<double>(watched, piece.samples); break;
+            case SampleDataType::Int16:
+                take<int16_t>(watched, piece.samples);
+                break;
+            case SampleDataType::Int32:
+                take<int32_t>(watched, piece.samples);
+                break;
+            case SampleDataType::Int8:
+                take<int8_t>(watched, piece.samples);
+                break;
+            case SampleDataType::Float32:
+                take<float>(watched, piece.samples);
+                break;
+            default:
+                take<double>(watched, piece.samples);
+                break;
         }
     }
 }
@@ -468,13 +525,15 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     std::vector<Watched> watched;
     for (const auto& entry : channels) {
         RingReader reader(entry.channel, session.host().scheduler());
-        if (reader.capacity() == 0)
+        if (reader.capacity() == 0) {
             continue;
+        }
         std::vector<unsigned char> piece(reader.sampleSize() * 65536);
         watched.push_back({entry, reader, std::move(piece), entry.channel.getScale(), entry.channel.getOffset()});
     }
-    if (watched.empty())
+    if (watched.empty()) {
         throw std::runtime_error("no channel is in use, there is nothing to watch");
+    }
     session.start();
     for (auto& channel : watched) {
         channel.scale = channel.entry.channel.getScale();
@@ -511,18 +570,21 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
                                               {"fill", channel.fill},
                                               {"lost", channel.lost}});
         }
-        if (json)
+        if (json) {
             output.line(jsonText(report));
-        else
+        } else {
             output.data((output.dataIsTerminal() ? "\x1b[H\x1b[J" : "") + fmt::format("{:.1f} s\n", elapsedS) +
                         formatTable(rows));
-        if (!output.good() || (options.durationS > 0.0 && elapsedS >= options.durationS))
+        }
+        if (!output.good() || (options.durationS > 0.0 && elapsedS >= options.durationS)) {
             break;
+        }
     }
     session.stop();
     const uint64_t reports = session.lostReports();
-    if (reports > 0)
+    if (reports > 0) {
         output.message(fmt::format("zornhost: the module reported lost data {} times", reports));
+    }
     return lost == 0 && reports == 0 ? 0 : 1;
 }
 
@@ -542,9 +604,11 @@ const CLI::Validator secondsAbove0(checkSeconds, "SECONDS");
 // A standard descriptor that is closed would be given to the next file that is opened, and reports would go into that.
 // This one takes no data, so that what can't be written is noticed.
 void occupyStandardDescriptors() {
-    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        if (::fcntl(descriptor, F_GETFD) < 0)
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) < 0) {
             ::open("/dev/null", O_RDONLY);
+        }
+    }
 }
 
 }  // namespace
@@ -571,7 +635,8 @@ int run(int argc, char** argv) {
     app.add_option("--log-file", session.logFile,
                    "Also write log messages (info and above, or --log if lower) into this file");
     app.add_option("--set", session.settings, "PATH=VALUE: set a property before the command runs (may be repeated)")
-        ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option(
            "--amplifiers", session.amplifiers,
            "Folder of amplifier definitions (default: amplifiers in the working directory, else the program's own)")
@@ -593,7 +658,8 @@ int run(int argc, char** argv) {
     rates->add_option("--near", near, "The request, S/s (default: the system's rate)")
         ->check(CLI::Range(int64_t{1}, int64_t{2147483647}));
     rates->add_option("--count", rateCount, "Rates at or below the request, and as many above it")
-        ->check(CLI::Range(1, 1000))->capture_default_str();
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
     auto* list = app.add_subcommand("list", "Properties of a node: value, default, limits, choices, unit");
     list->add_option("path", path, "Names joined by /, below the root; empty for the data module");
     auto* get = app.add_subcommand("get", "Value of a property");
@@ -619,7 +685,8 @@ int run(int argc, char** argv) {
         ->capture_default_str();
     mon->add_option("--rate", monitoring.rate, "Sample rate of the system, S/s");
     mon->add_option("--channel", monitoring.channels, "Pattern of channels to watch (may be repeated)")
-        ->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 
     const AmplifierCommandLine amplifier(app);
 
@@ -627,17 +694,20 @@ int run(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& failure) {
         const auto unknown = app.remaining();
-        if (!app.get_subcommands().empty() || unknown.empty())
+        if (!app.get_subcommands().empty() || unknown.empty()) {
             return app.exit(failure) == 0 ? 0 : 2;
+        }
         std::vector<std::string> names;
-        for (const auto* command : app.get_subcommands({}))
+        for (const auto* command : app.get_subcommands({})) {
             names.push_back(command->get_name());
+        }
         writeError(
             fmt::format("zornhost: there is no command \"{}\"; there is {}\n", unknown[0], fmt::join(names, ", ")));
         return 2;
     }
-    if (simulate->count() > 0)
+    if (simulate->count() > 0) {
         session.simulate = scenario;
+    }
 
     Interrupt::install();
     occupyStandardDescriptors();
@@ -651,24 +721,25 @@ int run(int argc, char** argv) {
         Session live(session);
         live.open();
         int result = 0;
-        if (info->parsed())
+        if (info->parsed()) {
             result = showInfo(live, output, session.json);
-        else if (tree->parsed())
+        } else if (tree->parsed()) {
             result = showTree(live, output, session.json);
-        else if (rates->parsed())
+        } else if (rates->parsed()) {
             result = showRates(live, output, session.json, near, rateCount);
-        else if (list->parsed())
+        } else if (list->parsed()) {
             result = listProperties(live, output, session.json, path);
-        else if (get->parsed())
+        } else if (get->parsed()) {
             result = getProperty(live, output, session.json, path);
-        else if (set->parsed())
+        } else if (set->parsed()) {
             result = setProperty(live, output, session.json, path, value);
-        else if (rec->parsed())
+        } else if (rec->parsed()) {
             result = record(live, output, session.json, recording);
-        else if (amplifier.parsed())
+        } else if (amplifier.parsed()) {
             result = amplifier.run(live, output, session.json);
-        else if (mon->parsed())
+        } else if (mon->parsed()) {
             result = monitor(live, output, session.json, monitoring);
+        }
         live.close();
         if (!output.good()) {
             output.message("zornhost: the standard output can't be written");

@@ -87,8 +87,9 @@ bool sameButForCase(const std::string& left, const std::string& right) {
 }
 
 std::string identifierText(const BasePtr& value) {
-    if (const auto text = value.asPtrOrNull<IString>())
+    if (const auto text = value.asPtrOrNull<IString>()) {
         return StringPtr(text).toStdString();
+    }
     return value.asPtrOrNull<IConvertible>() ? fromValue<std::string>(value) : "Unknown";
 }
 
@@ -108,12 +109,13 @@ public:
             say(true, std::string(), failure.what());
         }
         zornClearErrorInfo();
-        if (added_)
+        if (added_) {
             try {
                 PropertyObjectManagerPtr::create().removeClass(StringPtr(report_.className));
             } catch (const ZornException&) {
                 // Somebody else has removed it: gone is what it must be.
             }
+        }
         report_.outcome = registered_ ? DefinitionReport::Outcome::Registered : DefinitionReport::Outcome::Wrong;
         std::stable_sort(report_.problems.begin(), report_.problems.end(), [](const auto& left, const auto& right) {
             return std::pair(left.line, left.column) < std::pair(right.line, right.column);
@@ -139,14 +141,16 @@ private:
         if (message.starts_with("Bad JSON: ")) {
             size_t line = 0;
             size_t column = 0;
-            if (const size_t at = message.find("at line "); at != std::string::npos)
+            if (const size_t at = message.find("at line "); at != std::string::npos) {
                 std::sscanf(message.c_str() + at, "at line %zu, column %zu", &line, &column);
+            }
             report_.problems.push_back({true, line, column, message});
         } else if (message.starts_with("/")) {
             const size_t colon = message.find(": ");
             std::string path = message.substr(0, colon);
-            if (path == "/")
+            if (path == "/") {
                 path.clear();
+            }
             constexpr std::string_view unknownKey = "unknown key \"";
             if (const size_t key = message.find(unknownKey); key != std::string::npos) {
                 const size_t begin = key + unknownKey.size();
@@ -173,8 +177,9 @@ private:
             const auto objectClass =
                 result ? result.asPtrOrNull<IPropertyObjectClass>() : ObjectPtr<IPropertyObjectClass>();
             zornClearErrorInfo();
-            if (!objectClass)
+            if (!objectClass) {
                 refuse("/: is no class: \"__type\" must be \"PropertyObjectClass\"");
+            }
             return PropertyObjectClassPtr(ObjectPtr<IPropertyObjectClass>(objectClass));
         } catch (const ZornException& failure) {
             refuse(failure.what());
@@ -204,10 +209,11 @@ private:
         int parts[4];
         char rest = 0;
         if (std::sscanf(report_.identifier.c_str(), "%d.%d.%d.%d%c", &parts[0], &parts[1], &parts[2], &parts[3],
-                        &rest) != 4)
+                        &rest) != 4) {
             say(false, "AmplifierID", "readOnlyValue",
                 fmt::format("\"{}\" is no identifier of an amplifier: four numbers joined by dots",
                             report_.identifier));
+        }
         if (indices_.contains("ModuleName")) {
             const BasePtr name = objectClass.getProperty("ModuleName").getReadOnlyValue();
             report_.moduleName = name ? valueText(name) : "";
@@ -239,24 +245,28 @@ private:
         }
         size_t count = 1;
         const bool selects = indices_.contains("Measurement");
-        if (selects)
+        if (selects) {
             count = tried("Measurement", [&] {
                 return std::min(object.getPropertyInfo("Measurement").getValuesAsList().getCount(), mostMeasurements);
             });
+        }
         for (size_t i = 0; i < count; ++i) {
             DefinitionMeasurement measurement;
-            if (selects)
+            if (selects) {
                 tried("Measurement", [&] {
                     object.setPropertyValue("Measurement", static_cast<int64_t>(i));
                     measurement.name = valueText(object.getPropertyInfo("Measurement").getValuesAsList().getItemAt(i));
                     return size_t{0};
                 });
-            for (const auto& known : knownProperties)
-                if (indices_.contains(known.name))
+            }
+            for (const auto& known : knownProperties) {
+                if (indices_.contains(known.name)) {
                     tried(known.name, [&] {
                         lookAt(object, known, measurement);
                         return size_t{0};
                     });
+                }
+            }
             report_.measurements.push_back(std::move(measurement));
         }
     }
@@ -275,34 +285,41 @@ private:
     // The same mistake shows in each measurement.
     void sayOnce(bool error, const std::string& property, const char* part, const std::string& text) {
         const auto same = [&](const DefinitionProblem& problem) { return problem.text == text; };
-        if (std::none_of(report_.problems.begin(), report_.problems.end(), same))
+        if (std::none_of(report_.problems.begin(), report_.problems.end(), same)) {
             say(error, property, part, text);
+        }
     }
 
     void checkNames(const PropertyObjectClassPtr& objectClass) {
         for (const auto& [name, index] : indices_) {
-            for (const auto& known : knownProperties)
-                if (name != known.name && sameButForCase(name, known.name))
+            for (const auto& known : knownProperties) {
+                if (name != known.name && sameButForCase(name, known.name)) {
                     say(false, name, "name",
                         fmt::format("\"{}\" is no property that the module knows; \"{}\" is", name, known.name));
+                }
+            }
             if (std::find(reservedNames.begin(), reservedNames.end(), name) != reservedNames.end()) {
                 say(true, name, "name",
                     fmt::format("\"{}\" is registered by the module; a definition can't have it", name));
             }
             const auto info = objectClass.getProperty(name);
-            if (info.getEnabled())
+            if (info.getEnabled()) {
                 say(false, name, "enabled",
                     fmt::format("\"{}\": \"enabled\" is not for amplifiers: the module reads all that is there", name));
+            }
         }
         complete(tedsNames);
         complete(balanceNames);
-        if (!indices_.contains("ModuleName"))
+        if (!indices_.contains("ModuleName")) {
             say(false, "/properties", "there is no \"ModuleName\": users see no name of the amplifier");
-        if (indices_.contains("StartSensorBalance") && !indices_.contains("DeviceRanges"))
+        }
+        if (indices_.contains("StartSensorBalance") && !indices_.contains("DeviceRanges")) {
             say(false, "StartSensorBalance", nullptr, "without \"DeviceRanges\" balancing stays in range 0");
-        if (indices_.contains("FinalizeTedsCustom") && !indices_.contains("ReadTeds"))
+        }
+        if (indices_.contains("FinalizeTedsCustom") && !indices_.contains("ReadTeds")) {
             say(false, "FinalizeTedsCustom", nullptr,
                 "\"FinalizeTedsCustom\" works only beside the four TEDS functions");
+        }
     }
 
     template <size_t N>
@@ -310,13 +327,15 @@ private:
         std::string missing;
         const char* present = nullptr;
         for (const char* name : names) {
-            if (indices_.contains(name))
+            if (indices_.contains(name)) {
                 present = name;
-            else
+            } else {
                 missing += std::string(missing.empty() ? "" : ", ") + "\"" + name + "\"";
+            }
         }
-        if (present != nullptr && !missing.empty())
+        if (present != nullptr && !missing.empty()) {
             say(false, present, nullptr, fmt::format("without {} none of the others works", missing));
+        }
     }
 
     void lookAt(const GenericPropertyObjectPtr& object, const Known& known, DefinitionMeasurement& measurement) {
@@ -326,8 +345,9 @@ private:
             measurement.name.empty() ? "" : fmt::format(" in the measurement \"{}\"", measurement.name);
         const CoreType type = info.getValueType();
         const auto mustBe = [&](bool fits, const char* what) {
-            if (!fits)
+            if (!fits) {
                 sayOnce(true, name, "type", fmt::format("\"{}\" must be {}", name, what));
+            }
             return fits;
         };
         switch (known.use) {
@@ -347,16 +367,20 @@ private:
             case Use::Texts:
             case Use::Ranges:
                 if (!mustBe(info.isSelection() && type == CoreType::Int,
-                            "a selection: type \"int\" with \"selection\": true"))
+                            "a selection: type \"int\" with \"selection\": true")) {
                     return;
+                }
                 break;
             case Use::Numbers:
-                if (!mustBe(type == CoreType::Float || type == CoreType::Int, "a number or a selection of numbers"))
+                if (!mustBe(type == CoreType::Float || type == CoreType::Int, "a number or a selection of numbers")) {
                     return;
-                for (size_t i = 0; i < count; ++i)
+                }
+                for (size_t i = 0; i < count; ++i) {
                     (void)fromValue<double>(choices.getItemAt(i));
-                if (name == "Excitation" && count == 0)
+                }
+                if (name == "Excitation" && count == 0) {
                     sayOnce(false, name, nullptr, "\"Excitation\" without \"values\" is never sent to the amplifier");
+                }
                 break;
             case Use::Whole:
                 mustBe(type == CoreType::Int, "of type \"int\"");
@@ -371,18 +395,21 @@ private:
                 return;
         }
         if (info.isSelection()) {
-            if (count == 0)
+            if (count == 0) {
                 sayOnce(known.use == Use::Ranges, name, "values",
                         fmt::format("\"{}\" has no choices{}: it is never sent", name, where));
-            else if (const auto index = fromValue<int64_t>(value); index < 0 || static_cast<size_t>(index) >= count)
+            } else if (const auto index = fromValue<int64_t>(value); index < 0 || static_cast<size_t>(index) >= count) {
                 sayOnce(false, name, "default",
                         fmt::format("\"{}\" has {} choices{}; {} is none of them", name, count, where, index));
+            }
         }
-        if (known.use == Use::Ranges)
+        if (known.use == Use::Ranges) {
             lookAtRanges(info, choices, where, measurement);
-        else if (known.use == Use::Texts)
-            for (size_t i = 0; i < count; ++i)
+        } else if (known.use == Use::Texts) {
+            for (size_t i = 0; i < count; ++i) {
                 (void)fromValue<std::string>(choices.getItemAt(i));
+            }
+        }
     }
 
     void lookAtRanges(const PropertyInfoPtr& info, const ListPtr& choices, const std::string& where,
@@ -391,8 +418,9 @@ private:
         const std::string holder = info.getName().toStdString();
         const BasePtr unit = info.getUnit();
         measurement.unit = unit ? fromValue<std::string>(unit) : "";
-        if (measurement.unit.empty())
+        if (measurement.unit.empty()) {
             sayOnce(false, holder, nullptr, fmt::format("\"{}\" has no \"unit\"{}", holder, where));
+        }
         for (size_t i = 0, n = choices.getCount(); i < n; ++i) {
             const std::string part = fmt::format("values/{}", i);
             const BasePtr item = choices.getItemAt(i);
@@ -409,17 +437,20 @@ private:
                 const auto low = range.getPropertyValue<double>(RangeItemPropertyClass::MinProp);
                 const auto high = range.getPropertyValue<double>(RangeItemPropertyClass::MaxProp);
                 measurement.ranges.push_back(name);
-                if (!(low < high))
+                if (!(low < high)) {
                     sayOnce(true, holder, part.c_str(),
                             fmt::format("range \"{}\" of \"{}\" is empty: {} to {}", name, holder, low, high));
-                else if (low != -high)
+                } else if (low != -high) {
                     sayOnce(false, holder, part.c_str(),
                             fmt::format("range \"{}\" of \"{}\" is not symmetric: {} to {} reads shifted by {}", name,
                                         holder, low, high, (low + high) / 2));
-                if (indices_.contains("StartSensorBalance") && measurement.name == "Bridge" && !beginsWithNumber(name))
+                }
+                if (indices_.contains("StartSensorBalance") && measurement.name == "Bridge" &&
+                    !beginsWithNumber(name)) {
                     sayOnce(true, holder, part.c_str(),
                             fmt::format("range \"{}\" of \"{}\" must begin with a number: balancing reads it", name,
                                         holder));
+                }
             } catch (const ZornException& failure) {
                 sayOnce(true, holder, part.c_str(), fmt::format("range {} of \"{}\": {}", i, holder, failure.what()));
             }
@@ -447,19 +478,24 @@ bool DefinitionReport::hasErrors() const {
                        [](const DefinitionProblem& problem) { return problem.error; });
 }
 
-DefinitionReport checkDefinition(const std::string& text) { return Check(text).run(); }
+DefinitionReport checkDefinition(const std::string& text) {
+    return Check(text).run();
+}
 
 std::vector<DefinitionReport> checkDefinitions(const std::string& directory) {
     namespace fs = std::filesystem;
     std::error_code error;
-    if (!fs::is_directory(directory, error))
+    if (!fs::is_directory(directory, error)) {
         throw std::runtime_error(fmt::format("\"{}\" is no folder{}", directory, error ? ": " + error.message() : ""));
+    }
     std::vector<fs::path> entries;
     for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
-         entry.increment(error))
+         entry.increment(error)) {
         entries.push_back(entry->path());
-    if (error)
+    }
+    if (error) {
         throw std::runtime_error(fmt::format("\"{}\" can't be read: {}", directory, error.message()));
+    }
     std::sort(entries.begin(), entries.end());
 
     std::vector<DefinitionReport> reports;
@@ -468,8 +504,9 @@ std::vector<DefinitionReport> checkDefinitions(const std::string& directory) {
         const auto skip = [&](const std::string& reason, bool mistake = false) {
             report.outcome = DefinitionReport::Outcome::NotRead;
             report.reason = reason;
-            if (mistake)
+            if (mistake) {
                 report.problems.push_back({true, 0, 0, reason});
+            }
         };
         const std::string extension = path.extension().string();
         if (fs::is_directory(path, error)) {
@@ -501,18 +538,20 @@ std::vector<DefinitionReport> checkDefinitions(const std::string& directory) {
             auto& report = reports[i];
             const auto& other = reports[k];
             if (i == k || report.outcome != DefinitionReport::Outcome::Registered ||
-                other.outcome != DefinitionReport::Outcome::Registered)
+                other.outcome != DefinitionReport::Outcome::Registered) {
                 continue;
-            if (report.identifier == other.identifier)
+            }
+            if (report.identifier == other.identifier) {
                 report.problems.push_back(
                     {true, 0, 0,
                      fmt::format("the identifier {} is also in \"{}\": the file that the file system gives last counts",
                                  report.identifier, other.file)});
-            else if (sameButForCase(report.className, other.className))
+            } else if (sameButForCase(report.className, other.className)) {
                 report.problems.push_back({true, 0, 0,
                                            fmt::format("the class name \"{}\" is also in \"{}\": only the file that "
                                                        "the file system gives first is registered",
                                                        report.className, other.file)});
+            }
         }
     }
     return reports;

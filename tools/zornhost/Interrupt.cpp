@@ -13,7 +13,9 @@ namespace {
 std::atomic<bool> endRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-void onSignal(int) { endRequested.store(true); }
+void onSignal(int) {
+    endRequested.store(true);
+}
 
 }  // namespace
 
@@ -27,21 +29,25 @@ void Interrupt::install() {
     // A terminal that goes away; under nohup it stays ignored.
     struct sigaction hangup {};
     ::sigaction(SIGHUP, nullptr, &hangup);
-    if (hangup.sa_handler != SIG_IGN)
+    if (hangup.sa_handler != SIG_IGN) {
         ::sigaction(SIGHUP, &action, nullptr);
+    }
     // A reader that is gone and a limit on the size of files show as failing writes.
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
-bool Interrupt::requested() { return endRequested.load(); }
+bool Interrupt::requested() {
+    return endRequested.load();
+}
 
 bool Interrupt::sleepMs(int milliseconds) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     while (!requested()) {
         const auto left = end - std::chrono::steady_clock::now();
-        if (left <= std::chrono::steady_clock::duration::zero())
+        if (left <= std::chrono::steady_clock::duration::zero()) {
             return false;
+        }
         std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(left, std::chrono::milliseconds(50)));
     }
     return true;

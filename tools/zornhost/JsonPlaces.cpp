@@ -19,18 +19,21 @@ JsonPlaces::JsonPlaces(std::string_view text) : text_(text) {
 
 JsonPlaces::Place JsonPlaces::find(std::string path) const {
     while (true) {
-        if (const auto found = offsets_.find(path); found != offsets_.end())
+        if (const auto found = offsets_.find(path); found != offsets_.end()) {
             return placeOf(found->second);
+        }
         const size_t slash = path.rfind('/');
-        if (slash == std::string::npos)
+        if (slash == std::string::npos) {
             return placeOf(0);
+        }
         path.resize(slash);
     }
 }
 
 std::optional<JsonPlaces::Place> JsonPlaces::repeatedKey() const {
-    if (!repeated_)
+    if (!repeated_) {
         return std::nullopt;
+    }
     return placeOf(*repeated_);
 }
 
@@ -42,14 +45,17 @@ JsonPlaces::Place JsonPlaces::placeOf(size_t offset) const {
 }
 
 void JsonPlaces::space() {
-    while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\n' || text_[at_] == '\r'))
+    while (at_ < text_.size() &&
+           (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\n' || text_[at_] == '\r')) {
         ++at_;
+    }
 }
 
 bool JsonPlaces::take(char character) {
     space();
-    if (failed_ || at_ >= text_.size() || text_[at_] != character)
+    if (failed_ || at_ >= text_.size() || text_[at_] != character) {
         return false;
+    }
     ++at_;
     return true;
 }
@@ -61,8 +67,9 @@ std::string JsonPlaces::string() {
         return {};
     }
     const size_t begin = at_;
-    while (at_ < text_.size() && text_[at_] != '"')
+    while (at_ < text_.size() && text_[at_] != '"') {
         at_ += text_[at_] == '\\' ? 2 : 1;
+    }
     if (at_ >= text_.size()) {
         failed_ = true;
         return {};
@@ -94,8 +101,9 @@ void JsonPlaces::value(const std::string& path, int depth) {
 
 void JsonPlaces::object(const std::string& path, int depth) {
     take('{');
-    if (take('}'))
+    if (take('}')) {
         return;
+    }
     std::set<std::string> keys;
     do {
         space();
@@ -105,20 +113,23 @@ void JsonPlaces::object(const std::string& path, int depth) {
             failed_ = true;
             return;
         }
-        if (!keys.insert(key).second && !repeated_)
+        if (!keys.insert(key).second && !repeated_) {
             repeated_ = begin;
+        }
         const std::string member = path + "/" + key;
         offsets_.emplace(member, begin);
         value(member, depth + 1);
     } while (take(','));
-    if (!take('}'))
+    if (!take('}')) {
         failed_ = true;
+    }
 }
 
 void JsonPlaces::list(const std::string& path, int depth) {
     take('[');
-    if (take(']'))
+    if (take(']')) {
         return;
+    }
     size_t index = 0;
     do {
         space();
@@ -126,8 +137,9 @@ void JsonPlaces::list(const std::string& path, int depth) {
         offsets_.emplace(item, at_);
         value(item, depth + 1);
     } while (take(','));
-    if (!take(']'))
+    if (!take(']')) {
         failed_ = true;
+    }
 }
 
 }  // namespace zornhost

@@ -50,11 +50,14 @@ Output::~Output() {
 
 void Output::data(std::string_view text) {
     endProgress();
-    if (std::fwrite(text.data(), 1, text.size(), data_) != text.size() || std::fflush(data_) != 0)
+    if (std::fwrite(text.data(), 1, text.size(), data_) != text.size() || std::fflush(data_) != 0) {
         good_ = false;
+    }
 }
 
-void Output::line(std::string_view text) { data(fmt::format("{}\n", text)); }
+void Output::line(std::string_view text) {
+    data(fmt::format("{}\n", text));
+}
 
 void Output::progress(std::string_view text) {
     writeError(progressIsTerminal_ ? fmt::format("\r\x1b[K{}", text) : fmt::format("{}\n", text));
@@ -62,8 +65,9 @@ void Output::progress(std::string_view text) {
 }
 
 void Output::endProgress() {
-    if (progressOpen_)
+    if (progressOpen_) {
         writeError("\n");
+    }
     progressOpen_ = false;
 }
 
@@ -73,19 +77,23 @@ void Output::message(std::string_view text) {
 }
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
-    if (rows.empty())
+    if (rows.empty()) {
         return {};
+    }
     std::vector<size_t> widths(rows.front().size(), 0);
     std::vector<bool> right(widths.size(), false);
-    for (size_t column = 0; column < widths.size(); ++column)
+    for (size_t column = 0; column < widths.size(); ++column) {
         right[column] = !rows.front()[column].empty() && rows.front()[column].front() == '>';
+    }
     const auto cell = [&](size_t row, size_t column) {
         const std::string& text = rows[row][column];
         return row == 0 && right[column] ? text.substr(1) : text;
     };
-    for (size_t row = 0; row < rows.size(); ++row)
-        for (size_t column = 0; column < widths.size(); ++column)
+    for (size_t row = 0; row < rows.size(); ++row) {
+        for (size_t column = 0; column < widths.size(); ++column) {
             widths[column] = std::max(widths[column], width(cell(row, column)));
+        }
+    }
 
     std::string result;
     for (size_t row = 0; row < rows.size(); ++row) {
@@ -103,8 +111,9 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
 }
 
 std::string formatNumber(double value, int digits) {
-    if (std::isnan(value))
+    if (std::isnan(value)) {
         return "-";
+    }
     return fmt::format("{:.{}g}", value, digits);
 }
 

@@ -11,13 +11,15 @@ namespace zornhost {
 
 // A value with its kind kept, for --json.
 Json toJson(const BasePtr& value) {
-    if (!value)
+    if (!value) {
         return nullptr;
+    }
     if (auto list = value.asPtrOrNull<IList>()) {
         Json items = Json::array();
         const ListPtr entries(list);
-        for (size_t i = 0, n = entries.getCount(); i < n; ++i)
+        for (size_t i = 0, n = entries.getCount(); i < n; ++i) {
             items.push_back(toJson(entries.getItemAt(i)));
+        }
         return items;
     }
     switch (coreTypeOf(value)) {
@@ -29,8 +31,9 @@ Json toJson(const BasePtr& value) {
             return fromValue<double>(value);
         case CoreType::Ratio: {
             const auto ratio = fromValue<Ratio>(value);
-            if (ratio.denominator == 1)
+            if (ratio.denominator == 1) {
                 return ratio.numerator;
+            }
             return valueText(value);
         }
         default:
@@ -39,8 +42,9 @@ Json toJson(const BasePtr& value) {
 }
 
 std::string typeName(const PropertyInfoPtr& info) {
-    if (info.isSelection() || info.getValueType() == CoreType::Enum)
+    if (info.isSelection() || info.getValueType() == CoreType::Enum) {
         return "selection";
+    }
     switch (info.getValueType()) {
         case CoreType::Bool:
             return "bool";
@@ -76,8 +80,9 @@ BasePtr readProperty(const GenericPropertyObjectPtr& node, const StringPtr& name
     try {
         return node.getPropertyValue<BasePtr>(name);
     } catch (const ZornException& failure) {
-        if (reason != nullptr)
+        if (reason != nullptr) {
             *reason = failure.what();
+        }
         return {};
     }
 }
@@ -85,7 +90,9 @@ BasePtr readProperty(const GenericPropertyObjectPtr& node, const StringPtr& name
 namespace {
 
 // Whether the value is a place in the list of choices.
-bool isChoice(const PropertyInfoPtr& info) { return info.isSelection() || info.getValueType() == CoreType::Enum; }
+bool isChoice(const PropertyInfoPtr& info) {
+    return info.isSelection() || info.getValueType() == CoreType::Enum;
+}
 
 }  // namespace
 
@@ -94,8 +101,9 @@ std::string shownValue(const PropertyInfoPtr& info, const BasePtr& value) {
     const ListPtr choices = info.getValuesAsList();
     if (value && isChoice(info)) {
         const auto index = fromValue<int64_t>(value);
-        if (index >= 0 && static_cast<size_t>(index) < choices.getCount())
+        if (index >= 0 && static_cast<size_t>(index) < choices.getCount()) {
             return fmt::format("{} ({})", index, valueText(choices.getItemAt(static_cast<size_t>(index))));
+        }
     }
     return valueText(value);
 }
@@ -106,15 +114,18 @@ BasePtr valueOf(const PropertyInfoPtr& info, const std::string& text) {
     const std::string bare = withUnit ? text.substr(0, text.size() - unit.size()) : text;
     if (isChoice(info)) {
         const ListPtr choices = info.getValuesAsList();
-        for (size_t i = 0, n = choices.getCount(); i < n; ++i)
-            if (const std::string choice = valueText(choices.getItemAt(i)); text == choice || bare == choice)
+        for (size_t i = 0, n = choices.getCount(); i < n; ++i) {
+            if (const std::string choice = valueText(choices.getItemAt(i)); text == choice || bare == choice) {
                 return toValue(i);
+            }
+        }
         // "#1" is the place where the text "1" is a choice of its own.
         const std::string place = text.starts_with('#') ? text.substr(1) : text;
         if (place.empty() || place.find_first_not_of("-0123456789") != std::string::npos) {
             std::string all;
-            for (size_t i = 0, n = choices.getCount(); i < n; ++i)
+            for (size_t i = 0, n = choices.getCount(); i < n; ++i) {
                 all += (i == 0 ? "" : ", ") + valueText(choices.getItemAt(i));
+            }
             throw UnknownName(
                 fmt::format("{} has no choice \"{}\"; it has {}{}", info.getName().toStdString(), text, all, unit));
         }
@@ -122,8 +133,9 @@ BasePtr valueOf(const PropertyInfoPtr& info, const std::string& text) {
     }
     switch (info.getValueType()) {
         case CoreType::Bool:
-            if (text == "on" || text == "off")
+            if (text == "on" || text == "off") {
                 return toValue(text == "on");
+            }
             return toValue(text);
         case CoreType::Int:
         case CoreType::Float:

@@ -29,8 +29,9 @@ BasePtr pairOf(int64_t base, int64_t request) {
 // The largest entry at or below the request, the smallest one for requests below all.
 Answer nearestOf(const std::vector<int64_t>& rates) {
     return [rates](int64_t request) {
-        if (rates.empty())
+        if (rates.empty()) {
             return int64_t{0};
+        }
         const auto above = std::upper_bound(rates.begin(), rates.end(), request);
         return above == rates.begin() ? rates.front() : *(above - 1);
     };
@@ -42,14 +43,18 @@ std::vector<int64_t> around(const std::vector<int64_t>& rates, int64_t request, 
     const auto runs = [&](int64_t rate) { return answer(std::max(rate, lowest)) == rate; };
     const auto middle = std::upper_bound(rates.begin(), rates.end(), request);
     std::vector<int64_t> chosen;
-    for (auto rate = middle; rate != rates.begin() && chosen.size() < count;)
-        if (runs(*--rate))
+    for (auto rate = middle; rate != rates.begin() && chosen.size() < count;) {
+        if (runs(*--rate)) {
             chosen.push_back(*rate);
+        }
+    }
     std::reverse(chosen.begin(), chosen.end());
     const size_t below = chosen.size();
-    for (auto rate = middle; rate != rates.end() && chosen.size() < below + count; ++rate)
-        if (runs(*rate))
+    for (auto rate = middle; rate != rates.end() && chosen.size() < below + count; ++rate) {
+        if (runs(*rate)) {
             chosen.push_back(*rate);
+        }
+    }
     return chosen;
 }
 
@@ -67,19 +72,23 @@ Instrument findInstrument(const HostTree& tree) {
         for (size_t slash = entry.path.rfind('/'); slash != std::string::npos && slash > 0;
              slash = entry.path.rfind('/', slash - 1)) {
             const auto node = tree.node(entry.path.substr(0, slash));
-            if (!node.node.hasProperty("BaseClock"))
+            if (!node.node.hasProperty("BaseClock")) {
                 continue;
+            }
             Instrument instrument{node.node, node.path, {}, {}};
             for (const auto& other : tree.channels()) {
                 if (other.path.compare(0, node.path.size() + 1, node.path + "/") != 0 ||
-                    !other.channel.hasProperty("CheckRate") || other.channel.getType() != 0)
+                    !other.channel.hasProperty("CheckRate") || other.channel.getType() != 0) {
                     continue;
+                }
                 // Raw samples have 16 bits, filtered ones 32.
                 const auto type = other.channel.getSampleDataType();
-                if (type == SampleDataType::Int16 && !instrument.raw)
+                if (type == SampleDataType::Int16 && !instrument.raw) {
                     instrument.raw = other;
-                if (type == SampleDataType::Int32 && !instrument.filtered)
+                }
+                if (type == SampleDataType::Int32 && !instrument.filtered) {
                     instrument.filtered = other;
+                }
             }
             return instrument;
         }
@@ -100,8 +109,9 @@ public:
 
     RateReport build() {
         const ListPtr clocks = instrument_.folder.getPropertyInfo("BaseClock").getValuesAsList();
-        for (size_t i = 0, n = clocks.getCount(); i < n; ++i)
+        for (size_t i = 0, n = clocks.getCount(); i < n; ++i) {
             addClock(fromValue<int64_t>(clocks.getItemAt(i)));
+        }
         return report_;
     }
 
@@ -111,26 +121,32 @@ private:
         current_ = clock == report_.clockInForce;
         lowest_ = rateOf(instrument_.folder, "MinSampleRate");
         std::vector<int64_t> systemRates;
-        for (const int64_t rate : divisorsOf(clock))
-            if (rate >= lowest_)
+        for (const int64_t rate : divisorsOf(clock)) {
+            if (rate >= lowest_) {
                 systemRates.push_back(rate);
+            }
+        }
         Answer system = nearestOf(systemRates);
-        if (current_)
+        if (current_) {
             system = [this](int64_t rate) { return call(module_, "CheckSampleRate", toValue(Ratio{rate, 1})); };
+        }
         // At another clock the rates in force may be impossible and would move.
         const int64_t systemRate = current_ ? rateOf(module_, "SampleRate") : system(rateOf(module_, "SampleRate"));
         addLevel("system", rootName_, clock, systemRates, system, systemRate);
 
         std::vector<int64_t> deviceRates;
-        for (const int64_t rate : divisorsOf(systemRate))
-            if (rate >= lowest_ && clock % rate == 0)
+        for (const int64_t rate : divisorsOf(systemRate)) {
+            if (rate >= lowest_ && clock % rate == 0) {
                 deviceRates.push_back(rate);
+            }
+        }
         // No device is faster than the system.
         Answer device = nearestOf(deviceRates);
-        if (current_)
+        if (current_) {
             device = [this, systemRate](int64_t rate) {
                 return call(instrument_.folder, "CheckRate", pairOf(systemRate, std::min(rate, systemRate)));
             };
+        }
         const int64_t inForce = rateOf(instrument_.folder, "SampleRate");
         const int64_t deviceRate = current_ || device(inForce) == inForce ? inForce : systemRate;
         addLevel("device", instrument_.path, systemRate, deviceRates, device, deviceRate);
@@ -157,9 +173,9 @@ private:
     // How the channels of one stream divide the device's rate.
     struct Stream {
         ChannelPtr<> channel;
-        int64_t lowest;                  // what a request below it counts as
+        int64_t lowest;  // what a request below it counts as
         Answer answer;
-        std::vector<int64_t> nearby;     // rates around the request
+        std::vector<int64_t> nearby;  // rates around the request
         std::function<bool(int64_t)> runs;
     };
 
@@ -210,23 +226,27 @@ private:
             const int64_t rate = std::max(std::min(request, highest), lowest);
             return (deviceRate + rate - 1) / rate;
         };
-        if (!current_)
+        if (!current_) {
             stream.answer = [deviceRate, dividerFor](int64_t request) { return deviceRate / dividerFor(request); };
+        }
         stream.runs = [deviceRate, lowest = stream.lowest, answer = stream.answer](int64_t rate) {
-            if (rate < 1 || rate > deviceRate)
+            if (rate < 1 || rate > deviceRate) {
                 return false;
+            }
             const int64_t divider = deviceRate / rate;
             return deviceRate / divider == rate &&
                    answer(std::max((deviceRate + divider - 1) / divider, lowest)) == rate;
         };
         const int64_t first = dividerFor(report_.request);
         size_t found = 0;
-        for (int64_t divider = first; found < count_ && stream.runs(deviceRate / divider); ++divider, ++found)
+        for (int64_t divider = first; found < count_ && stream.runs(deviceRate / divider); ++divider, ++found) {
             stream.nearby.push_back(deviceRate / divider);
+        }
         found = 0;
         for (int64_t divider = first - 1; found < count_ && divider >= 1 && stream.runs(deviceRate / divider);
-             --divider, ++found)
+             --divider, ++found) {
             stream.nearby.push_back(deviceRate / divider);
+        }
         return stream;
     }
 
@@ -234,13 +254,16 @@ private:
     Stream filteredStream(const ChannelPtr<>& channel, int64_t deviceRate) const {
         Stream stream{channel, channelLowest(channel), channelAnswer(channel, deviceRate), {}, {}};
         std::vector<int64_t> rates;
-        for (const int64_t rate : divisorsOf(deviceRate))
-            if (filterChain(clock_, rate))
+        for (const int64_t rate : divisorsOf(deviceRate)) {
+            if (filterChain(clock_, rate)) {
                 rates.push_back(rate);
-        if (!current_)
+            }
+        }
+        if (!current_) {
             stream.answer = [nearest = nearestOf(rates), lowest = stream.lowest](int64_t rate) {
                 return nearest(std::max(rate, lowest));
             };
+        }
         stream.runs = [rates, lowest = stream.lowest, answer = stream.answer](int64_t rate) {
             return std::binary_search(rates.begin(), rates.end(), rate) && answer(std::max(rate, lowest)) == rate;
         };

@@ -11,23 +11,23 @@ namespace zornhost {
 
 // One rate that a level can run at. A stream that can't has nothing.
 struct LegalRate {
-    int64_t rate = 0;                    // S/s, as the host shows it
-    std::optional<int64_t> rawDivider;   // ticks of the base clock per sample of the raw stream
+    int64_t rate = 0;                   // S/s, as the host shows it
+    std::optional<int64_t> rawDivider;  // ticks of the base clock per sample of the raw stream
     std::optional<FilterChain> filtered;
     // Notes, by stream; the same for both above the channels.
     bool rawInForce = false;
     bool filteredInForce = false;
-    bool rawAnswer = false;              // what the request becomes
+    bool rawAnswer = false;  // what the request becomes
     bool filteredAnswer = false;
 };
 
 // The legal rates of one level at one base clock, around a request.
 struct RateLevel {
-    std::string level;     // "system", "device", "channel"
-    std::string name;      // as in the tree
-    int64_t clock = 0;     // Hz
+    std::string level;  // "system", "device", "channel"
+    std::string name;   // as in the tree
+    int64_t clock = 0;  // Hz
     bool clockInForce = false;
-    int64_t of = 0;        // the rate that this level divides; the clock for the system
+    int64_t of = 0;  // the rate that this level divides; the clock for the system
     std::vector<LegalRate> rates;
 };
 

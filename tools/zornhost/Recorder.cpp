@@ -44,24 +44,29 @@ std::string counted(uint64_t count, const char* one, const char* many) {
 
 uint64_t RecordingReport::samples() const {
     uint64_t sum = 0;
-    for (const auto& channel : channels)
+    for (const auto& channel : channels) {
         sum += channel.samples;
+    }
     return sum;
 }
 
 uint64_t RecordingReport::lost() const {
     uint64_t sum = 0;
-    for (const auto& channel : channels)
+    for (const auto& channel : channels) {
         sum += channel.lost;
+    }
     return sum;
 }
 
-uint64_t RecordingReport::gaps() const { return gapTable.size(); }
+uint64_t RecordingReport::gaps() const {
+    return gapTable.size();
+}
 
 double RecordingReport::worstFill() const {
     double worst = 0.0;
-    for (const auto& channel : channels)
+    for (const auto& channel : channels) {
         worst = std::max(worst, channel.worstFill);
+    }
     return worst;
 }
 
@@ -69,37 +74,46 @@ std::string RecordingReport::verdict() const {
     std::string text = fmt::format("{} {} for {:.1f} s: {}, ", keeps ? "Recorded" : "Acquired",
                                    counted(channels.size(), "channel", "channels"), durationS,
                                    counted(samples(), "sample", "samples"));
-    if (lost() == 0 && gaps() == 0 && moduleReports == 0)
+    if (lost() == 0 && gaps() == 0 && moduleReports == 0) {
         text += "none lost.";
-    else
+    } else {
         text += fmt::format("{} LOST in {}.", lost(), counted(gaps(), "gap", "gaps"));
+    }
     text += fmt::format(" Worst fill of a ring {:.0f} %, longest stall of the writer {:.0f} ms.", 100.0 * worstFill(),
                         1000.0 * longestWriterStallS);
-    if (moduleReports > 0)
+    if (moduleReports > 0) {
         text += fmt::format(" The module reported lost data {}.", counted(moduleReports, "time", "times"));
-    if (!keeps)
+    }
+    if (!keeps) {
         text += fmt::format(" Nothing was written: {} keeps no file.", file);
-    if (interrupted)
+    }
+    if (interrupted) {
         text += " Ended by the user.";
-    if (!stopFailure.empty())
+    }
+    if (!stopFailure.empty()) {
         text += fmt::format(" The acquisition did not stop cleanly: {}.", stopFailure);
-    if (!error.empty())
+    }
+    if (!error.empty()) {
         text += fmt::format(" ENDED EARLY: {}.", error);
+    }
     return text;
 }
 
 Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, const Scheduler& scheduler)
     : options_(std::move(options)) {
     for (const auto& entry : channels) {
-        if (!entry.channel.getActive() || entry.channel.getType() != 0 || entry.channel.getBuffer().getCapacity() == 0)
+        if (!entry.channel.getActive() || entry.channel.getType() != 0 ||
+            entry.channel.getBuffer().getCapacity() == 0) {
             continue;
+        }
         const Ratio ratio = entry.channel.getSampleRate();
         const double rate = static_cast<double>(ratio.numerator) / static_cast<double>(ratio.denominator);
         streams_.push_back(std::unique_ptr<Stream>(new Stream{
             entry, rate, RingReader(entry.channel, scheduler), ClockCheck(rate), 0, {}, 0, 0, {}, {}, {}, 0}));
     }
-    if (streams_.empty())
+    if (streams_.empty()) {
         throw RecordingError(fmt::format("{}: no channel is in use, there is nothing to record", options_.file));
+    }
 
     sink_ = openSink(options_.file);
     for (auto& stream : streams_) {
@@ -117,13 +131,15 @@ Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, c
 
 Recorder::~Recorder() {
     stop_.store(true);
-    if (thread_.joinable())
+    if (thread_.joinable()) {
         thread_.join();
+    }
 }
 
 void Recorder::start(int64_t startTimeUs) {
-    for (const auto& stream : streams_)
+    for (const auto& stream : streams_) {
         sink_->describeChannel(stream->sinkChannel, describe(stream->entry, stream->rate));
+    }
     sink_->setStartTime(startTimeUs);
     sink_->flush();
     startTime_ = lastFlush_ = std::chrono::steady_clock::now();
@@ -131,7 +147,9 @@ void Recorder::start(int64_t startTimeUs) {
     thread_ = std::thread([this] { run(); });
 }
 
-double Recorder::elapsedS() const { return secondsSince(startTime_); }
+double Recorder::elapsedS() const {
+    return secondsSince(startTime_);
+}
 
 void Recorder::run() {
     try {
@@ -154,15 +172,17 @@ void Recorder::pass() {
         while (stream->reader.next() < end && drain(*stream)) {
         }
         checkClock(*stream);
-        if (secondsSince(lastFlush_) * 1000.0 >= options_.flushMs)
+        if (secondsSince(lastFlush_) * 1000.0 >= options_.flushMs) {
             flush();
+        }
     }
     noteModuleReports();
 }
 
 void Recorder::flush() {
-    for (auto& stream : streams_)
+    for (auto& stream : streams_) {
         writeStaged(*stream);
+    }
     sink_->flush();
     for (auto& stream : streams_) {
         stream->flushed = stream->report;
@@ -192,11 +212,13 @@ bool Recorder::drain(Stream& stream) {
                             static_cast<double>(firstMissing) / stream.rate, "the writer could not keep up", false});
     }
     if (piece.samples > 0) {
-        if (stream.staged == 0)
+        if (stream.staged == 0) {
             stream.stagedIndex = piece.firstIndex;
+        }
         stream.staged += piece.samples;
-        if (stream.staged == chunk || stream.reader.next() % chunk == 0)
+        if (stream.staged == chunk || stream.reader.next() % chunk == 0) {
             writeStaged(stream);
+        }
     }
     return piece.samples > 0;
 }
@@ -204,8 +226,9 @@ bool Recorder::drain(Stream& stream) {
 void Recorder::checkClock(Stream& stream) {
     const uint64_t acquired = stream.reader.acquired();
     const auto missing = stream.clock.observe(elapsedS(), acquired);
-    if (!missing)
+    if (!missing) {
         return;
+    }
     // A stream that stands still is one gap that grows.
     if (stream.estimatedGap && report_.gapTable[*stream.estimatedGap].firstIndex == acquired) {
         Gap& gap = report_.gapTable[*stream.estimatedGap];
@@ -221,8 +244,9 @@ void Recorder::checkClock(Stream& stream) {
 }
 
 void Recorder::writeStaged(Stream& stream) {
-    if (stream.staged == 0)
+    if (stream.staged == 0) {
         return;
+    }
     sink_->write(stream.sinkChannel, stream.stagedIndex, stream.staging.data(), stream.staged);
     stream.report.samples += stream.staged;
     samplesWritten_.fetch_add(stream.staged);
@@ -243,8 +267,9 @@ void Recorder::addGap(Stream* stream, Gap gap) {
 void Recorder::noteModuleReports() {
     const uint64_t reports = moduleReports_.load();
     const double nowS = elapsedS();
-    if (reports == moduleReportsSeen_ || (moduleReportsSeen_ > 0 && nowS - lastModuleRowS_ < moduleRowIntervalS))
+    if (reports == moduleReportsSeen_ || (moduleReportsSeen_ > 0 && nowS - lastModuleRowS_ < moduleRowIntervalS)) {
         return;
+    }
     moduleReportsSeen_ = reports;
     lastModuleRowS_ = nowS;
     addGap(nullptr, Gap{"", 0, 0, nowS, "the module reported lost data", true});
@@ -256,10 +281,15 @@ void Recorder::countUnwritten(Stream& stream) {
     stream.report = stream.flushed;
     stream.report.worstFill = worstFill;
     const uint64_t acquired = stream.reader.acquired();
-    if (acquired == stream.flushedEnd)
+    if (acquired == stream.flushedEnd) {
         return;
-    const Gap gap{stream.entry.path, stream.flushedEnd, acquired - stream.flushedEnd,
-                  static_cast<double>(stream.flushedEnd) / stream.rate, "the recording had ended early", false};
+    }
+    const Gap gap{stream.entry.path,
+                  stream.flushedEnd,
+                  acquired - stream.flushedEnd,
+                  static_cast<double>(stream.flushedEnd) / stream.rate,
+                  "the recording had ended early",
+                  false};
     stream.report.lost += gap.length;
     ++stream.report.gaps;
     report_.gapTable.push_back(gap);
@@ -267,8 +297,9 @@ void Recorder::countUnwritten(Stream& stream) {
 
 RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailure) {
     stop_.store(true);
-    if (thread_.joinable())
+    if (thread_.joinable()) {
         thread_.join();
+    }
     report_.durationS = elapsedS();
     report_.interrupted = interrupted;
     report_.stopFailure = stopFailure;
@@ -278,10 +309,11 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
             for (auto& stream : streams_) {
                 while (drain(*stream)) {
                 }
-                if (stream->reader.acquired() == 0 && (report_.durationS - firstSampleS) * stream->rate >= 1.0)
+                if (stream->reader.acquired() == 0 && (report_.durationS - firstSampleS) * stream->rate >= 1.0) {
                     addGap(stream.get(),
                            Gap{stream->entry.path, 0, static_cast<uint64_t>(report_.durationS * stream->rate), 0.0,
                                "no sample has come", true});
+                }
             }
             lastModuleRowS_ = -moduleRowIntervalS;
             noteModuleReports();
@@ -291,16 +323,18 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
         }
     }
     for (auto& stream : streams_) {
-        if (!report_.error.empty())
+        if (!report_.error.empty()) {
             countUnwritten(*stream);
+        }
         report_.channels.push_back(stream->report);
         report_.bytes += stream->report.samples * stream->reader.sampleSize();
     }
     try {
         sink_->close(report_.verdict(), report_.error.empty());
     } catch (const std::exception& failure) {
-        if (report_.error.empty())
+        if (report_.error.empty()) {
             report_.error = failure.what();
+        }
     }
     return report_;
 }

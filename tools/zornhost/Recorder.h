@@ -20,10 +20,10 @@ struct ChannelReport {
     std::string label;
     std::string path;
     double sampleRate = 0.0;
-    uint64_t samples = 0;     // written; of a recording that failed those of the last flush
-    uint64_t lost = 0;        // known and estimated
+    uint64_t samples = 0;  // written; of a recording that failed those of the last flush
+    uint64_t lost = 0;     // known and estimated
     uint64_t gaps = 0;
-    double worstFill = 0.0;   // share of the ring, 0 to 1
+    double worstFill = 0.0;  // share of the ring, 0 to 1
 };
 
 struct RecordingReport {
@@ -31,13 +31,13 @@ struct RecordingReport {
     double durationS = 0.0;
     std::vector<ChannelReport> channels;
     std::vector<Gap> gapTable;
-    uint64_t moduleReports = 0;      // how often the module said that data was lost
+    uint64_t moduleReports = 0;  // how often the module said that data was lost
     double longestWriterStallS = 0.0;
     uint64_t bytes = 0;
-    bool keeps = true;               // false: nothing was written, the samples were only taken
+    bool keeps = true;  // false: nothing was written, the samples were only taken
     bool interrupted = false;
-    std::string error;               // why the recording ended early; empty when it didn't
-    std::string stopFailure;         // why the acquisition did not stop cleanly; empty when it did
+    std::string error;        // why the recording ended early; empty when it didn't
+    std::string stopFailure;  // why the acquisition did not stop cleanly; empty when it did
 
     uint64_t samples() const;
     uint64_t lost() const;
@@ -92,8 +92,8 @@ private:
         uint64_t stagedIndex = 0;            // index of the first of them in the file
         std::optional<size_t> estimatedGap;  // row of the latest gap that the clock has shown
         ChannelReport report;
-        ChannelReport flushed;               // as of the last flush
-        uint64_t flushedEnd = 0;             // index behind the last sample of it
+        ChannelReport flushed;    // as of the last flush
+        uint64_t flushedEnd = 0;  // index behind the last sample of it
     };
 
     void run();

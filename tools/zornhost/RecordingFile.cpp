@@ -87,8 +87,9 @@ bool writeAttribute(hid_t object, const std::string& name, hid_t type, const voi
     if (H5Aexists(object, name.c_str()) > 0) {
         const Hid present(H5Aopen(object, name.c_str(), H5P_DEFAULT), H5Aclose);
         const Hid stored(H5Aget_type(present.get()), H5Tclose);
-        if (H5Tequal(stored.get(), type) > 0)
+        if (H5Tequal(stored.get(), type) > 0) {
             return H5Awrite(present.get(), type, value) >= 0;
+        }
         H5Adelete(object, name.c_str());
     }
     const Hid space(H5Screate(H5S_SCALAR), H5Sclose);
@@ -123,8 +124,9 @@ void keepQuiet() {
 
 // The innermost text of HDF5's error stack: it holds the system's reason.
 herr_t takeDescription(unsigned, const H5E_error2_t* entry, void* target) {
-    if (entry->desc != nullptr && *entry->desc != 0)
+    if (entry->desc != nullptr && *entry->desc != 0) {
         *static_cast<std::string*>(target) = entry->desc;
+    }
     return 0;
 }
 
@@ -136,39 +138,48 @@ void RecordingFile::abandon() {
     abandoned_ = true;
     void* driver = nullptr;
     const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (nothing >= 0 && H5Fget_vfd_handle(handle_.get(), H5P_DEFAULT, &driver) >= 0)
+    if (nothing >= 0 && H5Fget_vfd_handle(handle_.get(), H5P_DEFAULT, &driver) >= 0) {
         ::dup2(nothing, *static_cast<int*>(driver));
-    if (nothing >= 0)
+    }
+    if (nothing >= 0) {
         ::close(nothing);
+    }
 }
 
 void RecordingFile::fail(const std::string& what) {
     const int systemError = errno;
     std::string reason;
-    H5Ewalk2(H5E_DEFAULT, H5E_WALK_UPWARD, [](unsigned n, const H5E_error2_t* entry, void* target) -> herr_t {
-        return n == 0 ? takeDescription(n, entry, target) : 0;
-    }, &reason);
-    if (systemError != 0 && reason.find("errno") == std::string::npos)
+    H5Ewalk2(
+        H5E_DEFAULT, H5E_WALK_UPWARD,
+        [](unsigned n, const H5E_error2_t* entry, void* target) -> herr_t {
+            return n == 0 ? takeDescription(n, entry, target) : 0;
+        },
+        &reason);
+    if (systemError != 0 && reason.find("errno") == std::string::npos) {
         reason += fmt::format("{}{}", reason.empty() ? "" : ": ", std::strerror(systemError));
+    }
     const size_t text = reason.find("error message = '");
     if (text != std::string::npos) {
         const size_t begin = text + std::strlen("error message = '");
         reason = reason.substr(begin, reason.find('\'', begin) - begin);
     }
-    if (handle_.valid())
+    if (handle_.valid()) {
         abandon();
+    }
     throw RecordingError(fmt::format("{}: cannot {}{}{}", file_, what, reason.empty() ? "" : ": ", reason));
 }
 
 // HDF5 empties a file before it asks for the lock: another recording that runs into it would be gone.
 void RecordingFile::refuseFileInUse() const {
     const int descriptor = ::open(file_.c_str(), O_RDWR | O_CLOEXEC);
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return;
+    }
     const bool used = ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     ::close(descriptor);
-    if (used)
+    if (used) {
         throw RecordingError(fmt::format("{}: another program has it open; a recording may be running into it", file_));
+    }
 }
 
 RecordingFile::RecordingFile(const std::string& file) : file_(file) {
@@ -186,8 +197,9 @@ RecordingFile::RecordingFile(const std::string& file) : file_(file) {
     const Hid creation(H5Pcreate(H5P_FILE_CREATE), H5Pclose);
     H5Pset_istore_k(creation.get(), indexOrder);
     handle_ = Hid(H5Fcreate(file.c_str(), H5F_ACC_TRUNC, creation.get(), access.get()), H5Fclose);
-    if (!handle_.valid())
+    if (!handle_.valid()) {
         fail("create the file");
+    }
 
     gapType_ = Hid(H5Tcreate(H5T_COMPOUND, sizeof(GapRow)), H5Tclose);
     const Hid channelText = fixedText(channelTextSize);
@@ -204,11 +216,12 @@ RecordingFile::RecordingFile(const std::string& file) : file_(file) {
     const Hid space(H5Screate_simple(1, &none, &unlimited), H5Sclose);
     const Hid properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     H5Pset_chunk(properties.get(), 1, &chunk);
-    gaps_ = Hid(H5Dcreate2(handle_.get(), "gaps", gapType_.get(), space.get(), H5P_DEFAULT, properties.get(),
-                           H5P_DEFAULT),
-                H5Dclose);
-    if (!gaps_.valid())
+    gaps_ =
+        Hid(H5Dcreate2(handle_.get(), "gaps", gapType_.get(), space.get(), H5P_DEFAULT, properties.get(), H5P_DEFAULT),
+            H5Dclose);
+    if (!gaps_.valid()) {
         fail("create the table of gaps");
+    }
     // The end of the recording only fills these in: a process killed at that moment leaves a whole file.
     setNumber("complete", 0);
     writeVerdict("");
@@ -218,9 +231,10 @@ RecordingFile::~RecordingFile() = default;
 
 size_t RecordingFile::addChannel(const ChannelInfo& info) {
     const hid_t native = nativeType(info.type);
-    if (native < 0 || H5Tget_size(native) != info.sampleSize)
+    if (native < 0 || H5Tget_size(native) != info.sampleSize) {
         throw RecordingError(
             fmt::format("{}: channel \"{}\" has a sample type that can't be recorded", file_, info.path));
+    }
     Channel channel;
     channel.type = Hid(H5Tcopy(native), H5Tclose);
     const hsize_t none = 0;
@@ -237,11 +251,12 @@ size_t RecordingFile::addChannel(const ChannelInfo& info) {
     const Hid links(H5Pcreate(H5P_LINK_CREATE), H5Pclose);
     H5Pset_create_intermediate_group(links.get(), 1);
     H5Pset_char_encoding(links.get(), H5T_CSET_UTF8);
-    channel.dataset = Hid(H5Dcreate2(handle_.get(), info.path.c_str(), native, space.get(), links.get(),
-                                     properties.get(), access.get()),
-                          H5Dclose);
-    if (!channel.dataset.valid())
+    channel.dataset = Hid(
+        H5Dcreate2(handle_.get(), info.path.c_str(), native, space.get(), links.get(), properties.get(), access.get()),
+        H5Dclose);
+    if (!channel.dataset.valid()) {
         fail(fmt::format("create the dataset of channel \"{}\"", info.path));
+    }
     channels_.push_back(std::move(channel));
     describeChannel(channels_.size() - 1, info);
     return channels_.size() - 1;
@@ -254,23 +269,27 @@ void RecordingFile::describeChannel(size_t number, const ChannelInfo& info) {
                          writeNumber(set, "offset", info.offset) && writeNumber(set, "range_min", info.rangeMin) &&
                          writeNumber(set, "range_max", info.rangeMax) &&
                          writeNumber(set, "sample_rate", info.sampleRate);
-    if (!written)
+    if (!written) {
         fail(fmt::format("describe channel \"{}\"", info.path));
+    }
 }
 
 void RecordingFile::setAttribute(const std::string& name, const std::string& text) {
-    if (!writeText(handle_.get(), name, text))
+    if (!writeText(handle_.get(), name, text)) {
         fail(fmt::format("write the attribute \"{}\"", name));
+    }
 }
 
 void RecordingFile::writeVerdict(const std::string& text) {
-    if (!writeText(handle_.get(), "verdict", text, verdictTextSize))
+    if (!writeText(handle_.get(), "verdict", text, verdictTextSize)) {
         fail("write the verdict");
+    }
 }
 
 void RecordingFile::setNumber(const std::string& name, int64_t value) {
-    if (!writeAttribute(handle_.get(), name, H5T_NATIVE_INT64, &value))
+    if (!writeAttribute(handle_.get(), name, H5T_NATIVE_INT64, &value)) {
         fail(fmt::format("write the attribute \"{}\"", name));
+    }
 }
 
 void RecordingFile::setStartTime(int64_t microseconds) {
@@ -279,21 +298,24 @@ void RecordingFile::setStartTime(int64_t microseconds) {
     setNumber("start_time_us", microseconds);
     for (const auto& channel : channels_) {
         if (!writeText(channel.dataset.get(), "start_time", text) ||
-            !writeAttribute(channel.dataset.get(), "start_time_us", H5T_NATIVE_INT64, &microseconds))
+            !writeAttribute(channel.dataset.get(), "start_time_us", H5T_NATIVE_INT64, &microseconds)) {
             fail("write the start time");
+        }
     }
 }
 
 void RecordingFile::write(size_t number, uint64_t index, const void* samples, size_t count) {
-    if (count == 0)
+    if (count == 0) {
         return;
+    }
     Channel& channel = channels_[number];
     keepQuiet();
     errno = 0;
     if (index + count > channel.size) {
         const hsize_t size = index + count;
-        if (H5Dset_extent(channel.dataset.get(), &size) < 0)
+        if (H5Dset_extent(channel.dataset.get(), &size) < 0) {
             fail("extend the recording");
+        }
         channel.size = size;
     }
     const hsize_t start = index;
@@ -301,8 +323,9 @@ void RecordingFile::write(size_t number, uint64_t index, const void* samples, si
     const Hid target(H5Dget_space(channel.dataset.get()), H5Sclose);
     H5Sselect_hyperslab(target.get(), H5S_SELECT_SET, &start, nullptr, &length, nullptr);
     const Hid source(H5Screate_simple(1, &length, nullptr), H5Sclose);
-    if (H5Dwrite(channel.dataset.get(), channel.type.get(), source.get(), target.get(), H5P_DEFAULT, samples) < 0)
+    if (H5Dwrite(channel.dataset.get(), channel.type.get(), source.get(), target.get(), H5P_DEFAULT, samples) < 0) {
         fail("write samples");
+    }
 }
 
 void RecordingFile::putGap(uint64_t number, const Gap& gap) {
@@ -319,15 +342,17 @@ void RecordingFile::putGap(uint64_t number, const Gap& gap) {
     const hsize_t one = 1;
     if (number >= gapCount_) {
         const hsize_t size = number + 1;
-        if (H5Dset_extent(gaps_.get(), &size) < 0)
+        if (H5Dset_extent(gaps_.get(), &size) < 0) {
             fail("extend the table of gaps");
+        }
         gapCount_ = size;
     }
     const Hid target(H5Dget_space(gaps_.get()), H5Sclose);
     H5Sselect_hyperslab(target.get(), H5S_SELECT_SET, &start, nullptr, &one, nullptr);
     const Hid source(H5Screate_simple(1, &one, nullptr), H5Sclose);
-    if (H5Dwrite(gaps_.get(), gapType_.get(), source.get(), target.get(), H5P_DEFAULT, &row) < 0)
+    if (H5Dwrite(gaps_.get(), gapType_.get(), source.get(), target.get(), H5P_DEFAULT, &row) < 0) {
         fail("write the table of gaps");
+    }
 }
 
 // Metadata must reach the disk as a whole at a flush and never in between, or a process killed at that moment would
@@ -335,8 +360,9 @@ void RecordingFile::putGap(uint64_t number, const Gap& gap) {
 void RecordingFile::keepMetadataInMemory(bool keep) {
     H5AC_cache_config_t config{};
     config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
-    if (H5Fget_mdc_config(handle_.get(), &config) < 0)
+    if (H5Fget_mdc_config(handle_.get(), &config) < 0) {
         return;
+    }
     config.evictions_enabled = keep ? 0 : 1;
     config.incr_mode = H5C_incr__off;
     config.flash_incr_mode = H5C_flash_incr__off;
@@ -348,26 +374,30 @@ void RecordingFile::flush() {
     keepQuiet();
     errno = 0;
     keepMetadataInMemory(false);
-    if (H5Fflush(handle_.get(), H5F_SCOPE_GLOBAL) < 0)
+    if (H5Fflush(handle_.get(), H5F_SCOPE_GLOBAL) < 0) {
         fail("flush the recording");
+    }
     keepMetadataInMemory(true);
 }
 
 void RecordingFile::close(const std::string& verdict, bool complete) {
     keepQuiet();
-    if (!handle_.valid() || abandoned_)
+    if (!handle_.valid() || abandoned_) {
         return;
+    }
     writeVerdict(verdict);
     setNumber("complete", complete ? 1 : 0);
     flush();
     keepMetadataInMemory(false);
     errno = 0;
     bool closed = true;
-    for (auto& channel : channels_)
+    for (auto& channel : channels_) {
         closed = channel.dataset.reset() >= 0 && closed;
+    }
     closed = gaps_.reset() >= 0 && closed;
-    if (handle_.reset() < 0 || !closed)
+    if (handle_.reset() < 0 || !closed) {
         fail("close the file");
+    }
 }
 
 }  // namespace zornhost

@@ -12,8 +12,8 @@
 // A recording on disk: HDF5, readable by any tool for it.
 //
 //   /<channel path>            one dataset a channel, one dimension, in the channel's own integer or float type,
-//                              chunked. Element i is the sample i/rate seconds after the start; lost samples are left at
-//                              the fill value (the type's lowest number).
+//                              chunked. Element i is the sample i/rate seconds after the start; lost samples are left
+//                              at the fill value (the type's lowest number).
 //       attributes             name, unit, scale, offset (physical = raw * scale + offset), range_min, range_max,
 //                              sample_rate (Hz), start_time (ISO 8601, UTC), start_time_us (since 1970), node_id
 //   /gaps                      table: channel, first_index, length (samples), time (s since the start), cause,

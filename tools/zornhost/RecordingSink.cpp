@@ -23,26 +23,34 @@ bool isNull(const struct stat& status) {
 
 const char* kindOf(const struct stat& status) {
     switch (status.st_mode & S_IFMT) {
-        case S_IFDIR: return "a folder";
-        case S_IFCHR: return "a character device";
-        case S_IFBLK: return "a block device";
-        case S_IFIFO: return "a pipe";
-        default: return "a socket";
+        case S_IFDIR:
+            return "a folder";
+        case S_IFCHR:
+            return "a character device";
+        case S_IFBLK:
+            return "a block device";
+        case S_IFIFO:
+            return "a pipe";
+        default:
+            return "a socket";
     }
 }
 
 }  // namespace
 
 std::unique_ptr<RecordingSink> openSink(const std::string& file) {
-    if (file.empty())
+    if (file.empty()) {
         throw RecordingError("the file to record into has no name");
+    }
     struct stat status {};
     if (::stat(file.c_str(), &status) == 0) {
-        if (isNull(status))
+        if (isNull(status)) {
             return std::make_unique<NullSink>();
-        if (!S_ISREG(status.st_mode))
+        }
+        if (!S_ISREG(status.st_mode)) {
             throw RecordingError(fmt::format("{}: is {}; a recording goes into a file, or to /dev/null to keep nothing",
                                              file, kindOf(status)));
+        }
     }
     return std::make_unique<RecordingFile>(file);
 }

@@ -22,7 +22,7 @@ struct Gap {
     uint64_t length = 0;      // samples
     double timeS = 0.0;       // of the first missing sample, since the start
     std::string cause;
-    bool estimated = false;   // length and place are taken from the clock, not counted
+    bool estimated = false;  // length and place are taken from the clock, not counted
 };
 
 struct ChannelInfo {

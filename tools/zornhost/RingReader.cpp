@@ -19,7 +19,9 @@ RingReader::RingReader(const ChannelPtr<>& channel, const Scheduler& scheduler)
     sampleSize_ = buffer.getSampleSize();
 }
 
-uint64_t RingReader::acquired() const { return static_cast<uint64_t>(channel_.getSamplesAcquired()); }
+uint64_t RingReader::acquired() const {
+    return static_cast<uint64_t>(channel_.getSamplesAcquired());
+}
 
 double RingReader::fill() const {
     return capacity_ == 0 ? 0.0 : static_cast<double>(acquired() - next_) / static_cast<double>(capacity_);
@@ -28,8 +30,9 @@ double RingReader::fill() const {
 RingReader::Result RingReader::read(void* target, size_t maximum) {
     Result result;
     result.firstIndex = next_;
-    if (capacity_ == 0)
+    if (capacity_ == 0) {
         return result;
+    }
 
     // What the writer has already gone over can't be had; half a ring of distance keeps the next attempts clear of it.
     const auto skipOverwritten = [&](uint64_t acquiredNow) {
@@ -41,17 +44,19 @@ RingReader::Result RingReader::read(void* target, size_t maximum) {
 
     for (int attempt = 0; attempt < 3; ++attempt) {
         const uint64_t available = acquired();
-        if (available - next_ > capacity_)
+        if (available - next_ > capacity_) {
             skipOverwritten(available);
+        }
         const size_t slot = static_cast<size_t>(next_ % capacity_);
-        const size_t count =
-            std::min({maximum, static_cast<size_t>(available - next_), capacity_ - slot});
-        if (count == 0)
+        const size_t count = std::min({maximum, static_cast<size_t>(available - next_), capacity_ - slot});
+        if (count == 0) {
             return result;
+        }
         std::memcpy(target, data_ + slot * sampleSize_, count * sampleSize_);
 
-        if (!scheduler_.waitForCycleEnd(cycleEndTimeoutMs))
+        if (!scheduler_.waitForCycleEnd(cycleEndTimeoutMs)) {
             return result;  // a cycle that hangs may be writing there: what was copied can't be trusted yet
+        }
         const uint64_t acquiredNow = acquired();
         if (acquiredNow - next_ <= capacity_) {
             result.samples = count;

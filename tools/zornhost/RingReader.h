@@ -16,9 +16,9 @@ class RingReader {
 public:
     // What one call of `read` found.
     struct Result {
-        size_t samples = 0;        // copied into the caller's memory, oldest first
-        uint64_t firstIndex = 0;   // index of the first of them since the start of the acquisition
-        uint64_t lost = 0;         // samples in front of them that the writer went over before they could be read
+        size_t samples = 0;       // copied into the caller's memory, oldest first
+        uint64_t firstIndex = 0;  // index of the first of them since the start of the acquisition
+        uint64_t lost = 0;        // samples in front of them that the writer went over before they could be read
     };
 
     RingReader(const Harvane::RT::Core::ChannelPtr<>& channel, const Harvane::RT::Core::Scheduler& scheduler);
@@ -29,8 +29,8 @@ public:
 
     size_t sampleSize() const { return sampleSize_; }
     size_t capacity() const { return capacity_; }
-    uint64_t next() const { return next_; }          // index of the next sample to be read
-    uint64_t acquired() const;                       // samples that the module has delivered
+    uint64_t next() const { return next_; }  // index of the next sample to be read
+    uint64_t acquired() const;               // samples that the module has delivered
     // Share of the ring that holds unread samples, 0 to 1; above 1 when some have been lost already.
     double fill() const;
 

@@ -37,9 +37,10 @@ constexpr std::array<const char*, 7> levelNames{"verbose", "debug", "info", "war
 
 int levelOf(const std::string& name) {
     const auto found = std::find(levelNames.begin(), levelNames.end(), name);
-    if (found == levelNames.end())
-        throw std::runtime_error(fmt::format("there is no log level \"{}\"; there is {}", name,
-                                             fmt::join(levelNames, ", ")));
+    if (found == levelNames.end()) {
+        throw std::runtime_error(
+            fmt::format("there is no log level \"{}\"; there is {}", name, fmt::join(levelNames, ", ")));
+    }
     return static_cast<int>(found - levelNames.begin());
 }
 
@@ -51,8 +52,9 @@ std::string objectOf(void* address) {
 // The sanitizer's run time that this program runs on, as a file; empty when there is none or it is linked statically.
 std::string sanitizerRuntime() {
     void* init = reinterpret_cast<void*>(&__asan_init);
-    if (init == nullptr)
+    if (init == nullptr) {
         init = reinterpret_cast<void*>(&__tsan_init);
+    }
     const std::string file = objectOf(init);
     return file.find(".so") != std::string::npos ? file : std::string();
 }
@@ -60,24 +62,30 @@ std::string sanitizerRuntime() {
 // "[1, [14]]": a list is written as it is shown, in JSON.
 BasePtr listFromText(const std::string& property, const std::string& text) {
     const auto json = nlohmann::json::parse(text, nullptr, false);
-    if (!json.is_array())
+    if (!json.is_array()) {
         throw std::runtime_error(
             fmt::format("{} is a list; write it as [1, [2, 3]] and not as \"{}\"", property, text));
+    }
     const std::function<BasePtr(const nlohmann::json&)> convert = [&](const nlohmann::json& item) -> BasePtr {
         if (item.is_array()) {
             const ListPtr list = ListPtr::create();
-            for (const auto& entry : item)
+            for (const auto& entry : item) {
                 list.pushBack(convert(entry));
+            }
             return asBase(list);
         }
-        if (item.is_boolean())
+        if (item.is_boolean()) {
             return toValue(item.get<bool>());
-        if (item.is_number_integer())
+        }
+        if (item.is_number_integer()) {
             return toValue(item.get<int64_t>());
-        if (item.is_number())
+        }
+        if (item.is_number()) {
             return toValue(item.get<double>());
-        if (item.is_string())
+        }
+        if (item.is_string()) {
             return toValue(item.get<std::string>());
+        }
         throw std::runtime_error(fmt::format("{}: a list can hold numbers, texts, true, false and lists", property));
     };
     return convert(json);
@@ -90,18 +98,21 @@ public:
     // An empty name leaves the working directory alone.
     explicit AmplifierFolder(const std::string& folder) {
         namespace fs = std::filesystem;
-        if (folder.empty())
+        if (folder.empty()) {
             return;
+        }
         std::error_code error;
         const fs::path target = fs::canonical(folder, error);
-        if (error || !fs::is_directory(target, error))
+        if (error || !fs::is_directory(target, error)) {
             throw std::runtime_error(fmt::format("the folder of amplifier definitions \"{}\": {}", folder,
                                                  error ? error.message() : "is no folder"));
+        }
         fs::path parent = target.parent_path();
         if (target.filename() != "amplifiers") {
             std::string name = (fs::temp_directory_path() / "zornhost-XXXXXX").string();
-            if (::mkdtemp(name.data()) == nullptr)
+            if (::mkdtemp(name.data()) == nullptr) {
                 throw std::runtime_error(fmt::format("{}: {}", name, std::strerror(errno)));
+            }
             temporary_ = parent = name;
             fs::create_directory_symlink(target, parent / "amplifiers");
         }
@@ -119,13 +130,15 @@ public:
 private:
     void leave() {
         if (back_ >= 0) {
-            if (::fchdir(back_) != 0)
+            if (::fchdir(back_) != 0) {
                 writeError(fmt::format("zornhost: can't go back to the working directory: {}\n", std::strerror(errno)));
+            }
             ::close(back_);
         }
         std::error_code ignored;
-        if (!temporary_.empty())
+        if (!temporary_.empty()) {
             std::filesystem::remove_all(temporary_, ignored);
+        }
     }
 
     int back_ = -1;
@@ -137,43 +150,51 @@ private:
 std::string programFolder() {
     char path[PATH_MAX];
     const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-    if (length <= 0)
+    if (length <= 0) {
         return ".";
+    }
     const std::string file(path, static_cast<size_t>(length));
     return file.substr(0, file.rfind('/'));
 }
 
-std::string defaultModule() { return programFolder() + "/../lib/libdaqmodule-64-1.zmod"; }
+std::string defaultModule() {
+    return programFolder() + "/../lib/libdaqmodule-64-1.zmod";
+}
 
 std::string defaultAmplifiers() {
     std::error_code ignored;
-    if (std::filesystem::is_directory("amplifiers", ignored))
+    if (std::filesystem::is_directory("amplifiers", ignored)) {
         return "amplifiers";
+    }
     const std::string beside = programFolder() + "/../share/kestrix/amplifiers";
     return std::filesystem::is_directory(beside, ignored) ? beside : std::string();
 }
 
 void ensureSimulation(const SessionOptions& options, char** argv) {
-    if (!options.simulate)
+    if (!options.simulate) {
         return;
+    }
     if (std::getenv(simulatedMark) != nullptr) {
         // Only for this process: what it starts is no host.
         ::unsetenv(simulatedMark);
         return;
     }
     const std::string library = programFolder() + "/../lib/libkestrixsim.so";
-    if (::access(library.c_str(), R_OK) != 0)
+    if (::access(library.c_str(), R_OK) != 0) {
         throw std::runtime_error(
             fmt::format("the simulated instrument is not there: {}: {}", library, std::strerror(errno)));
+    }
     if (!options.simulate->empty()) {
-        if (::access(options.simulate->c_str(), R_OK) != 0)
+        if (::access(options.simulate->c_str(), R_OK) != 0) {
             throw std::runtime_error(fmt::format("scenario {}: {}", *options.simulate, std::strerror(errno)));
+        }
         ::setenv("KESTRIX_SIM_SCENARIO", std::filesystem::absolute(*options.simulate).c_str(), 1);
     }
     std::string preload = sanitizerRuntime();
     preload += (preload.empty() ? "" : ":") + library;
-    if (const char* others = std::getenv("LD_PRELOAD"); others != nullptr && *others != 0)
+    if (const char* others = std::getenv("LD_PRELOAD"); others != nullptr && *others != 0) {
         preload += std::string(":") + others;
+    }
     ::setenv("LD_PRELOAD", preload.c_str(), 1);
     ::setenv(simulatedMark, "1", 1);
     ::execv("/proc/self/exe", argv);
@@ -185,16 +206,19 @@ class Session::Listener : public ILogSink {
 public:
     explicit Listener(std::atomic<uint64_t>& count) : count_(count) {}
     void write(const LogRecord& record) override {
-        if (std::strcmp(record.logger, "DaqModule") == 0 && std::strstr(record.message, "Data lost") != nullptr)
+        if (std::strcmp(record.logger, "DaqModule") == 0 && std::strstr(record.message, "Data lost") != nullptr) {
             count_.fetch_add(1);
-        for (const char* words : {"Amplifier update failed", "Balancing of an amplifier failed"})
+        }
+        for (const char* words : {"Amplifier update failed", "Balancing of an amplifier failed"}) {
             if (const char* found = std::strstr(record.message, words)) {
                 std::string text = found;
-                while (!text.empty() && text.back() == '\n')
+                while (!text.empty() && text.back() == '\n') {
                     text.pop_back();
+                }
                 const std::lock_guard lock(mutex_);
                 failures_.push_back(std::move(text));
             }
+        }
     }
     std::vector<std::string> takeFailures() {
         const std::lock_guard lock(mutex_);
@@ -207,7 +231,9 @@ private:
     std::vector<std::string> failures_;
 };
 
-std::vector<std::string> Session::takeAmplifierFailures() { return listener_->takeFailures(); }
+std::vector<std::string> Session::takeAmplifierFailures() {
+    return listener_->takeFailures();
+}
 
 Session::Session(const SessionOptions& options) : options_(options), host_(options.cycleTimeMs) {
     const int level = levelOf(options_.logLevel);
@@ -232,8 +258,9 @@ Session::~Session() {
         writeError(fmt::format("zornhost: {}\n", failure.what()));
     }
     removeLogSink(listener_.get());
-    if (logFile_)
+    if (logFile_) {
         removeLogSink(logFile_.get());
+    }
     removeLogSink(console_.get());
 }
 
@@ -247,8 +274,9 @@ void Session::open() {
     host_.add();
     for (const auto& setting : options_.settings) {
         const size_t equals = setting.find('=');
-        if (equals == std::string::npos || equals == 0)
+        if (equals == std::string::npos || equals == 0) {
             throw std::runtime_error(fmt::format("\"{}\" is no setting; write PATH=VALUE", setting));
+        }
         set(tree().property(setting.substr(0, equals)), setting.substr(equals + 1));
     }
 }
@@ -266,8 +294,9 @@ BasePtr Session::set(const PropertyEntry& property, const std::string& text) {
         checkErrorInfo(zornCheckedSetProperty(node.get(), name.get(), value.get()));
         return node.getPropertyValue<BasePtr>(name);
     } catch (const ZornException& failure) {
-        if (!part)
+        if (!part) {
             throw;
+        }
         // What goes wrong on the way to a part of a property names neither.
         throw std::runtime_error(fmt::format("{}: {}", property.name, failure.what()));
     }
@@ -283,11 +312,14 @@ void Session::start() {
     host_.start();
 }
 
-void Session::stop() { host_.stop(); }
+void Session::stop() {
+    host_.stop();
+}
 
 void Session::close() {
-    if (host_.isOpen())
+    if (host_.isOpen()) {
         host_.close();
+    }
 }
 
 }  // namespace zornhost

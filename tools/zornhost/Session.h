@@ -14,12 +14,12 @@ namespace zornhost {
 
 // What all commands share.
 struct SessionOptions {
-    std::string module;                       // path of the .zmod; empty: beside the program
-    std::string amplifiers;                   // folder of amplifier definitions; empty: see defaultAmplifiers
-    std::optional<std::string> simulate;      // set: run on the simulated instrument; empty text: the standard scenario
+    std::string module;                   // path of the .zmod; empty: beside the program
+    std::string amplifiers;               // folder of amplifier definitions; empty: see defaultAmplifiers
+    std::optional<std::string> simulate;  // set: run on the simulated instrument; empty text: the standard scenario
     std::string logLevel = "error";
     std::string logFile;
-    std::vector<std::string> settings;        // "PATH=VALUE", applied after the tree has been built
+    std::vector<std::string> settings;  // "PATH=VALUE", applied after the tree has been built
     long cycleTimeMs = 10;
     bool json = false;
 };

@@ -1,3 +1,5 @@
 #include "tools/zornhost/Commands.h"
 
-int main(int argc, char** argv) { return zornhost::run(argc, argv); }
+int main(int argc, char** argv) {
+    return zornhost::run(argc, argv);
+}

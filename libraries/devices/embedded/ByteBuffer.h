@@ -10,8 +10,9 @@ namespace Harvane::ZornLib::Devices::Embedded {
 class ByteBuffer {
 public:
     explicit ByteBuffer(size_t size) : size_(size) {
-        if (size > inline_.size())
+        if (size > inline_.size()) {
             heap_.resize(size);
+        }
     }
 
     unsigned char* data() { return heap_.empty() ? inline_.data() : heap_.data(); }

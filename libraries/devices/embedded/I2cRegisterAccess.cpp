@@ -13,10 +13,12 @@ namespace Harvane::ZornLib::Devices::Embedded {
 I2cRegisterAccess::I2cRegisterAccess(const std::string& devicePath) : FileRegisterAccess(devicePath) {}
 
 void I2cRegisterAccess::checkAndSelectSlave(uint64_t slave) {
-    if (selectedSlave_ == static_cast<int64_t>(slave))
+    if (selectedSlave_ == static_cast<int64_t>(slave)) {
         return;
-    if (::ioctl(getFileDescriptor(), I2C_SLAVE, static_cast<unsigned long>(slave)) < 0)
+    }
+    if (::ioctl(getFileDescriptor(), I2C_SLAVE, static_cast<unsigned long>(slave)) < 0) {
         throw std::runtime_error("Failed to acquire bus access and/or talk to slave.");
+    }
     selectedSlave_ = static_cast<int64_t>(slave);
 }
 

@@ -11,29 +11,34 @@ namespace Harvane::ZornLib::Devices::Embedded {
 
 MmapRegisterAccess::MmapRegisterAccess(const std::string& devicePath)
     : fd_(::open(devicePath.c_str(), O_RDWR | O_SYNC)) {
-    if (fd_ < 0)
+    if (fd_ < 0) {
         throw std::runtime_error("Failed to open device handle.");
+    }
 }
 
 MmapRegisterAccess::~MmapRegisterAccess() {
-    if (fd_ >= 0)
+    if (fd_ >= 0) {
         ::close(fd_);
+    }
 }
 
 template <typename Access>
 void MmapRegisterAccess::accessWord(uint64_t address, Access access) {
     const std::lock_guard lock(sync_);
-    if (fd_ < 0)
+    if (fd_ < 0) {
         throw std::runtime_error("File is not opened.");
+    }
     const auto pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
     void* page = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd_,
                         static_cast<off_t>(address & ~(pageSize - 1)));
-    if (page == MAP_FAILED)
+    if (page == MAP_FAILED) {
         throw std::runtime_error("Failed to map memory.");
+    }
     // One access of the bus's width: the hardware sees neither a split nor a repeated one.
     access(reinterpret_cast<volatile uint32_t*>(static_cast<unsigned char*>(page) + (address & (pageSize - 1))));
-    if (::munmap(page, pageSize) != 0)
+    if (::munmap(page, pageSize) != 0) {
         throw std::runtime_error("Munmap failed.");
+    }
 }
 
 void MmapRegisterAccess::write(uint64_t address, uint64_t offset, const unsigned char* data, size_t) {

@@ -53,8 +53,9 @@ IRegisterValue* RegisterDevice<T>::FindRegisterValueInRange(uint64_t address, ui
     for (IRegisterValue* field : registers_) {
         const uint64_t fieldStart = field->getAddress() * bitsPerAddress + field->getBit();
         if ((fieldStart <= start && start <= fieldStart + field->getBits() - 1) ||
-            (start <= fieldStart && fieldStart <= start + bits - 1))
+            (start <= fieldStart && fieldStart <= start + bits - 1)) {
             return field;
+        }
     }
     return nullptr;
 }
@@ -63,8 +64,9 @@ template <typename T>
 void RegisterDevice<T>::write(uint64_t offset, unsigned char* data, size_t size) {
     swapWord(data, size);
     access_->write(baseAddress_, offset, data, size);
-    if (writeDelay_ != 0)
+    if (writeDelay_ != 0) {
         ::usleep(writeDelay_ * 1000);
+    }
 }
 
 template <typename T>
@@ -76,21 +78,30 @@ void RegisterDevice<T>::read(uint64_t offset, unsigned char* data, size_t size) 
 template <typename T>
 void RegisterDevice<T>::swapWord(unsigned char* data, size_t size) const {
     using Utils::DataTypes::ByteHelper;
-    if (!endianness_)
+    if (!endianness_) {
         return;
+    }
     switch (isRegisterValueType_ ? size : sizeof(T)) {
-        case 2: ByteHelper::sizedByteSwap<2>(data); break;
-        case 4: ByteHelper::sizedByteSwap<4>(data); break;
-        case 8: ByteHelper::sizedByteSwap<8>(data); break;
-        default: break;
+        case 2:
+            ByteHelper::sizedByteSwap<2>(data);
+            break;
+        case 4:
+            ByteHelper::sizedByteSwap<4>(data);
+            break;
+        case 8:
+            ByteHelper::sizedByteSwap<8>(data);
+            break;
+        default:
+            break;
     }
 }
 
 template <typename T>
 std::string RegisterDevice<T>::toString() const {
     std::string text = "Registers\n";
-    for (const IRegisterValue* field : registers_)
+    for (const IRegisterValue* field : registers_) {
         text += field->toString() + "\n";
+    }
     return text;
 }
 

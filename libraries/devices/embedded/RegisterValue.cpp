@@ -42,12 +42,15 @@ template <typename T>
 RegisterValue<T>::RegisterValue(IRegisterDevice* device, uint64_t address, uint64_t bit, uint64_t bits,
                                 std::string name, bool readOnly)
     : device_(device), name_(std::move(name)), address_(address), bit_(bit), bits_(bits), readOnly_(readOnly) {
-    if (bits == 0 || bits > 8 * sizeof(T))
+    if (bits == 0 || bits > 8 * sizeof(T)) {
         throw std::runtime_error("Wrong bit(s) size");
-    if (!device)
+    }
+    if (!device) {
         throw std::runtime_error("Device is not assiged");
-    if (device->FindRegisterValueInRange(address, bit, bits))
+    }
+    if (device->FindRegisterValueInRange(address, bit, bits)) {
         throw std::runtime_error("Overlapping register value");
+    }
     device->getRegisters().push_back(this);
 }
 
@@ -58,13 +61,15 @@ T RegisterValue<T>::read() const {
     const uint64_t count = wordCount(bit_, bits_, wordSize);
     ByteBuffer buffer(count * wordSize);
     unsigned char* bytes = buffer.data();
-    for (uint64_t n = 0; n < count; ++n)
+    for (uint64_t n = 0; n < count; ++n) {
         device_->read(address_ + n, bytes + n * wordSize, wordSize);
+    }
 
     uint64_t value = 0;
     if (whole()) {
-        for (size_t n = 0; n < buffer.size(); ++n)
+        for (size_t n = 0; n < buffer.size(); ++n) {
             value = (value << 8) | bytes[n];
+        }
     } else {
         forEachRun(bit_, bits_, [&](const Run& run) {
             value = (value << run.bits) | ((bytes[run.index] >> run.shift) & run.mask());
@@ -75,8 +80,9 @@ T RegisterValue<T>::read() const {
 
 template <typename T>
 void RegisterValue<T>::write(T value) {
-    if (readOnly_)
+    if (readOnly_) {
         throw std::runtime_error("Read only register access");
+    }
     const size_t wordSize = device_->getIsRegisterValueType() ? sizeof(T) : device_->getBaseTypeSize();
     const uint64_t count = wordCount(bit_, bits_, wordSize);
     ByteBuffer buffer(count * wordSize);
@@ -84,25 +90,29 @@ void RegisterValue<T>::write(T value) {
     auto source = static_cast<uint64_t>(value);
 
     if (whole()) {
-        for (size_t n = buffer.size(); n > 0; --n, source >>= 8)
+        for (size_t n = buffer.size(); n > 0; --n, source >>= 8) {
             bytes[n - 1] = static_cast<unsigned char>(source);
+        }
     } else {
         // What the field doesn't cover of its first and last word has to stay.
         const uint64_t last = count - 1;
-        if (bit_ != 0)
+        if (bit_ != 0) {
             device_->read(address_, bytes, wordSize);
-        if ((bit_ + bits_) % (8 * wordSize) != 0)
+        }
+        if ((bit_ + bits_) % (8 * wordSize) != 0) {
             device_->read(address_ + last, bytes + last * wordSize, wordSize);
+        }
         uint64_t remaining = bits_;
         forEachRun(bit_, bits_, [&](const Run& run) {
             remaining -= run.bits;
             const auto part = static_cast<unsigned int>(source >> remaining) & run.mask();
-            bytes[run.index] = static_cast<unsigned char>((bytes[run.index] & ~(run.mask() << run.shift)) |
-                                                          (part << run.shift));
+            bytes[run.index] =
+                static_cast<unsigned char>((bytes[run.index] & ~(run.mask() << run.shift)) | (part << run.shift));
         });
     }
-    for (uint64_t n = 0; n < count; ++n)
+    for (uint64_t n = 0; n < count; ++n) {
         device_->write(address_ + n, bytes + n * wordSize, wordSize);
+    }
 }
 
 template <typename T>
@@ -146,8 +156,9 @@ std::string RegisterValue<T>::toString() const {
     using Utils::DataTypes::StringHelper;
     const auto value = static_cast<unsigned long>(read());
     const auto bit = static_cast<int>(bit_);
-    if (name_.empty())
+    if (name_.empty()) {
         return StringHelper::format("Address: 0x%08lX; Bit: %d; Value: 0x%08lX", address_, bit, value);
+    }
     return StringHelper::format("Address: 0x%08lX; Bit: %d; Value: 0x%08lX; Name: %s", address_, bit, value,
                                 name_.c_str());
 }

@@ -24,17 +24,19 @@ Uart::~Uart() {
 void Uart::openDeviceFile() {
     closeDeviceFile();
     fd_ = ::open(deviceFileName_.c_str(), O_RDWR);
-    if (fd_ < 0)
+    if (fd_ < 0) {
         throw std::runtime_error("Cannot open file\n");
+    }
 }
 
 void Uart::initialize() {
     termios settings{};
-    if (::tcgetattr(fd_, &settings) != 0)
+    if (::tcgetattr(fd_, &settings) != 0) {
         throw std::runtime_error("Error: tcgetattr() failed.\n");
+    }
 
-    settings.c_iflag &= ~static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON |
-                                               IXANY | IXOFF);
+    settings.c_iflag &=
+        ~static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON | IXANY | IXOFF);
     settings.c_oflag &= ~static_cast<tcflag_t>(OPOST | ONLCR);
     settings.c_cflag &= ~static_cast<tcflag_t>(CSTOPB | PARENB | CRTSCTS);
     settings.c_cflag |= CS8 | CREAD | CLOCAL;
@@ -46,8 +48,9 @@ void Uart::initialize() {
     ::tcflush(fd_, TCIOFLUSH);
     ::cfsetispeed(&settings, baudRate_);
     ::cfsetospeed(&settings, baudRate_);
-    if (::tcsetattr(fd_, TCSANOW, &settings) != 0)
+    if (::tcsetattr(fd_, TCSANOW, &settings) != 0) {
         throw std::runtime_error("Error: tcsetattr() failed.\n");
+    }
 }
 
 void Uart::clear() {
@@ -56,23 +59,27 @@ void Uart::clear() {
 
 size_t Uart::writeData(const unsigned char* data, size_t size) {
     const ssize_t count = ::write(fd_, data, size);
-    if (count < 0)
+    if (count < 0) {
         throw std::runtime_error("Error: write() failed.\n");
+    }
     return static_cast<size_t>(count);
 }
 
 size_t Uart::readData(unsigned char* data, size_t size) {
     const ssize_t count = ::read(fd_, data, size);
-    if (count < 0)
+    if (count < 0) {
         throw std::runtime_error("Error: read() failed.\n");
+    }
     return static_cast<size_t>(count);
 }
 
 void Uart::closeDeviceFile() {
-    if (fd_ <= 0)
+    if (fd_ <= 0) {
         return;
-    if (::close(std::exchange(fd_, -1)) != 0)
+    }
+    if (::close(std::exchange(fd_, -1)) != 0) {
         throw std::runtime_error("Error: close file failed.\n");
+    }
 }
 
 void Uart::setBaudRate(unsigned int baudRate) {

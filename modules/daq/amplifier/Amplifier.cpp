@@ -35,13 +35,12 @@ double rangeOf(const std::string& text) {
     return range;
 }
 
-}
+}  // namespace
 
 Amplifier::Amplifier() = default;
 Amplifier::~Amplifier() = default;
 
-void Amplifier::initialize() {
-}
+void Amplifier::initialize() {}
 
 bool Amplifier::update() {
     return true;
@@ -101,11 +100,9 @@ int Amplifier::finalizeTedsCustom() {
     return 0;
 }
 
-void Amplifier::notifyEnterChSetup() {
-}
+void Amplifier::notifyEnterChSetup() {}
 
-void Amplifier::notifyLeaveChSetup() {
-}
+void Amplifier::notifyLeaveChSetup() {}
 
 int Amplifier::getHwCapabilities() {
     return 0;
@@ -139,11 +136,9 @@ int Amplifier::calculateResistanceModeDeviceRangeIndex() const {
     return rangeIndex;
 }
 
-void Amplifier::updateDeviceRangeDuringAcquisition(int) {
-}
+void Amplifier::updateDeviceRangeDuringAcquisition(int) {}
 
-void Amplifier::updateCalibrationFactorsDuringAcquisition() {
-}
+void Amplifier::updateCalibrationFactorsDuringAcquisition() {}
 
 std::string Amplifier::getId() {
     return std::to_string(getModuleType()) + "." + std::to_string(getHwCapabilities()) + "." +
@@ -190,12 +185,14 @@ double Amplifier::getResistanceScale() const {
 
 double Amplifier::getFullDeviceRangeMin(unsigned long deviceRange) const {
     return -(valueAt(deviceRanges, static_cast<std::int64_t>(deviceRange)) * 1000.0) /
-               std::max(excitationValue, minExcitation) + bridgeOffset;
+               std::max(excitationValue, minExcitation) +
+           bridgeOffset;
 }
 
 double Amplifier::getFullDeviceRangeMax(unsigned long deviceRange) const {
     return valueAt(deviceRanges, static_cast<std::int64_t>(deviceRange)) * 1000.0 /
-               std::max(excitationValue, minExcitation) + bridgeOffset;
+               std::max(excitationValue, minExcitation) +
+           bridgeOffset;
 }
 
 int Amplifier::calculateBridgeModeDeviceRangeIndex() const {
@@ -353,4 +350,4 @@ double Amplifier::valueAt(const std::vector<double>& list, std::int64_t index) {
     return list[static_cast<size_t>(std::clamp<std::int64_t>(index, 0, static_cast<std::int64_t>(list.size()) - 1))];
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

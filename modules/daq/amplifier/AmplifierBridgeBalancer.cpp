@@ -243,4 +243,4 @@ void AmplifierBridgeBalancer::endIfStopped() const {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

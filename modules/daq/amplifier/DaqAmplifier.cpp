@@ -416,4 +416,4 @@ BasePtr DaqAmplifier::readTedsCustom(const BasePtr& argument) const {
     return answerWithBytes(answer, buffer);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -16,30 +16,30 @@ namespace Harvane::RT::Modules::Daq {
 
 class Amplifier;
 
-/// Joins a host channel, whose properties come from an amplifier's definition and are edited by the user, with the
-/// amplifier that drives the hardware. An edit changes nothing by itself; update carries it: lists of choices, then
-/// values, then the hardware, and what that really took goes back into the properties.
-///
-/// A property that the channel doesn't have is passed over everywhere: what an amplifier can do is decided by its
-/// definition. Failures of the host are exceptions of its codes, whose text names channel and property. All of it runs
-/// on the host's configuration thread.
+// Joins a host channel, whose properties come from an amplifier's definition and are edited by the user, with the
+// amplifier that drives the hardware. An edit changes nothing by itself; update carries it: lists of choices, then
+// values, then the hardware, and what that really took goes back into the properties.
+//
+// A property that the channel doesn't have is passed over everywhere: what an amplifier can do is decided by its
+// definition. Failures of the host are exceptions of its codes, whose text names channel and property. All of it runs
+// on the host's configuration thread.
 class DaqAmplifier {
 public:
     DaqAmplifier(const Core::ChannelPtr<Core::IChannel>& channel, const std::shared_ptr<Amplifier>& amplifier,
                  Core::AcquisitionSyncPtr sync,
                  std::chrono::nanoseconds settleTime = AmplifierBridgeBalancer::usualSettleTime);
-    /// Tells a running balancing to stop and doesn't wait for it.
+    // Tells a running balancing to stop and doesn't wait for it.
     ~DaqAmplifier();
     DaqAmplifier(const DaqAmplifier&) = delete;
     DaqAmplifier& operator=(const DaqAmplifier&) = delete;
 
     std::shared_ptr<Amplifier> getAmplifier() const { return amplifier_; }
 
-    /// Gives the channel its class and its operations. Once, right after construction.
+    // Gives the channel its class and its operations. Once, right after construction.
     void init(const std::string& className);
 
-    /// The road of a change. With adjustFilter the high-pass filter goes back to its default when its choices have
-    /// changed. Always true: what the hardware refused shows in the values that come back.
+    // The road of a change. With adjustFilter the high-pass filter goes back to its default when its choices have
+    // changed. Always true: what the hardware refused shows in the values that come back.
     bool update(bool adjustFilter);
     void updateCapabilities(bool adjustFilter);
     void writeToDevice() const;
@@ -48,7 +48,7 @@ public:
     bool hasProperty(const Core::StringPtr& name) const;
     bool hasTedsProperties() const;
     bool hasBridgeBalanceProperties() const;
-    /// These two fill what the definition has declared.
+    // These two fill what the definition has declared.
     void initTedsProperties();
     void initBridgeBalanceProperties();
 
@@ -89,4 +89,4 @@ private:
     LifeToken life_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

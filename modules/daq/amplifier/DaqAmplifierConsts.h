@@ -2,7 +2,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Names of the host properties that an amplifier may have. Which of them it has, its definition says.
+// Names of the host properties that an amplifier may have. Which of them it has, its definition says.
 struct DaqAmplifierConsts {
     static constexpr const char* Range = "Range";
     static constexpr const char* Measurement = "Measurement";
@@ -38,4 +38,4 @@ struct DaqAmplifierConsts {
     static constexpr const char* NotifyLeaveChSetup = "NotifyLeaveChSetup";
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

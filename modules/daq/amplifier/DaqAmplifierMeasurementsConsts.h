@@ -2,7 +2,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Texts of the measurement modes that the scale arithmetic knows.
+// Texts of the measurement modes that the scale arithmetic knows.
 struct DaqAmplifierMeasurementsConsts {
     static constexpr const char* Bridge = "Bridge";
     static constexpr const char* Resistance = "Resistance";
@@ -10,4 +10,4 @@ struct DaqAmplifierMeasurementsConsts {
     static constexpr const char* Potentiometer = "Potentiometer";
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

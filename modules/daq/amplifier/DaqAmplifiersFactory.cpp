@@ -213,8 +213,8 @@ void DaqAmplifiersFactory::initUnknownAmplifier() {
                                      .defaultValue(0)
                                      .values(ListPtr::create({toValue("Voltage")}))
                                      .selection());
-    objectClass.registerProperty(PropertyInfoPtr::create(DaqAmplifierConsts::Range, CoreType::Reference)
-                                     .reference(rangeOfMeasurement));
+    objectClass.registerProperty(
+        PropertyInfoPtr::create(DaqAmplifierConsts::Range, CoreType::Reference).reference(rangeOfMeasurement));
     objectClass.registerProperty(PropertyInfoPtr::create("VoltageRange", CoreType::Int)
                                      .defaultValue(0)
                                      .unit("V")
@@ -226,7 +226,7 @@ void DaqAmplifiersFactory::initUnknownAmplifier() {
     tryRegisterAmplDefinition(objectClass);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq
 
 using namespace Harvane::RT::Modules::Daq;
 

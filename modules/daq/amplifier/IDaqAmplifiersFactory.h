@@ -4,7 +4,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Makes amplifier definitions known to the host, for users outside of the module.
+// Makes amplifier definitions known to the host, for users outside of the module.
 class IDaqAmplifiersFactory {
 public:
     virtual ~IDaqAmplifiersFactory() = default;
@@ -12,4 +12,4 @@ public:
     virtual void unregisterAmplifiers() = 0;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -58,8 +58,8 @@ constexpr std::array flags{
 };
 
 int intOf(const NodePtr<>& folder, const char* name) {
-    return static_cast<int>(std::clamp<int64_t>(folder.getPropertyValue<int64_t>(name),
-                                                std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+    return static_cast<int>(std::clamp<int64_t>(folder.getPropertyValue<int64_t>(name), std::numeric_limits<int>::min(),
+                                                std::numeric_limits<int>::max()));
 }
 
 // The value that a property would show if it were read-only; as it is not, this documents where the channel starts.
@@ -76,8 +76,7 @@ void CntProperties::registerOn(const NodePtr<>& folder, const CntChannel& channe
     if (folder.hasProperty(clockProp)) {
         return;
     }
-    folder.registerProperty(
-        PropertyInfoPtr::create(clockProp, CoreType::Int).readOnly(channel.cntBaseClock).hidden());
+    folder.registerProperty(PropertyInfoPtr::create(clockProp, CoreType::Int).readOnly(channel.cntBaseClock).hidden());
     for (const auto& choice : choices) {
         const ListPtr texts = ListPtr::create();
         for (const char* text : choice.texts) {
@@ -112,4 +111,4 @@ void CntProperties::readBack(const NodePtr<>& folder, CntChannel& channel) {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

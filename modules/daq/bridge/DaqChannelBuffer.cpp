@@ -65,7 +65,7 @@ double DaqChannelBuffer::getSampleInDouble(unsigned long index) {
     return buffer_.getSampleInDouble(index);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq
 
 using namespace Harvane::RT;
 

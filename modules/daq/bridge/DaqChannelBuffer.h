@@ -8,24 +8,24 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// The sample memory of a host channel, seen as a buffer of the device tree: what the acquisition writes stands in the
-/// host's ring at once, without a copy. One object serves one run; the host must not reallocate the ring meanwhile.
-/// Host failures come as the host's exceptions. Thread of the cycle, like every buffer. Counts as an object of this
-/// library as long as it lives.
+// The sample memory of a host channel, seen as a buffer of the device tree: what the acquisition writes stands in the
+// host's ring at once, without a copy. One object serves one run; the host must not reallocate the ring meanwhile.
+// Host failures come as the host's exceptions. Thread of the cycle, like every buffer. Counts as an object of this
+// library as long as it lives.
 class DaqChannelBuffer final : public IChannelBuffer {
 public:
-    /// Reads address, capacity and the place of the write position once. Throws InvalidParameterException for an empty
-    /// pointer or a channel without a buffer.
+    // Reads address, capacity and the place of the write position once. Throws InvalidParameterException for an empty
+    // pointer or a channel without a buffer.
     explicit DaqChannelBuffer(const Core::ChannelPtr<Core::IChannel>& channel);
     ~DaqChannelBuffer() override;
     DaqChannelBuffer(const DaqChannelBuffer&) = delete;
     DaqChannelBuffer& operator=(const DaqChannelBuffer&) = delete;
 
     unsigned long getCapacity() const override { return capacity_; }
-    /// Nothing: the memory is the host's.
+    // Nothing: the memory is the host's.
     void setCapacity(unsigned long capacity) override;
     unsigned long getSize() const override;
-    /// Throws std::runtime_error("Not implemented"), as setPosition and reset do.
+    // Throws std::runtime_error("Not implemented"), as setPosition and reset do.
     void setSize(unsigned long size) override;
     unsigned long getPosition() override { return *position_; }
     void setPosition(unsigned long position) override;
@@ -47,10 +47,10 @@ private:
     const std::size_t* position_ = nullptr;  // the host's live write position
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq
 
-/// Entry points for users of the adapter outside of the module. `buffer` receives a
-/// Harvane::RT::Modules::Daq::IChannelBuffer, which goes back through removeDaqChannelBuffer.
+// Entry points for users of the adapter outside of the module. `buffer` receives a
+// Harvane::RT::Modules::Daq::IChannelBuffer, which goes back through removeDaqChannelBuffer.
 ZORN_FUNCTION Harvane::RT::Core::ErrCode createDaqChannelBuffer(void** buffer, Harvane::RT::Core::IChannel* channel);
-/// Null is accepted.
+// Null is accepted.
 ZORN_FUNCTION Harvane::RT::Core::ErrCode removeDaqChannelBuffer(Harvane::RT::Modules::Daq::IChannelBuffer* buffer);

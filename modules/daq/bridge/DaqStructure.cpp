@@ -11,8 +11,8 @@
 #include "modules/daq/DaqController.h"
 #include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/amplifier/DaqAmplifier.h"
-#include "modules/daq/bridge/DaqChannelBuffer.h"
 #include "modules/daq/bridge/CntProperties.h"
+#include "modules/daq/bridge/DaqChannelBuffer.h"
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/RtcClasses.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -38,8 +38,8 @@ Ratio rateValue(int rate) {
 }
 
 int toInt(int64_t value) {
-    return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(),
-                                                std::numeric_limits<int>::max()));
+    return static_cast<int>(
+        std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 // Rates are 32 bits wide: a larger request means "as fast as possible".
@@ -138,15 +138,15 @@ auto DaqStructure::whileAlive(Body body) const {
 }
 
 void DaqStructure::subscribe(const ObjectPtr<IEvent>& event, Handler handler) {
-    auto object = makeHandler([life = life_.watch(), this, handler](
-                                  const BasePtr& sender, const ObjectPtr<IEventArgs>& arguments) {
-        if (life.expired()) {
-            return;
-        }
-        GenericPropertyObjectPtr owner = sender.asPtr<IPropertyObject>();
-        PropertyValueChangedEventArgsPtr args = arguments.asPtr<IPropertyValueChangedEventArgs>();
-        (this->*handler)(owner, args);
-    });
+    auto object = makeHandler(
+        [life = life_.watch(), this, handler](const BasePtr& sender, const ObjectPtr<IEventArgs>& arguments) {
+            if (life.expired()) {
+                return;
+            }
+            GenericPropertyObjectPtr owner = sender.asPtr<IPropertyObject>();
+            PropertyValueChangedEventArgsPtr args = arguments.asPtr<IPropertyValueChangedEventArgs>();
+            (this->*handler)(owner, args);
+        });
     checkErrorInfo(event->addHandler(object.get()));
     subscriptions_.emplace_back(event, std::move(object));
 }
@@ -202,10 +202,10 @@ void DaqStructure::buildDataModuleProps(const DataModulePtr& dataModule) {
         LOG_(0, plog::error) << "Error executing DaqStructure::onSampleRateChanged: " << textOf(exception);
     }
 
-    dataModule.registerProperty(PropertyInfoPtr::create(DataModuleConsts::MinSampleRateProp, CoreType::Ratio)
-                                    .defaultValue(rateValue(minRate)));
-    dataModule.registerProperty(PropertyInfoPtr::create(DataModuleConsts::MaxSampleRateProp, CoreType::Ratio)
-                                    .defaultValue(rateValue(maxRate)));
+    dataModule.registerProperty(
+        PropertyInfoPtr::create(DataModuleConsts::MinSampleRateProp, CoreType::Ratio).defaultValue(rateValue(minRate)));
+    dataModule.registerProperty(
+        PropertyInfoPtr::create(DataModuleConsts::MaxSampleRateProp, CoreType::Ratio).defaultValue(rateValue(maxRate)));
     registerFunction(dataModule, DataModuleConsts::CheckSampleRateProp,
                      makeFunc(whileAlive([this](const BasePtr& argument, BasePtr& result) -> ErrCode {
                          result = toValue(rateValue(controller_.checkSampleRate(intOf(argument))));
@@ -227,8 +227,7 @@ void DaqStructure::registerSynchronization() {
     for (const auto& option : controller_.getSynchronizationOptions()) {
         options.pushBack(asBase(syncOptionValueToRtCore(option)));
     }
-    dataModule_.registerProperty(
-        readOnlyInfo(DataModuleConsts::SynchronizationOptionsProp, CoreType::List, options));
+    dataModule_.registerProperty(readOnlyInfo(DataModuleConsts::SynchronizationOptionsProp, CoreType::List, options));
 
     const auto info = PropertyInfoPtr::create(DataModuleConsts::SynchronizationProp, CoreType::List);
     const auto event = valueChangedEvent(info);
@@ -312,8 +311,8 @@ void DaqStructure::registerLoopProperties() {
                          for (size_t i = 0, count = rates.getCount(); i < count; ++i) {
                              deviceRates.push_back(intOf(rates.getItemAt(i)));
                          }
-                         result = toValue(
-                             rateValue(currentLoop()->checkCycleRate(intOf(list.getItemAt(0)), deviceRates)));
+                         result =
+                             toValue(rateValue(currentLoop()->checkCycleRate(intOf(list.getItemAt(0)), deviceRates)));
                          return Errors::Success;
                      })));
 }
@@ -348,18 +347,16 @@ void DaqStructure::buildDaqDeviceTree(const std::shared_ptr<DaqDevice>& device, 
     devicesMap_.emplace_back(device, folder);
 
     folder.registerProperty(readOnlyInfo(Consts::SerialNumberProp, CoreType::String, device->serialNumber));
-    folder.registerProperty(
-        readOnlyInfo(Consts::RevisionCounterProp, CoreType::Int, device->revisionCounter).hidden());
+    folder.registerProperty(readOnlyInfo(Consts::RevisionCounterProp, CoreType::Int, device->revisionCounter).hidden());
     folder.registerProperty(readOnlyInfo(Consts::ManufacturerProp, CoreType::String, device->manufacturer));
     folder.registerProperty(readOnlyInfo(Consts::ModelProp, CoreType::String, device->model));
     folder.registerProperty(readOnlyInfo(Consts::DeviceManualProp, CoreType::String, device->deviceManual));
     folder.registerProperty(readOnlyInfo(Consts::DeviceRevisionProp, CoreType::String, device->deviceRevision));
     folder.registerProperty(readOnlyInfo(Consts::SoftwareRevisionProp, CoreType::String, device->softwareRevision));
     folder.registerProperty(readOnlyInfo(Consts::HardwareRevisionProp, CoreType::String, device->hardwareRevision));
-    folder.registerProperty(
-        PropertyInfoPtr::create(Consts::DeviceHealthProp, CoreType::Enum)
-            .values(ListPtr::create({toValue(0), toValue(1), toValue(2), toValue(3), toValue(4)}))
-            .defaultValue(static_cast<int>(device->deviceHealth)));
+    folder.registerProperty(PropertyInfoPtr::create(Consts::DeviceHealthProp, CoreType::Enum)
+                                .values(ListPtr::create({toValue(0), toValue(1), toValue(2), toValue(3), toValue(4)}))
+                                .defaultValue(static_cast<int>(device->deviceHealth)));
 
     const auto sampleRate = PropertyInfoPtr::create(Consts::SampleRateProp, CoreType::Ratio)
                                 .defaultValue(rateValue(device->getRate()))
@@ -367,10 +364,10 @@ void DaqStructure::buildDaqDeviceTree(const std::shared_ptr<DaqDevice>& device, 
                                 .max(rateValue(device->maxRate));
     subscribe(valueChangedEvent(sampleRate), &DaqStructure::onDaqDeviceSampleRateChanged);
     folder.registerProperty(sampleRate);
-    folder.registerProperty(PropertyInfoPtr::create(Consts::MinSampleRateProp, CoreType::Ratio)
-                                .defaultValue(rateValue(device->minRate)));
-    folder.registerProperty(PropertyInfoPtr::create(Consts::MaxSampleRateProp, CoreType::Ratio)
-                                .defaultValue(rateValue(device->maxRate)));
+    folder.registerProperty(
+        PropertyInfoPtr::create(Consts::MinSampleRateProp, CoreType::Ratio).defaultValue(rateValue(device->minRate)));
+    folder.registerProperty(
+        PropertyInfoPtr::create(Consts::MaxSampleRateProp, CoreType::Ratio).defaultValue(rateValue(device->maxRate)));
 
     // The functions belong to the host's tree, which may outlive the device tree: no owning pointer in them.
     Device* const plainDevice = device.get();
@@ -476,10 +473,9 @@ void DaqStructure::describeChannel(const Channel& channel, const ChannelPtr<ICha
 void DaqStructure::registerChannelProperties(const Channel& channel, const ChannelPtr<IChannel>& hostChannel,
                                              size_t place) {
     using Consts = DaqChannelConsts;
+    hostChannel.registerProperty(readOnlyInfo(Consts::MinSampleRateProp, CoreType::Ratio, rateValue(channel.minRate)));
     hostChannel.registerProperty(
-        readOnlyInfo(Consts::MinSampleRateProp, CoreType::Ratio, rateValue(channel.minRate)));
-    hostChannel.registerProperty(PropertyInfoPtr::create(Consts::MaxSampleRateProp, CoreType::Ratio)
-                                     .defaultValue(rateValue(channel.maxRate)));
+        PropertyInfoPtr::create(Consts::MaxSampleRateProp, CoreType::Ratio).defaultValue(rateValue(channel.maxRate)));
     registerFunction(hostChannel, Consts::CheckRateProp,
                      makeFunc(whileAlive([this, place](const BasePtr& arguments, BasePtr& result) -> ErrCode {
                          const auto [first, second] = twoRates(arguments);
@@ -888,4 +884,4 @@ void DaqStructure::onDaqDeviceBaseClockChanged(GenericPropertyObjectPtr& sender,
     });
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -2,7 +2,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Names of the properties that the bridge puts on the data module.
+// Names of the properties that the bridge puts on the data module.
 class DataModuleConsts {
 public:
     static constexpr const char* SampleRateProp = "SampleRate";
@@ -21,7 +21,7 @@ public:
     static constexpr const char* OperationModeProp = "OperationMode";
 };
 
-/// Names of the properties on the folder of a device.
+// Names of the properties on the folder of a device.
 class DeviceFolderConsts {
 public:
     static constexpr const char* SerialNumberProp = "SerialNumber";
@@ -42,7 +42,7 @@ public:
     static constexpr const char* SharedInputsProp = "SharedInputs";  // of a group of channels
 };
 
-/// Names of the properties that every channel gets besides those of the class "Channel".
+// Names of the properties that every channel gets besides those of the class "Channel".
 class DaqChannelConsts {
 public:
     static constexpr const char* BufferSizeIsMultipleOfProp = "BufferSizeIsMultipleOf";
@@ -53,7 +53,7 @@ public:
     static constexpr const char* PhaseDelayProp = "PhaseDelay";
 };
 
-/// Names of the properties of a route out of the instrument and of a CAN port, on the channel itself.
+// Names of the properties of a route out of the instrument and of a CAN port, on the channel itself.
 class OutputChannelConsts {
 public:
     static constexpr const char* RtcProp = "RTC";
@@ -63,4 +63,4 @@ public:
     static constexpr const char* ReadWriteMode = "ReadWriteAcq";
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

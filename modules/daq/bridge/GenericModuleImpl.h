@@ -5,8 +5,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A module of the host: a property object that maps each call of the host's lifecycle to a handler. A handler fails
-/// by exception, which the host gets as a code and a text. The handlers of the base do nothing.
+// A module of the host: a property object that maps each call of the host's lifecycle to a handler. A handler fails
+// by exception, which the host gets as a code and a text. The handlers of the base do nothing.
 template <class First, class... Interfaces>
 class GenericModuleImpl : public Core::GenericPropertyObjectImpl<First, Core::IModule, Interfaces...> {
 public:
@@ -77,11 +77,11 @@ protected:
     virtual void onProcessData() {}
     virtual Core::ListPtr onGetTaskList() { return {}; }
     virtual Core::ObjectPtr<Core::IInputGroups> onGetInputs() { return {}; }
-    /// Bits 1 and 2: the host may load and store the configuration.
+    // Bits 1 and 2: the host may load and store the configuration.
     virtual Core::ConfigurationMode onGetConfigurationMode() { return 3; }
 
     Core::DataPtr data;              // from `add` on
     Core::DataModulePtr dataModule;  // from `add` on
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

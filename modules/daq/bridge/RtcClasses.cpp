@@ -101,4 +101,4 @@ void RtcClasses::unregisterAOClass() noexcept {
     removeClass(AOClass);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

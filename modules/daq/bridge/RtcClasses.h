@@ -2,10 +2,10 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// The host's classes for routes from a host channel out of the instrument: "RTC_CAN" and "RTC_CAN_V1" for the messages
-/// of a CAN port, "RTC_AO" for an analog output. The registry of classes belongs to the whole process, so several
-/// modules share one registration: the first object registers, the last one unregisters. Objects of a class that is
-/// gone keep the values that were set. Module thread.
+// The host's classes for routes from a host channel out of the instrument: "RTC_CAN" and "RTC_CAN_V1" for the messages
+// of a CAN port, "RTC_AO" for an analog output. The registry of classes belongs to the whole process, so several
+// modules share one registration: the first object registers, the last one unregisters. Objects of a class that is
+// gone keep the values that were set. Module thread.
 class RtcClasses {
 public:
     RtcClasses();
@@ -19,9 +19,9 @@ public:
 
     // What the bridge and the routes read and write.
     static constexpr const char* EnabledProp = "Enabled";
-    static constexpr const char* MessagesProp = "Messages";      ///< List of [CAN identifier, NodeId of the source].
-    static constexpr const char* OutputRateProp = "OutputRate";  ///< Messages per second.
-    static constexpr const char* ChIndexProp = "ChIndex";        ///< NodeId of the source channel.
+    static constexpr const char* MessagesProp = "Messages";      // List of [CAN identifier, NodeId of the source].
+    static constexpr const char* OutputRateProp = "OutputRate";  // Messages per second.
+    static constexpr const char* ChIndexProp = "ChIndex";        // NodeId of the source channel.
     static constexpr const char* ScalingTypeProp = "ScalingType";
 
 private:
@@ -31,4 +31,4 @@ private:
     static void unregisterAOClass() noexcept;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

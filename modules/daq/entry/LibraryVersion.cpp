@@ -38,9 +38,9 @@ bool isCompatibleVersion(const char* name, GetLibraryVersion getVersion, const L
         return true;
     }
     if (errorMessage != nullptr) {
-        const std::string text = fmt::format("Incompatible {0} v{1}.{2}.{3} (expected compatible with v{4}.{5}.{6})",
-                                             name, expected.major, expected.minor, expected.patch, found.major,
-                                             found.minor, found.patch);
+        const std::string text =
+            fmt::format("Incompatible {0} v{1}.{2}.{3} (expected compatible with v{4}.{5}.{6})", name, expected.major,
+                        expected.minor, expected.patch, found.major, found.minor, found.patch);
         // Without memory for the text the answer itself still stands.
         if (failed(createString(errorMessage, text.c_str()))) {
             zornClearErrorInfo();
@@ -58,4 +58,4 @@ bool areHostLibrariesCompatible(IString** errorMessage) {
     return true;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

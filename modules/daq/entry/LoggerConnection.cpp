@@ -39,4 +39,4 @@ void connectLogger() {
     [[maybe_unused]] static auto& plogLogger = plog::init<0>(plog::verbose, &appender);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -21,10 +21,10 @@ namespace {
 using Factory = SimpleModuleFactoryImpl<true, DriverName, DaqModuleImpl>;
 using Driver = SimpleModuleDriverImpl<DriverName, Factory>;
 
-}
+}  // namespace
 
-/// Whether the module can run with the libraries of this host. A text for a failure goes to *errorMessage, unless that
-/// is null.
+// Whether the module can run with the libraries of this host. A text for a failure goes to *errorMessage, unless that
+// is null.
 ZORN_FUNCTION ErrCode zornCheckDependencies(IString** errorMessage) {
     return wrapHandler([&]() -> ErrCode {
         if (errorMessage != nullptr) {
@@ -48,7 +48,7 @@ ZORN_FUNCTION ErrCode zornInitDaqModuleLibrary() {
     });
 }
 
-/// For tests of the host's property classes: an object of a class registered from here. The class stays registered.
+// For tests of the host's property classes: an object of a class registered from here. The class stays registered.
 ZORN_FUNCTION ErrCode zornIntializeTesting() {
     return wrapHandler([] {
         const auto manager = PropertyObjectManagerPtr::create();

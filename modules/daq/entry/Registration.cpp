@@ -33,6 +33,6 @@ void registerObject() {
     }
 });
 
-}
+}  // namespace
 
-}
+}  // namespace Harvane::RT::Modules::Daq

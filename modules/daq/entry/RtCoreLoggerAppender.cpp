@@ -23,4 +23,4 @@ void RtCoreLoggerAppender::write(const plog::Record& record) {
     Core::zornLogMessageWithSource(loggerName_.c_str(), level, "", line, function.c_str(), text.c_str());
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

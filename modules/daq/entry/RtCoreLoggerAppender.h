@@ -6,7 +6,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Passes the module's messages on to a logger of the host, as "[function:line] message". Any thread.
+// Passes the module's messages on to a logger of the host, as "[function:line] message". Any thread.
 class RtCoreLoggerAppender : public plog::IAppender {
 public:
     explicit RtCoreLoggerAppender(std::string loggerName);
@@ -17,4 +17,4 @@ private:
     std::string loggerName_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

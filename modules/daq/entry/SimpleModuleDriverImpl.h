@@ -7,7 +7,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A driver with one kind of module. Each enumeration makes a new factory.
+// A driver with one kind of module. Each enumeration makes a new factory.
 template <const char* Name, class Factory>
 class SimpleModuleDriverImpl final : public Core::ObjectImpl<Core::IModuleDriver> {
 public:
@@ -40,4 +40,4 @@ private:
     Core::ObjectPtr<Core::IVersionInfo> version_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

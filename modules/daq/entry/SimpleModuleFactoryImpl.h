@@ -8,7 +8,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Makes modules of one class; with SingleInstance at most one.
+// Makes modules of one class; with SingleInstance at most one.
 template <bool SingleInstance, const char* Name, class Module>
 class SimpleModuleFactoryImpl final : public Core::ObjectImpl<Core::IModuleFactory> {
 public:
@@ -16,7 +16,7 @@ public:
         return name == nullptr ? Core::Errors::ArgumentNull : Core::createString(name, Name);
     }
 
-    /// InstanceLimit (0x80000009) for one module too many. The outputs are written on success only.
+    // InstanceLimit (0x80000009) for one module too many. The outputs are written on success only.
     Core::ErrCode createInstance(Core::IString** name, Core::IModule** module) override {
         if (name == nullptr || module == nullptr) {
             return Core::Errors::ArgumentNull;
@@ -41,4 +41,4 @@ private:
     std::int32_t instances_ = 0;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -35,4 +35,4 @@ void AIChannel::prepareScaleFactors() {
     offset = amplifier->getOffset();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -52,8 +52,7 @@ void AIDevice::setChannelProperties(std::shared_ptr<AIChannel> channel) {
     amplifier.addMaxValue(10.0);
 }
 
-void AIDevice::onBaseClockChanged() {
-}
+void AIDevice::onBaseClockChanged() {}
 
 void AIDevice::setBaseClock(int clock) {
     if (clock < 1 || clock == baseClock || std::find(baseClocks.begin(), baseClocks.end(), clock) == baseClocks.end()) {
@@ -67,4 +66,4 @@ std::shared_ptr<AIChannel> AIDevice::getAIChannel(int index) const {
     return std::dynamic_pointer_cast<AIChannel>(channels.at(static_cast<size_t>(index)));
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -11,33 +11,33 @@ namespace Harvane::RT::Modules::Daq {
 class AIChannel;
 class Amplifier;
 
-/// Analog input part: makes the channels and their amplifiers and holds the selectable base clocks (Hz).
+// Analog input part: makes the channels and their amplifiers and holds the selectable base clocks (Hz).
 class AIDevice : public SubDevice {
 public:
     std::string getDisplayName() const override;
-    /// Makes as many channels as channels.maxChannels says, each with its amplifier.
+    // Makes as many channels as channels.maxChannels says, each with its amplifier.
     void initializeHardware() override;
 
-    /// The base clock that this rate needs; the present one in the base.
+    // The base clock that this rate needs; the present one in the base.
     virtual int getBaseClockForSampleRate(int rate);
-    /// A plain amplifier in the base.
+    // A plain amplifier in the base.
     virtual std::shared_ptr<Amplifier> createAmplifier(int index);
-    /// Name, resolution and limits of a new channel. Its amplifier ends with one range, also where two channels share
-    /// an amplifier and this runs for each of them.
+    // Name, resolution and limits of a new channel. Its amplifier ends with one range, also where two channels share
+    // an amplifier and this runs for each of them.
     virtual void setChannelProperties(std::shared_ptr<AIChannel> channel);
     virtual void onBaseClockChanged();
 
-    /// Ignored below 1, for the present clock and for a clock that isn't in the list.
+    // Ignored below 1, for the present clock and for a clock that isn't in the list.
     void setBaseClock(int clock);
-    /// Throws std::out_of_range beyond the list.
+    // Throws std::out_of_range beyond the list.
     std::shared_ptr<AIChannel> getAIChannel(int index) const;
 
-    int resolution = 32;        ///< Bits per sample given to new channels.
-    bool floatSamples = false;  ///< Given to new channels.
+    int resolution = 32;        // Bits per sample given to new channels.
+    bool floatSamples = false;  // Given to new channels.
     std::vector<int> baseClocks{15000000, 10000000};
-    int baseClock = 15000000;   ///< The base clock asked for.
+    int baseClock = 15000000;  // The base clock asked for.
     bool simulationMode = false;
     bool usbMode = false;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

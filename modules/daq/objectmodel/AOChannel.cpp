@@ -25,4 +25,4 @@ void AOChannel::prepareScaleFactors() {
     offset = 0.0;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

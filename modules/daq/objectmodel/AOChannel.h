@@ -4,17 +4,17 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Analog output, in V.
+// Analog output, in V.
 class AOChannel : public Channel {
 public:
     explicit AOChannel(int number);
 
-    /// Makes the buffer for resolution and isFloat (InvalidTypeException where none fits).
+    // Makes the buffer for resolution and isFloat (InvalidTypeException where none fits).
     void initialize() override;
     void initializeAcquisition() override;
     void prepareScaleFactors();
 
-    int resolution = 32;  ///< Bits; 32 or 64 with isFloat, at most 32 without.
+    int resolution = 32;  // Bits; 32 or 64 with isFloat, at most 32 without.
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

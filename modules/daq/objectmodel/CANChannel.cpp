@@ -22,4 +22,4 @@ std::vector<int> CANChannel::getBaudRates() const {
     return {1000000, 500000, 400000, 250000, 200000, 125000, 100000, 62500, 50000, 33333, 31250};
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

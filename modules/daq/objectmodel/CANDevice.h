@@ -4,10 +4,10 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// CAN part of a device: the place that a DaqDevice keeps for it.
+// CAN part of a device: the place that a DaqDevice keeps for it.
 class CANDevice : public SubDevice {
 protected:
     CANDevice() = default;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -16,18 +16,15 @@ unsigned long relativePosition(IChannelBuffer& buffer, int relative) {
     return static_cast<unsigned long>(position);
 }
 
-}
+}  // namespace
 
-Channel::Channel(int number) : number(number) {
-}
+Channel::Channel(int number) : number(number) {}
 
 Channel::~Channel() = default;
 
-void Channel::initialize() {
-}
+void Channel::initialize() {}
 
-void Channel::prepareAcquisition() {
-}
+void Channel::prepareAcquisition() {}
 
 void Channel::initializeAcquisition() {
     samplesAcquired = 0;
@@ -39,8 +36,7 @@ void Channel::beforeAcquireData() {
     samplesThisCycle = 0;
 }
 
-void Channel::afterAcquireData() {
-}
+void Channel::afterAcquireData() {}
 
 void Channel::finalizeAcquisition() {
     freeMemory();
@@ -98,12 +94,12 @@ void Channel::setRate(int rate) {
 
 int Channel::getRate() const {
     switch (sampleType) {
-    case SampleType::Sync:
-        return deviceRate / std::max(srDiv, 1);
-    case SampleType::Async:
-        return asyncRate;
-    case SampleType::SingleValue:
-        return 1;
+        case SampleType::Sync:
+            return deviceRate / std::max(srDiv, 1);
+        case SampleType::Async:
+            return asyncRate;
+        case SampleType::SingleValue:
+            return 1;
     }
     return deviceRate;
 }
@@ -211,4 +207,4 @@ void Channel::createAnalogBuffer(int resolution) {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

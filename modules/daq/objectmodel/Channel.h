@@ -15,8 +15,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// One stream of samples of a device. No lock: the thread of the cycle writes while the acquisition runs, the module's
-/// thread between acquisitions. Only samplesAcquired may be read from other threads meanwhile. Rates are in Hz.
+// One stream of samples of a device. No lock: the thread of the cycle writes while the acquisition runs, the module's
+// thread between acquisitions. Only samplesAcquired may be read from other threads meanwhile. Rates are in Hz.
 class Channel {
 public:
     explicit Channel(int number);
@@ -24,21 +24,21 @@ public:
     Channel& operator=(const Channel&) = delete;
     virtual ~Channel();
 
-    /// Makes the sample buffer in the concrete classes.
+    // Makes the sample buffer in the concrete classes.
     virtual void initialize();
     virtual void prepareAcquisition();
-    /// Counters to 0, buffers sized for two seconds.
+    // Counters to 0, buffers sized for two seconds.
     virtual void initializeAcquisition();
     virtual void beforeAcquireData();
     virtual void afterAcquireData();
     virtual void finalizeAcquisition();
-    /// Physical value of a raw one.
+    // Physical value of a raw one.
     virtual double scaleValue(double value);
 
     double getSampleAtPos(unsigned long position);
     double getTimeAtPos(unsigned long position);
-    /// Slot at this distance from the next write, -1 being the newest sample. The ring must not be empty and the
-    /// distance not beyond its capacity.
+    // Slot at this distance from the next write, -1 being the newest sample. The ring must not be empty and the
+    // distance not beyond its capacity.
     unsigned long getPosAtRelativePos(int relative);
     double getSampleAtRelativePos(int relative);
     double getCurrentSample();
@@ -46,23 +46,23 @@ public:
     double getCurrentTime();
     bool hasSamples();
 
-    /// A divider below 1 is ignored.
+    // A divider below 1 is ignored.
     void setSRDiv(int divider);
-    /// Synchronous: sets the divider that gives this rate, a rate below 1 is ignored. Asynchronous: stores the rate.
+    // Synchronous: sets the divider that gives this rate, a rate below 1 is ignored. Asynchronous: stores the rate.
     void setRate(int rate);
     int getRate() const;
 
-    /// Samples: two seconds of the rate, rounded down to the granularity; 0 for an inactive channel.
+    // Samples: two seconds of the rate, rounded down to the granularity; 0 for an inactive channel.
     unsigned long calculateBufferCapacity();
     void reserveMemory();
     void freeMemory();
 
-    /// Stores the time of a sample in seconds; nothing without a time buffer. Throws InvalidTimestampException on NaN.
+    // Stores the time of a sample in seconds; nothing without a time buffer. Throws InvalidTimestampException on NaN.
     void addTimeToBuffer(double time);
 
-    /// One sample with its time in seconds. Throws NotActiveChannelException, InvalidTypeException when the buffer's
-    /// samples have another size, InvalidCallException for a channel of arrays, DataLostException when this cycle has
-    /// already filled the buffer, InvalidTimestampException. After any of them nothing has changed.
+    // One sample with its time in seconds. Throws NotActiveChannelException, InvalidTypeException when the buffer's
+    // samples have another size, InvalidCallException for a channel of arrays, DataLostException when this cycle has
+    // already filled the buffer, InvalidTimestampException. After any of them nothing has changed.
     template <class T>
     void addSample(const T& value, double time) {
         checkAddSample(sizeof(T), time);
@@ -72,8 +72,8 @@ public:
         ++samplesAcquired;
     }
 
-    /// Accounts for samples that stand in the buffer's memory already. Throws NotActiveChannelException, and
-    /// DataLostException when the samples of this cycle reach the capacity.
+    // Accounts for samples that stand in the buffer's memory already. Throws NotActiveChannelException, and
+    // DataLostException when the samples of this cycle reach the capacity.
     void incSamplePosition(unsigned long count);
 
     template <class T>
@@ -84,42 +84,42 @@ public:
     }
 
     // What every cycle looks at comes first, so that it stands in one cache line.
-    bool active = false;                 ///< This acquisition fills the channel.
+    bool active = false;  // This acquisition fills the channel.
     SampleType sampleType = SampleType::Async;
-    int srDiv = 1;                       ///< Divider of a synchronous channel.
-    SampleCounter samplesAcquired;       ///< Since the start of the acquisition. Readable from any thread.
-    std::uint64_t samplesThisCycle = 0;  ///< Samples added in the present acquireData.
-    std::uint64_t samplesBehind = 0;     ///< Written by the controller, in samples of the full rate.
+    int srDiv = 1;                       // Divider of a synchronous channel.
+    SampleCounter samplesAcquired;       // Since the start of the acquisition. Readable from any thread.
+    std::uint64_t samplesThisCycle = 0;  // Samples added in the present acquireData.
+    std::uint64_t samplesBehind = 0;     // Written by the controller, in samples of the full rate.
 
     std::string name;
     std::string unit;
-    int number;                 ///< Place of the channel within its device.
-    int index = 0;              ///< Place in the whole tree, given by the controller.
-    bool used = false;          ///< The host wants the channel.
-    bool enableFirst = false;   ///< The controller needs the channel although the host may not.
+    int number;                // Place of the channel within its device.
+    int index = 0;             // Place in the whole tree, given by the controller.
+    bool used = false;         // The host wants the channel.
+    bool enableFirst = false;  // The controller needs the channel although the host may not.
     double scale = 1.0;
     double offset = 0.0;
     double minValue = -10.0;
     double maxValue = 10.0;
     std::shared_ptr<IChannelBuffer> buffer;
-    std::shared_ptr<IChannelBuffer> timeBuffer;      ///< double, seconds; asynchronous channels only.
-    std::shared_ptr<IChannelBuffer> positionBuffer;  ///< DynArrayPositionIndex; channels of arrays only.
-    int deviceRate = 1000;      ///< The device's full rate.
+    std::shared_ptr<IChannelBuffer> timeBuffer;      // double, seconds; asynchronous channels only.
+    std::shared_ptr<IChannelBuffer> positionBuffer;  // DynArrayPositionIndex; channels of arrays only.
+    int deviceRate = 1000;                           // The device's full rate.
     int minRate = 1;
     int maxRate = 100000000;
-    int asyncRate = 1000;       ///< Rate of an asynchronous channel.
-    double arrayFactor = 100.0; ///< With a positionBuffer: elements of buffer per position.
-    bool dynamicArray = false;  ///< Samples are arrays of varying length.
-    std::uint64_t bufferGranularity = 1;   ///< Capacities are a multiple of this.
-    bool isFloat = false;       ///< Samples are float or double.
-    bool enabled = true;        ///< The channel can be used at all.
-    int phaseDelay = 0;         ///< Samples.
-    bool isControl = false;     ///< Output channel: data flows from the host to the device.
-    bool noReserve = false;     ///< The host is not to reserve memory.
+    int asyncRate = 1000;                 // Rate of an asynchronous channel.
+    double arrayFactor = 100.0;           // With a positionBuffer: elements of buffer per position.
+    bool dynamicArray = false;            // Samples are arrays of varying length.
+    std::uint64_t bufferGranularity = 1;  // Capacities are a multiple of this.
+    bool isFloat = false;                 // Samples are float or double.
+    bool enabled = true;                  // The channel can be used at all.
+    int phaseDelay = 0;                   // Samples.
+    bool isControl = false;               // Output channel: data flows from the host to the device.
+    bool noReserve = false;               // The host is not to reserve memory.
 
 protected:
-    /// Sample buffer of an analog channel: the smallest type that holds the bits; float or double with isFloat. Throws
-    /// InvalidTypeException where there is none.
+    // Sample buffer of an analog channel: the smallest type that holds the bits; float or double with isFloat. Throws
+    // InvalidTypeException where there is none.
     void createAnalogBuffer(int resolution);
 
 private:
@@ -127,4 +127,4 @@ private:
     void createSideBuffers();
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -10,8 +10,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Ring over one block of capacity values of T in native byte order. A full ring overwrites its oldest sample: the
-/// tests that keep readers safe are those of Channel.
+// Ring over one block of capacity values of T in native byte order. A full ring overwrites its oldest sample: the
+// tests that keep readers safe are those of Channel.
 template <class T>
 class ChannelBuffer final : public IChannelBuffer {
     static_assert(std::is_trivially_copyable_v<T>);
@@ -74,4 +74,4 @@ private:
     unsigned long capacity_ = 0;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -2,8 +2,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-ChannelFolder::ChannelFolder(const std::string& name, bool sharedInputs) : sharedInputs(sharedInputs), name(name) {
-}
+ChannelFolder::ChannelFolder(const std::string& name, bool sharedInputs) : sharedInputs(sharedInputs), name(name) {}
 
 std::string ChannelFolder::getDisplayName() const {
     return name;
@@ -17,4 +16,4 @@ void ChannelFolder::clearChannels() {
     channels.clear();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -10,10 +10,10 @@ namespace Harvane::RT::Modules::Daq {
 
 class Channel;
 
-/// A group of channels for display. Sub-folders are the children.
+// A group of channels for display. Sub-folders are the children.
 class ChannelFolder : public TopologyElement {
 public:
-    /// sharedInputs: the channels of the folder look at one input.
+    // sharedInputs: the channels of the folder look at one input.
     ChannelFolder(const std::string& name, bool sharedInputs);
 
     std::string getDisplayName() const override;
@@ -25,4 +25,4 @@ public:
     std::string name;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -17,7 +17,7 @@ Channels select(const Channels& channels, Predicate wanted) {
     return selected;
 }
 
-}
+}  // namespace
 
 Channels Channels::getActiveChannels() const {
     return select(*this, [](const Channel& channel) { return channel.active; });
@@ -63,4 +63,4 @@ Channels::SamplesAcquired Channels::getSamplesAcquired() const {
     return all;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -14,4 +14,4 @@ bool CntChannel::hasCntSettings() const {
     return name == "Count";
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

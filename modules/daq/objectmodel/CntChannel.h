@@ -4,16 +4,16 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Counter input. The settings are the host's choices by number.
+// Counter input. The settings are the host's choices by number.
 class CntChannel : public Channel {
 public:
     explicit CntChannel(int number);
 
     void initialize() override;
-    /// Only the channel named "Count" carries the counter's settings.
+    // Only the channel named "Count" carries the counter's settings.
     bool hasCntSettings() const;
 
-    int cntBaseClock = 100000000;  ///< Hz.
+    int cntBaseClock = 100000000;  // Hz.
     int baseMode = 1;
     int countingMode = 0;
     int timingMode = 0;
@@ -29,4 +29,4 @@ public:
     bool advancedCountingMode = false;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -2,11 +2,9 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-ConnectionPoint::ConnectionPoint(const std::string& name) : name(name) {
-}
+ConnectionPoint::ConnectionPoint(const std::string& name) : name(name) {}
 
-void ConnectionPoint::initialize() {
-}
+void ConnectionPoint::initialize() {}
 
 void ConnectionPoint::connect() {
     connected = true;
@@ -29,4 +27,4 @@ void ConnectionPoint::sendCommand(int command, const unsigned char* data, unsign
     sendCommand(command, data, length, nullptr, answerLength, timeout);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

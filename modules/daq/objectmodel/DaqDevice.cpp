@@ -130,4 +130,4 @@ std::vector<std::shared_ptr<DaqDevice>> DaqDevice::getDaqDevicesWithSR() const {
     return found;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

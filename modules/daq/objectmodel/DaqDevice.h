@@ -17,8 +17,8 @@ class DaqTiming;
 class StatusDevice;
 class SubDevice;
 
-/// One physical instrument, which makes its own functional parts. A concrete device overrides the create operations of
-/// the parts that it has.
+// One physical instrument, which makes its own functional parts. A concrete device overrides the create operations of
+// the parts that it has.
 class DaqDevice : public Device {
 public:
     DaqDevice();
@@ -30,7 +30,7 @@ public:
     void finalizeAcquisition(bool recursive) override;
 
     virtual SynchronizationOptions getSynchronizationOptions();
-    /// Command of the device's control entry; false when it isn't known.
+    // Command of the device's control entry; false when it isn't known.
     virtual bool ioctl(int command, const std::string& argument, std::string& result);
     virtual std::shared_ptr<DaqClock> createDaqClock();
     virtual std::shared_ptr<DaqTiming> createDaqTiming();
@@ -42,24 +42,24 @@ public:
     virtual std::shared_ptr<DaqLoop> createDaqLoop();
 
     void setSynchronizationOption(const SynchronizationOption& option);
-    /// Of all devices below the parent, this one included, the DaqDevices that have a device rate. None without a
-    /// parent, which initialize() of the tree sets.
+    // Of all devices below the parent, this one included, the DaqDevices that have a device rate. None without a
+    // parent, which initialize() of the tree sets.
     std::vector<std::shared_ptr<DaqDevice>> getDaqDevicesWithSR() const;
 
-    std::shared_ptr<DaqClock> daqClock;      ///< This device's clock.
-    std::shared_ptr<DaqClock> masterClock;   ///< The clock that it follows; its own at first.
+    std::shared_ptr<DaqClock> daqClock;     // This device's clock.
+    std::shared_ptr<DaqClock> masterClock;  // The clock that it follows; its own at first.
     std::shared_ptr<DaqTiming> daqTiming;
-    Synchronization synchronization;         ///< The option chosen for this device.
+    Synchronization synchronization;  // The option chosen for this device.
     std::shared_ptr<AIDevice> aiDevice;
     std::shared_ptr<SubDevice> aoDevice;
     std::shared_ptr<CANDevice> canDevice;
     std::shared_ptr<SubDevice> cntDevice;
     std::shared_ptr<StatusDevice> statusDevice;
-    std::shared_ptr<DaqLoop> daqLoop;        ///< Not a child.
+    std::shared_ptr<DaqLoop> daqLoop;  // Not a child.
 
 private:
     template <class T>
     void addPart(const std::shared_ptr<T>& part);
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

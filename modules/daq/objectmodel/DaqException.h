@@ -4,52 +4,52 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Failures of the device tree. They carry a text and no error code: what crosses to the host is translated elsewhere.
+// Failures of the device tree. They carry a text and no error code: what crosses to the host is translated elsewhere.
 class DaqException : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Samples have been, or would be, overwritten before somebody read them.
+// Samples have been, or would be, overwritten before somebody read them.
 class DataLostException : public DaqException {
 public:
     DataLostException() : DaqException("Data lost") {}
 };
 
-/// A type that doesn't fit: an unknown class, a sample of another size than the buffer's, an impossible resolution.
+// A type that doesn't fit: an unknown class, a sample of another size than the buffer's, an impossible resolution.
 class InvalidTypeException : public DaqException {
 public:
     InvalidTypeException() : DaqException("Invalid type") {}
 };
 
-/// A sample for a channel that takes no part in the acquisition.
+// A sample for a channel that takes no part in the acquisition.
 class NotActiveChannelException : public DaqException {
 public:
     NotActiveChannelException() : DaqException("Not active channel") {}
 };
 
-/// An operation that this kind of object hasn't got.
+// An operation that this kind of object hasn't got.
 class InvalidCallException : public DaqException {
 public:
     InvalidCallException() : DaqException("Invalide call") {}
 };
 
-/// A time stamp that is no number.
+// A time stamp that is no number.
 class InvalidTimestampException : public DaqException {
 public:
     InvalidTimestampException() : DaqException("Invalid timestamp") {}
 };
 
-/// A text that is no calendar time.
+// A text that is no calendar time.
 class BadTimeFormatException : public DaqException {
 public:
     BadTimeFormatException() : DaqException("Bad time format") {}
 };
 
-/// Thrown by the read function of a receiver thread when nothing came in time.
+// Thrown by the read function of a receiver thread when nothing came in time.
 class TimeoutException : public DaqException {
 public:
     TimeoutException() : DaqException("Timeout") {}
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

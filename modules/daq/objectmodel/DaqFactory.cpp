@@ -11,8 +11,8 @@ namespace Harvane::RT::Modules::Daq {
 
 namespace {
 
-/// The object of a factory as a T. The shared_ptr is made first, so that a class registered under the wrong type is
-/// freed.
+// The object of a factory as a T. The shared_ptr is made first, so that a class registered under the wrong type is
+// freed.
 template <class T>
 std::shared_ptr<T> createAs(IDaqObjectFactory& factory) {
     std::shared_ptr<DaqObject> object(factory.createInstance());
@@ -23,7 +23,7 @@ std::shared_ptr<T> createAs(IDaqObjectFactory& factory) {
     return result;
 }
 
-}
+}  // namespace
 
 DaqFactory::DaqFactory() {
     for (auto* factory : DaqObjectFactoryManager::getObjectFactories(DaqObjectFactoryType::DeviceFactory)) {
@@ -112,4 +112,4 @@ std::shared_ptr<SystemDevice> DaqFactory::createSystemDevice(const Interfaces& i
     return root;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

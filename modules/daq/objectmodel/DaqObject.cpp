@@ -22,4 +22,4 @@ unsigned long DaqObject::getClassId() const {
     return typeid(*this).hash_code();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -8,7 +8,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Factory of class T. One static object a class, handed to DaqObjectFactoryManager::registerObjectFactory at load.
+// Factory of class T. One static object a class, handed to DaqObjectFactoryManager::registerObjectFactory at load.
 template <class T, DaqObjectFactoryType Type>
 class DaqObjectFactory final : public IDaqObjectFactory {
 public:
@@ -18,4 +18,4 @@ public:
     DaqObjectFactoryType getObjectFactoryType() const override { return Type; }
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

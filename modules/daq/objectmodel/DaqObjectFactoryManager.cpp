@@ -9,7 +9,7 @@ namespace DaqObjectFactoryTypes {
 constinit IDaqObjectFactory* factories[maxFactories] = {};
 constinit int factoriesCount = 0;
 
-}
+}  // namespace DaqObjectFactoryTypes
 
 namespace {
 
@@ -32,7 +32,7 @@ DaqObject* createFrom(IDaqObjectFactory* factory) {
     return factory->createInstance();
 }
 
-}
+}  // namespace
 
 void DaqObjectFactoryManager::registerObjectFactory(IDaqObjectFactory* factory) {
     if (factoriesCount == maxFactories || findObjectFactory(factory->getClassId()) ||
@@ -68,4 +68,4 @@ std::vector<IDaqObjectFactory*> DaqObjectFactoryManager::getObjectFactories(DaqO
     return found;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -1,7 +1,7 @@
 #include "modules/daq/objectmodel/DaqUtils.h"
 
-#include <cstdlib>
 #include <cxxabi.h>
+#include <cstdlib>
 #include <memory>
 
 namespace Harvane::RT::Modules::Daq {
@@ -15,4 +15,4 @@ std::string DaqUtils::getClassName(const std::string& typeName) {
     return colon == std::string::npos ? name : name.substr(colon + 1);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

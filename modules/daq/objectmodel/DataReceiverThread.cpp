@@ -41,4 +41,4 @@ unsigned long DataReceiverThread::readSamples(unsigned char* target, unsigned lo
     return readSamples(target, count, true);
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -16,7 +16,7 @@ int clampRate(int rate, int minRate, int maxRate) {
     return rate < minRate ? minRate : std::min(rate, maxRate);
 }
 
-}
+}  // namespace
 
 Device::~Device() = default;
 
@@ -324,4 +324,4 @@ DaqVector<std::shared_ptr<Device>> Device::getAllDevices() {
     return all;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -40,4 +40,4 @@ void DeviceChannels::finalizeAcquisition() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

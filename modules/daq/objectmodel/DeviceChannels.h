@@ -5,18 +5,18 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// The channels of one device, driven together.
+// The channels of one device, driven together.
 class DeviceChannels : public Channels {
 public:
     void prepareAcquisition();
-    /// Settles which channels are active, counts them and initializes all of them; inactive ones get no memory.
+    // Settles which channels are active, counts them and initializes all of them; inactive ones get no memory.
     void initializeAcquisition();
-    /// Active channels only.
+    // Active channels only.
     void beforeAcquireData();
     void afterAcquireData();
     void finalizeAcquisition();
 
-    int maxChannels = 0;         ///< How many channels the device makes.
+    int maxChannels = 0;  // How many channels the device makes.
     int activeChannelCount = 0;
     OperationMode operationMode = 0;
 
@@ -24,4 +24,4 @@ private:
     std::vector<std::shared_ptr<Channel>> active_;  // of the present acquisition: what a cycle goes through
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -4,7 +4,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A fault that the check of the hardware found.
+// A fault that the check of the hardware found.
 class DeviceError {
 public:
     explicit DeviceError(const std::string& text) : text(text) {}
@@ -13,4 +13,4 @@ public:
     std::string text;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

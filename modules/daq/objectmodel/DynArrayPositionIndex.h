@@ -4,7 +4,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Place of one array within the element buffer of a channel with arrays of varying length.
+// Place of one array within the element buffer of a channel with arrays of varying length.
 struct DynArrayPositionIndex {
     std::uint64_t first = 0;
     std::uint64_t second = 0;
@@ -12,4 +12,4 @@ struct DynArrayPositionIndex {
 
 static_assert(sizeof(DynArrayPositionIndex) == 16);
 
-}
+}  // namespace Harvane::RT::Modules::Daq

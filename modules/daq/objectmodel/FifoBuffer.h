@@ -7,20 +7,20 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Read side of a FIFO. Counts and positions are in items.
+// Read side of a FIFO. Counts and positions are in items.
 template <class T>
 class ISourceBuffer {
 public:
     virtual ~ISourceBuffer() = default;
-    /// Recursive: a caller may hold it over several operations.
+    // Recursive: a caller may hold it over several operations.
     virtual std::recursive_mutex& getLock() = 0;
     virtual unsigned long getSize() = 0;
-    /// Copies at most count items from the head and returns how many; with incrementPosition they are taken out.
+    // Copies at most count items from the head and returns how many; with incrementPosition they are taken out.
     virtual unsigned long readSamples(T* target, unsigned long count, bool incrementPosition) = 0;
     virtual void incrementReadPosition(unsigned long count) = 0;
 };
 
-/// Read side over one array. UseLock: each operation holds the lock for its whole duration.
+// Read side over one array. UseLock: each operation holds the lock for its whole duration.
 template <class T, bool UseLock>
 class IDirectArraySourceBuffer : public ISourceBuffer<T> {
 public:
@@ -32,7 +32,7 @@ public:
         return readSamplesAt(target, count, incrementPosition, 0);
     }
 
-    /// As readSamples, from offset items behind the head.
+    // As readSamples, from offset items behind the head.
     virtual unsigned long readSamplesAt(T* target, unsigned long count, bool incrementPosition, unsigned long offset) {
         auto guard = lockIfUsed();
         const unsigned long held = this->getSize();
@@ -55,7 +55,7 @@ public:
         return m;
     }
 
-    /// Plain copies out of the array, without any check or wrap.
+    // Plain copies out of the array, without any check or wrap.
     virtual unsigned long read(T* target, unsigned long count, unsigned long position) {
         auto guard = lockIfUsed();
         std::copy_n(getData() + position, count, target);
@@ -73,31 +73,31 @@ private:
     }
 };
 
-/// Write side of a FIFO.
+// Write side of a FIFO.
 template <class T>
 class ITargetBuffer {
 public:
     virtual ~ITargetBuffer() = default;
     virtual std::recursive_mutex& getLock() = 0;
     virtual unsigned long getRemainingSize() = 0;
-    /// Stores what fits and returns how many items that were. Never overwrites what wasn't read.
+    // Stores what fits and returns how many items that were. Never overwrites what wasn't read.
     virtual unsigned long writeSamples(const T* source, unsigned long count, bool incrementPosition) = 0;
     virtual void incrementWritePosition(unsigned long count) = 0;
 };
 
-/// Write side over one array.
+// Write side over one array.
 template <class T>
 class IDirectArrayTargetBuffer : public ITargetBuffer<T> {
 public:
     virtual T* getData() const = 0;
     virtual unsigned long getCapacity() const = 0;
     virtual unsigned long getWritePos() = 0;
-    /// Plain copies into the array, without any check or wrap.
+    // Plain copies into the array, without any check or wrap.
     virtual unsigned long write(const T* source, unsigned long count, unsigned long position) = 0;
     virtual unsigned long write(const T* source, unsigned long count) = 0;
 };
 
-/// FIFO between one producer and one consumer thread. Every operation holds the recursive lock.
+// FIFO between one producer and one consumer thread. Every operation holds the recursive lock.
 template <class T>
 class FifoBufferBase : public IDirectArraySourceBuffer<T, true>, public IDirectArrayTargetBuffer<T> {
     static_assert(std::is_trivially_copyable_v<T>);
@@ -106,7 +106,7 @@ class FifoBufferBase : public IDirectArraySourceBuffer<T, true>, public IDirectA
 public:
     std::recursive_mutex& getLock() override { return lock_; }
 
-    /// The one array that both sides work on.
+    // The one array that both sides work on.
     T* getData() const override = 0;
     unsigned long getSize() override {
         Guard guard(lock_);
@@ -137,7 +137,7 @@ public:
         Guard guard(lock_);
         return capacity_ - size_;
     }
-    /// Contents are lost.
+    // Contents are lost.
     virtual void setCapacity(unsigned long capacity) {
         Guard guard(lock_);
         capacity_ = capacity;
@@ -199,7 +199,7 @@ private:
     unsigned long writePos_ = 0;
 };
 
-/// FIFO that owns its array.
+// FIFO that owns its array.
 template <class T>
 class FifoBuffer : public FifoBufferBase<T> {
 public:
@@ -216,4 +216,4 @@ private:
     std::unique_ptr<T[]> data_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

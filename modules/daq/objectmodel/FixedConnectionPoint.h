@@ -10,4 +10,4 @@ public:
     using GenericConnectionPoint::GenericConnectionPoint;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -15,9 +15,8 @@ std::vector<std::string> portNames() {
     return names;
 }
 
-}
+}  // namespace
 
-FixedInterfaceHelper::FixedInterfaceHelper() : StaticInterfaceHelper("FixedInterface", portNames()) {
-}
+FixedInterfaceHelper::FixedInterfaceHelper() : StaticInterfaceHelper("FixedInterface", portNames()) {}
 
-}
+}  // namespace Harvane::RT::Modules::Daq

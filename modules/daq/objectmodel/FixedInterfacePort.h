@@ -11,4 +11,4 @@ public:
     using GenericInterfacePort::GenericInterfacePort;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

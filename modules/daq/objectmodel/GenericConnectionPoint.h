@@ -7,7 +7,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Connection point of a helper's family: everything is forwarded with the connection point's name in front.
+// Connection point of a helper's family: everything is forwarded with the connection point's name in front.
 template <class Helper>
 class GenericConnectionPoint : public ConnectionPoint {
 public:
@@ -30,4 +30,4 @@ private:
     std::shared_ptr<Helper> helper_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

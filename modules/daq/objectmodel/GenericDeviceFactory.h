@@ -9,8 +9,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Makes a T on the one connection point that Parameters names. Parameters is a default-constructible class with the
-/// members interfaceName and connectionPointName, both convertible to std::string.
+// Makes a T on the one connection point that Parameters names. Parameters is a default-constructible class with the
+// members interfaceName and connectionPointName, both convertible to std::string.
 template <class T, class Parameters>
 class GenericDeviceFactory : public DeviceFactory {
 public:
@@ -24,4 +24,4 @@ public:
     }
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

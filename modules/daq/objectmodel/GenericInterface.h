@@ -8,7 +8,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Interface of a helper's family: one port for each of the helper's identifiers.
+// Interface of a helper's family: one port for each of the helper's identifiers.
 template <class Helper, class Port>
 class GenericInterface : public Interface {
 public:
@@ -24,4 +24,4 @@ private:
     std::shared_ptr<Helper> helper_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

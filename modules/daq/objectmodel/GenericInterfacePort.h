@@ -8,7 +8,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Port of a helper's family: it has exactly one connection point, of the port's own name.
+// Port of a helper's family: it has exactly one connection point, of the port's own name.
 template <class Helper, class ConnectionPointType>
 class GenericInterfacePort : public InterfacePort {
 public:
@@ -25,4 +25,4 @@ private:
     std::shared_ptr<Helper> helper_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -10,4 +10,4 @@ void GroupDevice::setGroupName(const std::string& newName) {
     groupName = newName;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

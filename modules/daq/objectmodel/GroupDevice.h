@@ -4,7 +4,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Several devices on one port.
+// Several devices on one port.
 class GroupDevice : public Device {
 public:
     std::string getDisplayName() const override;
@@ -13,4 +13,4 @@ public:
     std::string groupName = "Device Group";
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

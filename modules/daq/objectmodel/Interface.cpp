@@ -29,4 +29,4 @@ void Interface::scan() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

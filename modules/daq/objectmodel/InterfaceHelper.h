@@ -5,8 +5,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Describes a family of ports, so that one set of generic classes serves any family. The identifier of the
-/// connection point stands in front of the arguments of ConnectionPoint's operations of the same names.
+// Describes a family of ports, so that one set of generic classes serves any family. The identifier of the
+// connection point stands in front of the arguments of ConnectionPoint's operations of the same names.
 class InterfaceHelper {
 public:
     virtual ~InterfaceHelper() = default;
@@ -21,4 +21,4 @@ public:
                                     int timeout);
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -2,8 +2,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-InterfacePort::InterfacePort(const std::string& name) : name(name) {
-}
+InterfacePort::InterfacePort(const std::string& name) : name(name) {}
 
 InterfacePort::~InterfacePort() {
     if (connected) {
@@ -11,8 +10,7 @@ InterfacePort::~InterfacePort() {
     }
 }
 
-void InterfacePort::initialize() {
-}
+void InterfacePort::initialize() {}
 
 void InterfacePort::connect() {
     connected = true;
@@ -43,4 +41,4 @@ void InterfacePort::scan() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

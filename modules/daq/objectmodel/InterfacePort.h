@@ -10,7 +10,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A port of an interface. The list base holds its connection points.
+// A port of an interface. The list base holds its connection points.
 class InterfacePort : public DaqObject, public DaqVector<std::shared_ptr<ConnectionPoint>> {
 public:
     explicit InterfacePort(const std::string& name);
@@ -28,4 +28,4 @@ public:
     bool connected = false;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

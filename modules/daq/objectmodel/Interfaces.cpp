@@ -20,4 +20,4 @@ void Interfaces::scan() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -7,7 +7,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// All interfaces of the process that owns it. Its destructor finalizes them.
+// All interfaces of the process that owns it. Its destructor finalizes them.
 class Interfaces : public DaqVector<std::shared_ptr<Interface>> {
 public:
     Interfaces() = default;
@@ -19,4 +19,4 @@ public:
     void scan();
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -14,16 +14,16 @@ inline std::ostream& operator<<(std::ostream& stream, const wchar_t* text) {
     return stream;
 }
 
-}
+}  // namespace plog
 
 #include <plog/Log.h>
 
 namespace Harvane::RT::Modules::Daq {
 
-/// What an exception says, for a log message. Never null.
+// What an exception says, for a log message. Never null.
 inline const char* textOf(const std::exception& exception) {
     const char* text = exception.what();
     return text == nullptr ? "(null)" : text;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

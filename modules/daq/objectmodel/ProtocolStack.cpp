@@ -22,4 +22,4 @@ void ProtocolStack::initialize() {
     }
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -8,7 +8,7 @@ namespace Harvane::RT::Modules::Daq {
 
 class ConnectionPoint;
 
-/// One layer of a command protocol: it sends through sendCommand, which the stack binds for the lowest layer.
+// One layer of a command protocol: it sends through sendCommand, which the stack binds for the lowest layer.
 class ProtocolLayer {
 public:
     virtual ~ProtocolLayer() = default;
@@ -18,11 +18,11 @@ public:
     std::shared_ptr<ConnectionPoint> connectionPoint;
 };
 
-/// Command protocol of a device over its connection point, the lowest layer first.
+// Command protocol of a device over its connection point, the lowest layer first.
 class ProtocolStack {
 public:
-    /// Binds the lowest layer to the connection point and tells each layer where it belongs. Without a connection point
-    /// the lowest layer's sendCommand stays empty.
+    // Binds the lowest layer to the connection point and tells each layer where it belongs. Without a connection point
+    // the lowest layer's sendCommand stays empty.
     void initialize();
 
     std::vector<std::shared_ptr<ProtocolLayer>> layers;
@@ -30,4 +30,4 @@ public:
     unsigned long deviceId = 0;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

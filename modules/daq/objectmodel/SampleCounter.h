@@ -5,8 +5,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A count that one thread writes and any thread may read at any time: clock queries of the host come while the cycle
-/// counts. It orders nothing else (relaxed) and costs the cycle a plain load and store. Used like an integer.
+// A count that one thread writes and any thread may read at any time: clock queries of the host come while the cycle
+// counts. It orders nothing else (relaxed) and costs the cycle a plain load and store. Used like an integer.
 class SampleCounter {
 public:
     SampleCounter(std::uint64_t value = 0) : value_(value) {}
@@ -27,4 +27,4 @@ private:
     std::atomic<std::uint64_t> value_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

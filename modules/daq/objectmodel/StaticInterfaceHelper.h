@@ -7,7 +7,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A family of ports whose names are known beforehand.
+// A family of ports whose names are known beforehand.
 class StaticInterfaceHelper : public InterfaceHelper {
 public:
     StaticInterfaceHelper(const std::string& interfaceName, const std::vector<std::string>& ids);
@@ -20,4 +20,4 @@ private:
     std::vector<std::string> ids_;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

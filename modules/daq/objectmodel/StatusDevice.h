@@ -4,10 +4,10 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Status part of a device: the place that a DaqDevice keeps for it.
+// Status part of a device: the place that a DaqDevice keeps for it.
 class StatusDevice : public SubDevice {
 protected:
     StatusDevice() = default;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

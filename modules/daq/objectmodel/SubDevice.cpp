@@ -77,4 +77,4 @@ std::shared_ptr<Device> SubDevice::getDevice() const {
     return getParent<Device>();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -12,7 +12,7 @@ namespace Harvane::RT::Modules::Daq {
 
 namespace {
 
-/// A callback that fails has nobody to tell: the thread is at its end already.
+// A callback that fails has nobody to tell: the thread is at its end already.
 void notify(const std::function<void()>& callback) {
     try {
         if (callback) {
@@ -22,7 +22,7 @@ void notify(const std::function<void()>& callback) {
     }
 }
 
-}
+}  // namespace
 
 SyncDataReceiverThread::~SyncDataReceiverThread() {
     stop();
@@ -77,4 +77,4 @@ bool SyncDataReceiverThread::store(const unsigned char* data, unsigned long coun
     return writeSamples(data, count, true) == count;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

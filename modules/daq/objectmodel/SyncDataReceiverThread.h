@@ -4,8 +4,8 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Loop for a synchronous stream: it stops at the first byte that it can't keep, so that the FIFO never holds a stream
-/// with a gap.
+// Loop for a synchronous stream: it stops at the first byte that it can't keep, so that the FIFO never holds a stream
+// with a gap.
 class SyncDataReceiverThread : public DataReceiverThread {
 public:
     ~SyncDataReceiverThread() override;
@@ -14,8 +14,8 @@ public:
 
 private:
     void receive();
-    /// False when bytes had to be dropped.
+    // False when bytes had to be dropped.
     bool store(const unsigned char* data, unsigned long count);
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

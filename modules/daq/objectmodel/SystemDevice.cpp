@@ -6,4 +6,4 @@ std::string SystemDevice::getDisplayName() const {
     return "Measurement system";
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -4,10 +4,10 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// Root of the device tree.
+// Root of the device tree.
 class SystemDevice : public Device {
 public:
     std::string getDisplayName() const override;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -33,4 +33,4 @@ std::string TopologyElement::getDisplayName() const {
     return getClassName();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -4,14 +4,12 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-void DaqClock::initializeAcquisition() {
-}
+void DaqClock::initializeAcquisition() {}
 
-void DaqClock::startAcquisition() {
-}
+void DaqClock::startAcquisition() {}
 
 std::shared_ptr<DaqDevice> DaqClock::getDaqDevice() const {
     return getParent<DaqDevice>();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

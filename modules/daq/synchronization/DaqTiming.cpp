@@ -8,4 +8,4 @@ std::shared_ptr<DaqDevice> DaqTiming::getDaqDevice() const {
     return getParent<DaqDevice>();
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -9,13 +9,13 @@ namespace Harvane::RT::Modules::Daq {
 
 class DaqDevice;
 
-/// The sub-device that owns the synchronisation hardware and knows absolute time: microseconds since the Unix epoch
-/// (UTC as the operating system has it), -1 while unknown. Queries may come from any host thread.
+// The sub-device that owns the synchronisation hardware and knows absolute time: microseconds since the Unix epoch
+// (UTC as the operating system has it), -1 while unknown. Queries may come from any host thread.
 class DaqTiming : public SubDevice {
 public:
-    /// Absolute time of the start of the acquisition.
+    // Absolute time of the start of the acquisition.
     virtual std::int64_t getStartTime() = 0;
-    /// tracking: the clock follows its reference. error: synchronisation has failed and has to start again.
+    // tracking: the clock follows its reference. error: synchronisation has failed and has to start again.
     virtual std::int64_t getCurrentTime(bool& tracking, bool& error) = 0;
 
     std::shared_ptr<DaqDevice> getDaqDevice() const;
@@ -23,4 +23,4 @@ public:
     bool absTimeSynchronized = false;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

@@ -15,7 +15,7 @@ std::int64_t steadyNow() {
         .count();
 }
 
-}
+}  // namespace
 
 void GenericDaqClock::initializeAcquisition() {
     Channels sources;
@@ -52,4 +52,4 @@ double GenericDaqClock::getCurrentTime(bool) {
     return samples > 0 && baseRate_ > 0 ? static_cast<double>(samples) / baseRate_ : -1.0;
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

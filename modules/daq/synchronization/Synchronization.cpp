@@ -3,8 +3,7 @@
 namespace Harvane::RT::Modules::Daq {
 
 Synchronization::Synchronization(SynchronizationOption option)
-    : slaveMode(option.first), sourceModes(std::move(option.second)) {
-}
+    : slaveMode(option.first), sourceModes(std::move(option.second)) {}
 
 bool Synchronization::hasSynchronizationSlaveMode(SynchronizationMode mode) const {
     return slaveMode == mode;
@@ -42,4 +41,4 @@ SynchronizationOption Synchronization::CreateSyncOption(SynchronizationMode mode
     return {mode, modes};
 }
 
-}
+}  // namespace Harvane::RT::Modules::Daq

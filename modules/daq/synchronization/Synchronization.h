@@ -4,7 +4,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-/// A synchronisation option with its queries.
+// A synchronisation option with its queries.
 class Synchronization {
 public:
     Synchronization() = default;
@@ -17,11 +17,11 @@ public:
     bool isStandalone() const;
     bool isSoftSync() const;
     bool hasSynchronizationSourceMode(SynchronizationMode mode) const;
-    /// As slave or as source.
+    // As slave or as source.
     bool hasSynchronizationMode(SynchronizationMode mode) const;
     bool hasSynchronizationModeOption(SynchronizationMode mode, const SynchronizationModes& modes) const;
     bool isSynchronizationModeEqual(const Synchronization& other) const;
-    /// Neither follows nor sources.
+    // Neither follows nor sources.
     bool isOnlyStandalone() const;
 
     static SynchronizationOption CreateSyncOption(SynchronizationMode mode, const SynchronizationModes& modes);
@@ -30,4 +30,4 @@ public:
     SynchronizationModes sourceModes;
 };
 
-}
+}  // namespace Harvane::RT::Modules::Daq

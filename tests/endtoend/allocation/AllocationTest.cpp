@@ -23,8 +23,9 @@ thread_local bool counting = false;
 thread_local unsigned long allocations = 0;
 
 void count() {
-    if (counting)
+    if (counting) {
         ++allocations;
+    }
 }
 
 }  // namespace
@@ -95,13 +96,15 @@ TEST(Allocation, CycleTakesNothingFromTheHeap) {
             nowS.store(nowS.load() + 0.05);
             return module->processData();
         };
-        for (int i = 0; i < 20; ++i)
+        for (int i = 0; i < 20; ++i) {
             ASSERT_EQ(cycle(), 0u);
+        }
         const long before = channels[0].getSamplesAcquired();
         allocations = 0;
         counting = true;
-        for (int i = 0; i < 200; ++i)
+        for (int i = 0; i < 200; ++i) {
             cycle();
+        }
         counting = false;
         EXPECT_EQ(allocations, 0u);
         // 200 cycles of 50 ms at 15 MS/s, less a descriptor.

@@ -28,7 +28,9 @@ Waveform physicalSine(double amplitude, double offset, double hz) {
     return physical(WaveformKind::Sine, amplitude, offset, hz);
 }
 
-Waveform constant(double value) { return physical(WaveformKind::Constant, 0.0, value, 0.0); }
+Waveform constant(double value) {
+    return physical(WaveformKind::Constant, 0.0, value, 0.0);
+}
 
 ModuleScenario plugged(int slot, AmplifierKind kind, const Waveform& waveform = constant(0.0)) {
     ModuleScenario module;
@@ -83,9 +85,11 @@ public:
         const auto all = instrument().framesReceived();
         std::vector<std::string> commands;
         const std::string prefix = std::to_string(slot) + ": A5 ";
-        for (size_t i = seen_[slot]; i < all.size(); ++i)
-            if (all[i].starts_with(prefix))
+        for (size_t i = seen_[slot]; i < all.size(); ++i) {
+            if (all[i].starts_with(prefix)) {
                 commands.push_back(all[i].substr(prefix.size() + 3, all[i].size() - prefix.size() - 3 - 3));
+            }
+        }
         seen_[slot] = all.size();
         return commands;
     }
@@ -110,8 +114,9 @@ Sine sineOf(const RecordingReader& file, const std::string& path, double hz) {
     const double rate = file.number(path, "sample_rate");
     const auto period = static_cast<size_t>(std::lround(rate / hz));
     const size_t settled = std::max<size_t>(period, 200);
-    if (samples.size() < settled + period)
+    if (samples.size() < settled + period) {
         return {NAN, NAN};
+    }
     const size_t count = (samples.size() - settled) / period * period;
     std::complex<double> turn;
     double sum = 0.0;
@@ -157,13 +162,15 @@ TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsPhysicalUnits) {
     constexpr double hz = 100.0;
     Amplified bench(allKinds());
     size_t runs = 0;
-    for (const auto& list : choices)
+    for (const auto& list : choices) {
         runs = std::max(runs, list.size());
+    }
     for (size_t run = 0; run < runs; ++run) {
         std::map<int, Choice> chosen;
         for (int slot = 0; slot < 4; ++slot) {
-            if (run >= choices[slot].size())
+            if (run >= choices[slot].size()) {
                 continue;
+            }
             const Choice& choice = chosen[slot] = choices[slot][run];
             const auto channel = bench.channel(slot);
             channel.setPropertyValue("Measurement", choice.measurement);
@@ -231,8 +238,9 @@ TEST(AmplifierRoad, FramesOnTheWireForEachDefinition) {
     const auto atStart = bench.sent(voltage);
     ASSERT_GT(atStart.size(), 4u);
     EXPECT_EQ(Commands(atStart.begin(), atStart.begin() + 4), (Commands{"BC 02", "67", "FA", "FB"}));
-    for (size_t i = 4; i < atStart.size(); ++i)
+    for (size_t i = 4; i < atStart.size(); ++i) {
         EXPECT_TRUE(atStart[i] == "67" || atStart[i] == "FA" || atStart[i] == "FB") << atStart[i];
+    }
     EXPECT_EQ(bench.channel(voltage).getMaxValue(), 1.0);
 }
 
@@ -243,8 +251,10 @@ TEST(Balancing, WhileARecordingRuns) {
     const auto report = bench.record("balance.h5", 0.6, {}, [&] {
         EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")) && std::chrono::steady_clock::now() < end)
+        while (fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")) &&
+               std::chrono::steady_clock::now() < end) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
     });
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_EQ(bench.update(bridge), Errors::Success);
@@ -271,8 +281,9 @@ TEST(Balancing, ModuleUnloadsWhileItRuns) {
     bench.session().start();
     auto channel = bench.channel(bridge);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (channel.getSamplesAcquired() < 1000 && std::chrono::steady_clock::now() < end)
+    while (channel.getSamplesAcquired() < 1000 && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const auto begin = std::chrono::steady_clock::now();

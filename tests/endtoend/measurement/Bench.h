@@ -23,9 +23,11 @@ inline std::string channelPath(int module, bool filtered) {
 // The first sample of a counter that isn't its own index, cut to the sample's width; -1 when there is none.
 template <class T>
 long firstWrong(const std::vector<T>& samples) {
-    for (size_t i = 0; i < samples.size(); ++i)
-        if (samples[i] != static_cast<T>(static_cast<uint32_t>(i)))
+    for (size_t i = 0; i < samples.size(); ++i) {
+        if (samples[i] != static_cast<T>(static_cast<uint32_t>(i))) {
             return static_cast<long>(i);
+        }
+    }
     return -1;
 }
 
@@ -42,8 +44,9 @@ public:
         const bool identified = scenario.eepromKeyValid && scenario.eepromVersion != 0;
         if (identified && scenario.slots == kestrixsim::Scenario().slots) {
             scenario.slots = 0;
-            for (const auto& module : scenario.modules)
+            for (const auto& module : scenario.modules) {
                 scenario.slots = std::max(scenario.slots, module.slot + 1);
+            }
         }
         kestrixsim::reset(std::move(scenario));
         folder_ = std::filesystem::temp_directory_path() / ("kestrix-bench-" + std::to_string(::getpid()));
@@ -72,12 +75,14 @@ public:
         for (const auto& entry : tree.channels()) {
             bool wanted = entry.channel.getPropertyValue<bool>("Enabled");
             bool named = false;
-            for (const auto& other : chosen)
+            for (const auto& other : chosen) {
                 named = named || other.path == entry.path;
+            }
             wanted = wanted && named;
             entry.channel.setUsed(wanted);
-            if (wanted)
+            if (wanted) {
                 used.push_back(entry);
+            }
         }
         return used;
     }
@@ -93,12 +98,14 @@ public:
         recorder.start(0);
         const auto half = std::chrono::duration<double>(seconds / 2);
         std::this_thread::sleep_for(half);
-        if (during)
+        if (during) {
             during();
+        }
         std::this_thread::sleep_for(half);
         session().stop();
-        for (uint64_t i = 0; i < session().lostReports(); ++i)
+        for (uint64_t i = 0; i < session().lostReports(); ++i) {
             recorder.reportLostByModule();
+        }
         return recorder.finish(false);
     }
 

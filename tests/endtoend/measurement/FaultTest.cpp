@@ -16,7 +16,9 @@ struct OpenFault {
 class FailingOpen : public testing::TestWithParam<OpenFault> {};
 class FailingStart : public testing::TestWithParam<OpenFault> {};
 
-std::string nameOf(const testing::TestParamInfo<OpenFault>& info) { return info.param.name; }
+std::string nameOf(const testing::TestParamInfo<OpenFault>& info) {
+    return info.param.name;
+}
 
 }  // namespace
 
@@ -42,17 +44,24 @@ TEST_P(FailingOpen, SaysWhyAndLeavesTheProcessUsable) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, FailingOpen,
-    testing::Values(OpenFault{"MemOpen", {.kind = FaultKind::MemOpen, .times = -1}, "Failed to open device handle."},
-                    OpenFault{"MemMap", {.kind = FaultKind::MemMap, .times = -1}, "Failed to map memory."},
-                    OpenFault{"I2cOpen", {.kind = FaultKind::I2cOpen, .times = -1}, "Failed to open device handle."},
-                    OpenFault{"EepromSilent", {.kind = FaultKind::EepromSilent, .times = -1}, "Failed to write to the file ("},
-                    OpenFault{"EepromShort", {.kind = FaultKind::EepromShortRead, .times = -1}, "Failed to read from the file("},
-                    OpenFault{"UartOpen", {.kind = FaultKind::UartOpen, .times = -1}, "Cannot open file"},
-                    OpenFault{"DmaOpen", {.kind = FaultKind::DmaOpen, .target = 3, .times = -1}, "Cannot open device file"},
-                    OpenFault{"DmaCount", {.kind = FaultKind::DmaIoctl, .target = 0, .code = 0x40064C01, .times = -1}, "SET_BD_CNT ioctl error"},
-                    OpenFault{"DmaSize", {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = -1}, "SET_BD_SIZE ioctl error"},
-                    OpenFault{"DmaReserve", {.kind = FaultKind::DmaIoctl, .target = 0, .code = 0x40064C05, .times = -1}, "RESERVE_BD_MEM ioctl error"},
-                    OpenFault{"MuxStuck", {.kind = FaultKind::MuxReadsBack, .times = -1}, "unable to set amplifiers UART mux"}),
+    testing::Values(
+        OpenFault{"MemOpen", {.kind = FaultKind::MemOpen, .times = -1}, "Failed to open device handle."},
+        OpenFault{"MemMap", {.kind = FaultKind::MemMap, .times = -1}, "Failed to map memory."},
+        OpenFault{"I2cOpen", {.kind = FaultKind::I2cOpen, .times = -1}, "Failed to open device handle."},
+        OpenFault{"EepromSilent", {.kind = FaultKind::EepromSilent, .times = -1}, "Failed to write to the file ("},
+        OpenFault{"EepromShort", {.kind = FaultKind::EepromShortRead, .times = -1}, "Failed to read from the file("},
+        OpenFault{"UartOpen", {.kind = FaultKind::UartOpen, .times = -1}, "Cannot open file"},
+        OpenFault{"DmaOpen", {.kind = FaultKind::DmaOpen, .target = 3, .times = -1}, "Cannot open device file"},
+        OpenFault{"DmaCount",
+                  {.kind = FaultKind::DmaIoctl, .target = 0, .code = 0x40064C01, .times = -1},
+                  "SET_BD_CNT ioctl error"},
+        OpenFault{"DmaSize",
+                  {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = -1},
+                  "SET_BD_SIZE ioctl error"},
+        OpenFault{"DmaReserve",
+                  {.kind = FaultKind::DmaIoctl, .target = 0, .code = 0x40064C05, .times = -1},
+                  "RESERVE_BD_MEM ioctl error"},
+        OpenFault{"MuxStuck", {.kind = FaultKind::MuxReadsBack, .times = -1}, "unable to set amplifiers UART mux"}),
     nameOf);
 
 TEST_P(FailingStart, SaysWhyAndTheNextStartWorks) {
@@ -75,9 +84,15 @@ TEST_P(FailingStart, SaysWhyAndTheNextStartWorks) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, FailingStart,
-    testing::Values(OpenFault{"ClearNever", {.kind = FaultKind::ClearNever, .times = -1}, "DspControl::Clear process status timeout"},
-                    OpenFault{"StartTransfer", {.kind = FaultKind::DmaIoctl, .target = 2, .code = 0x40064C08, .times = 1}, "START_TRANSFER ioctl error"},
-                    OpenFault{"BdSize", {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = 1}, "SET_BD_SIZE ioctl error"}),
+    testing::Values(OpenFault{"ClearNever",
+                              {.kind = FaultKind::ClearNever, .times = -1},
+                              "DspControl::Clear process status timeout"},
+                    OpenFault{"StartTransfer",
+                              {.kind = FaultKind::DmaIoctl, .target = 2, .code = 0x40064C08, .times = 1},
+                              "START_TRANSFER ioctl error"},
+                    OpenFault{"BdSize",
+                              {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = 1},
+                              "SET_BD_SIZE ioctl error"}),
     nameOf);
 
 // A slot whose amplifier can't be talked to is an empty slot; the others measure.
@@ -114,9 +129,8 @@ TEST(Faults, FailingReadIsLoggedAndTheCycleGoesOn) {
     LogCapture log;
     Bench bench(Scenario::counters(1), {"SampleRate=20000"});
     bench.session().open();
-    const auto report = bench.record("eio.h5", 1.2, {}, [&] {
-        bench.instrument().inject({.kind = FaultKind::DmaRead, .target = 0, .times = 3});
-    });
+    const auto report = bench.record(
+        "eio.h5", 1.2, {}, [&] { bench.instrument().inject({.kind = FaultKind::DmaRead, .target = 0, .times = 3}); });
     EXPECT_GT(log.count("Exception in DAQ::acquireData: DMA device read failed"), 0u) << log.text();
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_EQ(report.channels.size(), 2u);
@@ -171,4 +185,3 @@ TEST(Faults, RefusedClockChangeCanBeRepeated) {
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_NEAR(static_cast<double>(report.channels[1].samples), 16000 * report.durationS, 16000 * 0.25);
 }
-

@@ -46,4 +46,3 @@ TEST(Lifecycle, UnloadWithoutARunAndWithoutAStop) {
     }
     EXPECT_EQ(openDescriptors(), 0);
 }
-

@@ -21,8 +21,9 @@ public:
     size_t count(const std::string& words) const {
         const std::string all = text();
         size_t found = 0;
-        for (size_t at = all.find(words); at != std::string::npos; at = all.find(words, at + 1))
+        for (size_t at = all.find(words); at != std::string::npos; at = all.find(words, at + 1)) {
             ++found;
+        }
         return found;
     }
 

@@ -15,7 +15,9 @@ namespace {
 
 constexpr uint64_t pllWord = 0xB0000000;
 
-uint64_t dspWord(int module, uint64_t offset) { return 0xA0000000 + (static_cast<uint64_t>(module) << 16) + offset; }
+uint64_t dspWord(int module, uint64_t offset) {
+    return 0xA0000000 + (static_cast<uint64_t>(module) << 16) + offset;
+}
 
 int64_t rateOf(const zornhost::HostTree& tree, const std::string& path) {
     return fromValue<Ratio>(tree.property(path).owner.node.getPropertyValue<BasePtr>("SampleRate")).numerator;
@@ -50,7 +52,8 @@ TEST(Rates, AtTheOtherClockEverythingFollows) {
     EXPECT_TRUE(report.good()) << report.verdict();
     const RecordingReader file(bench.file("clock.h5"));
     ASSERT_EQ(file.channels().size(), 3u);
-    for (const auto& [path, rate] : {std::pair{channelPath(0, false), 500000.0}, {channelPath(0, true), 16000.0},
+    for (const auto& [path, rate] : {std::pair{channelPath(0, false), 500000.0},
+                                     {channelPath(0, true), 16000.0},
                                      {channelPath(1, true), 16000.0}}) {
         EXPECT_EQ(file.number(path, "sample_rate"), rate) << path;
         // Samples come in descriptors of an eighth of a second; half as much again at the end.

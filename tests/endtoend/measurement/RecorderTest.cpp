@@ -21,8 +21,9 @@ TEST(Recorder, LateWriterCountsWhatItMissed) {
         const auto& channel = channels[0].channel;
         const auto capacity = static_cast<long>(channel.getBuffer().getCapacity());
         session.start();
-        while (channel.getSamplesAcquired() < capacity + 20000)
+        while (channel.getSamplesAcquired() < capacity + 20000) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
         recorder.start(0);
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         session.stop();
@@ -37,14 +38,16 @@ TEST(Recorder, LateWriterCountsWhatItMissed) {
         EXPECT_EQ(report.samples() + report.lost(), static_cast<uint64_t>(channel.getSamplesAcquired()));
         EXPECT_NE(report.verdict().find(" LOST in 1 gap."), std::string::npos) << report.verdict();
         EXPECT_GT(report.worstFill(), 1.0);
-        if (!kept)
+        if (!kept) {
             continue;
+        }
         const RecordingReader file(name);
         EXPECT_EQ(file.gapRows(), 1u);
         const auto samples = file.samples<int16_t>(channelPath(0, false));
         ASSERT_EQ(samples.size(), report.samples() + lost);
-        for (size_t i = 0; i < samples.size(); ++i)
+        for (size_t i = 0; i < samples.size(); ++i) {
             ASSERT_EQ(samples[i], i < lost ? std::numeric_limits<int16_t>::min() : static_cast<int16_t>(i)) << i;
+        }
     }
 }
 
@@ -74,8 +77,9 @@ TEST(Recorder, ClockShowsWhatTheStreamDoesNot) {
         zornhost::ClockCheck check(10000.0);
         uint64_t missing = 0;
         for (double timeS = 0.0; timeS < 20.0; timeS += 0.01) {
-            if (timeS > 4.0 && timeS < 4.0 + entry.pauseS)
+            if (timeS > 4.0 && timeS < 4.0 + entry.pauseS) {
                 continue;
+            }
             const double streamS = timeS * 1.00005 - (timeS > 4.0 ? std::min(entry.missingS, timeS - 4.0) : 0.0);
             missing += check.observe(timeS, static_cast<uint64_t>(streamS * 10.0) * 1000).value_or(0);
         }

@@ -79,7 +79,8 @@ double frequencyOf(const std::vector<T>& samples, double rate, double nearHz) {
         double im = 0.0;
         for (size_t i = begin; i < begin + quarter; ++i) {
             // A Hann window keeps the neighbours out; the remainder is taken first, for its digits.
-            const double window = 1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i - begin) / static_cast<double>(quarter));
+            const double window =
+                1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i - begin) / static_cast<double>(quarter));
             const double angle = 2.0 * std::numbers::pi * std::fmod(cycles * static_cast<double>(i), 1.0);
             re += window * static_cast<double>(samples[i]) * std::cos(angle);
             im -= window * static_cast<double>(samples[i]) * std::sin(angle);
@@ -121,8 +122,9 @@ TEST(Recording, WithAmplifiersInTwoSlotsRunsOnThose) {
     bench.session().open();
     const auto channels = bench.session().tree().channels();
     ASSERT_EQ(channels.size(), 12u);
-    for (size_t i = 0; i < channels.size(); ++i)
+    for (size_t i = 0; i < channels.size(); ++i) {
         EXPECT_EQ(channels[i].channel.getPropertyValue<bool>("Enabled"), i / 2 == 2 || i / 2 == 5) << channels[i].label;
+    }
     const auto report = bench.record("two.h5", 1.0);
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_EQ(report.channels.size(), 4u);

@@ -65,8 +65,9 @@ TEST(AmplifierProgram, ShowsIdentitySettingsAndScale) {
     for (const char* path : {"KESTRIX/Analog inputs/AI 1", "AI 1/Raw input", "AI 1/Filtered input"}) {
         const auto text = Process::run(on("three.json", {"amplifier", path}));
         EXPECT_EQ(text.exitCode, 0) << text.err;
-        for (const char* words : {"Fast voltage", "1.0.1.1", "10, 5, 1, 0.1", "Differential"})
+        for (const char* words : {"Fast voltage", "1.0.1.1", "10, 5, 1, 0.1", "Differential"}) {
             EXPECT_NE(text.out.find(words), std::string::npos) << text.out;
+        }
     }
 }
 
@@ -90,8 +91,9 @@ TEST(AmplifierProgram, SetsByTextAndByPlace) {
         arguments.insert(arguments.begin(), "amplifier");
         const auto result = Process::run(on("three.json", arguments));
         std::string expected;
-        for (const auto& line : item.lines)
+        for (const auto& line : item.lines) {
             expected += line + "\n";
+        }
         EXPECT_EQ(result.exitCode, 0) << result.err;
         EXPECT_EQ(result.out, expected);
     }
@@ -171,8 +173,9 @@ TEST(AmplifierProgram, MistakesAreExplained) {
         EXPECT_NE(result.exitCode, 0) << item.arguments[0];
         EXPECT_LT(result.exitCode, 128) << item.arguments[0];
         EXPECT_EQ(result.out, "");
-        for (const auto& words : item.words)
+        for (const auto& words : item.words) {
             EXPECT_NE(result.err.find(words), std::string::npos) << result.err;
+        }
     }
     const auto folder = Process::run(
         {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", "--amplifiers", "/nowhere", "amplifier", "AI 1"});
@@ -219,8 +222,9 @@ TEST(CheckAmplifiers, DeliveredDefinitionsAreSound) {
     EXPECT_EQ(result.exitCode, 0) << result.out;
     const auto json = Json::parse(result.out);
     EXPECT_GE(json["registered"], 4);
-    for (const auto& file : json["files"])
+    for (const auto& file : json["files"]) {
         EXPECT_EQ(file["problems"].size(), 0u) << file.dump(2);
+    }
     const auto bridge = json["files"][0];
     EXPECT_EQ(bridge["file"], "bridge.json");
     EXPECT_EQ(bridge["class"], "ampl_bridge");
@@ -279,8 +283,9 @@ TEST(CheckAmplifiers, EachMistakeHasItsPlace) {
         {"sub/inside.json", definition("a12", "1.1.2.1"), "not read", "folder", 0, 0},
     };
     const Folder folder;
-    for (const auto& item : cases)
+    for (const auto& item : cases) {
         folder.write(item.file, item.text);
+    }
     std::filesystem::create_symlink("nowhere", folder.path("dangling.json"));
     const auto result = Process::run({KESTRIX_ZORNHOST, "--json", "check-amplifiers", folder.path()});
     EXPECT_EQ(result.exitCode, 1);
@@ -308,8 +313,9 @@ TEST(CheckAmplifiers, EachMistakeHasItsPlace) {
     // For people: one line for each file, the mistakes below it as FILE:LINE:COLUMN.
     const auto text = Process::run({KESTRIX_ZORNHOST, "check-amplifiers", folder.path()});
     for (const char* words : {"key.json: not registered\n    key.json:5:32: ", "UPPER.JSON: not read: ",
-                              "dangling.json: not registered", "20 entries: 6 registered"})
+                              "dangling.json: not registered", "20 entries: 6 registered"}) {
         EXPECT_NE(text.out.find(words), std::string::npos) << text.out;
+    }
 
     for (const char* name : {"no-such-folder", "notes.txt"}) {
         const auto nothing = Process::run({KESTRIX_ZORNHOST, "check-amplifiers", folder.path(name)});
@@ -317,4 +323,3 @@ TEST(CheckAmplifiers, EachMistakeHasItsPlace) {
         EXPECT_NE(nothing.err.find(name), std::string::npos);
     }
 }
-

@@ -19,8 +19,9 @@ class Folder {
 public:
     Folder() {
         std::string name = (std::filesystem::temp_directory_path() / "kestrix-program-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr)
+        if (::mkdtemp(name.data()) == nullptr) {
             throw std::runtime_error("no temporary folder");
+        }
         path_ = name;
     }
     ~Folder() { std::filesystem::remove_all(path_); }
@@ -55,8 +56,9 @@ public:
             redirect(base_ + ".out", STDOUT_FILENO);
             redirect(base_ + ".err", STDERR_FILENO);
             std::vector<char*> raw;
-            for (auto& argument : arguments)
+            for (auto& argument : arguments) {
                 raw.push_back(argument.data());
+            }
             raw.push_back(nullptr);
             ::execv(raw[0], raw.data());
             ::_exit(127);
@@ -81,8 +83,9 @@ public:
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
         int status = 0;
         while (::waitpid(pid_, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > end)
+            if (std::chrono::steady_clock::now() > end) {
                 throw std::runtime_error("the program doesn't end");
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         pid_ = -1;

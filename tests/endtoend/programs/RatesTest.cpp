@@ -34,7 +34,8 @@ TEST(Rates, SetPrintsWhatWasAskedForAndWhatBecameOfIt) {
 
 TEST(Rates, SynchronizationIsWrittenAsItIsShown) {
     EXPECT_EQ(zornhost({"get", "SynchronizationOptions"}).out, "[[1, []], [1, [14]], [6, []], [12, []], [14, []]]\n");
-    EXPECT_EQ(zornhost({"set", "Synchronization", "[14, []]"}).out, "Synchronization: [14, []] requested, [14, []] set\n");
+    EXPECT_EQ(zornhost({"set", "Synchronization", "[14, []]"}).out,
+              "Synchronization: [14, []] requested, [14, []] set\n");
     const auto refused = zornhost({"set", "Synchronization", "[2, []]"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.err.find("not valid synchronization"), std::string::npos) << refused.err;
@@ -46,10 +47,11 @@ TEST(Rates, SynchronizationIsWrittenAsItIsShown) {
 TEST(Rates, TableOfLegalRates) {
     const auto result = zornhost({"rates", "--near", "48000", "--count", "2"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    for (const char* words : {"Measurement system (system), base clock 15000000 Hz, in force",
-                              "KESTRIX (device), base clock 10000000 Hz", "AI 1/Raw input, AI 1/Filtered input (channel)",
-                              "48000 becomes this", "1.46484375"})
+    for (const char* words :
+         {"Measurement system (system), base clock 15000000 Hz, in force", "KESTRIX (device), base clock 10000000 Hz",
+          "AI 1/Raw input, AI 1/Filtered input (channel)", "48000 becomes this", "1.46484375"}) {
         EXPECT_NE(result.out.find(words), std::string::npos) << words << " in\n" << result.out;
+    }
 
     const auto json = Json::parse(zornhost({"--json", "rates", "--near", "48000", "--count", "1"}).out);
     EXPECT_EQ(json["request"], 48000);
@@ -77,10 +79,13 @@ TEST(Rates, TheTableForTheOtherClockIsWhatTheModuleSaysThere) {
         // What is in force is the one thing that may differ.
         for (auto& level : json) {
             level.erase("clockInForce");
-            for (auto& row : level["rates"])
-                for (const char* stream : {"raw", "filtered"})
-                    if (row.contains(stream))
+            for (auto& row : level["rates"]) {
+                for (const char* stream : {"raw", "filtered"}) {
+                    if (row.contains(stream)) {
                         row[stream].erase("inForce");
+                    }
+                }
+            }
         }
         return json;
     };
@@ -89,6 +94,7 @@ TEST(Rates, TheTableForTheOtherClockIsWhatTheModuleSaysThere) {
     const Json asked = levels({"--set", "SampleRate=46875", "--set", "KESTRIX/BaseClock=10000000"});
     ASSERT_EQ(calculated.size(), 6u);
     EXPECT_GT(calculated[0]["rates"].size(), 50u);
-    for (const size_t level : {3u, 4u, 5u})
+    for (const size_t level : {3u, 4u, 5u}) {
         EXPECT_EQ(calculated[level], asked[level]) << level;
+    }
 }

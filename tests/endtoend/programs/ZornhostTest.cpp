@@ -19,8 +19,9 @@ class LongRecording : public Process {
 public:
     explicit LongRecording(const std::string& file)
         : Process(zornhost({"record", "-o", file, "-d", "600", "--rate", "50000"})) {
-        for (int i = 0; i < 1500 && errors().find("recording: ") == std::string::npos; ++i)
+        for (int i = 0; i < 1500 && errors().find("recording: ") == std::string::npos; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
     }
 };
 
@@ -37,8 +38,10 @@ TEST(Zornhost, ShowsTheInstrument) {
 
     const auto tree = zornhost({"tree"});
     ASSERT_EQ(tree.exitCode, 0) << tree.err;
-    for (const char* name : {"Measurement system", "KESTRIX", "Analog inputs", "AI 1", "AI 8", "Raw input", "Filtered input"})
+    for (const char* name :
+         {"Measurement system", "KESTRIX", "Analog inputs", "AI 1", "AI 8", "Raw input", "Filtered input"}) {
         EXPECT_NE(tree.out.find(name), std::string::npos) << name;
+    }
 }
 
 TEST(Zornhost, ReadsAndSetsProperties) {
@@ -46,10 +49,12 @@ TEST(Zornhost, ReadsAndSetsProperties) {
     ASSERT_EQ(list.exitCode, 0) << list.err;
     const auto properties = Json::parse(list.out)["properties"];
     std::vector<std::string> names;
-    for (const auto& property : properties)
+    for (const auto& property : properties) {
         names.push_back(property["name"]);
-    for (const char* name : {"SerialNumber", "SampleRate", "BaseClock"})
+    }
+    for (const char* name : {"SerialNumber", "SampleRate", "BaseClock"}) {
         EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+    }
 
     EXPECT_EQ(zornhost({"get", "SampleRate"}).out, "1000\n");
     // 48000 doesn't divide 15 MHz: what was asked for and what was set.
@@ -85,8 +90,9 @@ TEST(Zornhost, WrongNamesAndValuesAreExplained) {
         const auto result = zornhost(entry.arguments);
         EXPECT_EQ(result.exitCode, 1) << entry.arguments[0];
         EXPECT_EQ(result.out, "");
-        for (const auto& word : entry.words)
+        for (const auto& word : entry.words) {
             EXPECT_NE(result.err.find(word), std::string::npos) << word << " in " << result.err;
+        }
     }
     // A command line that can't be meant.
     const Case unclear[] = {
@@ -99,8 +105,9 @@ TEST(Zornhost, WrongNamesAndValuesAreExplained) {
     for (const auto& entry : unclear) {
         const auto result = zornhost(entry.arguments);
         EXPECT_EQ(result.exitCode, 2) << result.err;
-        for (const auto& word : entry.words)
+        for (const auto& word : entry.words) {
             EXPECT_NE(result.err.find(word), std::string::npos) << word << " in " << result.err;
+        }
     }
 }
 
@@ -129,8 +136,9 @@ TEST(Zornhost, RecordsAndReports) {
         EXPECT_GT(json["channels"][0]["samples"], 8000);
         EXPECT_EQ(json["verdict"].get<std::string>().find("Nothing was written") == std::string::npos, kept);
     }
-    for (const auto& [key, value] : reports[0].items())
+    for (const auto& [key, value] : reports[0].items()) {
         EXPECT_TRUE(reports[1].contains(key)) << key;
+    }
     EXPECT_EQ(reports[0].size(), reports[1].size());
     const RecordingReader recording(folder.path("run.h5"));
     EXPECT_EQ(recording.channels().size(), 2u);
@@ -188,7 +196,8 @@ TEST(Zornhost, FullDiskIsNamed) {
     rlimit small = old;
     small.rlim_cur = 20 << 20;
     ::setrlimit(RLIMIT_FSIZE, &small);
-    Process process(Process::zornhost({"--json", "record", "-o", folder.path("full.h5"), "-d", "20", "--rate", "500000"}));
+    Process process(
+        Process::zornhost({"--json", "record", "-o", folder.path("full.h5"), "-d", "20", "--rate", "500000"}));
     ::setrlimit(RLIMIT_FSIZE, &old);
     const auto result = process.wait(60);
     EXPECT_EQ(result.exitCode, 1);
@@ -211,8 +220,9 @@ TEST(Zornhost, OutputsThatCannotBeWritten) {
     const Folder folder;
     const auto command = [&](const std::string& redirections) {
         std::string text = "exec";
-        for (const auto& argument : Process::zornhost({"record", "-o", folder.path("run.h5"), "-d", "1.2"}))
+        for (const auto& argument : Process::zornhost({"record", "-o", folder.path("run.h5"), "-d", "1.2"})) {
             text += " '" + argument + "'";
+        }
         return Process::run({"/bin/sh", "-c", text + " " + redirections});
     };
     const auto silent = command("2>/dev/full");
@@ -249,8 +259,9 @@ TEST(KestrixSim, RunsAnyProgram) {
     EXPECT_EQ(Process::run({KESTRIX_SIM, "run", "--", "/bin/sh", "-c", "exit 7"}).exitCode, 7);
     // A sanitizer's run time must stand in front of what is preloaded.
     std::vector<std::string> arguments{KESTRIX_SIM, "run"};
-    if (const std::string first = KESTRIX_PRELOAD_FIRST; !first.empty())
+    if (const std::string first = KESTRIX_PRELOAD_FIRST; !first.empty()) {
         arguments.insert(arguments.end(), {"--preload-first", first});
+    }
     arguments.insert(arguments.end(), {"--", KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "get", "KESTRIX/Model"});
     const auto host = Process::run(arguments);
     EXPECT_EQ(host.exitCode, 0) << host.err;

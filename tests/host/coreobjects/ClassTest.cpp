@@ -21,8 +21,7 @@ TEST(Classes, objectsHaveThePropertiesOfTheChain) {
     TemporaryClass base("ChainBase"), derived("ChainDerived", "chainbase");
     base.objectClass.registerProperty(property("Z").defaultValue(1));
     base.objectClass.registerProperty(property("Covered").defaultValue(2));
-    EXPECT_EQ("8000000A Property Z already exists",
-              failure([&] { base.objectClass.registerProperty(property("Z")); }));
+    EXPECT_EQ("8000000A Property Z already exists", failure([&] { base.objectClass.registerProperty(property("Z")); }));
     derived.objectClass.registerProperty(property("M").defaultValue(makeEval("$Z + 1")));
     derived.objectClass.registerProperty(property("H").hidden());
     const auto object = makeObject("ChainDerived");
@@ -70,12 +69,13 @@ TEST(Classes, setClassNameRefuses) {
 TEST(Classes, theHostsOwnAreRegisteredInTheOrderOfTheirTables) {
     EXPECT_EQ(Errors::Success, startupFailure().code) << startupFailure().text;
 
-    EXPECT_EQ("NodeType NodeId getUniqueId Parent Name ChannelNodeType getActive Used Unit Scale Offset MinValue "
-              "MaxValue getBuffer getSamplesAcquired incrementSamplePosition SampleRate ChannelId initialize "
-              "initializeAcquisition startAcquisition stopAcquisition finalizeAcquisition getCurrentSample "
-              "getSampleAtPos getSampleAtRelativePos hasSamples scaleValue Description SampleDataType Dimension Type "
-              "IsControl IsStored ShouldReserveMemory",
-              propertyNames(makeObject("Channel"), PropertyOrder::Index));
+    EXPECT_EQ(
+        "NodeType NodeId getUniqueId Parent Name ChannelNodeType getActive Used Unit Scale Offset MinValue "
+        "MaxValue getBuffer getSamplesAcquired incrementSamplePosition SampleRate ChannelId initialize "
+        "initializeAcquisition startAcquisition stopAcquisition finalizeAcquisition getCurrentSample "
+        "getSampleAtPos getSampleAtRelativePos hasSamples scaleValue Description SampleDataType Dimension Type "
+        "IsControl IsStored ShouldReserveMemory",
+        propertyNames(makeObject("Channel"), PropertyOrder::Index));
     EXPECT_EQ("DisplayName Min Max", propertyNames(makeObject("RangeItem"), PropertyOrder::Index));
     EXPECT_EQ("ChannelNode", PropertyObjectManagerPtr::create().findClass("Channel").getParent());
 }

@@ -115,13 +115,13 @@ TEST(Engine, writingNeverRefusesLimitsReadOnlyOrDisabled) {
 }
 
 TEST(Engine, attributesFollowOtherProperties) {
-    const auto object = makeObject({property("Mode").defaultValue(0),
-                                    property("P")
-                                        .defaultValue(makeEval("$Mode * 10"))
-                                        .enabled(makeEval("$Mode < 2"))
-                                        .visible(makeEval("$Mode == 1"))
-                                        .unit(makeEval("if($Mode == 0, \"V\", \"mV\")"))
-                                        .max(makeEval("$Mode + 5"))});
+    const auto object =
+        makeObject({property("Mode").defaultValue(0), property("P")
+                                                          .defaultValue(makeEval("$Mode * 10"))
+                                                          .enabled(makeEval("$Mode < 2"))
+                                                          .visible(makeEval("$Mode == 1"))
+                                                          .unit(makeEval("if($Mode == 0, \"V\", \"mV\")"))
+                                                          .max(makeEval("$Mode + 5"))});
     EXPECT_EQ("0", get(object, "P"));
     EXPECT_EQ("Mode", propertyNames(object, PropertyOrder::Index, true));
     object.setPropertyValue("Mode", 1);
@@ -152,15 +152,29 @@ TEST(Engine, indices) {
     const std::string noBracket = "80000001 No matching ] found.";
     const std::string noList = "80000001 Could not access the index as the value is not a list.";
     const std::pair<const char*, std::string> cases[] = {
-        {"Two[0]", "a"},          {"Two[1]", "b"},           {"Two[2]", tooHigh},      {"Three[2]", "3"},
-        {"Three[1]", "42"},       {"Two[x]", noNumber},      {"Two[-1]", noNumber},    {"Two[ 1]", noNumber},
-        {"Two[]", noNumber},      {"Two[1x]", noNumber},     {"Two[1", noBracket},     {"Number[0]", noList},
-        {"Default[1]", "y"},      {"Default[2]", tooHigh},   {"Default[1", noBracket}, {"Default[x]", noNumber},
-        {"Computed[1]", "b"},     {"None[0]", "80000006 Not found"},
+        {"Two[0]", "a"},
+        {"Two[1]", "b"},
+        {"Two[2]", tooHigh},
+        {"Three[2]", "3"},
+        {"Three[1]", "42"},
+        {"Two[x]", noNumber},
+        {"Two[-1]", noNumber},
+        {"Two[ 1]", noNumber},
+        {"Two[]", noNumber},
+        {"Two[1x]", noNumber},
+        {"Two[1", noBracket},
+        {"Number[0]", noList},
+        {"Default[1]", "y"},
+        {"Default[2]", tooHigh},
+        {"Default[1", noBracket},
+        {"Default[x]", noNumber},
+        {"Computed[1]", "b"},
+        {"None[0]", "80000006 Not found"},
         {"Two[18446744073709551617]", noNumber},
     };
-    for (const auto& [name, result] : cases)
+    for (const auto& [name, result] : cases) {
         EXPECT_EQ(result, get(object, name)) << name;
+    }
     // Elements can be read only; written, such a name is one like any other.
     object.setPropertyValue("Two[0]", "new");
     EXPECT_EQ("a", get(object, "Two[0]"));
@@ -207,10 +221,12 @@ TEST(Engine, aHandlerMayWriteBackAndItsFailureIsTheWriters) {
     const auto object = makeObject();
     object.registerProperty(property("Rate").onValueChanged(makeHandler([&](const BasePtr&, const auto&) {
         const int value = object.getPropertyValue<int>("Rate");
-        if (value < 0)
+        if (value < 0) {
             throw InvalidStateException("no rate below 0");
-        if (value % 10 != 0)
+        }
+        if (value % 10 != 0) {
             object.setPropertyValue("Rate", value / 10 * 10);
+        }
     })));
     object.setPropertyValue("Rate", 57);
     EXPECT_EQ("50", get(object, "Rate"));
@@ -221,13 +237,14 @@ TEST(Engine, aHandlerMayWriteBackAndItsFailureIsTheWriters) {
 TEST(Engine, readAndWriteFunctionsReplaceTheValue) {
     const auto info = property("P").defaultValue(1);
     checkErrorInfo(info->setOnWriteValue(makeFunc([](const BasePtr& value, BasePtr& result) -> ErrCode {
-        if (fromValue<int>(value) > 100)
-            throw ValidateFailedException("too much");
-        return result = toValue(fromValue<int>(value) + 1), Errors::Success;
-    }).get()));
+                                             if (fromValue<int>(value) > 100) {
+                                                 throw ValidateFailedException("too much");
+                                             }
+                                             return result = toValue(fromValue<int>(value) + 1), Errors::Success;
+                                         }).get()));
     checkErrorInfo(info->setOnReadValue(makeFunc([](const BasePtr& value, BasePtr& result) -> ErrCode {
-        return result = toValue(fromValue<int>(value) * 10), Errors::Success;
-    }).get()));
+                                            return result = toValue(fromValue<int>(value) * 10), Errors::Success;
+                                        }).get()));
     const auto object = makeObject({info});
     EXPECT_EQ("10", get(object, "P"));
     object.setPropertyValue("P", 4);
@@ -237,12 +254,11 @@ TEST(Engine, readAndWriteFunctionsReplaceTheValue) {
 }
 
 TEST(Engine, referencesLeadToTheirTarget) {
-    const auto object =
-        makeObject({property("Mode").defaultValue(0),
-                    property("Range", CoreType::Reference).reference(makeEval("switch($Mode, 0, %Volts, 1, %Amps)")),
-                    property("Alias", CoreType::Reference).reference(makeEval("%Range")),
-                    property("Volts").defaultValue(1),
-                    property("Amps", CoreType::List).defaultValue(makeTexts({"a", "b"}))});
+    const auto object = makeObject(
+        {property("Mode").defaultValue(0),
+         property("Range", CoreType::Reference).reference(makeEval("switch($Mode, 0, %Volts, 1, %Amps)")),
+         property("Alias", CoreType::Reference).reference(makeEval("%Range")), property("Volts").defaultValue(1),
+         property("Amps", CoreType::List).defaultValue(makeTexts({"a", "b"}))});
     std::vector<std::string> log;
     listen(object, recorder(log, "object"));
     EXPECT_EQ("1", get(object, "Range"));
@@ -274,18 +290,19 @@ TEST(Engine, referencesInACircleEnd) {
                                     property("B", CoreType::Reference).reference(makeEval("%A")),
                                     property("Self", CoreType::Reference).reference(makeEval("%Self")),
                                     property("Text", CoreType::Reference).reference(makeEval("\"B\""))});
-    for (const char* name : {"A", "Self", "Text"})
+    for (const char* name : {"A", "Self", "Text"}) {
         EXPECT_EQ("80000014 Invalid reference to property", get(object, name)) << name;
+    }
 }
 
 TEST(Engine, enumQueries) {
     const auto names = makeTexts({"x", "y"});
-    const auto object = makeObject({property("Good", CoreType::Enum).defaultValue(1).values(names),
-                                    property("Computed", CoreType::Enum).defaultValue(1).values(makeEval("$Names")),
-                                    property("Plain").defaultValue(1).values(names),
-                                    property("None", CoreType::Enum).defaultValue(1),
-                                    property("NoList", CoreType::Enum).defaultValue(1).values(3),
-                                    property("Selected").selection().defaultValue(0).values(names)});
+    const auto object =
+        makeObject({property("Good", CoreType::Enum).defaultValue(1).values(names),
+                    property("Computed", CoreType::Enum).defaultValue(1).values(makeEval("$Names")),
+                    property("Plain").defaultValue(1).values(names), property("None", CoreType::Enum).defaultValue(1),
+                    property("NoList", CoreType::Enum).defaultValue(1).values(3),
+                    property("Selected").selection().defaultValue(0).values(names)});
     object.setPropertyValue("Names", makeTexts({"p", "q"}));
     const std::pair<const char*, const char*> cases[] = {
         {"Good", "y"},
@@ -298,8 +315,9 @@ TEST(Engine, enumQueries) {
         {"Nobody", "80000001 Enum property Nobody must be registered"},
     };
     auto text = [&](const char* name) { return outcome([&] { return textOf(object.getPropertyEnum(name)); }); };
-    for (const auto& [name, result] : cases)
+    for (const auto& [name, result] : cases) {
         EXPECT_EQ(result, text(name));
+    }
     for (const int beyond : {2, -1}) {
         object.setPropertyValue("Good", beyond);
         EXPECT_EQ("80000005", text("Good").substr(0, 8));
@@ -357,8 +375,8 @@ TEST(Engine, checkedSetRefusesReadably) {
         makeObject({property("Rate").defaultValue(10).min(10).max(1000), property("Level", CoreType::Float).min(0.5),
                     property("Top", CoreType::Float).max(1.5), property("Ratio", CoreType::Ratio).max(Ratio{7, 2}),
                     property("Filter").selection().values(makeTexts({"Off", "10 kHz"})),
-                    property("Alias", CoreType::Reference).reference(makeEval("%Rate")),
-                    property("Fixed").readOnly(1), property("Off").enabled(false)});
+                    property("Alias", CoreType::Reference).reference(makeEval("%Rate")), property("Fixed").readOnly(1),
+                    property("Off").enabled(false)});
     object.setPropertyValue("Child", makeObject());
     object.setPropertyValue("Child.X", 1);
     struct Case {

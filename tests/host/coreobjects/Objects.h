@@ -25,8 +25,9 @@ inline PropertyInfoPtr property(const char* name, CoreType type = CoreType::Int)
 // An object with these properties, registered in their order.
 inline GenericPropertyObjectPtr makeObject(std::initializer_list<PropertyInfoPtr> infos) {
     const auto object = makeObject();
-    for (const auto& info : infos)
+    for (const auto& info : infos) {
         object.registerProperty(info);
+    }
     return object;
 }
 
@@ -36,8 +37,9 @@ inline ObjectPtr<IEvalValue> makeEval(const char* expression) {
 
 inline ListPtr makeTexts(std::initializer_list<const char*> texts) {
     ListPtr list = ListPtr::create();
-    for (const char* text : texts)
+    for (const char* text : texts) {
         list.pushBack(toValue(text));
+    }
     return list;
 }
 
@@ -75,8 +77,9 @@ inline std::string serialized(const BasePtr& object) {
     bool indented = false;
     for (const char c : text.toStdString()) {
         indented = c == '\n' || (indented && c == ' ');
-        if (!indented)
+        if (!indented) {
             line += c;
+        }
     }
     return line;
 }
@@ -98,8 +101,9 @@ void update(const PropertyObjectPtr<I>& object, const std::string& text, Configu
 inline std::string propertyNames(const GenericPropertyObjectPtr& object, PropertyOrder order = PropertyOrder::Index,
                                  bool visibleOnly = false) {
     std::string result;
-    for (const auto& info : object.enumProperties(order, visibleOnly))
+    for (const auto& info : object.enumProperties(order, visibleOnly)) {
         result += (result.empty() ? "" : " ") + info.getName().toStdString();
+    }
     return result;
 }
 
@@ -108,8 +112,9 @@ class TemporaryClass {
 public:
     explicit TemporaryClass(const char* name, const char* parent = "") : name_(name) {
         objectClass.setName(name);
-        if (*parent != 0)
+        if (*parent != 0) {
             objectClass.setParent(parent);
+        }
         PropertyObjectManagerPtr::create().addClass(objectClass);
     }
     ~TemporaryClass() { remove(); }

@@ -132,11 +132,13 @@ TEST(Update, actionsDecide) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         const auto info = property("P", CoreType::String).defaultValue("default");
-        if (c.states != 0)
+        if (c.states != 0) {
             info.configurationAction(1, c.states, c.action);
+        }
         const auto object = makeObject({info});
-        if (c.set)
+        if (c.set) {
             object.setPropertyValue("P", "here");
+        }
         update(object, c.inSetup ? R"({"propValues": {"P": "setup"}})" : R"({"propValues": {}})");
         EXPECT_EQ(c.result, get(object, "P"));
         // The rules of the other mode don't matter.

@@ -4,10 +4,12 @@ using namespace Harvane::RT::Core;
 
 TEST(ChannelCreation, RefusesWhatIsNoChannel) {
     IChannel* channel = nullptr;
-    for (const int type : {5, -1, 8})
+    for (const int type : {5, -1, 8}) {
         EXPECT_EQ(codeOf(createAsyncChannel(&channel, nullptr, type, Nan)), Errors::InvalidParameter) << type;
-    for (const auto& [type, dimension] : {std::pair{9, 4u}, {8, 0u}})
+    }
+    for (const auto& [type, dimension] : {std::pair{9, 4u}, {8, 0u}}) {
         EXPECT_EQ(codeOf(createSyncVectorChannel(&channel, nullptr, type, dimension, Nan)), Errors::InvalidParameter);
+    }
 }
 
 TEST(ChannelCreation, StartValues) {
@@ -35,9 +37,9 @@ TEST(ChannelProperties, TypedAccessorsAreTheProperties) {
     channel.setScale(2.0);
     channel.setOffset(3.0);
     channel.setName("AI 1");
-    EXPECT_EQ(log, (std::vector<std::string>{"set SampleRate=5000/3", "set Used=true", "set Unit=mV/V",
-                                             "set MinValue=-10", "set MaxValue=10", "set Scale=2", "set Offset=3",
-                                             "set Name=AI 1"}));
+    EXPECT_EQ(log,
+              (std::vector<std::string>{"set SampleRate=5000/3", "set Used=true", "set Unit=mV/V", "set MinValue=-10",
+                                        "set MaxValue=10", "set Scale=2", "set Offset=3", "set Name=AI 1"}));
     EXPECT_EQ(get(channel, "SampleRate"), "5000/3");
     channel.setPropertyValue("MaxValue", 5);
     EXPECT_EQ(channel.getMaxValue(), 5.0) << "converted to the property's type";
@@ -88,8 +90,10 @@ TEST(ChannelProperties, SetupLeavesOutWhatIsNoSetting) {
     channel.setPropertyValue("CheckRate", makeFunc([](const BasePtr&, BasePtr&) { return Errors::Success; }));
 
     const std::string json = serialized(asBase(channel));
-    for (const char* absent : {"UpdateAmplifier", "CheckRate", "SampleDataType", "NodeType", "ChannelId", "Dimension"})
+    for (const char* absent :
+         {"UpdateAmplifier", "CheckRate", "SampleDataType", "NodeType", "ChannelId", "Dimension"}) {
         EXPECT_EQ(json.find(absent), std::string::npos) << absent << " in " << json;
+    }
 
     // And it comes back: into a channel of another kind, which stays what it is.
     const auto other = asyncChannel(SampleDataType::Float64, "4");

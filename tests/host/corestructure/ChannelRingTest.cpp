@@ -34,18 +34,30 @@ double sampleAt(const ChannelPtr<>& channel, size_t position) {
 TEST(ChannelMemory, HoldsTwoSecondsInWholeMultiples) {
     // Rate, multiple (0: the property is not there), capacity.
     const std::tuple<Ratio, int64_t, size_t> cases[] = {
-        {{1000, 1}, 0, 2000},      {{1000, 1}, 1, 2000},       {{1000, 1}, 64, 1984},     {{1000, 1}, 2000, 2000},
-        {{1000, 1}, 2001, 2001},   {{1, 1}, 0, 2},             {{1, 4}, 0, 1},            {{3, 4}, 0, 1},
-        {{0, 1}, 0, 1},            {{0, 1}, 32, 32},           {{-5, 1}, 16, 16},         {{1000, 1}, -3, 2000},
-        {{46875, 2}, 16, 46864},   {{10000000, 9}, 0, 2222222}, {{5000000, 1}, 512, 9999872},
+        {{1000, 1}, 0, 2000},
+        {{1000, 1}, 1, 2000},
+        {{1000, 1}, 64, 1984},
+        {{1000, 1}, 2000, 2000},
+        {{1000, 1}, 2001, 2001},
+        {{1, 1}, 0, 2},
+        {{1, 4}, 0, 1},
+        {{3, 4}, 0, 1},
+        {{0, 1}, 0, 1},
+        {{0, 1}, 32, 32},
+        {{-5, 1}, 16, 16},
+        {{1000, 1}, -3, 2000},
+        {{46875, 2}, 16, 46864},
+        {{10000000, 9}, 0, 2222222},
+        {{5000000, 1}, 512, 9999872},
     };
     for (const auto& [rate, multiple, capacity] : cases) {
         SCOPED_TRACE(textOf(toValue(rate)) + " x " + std::to_string(multiple));
         const auto channel = syncChannel(SampleDataType::Int32);
         channel.setUsed(true);
         channel.setSampleRate(rate);
-        if (multiple != 0)
+        if (multiple != 0) {
             channel.setPropertyValue("BufferSizeIsMultipleOf", multiple);
+        }
         checkErrorInfo(channel->initializeAcquisition());
         EXPECT_EQ(channel.getBuffer().getCapacity(), capacity);
         EXPECT_EQ(reinterpret_cast<uintptr_t>(channel.getBuffer().getData()) % 4096, 0u);
@@ -93,8 +105,9 @@ TEST(ChannelMemory, EveryRunStartsZeroedAtPositionZero) {
         reserve(channel, capacity);
         auto buffer = channel.getBuffer();
         const auto* words = static_cast<const int32_t*>(buffer.getData());
-        for (size_t i = 0; i < buffer.getCapacity(); ++i)
+        for (size_t i = 0; i < buffer.getCapacity(); ++i) {
             ASSERT_EQ(words[i], 0) << "slot " << i;
+        }
         EXPECT_EQ(*position, 0u);
         EXPECT_EQ(channel.getSamplesAcquired(), 0);
         EXPECT_TRUE(buffer.isEmpty());
@@ -163,8 +176,9 @@ TEST(ChannelRing, RelativePositionsCountBackFromTheNewest) {
     EXPECT_EQ(sampleAt(channel, 1), 6.5);
 
     double value = 0.0;
-    for (const int position : {0, 1, -5, std::numeric_limits<int>::min()})
+    for (const int position : {0, 1, -5, std::numeric_limits<int>::min()}) {
         EXPECT_EQ(codeOf(channel->getSampleAtRelativePos(position, &value)), Errors::OutOfRange) << position;
+    }
     EXPECT_EQ(codeOf(channel->getSampleAtPos(4, &value)), Errors::OutOfRange);
 }
 
@@ -183,8 +197,9 @@ TEST(AsyncChannel, KeepsSamplesWithTheirTimes) {
     const auto channel = asyncChannel(SampleDataType::Int32);
     reserve(channel, 4);
     const auto async = channel.asPtr<IAsyncChannel>();
-    for (int32_t i = 1; i <= 6; ++i)
+    for (int32_t i = 1; i <= 6; ++i) {
         checkErrorInfo(async->addSample(i * 1000L, &i));
+    }
 
     EXPECT_EQ(channel.getSamplesAcquired(), 6) << "since the start, not what the ring holds";
     EXPECT_EQ(channel.getBuffer().getSize(), 4u);

@@ -25,7 +25,9 @@ inline ChannelPtr<> asyncVectorChannel(size_t dimension, const char* id = "0") {
     return made<IChannel>(createAsyncVectorChannel, StringPtr(id).get(), 8, dimension, Nan);
 }
 
-inline AcquisitionSyncPtr newSync() { return made<IAcquisitionSync>(createAcquisitionSync); }
+inline AcquisitionSyncPtr newSync() {
+    return made<IAcquisitionSync>(createAcquisitionSync);
+}
 
 // A used channel with `capacity` samples of memory.
 inline void reserve(const ChannelPtr<>& channel, int64_t capacity) {

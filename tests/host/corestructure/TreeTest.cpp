@@ -21,11 +21,13 @@ TEST(Tree, NodeIdsAreUniqueAndTellThePlace) {
 
     // Identifiers repeat (channel numbers do), one folder has none but a name, one name holds a slash.
     std::vector<ChannelFolderPtr> folders;
-    for (const char* id : {"AI", "AI", "AI", "", "AI~2"})
+    for (const char* id : {"AI", "AI", "AI", "", "AI~2"}) {
         folders.push_back(ChannelFolderPtr::create(id));
+    }
     folders[3].setName("Port A/B");
-    for (const auto& folder : folders)
+    for (const auto& folder : folders) {
         root.addChild(folder);
+    }
     const auto channel = syncChannel(SampleDataType::Int32, "0");
     folders[1].addChild(channel);
     const auto children = root.getChildren();

@@ -45,18 +45,20 @@ TEST(Objects, aWeakReferenceNeverRevivesADyingObject) {
     const uint64_t before = zornSharedLibObjectCount;
     for (int round = 0; round < 500; ++round) {
         auto object = ObjectPtr<IIntObject>::take(new Weak);
-        const auto reference = made<IWeakRef>(
-            [&](IWeakRef** weak) { return object.asPtr<ISupportsWeakRef>()->getWeakRef(weak); });
+        const auto reference =
+            made<IWeakRef>([&](IWeakRef** weak) { return object.asPtr<ISupportsWeakRef>()->getWeakRef(weak); });
         std::atomic<int> seen{0};
         std::thread other([&] {
             for (int i = 0; i < 20; ++i) {
                 IBaseObject* found = nullptr;
-                if (succeeded(reference->getRef(&found)))
+                if (succeeded(reference->getRef(&found))) {
                     seen = fromValue<int>(BasePtr::take(found));
+                }
             }
         });
-        if (round % 2 == 0)
+        if (round % 2 == 0) {
             object.release();
+        }
         other.join();
         EXPECT_TRUE(seen == 5 || (round % 2 == 0 && seen == 0));
         object.release();
@@ -70,10 +72,12 @@ TEST(Objects, aWeakReferenceNeverRevivesADyingObject) {
 
 TEST(Callables, passArgumentsCodesAndExceptions) {
     const auto function = makeFunc([](const BasePtr& argument, BasePtr& result) -> ErrCode {
-        if (!argument)
+        if (!argument) {
             return 1;
-        if (fromValue<int>(argument) < 0)
+        }
+        if (fromValue<int>(argument) < 0) {
             throw InvalidValueException("no negative numbers");
+        }
         return result = toValue(fromValue<int>(argument) + 1), Errors::Success;
     });
     EXPECT_EQ(5, fromValue<int>(executeFunc(function, toValue(4))));
@@ -99,8 +103,9 @@ TEST(Events, callInOrderAndStopAtTheFirstFailure) {
     auto handler = [&](char mark, bool fails) {
         auto made = makeHandler([&order, mark, fails](const BasePtr& sender, const auto&) {
             order += mark + textOf(sender);
-            if (fails)
+            if (fails) {
                 throw InvalidStateException("handler %c", mark);
+            }
         });
         checkErrorInfo(event->addHandler(made.get()));
         return made;

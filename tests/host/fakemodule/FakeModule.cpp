@@ -47,10 +47,10 @@ public:
             }
             // Code of this library that only the tree holds.
             input_.setPropertyValue("GetSensorBalanceStatus", makeFunc([this](const BasePtr&, BasePtr& result) {
-                tell("balance asked");
-                result = toValue(balanceAsks_-- > 0);
-                return Errors::Success;
-            }));
+                                        tell("balance asked");
+                                        result = toValue(balanceAsks_-- > 0);
+                                        return Errors::Success;
+                                    }));
             checkErrorInfo(input_.getOnPropertyValueChanged()->addHandler(
                 makeHandler([](const BasePtr&, const ObjectPtr<IEventArgs>&) {}).get()));
             balanceAsks_ = data_.isPropertySet("BalanceAsks") ? data_.getPropertyValue<int>("BalanceAsks") : 0;
@@ -78,8 +78,9 @@ public:
     ErrCode finalize() override { return run("finalize"); }
 
     ErrCode processData() override {
-        if (failInCycle_)
+        if (failInCycle_) {
             return makeError(Errors::GeneralError, "broken on demand", self());
+        }
         const ErrCode code = input_->incrementSamplePosition(SamplesPerCycle);
         const double sample = 1.5;
         return failed(code) ? code : event_.asPtr<IAsyncChannel>()->addSample(7, &sample);
@@ -101,16 +102,19 @@ private:
     // The lock answers its holder with an error: so it tells whether this call was made under it.
     void step(const std::string& name) {
         const bool locked = failed(sync_->lock());
-        if (!locked)
+        if (!locked) {
             sync_.unlock();
+        }
         zornClearErrorInfo();
         tell(name + (locked ? " (locked)" : ""));
         std::string wanted;
-        if (data_.isPropertySet("FailStep"))
+        if (data_.isPropertySet("FailStep")) {
             wanted = data_.getPropertyValue<std::string>("FailStep");
+        }
         failInCycle_ = wanted == "processData";
-        if (wanted == name)
+        if (wanted == name) {
             throw InvalidStateException("broken on demand");
+        }
     }
 
     DataPtr data_;
@@ -141,7 +145,9 @@ public:
     ErrCode getVersionInfo(IVersionInfo** version) override { return createVersionInfo(version, 3, 1, 4); }
 };
 
-ErrCode makeThing(ISerializedObject*, IBaseObject** object) { return handOut(toValue("a thing"), object); }
+ErrCode makeThing(ISerializedObject*, IBaseObject** object) {
+    return handOut(toValue("a thing"), object);
+}
 
 [[maybe_unused]] const ErrCode thingRegistered = zornRegisterSerializerFactory("FakeThing", &makeThing);
 

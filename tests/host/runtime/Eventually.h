@@ -10,8 +10,9 @@ template <class Condition>
 bool eventually(Condition&& condition) {
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > until)
+        if (std::chrono::steady_clock::now() > until) {
             return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;

@@ -38,8 +38,9 @@ TEST(Logger, NamesAndLevels) {
     EXPECT_EQ(zornCreateLogger("names", 1), Errors::Success);
     EXPECT_EQ(zornCreateLogger("names", 2), Errors::AlreadyExists);
     EXPECT_EQ(levelOf("names"), 1) << "the refused second creation changes nothing";
-    for (const int level : {7, -1})
+    for (const int level : {7, -1}) {
         EXPECT_EQ(zornCreateLogger("wrong", level), Errors::InvalidParameter);
+    }
     EXPECT_THROW(logger("wrong"), NotFoundException);
     checkErrorInfo(logger("names")->setLevel(0));
     EXPECT_EQ(logger("names")->setLevel(7), Errors::InvalidParameter);
@@ -58,8 +59,9 @@ TEST(Logger, LevelOfLoggerAndSinkDecide) {
                 checkErrorInfo(named->log(level, nullptr, 0, nullptr, std::to_string(level).c_str()));
             }
             std::vector<std::string> expected;
-            for (int level = std::max(loggerLevel, sinkLevel); level <= 5; ++level)
+            for (int level = std::max(loggerLevel, sinkLevel); level <= 5; ++level) {
                 expected.insert(expected.end(), 2, std::to_string(level));
+            }
             EXPECT_EQ(sink.messages(), expected) << loggerLevel << " " << sinkLevel;
         }
     }
@@ -120,10 +122,12 @@ TEST(Logger, FileSinkAppendsOneLineAMessage) {
     std::ifstream file(path);
     std::string all((std::istreambuf_iterator<char>(file)), {});
     std::remove(path.c_str());
-    std::replace_if(all.begin(), all.end(), [](unsigned char c) { return std::isdigit(c) != 0; }, '9');
-    EXPECT_EQ(all, "9999-99-99 99:99:99.999 error   file test  plain\n"
-                   "9999-99-99 99:99:99.999 error   file test  ends in a line feed\n"
-                   "9999-99-99 99:99:99.999 error   file test  two lines and a tab\n");
+    std::replace_if(
+        all.begin(), all.end(), [](unsigned char c) { return std::isdigit(c) != 0; }, '9');
+    EXPECT_EQ(all,
+              "9999-99-99 99:99:99.999 error   file test  plain\n"
+              "9999-99-99 99:99:99.999 error   file test  ends in a line feed\n"
+              "9999-99-99 99:99:99.999 error   file test  two lines and a tab\n");
     EXPECT_EQ(createFileSink("/no/such/folder/log.txt"), nullptr);
 }
 

@@ -30,8 +30,9 @@ std::string copyOfFake(const char* name) {
 
 bool isLoaded(const std::string& file) {
     void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr)
+    if (handle != nullptr) {
         dlclose(handle);
+    }
     return handle != nullptr;
 }
 
@@ -47,8 +48,9 @@ protected:
         return eventually([&] { return host.scheduler().statistics().cycles >= count; });
     }
     static void expectParts(const std::string& text, const std::vector<std::string>& parts) {
-        for (const auto& part : parts)
+        for (const auto& part : parts) {
             EXPECT_NE(text.find(part), std::string::npos) << part << " in: " << text;
+        }
     }
     // Closing a library of its own, which stays loaded, tells why; a host can open another after that.
     void expectStaysLoaded(const std::string& file, int waitMs, const std::vector<std::string>& parts) {
@@ -100,11 +102,13 @@ TEST_F(ModuleHostTest, WholeLifeInOrder) {
     host.close();
     EXPECT_TRUE(host.canUnload());
     EXPECT_FALSE(isLoaded(fake()));
-    const std::string round = "configure, initialize, capacity 2000 2000, start (locked), postStart, preStop, "
-                              "stop (locked), finalize, ";
+    const std::string round =
+        "configure, initialize, capacity 2000 2000, start (locked), postStart, preStop, "
+        "stop (locked), finalize, ";
     std::string calls;
-    for (const auto& message : log.messages())
+    for (const auto& message : log.messages()) {
         calls += message + ", ";
+    }
     EXPECT_EQ(calls, "library initialized, constructed, add, " + round + round + "remove, balance asked, destroyed, ");
 }
 
@@ -137,9 +141,9 @@ TEST_F(ModuleHostTest, FailingStepIsNamedAndCloseTidiesUp) {
     const Calls wayDown = {"preStop", "stop (locked)", "finalize", "remove", "balance asked", "destroyed"};
     // The step, whether it is one of the way up, and how many calls of the way down follow it.
     const std::tuple<const char*, bool, int> cases[] = {
-        {"add", true, 1},      {"configure", true, 3}, {"initialize", true, 3}, {"start", true, 6},
-        {"postStart", true, 6}, {"preStop", false, 5},  {"stop", false, 4},      {"finalize", false, 3},
-        {"remove", false, 2},
+        {"add", true, 1},   {"configure", true, 3}, {"initialize", true, 3},
+        {"start", true, 6}, {"postStart", true, 6}, {"preStop", false, 5},
+        {"stop", false, 4}, {"finalize", false, 3}, {"remove", false, 2},
     };
     for (const auto& [step, onTheWayUp, following] : cases) {
         SCOPED_TRACE(step);
@@ -147,8 +151,9 @@ TEST_F(ModuleHostTest, FailingStepIsNamedAndCloseTidiesUp) {
         host.data().setPropertyValue("FailStep", step);
         std::string error = failure([&] { run(); });
         EXPECT_EQ(error.empty(), !onTheWayUp);
-        if (error.empty())
+        if (error.empty()) {
             error = failure([&] { host.stop(); });
+        }
         EXPECT_FALSE(host.isRunning());
         const std::string closing = failure([&] { host.close(); });
         expectParts(error.empty() ? closing : error, {"fake-module.so", step, "broken on demand", "0x80000029"});
@@ -179,14 +184,21 @@ TEST_F(ModuleHostTest, StepsOutOfOrderAreRefused) {
     host.close();
     host.open(fake());
     const std::pair<void (ModuleHost::*)(), bool> steps[] = {
-        {&ModuleHost::configure, false}, {&ModuleHost::add, true},        {&ModuleHost::add, false},
-        {&ModuleHost::initialize, false}, {&ModuleHost::configure, true}, {&ModuleHost::start, false},
+        {&ModuleHost::configure, false},
+        {&ModuleHost::add, true},
+        {&ModuleHost::add, false},
+        {&ModuleHost::initialize, false},
+        {&ModuleHost::configure, true},
+        {&ModuleHost::start, false},
         {&ModuleHost::initialize, true},
         {&ModuleHost::initialize, true},  // again is allowed, as is a new configuration
         {&ModuleHost::configure, true},
         {&ModuleHost::start, false},  // the providers changed: initialize first
-        {&ModuleHost::initialize, true}, {&ModuleHost::start, true},      {&ModuleHost::start, false},
-        {&ModuleHost::configure, false},  {&ModuleHost::stop, true},
+        {&ModuleHost::initialize, true},
+        {&ModuleHost::start, true},
+        {&ModuleHost::start, false},
+        {&ModuleHost::configure, false},
+        {&ModuleHost::stop, true},
         {&ModuleHost::start, false},  // a new round begins with configure
     };
     int place = 0;

@@ -23,16 +23,18 @@ public:
     ~RecordingSink() override { removeLogSink(this); }
 
     void write(const LogRecord& record) override {
-        if (!logger_.empty() && logger_ != record.logger)
+        if (!logger_.empty() && logger_ != record.logger) {
             return;
+        }
         std::lock_guard lock(mutex_);
         lines_.push_back({record.level, record.message});
     }
 
     std::vector<std::string> messages() const {
         std::vector<std::string> result;
-        for (const auto& line : lines())
+        for (const auto& line : lines()) {
             result.push_back(line.message);
+        }
         return result;
     }
     std::vector<Line> lines() const {

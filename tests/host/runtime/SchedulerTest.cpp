@@ -61,8 +61,9 @@ TEST_F(SchedulerTest, CallsEveryModuleOnceACycleUnderTheLock) {
     std::atomic<bool> unlocked{false};
     std::atomic<uint64_t> second{0};
     add([&]() -> ErrCode {
-        if (sync->lock() != Errors::InvalidState)  // what the lock tells its holder
+        if (sync->lock() != Errors::InvalidState) {  // what the lock tells its holder
             unlocked = true;
+        }
         zornClearErrorInfo();
         ++calls;
         return Errors::Success;
@@ -97,8 +98,9 @@ TEST_F(SchedulerTest, SkipsWholePeriodsWhenLate) {
     constexpr long PeriodMs = 20;
     Scheduler slow(sync, PeriodMs);
     slow.addModule(add([&]() -> ErrCode {
-        if (calls++ == 0)
+        if (calls++ == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(PeriodMs * 7 / 2));
+        }
         return Errors::Success;
     }));
     const auto begin = std::chrono::steady_clock::now();
@@ -137,9 +139,11 @@ TEST_F(SchedulerTest, FailingModuleIsLoggedSparinglyAndTheCycleGoesOn) {
     EXPECT_EQ(lines[0].level, 4);
     EXPECT_EQ(lines[0].message, "processData of module 0 failed: 0x80000029 the cable is off");
     uint64_t counted = lines.size();
-    for (const auto& line : lines)
-        if (const size_t at = line.message.find('('); at != std::string::npos)
+    for (const auto& line : lines) {
+        if (const size_t at = line.message.find('('); at != std::string::npos) {
             counted += std::stoull(line.message.substr(at + 1)) - 1;
+        }
+    }
     EXPECT_EQ(counted, statistics.failures);
 }
 

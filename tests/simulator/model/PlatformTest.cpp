@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <unistd.h>
 
 #include "tests/simulator/model/Rig.h"
 
@@ -27,8 +27,12 @@ Bytes registerBytes(Rig& rig, int slave, uint8_t number, size_t count) {
 }
 
 TEST(I2c, eepromTellsTheBoard) {
-    Scenario scenario{.boardType = 1, .slots = 200, .serialNumber = 0x0102030405060708, .hardwareVersion = 0x04030201,
-                      .modules = {}, .faults = {}};
+    Scenario scenario{.boardType = 1,
+                      .slots = 200,
+                      .serialNumber = 0x0102030405060708,
+                      .hardwareVersion = 0x04030201,
+                      .modules = {},
+                      .faults = {}};
     Rig rig(scenario);
     EXPECT_EQ((Bytes{1, 0xFA, 0xF3, 0x20, 1, 2, 3, 4, 5, 6, 7, 8, 1, 200, 0xC0, 0}), registerBytes(rig, 0x50, 0, 16));
     EXPECT_EQ((Bytes{4, 3, 2, 1}), registerBytes(rig, 0x50, 0x28, 4));
@@ -105,8 +109,8 @@ TEST_F(RootTest, shellScriptsAnswerAsTheModelDoes) {
     Instrument instrument{Scenario{}};
     instrument.populateRoot(root_.string());
     // The role counts from the restart.
-    const std::string commands[] = {ptp + " status", ptp + " master pps", ptp + " status", ptp + " restart",
-                                    ptp + " status", ptp + " slave", ptp + " restart", ptp + " nonsense",
+    const std::string commands[] = {ptp + " status",        ptp + " master pps",    ptp + " status",  ptp + " restart",
+                                    ptp + " status",        ptp + " slave",         ptp + " restart", ptp + " nonsense",
                                     vcxo + " set_clock 10", vcxo + " set_clock 11", vcxo + " help"};
     for (const std::string& command : commands) {
         EXPECT_EQ(instrument.runCommand(command), shell(command)) << command;

@@ -20,22 +20,20 @@ public:
     // One access: take the page, change the word, give it back.
     void store(uint64_t address, uint32_t value) { instrument.storeWord(address, word(address), value); }
 
-    void storeBits(uint64_t address, uint32_t mask, uint32_t value) {
-        store(address, (word(address) & ~mask) | value);
-    }
+    void storeBits(uint64_t address, uint32_t mask, uint32_t value) { store(address, (word(address) & ~mask) | value); }
 
     static uint64_t module(int m) { return 0xA0000000 + (static_cast<uint64_t>(m) << 16); }
 
-    void raw(int m, uint32_t decimation);                          // decimation and endless length
-    void filtered(int m, uint32_t halfBands, uint64_t ratio);      // coefficients, ratio and stages
-    void enable(int m, kestrixsim::Stream stream, bool on = true); // RAWEN, FILTEN
+    void raw(int m, uint32_t decimation);                           // decimation and endless length
+    void filtered(int m, uint32_t halfBands, uint64_t ratio);       // coefficients, ratio and stages
+    void enable(int m, kestrixsim::Stream stream, bool on = true);  // RAWEN, FILTEN
 
     int control(int m, kestrixsim::Stream stream, unsigned long request, unsigned long argument = 0) {
         return instrument.dmaIoctl(m, stream, request, argument);
     }
-    void open(int m, kestrixsim::Stream stream, int descriptorSize);   // sizes, memory; fails the test
-    void transfer(int m, kestrixsim::Stream stream, int descriptorSize);   // opened, enabled and started
-    void convert(uint32_t moduleMask);                             // manual start of these modules
+    void open(int m, kestrixsim::Stream stream, int descriptorSize);      // sizes, memory; fails the test
+    void transfer(int m, kestrixsim::Stream stream, int descriptorSize);  // opened, enabled and started
+    void convert(uint32_t moduleMask);                                    // manual start of these modules
 
     // Whatever a read of at most `bytes` brings; the result of the call in `result`.
     template <typename Sample>
@@ -50,7 +48,7 @@ public:
     std::vector<uint8_t> exchange(const std::vector<uint8_t>& bytes);
     // Command and payload; status and data of the answer. Empty if that is no frame.
     std::vector<uint8_t> ask(std::vector<uint8_t> request);
-    float number(uint8_t command);                                 // the answer as a number
+    float number(uint8_t command);  // the answer as a number
     void select(int slot);
 
     double now = 1000.0;

@@ -246,10 +246,23 @@ TEST(Streams, requestsInTheWrongOrder) {
     };
     // Neither memory nor size; then a size that splits a sample, which passes while the stream is not enabled; then
     // memory of the other mode; and nothing is changed while it runs, nor stopped in the other mode.
-    expect({{-EINVAL, startTransfer}, {-EINVAL, reserve}, {-EINVAL, setSize, 0}, {-EINVAL, setCount, 0},
-            {0, setCount, 16}, {0, setSize, 234375}, {0, reserve, 0xBADBADBAD}, {-EINVAL, startUsb},
-            {0, startTransfer}, {-EBUSY, startTransfer}, {-EBUSY, setSize, 400}, {-EBUSY, setCount, 16},
-            {-EBUSY, reserve}, {-EINVAL, stopUsb}, {-EBUSY, setSize, 400}, {0, stopTransfer}, {0, stopTransfer}});
+    expect({{-EINVAL, startTransfer},
+            {-EINVAL, reserve},
+            {-EINVAL, setSize, 0},
+            {-EINVAL, setCount, 0},
+            {0, setCount, 16},
+            {0, setSize, 234375},
+            {0, reserve, 0xBADBADBAD},
+            {-EINVAL, startUsb},
+            {0, startTransfer},
+            {-EBUSY, startTransfer},
+            {-EBUSY, setSize, 400},
+            {-EBUSY, setCount, 16},
+            {-EBUSY, reserve},
+            {-EINVAL, stopUsb},
+            {-EBUSY, setSize, 400},
+            {0, stopTransfer},
+            {0, stopTransfer}});
     rig.filtered(0, 1, 0);
     rig.enable(0, Stream::Filtered);
     // Now the size matters, and a new one has no memory yet.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -7,7 +8,6 @@
 #include <fstream>
 #include <numbers>
 #include <numeric>
-#include <unistd.h>
 
 #include "simulator/model/Signal.h"
 #include "tests/simulator/model/Rig.h"
@@ -285,8 +285,7 @@ std::string waveFile(char format, char channels, char bits, const std::vector<in
 class WavTest : public testing::Test {
 protected:
     WavTest()
-        : file_((std::filesystem::temp_directory_path() / ("kestrix-wave-" + std::to_string(getpid()))).string()) {
-    }
+        : file_((std::filesystem::temp_directory_path() / ("kestrix-wave-" + std::to_string(getpid()))).string()) {}
     ~WavTest() override { std::filesystem::remove(file_); }
 
     Scenario scenario(const std::string& bytes) {

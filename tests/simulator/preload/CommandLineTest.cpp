@@ -25,9 +25,9 @@ protected:
 
     // The simulator's folders go where the test can see them.
     Result run(const std::string& arguments, const std::string& environment = "") {
-        const std::string line = "cd " + folder_.path().string() + " && mkdir -p tmp && env TMPDIR=" +
-                                 (folder_ / "tmp") + " " + environment + " timeout 60 " + program_ + " " + arguments +
-                                 " >out 2>err </dev/null";
+        const std::string line = "cd " + folder_.path().string() +
+                                 " && mkdir -p tmp && env TMPDIR=" + (folder_ / "tmp") + " " + environment +
+                                 " timeout 60 " + program_ + " " + arguments + " >out 2>err </dev/null";
         const int status = std::system(line.c_str());
         return {WEXITSTATUS(status), content("out"), content("err")};
     }
@@ -56,8 +56,12 @@ TEST_F(CommandLine, RunReportsWhatItCannotRun) {
     std::ofstream(folder_ / "plain") << "#!/bin/sh\n";
     // The head of a program for another kind of processor.
     std::ofstream(folder_ / "narrow") << "\177ELF\1\1\1" + std::string(100, '\0');
-    const std::pair<const char*, int> cases[] = {{"run -- no-such-program", 127}, {"run -- ./plain", 126},
-                                                 {"run -- ./narrow", 126}, {"run", 2}, {"", 2}, {"bogus", 2},
+    const std::pair<const char*, int> cases[] = {{"run -- no-such-program", 127},
+                                                 {"run -- ./plain", 126},
+                                                 {"run -- ./narrow", 126},
+                                                 {"run", 2},
+                                                 {"", 2},
+                                                 {"bogus", 2},
                                                  {"--help", 0}};
     for (const auto& [arguments, status] : cases) {
         EXPECT_EQ(run(arguments).status, status) << arguments;

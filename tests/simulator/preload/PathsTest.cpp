@@ -57,10 +57,15 @@ TEST_F(Paths, AWriteReplacesAnAttribute) {
 
 TEST_F(Paths, QuestionsAboutFilesAndDevices) {
     // The kind of each; 0: not there.
-    const std::pair<const char*, mode_t> cases[] = {
-        {gpio, S_IFREG}, {"/sys/class/gpio/", S_IFDIR}, {"/sys/class/gpio/nothing", 0}, {"/dev/mem", S_IFCHR},
-        {"/dev/tolvn_dma_r7", S_IFCHR}, {"/dev/tolvn_dma_r8", 0}, {"/dev/tolvn_timing", 0}, {"/", S_IFDIR},
-        {"/dev/null", S_IFCHR}};
+    const std::pair<const char*, mode_t> cases[] = {{gpio, S_IFREG},
+                                                    {"/sys/class/gpio/", S_IFDIR},
+                                                    {"/sys/class/gpio/nothing", 0},
+                                                    {"/dev/mem", S_IFCHR},
+                                                    {"/dev/tolvn_dma_r7", S_IFCHR},
+                                                    {"/dev/tolvn_dma_r8", 0},
+                                                    {"/dev/tolvn_timing", 0},
+                                                    {"/", S_IFDIR},
+                                                    {"/dev/null", S_IFCHR}};
     for (const auto& [path, type] : cases) {
         SCOPED_TRACE(path);
         struct stat status[6] = {};

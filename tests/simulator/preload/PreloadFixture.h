@@ -109,10 +109,14 @@ inline void prepare(int stream, long descriptorSize) {
 
 // Module 0 at 1 kHz on both streams.
 inline void startModule(int memory) {
-    const std::pair<uint64_t, uint32_t> stores[] = {
-        {moduleBlock + 0x10C, 15000}, {moduleBlock + 0x130, 0xFFFFFFFF}, {moduleBlock + 0x100, 0x30000000},
-        {moduleBlock + 0x104, 0x35}, {moduleBlock + 0x108, 11}, {moduleBlock + 0x124, 3}, {adcBlock + 0x04, 1},
-        {adcBlock + 0x00, 1}};
+    const std::pair<uint64_t, uint32_t> stores[] = {{moduleBlock + 0x10C, 15000},
+                                                    {moduleBlock + 0x130, 0xFFFFFFFF},
+                                                    {moduleBlock + 0x100, 0x30000000},
+                                                    {moduleBlock + 0x104, 0x35},
+                                                    {moduleBlock + 0x108, 11},
+                                                    {moduleBlock + 0x124, 3},
+                                                    {adcBlock + 0x04, 1},
+                                                    {adcBlock + 0x00, 1}};
     for (const auto& [address, word] : stores) {
         storeWord(memory, address, word);
     }

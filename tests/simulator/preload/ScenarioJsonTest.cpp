@@ -12,16 +12,28 @@ namespace {
 
 // Every key with a value that is not its default, and every name of a choice.
 TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
-    Scenario full{.boardType = 7, .slots = 200, .serialNumber = 0xFFFFFFFFFFFFFFFF, .hardwareVersion = 0xFEDCBA98,
-                  .canPorts = 1, .eepromKeyValid = false, .eepromVersion = 0, .supplyOn = true, .modules = {},
-                  .faults = {}, .timeFactor = 2.5, .unthrottled = true, .oscillatorErrorPpm = -12.25,
+    Scenario full{.boardType = 7,
+                  .slots = 200,
+                  .serialNumber = 0xFFFFFFFFFFFFFFFF,
+                  .hardwareVersion = 0xFEDCBA98,
+                  .canPorts = 1,
+                  .eepromKeyValid = false,
+                  .eepromVersion = 0,
+                  .supplyOn = true,
+                  .modules = {},
+                  .faults = {},
+                  .timeFactor = 2.5,
+                  .unthrottled = true,
+                  .oscillatorErrorPpm = -12.25,
                   .seed = 0x8000000000000001};
     for (size_t i = 0; i <= static_cast<size_t>(WaveformKind::Counter); ++i) {
         const auto kind = static_cast<WaveformKind>(i);
-        full.modules.push_back({.slot = 7 - static_cast<int>(i), .kind = static_cast<AmplifierKind>(i % 5),
+        full.modules.push_back({.slot = 7 - static_cast<int>(i),
+                                .kind = static_cast<AmplifierKind>(i % 5),
                                 .waveform = {kind, 12.5 + static_cast<double>(i), -3.25, 0.5, 1.5, {}},
                                 .serial = 0x123456789ABCDEF0 + i,
-                                .sensor = static_cast<Sensor>(i % 3), .tedsChip = i % 2 == 0});
+                                .sensor = static_cast<Sensor>(i % 3),
+                                .tedsChip = i % 2 == 0});
         full.modules[i].waveform.file = kind == WaveformKind::Wav ? "/somewhere/take.wav" : "";
         full.modules[i].waveform.unit = i % 2 == 1 ? WaveformUnit::Physical : WaveformUnit::Counts;
     }
@@ -131,7 +143,8 @@ TEST(ScenarioJson, FilesAreFoundBesideTheScenarioAndTried) {
     };
     std::filesystem::create_directory(folder / "takes");
     write("takes/one.wav", std::string("RIFF\x28\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x80\xBB\0\0\0\x77\1\0\2\0\x10\0"
-                                       "data\4\0\0\0\1\0\2\0", 48));
+                                       "data\4\0\0\0\1\0\2\0",
+                                       48));
     write("good.json", R"({"modules": [{"slot": 0, "waveform": {"kind": "wav", "file": "takes/one.wav"}}]})");
     write("bad.json", R"({"modules": [{"slot": 0, "waveform": {"kind": "wav", "file": "good.json"}}]})");
     EXPECT_EQ(ScenarioJson::read(folder / "good.json").modules[0].waveform.file, folder / "takes/one.wav");

@@ -17,8 +17,8 @@ class ILogger : public IBaseObject {
     virtual ErrCode flush() = 0;
 };
 
-ZORN_FUNCTION ErrCode zornGetLogger(const char* name, ILogger** logger);   // NotFound when unknown
-ZORN_FUNCTION ErrCode zornCreateLogger(const char* name, int level);       // AlreadyExists when the name is taken
+ZORN_FUNCTION ErrCode zornGetLogger(const char* name, ILogger** logger);  // NotFound when unknown
+ZORN_FUNCTION ErrCode zornCreateLogger(const char* name, int level);      // AlreadyExists when the name is taken
 // An unknown logger's messages go to the default sinks.
 ZORN_FUNCTION ErrCode zornLogMessageWithSource(const char* logger, int level, const char* file, int line,
                                                const char* function, const char* message);
@@ -26,7 +26,7 @@ ZORN_FUNCTION ErrCode zornLogMessageWithSource(const char* logger, int level, co
 // ---- For the host's own programs -----------------------------------------------------------------------------------
 
 struct LogRecord {
-    int64_t timeUs;        // system clock, microseconds since 1970
+    int64_t timeUs;  // system clock, microseconds since 1970
     const char* logger;
     int level;
     const char* file;
@@ -49,7 +49,7 @@ ZORN_EXPORT void addLogSink(ILogSink* sink, int minimumLevel);
 ZORN_EXPORT void removeLogSink(ILogSink* sink);
 
 // Ready-made sinks: one readable line a message ("2026-11-24 14:05:37.123 error DaqModule  text").
-ZORN_EXPORT ILogSink* createConsoleSink();                    // stderr; delete it after removal
-ZORN_EXPORT ILogSink* createFileSink(const char* path);       // appends; null when the file can't be opened
+ZORN_EXPORT ILogSink* createConsoleSink();               // stderr; delete it after removal
+ZORN_EXPORT ILogSink* createFileSink(const char* path);  // appends; null when the file can't be opened
 
 }  // namespace Harvane::RT::Core

@@ -55,8 +55,8 @@ public:
     DataModulePtr dataModule() const;
     ObjectPtr<IModule> module() const;
     Scheduler& scheduler();
-    ObjectPtr<IClockProvider> clockProvider() const;       // empty before configure
-    ObjectPtr<IAbsTimeProvider> absTimeProvider() const;   // empty when the module offers none
+    ObjectPtr<IClockProvider> clockProvider() const;      // empty before configure
+    ObjectPtr<IAbsTimeProvider> absTimeProvider() const;  // empty when the module offers none
 
     // All channels below the data module, depth first, in tree order.
     std::vector<ChannelPtr<>> channels() const;

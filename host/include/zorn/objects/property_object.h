@@ -141,8 +141,8 @@ class IPropertyObjectClass : public IBaseObject {
 class IPropertyObjectManager : public IBaseObject {
     ZORN_INTERFACE(IPropertyObjectManager, IBaseObject)
 
-    virtual ErrCode addClass(IPropertyObjectClass* objectClass) = 0;  // AlreadyExists
-    virtual ErrCode removeClass(IString* name) = 0;                   // NotFound
+    virtual ErrCode addClass(IPropertyObjectClass* objectClass) = 0;                  // AlreadyExists
+    virtual ErrCode removeClass(IString* name) = 0;                                   // NotFound
     virtual ErrCode getClass(IString* name, IPropertyObjectClass** objectClass) = 0;  // exactly NotFound when missing
     virtual ErrCode enumClasses(IList** classes) = 0;
 };
@@ -184,7 +184,10 @@ public:
     const PropertyInfoPtr& values(const T& value) const {
         return set(&IPropertyInfo::setValues, value);
     }
-    template <class T> const PropertyInfoPtr& unit(const T& value) const { return set(&IPropertyInfo::setUnit, value); }
+    template <class T>
+    const PropertyInfoPtr& unit(const T& value) const {
+        return set(&IPropertyInfo::setUnit, value);
+    }
     template <class T>
     const PropertyInfoPtr& min(const T& value) const {
         return set(&IPropertyInfo::setMinValue, value);
@@ -206,7 +209,8 @@ public:
         return set(&IPropertyInfo::setReference, value);
     }
     // Read-only with a fixed value.
-    template <class T> const PropertyInfoPtr& readOnly(const T& value) const {
+    template <class T>
+    const PropertyInfoPtr& readOnly(const T& value) const {
         set(&IPropertyInfo::setReadOnly, true);
         return set(&IPropertyInfo::setReadOnlyValue, value);
     }
@@ -301,8 +305,9 @@ public:
                                : this->checked()->enumProperties(order, result);
         });
         std::vector<PropertyInfoPtr> infos;
-        for (size_t i = 0, n = list.getCount(); i < n; ++i)
+        for (size_t i = 0, n = list.getCount(); i < n; ++i) {
             infos.emplace_back(list.getItemAt(i).template asPtr<IPropertyInfo>());
+        }
         return infos;
     }
     // The selected text of a selection property.

@@ -74,24 +74,27 @@ I* borrow(From* object) {
 inline size_t parseIndex(const char* text) {
     const std::string_view rest(text);
     const size_t end = rest.find(']');
-    if (end == std::string_view::npos)
+    if (end == std::string_view::npos) {
         throw InvalidParameterException("No matching ] found.");
+    }
     size_t index = 0;
     bool valid = end > 1 && end < 20;
     for (size_t i = 1; i < end && valid; ++i) {
         valid = rest[i] >= '0' && rest[i] <= '9';
         index = index * 10 + static_cast<size_t>(rest[i] - '0');
     }
-    if (!valid)
+    if (!valid) {
         throw InvalidParameterException("Could not parse the property index.");
+    }
     return index;
 }
 
 // Splits "parent.child" at the first "."; false without one.
 inline bool isChildProperty(std::string_view name, std::string_view& parent, std::string_view& child) {
     const size_t dot = name.find('.');
-    if (dot == std::string_view::npos)
+    if (dot == std::string_view::npos) {
         return false;
+    }
     parent = name.substr(0, dot);
     child = name.substr(dot + 1);
     return true;
@@ -100,14 +103,17 @@ inline bool isChildProperty(std::string_view name, std::string_view& parent, std
 // What every registration does with an info: it serves one, under the index that it gets here. Gives the name.
 inline StringPtr enrol(const PropertyInfoPtr& info, size_t index) {
     StringPtr name = info.getName();
-    if (name.view().empty())
+    if (name.view().empty()) {
         throw InvalidParameterException("A property without a name can't be registered");
+    }
     unsigned char frozen = 0;
     checkErrorInfo(info->isFrozen(&frozen));
-    if (frozen != 0)
+    if (frozen != 0) {
         throw FrozenException("Property %s is registered already", name.toStdString().c_str());
-    if (info.getIndex() != -1)
+    }
+    if (info.getIndex() != -1) {
         throw InvalidValueException("Property %s has an index already", name.toStdString().c_str());
+    }
     checkErrorInfo(info->setIndex(static_cast<int32_t>(index)));
     checkErrorInfo(info->freeze());
     return name;
@@ -116,26 +122,32 @@ inline StringPtr enrol(const PropertyInfoPtr& info, size_t index) {
 // Writes one value in its serialised form. NotSerializable for kinds that have none.
 inline void serializeValue(ISerializer* serializer, const BasePtr& value) {
     switch (coreTypeOf(value)) {
-    case CoreType::Bool: return checkErrorInfo(serializer->writeBool(fromValue<bool>(value) ? 1 : 0));
-    case CoreType::Int: return checkErrorInfo(serializer->writeInt(fromValue<int64_t>(value)));
-    case CoreType::Float: return checkErrorInfo(serializer->writeFloat(fromValue<double>(value)));
-    case CoreType::String: return checkErrorInfo(serializer->writeString(fromValue<std::string>(value).c_str()));
-    case CoreType::Ratio: {
-        const auto ratio = fromValue<Ratio>(value);
-        const std::string text = std::to_string(ratio.numerator) + "/" + std::to_string(ratio.denominator);
-        return checkErrorInfo(serializer->writeString(text.c_str()));
-    }
-    case CoreType::List: {
-        const ListPtr list = value.asPtr<IList>();
-        checkErrorInfo(serializer->startList());
-        for (size_t i = 0, n = list.getCount(); i < n; ++i)
-            serializeValue(serializer, list.getItemAt(i));
-        return checkErrorInfo(serializer->endList());
-    }
-    default:
-        if (auto* serializable = borrow<ISerializable>(value.get()))
-            return checkErrorInfo(serializable->serialize(serializer));
-        throw NotSerializableException();
+        case CoreType::Bool:
+            return checkErrorInfo(serializer->writeBool(fromValue<bool>(value) ? 1 : 0));
+        case CoreType::Int:
+            return checkErrorInfo(serializer->writeInt(fromValue<int64_t>(value)));
+        case CoreType::Float:
+            return checkErrorInfo(serializer->writeFloat(fromValue<double>(value)));
+        case CoreType::String:
+            return checkErrorInfo(serializer->writeString(fromValue<std::string>(value).c_str()));
+        case CoreType::Ratio: {
+            const auto ratio = fromValue<Ratio>(value);
+            const std::string text = std::to_string(ratio.numerator) + "/" + std::to_string(ratio.denominator);
+            return checkErrorInfo(serializer->writeString(text.c_str()));
+        }
+        case CoreType::List: {
+            const ListPtr list = value.asPtr<IList>();
+            checkErrorInfo(serializer->startList());
+            for (size_t i = 0, n = list.getCount(); i < n; ++i) {
+                serializeValue(serializer, list.getItemAt(i));
+            }
+            return checkErrorInfo(serializer->endList());
+        }
+        default:
+            if (auto* serializable = borrow<ISerializable>(value.get())) {
+                return checkErrorInfo(serializable->serialize(serializer));
+            }
+            throw NotSerializableException();
     }
 }
 
@@ -146,7 +158,7 @@ public:
     PropertyObjectEngine& operator=(const PropertyObjectEngine&) = delete;
 
 protected:
-    static constexpr int MaxReferences = 16;    // hops from reference to reference
+    static constexpr int MaxReferences = 16;     // hops from reference to reference
     static constexpr size_t MaxClassDepth = 32;  // parents of a class
 
     PropertyObjectEngine() {
@@ -194,8 +206,9 @@ protected:
     // An expression's result for this object; anything else stands for itself.
     BasePtr bindAndGet(const BasePtr& value) {
         auto* expression = borrow<IEvalValue>(value.get());
-        if (expression == nullptr)
+        if (expression == nullptr) {
             return value;
+        }
         IEvalValue* bound = nullptr;
         checkErrorInfo(expression->bind(propertyObject(), &bound));
         const auto holder = ObjectPtr<IEvalValue>::take(bound);
@@ -214,8 +227,9 @@ protected:
         IPropertyInfo* to = bound.get();
         IPropertyInfo* from = info.get();
         auto copy = [&](AttributeGetter getter, ErrCode (IPropertyInfo::*setter)(IBaseObject*)) {
-            if (const BasePtr value = bindAndGet(attribute(info, getter)))
+            if (const BasePtr value = bindAndGet(attribute(info, getter))) {
                 checkErrorInfo((to->*setter)(value.get()));
+            }
         };
         copy(&IPropertyInfo::getDefaultValue, &IPropertyInfo::setDefaultValue);
         copy(&IPropertyInfo::getValues, &IPropertyInfo::setValues);
@@ -247,8 +261,9 @@ protected:
 
     static ObjectPtr<IPropertyObject> lock(const ObjectPtr<IWeakRef>& reference) {
         IBaseObject* object = nullptr;
-        if (!reference || failed(reference->getRef(&object)))
+        if (!reference || failed(reference->getRef(&object))) {
             return {};
+        }
         return BasePtr::take(object).asPtrOrNull<IPropertyObject>();
     }
 
@@ -264,15 +279,17 @@ protected:
 
     static PropertyObjectClassPtr getObjectClassByName(const StringPtr& name) {
         auto found = PropertyObjectManagerPtr::create().findClass(name);
-        if (!found)
+        if (!found) {
             throw InvalidParameterException("Property class not \"%s\" is not registered!", name.toStdString().c_str());
+        }
         return found;
     }
 
     // The object's class and its parents, as far as they are registered now.
     const std::vector<PropertyObjectClassPtr>& classChain() {
-        if (!className)
+        if (!className) {
             return classChain_;
+        }
         const uint64_t generation = zornGetClassGeneration();
         if (generation != classGeneration_) {
             classChain_.clear();
@@ -280,8 +297,9 @@ protected:
             const auto manager = PropertyObjectManagerPtr::create();
             for (StringPtr name = className; !name.view().empty() && classChain_.size() < MaxClassDepth;) {
                 auto found = manager.findClass(name);
-                if (!found)
+                if (!found) {
                     break;
+                }
                 name = found.getParent();
                 classChain_.push_back(std::move(found));
             }
@@ -307,8 +325,9 @@ protected:
     }
 
     void applyClassName(const StringPtr& name) {
-        if (name.view() == className.view())
+        if (name.view() == className.view()) {
             return;
+        }
         const auto manager = PropertyObjectManagerPtr::create();
         const std::string_view required = requiredBaseClass();
         bool requiredFound = required.empty();
@@ -316,43 +335,52 @@ protected:
         StringPtr level = name;
         do {
             const auto found = manager.findClass(level);
-            if (!found)
+            if (!found) {
                 throw InvalidValueException("Property class \"%s\" (of \"%s\") is not registered",
                                             level.toStdString().c_str(), name.toStdString().c_str());
-            if (++depth > MaxClassDepth)
+            }
+            if (++depth > MaxClassDepth) {
                 throw InvalidValueException("The parents of property class \"%s\" form a circle",
                                             name.toStdString().c_str());
+            }
             requiredFound = requiredFound || sameClassName(level.view(), required);
             level = found.getParent();
         } while (!level.view().empty());
-        if (!requiredFound)
+        if (!requiredFound) {
             throw InvalidTypeException("Property class \"%s\" is no \"%s\"", name.toStdString().c_str(),
                                        std::string(required).c_str());
+        }
         className = name;
         classGeneration_ = ~uint64_t{0};
     }
 
     PropertyInfoPtr findInfo(const HashedName& name) {
-        if (const auto found = localProperties.find(name); found != localProperties.end())
+        if (const auto found = localProperties.find(name); found != localProperties.end()) {
             return found->second;
-        if (!prototype && !className)
+        }
+        if (!prototype && !className) {
             return {};
+        }
         if (const auto source = lock(prototype)) {
             IPropertyInfo* info = nullptr;
-            if (auto* lookup = borrow<IPropertyInfoLookup>(source.get()))
+            if (auto* lookup = borrow<IPropertyInfoLookup>(source.get())) {
                 checkErrorInfo(lookup->findPropertyInfo(name.toString().get(), &info));
-            if (info != nullptr)
+            }
+            if (info != nullptr) {
                 return ObjectPtr<IPropertyInfo>::take(info);
+            }
         }
         const auto& classes = classChain();
-        if (const auto found = classInfos_.find(name); found != classInfos_.end())
+        if (const auto found = classInfos_.find(name); found != classInfos_.end()) {
             return found->second;
+        }
         const StringPtr string = name.toString();
         for (const auto& objectClass : classes) {
             unsigned char has = 0;
             checkErrorInfo(objectClass->hasProperty(string.get(), &has));
-            if (has != 0)
+            if (has != 0) {
                 return classInfos_.emplace(string, objectClass.getProperty(string)).first->second;
+            }
         }
         return {};
     }
@@ -362,13 +390,16 @@ protected:
         bool followed = false;
         for (int hops = 0; info; ++hops) {
             const BasePtr reference = attribute(info, &IPropertyInfo::getReference);
-            if (!reference)
+            if (!reference) {
                 break;
+            }
             PropertyInfoPtr target;
-            if (const BasePtr result = bindAndGet(reference))
+            if (const BasePtr result = bindAndGet(reference)) {
                 target = result.asPtrOrNull<IPropertyInfo>();
-            if (!target || hops >= MaxReferences)
+            }
+            if (!target || hops >= MaxReferences) {
                 throw std::invalid_argument("Invalid reference to property");
+            }
             info = std::move(target);
             name = info.getName();
             followed = true;
@@ -379,29 +410,35 @@ protected:
     // ---- Values ----
 
     static void checkPropertyTypeAndConvert(const PropertyInfoPtr& info, BasePtr& value) {
-        if (!info || !value)
+        if (!info || !value) {
             return;
+        }
         CoreType wanted = info.getValueType();
-        if (wanted == CoreType::Enum)
+        if (wanted == CoreType::Enum) {
             wanted = CoreType::Int;
+        }
         CoreType type = CoreType::Undefined;
-        if (auto* typed = borrow<ICoreType>(value.get()))
+        if (auto* typed = borrow<ICoreType>(value.get())) {
             typed->getCoreType(&type);
+        }
         if (type == wanted || wanted == CoreType::Object || wanted == CoreType::Reference ||
             wanted == CoreType::Undefined || borrow<IEvalValue>(value.get()) != nullptr ||
             (wanted == CoreType::Proc && borrow<IProcObject>(value.get()) != nullptr) ||
-            (wanted == CoreType::Func && borrow<IFuncObject>(value.get()) != nullptr))
+            (wanted == CoreType::Func && borrow<IFuncObject>(value.get()) != nullptr)) {
             return;
+        }
         IBaseObject* converted = nullptr;
         auto* convertible = borrow<IConvertible>(value.get());
-        if (convertible == nullptr || failed(convertible->convertTo(wanted, &converted)) || converted == nullptr)
+        if (convertible == nullptr || failed(convertible->convertTo(wanted, &converted)) || converted == nullptr) {
             throw InvalidParameterException("Value type is different than property type and conversion failed");
+        }
         value = BasePtr::take(converted);
     }
 
     static void passThrough(IFuncObject* function, BasePtr& value) {
-        if (const auto holder = ObjectPtr<IFuncObject>::take(function))
+        if (const auto holder = ObjectPtr<IFuncObject>::take(function)) {
             value = executeFunc(holder, value);
+        }
     }
     static void validatePropertyWrite(const PropertyInfoPtr& info, BasePtr& value) {
         IFuncObject* function = nullptr;
@@ -419,17 +456,20 @@ protected:
     }
 
     void setOwnerToPropertyValue(const StringPtr& name, const BasePtr& value) {
-        if (auto* ownable = borrow<IOwnable>(value.get()))
-            if (failed(ownable->setOwner(propertyObject(), name.get())))
+        if (auto* ownable = borrow<IOwnable>(value.get())) {
+            if (failed(ownable->setOwner(propertyObject(), name.get()))) {
                 throw InvalidParameterException("Failed to set owner to property value");
+            }
+        }
     }
 
     void fire(IEvent* event, const StringPtr& name, const PropertyInfoPtr& info, const BasePtr& value,
               PropertyChangeType type) {
         size_t handlers = 0;
         checkErrorInfo(event->getHandlerCount(&handlers));
-        if (handlers == 0)
+        if (handlers == 0) {
             return;
+        }
         IPropertyValueChangedEventArgs* raw = nullptr;
         checkErrorInfo(createPropertyValueChangedEventArgs(&raw, name.get(), info.get(), value.get(), type));
         const auto arguments = ObjectPtr<IPropertyValueChangedEventArgs>::take(raw);
@@ -444,8 +484,9 @@ protected:
             IEvent* raw = nullptr;
             checkErrorInfo(info->getOnValueChanged(&raw));
             const auto infoEvent = ObjectPtr<IEvent>::take(raw);
-            if (infoEvent)
+            if (infoEvent) {
                 fire(infoEvent.get(), name, info, value, type);
+            }
         }
     }
 
@@ -453,10 +494,12 @@ protected:
     ErrCode readElement(const BasePtr& value, std::string_view text, BasePtr& element) {
         const size_t index = parseIndex(std::string(text).c_str());
         const ListPtr list = value ? ListPtr(value.asPtrOrNull<IList>()) : ListPtr();
-        if (!list)
+        if (!list) {
             return makeError(Errors::InvalidParameter, "Could not access the index as the value is not a list.");
-        if (index >= list.getCount())
+        }
+        if (index >= list.getCount()) {
             return makeError(Errors::OutOfRange, "The index parameter is out of bounds of the list.");
+        }
         element = bindAndGet(list.getItemAt(index));
         return Errors::Success;
     }
@@ -466,11 +509,13 @@ protected:
         const size_t bracket = name.text.find('[');
         const bool indexed = bracket != std::string_view::npos;
         const auto found = propValues.find(indexed ? HashedName(name.text.substr(0, bracket)) : name);
-        if (found == propValues.end())
+        if (found == propValues.end()) {
             return Errors::NotFound;
+        }
         const BasePtr held = found->second;
-        if (indexed)
+        if (indexed) {
             return readElement(held, name.text.substr(bracket), value);
+        }
         value = held;
         return Errors::Success;
     }
@@ -478,8 +523,9 @@ protected:
     BasePtr readLocalValueWithExtendedErrorInfo(const HashedName& name) {
         BasePtr value;
         const ErrCode code = readLocalValueEx(name, value);
-        if (code == Errors::NotFound)
+        if (code == Errors::NotFound) {
             throw NotFoundException("Property %s value not found", std::string(name.text).c_str());
+        }
         checkErrorInfo(code);
         return value;
     }
@@ -497,28 +543,35 @@ protected:
             value = BasePtr::take(answer);
             return true;
         };
-        for (const auto& objectClass : getClassNames())
-            if (ask(objectClass.toStdString().append(":").append(name)))
+        for (const auto& objectClass : getClassNames()) {
+            if (ask(objectClass.toStdString().append(":").append(name))) {
                 return Errors::Success;
+            }
+        }
         return ask(last) ? Errors::Success : Errors::NotFound;
     }
 
     ErrCode getPropertyFromOwner(std::string_view name, BasePtr& value) {
         const auto source = lock(owner);
-        if (!source || name.find(':') != std::string_view::npos)
+        if (!source || name.find(':') != std::string_view::npos) {
             return Errors::NotFound;
+        }
         return getSpecificClassProperty(source.get(), name, std::string(":").append(name), value);
     }
 
     ErrCode readProperty(const HashedName& name, BasePtr& value) {
         ErrCode code = readLocalValueEx(name, value);
-        if (code == Errors::NotFound && prototype)
-            if (const auto source = lock(prototype))
+        if (code == Errors::NotFound && prototype) {
+            if (const auto source = lock(prototype)) {
                 code = getSpecificClassProperty(source.get(), name.text, std::string(name.text), value);
-        if (code == Errors::NotFound && owner)
+            }
+        }
+        if (code == Errors::NotFound && owner) {
             code = getPropertyFromOwner(name.text, value);
-        if (code == Errors::NotFound)
+        }
+        if (code == Errors::NotFound) {
             zornClearErrorInfo();
+        }
         return code;
     }
 
@@ -527,17 +580,20 @@ protected:
         const size_t bracket = name.text.find('[');
         const bool indexed = bracket != std::string_view::npos;
         info = findInfo(indexed ? HashedName(name.text.substr(0, bracket)) : name);
-        if (!info)
+        if (!info) {
             return readProperty(name, value);
+        }
         StringPtr targetName;
         const bool followed = followReference(info, targetName);
-        if (!flagAttribute(info, &IPropertyInfo::getEnabled, true))
+        if (!flagAttribute(info, &IPropertyInfo::getEnabled, true)) {
             throw NotEnabledException("Property %s is not enabled", std::string(name.text).c_str());
+        }
         if (flagAttribute(info, &IPropertyInfo::getReadOnly, false)) {
             value = bindAndGet(attribute(info, &IPropertyInfo::getReadOnlyValue));
-            if (!value)
+            if (!value) {
                 throw InvalidParameterException("Property %s set as readonly, but readonly value not assigned",
                                                 std::string(name.text).c_str());
+            }
             return Errors::Success;
         }
         ErrCode code;
@@ -549,8 +605,9 @@ protected:
         }
         if (code == Errors::NotFound) {
             value = attribute(info, &IPropertyInfo::getDefaultValue);
-            if (!value)
+            if (!value) {
                 return Errors::NotAssigned;
+            }
             value = bindAndGet(value);
             code = Errors::Success;
             if (indexed) {
@@ -558,8 +615,9 @@ protected:
                 code = readElement(list, name.text.substr(bracket), value);
             }
         }
-        if (succeeded(code))
+        if (succeeded(code)) {
             validatePropertyRead(info, value);
+        }
         return code;
     }
 
@@ -570,8 +628,9 @@ protected:
         PropertyInfoPtr info = findInfo(HashedName(parent.substr(0, bracket)));
         StringPtr targetName;
         std::string name(parent);
-        if (info && followReference(info, targetName))
+        if (info && followReference(info, targetName)) {
             name = targetName.toStdString().append(indexed ? parent.substr(bracket) : "");
+        }
         return readLocalValueWithExtendedErrorInfo(HashedName(name)).asPtr<IPropertyObject>();
     }
 
@@ -592,8 +651,9 @@ protected:
     ErrCode writeAny(IString* nameObject, BasePtr value) {
         const HashedName name(viewOf(nameObject), nameObject);
         std::string_view parent, child;
-        if (isChildProperty(name.text, parent, child))
+        if (isChildProperty(name.text, parent, child)) {
             return childObject(parent)->setProperty(StringPtr(child).get(), value.get());
+        }
         StringPtr target(nameObject);
         PropertyInfoPtr info = findInfo(name);
         followReference(info, target);
@@ -613,16 +673,18 @@ protected:
     ErrCode clearAny(IString* nameObject) {
         const HashedName name(viewOf(nameObject), nameObject);
         std::string_view parent, child;
-        if (isChildProperty(name.text, parent, child))
+        if (isChildProperty(name.text, parent, child)) {
             return childObject(parent)->clearProperty(StringPtr(child).get());
+        }
         StringPtr target(nameObject);
         PropertyInfoPtr info = findInfo(name);
         followReference(info, target);
         BasePtr value;
         if (const auto found = propValues.find(target); found != propValues.end()) {
             value = found->second;
-            if (auto* ownable = borrow<IOwnable>(value.get()))
+            if (auto* ownable = borrow<IOwnable>(value.get())) {
                 checkErrorInfo(ownable->setOwner(nullptr, nullptr));
+            }
             propValues.erase(target);
         }
         callPropertyChanged(target, info, value, PropertyChangeType::Cleared);
@@ -635,46 +697,55 @@ protected:
         BasePtr value;
         PropertyInfoPtr info;
         const ErrCode code = getPropertyInternal(name, value, info);
-        if (!info)
+        if (!info) {
             throw InvalidParameterException("Enum property %s must be registered", text.c_str());
+        }
         checkErrorInfo(code);
-        if (info.getValueType() != CoreType::Enum && !info.isSelection())
+        if (info.getValueType() != CoreType::Enum && !info.isSelection()) {
             throw InvalidParameterException("Property %s is not an enum", text.c_str());
+        }
         const BasePtr values = bindAndGet(attribute(info, &IPropertyInfo::getValues));
-        if (!values)
+        if (!values) {
             throw InvalidParameterException("Enum property %s has no value list assigned", text.c_str());
+        }
         const ListPtr list = values.asPtrOrNull<IList>();
-        if (!list)
+        if (!list) {
             throw InvalidParameterException("Enum property %s values is not a list", text.c_str());
+        }
         return list.getItemAt(static_cast<size_t>(getValueFromConvertible(value)));
     }
 
     static int64_t getValueFromConvertible(const BasePtr& value) { return fromValue<int64_t>(value); }
 
     void registerInfo(IPropertyInfo* raw) {
-        if (raw == nullptr)
+        if (raw == nullptr) {
             throw InvalidParameterException();
+        }
         const PropertyInfoPtr info(raw);
         const StringPtr name = enrol(info, localProperties.size());
-        if (!localProperties.emplace(name, info).second)
+        if (!localProperties.emplace(name, info).second) {
             throw AlreadyExistsException("Property %s already exists", name.toStdString().c_str());
+        }
     }
 
     bool knowsProperty(IString* nameObject) {
         const HashedName name(viewOf(nameObject), nameObject);
-        if (localProperties.contains(name) || propValues.contains(name))
+        if (localProperties.contains(name) || propValues.contains(name)) {
             return true;
+        }
         if (const auto source = lock(prototype)) {
             unsigned char found = 0;
             checkErrorInfo(source->hasProperty(nameObject, &found));
-            if (found != 0)
+            if (found != 0) {
                 return true;
+            }
         }
         for (const auto& objectClass : classChain()) {
             unsigned char found = 0;
             checkErrorInfo(objectClass->hasProperty(nameObject, &found));
-            if (found != 0)
+            if (found != 0) {
                 return true;
+            }
         }
         return false;
     }
@@ -682,23 +753,26 @@ protected:
     PropertyInfoPtr boundInfo(IString* nameObject) {
         const HashedName name(viewOf(nameObject), nameObject);
         std::string_view parent, child;
-        if (isChildProperty(name.text, parent, child))
+        if (isChildProperty(name.text, parent, child)) {
             return childObject(parent).getPropertyInfo(StringPtr(child));
+        }
         PropertyInfoPtr info = findInfo(name);
-        if (!info)
+        if (!info) {
             throw NotFoundException("Property %s not found", std::string(name.text).c_str());
+        }
         StringPtr target;
         followReference(info, target);
         return bindPropertyInfo(info);
     }
 
     static void sortProperties(std::vector<PropertyInfoPtr>& infos, PropertyOrder order) {
-        if (order == PropertyOrder::Index)
+        if (order == PropertyOrder::Index) {
             std::stable_sort(infos.begin(), infos.end(),
                              [](const auto& left, const auto& right) { return left.getIndex() < right.getIndex(); });
-        else if (order == PropertyOrder::Name)
+        } else if (order == PropertyOrder::Name) {
             std::stable_sort(infos.begin(), infos.end(),
                              [](const auto& left, const auto& right) { return left.getName() < right.getName(); });
+        }
     }
 
     // Properties of the root class first, then down to the object's own; a covered one is left out.
@@ -712,23 +786,27 @@ protected:
             infos.insert(infos.begin(), level.begin(), level.end());
             level.clear();
         };
-        for (const auto& [name, info] : localProperties)
+        for (const auto& [name, info] : localProperties) {
             level.push_back(info);
+        }
         takeLevel();
         for (const auto& objectClass : classChain()) {
             IList* raw = nullptr;
             checkErrorInfo(objectClass->enumProperties(PropertyOrder::Index, &raw));
             const ListPtr list(ObjectPtr<IList>::take(raw));
-            for (size_t i = 0, n = list.getCount(); i < n; ++i)
+            for (size_t i = 0, n = list.getCount(); i < n; ++i) {
                 level.emplace_back(list.getItemAt(i).asPtr<IPropertyInfo>());
+            }
             takeLevel();
         }
-        if (order == PropertyOrder::Name)
+        if (order == PropertyOrder::Name) {
             sortProperties(infos, order);
+        }
         ListPtr result = ListPtr::create();
         for (const auto& info : infos) {
-            if (visibleOnly && (info.isHidden() || !isVisible(info)))
+            if (visibleOnly && (info.isHidden() || !isVisible(info))) {
                 continue;
+            }
             result.pushBack(asBase(boundOrRaw(info)));
         }
         return result;
@@ -755,8 +833,9 @@ protected:
     void assignPrototype(IPropertyObject* object) {
         ObjectPtr<IPropertyObject> level(object);
         for (int depth = 0; level; ++depth) {
-            if (borrow<IBaseObject>(level.get()) == identity() || depth > 64)
+            if (borrow<IBaseObject>(level.get()) == identity() || depth > 64) {
                 throw InvalidParameterException("The prototypes form a circle");
+            }
             IPropertyObject* next = nullptr;
             checkErrorInfo(level->getPrototype(&next));
             level = ObjectPtr<IPropertyObject>::take(next);
@@ -767,8 +846,9 @@ protected:
     // ---- Serialised form ----
 
     void serializeObject(ISerializer* serializer) {
-        if (serializing_)
+        if (serializing_) {
             throw NotSerializableException("A property object that contains itself can't be serialized");
+        }
         struct Guard {
             bool& flag;
             explicit Guard(bool& value) : flag(value) { flag = true; }
@@ -788,15 +868,17 @@ protected:
         checkErrorInfo(serializer->key("propValues"));
         checkErrorInfo(serializer->startObject());
         std::map<BasePtr, BasePtr, bool (*)(const BasePtr&, const BasePtr&)> sorted(&compareObjectPtr);
-        for (const auto& [name, value] : propValues)
+        for (const auto& [name, value] : propValues) {
             sorted.emplace(asBase(name), value);
+        }
         for (const auto& [key, value] : sorted) {
             const StringPtr name = key.asPtr<IString>();
             try {
                 serializeProperty(name, value, serializer);
             } catch (const NotSerializableException& exception) {
-                if (!exception.defaultMessage)
+                if (!exception.defaultMessage) {
                     throw;
+                }
                 throw NotSerializableException("Property %s holds a value that can't be serialized",
                                                name.toStdString().c_str());
             }
@@ -827,18 +909,22 @@ protected:
             updatePropertyWithAction(name, mode, actionFor(name, mode, state), values.get());
         }
         std::vector<StringPtr> onlyHere;
-        for (const auto& [name, value] : propValues)
-            if (!inSetup.contains(name))
+        for (const auto& [name, value] : propValues) {
+            if (!inSetup.contains(name)) {
                 onlyHere.push_back(name);
+            }
+        }
         std::sort(onlyHere.begin(), onlyHere.end());
-        for (const auto& name : onlyHere)
+        for (const auto& name : onlyHere) {
             updatePropertyWithAction(name, mode, actionFor(name, mode, 1), nullptr);
+        }
     }
 
     ConfigurationAction actionFor(const StringPtr& name, ConfigurationMode mode, PropertyState state) {
         ConfigurationAction action = state == 1 ? ConfigurationAction::Leave : ConfigurationAction::TakeOver;
-        if (const PropertyInfoPtr info = findInfo(HashedName(name.view(), name.get())))
+        if (const PropertyInfoPtr info = findInfo(HashedName(name.view(), name.get()))) {
             checkErrorInfo(info->getConfigurationAction(mode, state, &action));
+        }
         return action;
     }
 
@@ -847,31 +933,37 @@ protected:
                                   ISerializedObject* values) {
         const bool isSet = propValues.contains(name);
         switch (action) {
-        case ConfigurationAction::Leave: return;
-        case ConfigurationAction::Clear:
-            if (isSet)
-                checkErrorInfo(propertyObject()->clearProperty(name.get()));
-            return;
-        case ConfigurationAction::SetIfUnset:
-            if (!isSet && values != nullptr)
-                setPropertyFromSerialized(name, values);
-            return;
-        case ConfigurationAction::TakeOver: break;
+            case ConfigurationAction::Leave:
+                return;
+            case ConfigurationAction::Clear:
+                if (isSet) {
+                    checkErrorInfo(propertyObject()->clearProperty(name.get()));
+                }
+                return;
+            case ConfigurationAction::SetIfUnset:
+                if (!isSet && values != nullptr) {
+                    setPropertyFromSerialized(name, values);
+                }
+                return;
+            case ConfigurationAction::TakeOver:
+                break;
         }
         if (values == nullptr) {
-            if (isSet)
+            if (isSet) {
                 checkErrorInfo(propertyObject()->clearProperty(name.get()));
+            }
             return;
         }
         const std::string key = name.toStdString();
         SerializedType type{};
         checkErrorInfo(values->getType(key.c_str(), &type));
-        if (type == SerializedType::Object)
+        if (type == SerializedType::Object) {
             updatePropertyObject(name, mode, values);
-        else if (type == SerializedType::List)
+        } else if (type == SerializedType::List) {
             updatePropertyList(name, mode, values);
-        else
+        } else {
             setPropertyFromSerialized(name, values);
+        }
     }
 
     void setPropertyFromSerialized(const StringPtr& name, ISerializedObject* values) {
@@ -886,8 +978,9 @@ protected:
         auto* object = borrow<IPropertyObject>(present.get());
         unsigned char tagged = 0;
         checkErrorInfo(serialized->hasKey("__type", &tagged));
-        if (object == nullptr || tagged != 0)
+        if (object == nullptr || tagged != 0) {
             return false;
+        }
         StringPtr wanted;
         unsigned char has = 0;
         checkErrorInfo(serialized->hasKey("className", &has));
@@ -898,8 +991,9 @@ protected:
         }
         IString* text = nullptr;
         checkErrorInfo(object->getClassName(&text));
-        if (!sameClassName(StringPtr(ObjectPtr<IString>::take(text)).view(), wanted.view()))
+        if (!sameClassName(StringPtr(ObjectPtr<IString>::take(text)).view(), wanted.view())) {
             return false;
+        }
         checkErrorInfo(object->update(mode, serialized));
         return true;
     }
@@ -913,8 +1007,9 @@ protected:
         ISerializedObject* raw = nullptr;
         checkErrorInfo(values->readObject(name.toStdString().c_str(), &raw));
         const auto serialized = ObjectPtr<ISerializedObject>::take(raw);
-        if (!updateInPlace(localValue(name), mode, serialized.get()))
+        if (!updateInPlace(localValue(name), mode, serialized.get())) {
             setPropertyFromSerialized(name, values);
+        }
     }
 
     // Elements that are objects of the same class are kept and updated; the list itself is written anew, so that its
@@ -951,9 +1046,11 @@ protected:
 
     void disposeValues() {
         auto values = std::exchange(propValues, {});
-        for (auto& [name, value] : values)
-            if (auto* ownable = borrow<IOwnable>(value.get()))
+        for (auto& [name, value] : values) {
+            if (auto* ownable = borrow<IOwnable>(value.get())) {
                 ownable->setOwner(nullptr, nullptr);
+            }
+        }
         localProperties.clear();
         owner.release();
         prototype.release();
@@ -976,67 +1073,78 @@ class GenericPropertyObjectImpl
 public:
     // Raises InvalidValueException for a class that is unknown or incomplete.
     explicit GenericPropertyObjectImpl(const StringPtr& name = {}) {
-        if (!name.view().empty())
+        if (!name.view().empty()) {
             applyClassName(name);
+        }
     }
 
     ErrCode registerProperty(IPropertyInfo* info) override {
         return guarded([&] { registerInfo(info); });
     }
     ErrCode hasProperty(IString* name, unsigned char* found) override {
-        if (name == nullptr || found == nullptr)
+        if (name == nullptr || found == nullptr) {
             return argumentNull();
+        }
         return guarded([&] { *found = knowsProperty(name) ? 1 : 0; });
     }
     ErrCode isPropertySet(IString* name, unsigned char* set) override {
-        if (name == nullptr || set == nullptr)
+        if (name == nullptr || set == nullptr) {
             return argumentNull();
+        }
         return guarded([&] { *set = propValues.contains(HashedName(viewOf(name))) ? 1 : 0; });
     }
     ErrCode getPropertyInfo(IString* name, IPropertyInfo** info) override {
-        if (name == nullptr || info == nullptr)
+        if (name == nullptr || info == nullptr) {
             return argumentNull();
+        }
         *info = nullptr;
         return guarded([&] { *info = boundInfo(name).detach(); });
     }
     ErrCode enumProperties(PropertyOrder order, IList** infos) override {
-        if (infos == nullptr)
+        if (infos == nullptr) {
             return argumentNull();
+        }
         *infos = nullptr;
         return guarded([&] { *infos = enumerate(order, false).detach(); });
     }
     ErrCode enumVisibleProperties(PropertyOrder order, IList** infos) override {
-        if (infos == nullptr)
+        if (infos == nullptr) {
             return argumentNull();
+        }
         *infos = nullptr;
         return guarded([&] { *infos = enumerate(order, true).detach(); });
     }
     ErrCode setProperty(IString* name, IBaseObject* value) override {
-        if (name == nullptr)
+        if (name == nullptr) {
             return argumentNull();
+        }
         return guarded([&]() -> ErrCode { return writeAny(name, BasePtr(value)); });
     }
     ErrCode getProperty(IString* name, IBaseObject** value) override {
-        if (name == nullptr || value == nullptr)
+        if (name == nullptr || value == nullptr) {
             return argumentNull();
+        }
         *value = nullptr;
         return guarded([&]() -> ErrCode {
             BasePtr result;
             const ErrCode code = readAny(name, result);
-            if (succeeded(code))
+            if (succeeded(code)) {
                 *value = result.detach();
+            }
             return code;
         });
     }
     ErrCode getPropertyEnum(IString* name, IBaseObject** text) override {
-        if (name == nullptr || text == nullptr)
+        if (name == nullptr || text == nullptr) {
             return argumentNull();
+        }
         *text = nullptr;
         return guarded([&] { *text = readEnum(name).detach(); });
     }
     ErrCode clearProperty(IString* name) override {
-        if (name == nullptr)
+        if (name == nullptr) {
             return argumentNull();
+        }
         return guarded([&]() -> ErrCode { return clearAny(name); });
     }
     ErrCode setOwner(IPropertyObject* object, IString* name) override {
@@ -1049,45 +1157,52 @@ public:
         return guarded([&] { assignPrototype(object); });
     }
     ErrCode getPrototype(IPropertyObject** object) override {
-        if (object == nullptr)
+        if (object == nullptr) {
             return argumentNull();
+        }
         *object = nullptr;
         return guarded([&] { *object = lock(prototype).detach(); });
     }
     ErrCode setClassName(IString* name) override {
-        if (name == nullptr)
+        if (name == nullptr) {
             return argumentNull();
+        }
         return guarded([&] { applyClassName(StringPtr(name)); });
     }
     // The empty string for an object without a class.
     ErrCode getClassName(IString** name) override {
-        if (name == nullptr)
+        if (name == nullptr) {
             return argumentNull();
+        }
         *name = nullptr;
         return guarded([&] { *name = (className ? className : StringPtr("")).detach(); });
     }
     ErrCode getOnPropertyValueChanged(IEvent** event) override { return handOut(onChanged, event); }
     ErrCode serialize(ISerializer* serializer) override {
-        if (serializer == nullptr)
+        if (serializer == nullptr) {
             return argumentNull();
+        }
         return guarded([&] { serializeObject(serializer); });
     }
     ErrCode update(ConfigurationMode mode, ISerializedObject* serialized) override {
-        if (serialized == nullptr)
+        if (serialized == nullptr) {
             return argumentNull();
+        }
         return guarded([&] { updateObjectProperties(mode, serialized); });
     }
 
     ErrCode getSerializeId(const char** id) override { return handOut("PropertyObject", id); }
     ErrCode getWeakRef(IWeakRef** reference) override {
-        if (reference == nullptr)
+        if (reference == nullptr) {
             return argumentNull();
+        }
         return guarded([&] { *reference = new WeakRefImpl(this->shareControl(), this->self()); });
     }
     ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::Object, type); }
     ErrCode findPropertyInfo(IString* name, IPropertyInfo** info) override {
-        if (name == nullptr || info == nullptr)
+        if (name == nullptr || info == nullptr) {
             return argumentNull();
+        }
         *info = nullptr;
         return guarded([&] { *info = findInfo(HashedName(viewOf(name), name)).detach(); });
     }
@@ -1120,8 +1235,9 @@ protected:
                         return Errors::Success;
                     }
                 } catch (const ZornException& exception) {
-                    if (exception.defaultMessage)
+                    if (exception.defaultMessage) {
                         zornClearErrorInfo();
+                    }
                     throw;
                 }
             },
@@ -1131,8 +1247,9 @@ protected:
 
 // Makes a property object of its serialised form: for zornRegisterSerializerFactory under "PropertyObject".
 inline ErrCode deserialize(ISerializedObject* serialized, IBaseObject** object) {
-    if (serialized == nullptr || object == nullptr)
+    if (serialized == nullptr || object == nullptr) {
         return Errors::ArgumentNull;
+    }
     *object = nullptr;
     return wrapHandler([&] {
         IList* list = nullptr;
@@ -1140,14 +1257,16 @@ inline ErrCode deserialize(ISerializedObject* serialized, IBaseObject** object) 
         const ListPtr present(ObjectPtr<IList>::take(list));
         for (size_t i = 0, n = present.getCount(); i < n; ++i) {
             const StringPtr key = present.getItemAt(i).asPtr<IString>();
-            if (key != "__type" && key != "className" && key != "propValues")
+            if (key != "__type" && key != "className" && key != "propValues") {
                 throw DeserializeException("unknown key \"%s\"", key.toStdString().c_str());
+            }
         }
         IString* text = nullptr;
         unsigned char has = 0;
         checkErrorInfo(serialized->hasKey("className", &has));
-        if (has != 0)
+        if (has != 0) {
             checkErrorInfo(serialized->readString("className", &text));
+        }
         const StringPtr className(ObjectPtr<IString>::take(text));
         IPropertyObject* raw = nullptr;
         checkErrorInfo(createPropertyObject(&raw, nullptr, className.get()));

@@ -29,7 +29,7 @@ public:
     Scheduler(const Scheduler&) = delete;
     Scheduler& operator=(const Scheduler&) = delete;
 
-    void addModule(const ObjectPtr<IModule>& module);   // not while running
+    void addModule(const ObjectPtr<IModule>& module);     // not while running
     void removeModule(const ObjectPtr<IModule>& module);  // not while running
     // With a loop provider that cycles the host by itself: initializeLoop, startLoop instead of the own thread.
     void setLoopProvider(const ObjectPtr<ILoopProvider>& loop);

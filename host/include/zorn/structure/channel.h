@@ -28,8 +28,8 @@ class IChannelBuffer : public IBaseObject {
     virtual ErrCode getPosition(size_t* position) = 0;  // slot of the next write
     virtual ErrCode getSampleSize(size_t* bytes) = 0;
     virtual ErrCode isEmpty(unsigned char* empty) = 0;
-    virtual ErrCode getSample(size_t position, void** sample) = 0;            // OutOfRange beyond the capacity
-    virtual ErrCode getSampleInDouble(size_t position, double* value) = 0;   // the raw number, never scaled
+    virtual ErrCode getSample(size_t position, void** sample) = 0;          // OutOfRange beyond the capacity
+    virtual ErrCode getSampleInDouble(size_t position, double* value) = 0;  // the raw number, never scaled
 };
 
 class IChannelBufferV2 : public IBaseObject {
@@ -69,8 +69,8 @@ class IChannel : public IChannelNode {
     virtual ErrCode initializeAcquisition() = 0;
     virtual ErrCode startAcquisition() = 0;
     virtual ErrCode stopAcquisition() = 0;
-    virtual ErrCode finalizeAcquisition() = 0;  // the memory stays until the next initializeAcquisition
-    virtual ErrCode getCurrentSample(double* value) = 0;             // scaled; the channel's NaN without samples
+    virtual ErrCode finalizeAcquisition() = 0;            // the memory stays until the next initializeAcquisition
+    virtual ErrCode getCurrentSample(double* value) = 0;  // scaled; the channel's NaN without samples
     virtual ErrCode getSampleAtPos(size_t position, double* value) = 0;
     virtual ErrCode getSampleAtRelativePos(int position, double* value) = 0;  // -1 is the newest
     virtual ErrCode hasSamples(unsigned char* has) = 0;

@@ -107,9 +107,9 @@ class IModule : public IBaseObject {
     virtual ErrCode preStop() = 0;
     virtual ErrCode stop() = 0;
     virtual ErrCode finalize() = 0;
-    virtual ErrCode processData() = 0;  // once a cycle, on the scheduler's thread
-    virtual ErrCode getTaskList(IList** tasks) = 0;          // may be null
-    virtual ErrCode getInputs(IInputGroups** inputs) = 0;    // may be null
+    virtual ErrCode processData() = 0;                     // once a cycle, on the scheduler's thread
+    virtual ErrCode getTaskList(IList** tasks) = 0;        // may be null
+    virtual ErrCode getInputs(IInputGroups** inputs) = 0;  // may be null
     virtual ErrCode getConfigurationMode(ConfigurationMode* mode) = 0;
 };
 
@@ -162,8 +162,9 @@ public:
     std::vector<DataModulePtr> getDataModules() const {
         const ListPtr list = fetch(&IData::getDataModules);
         std::vector<DataModulePtr> modules;
-        for (size_t i = 0, n = list.getCount(); i < n; ++i)
+        for (size_t i = 0, n = list.getCount(); i < n; ++i) {
             modules.emplace_back(list.getItemAt(i).asPtr<IDataModule>());
+        }
         return modules;
     }
     ObjectPtr<IClockProvider> getClockProvider() const { return fetch(&IData::getClockProvider); }

@@ -75,8 +75,9 @@ public:
     std::vector<ChannelNodePtr<>> getChildren() const {
         const ListPtr list = fetch(&IChannelFolder::getChildren);
         std::vector<ChannelNodePtr<>> children;
-        for (size_t i = 0, n = list.getCount(); i < n; ++i)
+        for (size_t i = 0, n = list.getCount(); i < n; ++i) {
             children.emplace_back(list.getItemAt(i).asPtr<IChannelNode>());
+        }
         return children;
     }
 };

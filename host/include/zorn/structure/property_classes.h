@@ -129,14 +129,23 @@ inline PropertyInfoPtr makeClassProperty(const ClassPropertyRow& row) {
     PropertyInfoPtr info = PropertyInfoPtr::create(row.name, row.type);
     if (row.hasDefault) {
         switch (row.type) {
-        case CoreType::Bool: info.defaultValue(row.number != 0.0); break;
-        case CoreType::Int: info.defaultValue(static_cast<int64_t>(row.number)); break;
-        case CoreType::Float: info.defaultValue(row.number); break;
-        default: info.defaultValue(""); break;
+            case CoreType::Bool:
+                info.defaultValue(row.number != 0.0);
+                break;
+            case CoreType::Int:
+                info.defaultValue(static_cast<int64_t>(row.number));
+                break;
+            case CoreType::Float:
+                info.defaultValue(row.number);
+                break;
+            default:
+                info.defaultValue("");
+                break;
         }
     }
-    if (!row.visible)
+    if (!row.visible) {
         info.visible(false);
+    }
     return info;
 }
 
@@ -148,17 +157,21 @@ public:
         const auto manager = PropertyObjectManagerPtr::create();
         IPropertyObjectClass* present = nullptr;
         const ErrCode code = manager->getClass(StringPtr(Table::ClassName).get(), &present);
-        if (present != nullptr)
+        if (present != nullptr) {
             present->releaseRef();
-        if (code != Errors::NotFound)
+        }
+        if (code != Errors::NotFound) {
             return;
+        }
         zornClearErrorInfo();
         const auto objectClass = PropertyObjectClassPtr::create();
         objectClass.setName(Table::ClassName);
-        if (*Table::ClassParent != 0)
+        if (*Table::ClassParent != 0) {
             objectClass.setParent(Table::ClassParent);
-        for (const ClassPropertyRow& row : Table::Rows)
+        }
+        for (const ClassPropertyRow& row : Table::Rows) {
             objectClass.registerProperty(makeClassProperty(row));
+        }
         manager.addClass(objectClass);
     }
 };
@@ -174,10 +187,12 @@ public:
         IPropertyObjectClass* raw = nullptr;
         checkErrorInfo(createProperyObjectClassWithName(&raw, StringPtr(RangeItemPropertyClass::ClassName).get()));
         const PropertyObjectClassPtr objectClass(ObjectPtr<IPropertyObjectClass>::take(raw));
-        for (const ClassPropertyRow& row : RangeItemPropertyClass::Rows)
+        for (const ClassPropertyRow& row : RangeItemPropertyClass::Rows) {
             objectClass.registerProperty(makeClassProperty(row));
-        if (failed(PropertyObjectManagerPtr::create()->addClass(objectClass.get())))
+        }
+        if (failed(PropertyObjectManagerPtr::create()->addClass(objectClass.get()))) {
             zornClearErrorInfo();
+        }
     }
 };
 

@@ -12,14 +12,14 @@
 
 // The first line of each interface: its `Id`, the interface that it extends as `Base`, and a destructor that only the
 // object behind it can call. Public operations follow.
-#define ZORN_INTERFACE(NAME, BASE)                                                              \
-public:                                                                                         \
-    using Base = BASE;                                                                          \
+#define ZORN_INTERFACE(NAME, BASE)                                                             \
+public:                                                                                        \
+    using Base = BASE;                                                                         \
     static constexpr ::Harvane::RT::Core::IntfID Id = ::Harvane::RT::Core::interfaceId(#NAME); \
-                                                                                                \
-protected:                                                                                      \
-    ~NAME() = default;                                                                          \
-                                                                                                \
+                                                                                               \
+protected:                                                                                     \
+    ~NAME() = default;                                                                         \
+                                                                                               \
 public:
 
 namespace Harvane::RT::Core {
@@ -29,8 +29,9 @@ using IntfID = uint64_t;
 
 constexpr IntfID interfaceId(const char* name) {
     uint64_t hash = 0xcbf29ce484222325ull;
-    for (; *name != 0; ++name)
+    for (; *name != 0; ++name) {
         hash = (hash ^ static_cast<unsigned char>(*name)) * 0x100000001b3ull;
+    }
     return hash;
 }
 

@@ -66,14 +66,16 @@ class FuncImpl final : public ObjectImpl<IFuncObject, ICoreType> {
 public:
     explicit FuncImpl(std::function<ErrCode(const BasePtr&, BasePtr&)> body) : body_(std::move(body)) {}
     ErrCode execute(IBaseObject* arguments, IBaseObject** result) override {
-        if (result == nullptr)
+        if (result == nullptr) {
             return Errors::ArgumentNull;
+        }
         *result = nullptr;
         return wrapHandler([&]() -> ErrCode {
             BasePtr value;
             const ErrCode code = body_(BasePtr(arguments), value);
-            if (succeeded(code))
+            if (succeeded(code)) {
                 *result = value.detach();
+            }
             return code;
         });
     }
@@ -111,8 +113,9 @@ inline BasePtr executeFunc(const ObjectPtr<IFuncObject>& function, const BasePtr
     const ErrCode answer = function->execute(arguments.get(), &raw);
     BasePtr result = BasePtr::take(raw);
     checkErrorInfo(answer);
-    if (code != nullptr)
+    if (code != nullptr) {
         *code = answer;
+    }
     return result;
 }
 

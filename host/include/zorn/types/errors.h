@@ -8,8 +8,12 @@ namespace Harvane::RT::Core {
 // Bit 31 set: failure. Any other value is a success, 0 the usual one.
 using ErrCode = uint32_t;
 
-constexpr bool failed(ErrCode code) { return (code & 0x80000000u) != 0; }
-constexpr bool succeeded(ErrCode code) { return !failed(code); }
+constexpr bool failed(ErrCode code) {
+    return (code & 0x80000000u) != 0;
+}
+constexpr bool succeeded(ErrCode code) {
+    return !failed(code);
+}
 
 namespace Errors {
 constexpr ErrCode Success = 0;

@@ -47,21 +47,23 @@ protected:
 
 // One class for each code. Without a text the default text stands and is not sent to the other side.
 #define ZORN_EXCEPTION(CLASS, CODE, TEXT)                                                                            \
-    class CLASS : public ZornException {                                                                              \
-    public:                                                                                                           \
-        static constexpr ErrCode Code = CODE;                                                                         \
-        CLASS() : ZornException(CODE, true) { message = TEXT; }                                                       \
+    class CLASS : public ZornException {                                                                             \
+    public:                                                                                                          \
+        static constexpr ErrCode Code = CODE;                                                                        \
+        CLASS() : ZornException(CODE, true) {                                                                        \
+            message = TEXT;                                                                                          \
+        }                                                                                                            \
         __attribute__((format(printf, 2, 3))) explicit CLASS(const char* format, ...) : ZornException(CODE, false) { \
-            if (format == nullptr || *format == 0) {                                                                  \
-                defaultMessage = true;                                                                                \
-                message = TEXT;                                                                                       \
-                return;                                                                                               \
-            }                                                                                                         \
-            va_list arguments;                                                                                        \
-            va_start(arguments, format);                                                                              \
-            formatMessage(format, arguments);                                                                         \
-            va_end(arguments);                                                                                        \
-        }                                                                                                             \
+            if (format == nullptr || *format == 0) {                                                                 \
+                defaultMessage = true;                                                                               \
+                message = TEXT;                                                                                      \
+                return;                                                                                              \
+            }                                                                                                        \
+            va_list arguments;                                                                                       \
+            va_start(arguments, format);                                                                             \
+            formatMessage(format, arguments);                                                                        \
+            va_end(arguments);                                                                                       \
+        }                                                                                                            \
     }
 
 ZORN_EXCEPTION(NoMemoryException, 0x80000000, "No memory");
@@ -104,8 +106,9 @@ class GenericExceptionFactory : public IExceptionFactory {
 public:
     void destroy() override { delete this; }
     void throwException(ErrCode, const std::string& message) override {
-        if (message.empty())
+        if (message.empty()) {
             throw T();
+        }
         throw T("%s", message.c_str());
     }
 };
@@ -131,8 +134,9 @@ public:
     void registerRtException(ErrCode code, IExceptionFactory* factory) {
         std::lock_guard lock(mutex_);
         IExceptionFactory*& slot = factories_[code];
-        if (slot != nullptr && slot != factory)
+        if (slot != nullptr && slot != factory) {
             slot->destroy();
+        }
         slot = factory;
     }
 
@@ -156,8 +160,9 @@ public:
 private:
     ErrorCodeToException() = default;
     ~ErrorCodeToException() {
-        for (auto& [code, factory] : factories_)
+        for (auto& [code, factory] : factories_) {
             factory->destroy();
+        }
     }
 
     mutable std::mutex mutex_;
@@ -194,8 +199,9 @@ std::string takeErrorMessage();
 // Every result of a call into another library goes through this: a failing code becomes the exception of its class
 // with the text that the other side left. Success leaves the error info alone. Run on the thread of the call.
 inline void checkErrorInfo(ErrCode code) {
-    if (succeeded(code))
+    if (succeeded(code)) {
         return;
+    }
     ErrorCodeToException::GetInstance().throwExceptionFromErrorCode(code, takeErrorMessage());
 }
 

@@ -37,8 +37,9 @@ ErrCode handOut(std::type_identity_t<T> value, T* output) {
 template <class I>
 ErrCode handOut(const ObjectPtr<I>& object, I** output) {
     const ErrCode code = handOut(object.get(), output);
-    if (succeeded(code) && object)
+    if (succeeded(code) && object) {
         object->addRef();
+    }
     return code;
 }
 
@@ -47,8 +48,9 @@ struct RefControl {
     std::atomic<int32_t> strong{1};
     std::atomic<int32_t> holders{1};  // the object itself and its weak references
     void release() {
-        if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
             delete this;
+        }
     }
 };
 
@@ -62,14 +64,16 @@ class ObjectImpl : public First, public Rest... {
 public:
     ErrCode queryInterface(IntfID id, void** result) override {
         const ErrCode code = borrowInterface(id, result);
-        if (succeeded(code))
+        if (succeeded(code)) {
             addRef();
+        }
         return code;
     }
 
     ErrCode borrowInterface(IntfID id, void** result) override {
-        if (result == nullptr)
+        if (result == nullptr) {
             return Errors::ArgumentNull;
+        }
         *result = findInterface(id);
         return *result != nullptr ? Errors::Success : Errors::NoInterface;
     }
@@ -78,26 +82,30 @@ public:
 
     int32_t releaseRef() override {
         const int32_t left = control_->strong.fetch_sub(1, std::memory_order_acq_rel) - 1;
-        if (left == 0)
+        if (left == 0) {
             delete this;
+        }
         return left;
     }
 
     ErrCode dispose() override { return Errors::Success; }
 
     ErrCode getHashCode(size_t* hash) override {
-        if (hash == nullptr)
+        if (hash == nullptr) {
             return Errors::ArgumentNull;
+        }
         *hash = reinterpret_cast<size_t>(self());
         return Errors::Success;
     }
 
     ErrCode equals(IBaseObject* other, unsigned char* equal) override {
-        if (equal == nullptr)
+        if (equal == nullptr) {
             return Errors::ArgumentNull;
+        }
         void* identity = nullptr;
-        if (other != nullptr)
+        if (other != nullptr) {
             other->borrowInterface(IBaseObject::Id, &identity);
+        }
         *equal = identity == static_cast<void*>(self()) ? 1 : 0;
         return Errors::Success;
     }
@@ -121,10 +129,12 @@ protected:
 
     // An override may answer for more interfaces.
     virtual void* findInterface(IntfID id) {
-        if (id == IBaseObject::Id)
+        if (id == IBaseObject::Id) {
             return self();
-        if (void* found = findInChain<First>(static_cast<First*>(this), id))
+        }
+        if (void* found = findInChain<First>(static_cast<First*>(this), id)) {
             return found;
+        }
         void* found = nullptr;
         (void)((found = findInChain<Rest>(static_cast<Rest*>(this), id)) || ...);
         return found;
@@ -139,12 +149,14 @@ protected:
 private:
     template <class I>
     static void* findInChain(I* object, IntfID id) {
-        if (id == I::Id)
+        if (id == I::Id) {
             return object;
-        if constexpr (!std::is_same_v<typename I::Base, void> && !std::is_same_v<typename I::Base, IBaseObject>)
+        }
+        if constexpr (!std::is_same_v<typename I::Base, void> && !std::is_same_v<typename I::Base, IBaseObject>) {
             return findInChain<typename I::Base>(static_cast<typename I::Base*>(object), id);
-        else
+        } else {
             return nullptr;
+        }
     }
 
     RefControl* control_;
@@ -157,8 +169,9 @@ public:
     ~WeakRefImpl() override { target_->release(); }
 
     ErrCode getRef(IBaseObject** object) override {
-        if (object == nullptr)
+        if (object == nullptr) {
             return Errors::ArgumentNull;
+        }
         int32_t count = target_->strong.load(std::memory_order_relaxed);
         while (count > 0) {
             if (target_->strong.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel)) {
@@ -178,8 +191,9 @@ private:
 // Puts a new object into an output parameter: createObject<StringImpl, IString>(out, "text").
 template <class Implementation, class I, class... Arguments>
 ErrCode createObject(I** result, Arguments&&... arguments) {
-    if (result == nullptr)
+    if (result == nullptr) {
         return Errors::ArgumentNull;
+    }
     return wrapHandler([&] { *result = new Implementation(std::forward<Arguments>(arguments)...); });
 }
 

@@ -19,8 +19,9 @@ public:
     ObjectPtr(std::nullptr_t) {}
     // Takes a reference of its own.
     ObjectPtr(I* object) : object_(object) {
-        if (object_ != nullptr)
+        if (object_ != nullptr) {
             object_->addRef();
+        }
     }
     ObjectPtr(const ObjectPtr& other) : ObjectPtr(other.object_) {}
     ObjectPtr(ObjectPtr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -49,8 +50,9 @@ public:
     bool operator==(const ObjectPtr& other) const { return object_ == other.object_; }
 
     void release() {
-        if (I* object = std::exchange(object_, nullptr))
+        if (I* object = std::exchange(object_, nullptr)) {
             object->releaseRef();
+        }
     }
     void swap(ObjectPtr& other) noexcept { std::swap(object_, other.object_); }
 
@@ -67,16 +69,18 @@ public:
     template <class I2>
     ObjectPtr<I2> asPtrOrNull() const {
         void* result = nullptr;
-        if (object_ == nullptr || failed(object_->queryInterface(I2::Id, &result)))
+        if (object_ == nullptr || failed(object_->queryInterface(I2::Id, &result))) {
             return {};
+        }
         return ObjectPtr<I2>::take(static_cast<I2*>(result));
     }
 
     // Identity or, for values, equality of content; two empty pointers are equal.
     template <class I2>
     bool equals(const ObjectPtr<I2>& other) const {
-        if (object_ == nullptr || !other)
+        if (object_ == nullptr || !other) {
             return object_ == nullptr && !other;
+        }
         unsigned char equal = 0;
         checkErrorInfo(object_->equals(other.get(), &equal));
         return equal != 0;
@@ -84,8 +88,9 @@ public:
 
 protected:
     I* checked() const {
-        if (object_ == nullptr)
+        if (object_ == nullptr) {
             throw InvalidParameterException("Can not return by a null pointer.");
+        }
         return object_;
     }
 

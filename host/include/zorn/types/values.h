@@ -152,8 +152,9 @@ public:
 
     // Empty for an empty pointer.
     std::string_view view() const {
-        if (!*this)
+        if (!*this) {
             return {};
+        }
         const char* text = nullptr;
         size_t length = 0;
         checkErrorInfo(get()->getCharPtr(&text));
@@ -188,8 +189,9 @@ public:
         IList* object = nullptr;
         checkErrorInfo(createList(&object));
         ListPtr list(ObjectPtr::take(object));
-        for (const auto& item : items)
+        for (const auto& item : items) {
             list.pushBack(item);
+        }
         return list;
     }
     size_t getCount() const { return read(&IList::getCount); }
@@ -217,9 +219,15 @@ inline BasePtr toValue(double value) {
     checkErrorInfo(createFloatObject(&object, value));
     return BasePtr::take(object);
 }
-inline BasePtr toValue(std::string_view value) { return BasePtr(StringPtr(value).get()); }
-inline BasePtr toValue(const std::string& value) { return toValue(std::string_view(value)); }
-inline BasePtr toValue(const char* value) { return toValue(std::string_view(value)); }
+inline BasePtr toValue(std::string_view value) {
+    return BasePtr(StringPtr(value).get());
+}
+inline BasePtr toValue(const std::string& value) {
+    return toValue(std::string_view(value));
+}
+inline BasePtr toValue(const char* value) {
+    return toValue(std::string_view(value));
+}
 inline BasePtr toValue(const Ratio& value) {
     IRatio* object = nullptr;
     checkErrorInfo(createRatio(&object, value.numerator, value.denominator));
@@ -258,25 +266,28 @@ inline int fromValue<int>(const BasePtr& value) {
 template <>
 inline double fromValue<double>(const BasePtr& value) {
     double result = 0.0;
-    if (auto plain = value.asPtrOrNull<IFloatObject>())
+    if (auto plain = value.asPtrOrNull<IFloatObject>()) {
         checkErrorInfo(plain->getValue(&result));
-    else
+    } else {
         checkErrorInfo(value.asPtr<IConvertible>()->toFloat(&result));
+    }
     return result;
 }
 template <>
 inline bool fromValue<bool>(const BasePtr& value) {
     unsigned char result = 0;
-    if (auto plain = value.asPtrOrNull<IBoolObject>())
+    if (auto plain = value.asPtrOrNull<IBoolObject>()) {
         checkErrorInfo(plain->getValue(&result));
-    else
+    } else {
         checkErrorInfo(value.asPtr<IConvertible>()->toBool(&result));
+    }
     return result != 0;
 }
 template <>
 inline StringPtr fromValue<StringPtr>(const BasePtr& value) {
-    if (auto plain = value.asPtrOrNull<IString>())
+    if (auto plain = value.asPtrOrNull<IString>()) {
         return plain;
+    }
     IBaseObject* text = nullptr;
     checkErrorInfo(value.asPtr<IConvertible>()->convertTo(CoreType::String, &text));
     return BasePtr::take(text).asPtr<IString>();
@@ -310,16 +321,18 @@ inline BasePtr fromValue<BasePtr>(const BasePtr& value) {
 // Undefined for objects that are no values.
 inline CoreType coreTypeOf(const BasePtr& value) {
     CoreType type = CoreType::Undefined;
-    if (auto typed = value.asPtrOrNull<ICoreType>())
+    if (auto typed = value.asPtrOrNull<ICoreType>()) {
         typed->getCoreType(&type);
+    }
     return type;
 }
 
 // The text that an object prints of itself.
 template <class I>
 std::string textOf(const ObjectPtr<I>& object) {
-    if (!object)
+    if (!object) {
         return {};
+    }
     char* text = nullptr;
     checkErrorInfo(object->toString(&text));
     std::string result(text == nullptr ? "" : text);
@@ -329,14 +342,16 @@ std::string textOf(const ObjectPtr<I>& object) {
 
 inline std::string takeErrorMessage() {
     IErrorInfo* raw = nullptr;
-    if (failed(zornGetErrorInfo(&raw)) || raw == nullptr)
+    if (failed(zornGetErrorInfo(&raw)) || raw == nullptr) {
         return {};
+    }
     std::string result;
     IString* message = nullptr;
     if (succeeded(raw->getMessage(&message)) && message != nullptr) {
         const char* text = nullptr;
-        if (succeeded(message->getCharPtr(&text)) && text != nullptr)
+        if (succeeded(message->getCharPtr(&text)) && text != nullptr) {
             result = text;
+        }
         message->releaseRef();
     }
     raw->releaseRef();
@@ -348,8 +363,9 @@ inline std::string takeErrorMessage() {
 inline bool compareObjectPtr(const BasePtr& left, const BasePtr& right) {
     if (auto comparable = left.asPtrOrNull<IComparable>()) {
         int result = 0;
-        if (succeeded(comparable->compareTo(right.get(), &result)))
+        if (succeeded(comparable->compareTo(right.get(), &result))) {
             return result < 0;
+        }
         zornClearErrorInfo();
     }
     return std::less<IBaseObject*>()(left.get(), right.get());

@@ -36,11 +36,13 @@ using ReceiveBuffer = std::array<unsigned char, receiveBufferSize>;
 // Index of the first frame, or `total`. A key that is not followed by an end mark at its distance is noise.
 size_t findFrame(const ReceiveBuffer& buffer, size_t total) {
     for (size_t i = 0; i < total; ++i) {
-        if (buffer[i] != uartKey || i + 1 >= buffer.size())
+        if (buffer[i] != uartKey || i + 1 >= buffer.size()) {
             continue;
+        }
         const size_t end = i + 2 + buffer[i + 1];
-        if (end < buffer.size() && buffer[end] == uartEnd)
+        if (end < buffer.size() && buffer[end] == uartEnd) {
             return i;
+        }
     }
     return total;
 }
@@ -99,22 +101,54 @@ void AmplifierProperties::getSerial(unsigned long& serial) const {
     serial = user_.serial;
 }
 
-short AmplifierProperties::getModuleType() const { return user_.moduleType; }
-short AmplifierProperties::getInputCoupling() const { return user_.inputCoupling; }
-short AmplifierProperties::getInputType() const { return user_.inputType; }
-unsigned char AmplifierProperties::getRange() const { return user_.range; }
-unsigned char AmplifierProperties::getConnectorType() const { return user_.connectorType; }
-unsigned char AmplifierProperties::getHwCapabilities() const { return user_.hwCapabilities; }
-unsigned char AmplifierProperties::getFwCapabilities() const { return user_.fwCapabilities; }
-unsigned char AmplifierProperties::getMeasurementType() const { return user_.measurementType; }
-unsigned char AmplifierProperties::getExcitationUnit() const { return user_.excitationUnit; }
-unsigned char AmplifierProperties::getExcitationType() const { return user_.excitationType; }
-float AmplifierProperties::getExcitationValue() const { return user_.excitationValue; }
-unsigned char AmplifierProperties::getLPFilter() const { return user_.lpFilter; }
-unsigned char AmplifierProperties::getShort() const { return user_.shortOn; }
-long AmplifierProperties::getCalibrationDate() const { return user_.calibrationDate; }
-int AmplifierProperties::getDoLevelInvert() const { return -1; }
-int AmplifierProperties::getIndex() const { return index_; }
+short AmplifierProperties::getModuleType() const {
+    return user_.moduleType;
+}
+short AmplifierProperties::getInputCoupling() const {
+    return user_.inputCoupling;
+}
+short AmplifierProperties::getInputType() const {
+    return user_.inputType;
+}
+unsigned char AmplifierProperties::getRange() const {
+    return user_.range;
+}
+unsigned char AmplifierProperties::getConnectorType() const {
+    return user_.connectorType;
+}
+unsigned char AmplifierProperties::getHwCapabilities() const {
+    return user_.hwCapabilities;
+}
+unsigned char AmplifierProperties::getFwCapabilities() const {
+    return user_.fwCapabilities;
+}
+unsigned char AmplifierProperties::getMeasurementType() const {
+    return user_.measurementType;
+}
+unsigned char AmplifierProperties::getExcitationUnit() const {
+    return user_.excitationUnit;
+}
+unsigned char AmplifierProperties::getExcitationType() const {
+    return user_.excitationType;
+}
+float AmplifierProperties::getExcitationValue() const {
+    return user_.excitationValue;
+}
+unsigned char AmplifierProperties::getLPFilter() const {
+    return user_.lpFilter;
+}
+unsigned char AmplifierProperties::getShort() const {
+    return user_.shortOn;
+}
+long AmplifierProperties::getCalibrationDate() const {
+    return user_.calibrationDate;
+}
+int AmplifierProperties::getDoLevelInvert() const {
+    return -1;
+}
+int AmplifierProperties::getIndex() const {
+    return index_;
+}
 
 std::string AmplifierProperties::getFwVersion() const {
     return fmt::format("{}.{}", user_.fwVersion[0], user_.fwVersion[1]);
@@ -139,8 +173,9 @@ void AmplifierProperties::getCalibrationDate(std::string& text) const {
     tm local{};
     std::array<char, 64> buffer{};
     // A date beyond what a calendar year can hold has no text.
-    if (localtime_r(&seconds, &local))
+    if (localtime_r(&seconds, &local)) {
         std::strftime(buffer.data(), buffer.size(), calibrationDateFormat, &local);
+    }
     text = buffer.data();
 }
 
@@ -166,8 +201,9 @@ void AmplifierProperties::enableChannel() {
 short AmplifierProperties::sendReplyCommand(unsigned char command, const unsigned char* data, size_t dataSize,
                                             unsigned char* reply, size_t replySize, unsigned int timeoutMs,
                                             bool quiet) {
-    if (dataSize > maxPayload)
+    if (dataSize > maxPayload) {
         return -1;
+    }
     std::array<unsigned char, maxPayload + 4> frame{uartKey, static_cast<unsigned char>(dataSize + 1), command};
     std::copy_n(data, dataSize, frame.begin() + 3);
     frame[3 + dataSize] = uartEnd;
@@ -191,8 +227,8 @@ short AmplifierProperties::sendReplyCommand(unsigned char command, const unsigne
     return -1;
 }
 
-short AmplifierProperties::attempt(const unsigned char* frame, size_t frameSize, unsigned char* reply,
-                                   size_t replySize, unsigned int timeoutMs) {
+short AmplifierProperties::attempt(const unsigned char* frame, size_t frameSize, unsigned char* reply, size_t replySize,
+                                   unsigned int timeoutMs) {
     enableChannel();
     uart_->clear();
     uart_->writeData(frame, frameSize);
@@ -207,18 +243,21 @@ short AmplifierProperties::attempt(const unsigned char* frame, size_t frameSize,
         if (at < total) {
             const unsigned char length = buffer[at + 1];
             const unsigned char status = buffer[at + 2];
-            if (status != 0)
+            if (status != 0) {
                 throw std::runtime_error("Command failed");
+            }
             // No more than the module sent: behind it lie the end mark and whatever follows.
             const size_t sent = length > 0 ? length - 1u : 0u;
             std::copy_n(buffer.begin() + static_cast<std::ptrdiff_t>(at) + 3, std::min(replySize, sent), reply);
             return length;
         }
         // The port's read ends after 0.2 s at the latest, so the clock is looked at often enough.
-        if (std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(timeoutMs))
+        if (std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(timeoutMs)) {
             throw std::runtime_error("Timeout");
-        if (total >= buffer.size())
+        }
+        if (total >= buffer.size()) {
             throw ReceiveOverflow();
+        }
         readSize = std::min(maxReadSize, buffer.size() - total);
     }
 }
@@ -268,54 +307,82 @@ struct AmplifierProperties::Settings {
     static constexpr Byte excitationUnit{&Record::excitationUnit, SetExcitationUnit, 1, "excitation unit", nullptr};
     static constexpr Byte excitationType{&Record::excitationType, SetExcitationType, 1, "excitation type",
                                          "setExcitationType"};
-    static constexpr Setting<float> excitationValue{&Record::excitationValue, SetExcitationValue, 4,
-                                                    "excitation value", "setExcitationValue"};
+    static constexpr Setting<float> excitationValue{&Record::excitationValue, SetExcitationValue, 4, "excitation value",
+                                                    "setExcitationValue"};
     static constexpr Byte lpFilter{&Record::lpFilter, SetLPFilter, 1, "LP filter index", "setLPFilter"};
     static constexpr Byte shortOn{&Record::shortOn, SetShort, 1, "short on", "setShort"};
     static constexpr Setting<unsigned long> serial{&Record::serial, SetSerial, 8, "serial number", nullptr};
     static constexpr Version hwVersion{&Record::hwVersion, SetHwVersion, 4, "hw version", nullptr};
-    static constexpr Setting<long> calibrationDate{&Record::calibrationDate, SetCalibrationDate, 8,
-                                                   "calibration date", nullptr};
+    static constexpr Setting<long> calibrationDate{&Record::calibrationDate, SetCalibrationDate, 8, "calibration date",
+                                                   nullptr};
 };
 
 template <typename T>
 short AmplifierProperties::set(const Setting<T>& setting, const T& value) {
     const std::lock_guard lock(*linkMutex_);
     user_.*setting.field = value;
-    if (device_.*setting.field == value)
+    if (device_.*setting.field == value) {
         return 0;
+    }
     if constexpr (std::is_arithmetic_v<T>) {
-        if (setting.operation)
+        if (setting.operation) {
             KESTRIX_LOG(3, "{}({}) on amplifier '{}'", setting.operation, value, index_);
+        }
     }
     std::array<unsigned char, sizeof(T)> payload;
     std::memcpy(payload.data(), &value, sizeof(T));
     const short result = sendCommand(setting.command, payload.data(), setting.payloadSize, defaultTimeoutMs, false);
-    if (result < 1)
+    if (result < 1) {
         throw std::runtime_error(setting.name);
+    }
     device_.*setting.field = value;
     return result;
 }
 
-short AmplifierProperties::setInputCoupling(short value) { return set(Settings::inputCoupling, value); }
-short AmplifierProperties::setInputType(short value) { return set(Settings::inputType, value); }
-short AmplifierProperties::setPattern(short value) { return set(Settings::pattern, value); }
-short AmplifierProperties::setRange(unsigned char value) { return set(Settings::range, value); }
-short AmplifierProperties::setConnectorType(unsigned char value) { return set(Settings::connectorType, value); }
-short AmplifierProperties::setHwCapabilities(unsigned char value) { return set(Settings::hwCapabilities, value); }
-short AmplifierProperties::setExcitationUnit(unsigned char value) { return set(Settings::excitationUnit, value); }
-short AmplifierProperties::setExcitationType(unsigned char value) { return set(Settings::excitationType, value); }
-short AmplifierProperties::setExcitationValue(float value) { return set(Settings::excitationValue, value); }
-short AmplifierProperties::setLPFilter(unsigned char value) { return set(Settings::lpFilter, value); }
-short AmplifierProperties::setShort(unsigned char value) { return set(Settings::shortOn, value); }
-void AmplifierProperties::setCalibrationDate(long seconds) { set(Settings::calibrationDate, seconds); }
+short AmplifierProperties::setInputCoupling(short value) {
+    return set(Settings::inputCoupling, value);
+}
+short AmplifierProperties::setInputType(short value) {
+    return set(Settings::inputType, value);
+}
+short AmplifierProperties::setPattern(short value) {
+    return set(Settings::pattern, value);
+}
+short AmplifierProperties::setRange(unsigned char value) {
+    return set(Settings::range, value);
+}
+short AmplifierProperties::setConnectorType(unsigned char value) {
+    return set(Settings::connectorType, value);
+}
+short AmplifierProperties::setHwCapabilities(unsigned char value) {
+    return set(Settings::hwCapabilities, value);
+}
+short AmplifierProperties::setExcitationUnit(unsigned char value) {
+    return set(Settings::excitationUnit, value);
+}
+short AmplifierProperties::setExcitationType(unsigned char value) {
+    return set(Settings::excitationType, value);
+}
+short AmplifierProperties::setExcitationValue(float value) {
+    return set(Settings::excitationValue, value);
+}
+short AmplifierProperties::setLPFilter(unsigned char value) {
+    return set(Settings::lpFilter, value);
+}
+short AmplifierProperties::setShort(unsigned char value) {
+    return set(Settings::shortOn, value);
+}
+void AmplifierProperties::setCalibrationDate(long seconds) {
+    set(Settings::calibrationDate, seconds);
+}
 
 short AmplifierProperties::setMeasurementType(unsigned char value) {
     const std::lock_guard lock(*linkMutex_);
     const short result = set(Settings::measurementType, value);
     // The module changes its coupling with the measurement: the next setInputCoupling has to reach it.
-    if (result > 0)
+    if (result > 0) {
         device_.inputCoupling = AmplifierRecord{}.inputCoupling;
+    }
     return result;
 }
 
@@ -336,8 +403,9 @@ short AmplifierProperties::setHwVersion(const std::string& text) {
     std::vector<std::string> parts;
     splitString(parts, text, ".");
     std::array<unsigned char, 4> version{};
-    if (parts.size() != version.size())
+    if (parts.size() != version.size()) {
         return -1;
+    }
     std::transform(parts.begin(), parts.end(), version.begin(),
                    [](const std::string& part) { return static_cast<unsigned char>(std::stoi(part)); });
     return set(Settings::hwVersion, version);
@@ -347,8 +415,9 @@ void AmplifierProperties::splitString(std::vector<std::string>& parts, const std
                                       const std::string& delimiter) {
     for (size_t start = 0; start < text.size();) {
         const size_t end = delimiter.empty() ? text.size() : std::min(text.find(delimiter, start), text.size());
-        if (end > start)
+        if (end > start) {
             parts.push_back(text.substr(start, end - start));
+        }
         start = end + delimiter.size();
     }
 }
@@ -363,8 +432,9 @@ bool AmplifierProperties::readIdentity(const char*& step) {
     };
     // One byte of the module into a field of the device copy.
     static constexpr auto store = [](auto& field, short value) {
-        if (value >= 0)
+        if (value >= 0) {
             field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+        }
         return value >= 0;
     };
     static constexpr Step steps[] = {
@@ -388,8 +458,9 @@ bool AmplifierProperties::readIdentity(const char*& step) {
     };
     for (const Step& entry : steps) {
         step = entry.name;
-        if (!entry.read(*this))
+        if (!entry.read(*this)) {
             return false;
+        }
     }
     return true;
 }
@@ -415,10 +486,12 @@ bool AmplifierProperties::readProperties() {
 bool AmplifierProperties::updateProperties() {
     const std::lock_guard lock(*linkMutex_);
     try {
-        if (updateAmplifier() < 0)
+        if (updateAmplifier() < 0) {
             throw std::runtime_error("update properties");
-        if (!updateScaling())
+        }
+        if (!updateScaling()) {
             throw std::runtime_error("update scaling");
+        }
         return true;
     } catch (const std::runtime_error& failure) {
         KESTRIX_LOG(5, "Amplifier update failed on module {}: {} failed!", index_, failure.what());
@@ -431,8 +504,9 @@ float AmplifierProperties::readFloat(unsigned char command, float preset, bool& 
     std::array<unsigned char, sizeof(float)> bytes{};
     const short length = sendReplyCommand(command, bytes.data(), bytes.size(), defaultTimeoutMs, false);
     answered = length >= 0;
-    if (length > static_cast<short>(bytes.size()))
+    if (length > static_cast<short>(bytes.size())) {
         std::memcpy(&value, bytes.data(), bytes.size());
+    }
     return value;
 }
 
@@ -442,8 +516,9 @@ bool AmplifierProperties::updateScaling() {
     bool offsetAnswered = false;
     const float scale = readFloat(ReadScale, 1.0f, scaleAnswered);
     const float offset = readFloat(ReadOffset, 0.0f, offsetAnswered);
-    if (!scaleAnswered || !offsetAnswered)
+    if (!scaleAnswered || !offsetAnswered) {
         return false;
+    }
     const bool usable = std::isfinite(scale) && std::isfinite(offset);
     device_.scale = usable ? scale : 1.0f;
     device_.offset = usable ? offset : 0.0f;
@@ -462,19 +537,45 @@ short AmplifierProperties::readByte(unsigned char command) {
     return length < 2 ? static_cast<short>(-1) : byte;
 }
 
-short AmplifierProperties::readMeasurementType() { return readByte(ReadMeasurementType); }
-short AmplifierProperties::readConnectorType() { return readByte(ReadConnectorType); }
-short AmplifierProperties::readHwCapabilities() { return readByte(ReadHwCapabilities); }
-short AmplifierProperties::readFwCapabilities() { return readByte(ReadFwCapabilities); }
-short AmplifierProperties::readExcitationUnit() { return readByte(ReadExcitationUnit); }
-short AmplifierProperties::readExcitationType() { return readByte(ReadExcitationType); }
-short AmplifierProperties::readLPFilter() { return readByte(ReadLPFilter); }
-short AmplifierProperties::readModuleType() { return readByte(ReadModuleType); }
-short AmplifierProperties::readShort() { return readByte(ReadShort); }
-short AmplifierProperties::readRange() { return readByte(ReadRange); }
-short AmplifierProperties::readInputCoupling() { return readByte(ReadInputCoupling); }
-short AmplifierProperties::readInputType() { return readByte(ReadInputType); }
-short AmplifierProperties::getPattern() { return readByte(GetPattern); }
+short AmplifierProperties::readMeasurementType() {
+    return readByte(ReadMeasurementType);
+}
+short AmplifierProperties::readConnectorType() {
+    return readByte(ReadConnectorType);
+}
+short AmplifierProperties::readHwCapabilities() {
+    return readByte(ReadHwCapabilities);
+}
+short AmplifierProperties::readFwCapabilities() {
+    return readByte(ReadFwCapabilities);
+}
+short AmplifierProperties::readExcitationUnit() {
+    return readByte(ReadExcitationUnit);
+}
+short AmplifierProperties::readExcitationType() {
+    return readByte(ReadExcitationType);
+}
+short AmplifierProperties::readLPFilter() {
+    return readByte(ReadLPFilter);
+}
+short AmplifierProperties::readModuleType() {
+    return readByte(ReadModuleType);
+}
+short AmplifierProperties::readShort() {
+    return readByte(ReadShort);
+}
+short AmplifierProperties::readRange() {
+    return readByte(ReadRange);
+}
+short AmplifierProperties::readInputCoupling() {
+    return readByte(ReadInputCoupling);
+}
+short AmplifierProperties::readInputType() {
+    return readByte(ReadInputType);
+}
+short AmplifierProperties::getPattern() {
+    return readByte(GetPattern);
+}
 
 short AmplifierProperties::getSensorStatus() {
     unsigned char status = 0;
@@ -484,8 +585,8 @@ short AmplifierProperties::getSensorStatus() {
 
 short AmplifierProperties::readFwVersion(unsigned char& major, unsigned char& minor) {
     std::array<unsigned char, 2> version{};
-    const short length = atLeast(
-        sendReplyCommand(ReadFwVersion, version.data(), version.size(), defaultTimeoutMs, false), 3);
+    const short length =
+        atLeast(sendReplyCommand(ReadFwVersion, version.data(), version.size(), defaultTimeoutMs, false), 3);
     if (length >= 0) {
         major = version[0];
         minor = version[1];
@@ -495,8 +596,8 @@ short AmplifierProperties::readFwVersion(unsigned char& major, unsigned char& mi
 
 short AmplifierProperties::readHwVersion(unsigned char& a, unsigned char& b, unsigned char& c, unsigned char& d) {
     std::array<unsigned char, 4> version{};
-    const short length = atLeast(
-        sendReplyCommand(ReadHwVersion, version.data(), version.size(), defaultTimeoutMs, false), 5);
+    const short length =
+        atLeast(sendReplyCommand(ReadHwVersion, version.data(), version.size(), defaultTimeoutMs, false), 5);
     if (length >= 0) {
         a = version[0];
         b = version[1];
@@ -508,10 +609,10 @@ short AmplifierProperties::readHwVersion(unsigned char& a, unsigned char& b, uns
 
 short AmplifierProperties::readSerial(unsigned long& serial) {
     std::array<unsigned char, 8> bytes{};
-    const short length =
-        atLeast(sendReplyCommand(ReadSerial, bytes.data(), bytes.size(), defaultTimeoutMs, false), 9);
-    if (length >= 0)
+    const short length = atLeast(sendReplyCommand(ReadSerial, bytes.data(), bytes.size(), defaultTimeoutMs, false), 9);
+    if (length >= 0) {
         std::memcpy(&serial, bytes.data(), bytes.size());
+    }
     return length;
 }
 
@@ -519,15 +620,16 @@ short AmplifierProperties::readCalibrationDate(long& secondsSinceEpoch) {
     std::array<unsigned char, 8> bytes{};
     const short length =
         atLeast(sendReplyCommand(ReadCalibrationDate, bytes.data(), bytes.size(), defaultTimeoutMs, false), 9);
-    if (length >= 0)
+    if (length >= 0) {
         std::memcpy(&secondsSinceEpoch, bytes.data(), bytes.size());
+    }
     return length;
 }
 
 short AmplifierProperties::getCmrSetting(unsigned char selector, unsigned char& second, unsigned char& first) {
     std::array<unsigned char, 2> bytes{};
-    const short length = atLeast(
-        sendReplyCommand(GetCmrSetting, &selector, 1, bytes.data(), bytes.size(), defaultTimeoutMs, false), 3);
+    const short length =
+        atLeast(sendReplyCommand(GetCmrSetting, &selector, 1, bytes.data(), bytes.size(), defaultTimeoutMs, false), 3);
     if (length >= 0) {
         first = bytes[0];
         second = bytes[1];
@@ -577,7 +679,7 @@ short AmplifierProperties::readTeds(unsigned char* buffer) {
     constexpr size_t dataSize = 8;
     // The bound is on the length, which counts the status: seven data bytes are enough.
     return sendReplyCommand(ReadTeds, buffer, dataSize, defaultTimeoutMs, true) >= static_cast<short>(dataSize) ? 0
-                                                                                                             : -1;
+                                                                                                                : -1;
 }
 
 short AmplifierProperties::resetTedsCustom() {
@@ -587,15 +689,17 @@ short AmplifierProperties::resetTedsCustom() {
 
 short AmplifierProperties::writeTedsCustom(const unsigned char* data, unsigned long count) {
     std::array<unsigned char, maxPayload> payload{TedsWrite};
-    if (count > payload.size() - 1)
+    if (count > payload.size() - 1) {
         return -1;
+    }
     std::copy_n(data, count, payload.begin() + 1);
     return zeroOnSuccess(sendCommand(TedsCustom, payload.data(), count + 1, defaultTimeoutMs, false));
 }
 
 short AmplifierProperties::readTedsCustom(unsigned char* buffer, unsigned long count) {
-    if (count > maxReplyData)
+    if (count > maxReplyData) {
         return -1;
+    }
     const std::array<unsigned char, 2> payload{TedsRead, static_cast<unsigned char>(count)};
     const short length =
         sendReplyCommand(TedsCustom, payload.data(), payload.size(), buffer, count, defaultTimeoutMs, false);
@@ -616,8 +720,9 @@ bool AmplifierProperties::getLatestSupportedCalibrationStructureVersion(unsigned
 
 bool AmplifierProperties::getCalibrationDataSize(unsigned short& size) {
     std::array<unsigned char, 2> bytes{};
-    if (sendReplyCommand(GetCalibrationDataSize, bytes.data(), bytes.size(), defaultTimeoutMs, false) != 3)
+    if (sendReplyCommand(GetCalibrationDataSize, bytes.data(), bytes.size(), defaultTimeoutMs, false) != 3) {
         return false;
+    }
     size = static_cast<unsigned short>(bytes[0] | (bytes[1] << 8));
     return true;
 }
@@ -627,15 +732,17 @@ short AmplifierProperties::writeCalibrationData(unsigned short address, const un
     constexpr size_t headSize = 3;
     std::array<unsigned char, maxPayload> payload{static_cast<unsigned char>(address),
                                                   static_cast<unsigned char>(address >> 8), count};
-    if (count > payload.size() - headSize)
+    if (count > payload.size() - headSize) {
         return -1;
+    }
     std::copy_n(data, count, payload.begin() + headSize);
     return sendCommand(WriteCalibrationData, payload.data(), headSize + count, defaultTimeoutMs, false);
 }
 
 short AmplifierProperties::readCalibrationData(unsigned short address, unsigned char* buffer, unsigned char count) {
-    if (count > maxReplyData)
+    if (count > maxReplyData) {
         return -1;
+    }
     const std::array<unsigned char, 3> payload{static_cast<unsigned char>(address),
                                                static_cast<unsigned char>(address >> 8), count};
     return sendReplyCommand(ReadCalibrationData, payload.data(), payload.size(), buffer, count, defaultTimeoutMs,

@@ -21,8 +21,9 @@ int fetchLevel() {
         // The failed look-up is nobody's failure: its text must not turn up in a later one.
         RT::Core::zornClearErrorInfo();
     }
-    if (RT::Core::failed(result) || !logger)
+    if (RT::Core::failed(result) || !logger) {
         return levelOff;
+    }
     int hostLevel = 0;
     result = logger->getLevel(&hostLevel);
     logger->releaseRef();
@@ -48,8 +49,9 @@ void KestrixLogger::log(int level, const char* file, int line, const char* funct
         // A level that was set meanwhile stands.
         threshold = level_.compare_exchange_strong(threshold, fetched) ? fetched : threshold;
     }
-    if (threshold <= level)
+    if (threshold <= level) {
         RT::Core::zornLogMessageWithSource(loggerName, level - 1, file, line, function, message.c_str());
+    }
 }
 
 }  // namespace Harvane::Shared::Kestrix

@@ -45,9 +45,9 @@ template <class... Arguments>
 }  // namespace Harvane::Shared::Kestrix
 
 // KESTRIX_LOG(level, format, arguments...): formats only when the level passes, with {fmt} placeholders.
-#define KESTRIX_LOG(level, ...)                                                                                    \
-    do {                                                                                                           \
-        if (::Harvane::Shared::Kestrix::KestrixLogger::passes(level)) [[unlikely]]                                 \
-            ::Harvane::Shared::Kestrix::logFormatted(                                                              \
-                (level), __FILE__, __LINE__, static_cast<const char*>(__func__), __VA_ARGS__);                     \
+#define KESTRIX_LOG(level, ...)                                                                                       \
+    do {                                                                                                              \
+        if (::Harvane::Shared::Kestrix::KestrixLogger::passes(level)) [[unlikely]]                                    \
+            ::Harvane::Shared::Kestrix::logFormatted((level), __FILE__, __LINE__, static_cast<const char*>(__func__), \
+                                                     __VA_ARGS__);                                                    \
     } while (false)

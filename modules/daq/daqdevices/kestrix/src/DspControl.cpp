@@ -21,16 +21,16 @@ using Shared::Kestrix::DspCoreRegister;
 
 namespace {
 
-constexpr int ratioPlaces = 38;  // binary places of the resampler's ratio
+constexpr int ratioPlaces = 38;               // binary places of the resampler's ratio
 constexpr double ratioUnit = 274877906944.0;  // 2^38
 constexpr uint32_t maxHalfBands = 18;
 
 // The symmetric impulse response of the half-band filter, 27 bits in two's complement: the taps at odd distance from
 // the centre, C1 to C63, and the centre C64.
 constexpr std::array<int32_t, 33> filterCoefficients{
-    0,       0,        -936,    1672,     -3128,   5344,    -8608,    13224,   -19576,   28128,    -39376,
-    53936,   -72464,   95728,   -124600,  160056,  -203232, 255440,   -318272, 393664,   -484080,  592792,
-    -724312, 885184,   -1085360, 1340904, -1679632, 2154288, -2878224, 4146832, -7044560, 21336000, 33554432,
+    0,       0,      -936,     1672,    -3128,    5344,    -8608,    13224,   -19576,   28128,    -39376,
+    53936,   -72464, 95728,    -124600, 160056,   -203232, 255440,   -318272, 393664,   -484080,  592792,
+    -724312, 885184, -1085360, 1340904, -1679632, 2154288, -2878224, 4146832, -7044560, 21336000, 33554432,
 };
 
 uint64_t blockAddress(int channel) {

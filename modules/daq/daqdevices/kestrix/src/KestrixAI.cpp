@@ -353,8 +353,8 @@ void KestrixAI::prepareAcquisition(bool recursive) {
 
 void KestrixAI::configureChannel(KestrixKernel& kernel, Channel& channel) {
     const int64_t maxBdSize = kernel.defaultBdSize;
-    const int64_t capacity = static_cast<int64_t>(channel.noReserve ? channel.calculateBufferCapacity()
-                                                                     : channel.buffer->getCapacity());
+    const int64_t capacity =
+        static_cast<int64_t>(channel.noReserve ? channel.calculateBufferCapacity() : channel.buffer->getCapacity());
     const int64_t total = capacity * static_cast<int64_t>(channel.buffer->getSampleSize());
     // The largest descriptor that the driver takes and that divides the buffer: a row of whole descriptors then ends
     // exactly where the buffer ends. Without such a size (an unused channel has no buffer at all) the last one stays.

@@ -113,13 +113,13 @@ private:
     std::shared_ptr<AdcControl> adcControl_;
     const std::shared_ptr<Shared::Kestrix::GlobalControlRegister> globalControl_;
     Shared::Kestrix::PllControlRegister pllControl_;
-    std::vector<std::shared_ptr<KestrixKernel>> kernels_;      // one a channel
-    std::vector<std::shared_ptr<DspControl>> dspControls_;     // one a module
+    std::vector<std::shared_ptr<KestrixKernel>> kernels_;   // one a channel
+    std::vector<std::shared_ptr<DspControl>> dspControls_;  // one a module
     std::shared_ptr<Shared::Kestrix::AmplifierCommunication> amplifierCommunication_;
     PlatformVCXOClockControl vcxoClockControl_;
 
-    bool runInUsbMode_ = false;               // the mode that the present acquisition was prepared in
-    size_t transfersStarted_ = 0;             // kernels that stream, from the first one on
+    bool runInUsbMode_ = false;                  // the mode that the present acquisition was prepared in
+    size_t transfersStarted_ = 0;                // kernels that stream, from the first one on
     std::vector<RunningStream> runningStreams_;  // in channel order; empty between acquisitions
 };
 

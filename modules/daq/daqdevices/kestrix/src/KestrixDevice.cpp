@@ -24,10 +24,9 @@ constexpr int measureMode = 2;  // operation mode of a running measurement
 }  // namespace
 
 KestrixDevice::KestrixDevice()
-    : memoryAccess_(std::make_shared<ZornLib::Devices::Embedded::MmapRegisterAccess>(
-          RegistersAddress::memoryDeviceFileName)),
-      i2cAccess_(
-          std::make_shared<ZornLib::Devices::Embedded::I2cRegisterAccess>(RegistersAddress::i2cDeviceFileName)) {
+    : memoryAccess_(
+          std::make_shared<ZornLib::Devices::Embedded::MmapRegisterAccess>(RegistersAddress::memoryDeviceFileName)),
+      i2cAccess_(std::make_shared<ZornLib::Devices::Embedded::I2cRegisterAccess>(RegistersAddress::i2cDeviceFileName)) {
     manufacturer = "Harvane";
     model = "KESTRIX";
     minRate = 100;
@@ -49,8 +48,8 @@ void KestrixDevice::readIdentity() {
         canPorts_ = eeprom.CANPorts.read();
         std::printf("CAN ports 0x%04x\n", canPorts_);
         const uint32_t version = eeprom.HardwareVersion.read();
-        hardwareRevision = fmt::format("{}.{}.{}.{}", version & 255, version >> 8 & 255, version >> 16 & 255,
-                                       version >> 24);
+        hardwareRevision =
+            fmt::format("{}.{}.{}.{}", version & 255, version >> 8 & 255, version >> 16 & 255, version >> 24);
     }
     serialNumber = fmt::format("{:016X}", eeprom.SN.read());
 }

@@ -1,11 +1,11 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <stdexcept>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
 
 #include "shared/libraries/kestrix/src/KestrixLogger.h"
 

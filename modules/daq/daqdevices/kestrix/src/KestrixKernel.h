@@ -1,9 +1,9 @@
 #pragma once
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdint>
 #include <string>
-#include <unistd.h>
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -1,10 +1,10 @@
 #include "modules/daq/daqdevices/kestrix/src/LedInterfaceSysfs.h"
 
+#include <unistd.h>
 #include <array>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
-#include <unistd.h>
 
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
 

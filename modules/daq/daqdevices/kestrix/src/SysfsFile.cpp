@@ -1,9 +1,9 @@
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
 
-#include <cerrno>
 #include <fcntl.h>
-#include <system_error>
 #include <unistd.h>
+#include <cerrno>
+#include <system_error>
 
 namespace Harvane::RT::Modules::Daq::Platform {
 

@@ -12,6 +12,7 @@ class AdcControlRegister final : public FpgaRegisterDevice {
 public:
     AdcControlRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(ADCEN,            0x0000, 31,  1, bool, RW);
     KESTRIX_REGISTER(ADCENRES,         0x0000,  0, 31, u32,  R);
@@ -38,13 +39,16 @@ public:
     KESTRIX_REGISTER(ENDBGCNT5,        0x0078,  2,  1, bool, RW);
     KESTRIX_REGISTER(ENDBGCNT6,        0x0078,  1,  1, bool, RW);
     KESTRIX_REGISTER(ENDBGCNT7,        0x0078,  0,  1, bool, RW);
+    // clang-format on
 
     // The debug counter enables by channel index.
     std::array<RegisterValue<bool>*, 8> ENDBGCNT{&ENDBGCNT0, &ENDBGCNT1, &ENDBGCNT2, &ENDBGCNT3,
                                                  &ENDBGCNT4, &ENDBGCNT5, &ENDBGCNT6, &ENDBGCNT7};
 
+    // clang-format off
     KESTRIX_REGISTER(ADCCLKSHIFTRES,   0x007c,  0, 28, u32,  R);
     KESTRIX_REGISTER(ADCCLKSHIFT,      0x007c, 28,  4, u8,   RW);
+    // clang-format on
 };
 
 }  // namespace Harvane::Shared::Kestrix

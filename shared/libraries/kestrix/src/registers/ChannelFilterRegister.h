@@ -6,8 +6,8 @@
 
 namespace Harvane::Shared::Kestrix {
 
-#define KESTRIX_COEFFICIENT(tap, offset)                      \
-    KESTRIX_REGISTER(C##tap##COEF, offset, 5, 27, u32, RW);   \
+#define KESTRIX_COEFFICIENT(tap, offset)                    \
+    KESTRIX_REGISTER(C##tap##COEF, offset, 5, 27, u32, RW); \
     KESTRIX_REGISTER(C##tap##RES, offset, 0, 5, u8, R)
 
 // Half-band filter of one module: its symmetric impulse response as 27-bit signed coefficients, named by tap number:
@@ -19,6 +19,7 @@ public:
 
     // Word n holds the coefficient CnCOEF and the reserved bits CnRES.
     //                 tap offset
+    // clang-format off
     KESTRIX_COEFFICIENT(1,  0x0000);
     KESTRIX_COEFFICIENT(3,  0x0004);
     KESTRIX_COEFFICIENT(5,  0x0008);
@@ -56,13 +57,13 @@ public:
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(FLTTYPE,          0x0090, 31,  1, bool, RW);
     KESTRIX_REGISTER(FLTTYPERES,       0x0090,  0, 31, u32,  R);
+    // clang-format on
 
     // The coefficients in ascending order of the tap number, as they are written.
     std::array<RegisterValue<unsigned int>*, 33> coefficients{
-        &C1COEF, &C3COEF, &C5COEF, &C7COEF, &C9COEF, &C11COEF, &C13COEF, &C15COEF, &C17COEF, &C19COEF,
-        &C21COEF, &C23COEF, &C25COEF, &C27COEF, &C29COEF, &C31COEF, &C33COEF, &C35COEF, &C37COEF, &C39COEF,
-        &C41COEF, &C43COEF, &C45COEF, &C47COEF, &C49COEF, &C51COEF, &C53COEF, &C55COEF, &C57COEF, &C59COEF,
-        &C61COEF, &C63COEF, &C64COEF};
+        &C1COEF,  &C3COEF,  &C5COEF,  &C7COEF,  &C9COEF,  &C11COEF, &C13COEF, &C15COEF, &C17COEF, &C19COEF, &C21COEF,
+        &C23COEF, &C25COEF, &C27COEF, &C29COEF, &C31COEF, &C33COEF, &C35COEF, &C37COEF, &C39COEF, &C41COEF, &C43COEF,
+        &C45COEF, &C47COEF, &C49COEF, &C51COEF, &C53COEF, &C55COEF, &C57COEF, &C59COEF, &C61COEF, &C63COEF, &C64COEF};
 };
 
 #undef KESTRIX_COEFFICIENT

@@ -11,6 +11,7 @@ class DspCoreRegister final : public FpgaRegisterDevice {
 public:
     DspCoreRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(RSPLO,            0x0100,  0, 32, u32,  RW);
     KESTRIX_REGISTER(RSPHI,            0x0104, 26,  6, u8,   RW);
@@ -57,6 +58,7 @@ public:
     KESTRIX_REGISTER(CNT,              0x012c,  1,  1, bool, RW);
     KESTRIX_REGISTER(EN,               0x012c,  0,  1, bool, RW);
     KESTRIX_REGISTER(LEN,              0x0130,  0, 32, u32,  RW);
+    // clang-format on
 };
 
 }  // namespace Harvane::Shared::Kestrix

@@ -13,6 +13,7 @@ class EepromRegister final : public RegisterBlock<unsigned char> {
 public:
     EepromRegister(std::shared_ptr<IRegisterAccess> access, uint64_t slaveAddress);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(Version,          0x000,  0,  8, u8,   RW);
     KESTRIX_REGISTER(Key,              0x001,  0, 24, u32,  RW);
@@ -25,6 +26,7 @@ public:
     KESTRIX_REGISTER(CalibrationDate,  0x020,  0, 64, i64,  RW);
     KESTRIX_REGISTER(HardwareVersion,  0x028,  0, 32, u32,  RW);
     KESTRIX_REGISTER(MAC,              0x0fa,  0, 48, u64,  R);
+    // clang-format on
 };
 
 }  // namespace Harvane::Shared::Kestrix

@@ -10,6 +10,7 @@ class GlobalControlRegister final : public FpgaRegisterDevice {
 public:
     GlobalControlRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(VER,              0x0000,  0, 32, u32,  R);
     KESTRIX_REGISTER(ENI,              0x0004, 31,  1, bool, RW);
@@ -20,6 +21,7 @@ public:
     KESTRIX_REGISTER(PLRES,            0x000c,  0, 26, u32,  R);
     KESTRIX_REGISTER(EI,               0x0010, 24,  8, u8,   RW);
     KESTRIX_REGISTER(ERES,             0x0010,  0, 24, u32,  R);
+    // clang-format on
 };
 
 }  // namespace Harvane::Shared::Kestrix

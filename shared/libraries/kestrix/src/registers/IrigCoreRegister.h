@@ -10,6 +10,7 @@ class IrigCoreRegister final : public FpgaRegisterDevice {
 public:
     IrigCoreRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(CONFPPSRES,       0x0000,  0, 24, u32,  R);
     KESTRIX_REGISTER(PPSREFSEL,        0x0000, 24,  2, u8,   RW);
@@ -49,6 +50,7 @@ public:
     KESTRIX_REGISTER(IN1RES,           0x0028,  0, 24, u32,  R);
     KESTRIX_REGISTER(YEARSTENSIN,      0x0028, 24,  4, u8,   R);
     KESTRIX_REGISTER(YEARSONESIN,      0x0028, 28,  4, u8,   R);
+    // clang-format on
 };
 
 }  // namespace Harvane::Shared::Kestrix

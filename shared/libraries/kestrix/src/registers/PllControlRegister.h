@@ -15,6 +15,7 @@ class PllControlRegister final : public FpgaRegisterDevice {
 public:
     PllControlRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(RSTSELRST,        0x0000, 29,  3, u8,   RW);
     KESTRIX_REGISTER(RES0,             0x0000, 28,  1, bool, R);
@@ -22,6 +23,7 @@ public:
     KESTRIX_REGISTER(RES1,             0x0000, 24,  3, u8,   R);
     KESTRIX_REGISTER(LCK1,             0x0000, 23,  1, bool, R);
     KESTRIX_REGISTER(RES2,             0x0000,  0, 23, u32,  R);
+    // clang-format on
 
     // Waits until the request bit of RSTSELRST has gone, for at most 5 times 50 ms. A PLL that stays busy is no
     // failure.

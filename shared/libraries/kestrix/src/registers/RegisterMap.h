@@ -20,7 +20,7 @@ protected:
     using u32 = unsigned int;
     using u64 = unsigned long;
     using i64 = long;
-    static constexpr bool R = true;    // read only
+    static constexpr bool R = true;  // read only
     static constexpr bool RW = false;
 
     using RegisterDevice<T>::RegisterDevice;
@@ -38,4 +38,6 @@ extern template class RegisterBlock<unsigned int>;
 
 // One row of a register map: the field of that name as a public member of the block.
 #define KESTRIX_REGISTER(name, offset, bit, bits, type, access) \
-    RegisterValue<type> name{this, offset, bit, bits, #name, access}
+    RegisterValue<type> name {                                  \
+        this, offset, bit, bits, #name, access                  \
+    }

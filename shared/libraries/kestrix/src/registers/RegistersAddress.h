@@ -6,10 +6,10 @@
 // the clock changes of the acquisition.
 namespace Harvane::Shared::Kestrix::RegistersAddress {
 
-inline int64_t baseClock = 15000000;     // sampling base clock in force, Hz
-inline unsigned char maxAIModules = 8;   // amplifier slots as the EEPROM has them: can exceed what the hardware has
+inline int64_t baseClock = 15000000;    // sampling base clock in force, Hz
+inline unsigned char maxAIModules = 8;  // amplifier slots as the EEPROM has them: can exceed what the hardware has
 inline unsigned char maxAIChannels = 16;
-inline unsigned char deviceType = 0;     // 0 the 8-channel board, 1 the 2-channel board
+inline unsigned char deviceType = 0;  // 0 the 8-channel board, 1 the 2-channel board
 
 inline constexpr const char* i2cDeviceFileName = "/dev/i2c-1";
 inline constexpr const char* uartDeviceFileName = "/dev/ttyPS1";

@@ -11,6 +11,7 @@ class TimingCoreRegister final : public FpgaRegisterDevice {
 public:
     TimingCoreRegister(std::shared_ptr<IRegisterAccess> access, uint64_t baseAddress, bool endianness);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(PPSSEL,           0x0000, 29,  3, u8,   RW);
     KESTRIX_REGISTER(PPSRES,           0x0000, 28,  1, bool, R);
@@ -55,6 +56,7 @@ public:
     KESTRIX_REGISTER(FREERUNNSCNTLTCH, 0x0040,  0, 32, u32,  RW);
     KESTRIX_REGISTER(FREERUNSCNT,      0x0044,  0, 32, u32,  RW);
     KESTRIX_REGISTER(FREERUNNSCNT,     0x0048,  0, 32, u32,  RW);
+    // clang-format on
 };
 
 }  // namespace Harvane::Shared::Kestrix

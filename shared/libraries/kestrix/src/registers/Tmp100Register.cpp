@@ -14,8 +14,9 @@ float Tmp100Register::getTemperature() const {
     const unsigned int word = ((swapped & 0xFF) << 8) | (swapped >> 8);
     float temperature = static_cast<float>(word >> 4) * 0.0625f;
     // 12 bits in two's complement: above the positive range the sensor means a negative temperature.
-    if (temperature > 128.0f)
+    if (temperature > 128.0f) {
         temperature -= 256.0f;
+    }
     return temperature;
 }
 

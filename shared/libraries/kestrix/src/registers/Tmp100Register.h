@@ -11,9 +11,11 @@ public:
     Tmp100Register(std::shared_ptr<IRegisterAccess> access, uint64_t slaveAddress, bool endianness,
                    bool isRegisterValueType);
 
+    // clang-format off
     //               name              offset  bit bits type access
     KESTRIX_REGISTER(Temp,             0x00,    0, 16, u16,  R);
     KESTRIX_REGISTER(Config,           0x01,    0,  8, u8,   RW);
+    // clang-format on
 
     // Degrees Celsius in steps of 0.0625.
     float getTemperature() const;
