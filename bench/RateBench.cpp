@@ -4,7 +4,7 @@
 #include <chrono>
 #include <memory>
 
-#include "modules/daq/DaqController.h"
+#include "modules/daq/controller/DaqController.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDeviceFactory_CP.h"
@@ -15,7 +15,7 @@
 #include "modules/daq/objectmodel/GenericDeviceFactory.h"
 #include "modules/daq/objectmodel/GenericInterface.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "simulator/preload/Control.h"
 
 using namespace Harvane::RT::Modules::Daq;

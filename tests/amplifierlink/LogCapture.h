@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace kestrixtest {
 

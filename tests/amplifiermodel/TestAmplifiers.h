@@ -5,7 +5,7 @@
 #include <functional>
 #include <mutex>
 
-#include "modules/daq/amplifier/Amplifier.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "tests/bridge/Bench.h"
 
 namespace Harvane::RT::Modules::Daq {

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
-#include "modules/daq/entry/LoggerConnection.h"
+#include "modules/daq/controller/DaqController.h"
+#include "modules/daq/module/LoggerConnection.h"
 #include "modules/daq/objectmodel/DaqObjectFactory.h"
 #include "modules/daq/objectmodel/DaqObjectFactoryManager.h"
 #include "modules/daq/objectmodel/DeviceFactory.h"

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/bridge/RtcClasses.h"
+#include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/AOChannel.h"
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CntChannel.h"

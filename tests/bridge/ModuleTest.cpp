@@ -6,7 +6,7 @@
 #include <tuple>
 #include <vector>
 
-#include "modules/daq/DaqModuleImpl.h"
+#include "modules/daq/module/DaqModuleImpl.h"
 #include "modules/daq/objectmodel/DaqException.h"
 #include "tests/bridge/Bench.h"
 

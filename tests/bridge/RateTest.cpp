@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
+#include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
 #include "tests/bridge/Bench.h"
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqChannelBuffer.h"
 #include "modules/daq/bridge/DaqStructure.h"
+#include "modules/daq/controller/DaqController.h"
 #include "tests/bridge/Bench.h"
 
 using namespace Harvane::RT::Core;

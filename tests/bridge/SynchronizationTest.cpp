@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
+#include "modules/daq/controller/DaqController.h"
 #include "tests/bridge/Bench.h"
 
 using namespace Harvane::RT::Core;

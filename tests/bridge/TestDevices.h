@@ -14,7 +14,7 @@
 #include "modules/daq/objectmodel/ChannelFolder.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
-#include "modules/daq/synchronization/DaqTiming.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 
 // Small devices for the tests of the bridge: an instrument of eight channels whose rates are divisors of a selectable
 // clock.

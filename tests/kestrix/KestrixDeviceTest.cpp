@@ -1,4 +1,4 @@
-#include "modules/daq/synchronization/DaqClock.h"
+#include "modules/daq/objectmodel/DaqClock.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 #include "tests/kestrix/KestrixFixture.h"
 #include "tests/registers/FailureOf.h"

@@ -12,7 +12,7 @@
 #include "modules/daq/objectmodel/GenericDeviceFactory.h"
 #include "modules/daq/objectmodel/GenericInterface.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 
 namespace Harvane::RT::Modules::Daq {

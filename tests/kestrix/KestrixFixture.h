@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "modules/daq/DaqController.h"
+#include "modules/daq/controller/DaqController.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
 #include "shared/libraries/kestrix/src/AmplifierCommunication.h"

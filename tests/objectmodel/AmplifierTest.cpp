@@ -2,7 +2,7 @@
 
 #include <tuple>
 
-#include "modules/daq/amplifier/Amplifier.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 
 using namespace Harvane::RT::Modules::Daq;
 

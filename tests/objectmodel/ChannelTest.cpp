@@ -3,9 +3,9 @@
 #include <limits>
 #include <tuple>
 
-#include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AOChannel.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CanMessage.h"
 #include "modules/daq/objectmodel/Channels.h"

@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "RecordingDevice.h"
-#include "modules/daq/synchronization/GenericDaqClock.h"
+#include "modules/daq/objectmodel/GenericDaqClock.h"
 
 using namespace Harvane::RT::Modules::Daq;
 

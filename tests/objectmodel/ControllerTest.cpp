@@ -3,7 +3,7 @@
 #include <tuple>
 
 #include "RecordingDevice.h"
-#include "modules/daq/DaqController.h"
+#include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/FixedInterfacePort.h"
 #include "modules/daq/objectmodel/GenericDeviceFactory.h"
 #include "modules/daq/objectmodel/GenericInterface.h"

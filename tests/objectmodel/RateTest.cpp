@@ -3,7 +3,7 @@
 #include <tuple>
 
 #include "RecordingDevice.h"
-#include "modules/daq/DaqController.h"
+#include "modules/daq/controller/DaqController.h"
 
 using namespace Harvane::RT::Modules::Daq;
 

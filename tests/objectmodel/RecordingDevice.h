@@ -5,12 +5,12 @@
 #include <vector>
 
 #include "modules/daq/objectmodel/Channel.h"
+#include "modules/daq/objectmodel/DaqClock.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/objectmodel/SubDevice.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
-#include "modules/daq/synchronization/DaqClock.h"
-#include "modules/daq/synchronization/DaqTiming.h"
 
 // Devices and channels that write down which step reached them, in one common list.
 namespace recording {

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "RecordingDevice.h"
-#include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "modules/daq/objectmodel/CANDevice.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"
 #include "modules/daq/objectmodel/DaqUtils.h"

@@ -10,9 +10,9 @@
 
 #include <zorn/types/object_impl.h>
 
-#include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "modules/daq/objectmodel/Log.h"
 
 namespace Harvane::RT::Modules::Daq {

@@ -7,8 +7,8 @@
 
 #include <zorn/structure/property_classes.h>
 
-#include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/amplifier/DaqAmplifierConsts.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -10,7 +10,7 @@
 #include <zorn/structure/module.h>
 
 #include "modules/daq/amplifier/AmplifierBridgeBalancer.h"
-#include "modules/daq/bridge/LifeToken.h"
+#include "modules/daq/hostobjects/LifeToken.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -8,16 +8,16 @@
 
 #include <zorn/structure/property_classes.h>
 
-#include "modules/daq/DaqController.h"
-#include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/amplifier/DaqAmplifier.h"
 #include "modules/daq/bridge/CntProperties.h"
 #include "modules/daq/bridge/DaqChannelBuffer.h"
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/RtcClasses.h"
+#include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
 #include "modules/daq/objectmodel/AOChannel.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/Channel.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"

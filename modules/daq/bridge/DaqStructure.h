@@ -12,7 +12,7 @@
 #include <zorn/structure/node.h>
 
 #include "modules/daq/amplifier/DaqAmplifiersFactory.h"
-#include "modules/daq/bridge/LifeToken.h"
+#include "modules/daq/hostobjects/LifeToken.h"
 #include "modules/daq/synchronization/SynchronizationModes.h"
 
 namespace Harvane::RT::Modules::Daq {

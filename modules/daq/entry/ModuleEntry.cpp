@@ -5,12 +5,12 @@
 #include <zorn/structure/property_classes.h>
 #include <zorn/types/object_impl.h>
 
-#include "modules/daq/DaqModuleImpl.h"
 #include "modules/daq/entry/DriverName.h"
 #include "modules/daq/entry/LibraryVersion.h"
-#include "modules/daq/entry/LoggerConnection.h"
 #include "modules/daq/entry/SimpleModuleDriverImpl.h"
 #include "modules/daq/entry/SimpleModuleFactoryImpl.h"
+#include "modules/daq/module/DaqModuleImpl.h"
+#include "modules/daq/module/LoggerConnection.h"
 
 // What the host finds by name. No exception leaves; the host calls from one thread, its loader's.
 using namespace Harvane::RT::Core;

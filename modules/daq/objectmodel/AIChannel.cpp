@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "modules/daq/amplifier/Amplifier.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "modules/daq/amplifier/Amplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 
 namespace Harvane::RT::Modules::Daq {

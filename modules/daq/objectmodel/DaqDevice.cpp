@@ -2,12 +2,12 @@
 
 #include "modules/daq/objectmodel/AIDevice.h"
 #include "modules/daq/objectmodel/CANDevice.h"
+#include "modules/daq/objectmodel/DaqClock.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
+#include "modules/daq/objectmodel/GenericDaqClock.h"
 #include "modules/daq/objectmodel/StatusDevice.h"
 #include "modules/daq/objectmodel/SubDevice.h"
-#include "modules/daq/synchronization/DaqClock.h"
-#include "modules/daq/synchronization/DaqTiming.h"
-#include "modules/daq/synchronization/GenericDaqClock.h"
 
 namespace Harvane::RT::Modules::Daq {
 

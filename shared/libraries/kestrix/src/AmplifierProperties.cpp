@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "shared/libraries/kestrix/src/AmplifierCommands.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::Shared::Kestrix {
 

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::Shared::Kestrix {
 

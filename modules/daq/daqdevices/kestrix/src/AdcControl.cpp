@@ -1,7 +1,7 @@
 #include "modules/daq/daqdevices/kestrix/src/AdcControl.h"
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/AdcControlRegister.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 

@@ -9,7 +9,7 @@
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
 #include "libraries/utils/Timer.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/ChannelFilterRegister.h"
 #include "shared/libraries/kestrix/src/registers/DspCoreRegister.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"

@@ -15,7 +15,7 @@
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"
 #include "shared/libraries/kestrix/src/AmplifierCommunication.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/GlobalControlRegister.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 

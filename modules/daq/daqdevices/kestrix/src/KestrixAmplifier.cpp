@@ -7,7 +7,7 @@
 #include <type_traits>
 
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "modules/daq/amplifier/Amplifier.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 
 namespace Harvane::Shared::Kestrix {
 class AmplifierProperties;

@@ -8,7 +8,7 @@
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/LedBase.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 

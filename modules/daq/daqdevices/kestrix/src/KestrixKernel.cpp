@@ -7,7 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -8,7 +8,7 @@
 
 #include "modules/daq/daqdevices/kestrix/src/PlatformScript.h"
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 using namespace Harvane::RT::Modules::Daq::Platform;
 

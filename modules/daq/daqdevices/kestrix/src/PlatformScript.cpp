@@ -7,7 +7,7 @@
 #include <memory>
 #include <system_error>
 
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::RT::Modules::Daq::Platform {
 

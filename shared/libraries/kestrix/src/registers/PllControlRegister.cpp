@@ -4,7 +4,7 @@
 #include <thread>
 #include <utility>
 
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::Shared::Kestrix {
 

@@ -1,4 +1,4 @@
-#include "modules/daq/entry/RtCoreLoggerAppender.h"
+#include "modules/daq/module/RtCoreLoggerAppender.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "shared/libraries/kestrix/src/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 #include <zorn/logger/logger.h>
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "modules/daq/objectmodel/Channels.h"
-#include "modules/daq/synchronization/DaqClock.h"
+#include "modules/daq/objectmodel/DaqClock.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -1,4 +1,4 @@
-#include "modules/daq/synchronization/DaqTiming.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 
 #include "modules/daq/objectmodel/DaqDevice.h"
 

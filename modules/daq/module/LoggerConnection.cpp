@@ -1,10 +1,10 @@
-#include "modules/daq/entry/LoggerConnection.h"
+#include "modules/daq/module/LoggerConnection.h"
 
 #include <zorn/logger/logger.h>
 #include <zorn/types/exceptions.h>
 #include <zorn/types/ptr.h>
 
-#include "modules/daq/entry/RtCoreLoggerAppender.h"
+#include "modules/daq/module/RtCoreLoggerAppender.h"
 #include "modules/daq/objectmodel/Log.h"
 
 namespace Harvane::RT::Modules::Daq {

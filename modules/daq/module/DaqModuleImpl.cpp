@@ -1,4 +1,4 @@
-#include "modules/daq/DaqModuleImpl.h"
+#include "modules/daq/module/DaqModuleImpl.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,12 +6,12 @@
 #include <exception>
 #include <limits>
 
-#include "modules/daq/entry/LoggerConnection.h"
+#include "modules/daq/module/LoggerConnection.h"
 #include "modules/daq/objectmodel/Channel.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/objectmodel/Log.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
-#include "modules/daq/synchronization/DaqTiming.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -1,4 +1,4 @@
-#include "modules/daq/amplifier/Amplifier.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 
 #include <algorithm>
 #include <charconv>

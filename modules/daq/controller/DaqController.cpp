@@ -1,17 +1,17 @@
-#include "modules/daq/DaqController.h"
+#include "modules/daq/controller/DaqController.h"
 
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
 
 #include "modules/daq/objectmodel/Channel.h"
+#include "modules/daq/objectmodel/DaqClock.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 #include "modules/daq/objectmodel/DaqException.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/objectmodel/Log.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
-#include "modules/daq/synchronization/DaqClock.h"
-#include "modules/daq/synchronization/DaqTiming.h"
 
 namespace Harvane::RT::Modules::Daq {
 

@@ -1,4 +1,4 @@
-#include "modules/daq/synchronization/DaqClock.h"
+#include "modules/daq/objectmodel/DaqClock.h"
 
 #include "modules/daq/objectmodel/DaqDevice.h"
 

@@ -1,4 +1,4 @@
-#include "modules/daq/synchronization/GenericDaqClock.h"
+#include "modules/daq/objectmodel/GenericDaqClock.h"
 
 #include <algorithm>
 #include <chrono>

@@ -5,10 +5,10 @@
 #include <memory>
 #include <vector>
 
-#include "modules/daq/DaqController.h"
 #include "modules/daq/bridge/DaqStructure.h"
-#include "modules/daq/bridge/GenericModuleImpl.h"
 #include "modules/daq/bridge/RtcClasses.h"
+#include "modules/daq/controller/DaqController.h"
+#include "modules/daq/module/GenericModuleImpl.h"
 
 namespace Harvane::RT::Modules::Daq {
 
