@@ -83,9 +83,9 @@ TEST_F(AmplifierTreeTest, OneForTheChannelsOfAnAmplifier) {
     EXPECT_EQ(channel("AI 3").getClassName(), "ampl_unknown");
     EXPECT_EQ(fromValue<std::string>(channel("AI 3").getPropertyEnum("Measurement")), "Voltage");
 
-    structure->buildAIChannel(device->inputs->getAIChannel(1), channel("AI 2"), sync);
+    structure->tree().buildAIChannel(device->inputs->getAIChannel(1), channel("AI 2"), sync);
     EXPECT_FALSE(channel("AI 2").hasProperty("UpdateAmplifier"));
-    EXPECT_THROW(structure->buildAIChannel(std::make_shared<AIChannel>(9), channel("AI 2"), sync),
+    EXPECT_THROW(structure->tree().buildAIChannel(std::make_shared<AIChannel>(9), channel("AI 2"), sync),
                  InvalidParameterException);
 }
 
@@ -122,7 +122,7 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     amplifier().onUpdate = [](TestAmplifier&) { throw InvalidValueException("broken"); };
     reserve({"AI 1"});
     EXPECT_THROW(structure->beforeStart(), InvalidValueException);
-    EXPECT_FALSE(controller->acqInitialized);
+    EXPECT_FALSE(controller->acqInitialized());
 }
 
 TEST_F(AmplifierTreeTest, ClassesGoWithTheBridge) {

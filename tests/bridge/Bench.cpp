@@ -88,18 +88,18 @@ Texts LogCapture::take(int level) {
     return texts;
 }
 
-HostTree::HostTree()
+HostData::HostData()
     : data(made<IData>(createData, StringPtr("Data").get(), 10)),
       dataModule(made<IDataModule>(createDataModule, StringPtr("Module").get())),
       sync(made<IAcquisitionSync>(createAcquisitionSync)) {
     checkErrorInfo(data->addDataModule(dataModule.get()));
 }
 
-HostTree::~HostTree() {
+HostData::~HostData() {
     devicesToFind().clear();
 }
 
-void HostTree::plug(const std::vector<std::shared_ptr<Device>>& devices) {
+void HostData::plug(const std::vector<std::shared_ptr<Device>>& devices) {
     devicesToFind().clear();
     int place = 10;
     for (const auto& device : devices) {
@@ -107,18 +107,18 @@ void HostTree::plug(const std::vector<std::shared_ptr<Device>>& devices) {
     }
 }
 
-void HostTree::reserveMemory(DaqStructure& structure, const Texts& used) {
+void HostData::reserveMemory(DaqStructure& structure, const Texts& used) {
     for (const auto& [channel, hostChannel] : structure.getChannelsMap()) {
         hostChannel.setUsed(std::find(used.begin(), used.end(), channel->name) != used.end());
         checkErrorInfo(hostChannel->initializeAcquisition());
     }
 }
 
-ChannelPtr<> HostTree::channel(const std::string& name) const {
+ChannelPtr<> HostData::channel(const std::string& name) const {
     return findNode(dataModule.getRootFolder(), name).asPtrOrNull<IChannel>();
 }
 
-ChannelFolderPtr HostTree::folder(const std::string& name) const {
+ChannelFolderPtr HostData::folder(const std::string& name) const {
     return findNode(dataModule.getRootFolder(), name).asPtrOrNull<IChannelFolder>();
 }
 

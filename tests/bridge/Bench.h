@@ -46,10 +46,10 @@ public:
 };
 
 // A host's data with the place for one module.
-class HostTree {
+class HostData {
 public:
-    HostTree();
-    ~HostTree();
+    HostData();
+    ~HostData();
     // What the next scan finds, in this order.
     static void plug(const std::vector<std::shared_ptr<Device>>& devices);
     // What the host does between initialize and start; the channels of these names are used.
@@ -64,7 +64,7 @@ public:
 };
 
 // With a module's bridge in it, without the module object.
-class Bench : public HostTree {
+class Bench : public HostData {
 public:
     Bench();
     ~Bench();

@@ -24,7 +24,7 @@ public:
 };
 
 // The module object in a host's tree, driven call by call.
-class ModuleTest : public testing::Test, protected HostTree {
+class ModuleTest : public testing::Test, protected HostData {
 protected:
     ModuleTest() : impl(new OpenModule()), module(ObjectPtr<IModule>::take(impl)) {}
     ~ModuleTest() override { forgetProviders(); }
@@ -85,11 +85,11 @@ TEST_F(ModuleTest, LifeOverAnEmptySystem) {
     EXPECT_FALSE(loop);
     EXPECT_FALSE(absTime);
     start({});
-    EXPECT_TRUE(impl->daqController.acqRunning);
+    EXPECT_TRUE(impl->daqController.acqRunning());
     for (auto call : {&IModule::processData, &IModule::preStop, &IModule::stop, &IModule::finalize, &IModule::remove}) {
         EXPECT_EQ((module.get()->*call)(), Errors::Success);
     }
-    EXPECT_FALSE(impl->daqController.acqRunning);
+    EXPECT_FALSE(impl->daqController.acqRunning());
     EXPECT_TRUE(log.take().empty());
 
     IList* tasks = reinterpret_cast<IList*>(this);
@@ -111,7 +111,7 @@ TEST_F(ModuleTest, BadCallsFail) {
 
     EXPECT_EQ(add(), Errors::Success);
     EXPECT_EQ(add(), Errors::InvalidState);
-    EXPECT_NE(takeErrorMessage().find("added already"), std::string::npos);
+    EXPECT_NE(takeErrorMessage().find("\"add\" is refused in phase \"scanned\""), std::string::npos);
     EXPECT_EQ(module->configure(nullptr), Errors::InvalidParameter);
 }
 
@@ -288,15 +288,12 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
     EXPECT_EQ(log.take(), Texts{"Exception in DAQ::acquireData: (null)"});
 
     device->ai->onAcquire = nullptr;
-    for (auto& [own, hostChannel] : impl->daqStructure.getChannelsMap()) {
-        if (own->sampleType == SampleType::Async) {
-            hostChannel = channel("Raw 1");  // takes no asynchronous samples
-        }
-    }
+    // An output whose ring is full already.
+    int value = 1;
+    checkErrorInfo(async("Async out")->addSample(1, &value));
+    device->async->onAcquire = [&] { device->async->output->samplesThisCycle = 1000; };
     EXPECT_EQ(module->processData(), Errors::Success);
-    const std::string reason = "Invalid cast. The object does not implement this interface.";
-    EXPECT_EQ(log.take(), (Texts{"Exception while transfering data from DAQ async channels to RT: " + reason,
-                                 "Exception while transfering data from RT async channels to DAQ: " + reason}));
+    EXPECT_EQ(log.take(), Texts{"Exception while transfering data from RT async channels to DAQ: Data lost"});
     EXPECT_EQ(device->ai->sendCount, 3);
 
     // What is no std::exception ends the cycle as a failure.
@@ -365,7 +362,21 @@ TEST_F(AsyncTest, SamplesReachTheHost) {
     deliver(1);
     EXPECT_EQ(heldBy(host), 37);
     EXPECT_EQ(channel("Async in").getSampleAtRelativePos(-1), 61.0);
-    EXPECT_TRUE(log.take().empty());
+    const auto lost = [&] {
+        return fromValue<int>(executeFunc(functionOf(channel("Async in"), "LostSamples"), nullptr));
+    };
+    EXPECT_EQ(lost(), 24);
+    // The first loss is told, and the sum once the samples flow again.
+    const auto told = [](int count, const char* rest) {
+        return "Channel \"Async in\" has lost " + std::to_string(count) + " asynchronous samples in this run" + rest;
+    };
+    const char* const begins = ": its ring no longer held them when they were to be passed on";
+    EXPECT_EQ(log.take(), Texts{told(24, begins)});
+    deliver(20);
+    deliver(17);
+    deliver(1);
+    EXPECT_EQ(lost(), 29);
+    EXPECT_EQ(log.take(), (Texts{told(28, begins), told(29, "; its samples are passed on again")}));
     checkErrorInfo(module->stop());
 
     // The next run counts from 0 on both sides.
@@ -373,6 +384,7 @@ TEST_F(AsyncTest, SamplesReachTheHost) {
     start({"Async in"});
     deliver(1);
     EXPECT_EQ(heldBy(host), 1);
+    EXPECT_EQ(lost(), 0);
     checkErrorInfo(module->stop());
 }
 
@@ -396,7 +408,10 @@ TEST_F(AsyncTest, SamplesReachTheDevice) {
     const auto before = output.samplesAcquired.get();
     checkErrorInfo(module->processData());
     EXPECT_EQ(output.samplesAcquired.get(), before + 15);
-    EXPECT_EQ(log.take(), Texts{"Exception while transfering data from RT async channels to DAQ: Data lost"});
+    EXPECT_EQ(log.take(),
+              (Texts{"Channel \"Async out\" has lost 24 asynchronous samples in this run: its ring no longer "
+                     "held them when they were to be passed on",
+                     "Exception while transfering data from RT async channels to DAQ: Data lost"}));
     checkErrorInfo(module->processData());
     EXPECT_EQ(output.samplesAcquired.get(), before + 16);
     EXPECT_EQ(output.getCurrentSample(), next - 1.0);

@@ -40,7 +40,7 @@ TEST_F(StartTest, UsedSynchronousChannelsWriteIntoTheHost) {
     const auto ownFiltered = channels[1]->buffer;
     reserve({"Raw 1", "Async in"});
     structure->beforeStart();
-    EXPECT_TRUE(controller->acqInitialized);
+    EXPECT_TRUE(controller->acqInitialized());
     EXPECT_TRUE(channels[0]->used);
     EXPECT_TRUE(channels[0]->active);
     EXPECT_EQ(channels[0]->buffer->getData(), channel("Raw 1").getBuffer().getData());
@@ -73,7 +73,7 @@ TEST_F(StartTest, BeforeStartIsRefusedWhileRunning) {
     reserve({"Raw 1"});
     const auto beforeStart = dataModule.getPropertyValue("BeforeStart").asPtr<IProcObject>();
     ASSERT_EQ(beforeStart->dispatch(nullptr), Errors::Success);
-    EXPECT_TRUE(controller->acqInitialized);
+    EXPECT_TRUE(controller->acqInitialized());
     controller->startAcquisition();
     const auto buffer = device->ai->channels[0]->buffer;
     EXPECT_EQ(beforeStart->dispatch(nullptr), Errors::InvalidState);
@@ -92,7 +92,7 @@ TEST_F(StartTest, RingThatWasNotReservedAgainIsRefused) {
     } catch (const InvalidStateException& exception) {
         EXPECT_NE(std::string(exception.what()).find("Raw 1"), std::string::npos) << exception.what();
     }
-    EXPECT_FALSE(controller->acqRunning);
+    EXPECT_FALSE(controller->acqRunning());
     reserve({"Raw 1"});
     EXPECT_NO_THROW(structure->beforeStart());
 }

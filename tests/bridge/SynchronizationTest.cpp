@@ -53,10 +53,10 @@ TEST_F(SynchronizationTest, OptionsAreListedInTheirOrder) {
 
 TEST_F(SynchronizationTest, SourcesAreASet) {
     const SynchronizationOption option{Standalone, {Ptp, SoftSync, Irig}};
-    const BasePtr written = asBase(DaqStructure::syncOptionValueToRtCore(option));
+    const BasePtr written = asBase(HostSynchronization::syncOptionValueToRtCore(option));
     EXPECT_EQ(textOf(written), "[1, [2, 6, 14]]");
     for (const BasePtr& value : {written, asBase(ListPtr::create({toValue(1), listOf({14, 6, 2, 14})}))}) {
-        EXPECT_EQ(DaqStructure::syncOptionValueFromRtCore(value), option);
+        EXPECT_EQ(HostSynchronization::syncOptionValueFromRtCore(value), option);
     }
 }
 
@@ -75,7 +75,7 @@ TEST_F(SynchronizationTest, WhatIsNoOptionIsRefused) {
     };
     for (const auto& [value, code] : rows) {
         try {
-            DaqStructure::syncOptionValueFromRtCore(value);
+            HostSynchronization::syncOptionValueFromRtCore(value);
             ADD_FAILURE() << textOf(value);
         } catch (const ZornException& exception) {
             EXPECT_EQ(exception.errorCode, code) << textOf(value) << exception.what();
@@ -89,8 +89,17 @@ TEST_F(SynchronizationTest, AChoiceReachesTheDevices) {
     build({device});
     EXPECT_EQ(write(option(14, {})), Errors::Success);
     EXPECT_EQ(device->synchronization.slaveMode, Ptp);
-    controller->setAcqRunning(true);
+    const auto applied = [&] { return textOf(dataModule.getPropertyValue("AppliedSynchronization")); };
+    EXPECT_EQ(applied(), "[1, []]");
+    structure->applySynchronization();
+    EXPECT_EQ(applied(), "[14, []]");
+    reserve({});
+    structure->beforeStart();
+    controller->startAcquisition();
     EXPECT_EQ(write(option(1, {14})), Errors::Success);
+    EXPECT_EQ(device->appliedSynchronization.slaveMode, Ptp);
+    dataModule.setPropertyValue("AppliedSynchronization", option(6, {}));  // a stored setup knows nothing of it
+    EXPECT_EQ(applied(), "[14, []]");
     EXPECT_EQ(controller->synchronization, (SynchronizationOption{Standalone, {Ptp}}));
     EXPECT_TRUE(device->synchronization.hasSynchronizationSourceMode(Ptp));
     EXPECT_EQ(shown(), "[1, [14]]");

@@ -252,8 +252,8 @@ TEST_F(AcquisitionTest, RefusedStartLeavesNothingRunningAndCanBeRepeated) {
 
     start();
     acquireCounting({0, 1}, 300);
-    // A host that prepares anew without having stopped, and one that unloads without having stopped.
-    start();
+    // A host that prepares anew without having stopped is refused; one that unloads without having stopped is not.
+    EXPECT_THROW(start(), WrongPhaseException);
     acquireCounting({0, 1}, 300);
     tearDown();
     EXPECT_FALSE(raw().started);

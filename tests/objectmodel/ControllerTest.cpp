@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <tuple>
 
 #include "RecordingDevice.h"
@@ -134,38 +135,123 @@ TEST_F(Controller, StatesAndOrderOfTheWalks) {
     for (int round = 0; round < 2; ++round) {
         controller.applySynchronization();
         controller.prepareAcquisition();
-        EXPECT_EQ(take(), (Steps{"d.sync", "d.prepare(true)", "used.prepare", "unused.prepare", "off.prepare"}));
+        // Each preparation begins with the way back, which gives memory back.
+        EXPECT_EQ(take(), (Steps{"d.sync", "used.finalize", "unused.finalize", "off.finalize", "d.prepare(true)",
+                                 "used.prepare", "unused.prepare", "off.prepare"}));
         EXPECT_EQ(device->operationMode, 1);
-        EXPECT_FALSE(controller.acqInitialized);
+        EXPECT_FALSE(controller.acqInitialized());
         controller.initializeAcquisition();
-        EXPECT_EQ(take(), (Steps{"d.used(true)", "d.initialize(true)", "used.initialize active", "unused.initialize",
-                                 "off.initialize"}));
-        EXPECT_TRUE(controller.acqInitialized);
+        EXPECT_EQ(take(),
+                  (Steps{"used.finalize", "unused.finalize", "off.finalize", "d.used(true)", "d.initialize(true)",
+                         "used.initialize active", "unused.initialize", "off.initialize"}));
+        EXPECT_TRUE(controller.acqInitialized());
         EXPECT_EQ(controller.acquisitionChannels, (Channels{used}));
         controller.startAcquisition();
-        EXPECT_TRUE(controller.acqRunning && device->acqRunning);
+        EXPECT_TRUE(controller.acqRunning() && device->acqRunning);
         controller.acquireData();
         controller.sendData();
         EXPECT_EQ(take(), (Steps{"d.start(true)", "d.acquire", "used.before", "used.after", "d.send"}));
         controller.stopAcquisition();
         EXPECT_EQ(take(),
                   (Steps{"d.stop(true)", "d.finalize(true)", "used.finalize", "unused.finalize", "off.finalize"}));
-        EXPECT_FALSE(controller.acqInitialized || controller.acqRunning || controller.acqStopping ||
+        EXPECT_FALSE(controller.acqInitialized() || controller.acqRunning() || controller.acqStopping() ||
                      device->acqRunning || device->acqStopping);
     }
 }
 
-TEST_F(Controller, AFailedStopKeepsItsFlagsUntilTheNextRound) {
-    auto device = add("d");
+// Whatever step fails: the caller hears why, everything is walked on the way back, and the next round is a good one.
+TEST_F(Controller, AStepThatFailsLeavesNothingOn) {
+    auto device = add("d", ptpOptions);
+    auto second = add("second", ptpOptions);
+    channel(*device, "c")->used = true;
     build();
     controller.initializeHardware();
-    initializeAcquisition();
-    controller.startAcquisition();
-    device->failStop = true;
-    EXPECT_THROW(controller.stopAcquisition(), std::runtime_error);
-    EXPECT_TRUE(controller.acqRunning && controller.acqStopping && device->acqStopping);
-    controller.prepareAcquisition();
-    EXPECT_FALSE(controller.acqRunning || controller.acqStopping || device->acqRunning || device->acqStopping);
+    for (const char* step : {"prepare", "initialize", "start", "stop", "finalize"}) {
+        SCOPED_TRACE(step);
+        device->failing = step;
+        device->aborts = second->aborts = 0;
+        const std::string failure = failureOf([&] {
+            controller.applySynchronization();
+            controller.prepareAcquisition();
+            controller.initializeAcquisition();
+            device->aborts = second->aborts = 0;
+            controller.startAcquisition();
+            controller.stopAcquisition();
+        });
+        EXPECT_EQ(failure, std::string(step) + " fails");
+        EXPECT_EQ(device->aborts, second->aborts);
+        EXPECT_GT(device->aborts, 0);
+        EXPECT_EQ(controller.phase(),
+                  step == std::string("prepare") ? AcquisitionPhase::Scanned : AcquisitionPhase::Prepared);
+        EXPECT_FALSE(device->acqRunning || device->acqStopping || second->acqRunning || second->acqStopping);
+        device->failing.clear();
+        initializeAcquisition();
+        controller.startAcquisition();
+        controller.stopAcquisition();
+    }
+}
+
+TEST_F(Controller, EachPhaseHasItsSteps) {
+    using Step = AcquisitionStep;
+    const std::pair<Step, std::function<void()>> calls[] = {
+        {Step::Configure, [&] { controller.applySynchronization(); }},
+        {Step::Initialize, [&] { controller.prepareAcquisition(); }},
+        {Step::BeforeStart, [&] { controller.initializeAcquisition(); }},
+        {Step::Stop, [&] { controller.stopAcquisition(); }},
+    };
+    add("d");
+    build();
+    struct Row {
+        std::function<void()> reach;
+        AcquisitionPhase phase;
+        const char* name;
+        std::vector<AcquisitionPhase> after;  // of the calls above, in their order; the phase itself for a refusal
+    };
+    using P = AcquisitionPhase;
+    const auto scanned = [&] { controller.initializeHardware(); };
+    const auto prepared = [&] {
+        scanned();
+        controller.prepareAcquisition();
+    };
+    const auto initialised = [&] {
+        prepared();
+        controller.initializeAcquisition();
+    };
+    const auto running = [&] {
+        initialised();
+        controller.startAcquisition();
+    };
+    for (const auto& row :
+         {Row{[] {}, P::Empty, "empty", {P::Empty, P::Empty, P::Empty, P::Empty}},
+          Row{scanned, P::Scanned, "scanned", {P::Scanned, P::Prepared, P::Scanned, P::Scanned}},
+          Row{prepared, P::Prepared, "prepared", {P::Prepared, P::Prepared, P::Initialised, P::Prepared}},
+          Row{initialised, P::Initialised, "initialised", {P::Prepared, P::Prepared, P::Initialised, P::Prepared}},
+          Row{running, P::Running, "running", {P::Running, P::Running, P::Running, P::Prepared}}}) {
+        for (size_t i = 0; i < std::size(calls); ++i) {
+            SCOPED_TRACE(std::string(row.name) + " " + std::to_string(i));
+            row.reach();
+            ASSERT_EQ(controller.phase(), row.phase);
+            const std::string failure = failureOf(calls[i].second);
+            EXPECT_EQ(failure.empty(), isPossible(calls[i].first, row.phase)) << failure;
+            EXPECT_EQ(failure.empty() || failure.find(std::string("\"") + row.name + "\"") != std::string::npos, true);
+            EXPECT_EQ(controller.phase(), row.after[i]);
+            if (controller.acqRunning()) {
+                controller.stopAcquisition();
+            }
+            controller.invalidate();
+        }
+    }
+    // A change takes the set-up back, and nothing else.
+    initialised();
+    controller.invalidate();
+    EXPECT_EQ(controller.phase(), P::Prepared);
+    EXPECT_THROW(controller.startAcquisition(), WrongPhaseException);
+    running();
+    controller.invalidate();
+    EXPECT_EQ(controller.phase(), P::Running);
+    controller.reset();
+    EXPECT_EQ(controller.phase(), P::Empty);
+    EXPECT_EQ(controller.getCurrentTime(), -1.0);
 }
 
 TEST_F(Controller, EachScanMakesATreeOfItsOwn) {

@@ -33,13 +33,7 @@ public:
         note("initialize", recursive), Base::initializeAcquisition(recursive);
     }
     void startAcquisition(bool recursive) override { note("start", recursive), Base::startAcquisition(recursive); }
-    void stopAcquisition(bool recursive) override {
-        note("stop", recursive);
-        if (failStop) {
-            throw std::runtime_error("stop failed");
-        }
-        Base::stopAcquisition(recursive);
-    }
+    void stopAcquisition(bool recursive) override { note("stop", recursive), Base::stopAcquisition(recursive); }
     void finalizeAcquisition(bool recursive) override {
         note("finalize", recursive), Base::finalizeAcquisition(recursive);
     }
@@ -48,12 +42,20 @@ public:
     void sendData() override { note("send"), Base::sendData(); }
     std::vector<std::string> checkHardware() override { return faults.empty() ? Base::checkHardware() : faults; }
 
-    bool failStop = false;
+    void abortAcquisition() noexcept override { ++aborts, Base::abortAcquisition(); }
+
+    std::string failing;  // the step that throws
+    int aborts = 0;
     std::vector<std::string> faults;
 
 protected:
     void note(const std::string& step) { steps.push_back(id + "." + step); }
-    void note(const std::string& step, bool recursive) { note(step + (recursive ? "(true)" : "(false)")); }
+    void note(const std::string& step, bool recursive) {
+        note(step + (recursive ? "(true)" : "(false)"));
+        if (step == failing) {
+            throw std::runtime_error(step + " fails");
+        }
+    }
 
     Steps& steps;
     std::string id;

@@ -25,6 +25,11 @@ DaqChannelBuffer::~DaqChannelBuffer() {
     Core::zornSharedLibObjectCount.fetch_sub(1, std::memory_order_acq_rel);
 }
 
+bool DaqChannelBuffer::isCurrent() const {
+    const Core::ChannelBufferPtr<Core::IChannelBuffer> ring = channel_.getBuffer();
+    return ring.get() == buffer_.get() && ring.getData() == data_ && ring.getCapacity() == capacity_ && *position_ == 0;
+}
+
 void DaqChannelBuffer::setCapacity(unsigned long) {}
 
 unsigned long DaqChannelBuffer::getSize() const {

@@ -21,6 +21,9 @@ public:
     DaqChannelBuffer(const DaqChannelBuffer&) = delete;
     DaqChannelBuffer& operator=(const DaqChannelBuffer&) = delete;
 
+    // Whether the channel's ring is still the one that was read, and stands at its beginning. Module thread.
+    bool isCurrent() const;
+
     unsigned long getCapacity() const override { return capacity_; }
     // Nothing: the memory is the host's.
     void setCapacity(unsigned long capacity) override;

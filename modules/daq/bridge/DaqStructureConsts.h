@@ -15,6 +15,7 @@ public:
     static constexpr const char* BeforeStartProp = "BeforeStart";
     static constexpr const char* SynchronizationOptionsProp = "SynchronizationOptions";
     static constexpr const char* SynchronizationProp = "Synchronization";
+    static constexpr const char* AppliedSynchronizationProp = "AppliedSynchronization";  // the option in force
     // Of the data module's parent, kept by the host.
     static constexpr const char* IsUpdatingFromConfigurationProp = "isUpdatingFromConfiguration";
     // Of the data, kept by the host.
@@ -51,6 +52,8 @@ public:
     static constexpr const char* CheckRateProp = "CheckRate";
     static constexpr const char* EnabledProp = "Enabled";
     static constexpr const char* PhaseDelayProp = "PhaseDelay";
+    static constexpr const char* ExactSampleRateProp = "ExactSampleRate";  // of a synchronous channel, a ratio in Hz
+    static constexpr const char* LostSamplesProp = "LostSamples";          // of an asynchronous channel, a function
 };
 
 // Names of the properties of a route out of the instrument and of a CAN port, on the channel itself.

@@ -1,6 +1,7 @@
 #include "modules/daq/controller/DaqController.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 #include <stdexcept>
 
@@ -41,24 +42,60 @@ SynchronizationOption standalone() {
 DaqController::DaqController() = default;
 DaqController::~DaqController() = default;
 
-void DaqController::initialize() {
-    daqFactory.createInterfaces(interfaces);
-    interfaces.initialize();
+void DaqController::require(AcquisitionStep step) const {
+    const std::string refusal = refusalOf(step, phase());
+    if (!refusal.empty()) {
+        throw WrongPhaseException(refusal);
+    }
 }
 
-void DaqController::scan() {
-    interfaces.scan();
-    systemDevice = daqFactory.createSystemDevice(interfaces);
+void DaqController::setPhase(AcquisitionPhase phase) {
+    phase_.store(phase, std::memory_order_release);
+    if (systemDevice) {
+        systemDevice->setAcqRunning(acqRunning());
+        systemDevice->setAcqStopping(acqStopping());
+    }
+}
 
-    // Nothing may keep a tree of an earlier scan alive or drive it on.
+void DaqController::invalidate() {
+    if (phase() == AcquisitionPhase::Initialised) {
+        setPhase(AcquisitionPhase::Prepared);
+    }
+}
+
+void DaqController::abortAcquisition() noexcept {
+    if (systemDevice) {
+        systemDevice->abortAcquisition();
+    }
+}
+
+// Nothing may keep a tree of an earlier scan alive or drive it on.
+void DaqController::reset() noexcept {
+    abortAcquisition();
+    setPhase(AcquisitionPhase::Empty);
     daqDevices.clear();
     allChannels.clear();
     acquisitionChannels.clear();
     masterClockDevice.reset();
     loopDevice.reset();
     daqTiming.reset();
-    acqInitialized = false;
+    publishTimeSources();
+    systemDevice.reset();
+}
 
+void DaqController::initialize() {
+    interfaces.finalize();
+    daqFactory.createInterfaces(interfaces);
+    interfaces.initialize();
+}
+
+void DaqController::scan() {
+    if (acqRunning()) {
+        require(AcquisitionStep::Add);
+    }
+    reset();
+    interfaces.scan();
+    systemDevice = daqFactory.createSystemDevice(interfaces);
     systemDevice->initialize();
     for (const auto& device : systemDevice->getAllDevices()) {
         if (auto daqDevice = std::dynamic_pointer_cast<DaqDevice>(device)) {
@@ -68,6 +105,9 @@ void DaqController::scan() {
 }
 
 void DaqController::initializeHardware() {
+    if (acqRunning()) {
+        require(AcquisitionStep::Add);
+    }
     systemDevice->initializeHardware();
     for (const auto& text : systemDevice->checkHardware()) {
         LOG_WARNING << DeviceError(text).text;
@@ -80,7 +120,7 @@ void DaqController::initializeHardware() {
         throw std::runtime_error("No valid sync option");
     }
     setSynchronization(*options.begin());
-    applySynchronization();
+    chooseTimeSources();
 
     allChannels = systemDevice->getAllChannels();
     int index = 0;
@@ -88,31 +128,62 @@ void DaqController::initializeHardware() {
         channel->index = index++;
     }
     setSampleRate(checkSampleRate(defaultSampleRate));
+    setPhase(AcquisitionPhase::Scanned);
 }
 
 void DaqController::applySynchronization() {
+    require(AcquisitionStep::Configure);
+    invalidate();
+    chooseTimeSources();
+}
+
+// The devices follow the chosen option from here on, and every query is answered by the clocks that belong to it.
+void DaqController::chooseTimeSources() {
     setMasterClockDevice();
     setLoopDevice();
     setDaqTiming();
+    publishTimeSources();
     systemDevice->applySynchronization();
+    appliedSynchronization = synchronization;
+}
+
+void DaqController::publishTimeSources() {
+    TimeSources sources{masterClockDevice ? masterClockDevice->daqClock : nullptr, daqTiming};
+    const std::lock_guard<std::mutex> guard(timeSourcesMutex_);
+    // What was there before ends outside of the lock.
+    std::swap(timeSources_, sources);
+}
+
+DaqController::TimeSources DaqController::timeSources() const {
+    const std::lock_guard<std::mutex> guard(timeSourcesMutex_);
+    return timeSources_;
 }
 
 void DaqController::prepareAcquisition() {
-    // A stop that failed half-way leaves its flags set, and the bridge ignores rate changes while it sees them.
-    setAcqRunning(false);
-    setAcqStopping(false);
+    require(AcquisitionStep::Initialize);
+    abortAcquisition();
+    // Until it has gone through, no run can be built on it.
+    setPhase(AcquisitionPhase::Scanned);
     systemDevice->setOperationMode(operationMode);
     systemDevice->prepareAcquisition(true);
-    acqInitialized = false;
+    setPhase(AcquisitionPhase::Prepared);
 }
 
 void DaqController::initializeAcquisition() {
+    require(AcquisitionStep::BeforeStart);
+    abortAcquisition();
+    setPhase(AcquisitionPhase::Prepared);
     clearEnableFirstChannelFlags();
     if (masterClockDevice && masterClockDevice->daqClock && masterClockDevice->daqClock->needsChannel) {
         setEnableFirstChannelFlag();
     }
-    systemDevice->setUsedChannels(true);
-    systemDevice->initializeAcquisition(true);
+    try {
+        systemDevice->setUsedChannels(true);
+        systemDevice->initializeAcquisition(true);
+    } catch (...) {
+        abortAcquisition();
+        throw;
+    }
     acquisitionChannels = allChannels.getActiveChannels();
     smallestRing_ = std::numeric_limits<double>::infinity();
     for (const auto& channel : acquisitionChannels) {
@@ -121,21 +192,53 @@ void DaqController::initializeAcquisition() {
         }
     }
     lastSum_ = 0;
-    acqInitialized = true;
+    maxSamplesAcquired = 0;
+    setPhase(AcquisitionPhase::Initialised);
 }
 
 void DaqController::startAcquisition() {
-    systemDevice->startAcquisition(true);
-    setAcqRunning(true);
+    require(AcquisitionStep::Start);
+    if (!acqInitialized()) {
+        throw WrongPhaseException("\"start\" is refused: the run has not been set up with \"BeforeStart\".");
+    }
+    try {
+        systemDevice->startAcquisition(true);
+    } catch (...) {
+        abortAcquisition();
+        setPhase(AcquisitionPhase::Prepared);
+        throw;
+    }
+    setPhase(AcquisitionPhase::Running);
 }
 
 void DaqController::stopAcquisition() {
-    setAcqStopping(true);
-    systemDevice->stopAcquisition(true);
-    systemDevice->finalizeAcquisition(true);
-    acqInitialized = false;
-    setAcqRunning(false);
-    setAcqStopping(false);
+    require(AcquisitionStep::Stop);
+    if (!acqRunning()) {
+        abortAcquisition();
+        setPhase(AcquisitionPhase::Prepared);
+        return;
+    }
+    setPhase(AcquisitionPhase::Stopping);
+    std::exception_ptr firstFailure;
+    const auto attempt = [&](void (Device::*step)(bool)) {
+        try {
+            (systemDevice.get()->*step)(true);
+        } catch (...) {
+            if (!firstFailure) {
+                firstFailure = std::current_exception();
+            }
+        }
+    };
+    attempt(&Device::stopAcquisition);
+    attempt(&Device::finalizeAcquisition);
+    if (firstFailure) {
+        // A failing device has left those behind it in the walk as they were.
+        abortAcquisition();
+    }
+    setPhase(AcquisitionPhase::Prepared);
+    if (firstFailure) {
+        std::rethrow_exception(firstFailure);
+    }
 }
 
 void DaqController::acquireData() {
@@ -164,25 +267,9 @@ void DaqController::sendData() {
     systemDevice->sendData();
 }
 
-void DaqController::setAcqRunning(bool running) {
-    acqRunning = running;
-    if (systemDevice) {
-        systemDevice->setAcqRunning(running);
-    }
-}
-
-void DaqController::setAcqStopping(bool stopping) {
-    acqStopping = stopping;
-    if (systemDevice) {
-        systemDevice->setAcqStopping(stopping);
-    }
-}
-
 double DaqController::getCurrentTime() const {
-    if (!masterClockDevice || !masterClockDevice->daqClock) {
-        return -1.0;
-    }
-    return masterClockDevice->daqClock->getCurrentTime(true);
+    const auto clock = timeSources().clock;
+    return clock ? clock->getCurrentTime(true) : -1.0;
 }
 
 int DaqController::getMinSampleRate() const {

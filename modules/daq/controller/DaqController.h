@@ -1,9 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
+#include "modules/daq/controller/AcquisitionPhase.h"
 #include "modules/daq/objectmodel/Channels.h"
 #include "modules/daq/objectmodel/DaqFactory.h"
 #include "modules/daq/objectmodel/DeviceError.h"
@@ -15,6 +18,7 @@
 namespace Harvane::RT::Modules::Daq {
 
 class Channel;
+class DaqClock;
 class DaqDevice;
 class DaqLoop;
 class DaqTiming;
@@ -23,14 +27,16 @@ class SystemDevice;
 
 // Drives the whole acquisition: owns interfaces and device tree and turns each step into one walk down the tree.
 //
-// Order of calls: initialize, scan, initializeHardware; then, as often as wanted, applySynchronization,
-// prepareAcquisition, initializeAcquisition, startAcquisition, acquireData and sendData once a cycle, stopAcquisition.
-// Nothing here catches an exception; the flags stay as they were when one passes, and prepareAcquisition of the next
-// round clears them.
+// The way to a run is a transaction. It goes through the phases of AcquisitionPhase: initialize, scan,
+// initializeHardware, then, as often as wanted, applySynchronization, prepareAcquisition, initializeAcquisition,
+// startAcquisition, acquireData and sendData once a cycle, stopAcquisition. A step that isn't possible in the phase
+// throws WrongPhaseException and changes nothing. A step that fails leaves nothing switched on: the devices are walked
+// by abortAcquisition, the phase is Prepared again (Scanned, when the preparation failed), and the first failure goes
+// to the caller.
 //
-// No lock. The calls come from the module's and the scheduler's thread and don't overlap. From other threads, while
-// none of initialize to applySynchronization runs, getCurrentTime() and maxSamplesAcquired may be read at any time,
-// also in the middle of a cycle, and sampleRate while an acquisition runs, which keeps it as it is. Rates are in Hz.
+// The steps come from the module's and the scheduler's thread and don't overlap. phase(), acqRunning(), acqStopping(),
+// acqInitialized(), timeSources(), getCurrentTime(), sampleRate and maxSamplesAcquired may be asked for by any thread
+// at any time. Rates are in Hz.
 class DaqController {
 public:
     DaqController();
@@ -39,22 +45,41 @@ public:
     DaqController& operator=(const DaqController&) = delete;
 
     void initialize();
-    // A second scan replaces the tree.
+    // A second scan replaces the tree. Empty until initializeHardware.
     void scan();
     // Throws std::runtime_error("No valid sync option") when the devices go together in no way.
     void initializeHardware();
+    // What the devices are to follow, with the clocks that result, becomes what they follow.
     void applySynchronization();
     void prepareAcquisition();
     void initializeAcquisition();
     void startAcquisition();
+    // Goes all the way down whatever fails on it and then throws the first failure. Nothing where nothing is on.
     void stopAcquisition();
+    // Lets the tree go: the phase is Empty.
+    void reset() noexcept;
+    // Switches off whatever a start that failed, or a run that was not stopped, has left on.
+    void abortAcquisition() noexcept;
+    // Something that the coming run was set up with has changed: Initialised goes back to Prepared.
+    void invalidate();
+
+    AcquisitionPhase phase() const { return phase_.load(std::memory_order_acquire); }
+    bool acqRunning() const { return phase() == AcquisitionPhase::Running || acqStopping(); }
+    bool acqStopping() const { return phase() == AcquisitionPhase::Stopping; }
+    bool acqInitialized() const { return phase() == AcquisitionPhase::Initialised; }
+    // Throws WrongPhaseException with the refusal in words.
+    void require(AcquisitionStep step) const;
     // Throws DataLostException when the fastest and the slowest channel have drifted apart by more than three quarters
     // of a channel's ring.
     void acquireData();
     void sendData();
-    void setAcqRunning(bool running);
-    void setAcqStopping(bool stopping);
 
+    // Clock and timing that are in force, always a pair that belongs together.
+    struct TimeSources {
+        std::shared_ptr<DaqClock> clock;
+        std::shared_ptr<DaqTiming> timing;
+    };
+    TimeSources timeSources() const;
     // Seconds of the master clock, -1.0 while there is no time.
     double getCurrentTime() const;
 
@@ -91,7 +116,7 @@ public:
     void clearEnableFirstChannelFlags();
     void setEnableFirstChannelFlag();
 
-    int sampleRate = 1000;
+    std::atomic<int> sampleRate{1000};
     OperationMode operationMode = 1;
     Channels allChannels;              // Every channel of the tree.
     Channels acquisitionChannels;      // The active ones of the present acquisition.
@@ -101,14 +126,19 @@ public:
     std::vector<std::shared_ptr<DaqDevice>> daqDevices;
     std::shared_ptr<DaqLoop> loopDevice;
     std::shared_ptr<DaqTiming> daqTiming;
-    bool acqRunning = false;
-    bool acqStopping = false;
-    bool acqInitialized = false;  // initializeAcquisition has run for the coming start.
-    SynchronizationOption synchronization{SynchronizationMode::None, {}};
+    SynchronizationOption synchronization{SynchronizationMode::None, {}};         // Chosen.
+    SynchronizationOption appliedSynchronization{SynchronizationMode::None, {}};  // What the devices follow.
     DaqFactory daqFactory;
     std::shared_ptr<DaqDevice> masterClockDevice;
 
 private:
+    void setPhase(AcquisitionPhase phase);
+    void chooseTimeSources();
+    void publishTimeSources();
+
+    std::atomic<AcquisitionPhase> phase_{AcquisitionPhase::Empty};
+    mutable std::mutex timeSourcesMutex_;  // held for a copy of the two pointers
+    TimeSources timeSources_;
     // Of the present acquisition, in samples of the full rate.
     double smallestRing_ = 0.0;  // below its limit no cycle asks further
     std::uint64_t lastSum_ = 0;  // of all channels' samples, at the last cycle that brought some

@@ -1,13 +1,8 @@
 #include "modules/daq/module/DaqModuleImpl.h"
 
-#include <algorithm>
-#include <cmath>
-#include <cstring>
 #include <exception>
-#include <limits>
 
 #include "modules/daq/module/LoggerConnection.h"
-#include "modules/daq/objectmodel/Channel.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
 #include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/objectmodel/Log.h"
@@ -16,16 +11,6 @@
 namespace Harvane::RT::Modules::Daq {
 
 using namespace Core;
-
-namespace {
-
-// Truncated; times that no clock value can hold become the nearest one that can.
-int64_t toTicks(double value) {
-    constexpr double limit = 9.2e18;
-    return std::isnan(value) ? 0 : static_cast<int64_t>(std::clamp(value, -limit, limit));
-}
-
-}  // namespace
 
 DaqModuleImpl::DaqModuleImpl() : daqStructure(controller()) {}
 
@@ -73,7 +58,7 @@ ErrCode DaqModuleImpl::getStartAbsTime(long* microseconds) {
         return Errors::ArgumentNull;
     }
     return wrapHandler([&] {
-        const auto& timing = daqController.daqTiming;
+        const auto timing = daqController.timeSources().timing;
         *microseconds = timing ? timing->getStartTime() : -1;
     });
 }
@@ -83,17 +68,25 @@ ErrCode DaqModuleImpl::getCurrentAbsTime(long* microseconds) {
         return Errors::ArgumentNull;
     }
     return wrapHandler([&] {
-        const auto& timing = daqController.daqTiming;
-        if (!timing) {
-            *microseconds = -1;
-            return;
-        }
-        bool isTracking = true;
-        bool hasError = false;
-        *microseconds = timing->getCurrentTime(isTracking, hasError);
+        const auto timing = daqController.timeSources().timing;
+        *microseconds = timing ? readAbsTime(*timing) : -1;
+    });
+}
+
+// A device that can't tell the time follows nothing and is in error.
+int64_t DaqModuleImpl::readAbsTime(DaqTiming& timing) {
+    bool isTracking = true;
+    bool hasError = false;
+    try {
+        const int64_t time = timing.getCurrentTime(isTracking, hasError);
         timingError = hasError;
         tracking = isTracking;
-    });
+        return time;
+    } catch (...) {
+        timingError = true;
+        tracking = false;
+        throw;
+    }
 }
 
 ErrCode DaqModuleImpl::getTracking(TrackingEnum* trackingState) {
@@ -116,15 +109,24 @@ ErrCode DaqModuleImpl::getIsAbsTimeSynchronized(unsigned char* synchronized) {
     if (synchronized == nullptr) {
         return Errors::ArgumentNull;
     }
-    const auto& timing = daqController.daqTiming;
+    const auto timing = daqController.timeSources().timing;
     *synchronized = timing && timing->absTimeSynchronized ? 1 : 0;
     return Errors::Success;
 }
 
+// Told once for each cause, and when it is over. No other thread changes the timing device while a cycle runs.
 void DaqModuleImpl::forceRefreshTrackingAndErrorStatus() {
-    long unused = 0;
-    if (failed(getCurrentAbsTime(&unused))) {
-        zornClearErrorInfo();
+    try {
+        readAbsTime(*daqController.daqTiming);
+        if (!timingFault_.empty()) {
+            LOG_(0, plog::warning) << "The timing device answers again";
+            timingFault_.clear();
+        }
+    } catch (const std::exception& exception) {
+        if (timingFault_ != textOf(exception)) {
+            timingFault_ = textOf(exception);
+            LOG_(0, plog::error) << "The timing device can't tell the time: " << timingFault_;
+        }
     }
 }
 
@@ -168,32 +170,36 @@ ErrCode DaqModuleImpl::getInterval(long* milliseconds) const {
 
 // Lifecycle.
 
-void DaqModuleImpl::requireAdded() const {
-    if (!daqController.systemDevice) {
-        throw InvalidStateException("The module has not been added.");
-    }
-}
-
 void DaqModuleImpl::onAdd(const ModuleAddParamsPtr& params) {
-    if (addStarted_) {
-        throw InvalidStateException("The module has been added already. After a failure it takes a new module.");
+    requireStep(daqController, AcquisitionStep::Add);
+    if (daqStructure.isBuilt()) {
+        throw InvalidStateException(
+            "\"add\" is refused: adding this module has failed half-way, and what it has put into "
+            "the host's tree can't be repaired. It takes a new module.");
     }
-    addStarted_ = true;
     connectLogger();
     if (!dataModule) {
         throw InvalidParameterException("The module needs a data module to build its tree in.");
     }
-    rtcClasses_ = std::make_unique<RtcClasses>();
-    daqController.initialize();
-    daqController.scan();
-    daqController.initializeHardware();
-    daqStructure.buildDataModuleProps(dataModule);
-    daqStructure.buildDeviceTree(daqController.systemDevice, dataModule.getRootFolder(), params.getAcquisitionSync());
+    try {
+        rtcClasses_ = std::make_unique<RtcClasses>();
+        daqController.initialize();
+        daqController.scan();
+        daqController.initializeHardware();
+        daqStructure.buildDataModuleProps(dataModule);
+        daqStructure.buildDeviceTree(daqController.systemDevice, dataModule.getRootFolder(),
+                                     params.getAcquisitionSync());
+        asyncExchange_.registerLosses(daqStructure.getChannelsMap(), daqStructure.hooks());
+    } catch (...) {
+        daqStructure.forget();
+        daqController.reset();
+        throw;
+    }
 }
 
 void DaqModuleImpl::onConfigure(const ModuleConfigPtr& config) {
-    requireAdded();
-    daqController.applySynchronization();
+    requireStep(daqController, AcquisitionStep::Configure);
+    daqStructure.applySynchronization();
     const BasePtr object(self());
     checkErrorInfo(config->setClockProvider(object.asPtr<IClockProvider>().get()));
     if (daqController.loopDevice) {
@@ -205,7 +211,11 @@ void DaqModuleImpl::onConfigure(const ModuleConfigPtr& config) {
 }
 
 void DaqModuleImpl::onInitialize() {
-    requireAdded();
+    requireStep(daqController, AcquisitionStep::Initialize);
+    prepare();
+}
+
+void DaqModuleImpl::prepare() {
     tracking = true;
     timingError = false;
     const auto mode = data.getPropertyValue<int64_t>("OperationMode");
@@ -214,139 +224,66 @@ void DaqModuleImpl::onInitialize() {
     daqStructure.initialize();
 }
 
+// What has been changed since the last set-up counts: everything that depends on it is done anew.
+void DaqModuleImpl::setUpRun() {
+    daqStructure.applySynchronization();
+    prepare();
+    daqStructure.beforeStart();
+}
+
 void DaqModuleImpl::onStart() {
-    requireAdded();
-    lostSamples_.assign(daqStructure.getChannelsMap().size(), 0);
-    asyncChannels_.clear();
-    for (size_t i = 0; i < lostSamples_.size(); ++i) {
-        if (daqStructure.getChannelsMap()[i].first->sampleType == SampleType::Async) {
-            asyncChannels_.push_back(i);
-        }
+    requireStep(daqController, AcquisitionStep::Start);
+    if (!daqController.acqInitialized() || !daqStructure.isCurrent()) {
+        setUpRun();
     }
-    if (!daqController.acqInitialized) {
-        daqStructure.beforeStart();
-    }
+    asyncExchange_.prepare(daqStructure.getChannelsMap());
     daqController.startAcquisition();
 }
 
 void DaqModuleImpl::onStop() {
-    requireAdded();
+    requireStep(daqController, AcquisitionStep::Stop);
     daqController.stopAcquisition();
 }
 
-// Cycle.
+// ---- Cycle ----------------------------------------------------------------------------------------------------------
 
-// What fails in one stage is logged, and the stages behind it still run.
+// What fails in one stage is logged, and the stages behind it still run. The exchange over the routes stands behind the
+// samples that come in.
+const DaqModuleImpl::Stage DaqModuleImpl::stages[] = {
+    {"Exception in DAQ::acquireData: ", &DaqModuleImpl::acquireData},
+    {"Exception while transfering data from DAQ async channels to RT: ", &DaqModuleImpl::receiveAsyncSamples},
+    {"Exception while transfering data from RT async channels to DAQ: ", &DaqModuleImpl::sendAsyncSamples},
+    {"Exception in DAQ::sendData: ", &DaqModuleImpl::sendData},
+};
+
 void DaqModuleImpl::onProcessData() {
-    requireAdded();
+    requireStep(daqController, AcquisitionStep::ProcessData);
     if (daqController.daqTiming) {
         forceRefreshTrackingAndErrorStatus();
     }
-    try {
-        daqController.acquireData();
-    } catch (const std::exception& exception) {
-        LOG_(0, plog::error) << "Exception in DAQ::acquireData: " << textOf(exception);
-    }
-    try {
-        moveAsyncSamplesIn();
-    } catch (const std::exception& exception) {
-        LOG_(0, plog::error) << "Exception while transfering data from DAQ async channels to RT: " << textOf(exception);
-    }
-    // The exchange over the routes stands here.
-    try {
-        moveAsyncSamplesOut();
-    } catch (const std::exception& exception) {
-        LOG_(0, plog::error) << "Exception while transfering data from RT async channels to DAQ: " << textOf(exception);
-    }
-    try {
-        daqController.sendData();
-    } catch (const std::exception& exception) {
-        LOG_(0, plog::error) << "Exception in DAQ::sendData: " << textOf(exception);
-    }
-}
-
-// Passes on what the host's count lacks. A stage that was broken off is made up for in the next cycle, as far as the
-// ring still holds the samples.
-void DaqModuleImpl::moveAsyncSamplesIn() {
-    const auto& channels = daqStructure.getChannelsMap();
-    for (const size_t i : asyncChannels_) {
-        const auto& [channel, hostChannel] = channels[i];
-        if (channel->isControl) {
-            continue;
-        }
-        const AsyncChannelPtr async = hostChannel.asPtr<IAsyncChannel>();
-        long held = 0;
-        checkErrorInfo(async->getSamplesAcquired(&held));
-        int64_t count = static_cast<int64_t>(channel->samplesAcquired.get()) - held;
-        if (count <= 0) {
-            continue;
-        }
-        count -= lostSamples_[i];
-        const int64_t available =
-            channel->timeBuffer
-                ? static_cast<int64_t>(std::min(channel->buffer->getSize(), channel->timeBuffer->getSize()))
-                : 0;
-        if (count > available) {
-            lostSamples_[i] += count - available;
-            count = available;
-        }
-        for (int relative = static_cast<int>(-count); relative < 0; ++relative) {
-            const double time = channel->getTimeAtRelativePos(relative);
-            const void* sample = channel->buffer->getSample(channel->getPosAtRelativePos(relative));
-            checkErrorInfo(async->addSample(toTicks(static_cast<double>(clockBase) * time), sample));
+    for (const Stage& stage : stages) {
+        try {
+            (this->*stage.run)();
+        } catch (const std::exception& exception) {
+            LOG_(0, plog::error) << stage.failure << textOf(exception);
         }
     }
 }
 
-void DaqModuleImpl::moveAsyncSamplesOut() {
-    const auto& channels = daqStructure.getChannelsMap();
-    for (const size_t i : asyncChannels_) {
-        const auto& [channel, hostChannel] = channels[i];
-        // An output that takes no part has no memory.
-        if (!channel->isControl || !channel->active) {
-            continue;
-        }
-        const AsyncChannelPtr async = hostChannel.asPtr<IAsyncChannel>();
-        long held = 0;
-        checkErrorInfo(async->getSamplesAcquired(&held));
-        int64_t count = held - static_cast<int64_t>(channel->samplesAcquired.get());
-        if (count <= 0) {
-            continue;
-        }
-        count -= lostSamples_[i];
-        IChannelBuffer& target = *channel->buffer;
-        Core::IChannelBuffer* raw = nullptr;
-        checkErrorInfo(async->getBuffer(&raw));
-        const ChannelBufferPtr<Core::IChannelBuffer> source(ObjectPtr<Core::IChannelBuffer>::take(raw));
-        const int64_t available = static_cast<int64_t>(source.getSize());
-        if (count > available) {
-            lostSamples_[i] += count - available;
-            count = available;
-        }
-        const int64_t capacity = static_cast<int64_t>(source.getCapacity());
-        const int64_t position = static_cast<int64_t>(source.getPosition());
-        const size_t sampleSize = target.getSampleSize();
-        for (int64_t k = 0; k < count; ++k) {
-            // incSamplePosition has the same test, but runs behind the copy.
-            if (channel->samplesThisCycle + 1 >= target.getCapacity()) {
-                throw DataLostException();
-            }
-            int64_t place = position - (count - k);
-            if (place < 0) {
-                place += capacity;
-            }
-            long timestamp = 0;
-            checkErrorInfo(async->getTimestampAtPos(static_cast<size_t>(place), &timestamp));
-            void* sample = nullptr;
-            checkErrorInfo(async->getSampleAddressAtPos(static_cast<size_t>(place), &sample));
-            std::memcpy(target.getSample(target.getPosition()), sample, sampleSize);
-            // Both rings start at 0 and advance together, so the time lands at the same index.
-            if (channel->timeBuffer && channel->timeBuffer->getCapacity() > 0) {
-                channel->addTimeToBuffer(static_cast<double>(timestamp) / static_cast<double>(clockBase));
-            }
-            channel->incSamplePosition(1);
-        }
-    }
+void DaqModuleImpl::acquireData() {
+    daqController.acquireData();
+}
+
+void DaqModuleImpl::receiveAsyncSamples() {
+    asyncExchange_.receive();
+}
+
+void DaqModuleImpl::sendAsyncSamples() {
+    asyncExchange_.send();
+}
+
+void DaqModuleImpl::sendData() {
+    daqController.sendData();
 }
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -3,8 +3,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <vector>
+#include <string>
 
+#include "modules/daq/bridge/AsyncExchange.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/bridge/RtcClasses.h"
 #include "modules/daq/controller/DaqController.h"
@@ -15,7 +16,7 @@ namespace Harvane::RT::Modules::Daq {
 // The module object that the host holds: maps the host's lifecycle to the acquisition controller and the bridge, runs
 // the exchange of samples once a cycle, and is the host's clock, absolute time and, with a loop device, source of
 // cycles. It has no thread. Lifecycle calls and processData come one after the other; the clock and time queries may
-// come from any thread at any time between `configure` and the next one.
+// come from any thread at any time.
 class DaqModuleImpl : public GenericModuleImpl<Core::IPropertyObject, Core::IClockProvider, Core::IAbsTimeProvider,
                                                Core::ILoopProvider> {
 public:
@@ -42,7 +43,7 @@ public:
     Core::ErrCode getInterval(long* milliseconds) const override;
 
 protected:
-    // Once only, also when it failed: what it has built stays.
+    // A failure leaves the module empty. It may be tried again as long as nothing stands in the host's tree.
     void onAdd(const Core::ModuleAddParamsPtr& params) override;
     void onConfigure(const Core::ModuleConfigPtr& config) override;
     void onInitialize() override;
@@ -59,19 +60,27 @@ protected:
     int64_t clockBase = 1000000000;  // ticks per second of all clock values
 
 private:
+    // One step of the cycle, and what the log says in front of a failure's own text.
+    struct Stage {
+        const char* failure;
+        void (DaqModuleImpl::*run)();
+    };
+    static const Stage stages[];
+
     // For the bridge, which takes the address of the controller before that is built.
     DaqController& controller() { return daqController; }
-    void requireAdded() const;
+    void prepare();
+    void setUpRun();
     void forceRefreshTrackingAndErrorStatus();
-    void moveAsyncSamplesIn();
-    void moveAsyncSamplesOut();
+    int64_t readAbsTime(DaqTiming& timing);
+    void acquireData();
+    void receiveAsyncSamples();
+    void sendAsyncSamples();
+    void sendData();
 
-    bool addStarted_ = false;
     std::unique_ptr<RtcClasses> rtcClasses_;  // from add on: the tree has objects of these classes
-    // Samples of each entry of the channels map that its ring had lost before they could be passed on, in this run.
-    std::vector<int64_t> lostSamples_;
-    // Places of the asynchronous channels in the channels map, so that a cycle looks at no others.
-    std::vector<size_t> asyncChannels_;
+    AsyncExchange asyncExchange_{clockBase};
+    std::string timingFault_;  // what the timing device fails with; cycle thread
 };
 
 }  // namespace Harvane::RT::Modules::Daq

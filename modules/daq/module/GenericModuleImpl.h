@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include <zorn/objects/property_object_impl.h>
 #include <zorn/structure/module.h>
 
@@ -10,12 +12,20 @@ namespace Harvane::RT::Modules::Daq {
 template <class First, class... Interfaces>
 class GenericModuleImpl : public Core::GenericPropertyObjectImpl<First, Core::IModule, Interfaces...> {
 public:
+    // What a refused or failed call brings is not kept.
     Core::ErrCode add(Core::IModuleAddParams* parameters) override {
         return Core::wrapHandler([&] {
             const Core::ModuleAddParamsPtr params(parameters);
-            data = params.getData();
-            dataModule = params.getDataModule();
-            onAdd(params);
+            auto kept = std::pair(params.getData(), params.getDataModule());
+            std::swap(data, kept.first);
+            std::swap(dataModule, kept.second);
+            try {
+                onAdd(params);
+            } catch (...) {
+                std::swap(data, kept.first);
+                std::swap(dataModule, kept.second);
+                throw;
+            }
         });
     }
     Core::ErrCode remove() override {

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "modules/daq/objectmodel/RateDivider.h"
-
 namespace Harvane::RT::Modules::Daq {
 
 namespace {
@@ -88,14 +86,14 @@ void Channel::setRate(int rate) {
     if (sampleType == SampleType::Async) {
         asyncRate = rate;
     } else if (sampleType == SampleType::Sync && rate > 0) {
-        srDiv = rateDivider(deviceRate, rate);
+        srDiv = ChannelRate::of(deviceRate, rate).divider;
     }
 }
 
 int Channel::getRate() const {
     switch (sampleType) {
         case SampleType::Sync:
-            return deviceRate / std::max(srDiv, 1);
+            return exactRate().shown();
         case SampleType::Async:
             return asyncRate;
         case SampleType::SingleValue:

@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "modules/daq/objectmodel/ChannelBuffer.h"
+#include "modules/daq/objectmodel/ChannelRate.h"
 #include "modules/daq/objectmodel/DaqException.h"
 #include "modules/daq/objectmodel/DynArrayPositionIndex.h"
 #include "modules/daq/objectmodel/IChannelBuffer.h"
@@ -50,7 +51,10 @@ public:
     void setSRDiv(int divider);
     // Synchronous: sets the divider that gives this rate, a rate below 1 is ignored. Asynchronous: stores the rate.
     void setRate(int rate);
+    // Whole samples per second, as the user sees it.
     int getRate() const;
+    // Of a synchronous channel: the exact rate behind getRate().
+    ChannelRate exactRate() const { return {deviceRate, srDiv}; }
 
     // Samples: two seconds of the rate, rounded down to the granularity; 0 for an inactive channel.
     unsigned long calculateBufferCapacity();

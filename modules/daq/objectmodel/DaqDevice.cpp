@@ -6,6 +6,7 @@
 #include "modules/daq/objectmodel/DaqLoop.h"
 #include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/objectmodel/GenericDaqClock.h"
+#include "modules/daq/objectmodel/Log.h"
 #include "modules/daq/objectmodel/StatusDevice.h"
 #include "modules/daq/objectmodel/SubDevice.h"
 
@@ -70,6 +71,22 @@ void DaqDevice::finalizeAcquisition(bool) {
         connectionPoint->disconnectData();
     }
     Device::finalizeAcquisition(true);
+}
+
+void DaqDevice::abortAcquisition() noexcept {
+    Device::abortAcquisition();
+    try {
+        if (connectionPoint && connectionPoint->dataConnected) {
+            connectionPoint->disconnectData();
+        }
+    } catch (const std::exception& exception) {
+        LOG_WARNING << getDisplayName() << ": the data connection could not be ended: " << textOf(exception);
+    }
+}
+
+void DaqDevice::applySynchronization() {
+    appliedSynchronization = synchronization;
+    Device::applySynchronization();
 }
 
 SynchronizationOptions DaqDevice::getSynchronizationOptions() {

@@ -28,6 +28,9 @@ public:
     void initializeAcquisition(bool recursive) override;
     void startAcquisition(bool recursive) override;
     void finalizeAcquisition(bool recursive) override;
+    void abortAcquisition() noexcept override;
+    // Applies the chosen option to this device and its parts.
+    void applySynchronization() override;
 
     virtual SynchronizationOptions getSynchronizationOptions();
     // Command of the device's control entry; false when it isn't known.
@@ -49,7 +52,8 @@ public:
     std::shared_ptr<DaqClock> daqClock;     // This device's clock.
     std::shared_ptr<DaqClock> masterClock;  // The clock that it follows; its own at first.
     std::shared_ptr<DaqTiming> daqTiming;
-    Synchronization synchronization;  // The option chosen for this device.
+    Synchronization synchronization;         // The option chosen for this device.
+    Synchronization appliedSynchronization;  // The one that its parts run with: that of the last applySynchronization.
     std::shared_ptr<AIDevice> aiDevice;
     std::shared_ptr<SubDevice> aoDevice;
     std::shared_ptr<CANDevice> canDevice;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -20,7 +21,7 @@ public:
 
     std::shared_ptr<DaqDevice> getDaqDevice() const;
 
-    bool absTimeSynchronized = false;
+    std::atomic<bool> absTimeSynchronized{false};
 };
 
 }  // namespace Harvane::RT::Modules::Daq

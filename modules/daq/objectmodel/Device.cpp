@@ -5,8 +5,9 @@
 
 #include "modules/daq/objectmodel/Channel.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"
+#include "modules/daq/objectmodel/ChannelRate.h"
 #include "modules/daq/objectmodel/DaqException.h"
-#include "modules/daq/objectmodel/RateDivider.h"
+#include "modules/daq/objectmodel/Log.h"
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -37,48 +38,32 @@ void Device::initialize() {
             maxRate = owner->maxRate;
         }
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setParent(shared_from_this());
-            child->initialize();
-        }
-    }
+    forEachChild([&](Device& child) {
+        child.setParent(shared_from_this());
+        child.initialize();
+    });
 }
 
 std::vector<std::string> Device::checkHardware() {
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            auto errors = child->checkHardware();
-            if (!errors.empty()) {
-                return errors;
-            }
+    std::vector<std::string> errors;
+    forEachChild([&](Device& child) {
+        if (errors.empty()) {
+            errors = child.checkHardware();
         }
-    }
-    return {};
+    });
+    return errors;
 }
 
 void Device::initializeHardware() {
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->initializeHardware();
-        }
-    }
+    forEachChild([&](Device& child) { child.initializeHardware(); });
 }
 
 void Device::applySynchronization() {
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->applySynchronization();
-        }
-    }
+    forEachChild([&](Device& child) { child.applySynchronization(); });
 }
 
 void Device::buildChannelView() {
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->buildChannelView();
-        }
-    }
+    forEachChild([&](Device& child) { child.buildChannelView(); });
     channelView = std::make_shared<ChannelFolder>("Default channel view", false);
     for (const auto& channel : channels) {
         channelView->addChannel(channel);
@@ -90,11 +75,7 @@ void Device::prepareAcquisition(bool recursive) {
     if (!recursive) {
         return;
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->prepareAcquisition(recursive);
-        }
-    }
+    forEachChild([&](Device& child) { child.prepareAcquisition(recursive); });
 }
 
 void Device::initializeAcquisition(bool recursive) {
@@ -102,71 +83,53 @@ void Device::initializeAcquisition(bool recursive) {
     if (!recursive) {
         return;
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->initializeAcquisition(recursive);
-        }
-    }
+    forEachChild([&](Device& child) { child.initializeAcquisition(recursive); });
 }
 
 void Device::startAcquisition(bool recursive) {
     if (!recursive) {
         return;
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->startAcquisition(recursive);
-        }
-    }
+    forEachChild([&](Device& child) { child.startAcquisition(recursive); });
 }
 
 void Device::stopAcquisition(bool recursive) {
     if (!recursive) {
         return;
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->stopAcquisition(recursive);
-        }
-    }
+    forEachChild([&](Device& child) { child.stopAcquisition(recursive); });
 }
 
 void Device::finalizeAcquisition(bool recursive) {
     if (recursive) {
-        for (const auto& element : *this) {
-            if (auto* child = asDevice(element)) {
-                child->finalizeAcquisition(recursive);
-            }
-        }
+        forEachChild([&](Device& child) { child.finalizeAcquisition(recursive); });
     }
     channels.finalizeAcquisition();
 }
 
+// Children first, the way out. A failure of one leaves nobody out: each catches its own.
+void Device::abortAcquisition() noexcept {
+    forEachChild([](Device& child) { child.abortAcquisition(); });
+    try {
+        channels.finalizeAcquisition();
+    } catch (const std::exception& exception) {
+        LOG_WARNING << getDisplayName() << ": the channels' memory could not be given back: " << textOf(exception);
+    }
+}
+
 void Device::acquireData() {
     channels.beforeAcquireData();
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->acquireData();
-        }
-    }
+    forEachChild([&](Device& child) { child.acquireData(); });
     channels.afterAcquireData();
 }
 
 void Device::sendData() {
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->sendData();
-        }
-    }
+    forEachChild([&](Device& child) { child.sendData(); });
 }
 
 int Device::checkRate(int requested) const {
     int result = clampRate(requested, minRate, maxRate);
-    for (const auto& element : *this) {
-        if (const auto* child = asDevice(element)) {
-            result = child->checkRate(result);
-        }
-    }
+    forEachChild([&](Device& child) { result = child.checkRate(result); });
     return result;
 }
 
@@ -176,20 +139,14 @@ int Device::checkChannelRate(int channelNumber, int deviceRate, int requested) c
     if (channel->sampleType != SampleType::Sync) {
         return wanted;
     }
-    const std::int64_t full = checkRate(deviceRate);
-    const std::int64_t step = std::max(wanted, 1);
-    return static_cast<int>(full / std::max<std::int64_t>((step + full - 1) / step, 1));
+    return ChannelRate::atOrBelow(checkRate(deviceRate), std::max(wanted, 1));
 }
 
 void Device::setUsedChannels(bool recursive) {
     if (!recursive) {
         return;
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setUsedChannels(recursive);
-        }
-    }
+    forEachChild([&](Device& child) { child.setUsedChannels(recursive); });
 }
 
 unsigned long Device::getDeviceId() const {
@@ -233,19 +190,15 @@ void Device::setSRDiv(int divider) {
     for (const auto& channel : channels) {
         if (channel->sampleType == SampleType::Sync) {
             const int channelRate = checkChannelRate(channel->number, getRate(), getRate());
-            channel->setSRDiv(rateDivider(getRate(), channelRate) * divider);
+            channel->setSRDiv(ChannelRate::of(getRate(), channelRate).divider * divider);
         }
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setRate(child->checkRate(rate, getRate()));
-        }
-    }
+    forEachChild([&](Device& child) { child.setRate(child.checkRate(rate, getRate())); });
 }
 
 void Device::setRate(int newRate) {
     if (newRate > 0) {
-        setSRDiv(rateDivider(rate, newRate));
+        setSRDiv(ChannelRate::of(rate, newRate).divider);
     }
 }
 
@@ -257,12 +210,8 @@ void Device::setSampleRate(int newRate) {
     for (const auto& channel : channels) {
         channel->deviceRate = newRate;
     }
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setSampleRate(newRate);
-        }
-    }
-    setSRDiv(rateDivider(newRate, checkRate(newRate, newRate)));
+    forEachChild([&](Device& child) { child.setSampleRate(newRate); });
+    setSRDiv(ChannelRate::of(newRate, checkRate(newRate, newRate)).divider);
 }
 
 void Device::setMaxChannelsCount(int count) {
@@ -276,51 +225,35 @@ bool Device::channelExists(const std::shared_ptr<Channel>& channel) const {
 void Device::setOperationMode(OperationMode mode) {
     operationMode = mode;
     channels.operationMode = mode;
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setOperationMode(mode);
-        }
-    }
+    forEachChild([&](Device& child) { child.setOperationMode(mode); });
 }
 
 void Device::setAcqRunning(bool running) {
     acqRunning = running;
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setAcqRunning(running);
-        }
-    }
+    forEachChild([&](Device& child) { child.setAcqRunning(running); });
 }
 
 void Device::setAcqStopping(bool stopping) {
     acqStopping = stopping;
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            child->setAcqStopping(stopping);
-        }
-    }
+    forEachChild([&](Device& child) { child.setAcqStopping(stopping); });
 }
 
 Channels Device::getAllChannels() const {
     Channels all(channels);
-    for (const auto& element : *this) {
-        if (const auto* child = asDevice(element)) {
-            const Channels below = child->getAllChannels();
-            all.insert(all.end(), below.begin(), below.end());
-        }
-    }
+    forEachChild([&](Device& child) {
+        const Channels below = child.getAllChannels();
+        all.insert(all.end(), below.begin(), below.end());
+    });
     return all;
 }
 
 DaqVector<std::shared_ptr<Device>> Device::getAllDevices() {
     DaqVector<std::shared_ptr<Device>> all;
     all.push_back(std::static_pointer_cast<Device>(shared_from_this()));
-    for (const auto& element : *this) {
-        if (auto* child = asDevice(element)) {
-            const auto below = child->getAllDevices();
-            all.insert(all.end(), below.begin(), below.end());
-        }
-    }
+    forEachChild([&](Device& child) {
+        const auto below = child.getAllDevices();
+        all.insert(all.end(), below.begin(), below.end());
+    });
     return all;
 }
 

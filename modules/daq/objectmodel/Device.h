@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <limits>
 #include <memory>
 #include <string>
@@ -25,7 +26,7 @@ class Device : public TopologyElement {
 public:
     static constexpr int noMaxRate = std::numeric_limits<int>::max();
 
-    Device() : TopologyElement(this) {}
+    Device() = default;
     ~Device() override;
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
@@ -45,6 +46,9 @@ public:
     virtual void startAcquisition(bool recursive);
     virtual void stopAcquisition(bool recursive);
     virtual void finalizeAcquisition(bool recursive);
+    // Undoes what this device and its children have started, whatever state a failure has left them in. Harmless when
+    // nothing runs. A subclass ends its own, carries on past failures and logs them, and calls its base.
+    virtual void abortAcquisition() noexcept;
     virtual void acquireData();
     virtual void sendData();
     // The nearest rate that the device and its children can run at. A subclass that overrides this form needs
@@ -95,14 +99,22 @@ public:
     OperationMode operationMode = 0;
     DeviceChannels channels;
     std::shared_ptr<ChannelFolder> channelView;
-    bool acqRunning = false;
-    bool acqStopping = false;
+    // Set by the controller from the root down. Any thread may read them.
+    std::atomic<bool> acqRunning{false};
+    std::atomic<bool> acqStopping{false};
     ProtocolStack protocolStack;
 
+    Device* asDevice() final { return this; }
+
 protected:
-    // The device among the children, or null. Doesn't allocate: used in every cycle.
-    static Device* asDevice(const std::shared_ptr<TopologyElement>& element) {
-        return element ? element->asDevice() : nullptr;
+    // Calls `call` with each child that is a device, in list order. Allocates nothing: every cycle walks.
+    template <class Call>
+    void forEachChild(Call&& call) const {
+        for (const auto& element : *this) {
+            if (Device* const child = element ? element->asDevice() : nullptr) {
+                call(*child);
+            }
+        }
     }
 };
 

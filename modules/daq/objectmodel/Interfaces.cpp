@@ -3,9 +3,14 @@
 namespace Harvane::RT::Modules::Daq {
 
 Interfaces::~Interfaces() {
+    finalize();
+}
+
+void Interfaces::finalize() {
     for (const auto& interface : *this) {
         interface->finalize();
     }
+    clear();
 }
 
 void Interfaces::initialize() {

@@ -7,7 +7,7 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-// All interfaces of the process that owns it. Its destructor finalizes them.
+// All interfaces of the process that owns it. Its end finalizes them.
 class Interfaces : public DaqVector<std::shared_ptr<Interface>> {
 public:
     Interfaces() = default;
@@ -17,6 +17,8 @@ public:
 
     void initialize();
     void scan();
+    // Finalizes the interfaces and forgets them.
+    void finalize();
 };
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -22,16 +22,9 @@ public:
 
     // This element as a device; null for any other. The walks of every cycle ask it, and a dynamic cast takes longer
     // than what a device does when nothing is ready.
-    Device* asDevice() const { return device_; }
+    virtual Device* asDevice() { return nullptr; }
 
     int kind = 0;  // The host's tree shows only children of kind 0.
-
-protected:
-    TopologyElement() = default;
-    explicit TopologyElement(Device* self) : device_(self) {}
-
-private:
-    Device* device_ = nullptr;
 };
 
 }  // namespace Harvane::RT::Modules::Daq
