@@ -73,6 +73,7 @@ public:
     }
     void beforeAcquireData() override { steps.push_back(id + ".before"), Channel::beforeAcquireData(); }
     void afterAcquireData() override { steps.push_back(id + ".after"), Channel::afterAcquireData(); }
+    bool hasCycleHooks() const override { return true; }
     void finalizeAcquisition() override { steps.push_back(id + ".finalize"), Channel::finalizeAcquisition(); }
 
 private:

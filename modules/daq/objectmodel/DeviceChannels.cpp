@@ -12,10 +12,14 @@ void DeviceChannels::prepareAcquisition() {
 
 void DeviceChannels::initializeAcquisition() {
     active_.clear();
+    hooked_.clear();
     for (const auto& channel : *this) {
         channel->active = (channel->used || channel->enableFirst || operationMode == 0) && channel->enabled;
         if (channel->active) {
             active_.push_back(channel);
+            if (channel->hasCycleHooks()) {
+                hooked_.push_back(channel);
+            }
         }
         channel->initializeAcquisition();
     }
@@ -24,12 +28,15 @@ void DeviceChannels::initializeAcquisition() {
 
 void DeviceChannels::beforeAcquireData() {
     for (const auto& channel : active_) {
+        channel->samplesThisCycle = 0;
+    }
+    for (const auto& channel : hooked_) {
         channel->beforeAcquireData();
     }
 }
 
 void DeviceChannels::afterAcquireData() {
-    for (const auto& channel : active_) {
+    for (const auto& channel : hooked_) {
         channel->afterAcquireData();
     }
 }

@@ -11,7 +11,7 @@ public:
     void prepareAcquisition();
     // Settles which channels are active, counts them and initializes all of them; inactive ones get no memory.
     void initializeAcquisition();
-    // Active channels only.
+    // A cycle begins with no samples in the active channels.
     void beforeAcquireData();
     void afterAcquireData();
     void finalizeAcquisition();
@@ -21,7 +21,9 @@ public:
     OperationMode operationMode = 0;
 
 private:
-    std::vector<std::shared_ptr<Channel>> active_;  // of the present acquisition: what a cycle goes through
+    // Of the present acquisition: what a cycle goes through.
+    std::vector<std::shared_ptr<Channel>> active_;
+    std::vector<std::shared_ptr<Channel>> hooked_;  // of them, those that have something of their own to do
 };
 
 }  // namespace Harvane::RT::Modules::Daq
