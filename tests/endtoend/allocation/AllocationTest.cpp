@@ -3,47 +3,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "simulator/preload/Control.h"
-
-// Counts what the cycle's thread takes from the heap, by standing in front of the C library's allocator. Not built with
-// sanitizers, which stand there themselves.
-
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
-}
-
-namespace {
-
-thread_local bool counting = false;
-thread_local unsigned long allocations = 0;
-
-void count() {
-    if (counting) {
-        ++allocations;
-    }
-}
-
-}  // namespace
-
-extern "C" {
-__attribute__((visibility("default"))) void* malloc(size_t size) {
-    count();
-    return __libc_malloc(size);
-}
-__attribute__((visibility("default"))) void* calloc(size_t number, size_t size) {
-    count();
-    return __libc_calloc(number, size);
-}
-__attribute__((visibility("default"))) void* realloc(void* memory, size_t size) {
-    count();
-    return __libc_realloc(memory, size);
-}
-}
+#include "tests/endtoend/allocation/HeapCounter.h"
 
 using namespace Harvane::RT::Core;
 
@@ -60,17 +23,6 @@ void tick(const std::stop_token& stop) {
 }
 
 }  // namespace
-
-TEST(Allocation, CounterSeesTheHeap) {
-    counting = true;
-    void* volatile memory = std::malloc(10);
-    auto* volatile number = new int(3);
-    counting = false;
-    std::free(memory);
-    delete number;
-    EXPECT_GE(allocations, 2u);
-    allocations = 0;
-}
 
 TEST(Allocation, CycleTakesNothingFromTheHeap) {
     auto scenario = kestrixsim::Scenario::counters(2);
@@ -100,13 +52,12 @@ TEST(Allocation, CycleTakesNothingFromTheHeap) {
             ASSERT_EQ(cycle(), 0u);
         }
         const long before = channels[0].getSamplesAcquired();
-        allocations = 0;
-        counting = true;
-        for (int i = 0; i < 200; ++i) {
-            cycle();
-        }
-        counting = false;
-        EXPECT_EQ(allocations, 0u);
+        EXPECT_EQ(heapUseOf([&] {
+                      for (int i = 0; i < 200; ++i) {
+                          cycle();
+                      }
+                  }),
+                  0u);
         // 200 cycles of 50 ms at 15 MS/s, less a descriptor.
         EXPECT_NEAR(static_cast<double>(channels[0].getSamplesAcquired() - before), 200 * 0.05 * 15e6, 500000.0);
     }
