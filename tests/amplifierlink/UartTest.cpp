@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -51,6 +52,30 @@ TEST(Uart, initializeMakesTheLineRaw) {
     EXPECT_EQ(settings.c_cc[VTIME], 255);
     EXPECT_EQ(::cfgetospeed(&settings), static_cast<speed_t>(B9600));
     ::close(fd);
+}
+
+// The first terminal that a session without one opens becomes its own: with the amplifiers' line, a break on it would
+// end the host.
+TEST(Uart, portDoesNotBecomeTheTerminalOfTheSession) {
+    const ScriptedModule line;
+    const std::string path = line.path();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::setsid();
+        bool refused = true;
+        try {
+            Uart uart(path, B38400, 200);
+            uart.openDeviceFile();
+            refused = ::open("/dev/tty", O_RDWR) < 0;
+        } catch (...) {
+            ::_exit(2);
+        }
+        ::_exit(refused ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(Uart, failuresKeepTheirLineFeed) {

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 
 #include "modules/daq/daqdevices/kestrix/src/BoardMacAddress.h"
 #include "modules/daq/daqdevices/kestrix/src/GpioChipBase.h"
+#include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
 #include "modules/daq/daqdevices/kestrix/src/LedBase.h"
 #include "modules/daq/daqdevices/kestrix/src/PlatformPtpControl.h"
 #include "modules/daq/daqdevices/kestrix/src/PlatformScript.h"
@@ -53,6 +55,31 @@ TEST_F(PlatformTest, ScriptsTakeArgumentsAndReplyWithoutTheirLineEnds) {
     EXPECT_EQ(Platform::runScript(path, {"one", "two"}), "2:one:two\n" + std::string(1000, 'x'));
     EXPECT_EQ(Platform::runScript(path, {"irig master"}), "2:irig:master\n" + std::string(1000, 'x'));
     std::remove(path.c_str());
+}
+
+// What a script keeps open, a daemon that it starts keeps open: streams would run on after the module's end.
+TEST_F(PlatformTest, ScriptsHoldNothingOfTheInstrument) {
+    bringUp(warmScenario(2));
+    use({0, 3});
+    start();
+    const auto scriptHolds = [] {
+        return Platform::runScript("ls -l /proc/self/fd", {}).find("kestrix-device") != std::string::npos;
+    };
+    EXPECT_GE(kestrixsim::openDescriptors(), 8);  // memory, I2C, multiplexer, port, two streams a slot
+    EXPECT_FALSE(scriptHolds());
+    const int passedOn = open("/dev/i2c-1", O_RDWR);
+    EXPECT_TRUE(scriptHolds());
+    close(passedOn);
+    stop();
+}
+
+// The cycle reads them.
+TEST_F(PlatformTest, StreamsAreOpenedSoThatAReadNeverWaits) {
+    kestrixsim::reset(warmScenario(1));
+    const int next = dup(STDERR_FILENO);  // takes the lowest free descriptor
+    close(next);
+    const KestrixKernel kernel(1);
+    EXPECT_EQ(fcntl(next, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
 }
 
 TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {

@@ -8,6 +8,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <exception>
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -110,6 +113,31 @@ TEST(MmapRegisterAccess, movesOneWordWhateverTheSizeAndLeavesTheRest) {
     EXPECT_EQ(::pread(memory, found.data(), found.size(), 0), static_cast<ssize_t>(found.size()));
     EXPECT_EQ(found, content);
     ::close(memory);
+}
+
+// A store to a register waits in no cache.
+TEST(MmapRegisterAccess, memoryIsOpenedForSynchronousAccess) {
+    const int memory = memoryOf({0});
+    const int next = ::dup(memory);  // takes the lowest free descriptor
+    ::close(next);
+    const MmapRegisterAccess access(pathOf(memory));
+    EXPECT_EQ(::fcntl(next, F_GETFL) & (O_ACCMODE | O_SYNC), O_RDWR | O_SYNC);
+    ::close(memory);
+}
+
+// The text is the same for every node; what it was caused by tells them apart.
+TEST(RegisterAccess, whichNodeIsMissingStandsBehindTheFailure) {
+    const std::function<void()> cases[] = {[] { MmapRegisterAccess("/nonexistent/node"); },
+                                           [] { I2cRegisterAccess("/nonexistent/node"); }};
+    for (const auto& open : cases) {
+        try {
+            open();
+            FAIL();
+        } catch (const std::runtime_error& failure) {
+            EXPECT_EQ(failureOf([&] { std::rethrow_if_nested(failure); }),
+                      "/nonexistent/node: No such file or directory");
+        }
+    }
 }
 
 TEST(MmapRegisterAccess, failures) {

@@ -5,6 +5,8 @@
 
 #include <stdexcept>
 
+#include "libraries/devices/embedded/DeviceHandle.h"
+
 namespace Harvane::ZornLib::Devices::Embedded {
 
 namespace {
@@ -18,32 +20,22 @@ void requireCount(ssize_t count, size_t size, const char* text) {
 
 }  // namespace
 
-FileRegisterAccess::FileRegisterAccess(const std::string& devicePath) : fd_(::open(devicePath.c_str(), O_RDWR)) {
-    if (fd_ < 0) {
-        throw std::runtime_error("Failed to open device handle.");
-    }
-}
-
-FileRegisterAccess::~FileRegisterAccess() {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-}
+FileRegisterAccess::FileRegisterAccess(const std::string& devicePath) : file_(openDeviceHandle(devicePath, O_RDWR)) {}
 
 void FileRegisterAccess::write(uint64_t, uint64_t, const unsigned char* data, size_t size) {
     const std::lock_guard lock(sync_);
-    if (fd_ < 0) {
+    if (!file_.isOpen()) {
         throw std::runtime_error("File is not opened.");
     }
-    requireCount(::write(fd_, data, size), size, "Failed to write to the file (");
+    requireCount(::write(file_.get(), data, size), size, "Failed to write to the file (");
 }
 
 void FileRegisterAccess::read(uint64_t, uint64_t, unsigned char* data, size_t size) {
     const std::lock_guard lock(sync_);
-    if (fd_ < 0) {
+    if (!file_.isOpen()) {
         throw std::runtime_error("File is not opened.");
     }
-    requireCount(::read(fd_, data, size), size, "Failed to read from the file(");
+    requireCount(::read(file_.get(), data, size), size, "Failed to read from the file(");
 }
 
 std::recursive_mutex& FileRegisterAccess::getSync() {
@@ -51,7 +43,7 @@ std::recursive_mutex& FileRegisterAccess::getSync() {
 }
 
 int FileRegisterAccess::getFileDescriptor() const {
-    return fd_;
+    return file_.get();
 }
 
 }  // namespace Harvane::ZornLib::Devices::Embedded

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
+#include "libraries/utils/DeviceFile.h"
 
 namespace Harvane::ZornLib::Devices::Embedded {
 
@@ -12,9 +13,6 @@ class FileRegisterAccess : public IRegisterAccess {
 public:
     // Throws "Failed to open device handle.".
     explicit FileRegisterAccess(const std::string& devicePath);
-    FileRegisterAccess(const FileRegisterAccess&) = delete;
-    FileRegisterAccess& operator=(const FileRegisterAccess&) = delete;
-    ~FileRegisterAccess() override;
 
     void write(uint64_t address, uint64_t offset, const unsigned char* data, size_t size) override;
     void read(uint64_t address, uint64_t offset, unsigned char* data, size_t size) override;
@@ -25,7 +23,7 @@ protected:
 
 private:
     std::recursive_mutex sync_;
-    int fd_ = -1;
+    Utils::DeviceFile file_;
 };
 
 }  // namespace Harvane::ZornLib::Devices::Embedded

@@ -7,29 +7,22 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "libraries/devices/embedded/DeviceHandle.h"
+
 namespace Harvane::ZornLib::Devices::Embedded {
 
 MmapRegisterAccess::MmapRegisterAccess(const std::string& devicePath)
-    : fd_(::open(devicePath.c_str(), O_RDWR | O_SYNC)) {
-    if (fd_ < 0) {
-        throw std::runtime_error("Failed to open device handle.");
-    }
-}
-
-MmapRegisterAccess::~MmapRegisterAccess() {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-}
+    // O_SYNC: a store reaches the hardware and not a cache line.
+    : file_(openDeviceHandle(devicePath, O_RDWR | O_SYNC)) {}
 
 template <typename Access>
 void MmapRegisterAccess::accessWord(uint64_t address, Access access) {
     const std::lock_guard lock(sync_);
-    if (fd_ < 0) {
+    if (!file_.isOpen()) {
         throw std::runtime_error("File is not opened.");
     }
     const auto pageSize = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-    void* page = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd_,
+    void* page = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(),
                         static_cast<off_t>(address & ~(pageSize - 1)));
     if (page == MAP_FAILED) {
         throw std::runtime_error("Failed to map memory.");

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
+#include "libraries/utils/DeviceFile.h"
 
 namespace Harvane::ZornLib::Devices::Embedded {
 
@@ -12,9 +13,6 @@ class MmapRegisterAccess : public IRegisterAccess {
 public:
     // Throws "Failed to open device handle.".
     explicit MmapRegisterAccess(const std::string& devicePath);
-    MmapRegisterAccess(const MmapRegisterAccess&) = delete;
-    MmapRegisterAccess& operator=(const MmapRegisterAccess&) = delete;
-    ~MmapRegisterAccess() override;
 
     void write(uint64_t address, uint64_t offset, const unsigned char* data, size_t size) override;
     void read(uint64_t address, uint64_t offset, unsigned char* data, size_t size) override;
@@ -25,7 +23,7 @@ private:
     void accessWord(uint64_t address, Access access);
 
     std::recursive_mutex sync_;
-    int fd_ = -1;
+    Utils::DeviceFile file_;
 };
 
 }  // namespace Harvane::ZornLib::Devices::Embedded

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace Harvane::ZornLib::Protocols::Uart {
@@ -13,25 +14,19 @@ namespace Harvane::ZornLib::Protocols::Uart {
 Uart::Uart(std::string deviceFileName, unsigned int baudRate, unsigned int timeout)
     : deviceFileName_(std::move(deviceFileName)), timeout_(timeout), baudRate_(baudRate) {}
 
-Uart::~Uart() {
-    try {
-        closeDeviceFile();
-    } catch (const std::runtime_error&) {
-        // The descriptor is gone either way.
-    }
-}
-
 void Uart::openDeviceFile() {
     closeDeviceFile();
-    fd_ = ::open(deviceFileName_.c_str(), O_RDWR);
-    if (fd_ < 0) {
-        throw std::runtime_error("Cannot open file\n");
+    try {
+        // O_NOCTTY: a host without a terminal must not get the amplifiers' line as its own, with its signals.
+        file_ = Utils::openDevice(deviceFileName_, O_RDWR | O_NOCTTY);
+    } catch (const std::system_error&) {
+        std::throw_with_nested(std::runtime_error("Cannot open file\n"));
     }
 }
 
 void Uart::initialize() {
     termios settings{};
-    if (::tcgetattr(fd_, &settings) != 0) {
+    if (::tcgetattr(file_.get(), &settings) != 0) {
         throw std::runtime_error("Error: tcgetattr() failed.\n");
     }
 
@@ -45,20 +40,20 @@ void Uart::initialize() {
     settings.c_cc[VTIME] = static_cast<cc_t>(std::min(timeout_ / 100, 255u));
     settings.c_cc[VMIN] = 0;
 
-    ::tcflush(fd_, TCIOFLUSH);
+    ::tcflush(file_.get(), TCIOFLUSH);
     ::cfsetispeed(&settings, baudRate_);
     ::cfsetospeed(&settings, baudRate_);
-    if (::tcsetattr(fd_, TCSANOW, &settings) != 0) {
+    if (::tcsetattr(file_.get(), TCSANOW, &settings) != 0) {
         throw std::runtime_error("Error: tcsetattr() failed.\n");
     }
 }
 
 void Uart::clear() {
-    ::tcflush(fd_, TCIOFLUSH);
+    ::tcflush(file_.get(), TCIOFLUSH);
 }
 
 size_t Uart::writeData(const unsigned char* data, size_t size) {
-    const ssize_t count = ::write(fd_, data, size);
+    const ssize_t count = ::write(file_.get(), data, size);
     if (count < 0) {
         throw std::runtime_error("Error: write() failed.\n");
     }
@@ -66,7 +61,7 @@ size_t Uart::writeData(const unsigned char* data, size_t size) {
 }
 
 size_t Uart::readData(unsigned char* data, size_t size) {
-    const ssize_t count = ::read(fd_, data, size);
+    const ssize_t count = ::read(file_.get(), data, size);
     if (count < 0) {
         throw std::runtime_error("Error: read() failed.\n");
     }
@@ -74,10 +69,7 @@ size_t Uart::readData(unsigned char* data, size_t size) {
 }
 
 void Uart::closeDeviceFile() {
-    if (fd_ <= 0) {
-        return;
-    }
-    if (::close(std::exchange(fd_, -1)) != 0) {
+    if (!file_.close()) {
         throw std::runtime_error("Error: close file failed.\n");
     }
 }

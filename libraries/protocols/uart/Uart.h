@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <string>
 
+#include "libraries/utils/DeviceFile.h"
+
 namespace Harvane::ZornLib::Protocols::Uart {
 
 // A serial port in raw mode: 8 data bits, no parity, one stop bit, no flow control. Failures are std::runtime_error.
@@ -12,11 +14,8 @@ public:
     // `baudRate` is a termios speed constant such as B38400, `timeout` the longest wait of a read in milliseconds, of
     // which the port keeps whole tenths of a second, 255 at most. Opens nothing.
     Uart(std::string deviceFileName, unsigned int baudRate, unsigned int timeout);
-    Uart(const Uart&) = delete;
-    Uart& operator=(const Uart&) = delete;
-    ~Uart();
 
-    // Throws "Cannot open file\n".
+    // Throws "Cannot open file\n" around the std::system_error that names path and reason.
     void openDeviceFile();
     // Sets the port up from baud rate and timeout.
     void initialize();
@@ -42,7 +41,7 @@ private:
     std::string deviceFileName_;
     unsigned int timeout_;
     unsigned int baudRate_;
-    int fd_ = -1;
+    Utils::DeviceFile file_;
 };
 
 }  // namespace Harvane::ZornLib::Protocols::Uart

@@ -94,17 +94,12 @@ bool readsBack(int fd, const MuxHardware& hardware, unsigned char value) {
 
 UartMux::UartMux(const char* deviceName, board_t board) : deviceName_(deviceName), board_(board) {
     KESTRIX_LOG(1, "opening i2c device {}", deviceName_);
-    fd_ = ::open(deviceName, O_RDWR);
-    if (fd_ < 0) {
-        const std::runtime_error failure = systemError(errno);
+    try {
+        file_ = Utils::openDevice(deviceName_, O_RDWR);
+    } catch (const std::system_error& error) {
+        const std::runtime_error failure = systemError(error.code().value());
         KESTRIX_LOG(5, "unable to open i2c device {}, {}", deviceName_, failure.what());
         throw failure;
-    }
-}
-
-UartMux::~UartMux() {
-    if (fd_ >= 0) {
-        ::close(fd_);
     }
 }
 
@@ -119,8 +114,8 @@ void UartMux::selectChannel(int channel) const {
 
     for (int n = 0; n < maxTries; ++n) {
         KESTRIX_LOG(2, fmt::runtime(hardware.selectingText), channel);
-        writeValue(fd_, hardware, value);
-        if (readsBack(fd_, hardware, value)) {
+        writeValue(file_.get(), hardware, value);
+        if (readsBack(file_.get(), hardware, value)) {
             return;
         }
         KESTRIX_LOG(4, fmt::runtime(hardware.retryText), channel, n);

@@ -3,6 +3,8 @@
 #include <mutex>
 #include <string>
 
+#include "libraries/utils/DeviceFile.h"
+
 namespace Harvane::Shared::Kestrix {
 
 // Which multiplexer the board has; the values of RegistersAddress::deviceType.
@@ -17,9 +19,6 @@ class UartMux {
 public:
     // Throws std::runtime_error with the text of errno when the bus can't be opened.
     UartMux(const char* deviceName, board_t board);
-    UartMux(const UartMux&) = delete;
-    UartMux& operator=(const UartMux&) = delete;
-    ~UartMux();
 
     // Runs the whole sequence, also for the channel already selected. Throws std::runtime_error with the text of errno
     // when the bus fails, or when no module can have that channel (0 to 7); std::logic_error when the multiplexer has
@@ -30,7 +29,7 @@ private:
     mutable std::mutex mutex_;
     std::string deviceName_;
     board_t board_;
-    int fd_ = -1;
+    Utils::DeviceFile file_;
 };
 
 }  // namespace Harvane::Shared::Kestrix

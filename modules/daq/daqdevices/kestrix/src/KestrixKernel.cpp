@@ -2,10 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
@@ -42,36 +42,21 @@ KestrixKernel::KestrixKernel(int channel)
     : defaultBdSize(channel % 2 == 0 ? 937500 : 234375), bdSize(defaultBdSize), deviceName(makeDeviceName(channel)) {
     KESTRIX_LOG(2, "initialize KestrixKernel, channel: {}", channel);
     KESTRIX_LOG(2, "channel: {}, device name: {}", channel, deviceName);
-    try {
-        configure();
-    } catch (...) {
-        closeDevice();
-        throw;
-    }
-}
-
-KestrixKernel::~KestrixKernel() {
-    closeDevice();
+    configure();
 }
 
 void KestrixKernel::configure() {
-    fd_ = open(deviceName.c_str(), O_RDWR | O_NONBLOCK);
-    if (fd_ < 0) {
-        KESTRIX_LOG(6, "unable to open device: {}, err={}", deviceName, strerror(errno));
+    try {
+        file_ = Utils::openDevice(deviceName, O_RDWR | O_NONBLOCK);
+    } catch (const std::system_error& error) {
+        KESTRIX_LOG(6, "unable to open device: {}, err={}", deviceName, error.code().message());
         throw std::runtime_error("Cannot open device file");
     }
-    if (ioctl(fd_, setBdCntRequest, static_cast<unsigned long>(bdCount)) < 0) {
+    if (ioctl(file_.get(), setBdCntRequest, static_cast<unsigned long>(bdCount)) < 0) {
         fail("SET_BD_CNT");
     }
     setBdSize();
     reserveBdMemory(false);
-}
-
-void KestrixKernel::closeDevice() {
-    if (fd_ > 0) {
-        close(fd_);
-        fd_ = -1;
-    }
 }
 
 void KestrixKernel::fail(const char* what) const {
@@ -81,7 +66,7 @@ void KestrixKernel::fail(const char* what) const {
 
 void KestrixKernel::setBdSize() {
     KESTRIX_LOG(2, "setting BD size, device: {}, sz: {}", deviceName, bdSize);
-    if (ioctl(fd_, setBdSizeRequest, static_cast<unsigned long>(bdSize)) != 0) {
+    if (ioctl(file_.get(), setBdSizeRequest, static_cast<unsigned long>(bdSize)) != 0) {
         KESTRIX_LOG(6, "SET_BD_SIZE ioctl error, device: {}, sz: {}, err={}", deviceName, bdSize, strerror(errno));
         throw std::runtime_error("SET_BD_SIZE ioctl error");
     }
@@ -89,7 +74,7 @@ void KestrixKernel::setBdSize() {
 
 void KestrixKernel::reserveBdMemory(bool usbMode) {
     KESTRIX_LOG(2, "reserving BD memory, device: {}", deviceName);
-    if (ioctl(fd_, reserveBdMemRequest.of(usbMode), 0UL) < 0) {
+    if (ioctl(file_.get(), reserveBdMemRequest.of(usbMode), 0UL) < 0) {
         fail("RESERVE_BD_MEM");
     }
 }
@@ -102,14 +87,14 @@ void KestrixKernel::updateConfiguration(bool usbMode) {
 
 void KestrixKernel::startTransfer(bool usbMode) {
     KESTRIX_LOG(1, "starting {} data transfer, device mode: {}", deviceName, modeName(usbMode));
-    if (ioctl(fd_, startTransferRequest.of(usbMode), 0UL) < 0) {
+    if (ioctl(file_.get(), startTransferRequest.of(usbMode), 0UL) < 0) {
         fail("START_TRANSFER");
     }
 }
 
 void KestrixKernel::stopTransfer(bool usbMode) {
     KESTRIX_LOG(1, "stopping {} data transfer, device mode: {}", deviceName, modeName(usbMode));
-    if (ioctl(fd_, stopTransferRequest.of(usbMode), 0UL) < 0) {
+    if (ioctl(file_.get(), stopTransferRequest.of(usbMode), 0UL) < 0) {
         fail("STOP_TRANSFER");
     }
 }

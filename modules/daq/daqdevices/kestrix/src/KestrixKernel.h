@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "libraries/utils/DeviceFile.h"
+
 namespace Harvane::RT::Modules::Daq {
 
 // One DMA stream of the kernel driver: even AI channels are the raw stream of module channel / 2, odd ones its
@@ -15,9 +17,6 @@ class KestrixKernel {
 public:
     // Opens the device and reserves the default descriptors.
     explicit KestrixKernel(int channel);
-    ~KestrixKernel();
-    KestrixKernel(const KestrixKernel&) = delete;
-    KestrixKernel& operator=(const KestrixKernel&) = delete;
 
     // Tells the driver the present bdSize and reserves the memory anew.
     void updateConfiguration(bool usbMode);
@@ -27,7 +26,7 @@ public:
     // Reads what is ready, `size` bytes at most, and never waits. Returns the number of bytes; -1 when nothing is
     // ready. Real-time safe except when it fails.
     long acquireData(unsigned char* buffer, unsigned long size) {
-        const ssize_t count = read(fd_, buffer, size);
+        const ssize_t count = read(file_.get(), buffer, size);
         if (count < 0 && errno != EAGAIN) [[unlikely]] {
             failRead();
         }
@@ -43,11 +42,10 @@ private:
     void configure();
     void setBdSize();
     void reserveBdMemory(bool usbMode);
-    void closeDevice();
     [[noreturn]] void fail(const char* what) const;
     [[noreturn]] void failRead() const;
 
-    int32_t fd_ = -1;
+    Utils::DeviceFile file_;
 };
 
 }  // namespace Harvane::RT::Modules::Daq

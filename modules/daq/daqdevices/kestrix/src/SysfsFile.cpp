@@ -5,7 +5,12 @@
 #include <cerrno>
 #include <system_error>
 
+#include "libraries/utils/DeviceFile.h"
+
 namespace Harvane::RT::Modules::Daq::Platform {
+
+using Utils::DeviceFile;
+using Utils::openDevice;
 
 namespace {
 
@@ -13,26 +18,12 @@ namespace {
     throw std::system_error(errno, std::generic_category(), path);
 }
 
-class SysfsFile {
-public:
-    SysfsFile(const std::string& path, int flags) : fd(open(path.c_str(), flags | O_CLOEXEC)) {
-        if (fd < 0) {
-            fail(path);
-        }
-    }
-    ~SysfsFile() { close(fd); }
-    SysfsFile(const SysfsFile&) = delete;
-    SysfsFile& operator=(const SysfsFile&) = delete;
-
-    const int fd;
-};
-
 }  // namespace
 
 size_t writeSysfs(const std::string& path, std::string_view bytes) {
     // The kernel takes each write as the whole value; O_TRUNC makes it so where a plain file stands in.
-    const SysfsFile file(path, O_WRONLY | O_TRUNC);
-    const ssize_t written = write(file.fd, bytes.data(), bytes.size());
+    const DeviceFile file = openDevice(path, O_WRONLY | O_TRUNC);
+    const ssize_t written = write(file.get(), bytes.data(), bytes.size());
     if (written < 0) {
         fail(path);
     }
@@ -40,9 +31,9 @@ size_t writeSysfs(const std::string& path, std::string_view bytes) {
 }
 
 std::string readSysfs(const std::string& path, size_t maxSize) {
-    const SysfsFile file(path, O_RDONLY);
+    const DeviceFile file = openDevice(path, O_RDONLY);
     std::string bytes(maxSize, '\0');
-    const ssize_t count = read(file.fd, bytes.data(), bytes.size());
+    const ssize_t count = read(file.get(), bytes.data(), bytes.size());
     if (count < 0) {
         fail(path);
     }
