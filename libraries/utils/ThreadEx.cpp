@@ -3,11 +3,46 @@
 #include <pthread.h>
 
 #include <exception>
+#include <shared_mutex>
 #include <stdexcept>
+#include <utility>
 
 namespace Harvane::Utils::Threading {
 
-ThreadEx::ThreadEx() = default;
+namespace {
+
+// The lock is held, shared, through every call: whoever replaces the reporter waits for those in progress.
+struct ReporterInForce {
+    std::shared_mutex mutex;
+    ThreadEx::Reporter reporter;
+};
+
+ReporterInForce& reporterInForce() {
+    static ReporterInForce inForce;
+    return inForce;
+}
+
+std::string textOf(const std::exception& failure) {
+    std::string text = failure.what() == nullptr ? "" : failure.what();
+    while (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    if (text.empty()) {
+        text = "Unknown exception.";
+    }
+    try {
+        std::rethrow_if_nested(failure);
+    } catch (const std::exception& cause) {
+        text += " (" + textOf(cause) + ")";
+    } catch (...) {
+        // The cause has no words.
+    }
+    return text;
+}
+
+}  // namespace
+
+ThreadEx::ThreadEx(std::string name) : name_(std::move(name)) {}
 ThreadEx::~ThreadEx() = default;
 
 void ThreadEx::start() {
@@ -41,28 +76,64 @@ void ThreadEx::waitFor() {
 // The one place where what execute throws ends: beyond it the process would.
 void ThreadEx::mainThread() noexcept {
     try {
+        setThreadName(name_.c_str());
         execute();
     } catch (...) {
-        reportCurrentException();
+        reportCurrentException("ended");
     }
+    ended();
     finished_.store(true, std::memory_order_release);
 }
 
-void ThreadEx::reportCurrentException() noexcept {
-    if (!exceptionAdapter_) {
-        return;
-    }
+void ThreadEx::report(const std::string& text) noexcept {
     try {
-        try {
-            throw;
-        } catch (const std::exception& failure) {
-            exceptionAdapter_->handleException(failure.what());
-        } catch (...) {
-            exceptionAdapter_->handleException("Unknown exception.");
+        if (exceptionAdapter_) {
+            exceptionAdapter_->handleException(text);
         }
     } catch (...) {
-        // The adapter failed as well; nobody is left to tell.
+        // Of the two that are told one has failed; the other hears it still.
     }
+    try {
+        ReporterInForce& inForce = reporterInForce();
+        const std::shared_lock lock(inForce.mutex);
+        if (inForce.reporter) {
+            inForce.reporter(name_.c_str(), text);
+        }
+    } catch (...) {
+        // Nobody is left to tell.
+    }
+}
+
+void ThreadEx::reportCurrentException(const char* what) noexcept {
+    try {
+        report(std::string(what) + ": " + textOfCurrentException());
+    } catch (...) {
+        report({});  // no memory for words
+    }
+}
+
+std::string ThreadEx::textOfCurrentException() {
+    try {
+        throw;
+    } catch (const std::exception& failure) {
+        return textOf(failure);
+    } catch (...) {
+        return "Unknown exception.";
+    }
+}
+
+const std::string& ThreadEx::getName() const {
+    return name_;
+}
+
+void ThreadEx::setName(std::string name) {
+    name_ = std::move(name);
+}
+
+void ThreadEx::setReporter(Reporter reporter) {
+    ReporterInForce& inForce = reporterInForce();
+    const std::unique_lock lock(inForce.mutex);
+    inForce.reporter = std::move(reporter);
 }
 
 bool ThreadEx::getTerminated() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,14 +28,18 @@ enum class ThreadExPriority : int {
 // joined (waitFor); from there it can start again. It must be joined before it is destroyed: a destructor that finds
 // the thread joinable ends the process. A derived class therefore stops in its own destructor.
 //
-// An exception that leaves execute ends the run in order and goes to the exception adapter; without an adapter nobody
-// hears of it.
+// An exception that leaves execute ends the run in order. What it says goes to the exception adapter, if there is one,
+// and to the reporter of the process.
 //
 // start, stop, waitFor and getStarted belong to one owner; terminate, getTerminated and getFinished may be used from
 // any thread. stop and waitFor must not be called from the thread itself.
 class ThreadEx {
 public:
-    ThreadEx();
+    // Told what happens on a thread that nobody else would hear of: the thread's name and a text. Called on that
+    // thread, perhaps by several threads at a time. What it throws is dropped. It must not set a reporter.
+    using Reporter = std::function<void(const char* thread, const std::string& text)>;
+
+    explicit ThreadEx(std::string name = "thread");
     ThreadEx(const ThreadEx&) = delete;
     ThreadEx& operator=(const ThreadEx&) = delete;
     virtual ~ThreadEx();
@@ -59,6 +64,14 @@ public:
     ThreadExPriority getPriority() const;
     void setPriority(ThreadExPriority priority);
 
+    // In reports and, cut to 15 characters, for the operating system. Set it before start.
+    const std::string& getName() const;
+    void setName(std::string name);
+
+    // One for all threads of the library, from any thread; empty: none. When it returns the one before is in use no
+    // more.
+    static void setReporter(Reporter reporter);
+
     // For the use of derived classes and callers; no operation of this class takes it.
     std::recursive_mutex& getLock();
 
@@ -70,12 +83,20 @@ public:
     static void setThreadName(const char* name);
 
 protected:
-    // Hands the exception in flight to the adapter, if there is one. Only inside a catch block.
-    void reportCurrentException() noexcept;
+    // Called on the thread when execute has returned or failed, ahead of getFinished. Every run passes here.
+    virtual void ended() noexcept {}
+
+    // Tells the adapter, if there is one, and the reporter.
+    void report(const std::string& text) noexcept;
+    // "what: text of the exception in flight". Only inside a catch block.
+    void reportCurrentException(const char* what) noexcept;
+    // What the exception in flight says, with what it was caused by in brackets. Never empty.
+    static std::string textOfCurrentException();
 
 private:
     void mainThread() noexcept;
 
+    std::string name_;
     std::recursive_mutex lock_;
     std::atomic<bool> terminated_{false};
     std::atomic<bool> finished_{false};

@@ -1,5 +1,6 @@
 #include "libraries/utils/TimerThread.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <stdexcept>
@@ -42,8 +43,9 @@ timespec plusMilliseconds(timespec base, int milliseconds) {
 
 }  // namespace
 
-TimerThread::TimerThread(int intervalMs, std::function<void()> callback, int delayMs, TimerMode mode)
-    : intervalMs_(intervalMs),
+TimerThread::TimerThread(int intervalMs, std::function<void()> callback, int delayMs, TimerMode mode, std::string name)
+    : ThreadEx(std::move(name)),
+      intervalMs_(intervalMs),
       delayMs_(delayMs == -1 ? intervalMs : delayMs),
       timerMode_(mode),
       callback_(std::move(callback)) {
@@ -81,7 +83,8 @@ void TimerThread::stop() {
 }
 
 void TimerThread::execute() {
-    const int periodMs = delayMs_;
+    const int periodMs = std::max(delayMs_.load(), 1);
+    FaultReport faults("callback");
     timespec deadline = plusMilliseconds(monotonicNow(), periodMs);
     MutexGuard guard(mutex_);
     while (!getTerminated()) {
@@ -89,13 +92,26 @@ void TimerThread::execute() {
             continue;
         }
         ++noOfCallbacks_;
+        callAndReport(faults);
+        const timespec base = timerMode_ == TimerMode::FromCallbackEnd ? monotonicNow() : deadline;
+        deadline = plusMilliseconds(base, periodMs);
+    }
+}
+
+void TimerThread::callAndReport(FaultReport& faults) noexcept {
+    try {
+        std::string failure;
         try {
             executeTimerCallback();
         } catch (...) {
-            reportCurrentException();
+            failure = textOfCurrentException();
         }
-        const timespec base = timerMode_ == TimerMode::FromCallbackEnd ? monotonicNow() : deadline;
-        deadline = plusMilliseconds(base, periodMs);
+        const std::string text = faults.after(failure, FaultReport::Clock::now());
+        if (!text.empty()) {
+            report(text);
+        }
+    } catch (...) {
+        // No memory for words: the next period has another try.
     }
 }
 
@@ -118,7 +134,7 @@ int TimerThread::getDelayMs() const {
 }
 
 void TimerThread::setDelayMs(int delayMs) {
-    delayMs_ = delayMs;
+    delayMs_ = delayMs == -1 ? intervalMs_.load() : delayMs;
 }
 
 TimerMode TimerThread::getTimerMode() const {

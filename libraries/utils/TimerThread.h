@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "libraries/utils/FaultReport.h"
 #include "libraries/utils/ThreadEx.h"
 
 namespace Harvane::Utils::Threading {
@@ -17,14 +18,15 @@ enum class TimerMode : int {
 
 // Calls a function periodically on a thread of its own, paced by the monotonic clock.
 //
-// The period is the delay as it stood at start; setDelayMs takes effect at the next start. The interval only gives the
-// delay its value when that is -1. An exception of the callback goes to the exception adapter, if there is one, and
-// the timer carries on with the next period. stop wakes a waiting timer at once and otherwise waits for the callback
-// in progress; a callback must not stop its own timer. A derived class that overrides executeTimerCallback stops in
-// its own destructor.
+// The period is the delay as it stood at start, in ms; setDelayMs takes effect at the next start. A delay of -1 stands
+// for the interval, which has no other use. A period below 1 ms is run as one of 1 ms. A callback that fails doesn't
+// end the timer: adapter and reporter are told as FaultReport has it, and the next period comes. stop wakes a waiting
+// timer at once and otherwise waits for the callback in progress; a callback must not stop its own timer. A derived
+// class that overrides executeTimerCallback stops in its own destructor.
 class TimerThread : public ThreadEx {
 public:
-    TimerThread(int intervalMs, std::function<void()> callback, int delayMs, TimerMode mode);
+    TimerThread(int intervalMs, std::function<void()> callback, int delayMs, TimerMode mode,
+                std::string name = "timer");
     ~TimerThread() override;
 
     // Throws std::runtime_error "Thread is already started.".
@@ -37,7 +39,7 @@ public:
     int getIntervalMs() const;
     void setIntervalMs(int intervalMs);
     int getDelayMs() const;
-    void setDelayMs(int delayMs);
+    void setDelayMs(int delayMs);  // -1: the interval as it is now
 
     // Mode and callback are set before start: the running thread reads them without a lock.
     TimerMode getTimerMode() const;
@@ -49,6 +51,8 @@ public:
     uint64_t getNoOfCallbacks() const;
 
 private:
+    void callAndReport(FaultReport& faults) noexcept;
+
     pthread_mutex_t mutex_;
     pthread_cond_t condition_;
     std::atomic<uint64_t> noOfCallbacks_{0};

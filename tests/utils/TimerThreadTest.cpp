@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <future>
@@ -10,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "libraries/utils/FaultReport.h"
+
 // Times are only tested from below: a loaded machine makes any call late, none early.
 namespace {
 
@@ -17,7 +20,7 @@ using namespace Harvane::Utils::Threading;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr int oneHourMs = 3600 * 1000;
+constexpr int farOffMs = 20 * 1000;
 
 // Callbacks as they come, for a test to await.
 class Calls {
@@ -52,21 +55,31 @@ private:
     std::vector<Span> spans_;
 };
 
-TEST(TimerThread, firstAndLaterCallsComeOneDelayApart) {
-    // The interval only stands in for a delay of -1.
-    for (const int delayMs : {-1, 40}) {
-        SCOPED_TRACE(delayMs);
-        const auto period = std::chrono::milliseconds(delayMs == -1 ? 20 : delayMs);
+TEST(TimerThread, firstAndLaterCallsComeOnePeriodApart) {
+    struct {
+        int delayMs;
+        std::chrono::milliseconds period;
+        bool setLater;
+    } const cases[] = {
+        // -1 stands for the interval of 20 ms; no period is below 1 ms.
+        {-1, 20ms, false}, {40, 40ms, false}, {0, 1ms, false}, {-7, 1ms, false},
+        {-1, 20ms, true},  {40, 40ms, true},  {0, 1ms, true},  {-7, 1ms, true},
+    };
+    for (const auto& entry : cases) {
+        SCOPED_TRACE(std::to_string(entry.delayMs) + (entry.setLater ? " set later" : ""));
         Calls calls;
-        TimerThread timer(20, calls.callback(), delayMs, TimerMode::FromCallbackEnd);
+        TimerThread timer(20, calls.callback(), entry.setLater ? farOffMs : entry.delayMs, TimerMode::FromCallbackEnd);
+        if (entry.setLater) {
+            timer.setDelayMs(entry.delayMs);
+        }
         EXPECT_EQ(timer.getIntervalMs(), 20);
-        EXPECT_EQ(timer.getDelayMs(), period.count());
+        EXPECT_EQ(timer.getDelayMs(), entry.delayMs == -1 ? 20 : entry.delayMs);
         const auto started = Clock::now();
         timer.start();
         const auto spans = calls.await(3);
-        EXPECT_GE(spans[0].begin - started, period);
-        EXPECT_GE(spans[1].begin - spans[0].end, period);
-        EXPECT_GE(spans[2].begin - spans[1].end, period);
+        EXPECT_GE(spans[0].begin - started, entry.period);
+        EXPECT_GE(spans[1].begin - spans[0].end, entry.period);
+        EXPECT_GE(spans[2].begin - spans[1].end, entry.period);
     }
 }
 
@@ -93,7 +106,7 @@ TEST(TimerThread, changedDelayCountsFromTheNextStart) {
     TimerThread timer(5, calls.callback(), -1, TimerMode::FromCallbackEnd);
     timer.start();
     calls.await(1);
-    timer.setDelayMs(oneHourMs);
+    timer.setDelayMs(farOffMs);
     calls.await(3);
     timer.stop();
     timer.setDelayMs(30);
@@ -112,23 +125,35 @@ TEST(TimerThread, countStartsAtZeroWithEveryStart) {
     EXPECT_THROW(timer.start(), std::runtime_error);
     EXPECT_GE(timer.getNoOfCallbacks(), 3u);
     timer.stop();
-    timer.setDelayMs(oneHourMs);
+    timer.setDelayMs(farOffMs);
     timer.start();
     EXPECT_EQ(timer.getNoOfCallbacks(), 0u);
 }
 
-// A notification that is lost between the test of the flag and the wait would cost an hour here.
+// A notification that is lost between the test of the flag and the wait ends in a callback at the deadline.
 TEST(TimerThread, stopWakesAWaitingTimerWhateverItWasDoing) {
     TimerThread timer(
-        oneHourMs, [] {}, -1, TimerMode::FromCallbackEnd);
+        farOffMs, [] {}, -1, TimerMode::FromCallbackEnd);
     for (int n = 0; n < 300; ++n) {
         timer.start();
         for (int spin = 0; spin < n; ++spin) {
             std::this_thread::yield();
         }
         timer.stop();
-        EXPECT_EQ(timer.getNoOfCallbacks(), 0u);
+        ASSERT_EQ(timer.getNoOfCallbacks(), 0u);
     }
+}
+
+// A timer that isn't woken ends at its deadline, and calls back once more.
+TEST(TimerThread, destructionWakesAWaitingTimer) {
+    int calls = 0;
+    {
+        TimerThread timer(
+            farOffMs, [&] { ++calls; }, -1, TimerMode::FromCallbackEnd);
+        timer.start();
+        std::this_thread::sleep_for(20ms);  // into its wait
+    }
+    EXPECT_EQ(calls, 0);
 }
 
 TEST(TimerThread, stopWaitsForTheCallbackInProgress) {
@@ -147,31 +172,76 @@ TEST(TimerThread, stopWaitsForTheCallbackInProgress) {
     EXPECT_FALSE(timer.getStarted());
 }
 
-TEST(TimerThread, exceptionOfACallbackIsReportedAndTheTimerGoesOn) {
+TEST(TimerThread, failingCallbackIsToldByItsChangesAndTheTimerGoesOn) {
+    using Texts = std::vector<std::string>;
     class Collector : public ThreadExceptionAdapter {
     public:
         void handleException(const std::string& text) override { texts.push_back(text); }
-        std::vector<std::string> texts;
+        Texts texts;
     };
     Collector collector;
+    Texts reports;
+    ThreadEx::setReporter([&](const char* thread, const std::string& text) {
+        EXPECT_STREQ(thread, "phaseTimer");
+        reports.push_back(text);
+        throw std::runtime_error("the log is full");
+    });
+    const Texts outcomes{"", "stuck", "stuck", "stuck", "gone", "gone", "", "", "gone", "", "?", "?"};
     Calls calls;
-    int runs = 0;
+    size_t run = 0;
     TimerThread timer(
         1,
         [&, next = calls.callback()] {
-            const int run = runs++;
+            const std::string outcome = outcomes[std::min(run++, outcomes.size() - 1)];
             next();
-            if (run < 2) {
-                throw std::runtime_error("reading " + std::to_string(run));
+            if (outcome == "?") {
+                throw 1;
+            }
+            if (!outcome.empty()) {
+                throw std::runtime_error(outcome);
             }
         },
-        -1, TimerMode::FromCallbackEnd);
+        -1, TimerMode::FromCallbackEnd, "phaseTimer");
     timer.setExceptionAdapter(&collector);
     timer.start();
-    calls.await(4);
+    calls.await(outcomes.size() + 2);
     EXPECT_FALSE(timer.getFinished());
     timer.stop();
-    EXPECT_EQ(collector.texts, (std::vector<std::string>{"reading 0", "reading 1"}));
+    ThreadEx::setReporter({});
+    const Texts expected{
+        "callback failed: stuck", "callback failed: gone (4 failures so far)", "callback works again after 5 failures",
+        "callback failed: gone",  "callback works again after 1 failure",      "callback failed: Unknown exception."};
+    EXPECT_EQ(reports, expected);
+    EXPECT_EQ(collector.texts, expected);
+}
+
+// A fault that comes and goes, or whose text never stays the same, must not fill the log in a recording of days.
+TEST(FaultReport, changesAreToldTenTimesInTenMinutesAndThenHowThingsStand) {
+    struct {
+        const char* what;
+        std::function<std::string(int)> failure;  // of try n, one every 10 ms
+        const char* last;                         // when from try 50000 on nothing changes
+    } const cases[] = {
+        {"comes and goes", [](int n) { return std::string(n % 3 == 0   ? "a"
+                                                          : n % 3 == 1 ? "b"
+                                                                       : ""); },
+         "it works again after 33328 failures"},
+        {"never the same", [](int n) { return std::to_string(n); }, "it failed: 50000 (60001 failures so far)"},
+    };
+    for (const auto& entry : cases) {
+        SCOPED_TRACE(entry.what);
+        Harvane::Utils::FaultReport faults("it");
+        std::vector<std::string> texts;
+        const Harvane::Utils::FaultReport::Clock::time_point start{1h};
+        for (int n = 0; n < 200000; ++n) {
+            const auto text = faults.after(entry.failure(std::min(n, 50000)), start + n * 10ms);
+            if (!text.empty()) {
+                texts.push_back(text);
+            }
+        }
+        EXPECT_EQ(texts.size(), 11u);
+        EXPECT_EQ(texts.back(), entry.last);
+    }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <zorn/types/exceptions.h>
 #include <zorn/types/ptr.h>
 
+#include "libraries/utils/ThreadEx.h"
 #include "modules/daq/module/RtCoreLoggerAppender.h"
 #include "modules/daq/objectmodel/Log.h"
 
@@ -37,6 +38,9 @@ void connectLogger() {
 
     static RtCoreLoggerAppender appender(loggerName);
     [[maybe_unused]] static auto& plogLogger = plog::init<0>(plog::verbose, &appender);
+
+    Utils::Threading::ThreadEx::setReporter(
+        [](const char* thread, const std::string& text) { LOG_WARNING << "Thread \"" << thread << "\": " << text; });
 }
 
 }  // namespace Harvane::RT::Modules::Daq
