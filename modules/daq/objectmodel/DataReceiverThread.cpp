@@ -5,7 +5,7 @@ namespace Harvane::RT::Modules::Daq {
 using Utils::Threading::ThreadEx;
 using Utils::Threading::ThreadExPriority;
 
-DataReceiverThread::DataReceiverThread() {
+DataReceiverThread::DataReceiverThread() : ThreadEx("receiver") {
     setPriority(static_cast<ThreadExPriority>(6));
 }
 
@@ -31,6 +31,10 @@ void DataReceiverThread::setThreadIsStarted() {
     std::lock_guard<std::mutex> guard(startedMutex_);
     threadStarted_ = true;
     startedCondition_.notify_one();
+}
+
+void DataReceiverThread::ended() noexcept {
+    setThreadIsStarted();
 }
 
 void DataReceiverThread::setBufferCapacity(unsigned long bytes) {

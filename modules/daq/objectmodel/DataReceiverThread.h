@@ -44,6 +44,9 @@ public:
     std::function<void()> timeoutFn;   // The read threw TimeoutException; the thread ends.
     std::function<void()> errorFn;     // Any other failure; the thread ends.
 
+protected:
+    void ended() noexcept override;
+
 private:
     std::mutex startedMutex_;
     std::condition_variable startedCondition_;

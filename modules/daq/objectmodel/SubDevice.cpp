@@ -11,9 +11,7 @@ namespace Harvane::RT::Modules::Daq {
 SubDevice::SubDevice() = default;
 
 SubDevice::~SubDevice() {
-    if (receiverThread) {
-        receiverThread->stop();
-    }
+    SubDevice::abortAcquisition();
 }
 
 std::string SubDevice::getElementId() const {
@@ -23,25 +21,46 @@ std::string SubDevice::getElementId() const {
 void SubDevice::startAcquisition(bool recursive) {
     Device::startAcquisition(recursive);
     if (receiverThread) {
+        // A stop that failed elsewhere is followed by no finalizeAcquisition.
+        if (receiverThread->getTerminated()) {
+            receiverThread->waitFor();
+        }
         receiverThread->start();
     }
 }
 
 void SubDevice::stopAcquisition(bool) {
+    // Behind the children, and also when one of them fails.
+    struct AtTheEnd {
+        const std::shared_ptr<DataReceiverThread>& thread;
+        ~AtTheEnd() {
+            if (thread) {
+                thread->terminate();
+            }
+        }
+    } const atTheEnd{receiverThread};
     Device::stopAcquisition(true);
-    if (receiverThread) {
-        receiverThread->terminate();
-    }
 }
 
 void SubDevice::finalizeAcquisition(bool) {
     if (receiverThread) {
-        receiverThread->waitFor();
+        receiverThread->stop();
     }
     Device::finalizeAcquisition(true);
 }
 
+void SubDevice::abortAcquisition() noexcept {
+    try {
+        if (receiverThread) {
+            receiverThread->stop();
+        }
+    } catch (...) {
+        // It can't be joined from itself. It has been told to end, which it does at its next look.
+    }
+}
+
 void SubDevice::initializeReceiverThread() {
+    receiverThread->stop();
     auto device = getDevice();
     const std::int64_t deviceRate = device->getRate();
     const std::int64_t active = channels.activeChannelCount;
@@ -67,8 +86,11 @@ void SubDevice::initializeReceiverThread() {
 }
 
 void SubDevice::createAndInitializeReceiverThread() {
-    if (!receiverThread) {
+    if (receiverThread) {
+        receiverThread->stop();
+    } else {
         receiverThread = std::make_shared<SyncDataReceiverThread>();
+        receiverThread->setName(getDisplayName());
     }
     initializeReceiverThread();
 }

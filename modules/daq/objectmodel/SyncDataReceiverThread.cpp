@@ -12,15 +12,7 @@ namespace Harvane::RT::Modules::Daq {
 
 namespace {
 
-// A callback that fails has nobody to tell: the thread is at its end already.
-void notify(const std::function<void()>& callback) {
-    try {
-        if (callback) {
-            callback();
-        }
-    } catch (...) {
-    }
-}
+constexpr auto failedRead = static_cast<unsigned long>(-1);  // also what a connection point without a data path answers
 
 }  // namespace
 
@@ -32,25 +24,41 @@ void SyncDataReceiverThread::execute() {
     try {
         receive();
     } catch (const TimeoutException&) {
-        notify(timeoutFn);
+        fail(timeoutFn);
     } catch (...) {
-        notify(errorFn);
+        fail(errorFn);
     }
-    // Also on a failure ahead of the first read, or start() would wait for ever.
+}
+
+void SyncDataReceiverThread::fail(const std::function<void()>& callback) {
+    // First of all, as the callback may wait for the one who starts this thread, and that one waits here.
     setThreadIsStarted();
+    reportCurrentException("reception ended");
+    try {
+        if (callback) {
+            callback();
+        }
+    } catch (...) {
+        reportCurrentException("callback failed");
+    }
 }
 
 void SyncDataReceiverThread::receive() {
     std::vector<unsigned char> block(blockSize);
     int readTimeout = firstTimeout;
+    if (!readFn) {
+        throw std::runtime_error("There is no data source to read from.");
+    }
     setThreadIsStarted();
     while (!getTerminated()) {
         const unsigned long received = readFn(readId, block.data(), blockSize, readTimeout);
         if (getTerminated()) {
             break;
         }
+        if (received == failedRead) {
+            throw std::runtime_error("The read failed.");
+        }
         if (received > blockSize) {
-            // What a connection point without a data path answers.
             throw std::runtime_error("The data source answered with more bytes than were asked for.");
         }
         const std::int64_t remaining = static_cast<std::int64_t>(received) - skip;
@@ -58,6 +66,7 @@ void SyncDataReceiverThread::receive() {
             skip = -remaining;
         } else {
             if (!store(block.data() + skip, static_cast<unsigned long>(remaining))) {
+                report("reception ended: The buffer is full, data is lost.");
                 if (dataLostFn) {
                     dataLostFn();
                 }
