@@ -2,10 +2,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
+#include <tuple>
 
 #include "modules/daq/daqdevices/kestrix/src/BoardMacAddress.h"
 #include "modules/daq/daqdevices/kestrix/src/GpioChipBase.h"
@@ -14,6 +16,8 @@
 #include "modules/daq/daqdevices/kestrix/src/PlatformPtpControl.h"
 #include "modules/daq/daqdevices/kestrix/src/PlatformScript.h"
 #include "modules/daq/daqdevices/kestrix/src/PlatformVCXOClockControl.h"
+#include "modules/daq/objectmodel/Channel.h"
+#include "tests/amplifierlink/LogCapture.h"
 #include "tests/kestrix/KestrixFixture.h"
 
 using namespace Harvane::RT::Modules::Daq;
@@ -232,6 +236,36 @@ TEST_F(PlatformTest, LedsShowTheStartOfAMeasurement) {
     EXPECT_EQ(StatusLed::get(), 255);
     EXPECT_EQ(AlarmLed::get(), 255);
     stop();
+}
+
+TEST_F(PlatformTest, MissingLampIsNoReasonNotToMeasure) {
+    bringUp(warmScenario(1));
+    use({0});
+    int missing = 0;
+    for (const auto& [file, mode, lines] :
+         {std::tuple{"led2/trigger", 2, 1}, {"led2/brightness", 1, 2}, {"alarm/brightness", 2, 2}}) {
+        AlarmLed::set(255);
+        removeFile(std::string("/board/leds/") + file);
+        removeFile(std::string("/sys/class/leds/") + file);
+        controller->operationMode = mode;
+        {
+            const kestrixtest::LogCapture log(4);
+            start();
+            EXPECT_EQ(std::ranges::count_if(log.all(),
+                                            [](const std::string& line) {
+                                                return line.starts_with("4 unable to drive LED ") &&
+                                                       line.ends_with(": No such file or directory");
+                                            }),
+                      lines)
+                << file;
+        }
+        Harvane::Shared::Kestrix::KestrixLogger::get_logger().setLevel(7);
+        if (missing++ == 0) {
+            EXPECT_EQ(AlarmLed::get(), 0);  // this lamp shows its state all the same
+        }
+        acquire(channel(0), 1);
+        stop();
+    }
 }
 
 TEST_F(PlatformTest, GpioLinesCountFromTheChipsBase) {

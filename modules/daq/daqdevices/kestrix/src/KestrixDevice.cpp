@@ -57,11 +57,11 @@ void KestrixDevice::readIdentity() {
 void KestrixDevice::startAcquisition(bool recursive) {
     DaqDevice::startAcquisition(recursive);
     if (static_cast<int>(operationMode) == measureMode) {
-        StatusLed::blink(true);
-        AlarmLed::set(0);
+        StatusLed::tryBlink(true);
+        AlarmLed::trySet(0);
     } else {
-        StatusLed::blink(false);
-        StatusLed::set(255);
+        StatusLed::tryBlink(false);
+        StatusLed::trySet(255);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
+#include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 using namespace Harvane::RT::Modules::Daq::Platform;
 
@@ -43,4 +44,12 @@ void LedInterfaceSysfs::blink(const std::string& name, bool on) {
     static constexpr std::array<char, 6> none{"none"};
     const std::array<char, 6>& trigger = on ? timer : none;
     writeWhole(ledPath(name, "trigger"), std::string_view(trigger.data(), trigger.size()));
+}
+
+void LedInterfaceSysfs::logFailure(const char* name, const std::exception& failure) noexcept {
+    try {
+        KESTRIX_LOG(4, "unable to drive LED {}, {}", name, failure.what());
+    } catch (...) {
+        // Neither lamp nor log.
+    }
 }
