@@ -116,17 +116,15 @@ ErrCode DaqModuleImpl::getIsAbsTimeSynchronized(unsigned char* synchronized) {
 
 // Told once for each cause, and when it is over. No other thread changes the timing device while a cycle runs.
 void DaqModuleImpl::forceRefreshTrackingAndErrorStatus() {
+    std::string failure;
     try {
         readAbsTime(*daqController.daqTiming);
-        if (!timingFault_.empty()) {
-            LOG_(0, plog::warning) << "The timing device answers again";
-            timingFault_.clear();
-        }
     } catch (const std::exception& exception) {
-        if (timingFault_ != textOf(exception)) {
-            timingFault_ = textOf(exception);
-            LOG_(0, plog::error) << "The timing device can't tell the time: " << timingFault_;
-        }
+        failure = textOf(exception);
+    }
+    const std::string text = timingFaults_.after(failure, Utils::FaultReport::Clock::now());
+    if (!text.empty()) {
+        LOG_(0, plog::error) << text;
     }
 }
 

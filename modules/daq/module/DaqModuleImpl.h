@@ -3,8 +3,8 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <string>
 
+#include "libraries/utils/FaultReport.h"
 #include "modules/daq/bridge/AsyncExchange.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/bridge/RtcClasses.h"
@@ -80,7 +80,7 @@ private:
 
     std::unique_ptr<RtcClasses> rtcClasses_;  // from add on: the tree has objects of these classes
     AsyncExchange asyncExchange_{clockBase};
-    std::string timingFault_;  // what the timing device fails with; cycle thread
+    Utils::FaultReport timingFaults_{"The timing device"};  // cycle thread
 };
 
 }  // namespace Harvane::RT::Modules::Daq

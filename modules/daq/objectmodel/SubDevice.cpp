@@ -11,7 +11,7 @@ namespace Harvane::RT::Modules::Daq {
 SubDevice::SubDevice() = default;
 
 SubDevice::~SubDevice() {
-    SubDevice::abortAcquisition();
+    endReceiver();
 }
 
 std::string SubDevice::getElementId() const {
@@ -50,6 +50,12 @@ void SubDevice::finalizeAcquisition(bool) {
 }
 
 void SubDevice::abortAcquisition() noexcept {
+    // The thread first: it reads what the device below is about to let go.
+    endReceiver();
+    Device::abortAcquisition();
+}
+
+void SubDevice::endReceiver() noexcept {
     try {
         if (receiverThread) {
             receiverThread->stop();

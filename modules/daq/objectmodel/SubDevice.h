@@ -25,8 +25,8 @@ public:
     void stopAcquisition(bool recursive) override;
     // Reaches the children in any case. Ends the receiver thread also when no stop has come this far.
     void finalizeAcquisition(bool recursive) override;
-    // Ends the receiver thread, whatever state it is in; the thread's last read bounds the time. Harmless at any time.
-    void abortAcquisition() noexcept;
+    // Ends the receiver thread, whatever state it is in; the thread's last read bounds the time.
+    void abortAcquisition() noexcept override;
 
     // Numbers of the receiver thread: blocks of 50 ms, a FIFO of two seconds, read from the parent's connection point.
     // After initializeAcquisition, which settles the active channels; the device has a parent. A thread that still runs
@@ -39,6 +39,9 @@ public:
     bool isUsed() const { return true; }
 
     std::shared_ptr<DataReceiverThread> receiverThread;  // Null unless the device wants one.
+
+private:
+    void endReceiver() noexcept;
 };
 
 }  // namespace Harvane::RT::Modules::Daq
