@@ -1,0 +1,429 @@
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include <zorn/types/object_impl.h>
+
+#include "modules/daq/bridge/DaqStructure.h"
+#include "modules/daq/objectmodel/Channel.h"
+#include "modules/daq/objectmodel/DaqDevice.h"
+#include "tests/seams/Station.h"
+
+using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Modules::Daq;
+using namespace Harvane::RT::Modules::Daq::Test;
+using kestrixsim::Fault;
+
+// Sequences of steps, edits and faults in any order. Whatever they did: once the faults are gone, a correct restart
+// gives a good run. One program has one instrument, so that several programs walk at a time.
+//
+//   KESTRIX_WALK_SEED       number of the first sequence; a new one each time
+//   KESTRIX_WALK_SEQUENCES  how many; a single one walks in this program and tells each step
+namespace {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr uint64_t usualSequences = 300;
+#else
+constexpr uint64_t usualSequences = 1000;
+#endif
+constexpr uint64_t programs = 24;  // a sequence waits for the instrument most of the time
+constexpr unsigned secondsForOne = 100;
+
+class Walk {
+public:
+    explicit Walk(uint64_t seed) : random_(seed) {}
+
+    void run() {
+        const auto objects = zornSharedLibObjectCount.load();
+        begin();
+        const int moves = 8 + below(20);
+        for (int i = 0; i < moves && !testing::Test::HasFailure(); ++i) {
+            move();
+        }
+        if (!testing::Test::HasFailure()) {
+            end();
+        }
+        questioner_.reset();
+        station_.reset();
+        EXPECT_EQ(zornSharedLibObjectCount.load(), objects) << "objects are left";
+        EXPECT_EQ(kestrixsim::openDescriptors(), 0);
+    }
+
+private:
+    using Step = ModuleInHost::Step;
+
+    int below(int limit) { return static_cast<int>(random_() % static_cast<uint64_t>(limit)); }
+    bool chance(int percent) { return below(100) < percent; }
+    template <class T>
+    T oneOf(std::initializer_list<T> values) {
+        return values.begin()[below(static_cast<int>(values.size()))];
+    }
+    template <class T>
+    const T& oneOf(const std::vector<T>& values) {
+        return values[static_cast<size_t>(below(static_cast<int>(values.size())))];
+    }
+    static void tell(const std::string& text) { std::fprintf(stderr, "  %s\n", text.c_str()); }
+
+    void begin() {
+        slots_ = oneOf({1, 2});
+        auto scenario = Station::slots(slots_);
+        // The small board's modules are always on, which spares the waiting for their supply.
+        scenario.boardType = oneOf({0, 1, 1});
+        tell("board " + std::to_string(scenario.boardType) + ", " + std::to_string(slots_) + " slots");
+        station_ = std::make_unique<Station>(scenario);
+        questioner_ = std::make_unique<Questioner>(station_->impl, 1);
+        if (chance(90)) {
+            take(Step::Add);
+        }
+    }
+
+    void move() {
+        static constexpr struct {
+            int weight;
+            void (Walk::*make)();
+        } moves[] = {{40, &Walk::step}, {12, &Walk::cycles}, {12, &Walk::rate},       {6, &Walk::use},
+                     {2, &Walk::clock}, {6, &Walk::option},  {5, &Walk::amplifier},   {3, &Walk::usb},
+                     {5, &Walk::any},   {10, &Walk::fault},  {6, &Walk::clearFaults}, {4, &Walk::otherCall},
+                     {2, &Walk::pause}};
+        int place = below(113);
+        for (const auto& each : moves) {
+            place -= each.weight;
+            if (place < 0) {
+                (this->*each.make)();
+                return;
+            }
+        }
+    }
+
+    // ---- Steps ----
+
+    void step() {
+        using enum ModuleInHost::Step;
+        const Step natural[] = {Add, oneOf({Configure, Initialize}), oneOf({BeforeStart, Start}), Start, Stop};
+        take(chance(60) ? natural[static_cast<size_t>(station_->phase())]
+                        : ModuleInHost::allSteps[below(std::size(ModuleInHost::allSteps))]);
+    }
+
+    void take(Step step) {
+        const Phase before = station_->phase();
+        const bool oldRings = step == Step::Start && chance(30);
+        tell(std::string(nameOf(step)) + (oldRings ? " on old rings" : "") + " in " + nameOf(before));
+        const std::string words = oldRings ? station_->startOnOldRings() : station_->take(step);
+        const Phase after = station_->phase();
+        if (!words.empty()) {
+            tell("  " + words);
+        }
+        const auto allowed = leadsTo(before, step);
+        if (!allowed) {
+            EXPECT_TRUE(isRefusal(words, step, before)) << nameOf(step) << " in " << nameOf(before) << ": " << words;
+            EXPECT_EQ(after, before);
+        } else if (words.empty()) {
+            EXPECT_EQ(after, *allowed);
+        } else {
+            const bool isLate = step == Step::BeforeStart || step == Step::Start || step == Step::Stop;
+            EXPECT_TRUE(after == before || after == Phase::Prepared) << nameOf(after);
+            EXPECT_TRUE(!isLate || after == Phase::Prepared) << nameOf(after);
+            EXPECT_TRUE(faulty_ || step == Step::Start || step == Step::BeforeStart) << words;
+        }
+    }
+
+    void cycles() {
+        const int count = 1 + below(50);
+        const double seconds = 0.001 * (1 + below(20));
+        tell(std::to_string(count) + " cycles of " + std::to_string(seconds) + " s");
+        const bool running = station_->phase() == Phase::Running;
+        station_->time->hold();
+        for (int i = 0; i < count; ++i) {
+            station_->time->step(seconds);
+            EXPECT_EQ(station_->cycle().empty(), running);
+        }
+        station_->time->run();
+    }
+
+    void pause() {
+        const double seconds = 0.1 * below(40);
+        tell("pause of " + std::to_string(seconds) + " s");
+        station_->time->step(seconds);
+    }
+
+    void otherCall() {
+        const Phase before = station_->phase();
+        for (const auto call : {&IModule::postStart, &IModule::preStop, &IModule::finalize, &IModule::remove}) {
+            EXPECT_EQ((station_->module.get()->*call)(), Errors::Success);
+        }
+        EXPECT_EQ(station_->phase(), before);
+    }
+
+    // ---- Edits ----
+
+    bool hasTree() const { return !station_->dataModule.getRootFolder().getChildren().empty(); }
+    ChannelPtr<> anyChannel() {
+        const int slot = 1 + below(slots_);
+        return chance(50) ? station_->raw(slot) : station_->filtered(slot);
+    }
+    GenericPropertyObjectPtr anyObject() {
+        switch (below(4)) {
+            case 0:
+                return station_->dataModule.asPtr<IPropertyObject>();
+            case 1:
+                return station_->device().asPtr<IPropertyObject>();
+            default:
+                return anyChannel().asPtr<IPropertyObject>();
+        }
+    }
+    template <class T>
+    void edit(const GenericPropertyObjectPtr& object, const std::string& name, const T& value, int userPercent = 70) {
+        const bool user = chance(userPercent);
+        const std::string words = user ? asUser(object, name.c_str(), value) : asHost(object, name.c_str(), value);
+        tell(std::string(user ? "user" : "host") + " sets " + name + " to " + textOf(toValue(value)) +
+             (words.empty() ? "" : ": " + words));
+    }
+
+    void rate() {
+        if (!hasTree()) {
+            return;
+        }
+        if (chance(10)) {
+            tell("clears SampleRate");
+            failure([&] { station_->dataModule.clearProperty("SampleRate"); });
+            return;
+        }
+        edit(anyObject(), "SampleRate",
+             Ratio{oneOf({0, 7, 100, 142, 150, 333, 1000, 1001, 4834, 5000, 16000, 20000, 46875, 48000, 100000}), 1});
+    }
+    void use() {
+        if (hasTree()) {
+            edit(anyChannel().asPtr<IPropertyObject>(), "Used", chance(60));
+        }
+    }
+    void clock() {
+        if (hasTree()) {
+            edit(station_->device().asPtr<IPropertyObject>(), "BaseClock", oneOf({0, 1, 1, 7}));
+        }
+    }
+    void option() {
+        if (hasTree()) {
+            const int mode = oneOf({1, 1, 1, 14, 12, 6, 2});
+            const std::vector<int> sources = chance(30) ? std::vector<int>{14} : std::vector<int>{};
+            const std::string words = station_->choose(mode, sources);
+            tell("chooses " + station_->chosen() + (words.empty() ? "" : ": " + words));
+        }
+    }
+    void amplifier() {
+        if (!hasTree()) {
+            return;
+        }
+        const auto channel = station_->raw(1 + below(slots_));
+        if (chance(20)) {
+            tell("UpdateAmplifier");
+            failure([&] {
+                checkErrorInfo(channel.getPropertyValue("UpdateAmplifier").asPtr<IProcObject>()->dispatch(nullptr));
+            });
+            return;
+        }
+        edit(channel.asPtr<IPropertyObject>(), oneOf({"LPFilter", "HPFilter", "Range", "Measurement", "Excitation"}),
+             below(4));
+    }
+    void usb() {
+        if (hasTree()) {
+            const char* mode = oneOf({"On", "Off"});
+            tell(std::string("USB mode ") + mode + ": " + station_->ioctl(1, mode));
+        }
+    }
+    void any() {
+        if (!hasTree()) {
+            return;
+        }
+        const auto object = anyObject();
+        const std::string name = oneOf(object.enumProperties()).getName().toStdString();
+        // What the host alone reckons the rings' length by.
+        if (name == "BufferSizeIsMultipleOf" || name == "BaseClock") {
+            return;
+        }
+        switch (below(4)) {
+            case 0:
+                return edit(object, name, below(3), 100);
+            case 1:
+                return edit(object, name, chance(50), 100);
+            case 2:
+                return edit(object, name, Ratio{1000 * (1 + below(5)), 1}, 100);
+            default:
+                return edit(object, name, "word", 100);
+        }
+    }
+
+    // ---- Faults ----
+
+    void fault() {
+        using enum kestrixsim::FaultKind;
+        constexpr int requests[] = {0, 0x40064C03, 0x40064C05, 0x40064C08, 0x40064C09};
+        Fault fault;
+        // Of those that cost the module seconds of waiting one at a time.
+        const bool slow = chance(10);
+        fault.kind =
+            slow
+                ? oneOf({AmplifierSilent, AmplifierHalfFrame, ClearNever, PllBusy})
+                : oneOf(
+                      {MemMap,       MemMap,    MemMap,       MemOpen,  DmaOpen,       DmaIoctl,     DmaIoctl,
+                       DmaIoctl,     DmaRead,   DmaShortRead, DmaStall, ScriptRefuses, ScriptSilent, ScriptFails,
+                       MuxError,     MuxAgain,  MuxReadsBack, I2cSlave, UartRead,      UartWrite,    AmplifierBadStatus,
+                       AmplifierNan, ClearLate, SysfsMissing});
+        fault.target = fault.kind == AmplifierSilent ? below(slots_) : oneOf({-1, below(2 * slots_)});
+        if (fault.kind == DmaIoctl) {
+            fault.code = requests[below(std::size(requests))];
+        } else if (fault.kind == DmaShortRead) {
+            fault.code = below(2);
+        } else if (fault.kind == ClearLate) {
+            fault.code = 50;
+        }
+        fault.afterCount = static_cast<uint64_t>(fault.kind == MemMap ? below(400) : below(6));
+        fault.times = slow ? 1 : oneOf({1, 1, 2, 5, -1});
+        tell("fault " + std::to_string(static_cast<int>(fault.kind)) + " at " + std::to_string(fault.target) +
+             ", code " + std::to_string(fault.code) + ", after " + std::to_string(fault.afterCount) + ", " +
+             std::to_string(fault.times) + " times");
+        Station::inject(fault);
+        faulty_ = true;
+    }
+    void clearFaults() {
+        tell("no faults");
+        Station::clearFaults();
+        faulty_ = false;
+    }
+
+    // ---- The end: a correct restart ----
+
+    void end() {
+        clearFaults();
+        if (station_->phase() == Phase::Running) {
+            EXPECT_EQ(station_->stop(), "");
+        }
+        if (station_->phase() == Phase::Empty) {
+            // What an add left half-way only serves to be closed.
+            tell("a new module");
+            questioner_.reset();
+            const auto time = station_->time;
+            station_.reset();
+            EXPECT_EQ(kestrixsim::openDescriptors(), 0);
+            station_ = std::make_unique<Station>(time);
+            questioner_ = std::make_unique<Questioner>(station_->impl, 1);
+            EXPECT_EQ(station_->add(), "");
+        }
+        Station& station = *station_;
+        EXPECT_EQ(station.ioctl(1, "Off"), "");
+        EXPECT_EQ(station.choose(1), "");
+        // Nothing, or another attempt where the last one has left the clock unknown.
+        const auto clock = station.device().getPropertyValue<int>("BaseClock");
+        EXPECT_EQ(asUser(station.device(), "BaseClock", std::max(clock, 0)), "");
+        station.use(station.channels());
+        tell("a good run");
+        EXPECT_TRUE(station.goodRun());
+        for (const auto& [device, folder] : station.impl->daqStructure.getDevicesMap()) {
+            EXPECT_EQ(rateOf(folder), device->getRate());
+        }
+        for (const auto& [channel, hostChannel] : station.impl->daqStructure.getChannelsMap()) {
+            EXPECT_EQ(rateOf(hostChannel), channel->getRate()) << hostChannel.getNodeId().toStdString();
+        }
+        EXPECT_EQ(rateOf(station.dataModule), station.impl->daqController.sampleRate);
+    }
+
+    std::mt19937_64 random_;
+    int slots_ = 1;
+    bool faulty_ = false;
+    std::unique_ptr<Station> station_;
+    std::unique_ptr<Questioner> questioner_;
+};
+
+void walk(uint64_t seed) {
+    std::fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(seed));
+    ::alarm(secondsForOne);  // a sequence that hangs ends its program
+    try {
+        Walk(seed).run();
+    } catch (const std::exception& exception) {
+        ADD_FAILURE() << exception.what();
+    }
+    ::alarm(0);
+}
+
+// ---- Several programs -----------------------------------------------------------------------------------------------
+
+std::string environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+// This test in a program of its own, which keeps in `file` what it says of its last sequence.
+pid_t startProgram(const std::string& file, uint64_t seed, uint64_t count) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const int output = ::open(file.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_APPEND, 0600);
+        ::dup2(output, STDOUT_FILENO);
+        ::dup2(output, STDERR_FILENO);
+        ::setenv("KESTRIX_WALK_SEED", std::to_string(seed).c_str(), 1);
+        ::setenv("KESTRIX_WALK_SEQUENCES", std::to_string(count).c_str(), 1);
+        ::setenv("KESTRIX_WALK_PART", "1", 1);
+        ::execl("/proc/self/exe", "test-seams", "--gtest_filter=RandomWalk.*", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    return pid;
+}
+
+TEST(RandomWalk, EndsInAGoodRun) {
+    const std::string seedText = environment("KESTRIX_WALK_SEED");
+    const std::string countText = environment("KESTRIX_WALK_SEQUENCES");
+    const uint64_t seed = seedText.empty() ? std::random_device()() : std::stoull(seedText);
+    const uint64_t count = countText.empty() ? usualSequences : std::stoull(countText);
+    const bool isPart = !environment("KESTRIX_WALK_PART").empty();
+    if (isPart || count == 1) {
+        for (uint64_t i = 0; i < count && !HasFailure(); ++i) {
+            if (isPart) {
+                ASSERT_EQ(::ftruncate(STDERR_FILENO, 0), 0);
+            }
+            walk(seed + i);
+        }
+        return;
+    }
+
+    std::printf("KESTRIX_WALK_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    std::string folder = (std::filesystem::temp_directory_path() / "kestrix-walk-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
+    std::vector<std::pair<pid_t, std::string>> started;
+    for (uint64_t k = 0; k < programs; ++k) {
+        const uint64_t first = k * count / programs;
+        const uint64_t last = (k + 1) * count / programs;
+        if (first != last) {
+            const std::string file = folder + "/" + std::to_string(k);
+            started.emplace_back(startProgram(file, seed + first, last - first), file);
+        }
+    }
+    int failures = 0;
+    for (const auto& [pid, file] : started) {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        if (status == 0) {
+            continue;
+        }
+        if (++failures > 3) {
+            continue;
+        }
+        std::stringstream text;
+        text << std::ifstream(file).rdbuf();
+        uint64_t failed = 0;
+        std::string word;
+        text >> word >> failed;
+        ADD_FAILURE() << (WIFSIGNALED(status) ? WTERMSIG(status) == SIGALRM ? "It hangs." : "It crashed." : "")
+                      << "\nKESTRIX_WALK_SEED=" << failed << " KESTRIX_WALK_SEQUENCES=1 "
+                      << std::filesystem::read_symlink("/proc/self/exe").string() << " --gtest_filter=RandomWalk.*\n"
+                      << text.str();
+    }
+    EXPECT_EQ(failures, 0) << "programs, of " << started.size();
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace

@@ -1,0 +1,199 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "modules/daq/module/DaqModuleImpl.h"
+#include "simulator/preload/Control.h"
+#include "tests/bridge/Bench.h"
+
+#if __has_include("modules/daq/controller/AcquisitionPhase.h")
+#include "modules/daq/controller/AcquisitionPhase.h"
+#else
+namespace Harvane::RT::Modules::Daq {
+enum class AcquisitionPhase { Empty, Scanned, Prepared, Initialised, Running, Stopping };
+}
+#endif
+
+namespace Harvane::RT::Modules::Daq {
+
+const char* nameOf(AcquisitionPhase phase);
+inline void PrintTo(AcquisitionPhase phase, std::ostream* out) {
+    *out << nameOf(phase);
+}
+
+namespace Test {
+
+using Core::Testing::failure;
+using kestrixsim::FaultKind;
+using Phase = AcquisitionPhase;
+
+template <class Controller>
+Phase phaseOf(const Controller& controller) {
+    if constexpr (requires { controller.phase(); }) {
+        return controller.phase();
+    } else {
+        return controller.acqRunning       ? Phase::Running
+               : controller.acqInitialized ? Phase::Initialised
+               : controller.systemDevice   ? Phase::Prepared
+                                           : Phase::Empty;
+    }
+}
+
+class OpenModule : public DaqModuleImpl {
+public:
+    using DaqModuleImpl::daqController;
+    using DaqModuleImpl::daqStructure;
+    using DaqModuleImpl::data;
+    using DaqModuleImpl::dataModule;
+};
+
+// The module object in a host's tree, driven through its interfaces only, as a host drives it. What a step answers is
+// "" or the code and the text of its failure, as in "80000029 The acquisition is running".
+class ModuleInHost : public HostTree {
+public:
+    ModuleInHost();
+    ~ModuleInHost();
+
+    enum class Step { Add, Configure, Initialize, BeforeStart, Start, Cycle, Stop };
+    static constexpr Step allSteps[] = {Step::Add,   Step::Configure, Step::Initialize, Step::BeforeStart,
+                                        Step::Start, Step::Cycle,     Step::Stop};
+    std::string take(Step step);
+
+    std::string add() { return addTo(*this); }
+    std::string addTo(const HostTree& tree);
+    std::string configure();
+    std::string initialize();
+    std::string beforeStart();
+    std::string start();
+    std::string cycle();
+    std::string stop();
+    // The start of a host that has reserved its rings some time before.
+    std::string startOnOldRings();
+    // What a host does for each start, and with it for "BeforeStart"; not while it takes the module to be running.
+    void reserveRings();
+
+    // Everything that the host has of the module.
+    void release();
+
+    Phase phase() const;
+
+    void use(const std::vector<Core::ChannelPtr<>>& wanted) const;
+    std::vector<Core::ChannelPtr<>> channels() const;
+    Core::ChannelFolderPtr device() const;  // the first one's folder
+
+    // Forms of an option as the host shows it: "[1, [14]]".
+    std::string choose(int mode, const std::vector<int>& sources = {}) const;
+    std::string chosen() const { return textOf(dataModule.getPropertyValue("Synchronization")); }
+    std::string applied() const { return textOf(dataModule.getPropertyValue("AppliedSynchronization")); }
+    std::string ioctl(int command, const char* argument) const;
+
+    OpenModule* impl;
+    Core::ObjectPtr<Core::IModule> module;
+    Core::ObjectPtr<Core::IClockProvider> clock;      // from the last configure on
+    Core::ObjectPtr<Core::IAbsTimeProvider> absTime;  // the same; empty without a timing device
+
+private:
+    std::string startModule();
+    bool running_ = false;  // as the host sees it
+};
+
+const char* nameOf(ModuleInHost::Step step);
+// Where a step leads when it succeeds; nothing where it isn't allowed.
+std::optional<Phase> leadsTo(Phase from, ModuleInHost::Step step);
+// Whether a step was refused because of the phase: the code, and words that name both.
+bool isRefusal(const std::string& words, ModuleInHost::Step step, Phase phase);
+
+// An edit as a user makes it, with all its refusals, and as a host makes it, which may write anything.
+template <class I, class T>
+std::string asUser(const Core::PropertyObjectPtr<I>& object, const char* name, const T& value) {
+    return failure([&] {
+        Core::checkErrorInfo(
+            Core::zornCheckedSetProperty(object.get(), Core::StringPtr(name).get(), Core::toValue(value).get()));
+    });
+}
+template <class I, class T>
+std::string asHost(const Core::PropertyObjectPtr<I>& object, const char* name, const T& value) {
+    return failure([&] { object.setPropertyValue(name, value); });
+}
+template <class I>
+std::string askFor(const Core::PropertyObjectPtr<I>& object, int rate) {
+    return asUser(object, "SampleRate", Core::Ratio{rate, 1});
+}
+
+// Seconds of a clock query; the answer in ticks must be a success.
+template <class Provider>
+double secondsOf(Provider* provider, Core::ErrCode (Core::IClockProvider::*getter)(long*)) {
+    return static_cast<double>(ask(static_cast<Core::IClockProvider*>(provider), getter)) / 1e9;
+}
+
+// The instrument's seconds. They pass by themselves, so that what the module waits for comes. While samples are taken
+// they pass by hand, so that it is known to the step when they arrived, whatever else the computer does. Any thread.
+class InstrumentTime {
+public:
+    double now() const;
+    void hold();
+    void run();
+    void step(double seconds);
+
+private:
+    mutable std::mutex mutex_;
+    bool held_ = false;
+    double ahead_ = 0.0;   // of the steady clock, while it runs
+    double heldAt_ = 0.0;  // seconds, while it is held
+};
+
+// A measuring place: module object, bridge and controller on a fresh simulated instrument whose signals are counters.
+class Station : public ModuleInHost {
+public:
+    explicit Station(kestrixsim::Scenario scenario = slots(2));
+    // Another module on the instrument as it was left, as in a new process.
+    explicit Station(std::shared_ptr<InstrumentTime> sameTime);
+    ~Station();
+
+    // A board with so many slots, all filled, with the supply up: switching it on takes 0.3 s a slot.
+    static kestrixsim::Scenario slots(int count);
+
+    Core::ChannelPtr<> raw(int slot) const { return input(slot, "Raw input"); }  // slots count from 1, as shown
+    Core::ChannelPtr<> filtered(int slot) const { return input(slot, "Filtered input"); }
+
+    // Cycles for so many seconds of the instrument, in a run. Every used channel must carry the counter from where it
+    // is, at the rate that it shows, by the instrument's own time; the others nothing. And the module's clocks must go
+    // with them.
+    testing::AssertionResult deliversWhatItShows(double seconds = 0.6);
+    // The whole road, from wherever no run is: configure, initialize, start, deliver, stop.
+    testing::AssertionResult goodRun(double seconds = 0.6);
+    // No converter, no DSP chain and no stream is on.
+    static testing::AssertionResult isQuiet();
+
+    static kestrixsim::Instrument& instrument() { return kestrixsim::instrument(); }
+    static void inject(const kestrixsim::Fault& fault) { instrument().inject(fault); }
+    static void clearFaults() { instrument().clearFaults(); }
+
+    const std::shared_ptr<InstrumentTime> time;
+
+private:
+    Core::ChannelPtr<> input(int slot, const char* name) const;
+};
+
+// Asks a module for every time and clock, all the while, as other parts of a host do. Goes before the module.
+class Questioner {
+public:
+    explicit Questioner(OpenModule* module, int threads = 2);
+    ~Questioner();
+
+private:
+    std::atomic<bool> done_{false};
+    std::vector<std::thread> threads_;
+};
+
+}  // namespace Test
+}  // namespace Harvane::RT::Modules::Daq
