@@ -50,7 +50,7 @@ protected:
         device->timing = std::make_shared<TestTiming>();
         device->timing->isTracking = true;
         device->timing->hasError = false;
-        plug({device});
+        devicesToFind()["ID_10"] = device;
         EXPECT_EQ(add(), "");
         EXPECT_EQ(configure(), "");
         EXPECT_EQ(initialize(), "");
@@ -88,14 +88,6 @@ TEST_F(SeamTimingTest, IsAnErrorThatIsToldOnce) {
         EXPECT_TRUE(isBad());
         device->timing->fail = false;
     }
-    // The next run starts without a fault, and finds it anew.
-    EXPECT_EQ(stop(), "");
-    device->timing->fail = true;
-    EXPECT_EQ(initialize(), "");
-    EXPECT_TRUE(isGood());
-    EXPECT_EQ(start(), "");
-    EXPECT_EQ(linesAfterCycles(3), 1);
-    EXPECT_TRUE(isBad());
     EXPECT_EQ(stop(), "");
 }
 
@@ -130,7 +122,7 @@ TEST_F(SeamClockTest, AddConnectsTheLog) {
 class SeamAsyncTest : public testing::Test, protected ModuleInHost {
 protected:
     SeamAsyncTest() {
-        plug({device});
+        devicesToFind()["ID_10"] = device;
         EXPECT_EQ(add(), "");
         use({channel("Async in"), channel("Async out")});
         begin();

@@ -1,3 +1,5 @@
+#include <sys/mman.h>
+
 #include <functional>
 
 #include "modules/daq/objectmodel/AOChannel.h"
@@ -49,7 +51,9 @@ TEST_F(PhaseTest, EachStepInEachPhase) {
             reach(from);
         }
         for (const Step step : allSteps) {
-            if (!leadsTo(from, step)) {
+            // Without a tree there is no procedure that could be called.
+            const bool isThere = from != Phase::Empty || step != Step::BeforeStart;
+            if (isThere && !leadsTo(from, step)) {
                 expectRefusal(step, from);
             }
         }
@@ -73,20 +77,25 @@ TEST_F(PhaseTest, FailedAddLeavesNothingToRun) {
     inject({.kind = FaultKind::DmaOpen, .target = 1});
     EXPECT_NE(add().find("Cannot open device file"), std::string::npos);
     EXPECT_EQ(phase(), Phase::Empty);
+    EXPECT_EQ(kestrixsim::openDescriptors(), 0);
     for (const Step step : allSteps) {
         if (step != Step::Add && step != Step::BeforeStart) {
             expectRefusal(step, Phase::Empty);
         }
     }
-    release();
-    EXPECT_EQ(kestrixsim::openDescriptors(), 0);
+    // The host's tree was not begun, so that nothing is in the way of another attempt, with all that belongs to it.
+    EXPECT_EQ(add(), "");
+    EXPECT_EQ(askFor(dataModule, 5000), "");
+    EXPECT_EQ(ioctl(1, "Off"), "");
+    expectRefusal(Step::BeforeStart, Phase::Scanned);
+    EXPECT_TRUE(goodRun());
+    EXPECT_EQ(impl->daqController.sampleRate, 5000);
 }
 
 TEST_F(PhaseTest, RefusedAddKeepsTheTree) {
     ASSERT_EQ(add(), "");
-    const HostTree other;
+    const DataModulePtr other = made<IDataModule>(createDataModule, StringPtr("Other").get());
     EXPECT_TRUE(isRefusal(addTo(other), Step::Add, Phase::Scanned));
-    EXPECT_EQ(impl->data, data);
     EXPECT_EQ(impl->dataModule, dataModule);
     EXPECT_TRUE(goodRun());
 }
@@ -110,52 +119,54 @@ TEST_F(SeamTest, AChangeBetweenBeforeStartAndStartCounts) {
     struct {
         const char* what;
         std::function<std::string()> make;
-        bool fitsOldRings;  // no used channel gets faster
+        bool fitsOldRings;  // no used channel gets faster, and the host takes none in or out
     } const changes[] = {
-        {"slower system", [&] { return askFor(dataModule, 5000); }, true},
+        {"slower system", [&] { return askFor(dataModule, 10000); }, true},
         {"faster system", [&] { return askFor(dataModule, 40000); }, false},
-        {"device", [&] { return askFor(device(), 10000); }, true},
-        {"raw channel", [&] { return askFor(raw(1), 4000); }, true},
-        {"filtered channel", [&] { return askFor(filtered(2), 100); }, true},
+        {"device", [&] { return askFor(device(), 20000); }, true},
+        {"raw channel", [&] { return askFor(raw(1), 10000); }, true},
+        {"filtered channel", [&] { return askFor(filtered(2), 10000); }, true},
         {"by the host",
          [&] {
-             return asHost(dataModule, "SampleRate", Ratio{2000, 1});
+             return asHost(dataModule, "SampleRate", Ratio{10000, 1});
          },
          true},
         {"another channel", [&] { return asUser(raw(2), "Used", true); }, false},
-        {"one channel less", [&] { return asUser(raw(2), "Used", false); }, true},
+        {"one channel less", [&] { return asUser(raw(2), "Used", false); }, false},
         {"amplifier", [&] { return asUser(raw(1), "LPFilter", 2); }, true},
         {"amplifier of an unused channel", [&] { return asUser(raw(2), "Short", true); }, true},
         {"clock", [&] { return asUser(device(), "BaseClock", 1); }, true},
-        {"rate of the new clock", [&] { return askFor(dataModule, 16000); }, true},
+        {"rate of the new clock", [&] { return askFor(dataModule, 16000); }, false},
     };
     for (const auto& change : changes) {
         SCOPED_TRACE(change.what);
-        for (const bool oldRings : {true, false}) {
-            EXPECT_EQ(beforeStart(), "");
-            EXPECT_EQ(phase(), Phase::Initialised);
-            if (oldRings != change.fitsOldRings) {
-                continue;  // the next round starts from here
-            }
-            EXPECT_EQ(change.make(), "");
-            EXPECT_EQ(phase(), Phase::Prepared);
-            EXPECT_EQ(oldRings ? startOnOldRings() : start(), "");
-            EXPECT_TRUE(deliversWhatItShows());
-            EXPECT_EQ(stop(), "");
-        }
+        EXPECT_EQ(beforeStart(), "");
+        EXPECT_EQ(phase(), Phase::Initialised);
+        EXPECT_EQ(change.make(), "");
+        EXPECT_EQ(phase(), Phase::Prepared);
+        EXPECT_EQ(change.fitsOldRings ? startOnOldRings() : start(), "");
+        EXPECT_TRUE(deliversWhatItShows(1.5));
+        EXPECT_EQ(stop(), "");
     }
     EXPECT_EQ(instrument().amplifierState(0).lpFilter, 2);
     EXPECT_TRUE(instrument().amplifierState(1).shortOn);
 }
 
 TEST_F(SeamTest, NewRingsBetweenBeforeStartAndStartAreThoseOfTheRun) {
+    const auto place = [&] { return raw(1).getBuffer().getData(); };
     ASSERT_EQ(beforeStart(), "");
-    // Another address, then another length.
-    asHost(raw(1), "BufferSizeIsMultipleOf", 4096);
+    const void* const before = place();
+    const size_t bytes = raw(1).getBuffer().getCapacity() * 2;
+    asHost(raw(1), "ShouldReserveMemory", false);
     reserveRings();
+    void* const inItsPlace = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    asHost(raw(1), "ShouldReserveMemory", true);
+    reserveRings();
+    EXPECT_NE(place(), before) << "then this says nothing";
     EXPECT_EQ(startOnOldRings(), "");
     EXPECT_TRUE(deliversWhatItShows(3.0));
     EXPECT_EQ(stop(), "");
+    ::munmap(inItsPlace, bytes);
 }
 
 TEST_F(SeamTest, RingsOfLessThanTwoSecondsAreRefused) {
@@ -208,9 +219,7 @@ TEST_F(SeamTest, UsbModeCountsFromTheNextStart) {
     EXPECT_EQ(ioctl(1, "Off"), "") << "for the next run";
     EXPECT_FALSE(delivers());
     EXPECT_EQ(stop(), "");
-    EXPECT_EQ(start(), "");
-    EXPECT_TRUE(deliversWhatItShows());
-    EXPECT_EQ(stop(), "");
+    EXPECT_TRUE(goodRun());
     // The host is told before it reserves.
     for (const bool usb : {true, false}) {
         EXPECT_EQ(ioctl(1, usb ? "On" : "Off"), "");
@@ -286,7 +295,7 @@ public:
 class OtherPartsTest : public testing::Test, protected ModuleInHost {
 protected:
     OtherPartsTest() {
-        plug({device});
+        devicesToFind()["ID_10"] = device;
         EXPECT_EQ(add(), "");
         use({channel("Raw 1"), channel("CAN"), channel("Out")});
     }

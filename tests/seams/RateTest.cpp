@@ -67,7 +67,10 @@ TEST_F(SeamRateTest, ATruncatedRateRunsAtItsExactRate) {
     EXPECT_EQ(rateOf(raw(2)), 142);
     EXPECT_TRUE(goodRun(3.0));
     EXPECT_TRUE(raw(1).getPropertyInfo("ExactSampleRate").isHidden());
-    EXPECT_NE(asUser(raw(1), "ExactSampleRate", Ratio{1, 1}), "");
+    // Nobody sets it: neither a user nor a setup that was stored at another rate.
+    asUser(raw(1), "ExactSampleRate", Ratio{1, 1});
+    asHost(raw(1), "ExactSampleRate", Ratio{2, 1});
+    EXPECT_EQ(raw(1).getPropertyValue<Ratio>("ExactSampleRate"), (Ratio{1000, 7}));
 }
 
 // What the filtered channel's delay is at a rate is known when the host asks for it.

@@ -71,11 +71,11 @@ std::optional<Phase> leadsTo(Phase from, ModuleInHost::Step step) {
     constexpr std::nullopt_t no = std::nullopt;
     static constexpr std::optional<Phase> rows[][std::size(ModuleInHost::allSteps)] = {
         // add, configure, initialize, BeforeStart, start, processData, stop
-        {Scanned, no, no, no, no, no, no},                       // Empty
-        {no, Scanned, Prepared, no, no, no, no},                 // Scanned
-        {no, Prepared, Prepared, Initialised, Running, no, no},  // Prepared
-        {no, Prepared, Prepared, Initialised, Running, no, no},  // Initialised
-        {no, no, no, no, no, Running, Prepared},                 // Running
+        {Scanned, no, no, no, no, no, no},                             // Empty
+        {no, Scanned, Prepared, no, no, no, no},                       // Scanned
+        {no, Prepared, Prepared, Initialised, Running, no, Prepared},  // Prepared
+        {no, Prepared, Prepared, Initialised, Running, no, Prepared},  // Initialised
+        {no, no, no, no, no, Running, Prepared},                       // Running
     };
     return rows[static_cast<size_t>(from)][static_cast<size_t>(step)];
 }
@@ -89,10 +89,18 @@ bool isRefusal(const std::string& words, ModuleInHost::Step step, Phase phase) {
     return words.starts_with("80000029 ") && contains(nameOf(step)) && contains(nameOf(phase));
 }
 
-ModuleInHost::ModuleInHost() : impl(makeModule()), module(ObjectPtr<IModule>::take(impl)) {}
+ModuleInHost::ModuleInHost()
+    : data(made<IData>(createData, StringPtr("Data").get(), 10)),
+      dataModule(made<IDataModule>(createDataModule, StringPtr("Module").get())),
+      sync(made<IAcquisitionSync>(createAcquisitionSync)),
+      impl(makeModule()),
+      module(ObjectPtr<IModule>::take(impl)) {
+    checkErrorInfo(data->addDataModule(dataModule.get()));
+}
 
 ModuleInHost::~ModuleInHost() {
     release();
+    devicesToFind().clear();
 }
 
 std::string ModuleInHost::take(Step step) {
@@ -115,9 +123,8 @@ std::string ModuleInHost::take(Step step) {
     return "no such step";
 }
 
-std::string ModuleInHost::addTo(const HostTree& tree) {
-    const auto parameters =
-        made<IModuleAddParams>(createModuleAddParams, tree.data.get(), tree.dataModule.get(), tree.sync.get());
+std::string ModuleInHost::addTo(const DataModulePtr& place) {
+    const auto parameters = made<IModuleAddParams>(createModuleAddParams, data.get(), place.get(), sync.get());
     return failure([&] { checkErrorInfo(module->add(parameters.get())); });
 }
 
@@ -201,6 +208,13 @@ std::vector<ChannelPtr<>> ModuleInHost::channels() const {
     return found;
 }
 
+ChannelPtr<> ModuleInHost::channel(const std::string& name) const {
+    const auto all = channels();
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&](const auto& channel) { return channel.getName() == StringPtr(name); });
+    return found == all.end() ? ChannelPtr<>() : *found;
+}
+
 ChannelFolderPtr ModuleInHost::device() const {
     return dataModule.getRootFolder().getChildren().at(0).asPtr<IChannelFolder>();
 }
@@ -261,12 +275,14 @@ kestrixsim::Scenario Station::slots(int count) {
 }
 
 ChannelPtr<> Station::input(int slot, const char* name) const {
-    for (const auto& child : folder("AI " + std::to_string(slot)).getChildren()) {
-        if (child.getName() == name) {
-            return child.asPtr<IChannel>();
+    const std::string end = "/AI " + std::to_string(slot) + "/" + name;
+    for (const auto& channel : channels()) {
+        const auto folder = channel.getParent().asPtr<IChannelNode>();
+        if (("/" + ChannelNodePtr<>(folder).getName().toStdString() + "/" + channel.getName().toStdString()) == end) {
+            return channel;
         }
     }
-    throw NotFoundException("Slot %d has no \"%s\"", slot, name);
+    throw NotFoundException("The tree has no channel %s", end.c_str());
 }
 
 namespace {
@@ -451,12 +467,12 @@ void askAll(OpenModule& module) {
 
 }  // namespace
 
-Questioner::Questioner(OpenModule* module, int threads) {
+Questioner::Questioner(OpenModule* module, int threads, std::chrono::microseconds pause) {
     for (int i = 0; i < threads; ++i) {
-        threads_.emplace_back([this, module] {
+        threads_.emplace_back([this, module, pause] {
             while (!done_) {
                 askAll(*module);
-                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                std::this_thread::sleep_for(pause);
             }
         });
     }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -52,24 +53,25 @@ class OpenModule : public DaqModuleImpl {
 public:
     using DaqModuleImpl::daqController;
     using DaqModuleImpl::daqStructure;
-    using DaqModuleImpl::data;
     using DaqModuleImpl::dataModule;
 };
 
 // The module object in a host's tree, driven through its interfaces only, as a host drives it. What a step answers is
 // "" or the code and the text of its failure, as in "80000029 The acquisition is running".
-class ModuleInHost : public HostTree {
+class ModuleInHost {
 public:
     ModuleInHost();
     ~ModuleInHost();
+    ModuleInHost(const ModuleInHost&) = delete;
+    ModuleInHost& operator=(const ModuleInHost&) = delete;
 
     enum class Step { Add, Configure, Initialize, BeforeStart, Start, Cycle, Stop };
     static constexpr Step allSteps[] = {Step::Add,   Step::Configure, Step::Initialize, Step::BeforeStart,
                                         Step::Start, Step::Cycle,     Step::Stop};
     std::string take(Step step);
 
-    std::string add() { return addTo(*this); }
-    std::string addTo(const HostTree& tree);
+    std::string add() { return addTo(dataModule); }
+    std::string addTo(const Core::DataModulePtr& place);
     std::string configure();
     std::string initialize();
     std::string beforeStart();
@@ -88,7 +90,8 @@ public:
 
     void use(const std::vector<Core::ChannelPtr<>>& wanted) const;
     std::vector<Core::ChannelPtr<>> channels() const;
-    Core::ChannelFolderPtr device() const;  // the first one's folder
+    Core::ChannelPtr<> channel(const std::string& name) const;  // the first one of that name
+    Core::ChannelFolderPtr device() const;                      // the first one's folder
 
     // Forms of an option as the host shows it: "[1, [14]]".
     std::string choose(int mode, const std::vector<int>& sources = {}) const;
@@ -96,6 +99,10 @@ public:
     std::string applied() const { return textOf(dataModule.getPropertyValue("AppliedSynchronization")); }
     std::string ioctl(int command, const char* argument) const;
 
+    const Core::DataPtr data;
+    const Core::DataModulePtr dataModule;
+    const Core::AcquisitionSyncPtr sync;
+    LogCapture log;
     OpenModule* impl;
     Core::ObjectPtr<Core::IModule> module;
     Core::ObjectPtr<Core::IClockProvider> clock;      // from the last configure on
@@ -187,7 +194,8 @@ private:
 // Asks a module for every time and clock, all the while, as other parts of a host do. Goes before the module.
 class Questioner {
 public:
-    explicit Questioner(OpenModule* module, int threads = 2);
+    explicit Questioner(OpenModule* module, int threads = 2,
+                        std::chrono::microseconds pause = std::chrono::microseconds(50));
     ~Questioner();
 
 private:
