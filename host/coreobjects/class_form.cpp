@@ -253,7 +253,7 @@ void writeClassForm(ISerializer* serializer, const StringPtr& name, const String
 
 ErrCode deserializeClass(ISerializedObject* serialized, IBaseObject** object) {
     if (serialized == nullptr || object == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *object = nullptr;
     return wrapHandler([&] {
@@ -293,7 +293,7 @@ ErrCode deserializeClass(ISerializedObject* serialized, IBaseObject** object) {
 
 ErrCode deserializeEval(ISerializedObject* serialized, IBaseObject** object) {
     if (serialized == nullptr || object == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *object = nullptr;
     return wrapHandler([&] {

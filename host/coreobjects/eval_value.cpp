@@ -273,13 +273,13 @@ public:
     ErrCode getExpression(IString** expression) override { return handOut(tree_->expression, expression); }
     ErrCode bind(IPropertyObject* object, IEvalValue** bound) override {
         if (object == nullptr || bound == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return createObject<EvalValueImpl>(bound, tree_, object);
     }
     ErrCode getResult(IBaseObject** result) override {
         if (result == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *result = nullptr;
         return wrapHandler([&] {
@@ -298,7 +298,7 @@ public:
 
     ErrCode serialize(ISerializer* serializer) override {
         if (serializer == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             checkErrorInfo(serializer->startObject());
@@ -311,7 +311,7 @@ public:
     }
     ErrCode getSerializeId(const char** id) override { return handOut(EvalFormId, id); }
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull
+        return text == nullptr ? plainError(Errors::ArgumentNull)
                                : zornDuplicateCharPtr(text, tree_->expression.toStdString().c_str());
     }
 
@@ -329,7 +329,7 @@ private:
 
 ErrCode createEvalValue(IEvalValue** object, const char* expression) {
     if (object == nullptr || expression == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *object = nullptr;
     return createObject<EvalValueImpl>(object, std::string_view(expression));

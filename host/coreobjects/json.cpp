@@ -78,14 +78,14 @@ public:
     ErrCode getCount(size_t* count) override { return handOut(place_.node->size(), count); }
     ErrCode getType(size_t index, SerializedType* type) override {
         if (type == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { *type = typeOf(item(index)); });
     }
     ErrCode readObject(size_t index, ISerializedObject** value) override;
     ErrCode readList(size_t index, ISerializedList** value) override {
         if (value == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             const Place place = item(index);
@@ -95,7 +95,7 @@ public:
     }
     ErrCode readValue(size_t index, IBaseObject** value) override {
         if (value == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { *value = makeValue(item(index)).detach(); });
     }
@@ -117,7 +117,7 @@ public:
 
     ErrCode hasKey(const char* key, unsigned char* found) override {
         if (key == nullptr || found == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { *found = place_.node->contains(key) ? 1 : 0; });
     }
@@ -162,7 +162,7 @@ public:
     }
     ErrCode getKeys(IList** keys) override {
         if (keys == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             ListPtr list = ListPtr::create();
@@ -177,7 +177,7 @@ private:
     template <class T, class Read>
     ErrCode readTo(const char* key, T* value, Read&& read) {
         if (key == nullptr || value == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             const auto found = place_.node->find(key);
@@ -193,7 +193,7 @@ private:
 
 ErrCode SerializedListImpl::readObject(size_t index, ISerializedObject** value) {
     if (value == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] {
         const Place place = item(index);
@@ -313,14 +313,14 @@ class JsonDeserializer final : public ObjectImpl<IDeserializer> {
 public:
     ErrCode deserialize(IString* text, IBaseObject** object) override {
         if (text == nullptr || object == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *object = nullptr;
         return wrapHandler([&] { *object = makeValue(parseText(text)).detach(); });
     }
     ErrCode parse(IString* text, ISerializedObject** object) override {
         if (text == nullptr || object == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *object = nullptr;
         return wrapHandler([&] {
@@ -349,7 +349,7 @@ public:
     }
     ErrCode key(const char* name) override {
         if (name == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             if (open_.empty() || !open_.back().value.is_object() || open_.back().hasKey) {
@@ -378,13 +378,13 @@ public:
     }
     ErrCode writeString(const char* text) override {
         if (text == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { put(std::string(text)); });
     }
     ErrCode getOutput(IString** text) override {
         if (text == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *text = nullptr;
         return wrapHandler([&] {

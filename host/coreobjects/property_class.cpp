@@ -51,13 +51,13 @@ public:
     }
     ErrCode hasProperty(IString* name, unsigned char* found) override {
         if (name == nullptr || found == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { *found = byName_.contains(HashedName(viewOf(name))) ? 1 : 0; });
     }
     ErrCode getProperty(IString* name, IPropertyInfo** info) override {
         if (name == nullptr || info == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *info = nullptr;
         return wrapHandler([&] {
@@ -71,7 +71,7 @@ public:
     }
     ErrCode enumProperties(PropertyOrder order, IList** infos) override {
         if (infos == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *infos = nullptr;
         return wrapHandler([&] {
@@ -90,13 +90,13 @@ public:
 
     ErrCode serialize(ISerializer* serializer) override {
         if (serializer == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { writeClassForm(serializer, name_, parent_, infos_); });
     }
     ErrCode getSerializeId(const char** id) override { return handOut(ClassFormId, id); }
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "PropertyObjectClass");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "PropertyObjectClass");
     }
 
 private:
@@ -168,19 +168,19 @@ class PropertyObjectManagerImpl final : public ObjectImpl<IPropertyObjectManager
 public:
     ErrCode addClass(IPropertyObjectClass* objectClass) override {
         if (objectClass == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { ClassRegistry::instance().add(PropertyObjectClassPtr(objectClass)); });
     }
     ErrCode removeClass(IString* name) override {
         if (name == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { ClassRegistry::instance().remove(viewOf(name)); });
     }
     ErrCode getClass(IString* name, IPropertyObjectClass** objectClass) override {
         if (name == nullptr || objectClass == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *objectClass = nullptr;
         return wrapHandler([&]() -> ErrCode {
@@ -188,19 +188,18 @@ public:
             if (*objectClass != nullptr) {
                 return Errors::Success;
             }
-            zornClearErrorInfo();
-            return Errors::NotFound;
+            return plainError(Errors::NotFound);
         });
     }
     ErrCode enumClasses(IList** classes) override {
         if (classes == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *classes = nullptr;
         return wrapHandler([&] { *classes = ClassRegistry::instance().list().detach(); });
     }
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "PropertyObjectManager");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "PropertyObjectManager");
     }
 };
 

@@ -67,7 +67,7 @@ public:
     // Handlers may come at any time; the event itself is no attribute that freezing could protect.
     ErrCode getOnValueChanged(IEvent** event) override {
         if (event == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         if (!onChanged_) {
             IEvent* made = nullptr;
@@ -91,7 +91,7 @@ public:
     }
     ErrCode getConfigurationAction(ConfigurationMode mode, PropertyState state, ConfigurationAction* action) override {
         if (action == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         for (auto rule = rules_.rbegin(); rule != rules_.rend(); ++rule) {
             if ((rule->mode & mode) != 0 && (rule->states & state) != 0) {
@@ -104,7 +104,7 @@ public:
     }
     ErrCode copyConfigurationActions(IPropertyInfo* other) override {
         if (other == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         if (frozen_) {
             return refuseFrozen();
@@ -134,7 +134,7 @@ public:
     ErrCode isFrozen(unsigned char* frozen) override { return handOut(frozen_ ? 1 : 0, frozen); }
 
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "PropertyInfo");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "PropertyInfo");
     }
 
 private:
@@ -165,10 +165,7 @@ private:
         }
     }
 
-    static ErrCode refuseFrozen() {
-        zornClearErrorInfo();
-        return Errors::Frozen;
-    }
+    static ErrCode refuseFrozen() { return plainError(Errors::Frozen); }
     template <class T>
     ErrCode assign(T& field, T value) {
         if (frozen_) {

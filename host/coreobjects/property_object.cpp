@@ -20,7 +20,7 @@ public:
 
     ErrCode getEventName(IString** name) override {
         if (name == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *name = nullptr;
         return wrapHandler([&] { *name = StringPtr("PropertyValueChanged").detach(); });
@@ -163,7 +163,7 @@ ErrCode createPropertyValueChangedEventArgs(IPropertyValueChangedEventArgs** obj
 
 ErrCode zornCheckedSetProperty(IPropertyObject* object, IString* name, IBaseObject* value) {
     if (object == nullptr || name == nullptr || value == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] { checkedSet(PropertyObjectPtr<>(object), StringPtr(name), BasePtr(value)); });
 }

@@ -80,14 +80,14 @@ SerializerFactory findSerializerFactory(std::string_view id) {
 
 ErrCode zornRegisterSerializerFactory(const char* id, SerializerFactory factory) {
     if (id == nullptr || factory == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] { FactoryRegistry::instance().add(id, factory); });
 }
 
 ErrCode zornDropSerializerFactories(const void* address) {
     if (address == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] {
         if (const void* library = libraryOf(address)) {

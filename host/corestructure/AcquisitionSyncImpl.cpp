@@ -34,7 +34,7 @@ public:
             return makeError(Errors::InvalidState, "This thread holds the acquisition lock already", self());
         }
         if (pthread_mutex_lock(&mutex_) != 0) {
-            return Errors::GeneralError;
+            return plainError(Errors::GeneralError);
         }
         holder_.store(&threadMark, std::memory_order_relaxed);
         return Errors::Success;

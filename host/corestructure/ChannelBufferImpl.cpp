@@ -73,7 +73,7 @@ void ChannelBufferImpl::reserve(size_t capacity) {
 
 ErrCode ChannelBufferImpl::increment(size_t count) {
     if (count > capacity_) {
-        return Errors::OutOfRange;
+        return plainError(Errors::OutOfRange);
     }
     size_t position = position_ + count;
     if (position >= capacity_) {
@@ -86,7 +86,7 @@ ErrCode ChannelBufferImpl::increment(size_t count) {
 
 ErrCode ChannelBufferImpl::addSample(long timestamp, const void* sample) {
     if (sample == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     if (capacity_ != 0) {
         std::memcpy(static_cast<unsigned char*>(samples_.data()) + position_ * sampleSize_, sample, sampleSize_);
@@ -128,13 +128,13 @@ double ChannelBufferImpl::number(size_t position) const {
 
 ErrCode ChannelBufferImpl::rawValue(size_t position, double* value) const {
     if (value == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     if (!numeric_) {
-        return Errors::InvalidOperation;
+        return plainError(Errors::InvalidOperation);
     }
     if (position >= capacity_) {
-        return Errors::OutOfRange;
+        return plainError(Errors::OutOfRange);
     }
     *value = position < filled() ? number(position) : nan_;
     return Errors::Success;
@@ -142,13 +142,13 @@ ErrCode ChannelBufferImpl::rawValue(size_t position, double* value) const {
 
 ErrCode ChannelBufferImpl::rawValueRelative(int position, double* value) const {
     if (value == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     if (!numeric_) {
-        return Errors::InvalidOperation;
+        return plainError(Errors::InvalidOperation);
     }
     if (position >= 0) {
-        return Errors::OutOfRange;
+        return plainError(Errors::OutOfRange);
     }
     const auto back = static_cast<size_t>(-static_cast<int64_t>(position));
     const long acquired = this->acquired();
@@ -164,13 +164,13 @@ ErrCode ChannelBufferImpl::rawValueRelative(int position, double* value) const {
 
 ErrCode ChannelBufferImpl::timestampAt(size_t position, long* timestamp) const {
     if (timestamp == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     if (!withTimestamps_) {
-        return Errors::InvalidOperation;
+        return plainError(Errors::InvalidOperation);
     }
     if (position >= capacity_) {
-        return Errors::OutOfRange;
+        return plainError(Errors::OutOfRange);
     }
     *timestamp = static_cast<const int64_t*>(timestamps_.data())[position];
     return Errors::Success;
@@ -202,10 +202,10 @@ ErrCode ChannelBufferImpl::isEmpty(unsigned char* empty) {
 
 ErrCode ChannelBufferImpl::getSample(size_t position, void** sample) {
     if (sample == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     if (position >= capacity_) {
-        return Errors::OutOfRange;
+        return plainError(Errors::OutOfRange);
     }
     *sample = static_cast<unsigned char*>(samples_.data()) + position * sampleSize_;
     return Errors::Success;

@@ -115,7 +115,7 @@ ErrCode createData(IData** data, IString* id, long cycleTimeMs) {
 
 ErrCode createDataModule(IDataModule** module, IString* id) {
     if (module == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] {
         auto* made = new DataModuleImpl(id);

@@ -70,14 +70,14 @@ private:
 
 ErrCode createModuleAddParams(IModuleAddParams** parameters, IData* data, IDataModule* module, IAcquisitionSync* sync) {
     if (data == nullptr || module == nullptr || sync == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return createObject<ModuleAddParamsImpl>(parameters, data, module, sync);
 }
 
 ErrCode createModuleConfig(IModuleConfig** config, IData* data) {
     if (data == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     const ErrCode code = createObject<ModuleConfigImpl>(config, data);
     // A new round of registrations: the clock of the last one is forgotten even if none comes.
@@ -90,11 +90,12 @@ ErrCode createModuleConfig(IModuleConfig** config, IData* data) {
 ErrCode zornGetRegisteredProviders(IModuleConfig* config, IClockProvider** clock, ILoopProvider** loop,
                                    IAbsTimeProvider** absTime) {
     if (config == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     void* providers = nullptr;
     const ErrCode code = config->borrowInterface(IRegisteredProviders::Id, &providers);
-    return failed(code) ? code : static_cast<IRegisteredProviders*>(providers)->getProviders(clock, loop, absTime);
+    return failed(code) ? plainError(code)
+                        : static_cast<IRegisteredProviders*>(providers)->getProviders(clock, loop, absTime);
 }
 
 }  // namespace Harvane::RT::Core

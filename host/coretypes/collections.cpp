@@ -13,7 +13,7 @@ public:
     ErrCode getCount(size_t* count) override { return handOut(items_.size(), count); }
     ErrCode getItemAt(size_t index, IBaseObject** item) override {
         if (item == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *item = nullptr;
         if (index >= items_.size()) {
@@ -47,7 +47,7 @@ public:
     ErrCode dispose() override { return clear(); }
     ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::List, type); }
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "List");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "List");
     }
 
 private:
@@ -77,7 +77,7 @@ class DictImpl final : public ObjectImpl<IDict, ICoreType> {
 public:
     ErrCode getItem(IBaseObject* key, IBaseObject** value) override {
         if (key == nullptr || value == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *value = nullptr;
         return wrapHandler([&] {
@@ -90,19 +90,19 @@ public:
     }
     ErrCode setItem(IBaseObject* key, IBaseObject* value) override {
         if (key == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { const BasePtr replaced = std::exchange(items_[BasePtr(key)], BasePtr(value)); });
     }
     ErrCode hasKey(IBaseObject* key, unsigned char* found) override {
         if (key == nullptr || found == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] { *found = items_.contains(BasePtr(key)) ? 1 : 0; });
     }
     ErrCode removeItem(IBaseObject* key) override {
         if (key == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             const auto removed = items_.extract(BasePtr(key));
@@ -113,7 +113,7 @@ public:
     }
     ErrCode getKeys(IList** keys) override {
         if (keys == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *keys = nullptr;
         return wrapHandler([&] {
@@ -131,7 +131,7 @@ public:
     }
     ErrCode getCoreType(CoreType* type) override { return handOut(CoreType::Dict, type); }
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "Dict");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "Dict");
     }
 
 private:

@@ -14,7 +14,8 @@ public:
     ErrCode getMessage(IString** message) override { return handOut(message_, message); }
     ErrCode getSource(IBaseObject** source) override { return handOut(source_, source); }
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, message_.toStdString().c_str());
+        return text == nullptr ? plainError(Errors::ArgumentNull)
+                               : zornDuplicateCharPtr(text, message_.toStdString().c_str());
     }
 
 private:
@@ -51,7 +52,7 @@ ErrCode zornSetErrorInfo(IErrorInfo* info) {
 
 ErrCode zornGetErrorInfo(IErrorInfo** info) {
     if (info == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *info = current;
     if (current != nullptr) {
@@ -68,11 +69,11 @@ void zornClearErrorInfo() {
 
 ErrCode zornDuplicateCharPtrN(char** copy, const char* text, size_t length) {
     if (copy == nullptr || text == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *copy = static_cast<char*>(std::malloc(length + 1));
     if (*copy == nullptr) {
-        return Errors::NoMemory;
+        return plainError(Errors::NoMemory);
     }
     std::memcpy(*copy, text, length);
     (*copy)[length] = 0;
@@ -80,7 +81,7 @@ ErrCode zornDuplicateCharPtrN(char** copy, const char* text, size_t length) {
 }
 
 ErrCode zornDuplicateCharPtr(char** copy, const char* text) {
-    return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtrN(copy, text, std::strlen(text));
+    return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtrN(copy, text, std::strlen(text));
 }
 
 void zornFreeMemory(void* memory) {

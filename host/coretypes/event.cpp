@@ -11,7 +11,7 @@ class EventImpl final : public ObjectImpl<IEvent> {
 public:
     ErrCode addHandler(IEventHandler* handler) override {
         if (handler == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             auto changed = std::make_shared<Handlers>(*handlers_);
@@ -22,7 +22,7 @@ public:
 
     ErrCode removeHandler(IEventHandler* handler) override {
         if (handler == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&] {
             auto changed = std::make_shared<Handlers>(*handlers_);
@@ -53,7 +53,7 @@ public:
     }
 
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "Event");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "Event");
     }
 
 private:

@@ -83,7 +83,7 @@ public:
     ErrCode getDenominator(int64_t* denominator) override { return handOut(value_.denominator, denominator); }
     ErrCode getHashCode(size_t* hash) override {
         if (hash == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         const Ratio plain = Conversions::reduced(value_);
         *hash = std::hash<int64_t>()(plain.numerator) * 31 + std::hash<int64_t>()(plain.denominator);
@@ -124,7 +124,7 @@ ErrCode createBoolObject(IBoolObject** object, unsigned char value) {
 }
 ErrCode createRatio(IRatio** object, int64_t numerator, int64_t denominator) {
     if (object == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     if (denominator == 0) {
         return makeError(Errors::InvalidParameter, "The denominator of a ratio can't be 0");

@@ -39,13 +39,13 @@ private:
 
 ErrCode createStringN(IString** object, const char* text, size_t length) {
     if (object == nullptr || (text == nullptr && length != 0)) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return createObject<StringImpl>(object, text == nullptr ? "" : text, length);
 }
 
 ErrCode createString(IString** object, const char* text) {
-    return text == nullptr ? Errors::ArgumentNull : createStringN(object, text, std::strlen(text));
+    return text == nullptr ? plainError(Errors::ArgumentNull) : createStringN(object, text, std::strlen(text));
 }
 
 }  // namespace Harvane::RT::Core

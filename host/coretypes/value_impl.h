@@ -30,7 +30,7 @@ public:
 
     ErrCode convertTo(CoreType type, IBaseObject** value) override {
         if (value == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *value = nullptr;
         if (type == Type || type == CoreType::Object || type == CoreType::Undefined) {
@@ -67,7 +67,7 @@ public:
 
     ErrCode toString(char** result) override {
         if (result == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         return wrapHandler([&]() -> ErrCode {
             const std::string form = text();
@@ -77,7 +77,7 @@ public:
 
     ErrCode equals(IBaseObject* other, unsigned char* equal) override {
         if (equal == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         int order = 1;
         *equal = other != nullptr && compare(other, order) && order == 0 ? 1 : 0;
@@ -86,11 +86,10 @@ public:
 
     ErrCode compareTo(IBaseObject* other, int* result) override {
         if (other == nullptr || result == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         if (!compare(other, *result)) {
-            zornClearErrorInfo();
-            return Errors::InvalidType;
+            return plainError(Errors::InvalidType);
         }
         return Errors::Success;
     }
@@ -135,7 +134,7 @@ private:
     template <class Out, class T>
     ErrCode read(Out* out, const T& result, bool good, const char* kind) {
         if (out == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         if (!good) {
             return wrapHandler([&]() -> ErrCode { return refuse(kind); });

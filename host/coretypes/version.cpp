@@ -14,7 +14,7 @@ public:
     ErrCode getPatch(unsigned int* value) override { return handOut(patch_, value); }
     ErrCode toString(char** text) override {
         if (text == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         char buffer[40];
         std::snprintf(buffer, sizeof buffer, "%u.%u.%u", major_, minor_, patch_);

@@ -45,7 +45,7 @@ public:
     }
 
     ErrCode getName(IString** name) override {
-        return name == nullptr ? Errors::ArgumentNull : createString(name, name_.c_str());
+        return name == nullptr ? plainError(Errors::ArgumentNull) : createString(name, name_.c_str());
     }
 
     ErrCode log(int level, const char* file, int line, const char* function, const char* message) override {
@@ -97,7 +97,7 @@ private:
 
 ErrCode zornGetLogger(const char* name, ILogger** logger) {
     if (name == nullptr || logger == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *logger = LoggerRegistry::instance().find(name);
     if (*logger == nullptr) {
@@ -109,7 +109,7 @@ ErrCode zornGetLogger(const char* name, ILogger** logger) {
 
 ErrCode zornCreateLogger(const char* name, int level) {
     if (name == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] {
         if (level < LowestLevel || level > OffLevel) {

@@ -32,7 +32,7 @@ void ensureLogger(const char* name) {
 template <class I, class Operation>
 ObjectPtr<I> made(const char* what, Operation&& operation) {
     I* object = nullptr;
-    checkStep("host", what, operation(&object));
+    checkStep("host", what, [&] { return operation(&object); });
     return ObjectPtr<I>::take(object);
 }
 
@@ -85,7 +85,14 @@ struct ModuleHost::State {
         throw InvalidStateException("Can't %s: %s", step, phase == Phase::Broken ? "a step failed, close first" : hint);
     }
 
-    void check(const char* step, ErrCode code) const { checkStep(binary ? binary->file() : "module", step, code); }
+    template <class Step>
+    void check(const char* step, Step&& body) const {
+        checkStep(binary ? binary->file() : "module", step, body);
+    }
+    // One call of the module's life, named as the call is.
+    void check(const char* step, ErrCode (IModule::*call)()) const {
+        check(step, [&] { return (module.get()->*call)(); });
+    }
 
     // For the steps on the way out: the first failure is what is reported, and the rest is done all the same.
     template <class Step>
@@ -105,16 +112,16 @@ struct ModuleHost::State {
                                    [&](IData** r) { return createData(r, StringPtr("data").get(), cycleTimeMs); }));
         dataModule = DataModulePtr(made<IDataModule>(
             "making the data module", [](IDataModule** r) { return createDataModule(r, StringPtr("daq").get()); }));
-        checkStep("host", "adding the data module", data->addDataModule(dataModule.get()));
+        checkStep("host", "adding the data module", [&] { return data->addDataModule(dataModule.get()); });
     }
 
     void stopModule(std::string& failure) {
-        attempt(failure, [&] { check("preStop", module->preStop()); });
+        attempt(failure, [&] { check("preStop", &IModule::preStop); });
         attempt(failure, [&] {
             SyncGuard guard(sync);
-            check("stop", module->stop());
+            check("stop", &IModule::stop);
         });
-        attempt(failure, [&] { check("finalize", module->finalize()); });
+        attempt(failure, [&] { check("finalize", &IModule::finalize); });
         for (const auto& channel : allChannels()) {
             channel->stopAcquisition();
             channel->finalizeAcquisition();
@@ -234,21 +241,21 @@ void ModuleHost::open(const std::string& file) {
         s.driver = s.binary->createDriver();
 
         IString* name = nullptr;
-        s.check("asking the driver for its name", s.driver->getName(&name));
+        s.check("asking the driver for its name", [&] { return s.driver->getName(&name); });
         s.driverName = StringPtr(ObjectPtr<IString>::take(name)).toStdString();
 
         IVersionInfo* version = nullptr;
-        s.check("asking the driver for its version", s.driver->getVersionInfo(&version));
+        s.check("asking the driver for its version", [&] { return s.driver->getVersionInfo(&version); });
         unsigned int number[3] = {0, 0, 0};
         if (const auto info = ObjectPtr<IVersionInfo>::take(version)) {
-            s.check("reading the version", info->getMajor(&number[0]));
-            s.check("reading the version", info->getMinor(&number[1]));
-            s.check("reading the version", info->getPatch(&number[2]));
+            s.check("reading the version", [&] { return info->getMajor(&number[0]); });
+            s.check("reading the version", [&] { return info->getMinor(&number[1]); });
+            s.check("reading the version", [&] { return info->getPatch(&number[2]); });
         }
         s.moduleVersion = fmt::format("{}.{}.{}", number[0], number[1], number[2]);
 
         IList* factories = nullptr;
-        s.check("asking the driver for its modules", s.driver->enumerateModuleFactories(&factories));
+        s.check("asking the driver for its modules", [&] { return s.driver->enumerateModuleFactories(&factories); });
         const ListPtr list = ObjectPtr<IList>::take(factories);
         if (!list || list.getCount() == 0) {
             throw InvalidValueException("%s: driver \"%s\" offers no module", file.c_str(), s.driverName.c_str());
@@ -257,7 +264,7 @@ void ModuleHost::open(const std::string& file) {
 
         IString* instanceName = nullptr;
         IModule* module = nullptr;
-        s.check("making the module", s.factory->createInstance(&instanceName, &module));
+        s.check("making the module", [&] { return s.factory->createInstance(&instanceName, &module); });
         const StringPtr instance = ObjectPtr<IString>::take(instanceName);
         s.module = ObjectPtr<IModule>::take(module);
         if (!s.module) {
@@ -286,7 +293,7 @@ void ModuleHost::add() {
     });
     // A module that failed half-way rolls nothing back: it and the tree that it began only serve to be closed.
     s.phase = State::Phase::Broken;
-    s.check("add", s.module->add(s.parameters.get()));
+    s.check("add", [&] { return s.module->add(s.parameters.get()); });
     s.added = true;
     s.phase = State::Phase::Added;
 }
@@ -306,12 +313,13 @@ void ModuleHost::configure() {
     s.scheduler.setLoopProvider({});
     s.config = made<IModuleConfig>("making the configuration",
                                    [&](IModuleConfig** r) { return createModuleConfig(r, s.data.get()); });
-    s.check("configure", s.module->configure(s.config.get()));
+    s.check("configure", [&] { return s.module->configure(s.config.get()); });
 
     IClockProvider* clock = nullptr;
     ILoopProvider* loop = nullptr;
     IAbsTimeProvider* absTime = nullptr;
-    checkStep("host", "reading the providers", zornGetRegisteredProviders(s.config.get(), &clock, &loop, &absTime));
+    checkStep("host", "reading the providers",
+              [&] { return zornGetRegisteredProviders(s.config.get(), &clock, &loop, &absTime); });
     s.clock = ObjectPtr<IClockProvider>::take(clock);
     s.absTime = ObjectPtr<IAbsTimeProvider>::take(absTime);
     s.scheduler.setLoopProvider(ObjectPtr<ILoopProvider>::take(loop));
@@ -324,7 +332,7 @@ void ModuleHost::initialize() {
     s.requirePhase("initialize", {Phase::Configured, Phase::Initialized},
                    s.phase == Phase::Running ? "the acquisition runs" : "the module is not configured");
     s.phase = Phase::Configured;
-    s.check("initialize", s.module->initialize());
+    s.check("initialize", &IModule::initialize);
     // The module has said by now which channels want memory; it reads address and capacity when it starts.
     SyncGuard guard(s.sync);
     for (const auto& channel : s.allChannels()) {
@@ -344,13 +352,13 @@ void ModuleHost::start() {
                    s.phase == Phase::Running ? "the acquisition runs" : "the module is not initialized");
     try {
         for (const auto& channel : s.allChannels()) {
-            s.check("starting a channel", channel->startAcquisition());
+            s.check("starting a channel", [&] { return channel->startAcquisition(); });
         }
         {
             SyncGuard guard(s.sync);
-            s.check("start", s.module->start());
+            s.check("start", &IModule::start);
         }
-        s.check("postStart", s.module->postStart());
+        s.check("postStart", &IModule::postStart);
         s.scheduler.start();
     } catch (...) {
         // What has come up by now must not be left running.
@@ -386,7 +394,7 @@ void ModuleHost::close(int timeoutMs) {
     const std::string file = s.binary->file();
     std::string balancing;
     if (s.added) {
-        s.attempt(failure, [&] { s.check("remove", s.module->remove()); });
+        s.attempt(failure, [&] { s.check("remove", &IModule::remove); });
         s.attempt(failure, [&] { balancing = s.waitForBalancing(timeoutMs); });
     }
     if (balancing.empty()) {

@@ -26,15 +26,12 @@ std::string loadPath(const std::string& file) {
 }  // namespace
 
 void throwStepFailure(const std::string& where, const std::string& step, ErrCode code) {
-    const std::string reason = takeErrorMessage();
+    std::string reason = takeErrorMessage();
+    if (reason.empty()) {
+        reason = defaultErrorText(code);
+    }
     throw ZornException(code, false, "%s: %s failed: %s (0x%08X)", where.c_str(), step.c_str(),
                         reason.empty() ? "no reason was given" : reason.c_str(), code);
-}
-
-void checkStep(const std::string& where, const std::string& step, ErrCode code) {
-    if (failed(code)) {
-        throwStepFailure(where, step, code);
-    }
 }
 
 template <class Function>
@@ -78,7 +75,7 @@ ModuleLibrary::ModuleLibrary(const std::string& file) : file_(file) {
                                 message ? message.toStdString().c_str() : "its version check failed", code);
         }
         if (auto initialize = find<ErrCode (*)()>("zornInitDaqModuleLibrary")) {
-            checkStep(file, "zornInitDaqModuleLibrary", initialize());
+            checkStep(file, "zornInitDaqModuleLibrary", initialize);
         }
     } catch (...) {
         unload(0);
@@ -90,7 +87,7 @@ ModuleLibrary::~ModuleLibrary() = default;
 
 ObjectPtr<IModuleDriver> ModuleLibrary::createDriver() const {
     IModuleDriver* driver = nullptr;
-    checkStep(file_, "creating the driver", createDriver_(&driver));
+    checkStep(file_, "creating the driver", [&] { return createDriver_(&driver); });
     if (driver == nullptr) {
         throw InvalidValueException("%s: creating the driver gave nothing", file_.c_str());
     }

@@ -7,9 +7,17 @@
 namespace Harvane::RT::Core {
 
 // A failing step as an exception: the file or step, what was tried, the reason and the code. Takes the thread's error
-// text.
+// text; without one the code speaks for itself.
 [[noreturn]] void throwStepFailure(const std::string& where, const std::string& step, ErrCode code);
-void checkStep(const std::string& where, const std::string& step, ErrCode code);
+
+// Runs a step. No text of an earlier failure is taken for the reason of this one, whatever the other side does.
+template <class Step>
+void checkStep(const std::string& where, const std::string& step, Step&& body) {
+    zornClearErrorInfo();
+    if (const ErrCode code = body(); failed(code)) {
+        throwStepFailure(where, step, code);
+    }
+}
 
 // One loaded module library: its entry points by name. Loads in the constructor (everything resolved at once, symbols
 // kept to itself) and passes version check and initialisation before anything else is called.

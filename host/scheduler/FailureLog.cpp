@@ -31,6 +31,9 @@ void FailureLog::take(size_t module, ErrCode code) {
     module_ = module;
     code_ = code;
     text_ = takeErrorMessage();
+    if (text_.empty()) {
+        text_ = defaultErrorText(code);
+    }
 }
 
 void FailureLog::write(TimePoint now) {

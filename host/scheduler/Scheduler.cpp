@@ -70,6 +70,7 @@ public:
         }
         lastStart_ = start;
         for (size_t i = 0; i < modules.size(); ++i) {
+            zornClearErrorInfo();  // what an earlier cycle left is no reason of this one
             const ErrCode code = modules[i]->processData();
             if (failed(code)) {
                 failures.fetch_add(1, std::memory_order_relaxed);

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 
+#include <zorn/types/callable.h>
 #include <zorn/types/object_impl.h>
 #include <zorn/types/values.h>
 
@@ -95,6 +97,43 @@ TEST_F(ErrorsTest, theEdgeTranslatesEveryException) {
     EXPECT_EQ("worn out", takeErrorMessage());
     EXPECT_EQ(Errors::GeneralError, wrapHandler([] { throw 7; }));
     EXPECT_EQ(1u, wrapHandler([]() -> ErrCode { return 1; }));
+}
+
+// Whoever asks for the reason of a failure gets that of this one or none.
+TEST_F(ErrorsTest, aFailureWithoutATextLeavesNoOlderOne) {
+    const ListPtr list = ListPtr::create();
+    void* interface = nullptr;
+    const std::pair<const char*, std::function<ErrCode()>> cases[] = {
+        {"a default text", [] { return errorFromException(NotFoundException()); }},
+        {"out of memory", [] { return wrapHandler([] { throw std::bad_alloc(); }); }},
+        {"something thrown", [] { return wrapHandler([] { throw 7; }); }},
+        {"a code at an edge", [] { return wrapHandler([]() -> ErrCode { return Errors::InvalidState; }); }},
+        {"a procedure", [] { return makeProc([](const BasePtr&) { return Errors::NotEnabled; })->dispatch(nullptr); }},
+        {"no output", [] { return createList(nullptr); }},
+        {"a getter's", [&] { return list->getCount(nullptr); }},
+        {"an interface", [&] { return list->queryInterface(IString::Id, &interface); }},
+    };
+    for (const auto& [name, call] : cases) {
+        makeError(Errors::GeneralError, "stale");
+        const ErrCode code = call();
+        try {
+            checkErrorInfo(code);
+            ADD_FAILURE() << name;
+        } catch (const ZornException& exception) {
+            EXPECT_STREQ(exception.what(), defaultErrorText(code)) << name;
+        }
+    }
+    // One that has a text keeps it, also through further edges and with the same words.
+    for (const char* text : {"fresh", "stale"}) {
+        makeError(Errors::GeneralError, "stale");
+        wrapHandler(
+            [&]() -> ErrCode { return wrapHandler([&]() -> ErrCode { return makeError(Errors::NotFound, text); }); });
+        EXPECT_EQ(text, takeErrorMessage());
+    }
+    // To ask whether there is an interface is no failure.
+    makeError(Errors::GeneralError, "kept");
+    EXPECT_FALSE(list.asPtrOrNull<IString>());
+    EXPECT_EQ("kept", takeErrorMessage());
 }
 
 TEST_F(ErrorsTest, everyThreadHasItsOwn) {

@@ -1,6 +1,8 @@
 // A module library for the tests of the module manager. It tells every call to the logger "FakeModule", which a test
 // reads, and takes its orders from properties of the data object:
-//   "FailStep"     text: the lifecycle call of that name fails with "broken on demand"
+//   "FailStep"     text: the lifecycle call of that name fails with "broken on demand"; "initialize without words"
+//   fails
+//                  with the code alone
 //   "BalanceAsks"  int: how many times "GetSensorBalanceStatus" answers true
 // Compile definitions make the variants: FAKE_WRONG_VERSION, FAKE_FAILING_INIT, FAKE_NO_CHECK, FAKE_NO_DRIVER.
 
@@ -64,7 +66,7 @@ public:
             step("configure");
         });
     }
-    ErrCode initialize() override { return run("initialize"); }
+    ErrCode initialize() override { return withoutWords_ ? Errors::InvalidState : run("initialize"); }
     ErrCode start() override {
         return wrapHandler([&] {
             tell("capacity " + std::to_string(input_.getBuffer().getCapacity()) + " " +
@@ -112,6 +114,7 @@ private:
             wanted = data_.getPropertyValue<std::string>("FailStep");
         }
         failInCycle_ = wanted == "processData";
+        withoutWords_ = wanted == "initialize without words";
         if (wanted == name) {
             throw InvalidStateException("broken on demand");
         }
@@ -124,6 +127,7 @@ private:
     ChannelPtr<> event_;
     int balanceAsks_ = 0;
     bool failInCycle_ = false;
+    bool withoutWords_ = false;
 };
 
 class FakeFactory final : public ObjectImpl<IModuleFactory> {

@@ -166,6 +166,21 @@ TEST_F(ModuleHostTest, FailingStepIsNamedAndCloseTidiesUp) {
     }
 }
 
+// The module's failure leaves no words, and this thread has some of an earlier one.
+TEST_F(ModuleHostTest, FailingStepWithoutWordsHasThoseOfItsCode) {
+    host.open(fake());
+    host.data().setPropertyValue("FailStep", "initialize without words");
+    host.add();
+    host.configure();
+    try {
+        makeError(Errors::GeneralError, "the cable of yesterday");
+        host.initialize();
+        ADD_FAILURE();
+    } catch (const ZornException& exception) {
+        EXPECT_EQ(exception.message, fake() + ": initialize failed: Invalid state (0x80000029)");
+    }
+}
+
 TEST_F(ModuleHostTest, FailingCycleGoesOn) {
     RecordingSink failures("Scheduler");
     host.open(fake());

@@ -115,6 +115,22 @@ TEST_F(SchedulerTest, SkipsWholePeriodsWhenLate) {
     EXPECT_LE(statistics.cycles + statistics.overruns, static_cast<uint64_t>(periods)) << "a burst to catch up";
 }
 
+TEST_F(SchedulerTest, FailureWithoutATextSpeaksByItsCode) {
+    RecordingSink log("Scheduler");
+    add([&]() -> ErrCode {
+        if (calls++ == 0) {
+            makeError(Errors::GeneralError, "what the first cycle got over");
+            return Errors::Success;
+        }
+        return Errors::InvalidState;
+    });
+    scheduler.start();
+    ASSERT_TRUE(eventually([&] { return scheduler.statistics().failures >= 1; }));
+    scheduler.stop();
+    ASSERT_FALSE(log.messages().empty());
+    EXPECT_EQ(log.messages()[0], "processData of module 0 failed: 0x80000029 Invalid state");
+}
+
 TEST_F(SchedulerTest, FailingModuleIsLoggedSparinglyAndTheCycleGoesOn) {
     RecordingSink log("Scheduler");
     std::atomic<bool> staleText{false};

@@ -270,9 +270,11 @@ protected:
     static ObjectPtr<IWeakRef> weakRefTo(IPropertyObject* object) {
         IWeakRef* reference = nullptr;
         if (object != nullptr) {
-            void* supports = nullptr;
-            checkErrorInfo(object->borrowInterface(ISupportsWeakRef::Id, &supports));
-            checkErrorInfo(static_cast<ISupportsWeakRef*>(supports)->getWeakRef(&reference));
+            auto* supports = borrow<ISupportsWeakRef>(object);
+            if (supports == nullptr) {
+                throw NoInterfaceException();
+            }
+            checkErrorInfo(supports->getWeakRef(&reference));
         }
         return ObjectPtr<IWeakRef>::take(reference);
     }
@@ -606,7 +608,7 @@ protected:
         if (code == Errors::NotFound) {
             value = attribute(info, &IPropertyInfo::getDefaultValue);
             if (!value) {
-                return Errors::NotAssigned;
+                return plainError(Errors::NotAssigned);
             }
             value = bindAndGet(value);
             code = Errors::Success;
@@ -1218,37 +1220,18 @@ protected:
     IPropertyObject* propertyObject() final { return this; }
     IBaseObject* identity() final { return this->self(); }
 
-    static ErrCode argumentNull() {
-        zornClearErrorInfo();
-        return Errors::ArgumentNull;
-    }
-    // Runs an operation's body. No exception leaves, and a failure without a text leaves no older one behind.
+    static ErrCode argumentNull() { return plainError(Errors::ArgumentNull); }
+    // Runs an operation's body, with this object as the source of its failure.
     template <class Body>
     ErrCode guarded(Body&& body) {
-        return wrapHandler(
-            [&]() -> ErrCode {
-                try {
-                    if constexpr (std::is_same_v<decltype(body()), ErrCode>) {
-                        return body();
-                    } else {
-                        body();
-                        return Errors::Success;
-                    }
-                } catch (const ZornException& exception) {
-                    if (exception.defaultMessage) {
-                        zornClearErrorInfo();
-                    }
-                    throw;
-                }
-            },
-            this->self());
+        return wrapHandler(std::forward<Body>(body), this->self());
     }
 };
 
 // Makes a property object of its serialised form: for zornRegisterSerializerFactory under "PropertyObject".
 inline ErrCode deserialize(ISerializedObject* serialized, IBaseObject** object) {
     if (serialized == nullptr || object == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *object = nullptr;
     return wrapHandler([&] {

@@ -67,7 +67,7 @@ public:
     explicit FuncImpl(std::function<ErrCode(const BasePtr&, BasePtr&)> body) : body_(std::move(body)) {}
     ErrCode execute(IBaseObject* arguments, IBaseObject** result) override {
         if (result == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *result = nullptr;
         return wrapHandler([&]() -> ErrCode {

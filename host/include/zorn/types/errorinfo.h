@@ -21,6 +21,12 @@ ZORN_FUNCTION ErrCode zornSetErrorInfo(IErrorInfo* info);
 ZORN_FUNCTION ErrCode zornGetErrorInfo(IErrorInfo** info);
 ZORN_FUNCTION void zornClearErrorInfo();
 
+// A failure that has no text of its own: what an earlier one of this thread has left must not be taken for its reason.
+inline ErrCode plainError(ErrCode code) {
+    zornClearErrorInfo();
+    return code;
+}
+
 ZORN_FUNCTION ErrCode zornDuplicateCharPtr(char** copy, const char* text);
 ZORN_FUNCTION ErrCode zornDuplicateCharPtrN(char** copy, const char* text, size_t length);
 ZORN_FUNCTION void zornFreeMemory(void* memory);  // null is accepted

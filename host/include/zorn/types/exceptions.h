@@ -3,7 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
@@ -45,52 +44,28 @@ protected:
     }
 };
 
-// One class for each code. Without a text the default text stands and is not sent to the other side.
-#define ZORN_EXCEPTION(CLASS, CODE, TEXT)                                                                            \
-    class CLASS : public ZornException {                                                                             \
-    public:                                                                                                          \
-        static constexpr ErrCode Code = CODE;                                                                        \
-        CLASS() : ZornException(CODE, true) {                                                                        \
-            message = TEXT;                                                                                          \
-        }                                                                                                            \
-        __attribute__((format(printf, 2, 3))) explicit CLASS(const char* format, ...) : ZornException(CODE, false) { \
-            if (format == nullptr || *format == 0) {                                                                 \
-                defaultMessage = true;                                                                               \
-                message = TEXT;                                                                                      \
-                return;                                                                                              \
-            }                                                                                                        \
-            va_list arguments;                                                                                       \
-            va_start(arguments, format);                                                                             \
-            formatMessage(format, arguments);                                                                        \
-            va_end(arguments);                                                                                       \
-        }                                                                                                            \
-    }
-
-ZORN_EXCEPTION(NoMemoryException, 0x80000000, "No memory");
-ZORN_EXCEPTION(InvalidParameterException, 0x80000001, "Invalid parameter");
-ZORN_EXCEPTION(ConversionFailedException, 0x80000004, "Conversion failed");
-ZORN_EXCEPTION(OutOfRangeException, 0x80000005, "Out of range");
-ZORN_EXCEPTION(NotFoundException, 0x80000006, "Not found");
-ZORN_EXCEPTION(AlreadyExistsException, 0x8000000A, "Already exists");
-ZORN_EXCEPTION(NotAssignedException, 0x8000000B, "Not assigned");
-ZORN_EXCEPTION(ParseFailedException, 0x8000000D, "Parse failed");
-ZORN_EXCEPTION(InvalidValueException, 0x8000000E, "Invalid value");
-ZORN_EXCEPTION(InvalidTypeException, 0x80000011, "Invalid type");
-ZORN_EXCEPTION(NotEnabledException, 0x80000013, "Not enabled");
-ZORN_EXCEPTION(GeneralErrorException, 0x80000014, "General error");
-ZORN_EXCEPTION(CalcFailedException, 0x80000015, "Calculation failed");
-ZORN_EXCEPTION(NotImplementedException, 0x80000016, "Not Implemented");
-ZORN_EXCEPTION(FrozenException, 0x80000017, "Object frozen");
-ZORN_EXCEPTION(NotSerializableException, 0x80000018, "Not serializable");
-ZORN_EXCEPTION(DeserializeException, 0x80000021, "Error when parsing or deserializing");
-ZORN_EXCEPTION(InvalidPropertyException, 0x80000024, "Invalid property");
-ZORN_EXCEPTION(ArgumentNullException, 0x80000026, "Argument must not be NULL.");
-ZORN_EXCEPTION(InvalidOperationException, 0x80000027, "Operation in not valid for the current type or state.");
-ZORN_EXCEPTION(UninitializedException, 0x80000028, "The operation requires initialization");
-ZORN_EXCEPTION(InvalidStateException, 0x80000029, "Invalid state");
-ZORN_EXCEPTION(ValidateFailedException, 0x80000030, "Validate failed");
-ZORN_EXCEPTION(NoInterfaceException, 0x80004002, "Invalid cast. The object does not implement this interface.");
-
+// One class for each code of the list. Without a text the default text stands and is not sent to the other side.
+#define ZORN_EXCEPTION(NAME, CODE, TEXT)                                                        \
+    class NAME##Exception : public ZornException {                                              \
+    public:                                                                                     \
+        static constexpr ErrCode Code = CODE;                                                   \
+        NAME##Exception() : ZornException(CODE, true) {                                         \
+            message = TEXT;                                                                     \
+        }                                                                                       \
+        __attribute__((format(printf, 2, 3))) explicit NAME##Exception(const char* format, ...) \
+            : ZornException(CODE, false) {                                                      \
+            if (format == nullptr || *format == 0) {                                            \
+                defaultMessage = true;                                                          \
+                message = TEXT;                                                                 \
+                return;                                                                         \
+            }                                                                                   \
+            va_list arguments;                                                                  \
+            va_start(arguments, format);                                                        \
+            formatMessage(format, arguments);                                                   \
+            va_end(arguments);                                                                  \
+        }                                                                                       \
+    };
+ZORN_ERRORS(ZORN_EXCEPTION)
 #undef ZORN_EXCEPTION
 
 class IExceptionFactory {
@@ -122,7 +97,7 @@ public:
     }
 };
 
-// Which exception stands for which code. The 24 classes above are registered by registerExceptionFactories.
+// Which exception stands for which code. The classes of the list are registered by registerExceptionFactories.
 class ErrorCodeToException {
 public:
     static ErrorCodeToException& GetInstance() {
@@ -171,21 +146,9 @@ private:
 
 inline void registerExceptionFactories() {
     auto& table = ErrorCodeToException::GetInstance();
-    auto add = [&table]<class... T>(std::unique_ptr<T>...) {
-        (table.registerRtException(T::Code, new GenericExceptionFactory<T>), ...);
-    };
-    add(std::unique_ptr<NoMemoryException>(), std::unique_ptr<InvalidParameterException>(),
-        std::unique_ptr<ConversionFailedException>(), std::unique_ptr<OutOfRangeException>(),
-        std::unique_ptr<NotFoundException>(), std::unique_ptr<AlreadyExistsException>(),
-        std::unique_ptr<NotAssignedException>(), std::unique_ptr<ParseFailedException>(),
-        std::unique_ptr<InvalidValueException>(), std::unique_ptr<InvalidTypeException>(),
-        std::unique_ptr<NotEnabledException>(), std::unique_ptr<GeneralErrorException>(),
-        std::unique_ptr<CalcFailedException>(), std::unique_ptr<NotImplementedException>(),
-        std::unique_ptr<FrozenException>(), std::unique_ptr<NotSerializableException>(),
-        std::unique_ptr<DeserializeException>(), std::unique_ptr<InvalidPropertyException>(),
-        std::unique_ptr<ArgumentNullException>(), std::unique_ptr<InvalidOperationException>(),
-        std::unique_ptr<UninitializedException>(), std::unique_ptr<InvalidStateException>(),
-        std::unique_ptr<ValidateFailedException>(), std::unique_ptr<NoInterfaceException>());
+#define ZORN_REGISTER(NAME, CODE, TEXT) table.registerRtException(CODE, new GenericExceptionFactory<NAME##Exception>);
+    ZORN_ERRORS(ZORN_REGISTER)
+#undef ZORN_REGISTER
 }
 
 // Every source file that sees this header has the table filled before its own static objects need it.
@@ -205,14 +168,16 @@ inline void checkErrorInfo(ErrCode code) {
     ErrorCodeToException::GetInstance().throwExceptionFromErrorCode(code, takeErrorMessage());
 }
 
-// The other way: leaves the text (unless it is the default text) for the other side and returns the code.
+// The other way: leaves the text for the other side and returns the code. A default text isn't sent, and then no older
+// text stays.
 inline ErrCode errorFromException(const ZornException& exception, IBaseObject* source = nullptr) {
+    IErrorInfo* info = nullptr;
     if (!exception.defaultMessage) {
-        IErrorInfo* info = nullptr;
-        if (succeeded(createErrorInfo(&info, exception.what(), source)) && info != nullptr) {
-            zornSetErrorInfo(info);
-            info->releaseRef();
-        }
+        createErrorInfo(&info, exception.what(), source);
+    }
+    zornSetErrorInfo(info);
+    if (info != nullptr) {
+        info->releaseRef();
     }
     return exception.errorCode;
 }
@@ -222,12 +187,45 @@ inline ErrCode makeError(ErrCode code, const char* message, IBaseObject* source 
     return errorFromException(ZornException(code, false, "%s", message == nullptr ? "" : message), source);
 }
 
-// Runs `body` at a library's edge: no exception leaves. A body that returns an ErrCode decides the result itself.
+// The text that a thread had before an operation. Held, so that no newer one can have its address.
+class EarlierErrorInfo {
+public:
+    EarlierErrorInfo() { zornGetErrorInfo(&info_); }
+    ~EarlierErrorInfo() {
+        if (info_ != nullptr) {
+            info_->releaseRef();
+        }
+    }
+    EarlierErrorInfo(const EarlierErrorInfo&) = delete;
+    EarlierErrorInfo& operator=(const EarlierErrorInfo&) = delete;
+
+    // A failure after which the text is still the old one has left none.
+    ErrCode clearedFrom(ErrCode code) const {
+        if (info_ != nullptr && failed(code)) {
+            IErrorInfo* now = nullptr;
+            zornGetErrorInfo(&now);
+            if (now == info_) {
+                zornClearErrorInfo();
+            }
+            if (now != nullptr) {
+                now->releaseRef();
+            }
+        }
+        return code;
+    }
+
+private:
+    IErrorInfo* info_ = nullptr;
+};
+
+// Runs `body` at a library's edge: no exception leaves. A body that returns an ErrCode decides the result itself. A
+// failure without a text leaves no older one behind.
 template <class Body>
 ErrCode wrapHandler(Body&& body, IBaseObject* source = nullptr) {
     try {
         if constexpr (std::is_same_v<decltype(body()), ErrCode>) {
-            return body();
+            const EarlierErrorInfo earlier;
+            return earlier.clearedFrom(body());
         } else {
             body();
             return Errors::Success;
@@ -235,11 +233,11 @@ ErrCode wrapHandler(Body&& body, IBaseObject* source = nullptr) {
     } catch (const ZornException& exception) {
         return errorFromException(exception, source);
     } catch (const std::bad_alloc&) {
-        return Errors::NoMemory;
+        return plainError(Errors::NoMemory);
     } catch (const std::exception& exception) {
         return makeError(Errors::GeneralError, exception.what(), source);
     } catch (...) {
-        return Errors::GeneralError;
+        return plainError(Errors::GeneralError);
     }
 }
 

@@ -27,8 +27,7 @@ inline ZORN_OBJECT_COUNT_VISIBILITY std::atomic<uint64_t> zornSharedLibObjectCou
 template <class T>
 ErrCode handOut(std::type_identity_t<T> value, T* output) {
     if (output == nullptr) {
-        zornClearErrorInfo();
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *output = value;
     return Errors::Success;
@@ -64,15 +63,17 @@ class ObjectImpl : public First, public Rest... {
 public:
     ErrCode queryInterface(IntfID id, void** result) override {
         const ErrCode code = borrowInterface(id, result);
-        if (succeeded(code)) {
-            addRef();
+        if (failed(code)) {
+            return plainError(code);
         }
+        addRef();
         return code;
     }
 
+    // A missing interface is an answer here: the thread's error info stays as it is.
     ErrCode borrowInterface(IntfID id, void** result) override {
         if (result == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *result = findInterface(id);
         return *result != nullptr ? Errors::Success : Errors::NoInterface;
@@ -92,7 +93,7 @@ public:
 
     ErrCode getHashCode(size_t* hash) override {
         if (hash == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *hash = reinterpret_cast<size_t>(self());
         return Errors::Success;
@@ -100,7 +101,7 @@ public:
 
     ErrCode equals(IBaseObject* other, unsigned char* equal) override {
         if (equal == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         void* identity = nullptr;
         if (other != nullptr) {
@@ -111,7 +112,7 @@ public:
     }
 
     ErrCode toString(char** text) override {
-        return text == nullptr ? Errors::ArgumentNull : zornDuplicateCharPtr(text, "Object");
+        return text == nullptr ? plainError(Errors::ArgumentNull) : zornDuplicateCharPtr(text, "Object");
     }
 
     ObjectImpl(const ObjectImpl&) = delete;
@@ -170,7 +171,7 @@ public:
 
     ErrCode getRef(IBaseObject** object) override {
         if (object == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         int32_t count = target_->strong.load(std::memory_order_relaxed);
         while (count > 0) {
@@ -180,7 +181,7 @@ public:
             }
         }
         *object = nullptr;
-        return Errors::NotFound;
+        return plainError(Errors::NotFound);
     }
 
 private:
@@ -192,7 +193,7 @@ private:
 template <class Implementation, class I, class... Arguments>
 ErrCode createObject(I** result, Arguments&&... arguments) {
     if (result == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] { *result = new Implementation(std::forward<Arguments>(arguments)...); });
 }

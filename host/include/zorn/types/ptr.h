@@ -69,10 +69,10 @@ public:
     template <class I2>
     ObjectPtr<I2> asPtrOrNull() const {
         void* result = nullptr;
-        if (object_ == nullptr || failed(object_->queryInterface(I2::Id, &result))) {
+        if (object_ == nullptr || failed(object_->borrowInterface(I2::Id, &result))) {
             return {};
         }
-        return ObjectPtr<I2>::take(static_cast<I2*>(result));
+        return ObjectPtr<I2>(static_cast<I2*>(result));
     }
 
     // Identity or, for values, equality of content; two empty pointers are equal.
