@@ -13,8 +13,8 @@
 #include "shared/libraries/kestrix/src/registers/Tmp100Register.h"
 #include "shared/libraries/kestrix/src/registers/VcxoDriverRegister.h"
 #include "simulator/preload/Control.h"
-#include "tests/amplifierlink/LogCapture.h"
 #include "tests/registers/FailureOf.h"
+#include "tests/registers/LogCapture.h"
 
 // The whole link and the board's peripherals against the simulated instrument.
 namespace {

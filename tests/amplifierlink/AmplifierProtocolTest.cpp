@@ -18,9 +18,9 @@
 
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
 #include "simulator/preload/Control.h"
-#include "tests/amplifierlink/LogCapture.h"
 #include "tests/amplifierlink/ScriptedModule.h"
 #include "tests/registers/FailureOf.h"
+#include "tests/registers/LogCapture.h"
 
 // The protocol against a peer that sends what it is told, behind the simulated multiplexer.
 namespace {

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "simulator/preload/Control.h"
-#include "tests/amplifierlink/LogCapture.h"
 #include "tests/registers/FailureOf.h"
+#include "tests/registers/LogCapture.h"
 
 namespace {
 

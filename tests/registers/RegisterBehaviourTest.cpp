@@ -8,8 +8,8 @@
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
 #include "shared/libraries/kestrix/src/registers/PllControlRegister.h"
 #include "shared/libraries/kestrix/src/registers/Tmp100Register.h"
-#include "tests/amplifierlink/LogCapture.h"
 #include "tests/registers/FakeAccess.h"
+#include "tests/registers/LogCapture.h"
 
 namespace {
 

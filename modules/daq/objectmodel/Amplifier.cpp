@@ -4,9 +4,9 @@
 #include <charconv>
 #include <stdexcept>
 
-#include "modules/daq/amplifier/DaqAmplifierMeasurementsConsts.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
+#include "modules/daq/objectmodel/DaqAmplifierMeasurementsConsts.h"
 
 namespace Harvane::RT::Modules::Daq {
 
