@@ -167,7 +167,7 @@ void BlockPath(benchmark::State& state) {
         bareS += secondsOf([&] { bareBytes += bench.bareCycle(); });
     };
     bool moduleFirst = true;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (moduleFirst) {
             moduleTurn();
             bareTurn();
@@ -200,7 +200,7 @@ void IdleCycle(benchmark::State& state) {
     constexpr int turn = 512;
     double moduleS = 0.0;
     double bareS = 0.0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         moduleS += secondsOf([&] {
             for (int i = 0; i < turn; ++i) {
                 bench.moduleCycle();

@@ -21,7 +21,7 @@ ObjectPtr<IEvalValue> makeEval(const char* expression) {
 // A get through the interface, with the name and the result as objects, as every caller has them.
 void get(benchmark::State& state, const GenericPropertyObjectPtr& object, const char* property) {
     const StringPtr name(property);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         IBaseObject* value = nullptr;
         if (failed(object->getProperty(name.get(), &value))) {
             state.SkipWithError("get failed");
@@ -47,7 +47,7 @@ void PropertySetWithListener(benchmark::State& state) {
             .onValueChanged(makeHandler([&](const BasePtr&, const ObjectPtr<IEventArgs>&) { ++calls; })));
     const StringPtr name("Rate");
     const BasePtr value = toValue(1000);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (failed(object->setProperty(name.get(), value.get()))) {
             state.SkipWithError("set failed");
         }

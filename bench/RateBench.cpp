@@ -77,7 +77,7 @@ void measureWorst(benchmark::State& state, Check check) {
             worst = request;
         }
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(check(worst));
     }
     state.counters["request"] = worst;

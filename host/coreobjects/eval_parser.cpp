@@ -72,6 +72,7 @@ private:
                     continue;
                 }
                 if (node.operands.empty()) {
+                    // NOLINTNEXTLINE(bugprone-use-after-move): empty only until then
                     node.operands.push_back(std::move(first));
                 }
                 node.operators.push_back(operation);

@@ -44,8 +44,8 @@ size_t ringCapacity(const Ratio& rate, int64_t multiple) {
     }
     // In long double the product can't overflow; its 64 bit mantissa keeps every integer that fits into a size_t.
     const long double wanted = static_cast<long double>(rate.numerator) * BufferSeconds / rate.denominator;
-    constexpr auto most = static_cast<long double>(std::numeric_limits<size_t>::max() / 2);
-    const size_t samples = wanted >= most ? std::numeric_limits<size_t>::max() / 2 : static_cast<size_t>(wanted);
+    constexpr size_t most = std::numeric_limits<size_t>::max() / 2;
+    const size_t samples = wanted >= static_cast<long double>(most) ? most : static_cast<size_t>(wanted);
     return std::max(samples / step * step, step);
 }
 

@@ -9,7 +9,7 @@ namespace Harvane::RT::Core::Conversions {
 
 namespace {
 
-__extension__ typedef __int128 Wide;
+__extension__ using Wide = __int128;
 
 template <class T>
 bool parseWhole(std::string_view text, T& value) {

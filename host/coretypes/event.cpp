@@ -41,7 +41,7 @@ public:
         // A list is never changed once it stands, so that holding it is a copy without copying.
         const std::shared_ptr<const Handlers> handlers = handlers_;
         for (const auto& handler : *handlers) {
-            if (const ErrCode code = handler.get()->handle(sender, arguments); failed(code)) {
+            if (const ErrCode code = handler->handle(sender, arguments); failed(code)) {
                 return code;
             }
         }
