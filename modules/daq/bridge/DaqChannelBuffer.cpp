@@ -76,13 +76,13 @@ using namespace Harvane::RT;
 
 ZORN_FUNCTION Core::ErrCode createDaqChannelBuffer(void** buffer, Core::IChannel* channel) {
     if (buffer == nullptr) {
-        return Core::Errors::ArgumentNull;
+        return Core::plainError(Core::Errors::ArgumentNull);
     }
     return Core::wrapHandler([&]() -> Core::ErrCode {
         Modules::Daq::IChannelBuffer* made =
             new (std::nothrow) Modules::Daq::DaqChannelBuffer(Core::ChannelPtr<Core::IChannel>(channel));
         if (made == nullptr) {
-            return Core::Errors::NoMemory;
+            return Core::plainError(Core::Errors::NoMemory);
         }
         *buffer = made;
         return Core::Errors::Success;

@@ -31,7 +31,7 @@ ZORN_FUNCTION ErrCode zornCheckDependencies(IString** errorMessage) {
             *errorMessage = nullptr;
         }
         if (!areHostLibrariesCompatible(errorMessage)) {
-            return Errors::IncompatibleVersion;
+            return plainError(Errors::IncompatibleVersion);
         }
         const StartupFailure& failure = startupFailure();
         if (failed(failure.code) && errorMessage != nullptr) {
@@ -73,7 +73,7 @@ ZORN_FUNCTION ErrCode createModuleDriver(IModuleDriver** driver) {
         checkErrorInfo(createVersionInfo(&raw, 1, 0, 0));
         auto version = ObjectPtr<IVersionInfo>::take(raw);
         if (driver == nullptr) {
-            return Errors::ArgumentNull;
+            return plainError(Errors::ArgumentNull);
         }
         *driver = new Driver(std::move(version));
         return Errors::Success;
@@ -86,12 +86,12 @@ ZORN_FUNCTION ErrCode createDaqModuleDriver(IModuleDriver** driver) {
 
 ZORN_FUNCTION ErrCode createDaqModule(IModule** module) {
     if (module == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&]() -> ErrCode {
         auto* made = new (std::nothrow) DaqModuleImpl();
         if (made == nullptr) {
-            return Errors::NoMemory;
+            return plainError(Errors::NoMemory);
         }
         *module = made;
         return Errors::Success;
@@ -100,7 +100,7 @@ ZORN_FUNCTION ErrCode createDaqModule(IModule** module) {
 
 ZORN_FUNCTION ErrCode zornCanUnload(bool* canUnload) {
     if (canUnload == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *canUnload = zornSharedLibObjectCount.load(std::memory_order_acquire) == 0;
     return Errors::Success;
@@ -108,7 +108,7 @@ ZORN_FUNCTION ErrCode zornCanUnload(bool* canUnload) {
 
 ZORN_FUNCTION ErrCode zornGetObjectCount(size_t* count) {
     if (count == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *count = zornSharedLibObjectCount.load(std::memory_order_acquire);
     return Errors::Success;

@@ -19,7 +19,7 @@ public:
 
     Core::ErrCode enumerateModuleFactories(Core::IList** factories) override {
         if (factories == nullptr) {
-            return Core::Errors::ArgumentNull;
+            return Core::plainError(Core::Errors::ArgumentNull);
         }
         return Core::wrapHandler([&] {
             Core::ListPtr list = Core::ListPtr::create();
@@ -30,7 +30,7 @@ public:
 
     Core::ErrCode getVersionInfo(Core::IVersionInfo** version) override {
         if (version == nullptr) {
-            return Core::Errors::ArgumentNull;
+            return Core::plainError(Core::Errors::ArgumentNull);
         }
         *version = Core::ObjectPtr<Core::IVersionInfo>(version_).detach();
         return Core::Errors::Success;

@@ -19,10 +19,10 @@ public:
     // InstanceLimit (0x80000009) for one module too many. The outputs are written on success only.
     Core::ErrCode createInstance(Core::IString** name, Core::IModule** module) override {
         if (name == nullptr || module == nullptr) {
-            return Core::Errors::ArgumentNull;
+            return Core::plainError(Core::Errors::ArgumentNull);
         }
         if (SingleInstance && instances_ > 0) {
-            return Core::Errors::InstanceLimit;
+            return Core::plainError(Core::Errors::InstanceLimit);
         }
         try {
             Core::StringPtr text(Name);
@@ -31,7 +31,7 @@ public:
         } catch (const Core::ZornException& exception) {
             return Core::errorFromException(exception);
         } catch (...) {
-            return Core::Errors::GeneralError;
+            return Core::plainError(Core::Errors::GeneralError);
         }
         ++instances_;
         return Core::Errors::Success;

@@ -24,11 +24,11 @@ DaqModuleImpl::~DaqModuleImpl() {
 // Clock.
 
 ErrCode DaqModuleImpl::getUnit(IString** unit) {
-    return unit == nullptr ? Errors::ArgumentNull : createString(unit, "s");
+    return unit == nullptr ? plainError(Errors::ArgumentNull) : createString(unit, "s");
 }
 
 ErrCode DaqModuleImpl::getClockBase(IRatio** base) {
-    return base == nullptr ? Errors::ArgumentNull : createRatio(base, 1, clockBase);
+    return base == nullptr ? plainError(Errors::ArgumentNull) : createRatio(base, 1, clockBase);
 }
 
 ErrCode DaqModuleImpl::getResolution(IRatio** resolution) {
@@ -37,14 +37,14 @@ ErrCode DaqModuleImpl::getResolution(IRatio** resolution) {
 
 ErrCode DaqModuleImpl::getCurrentClock(long* ticks) {
     if (ticks == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] { *ticks = toTicks(static_cast<double>(clockBase) * daqController.getCurrentTime()); });
 }
 
 ErrCode DaqModuleImpl::getAcquiredClock(long* ticks) {
     if (ticks == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     const double samples = static_cast<double>(daqController.maxSamplesAcquired.get());
     *ticks = toTicks(samples / daqController.sampleRate * static_cast<double>(clockBase));
@@ -55,7 +55,7 @@ ErrCode DaqModuleImpl::getAcquiredClock(long* ticks) {
 
 ErrCode DaqModuleImpl::getStartAbsTime(long* microseconds) {
     if (microseconds == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] {
         const auto timing = daqController.timeSources().timing;
@@ -65,7 +65,7 @@ ErrCode DaqModuleImpl::getStartAbsTime(long* microseconds) {
 
 ErrCode DaqModuleImpl::getCurrentAbsTime(long* microseconds) {
     if (microseconds == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     return wrapHandler([&] {
         const auto timing = daqController.timeSources().timing;
@@ -91,7 +91,7 @@ int64_t DaqModuleImpl::readAbsTime(DaqTiming& timing) {
 
 ErrCode DaqModuleImpl::getTracking(TrackingEnum* trackingState) {
     if (trackingState == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *trackingState = tracking ? TrackingEnum::Yes : TrackingEnum::No;
     return Errors::Success;
@@ -99,7 +99,7 @@ ErrCode DaqModuleImpl::getTracking(TrackingEnum* trackingState) {
 
 ErrCode DaqModuleImpl::getTimingError(TimingErrorEnum* error) {
     if (error == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     *error = timingError ? TimingErrorEnum::Yes : TimingErrorEnum::No;
     return Errors::Success;
@@ -107,7 +107,7 @@ ErrCode DaqModuleImpl::getTimingError(TimingErrorEnum* error) {
 
 ErrCode DaqModuleImpl::getIsAbsTimeSynchronized(unsigned char* synchronized) {
     if (synchronized == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     const auto timing = daqController.timeSources().timing;
     *synchronized = timing && timing->absTimeSynchronized ? 1 : 0;
@@ -159,7 +159,7 @@ ErrCode DaqModuleImpl::stopLoop() {
 
 ErrCode DaqModuleImpl::getInterval(long* milliseconds) const {
     if (milliseconds == nullptr) {
-        return Errors::ArgumentNull;
+        return plainError(Errors::ArgumentNull);
     }
     const auto& loop = daqController.loopDevice;
     *milliseconds = loop && loop->cycleRate != 0 ? 1000 / loop->cycleRate : 0;

@@ -57,19 +57,19 @@ public:
     }
     Core::ErrCode getTaskList(Core::IList** tasks) override {
         if (tasks == nullptr) {
-            return Core::Errors::ArgumentNull;
+            return Core::plainError(Core::Errors::ArgumentNull);
         }
         return Core::wrapHandler([&] { *tasks = onGetTaskList().detach(); });
     }
     Core::ErrCode getInputs(Core::IInputGroups** inputs) override {
         if (inputs == nullptr) {
-            return Core::Errors::ArgumentNull;
+            return Core::plainError(Core::Errors::ArgumentNull);
         }
         return Core::wrapHandler([&] { *inputs = onGetInputs().detach(); });
     }
     Core::ErrCode getConfigurationMode(Core::ConfigurationMode* mode) override {
         if (mode == nullptr) {
-            return Core::Errors::ArgumentNull;
+            return Core::plainError(Core::Errors::ArgumentNull);
         }
         return Core::wrapHandler([&] { *mode = onGetConfigurationMode(); });
     }
