@@ -11,16 +11,6 @@ namespace kestrixsim {
 
 namespace {
 
-// The driver's requests. The direction bits of some do not fit their use; the numbers are what the driver has.
-constexpr unsigned long setDescriptorCount = 0x40064C01;
-constexpr unsigned long setDescriptorSize = 0x40064C03;
-constexpr unsigned long reserveMemory = 0x40064C05;
-constexpr unsigned long reserveMemoryUsb = 0x40064C0B;
-constexpr unsigned long startTransfer = 0x40064C08;
-constexpr unsigned long startTransferUsb = 0x00064C0C;
-constexpr unsigned long stopTransfer = 0x40064C09;
-constexpr unsigned long stopTransferUsb = 0x00064C0D;
-
 constexpr size_t mostDescriptors = 1024;
 
 }  // namespace
@@ -133,8 +123,8 @@ void DmaStream::setSource(const SignalSource& source) {
 
 int DmaStream::control(unsigned long request, unsigned long argument) {
     const std::lock_guard lock(mutex_);
-    switch (request) {
-        case setDescriptorCount:
+    switch (static_cast<DriverRequest>(request)) {
+        case DriverRequest::SetDescriptorCount:
             if (started_) {
                 return -EBUSY;
             }
@@ -144,7 +134,7 @@ int DmaStream::control(unsigned long request, unsigned long argument) {
             descriptorCount_ = argument;
             reserved_ = false;
             return 0;
-        case setDescriptorSize:
+        case DriverRequest::SetDescriptorSize:
             if (started_) {
                 return -EBUSY;
             }
@@ -156,8 +146,8 @@ int DmaStream::control(unsigned long request, unsigned long argument) {
             reserved_ = false;
             statistics_.descriptorSize = static_cast<int>(argument);
             return 0;
-        case reserveMemory:
-        case reserveMemoryUsb:
+        case DriverRequest::ReserveMemory:
+        case DriverRequest::ReserveMemoryUsb:
             if (started_) {
                 return -EBUSY;
             }
@@ -167,14 +157,15 @@ int DmaStream::control(unsigned long request, unsigned long argument) {
             emptyRing();
             ring_.reserve(descriptorCount_);
             reserved_ = true;
-            usb_ = request == reserveMemoryUsb;
+            usb_ = static_cast<DriverRequest>(request) == DriverRequest::ReserveMemoryUsb;
             return 0;
-        case startTransfer:
-        case startTransferUsb:
+        case DriverRequest::StartTransfer:
+        case DriverRequest::StartTransferUsb:
             if (started_) {
                 return -EBUSY;
             }
-            if (!reserved_ || usb_ != (request == startTransferUsb) || (enabled_ && !wholeSamples())) {
+            if (!reserved_ || usb_ != (static_cast<DriverRequest>(request) == DriverRequest::StartTransferUsb) ||
+                (enabled_ && !wholeSamples())) {
                 return -EINVAL;
             }
             emptyRing();
@@ -183,9 +174,9 @@ int DmaStream::control(unsigned long request, unsigned long argument) {
             started_ = true;
             updateFlow(clock_.seconds());
             return 0;
-        case stopTransfer:
-        case stopTransferUsb:
-            if (started_ && usb_ != (request == stopTransferUsb)) {
+        case DriverRequest::StopTransfer:
+        case DriverRequest::StopTransferUsb:
+            if (started_ && usb_ != (static_cast<DriverRequest>(request) == DriverRequest::StopTransferUsb)) {
                 return -EINVAL;
             }
             started_ = false;

@@ -15,6 +15,18 @@
 
 namespace kestrixsim {
 
+// The driver's requests. The direction bits of some do not fit their use; the numbers are what the driver has.
+enum class DriverRequest : unsigned long {
+    SetDescriptorCount = 0x40064C01,
+    SetDescriptorSize = 0x40064C03,
+    ReserveMemory = 0x40064C05,
+    ReserveMemoryUsb = 0x40064C0B,
+    StartTransfer = 0x40064C08,
+    StartTransferUsb = 0x00064C0C,
+    StopTransfer = 0x40064C09,
+    StopTransferUsb = 0x00064C0D,
+};
+
 // One DMA stream: the driver's ring of descriptors, filled by one half of a module's DSP chain. Samples are made while
 // they are read, straight into the reader's buffer; until then a descriptor is only a number. Thread-safe, with one
 // mutex a stream.

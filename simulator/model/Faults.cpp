@@ -6,7 +6,7 @@ namespace {
 
 // The kinds in which `code` tells which accesses are meant; in the others it says how they fail.
 bool codeSelects(FaultKind kind) {
-    return kind == FaultKind::DmaIoctl || kind == FaultKind::MuxReadsBack;
+    return kind == FaultKind::DmaIoctl || kind == FaultKind::MuxReadsBack || kind == FaultKind::MemMap;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <utility>
 
 namespace kestrixsim {
@@ -47,7 +48,8 @@ constexpr uint32_t version = 0x00010000;
 
 // PLL.
 constexpr uint32_t pllBusy = 1u << 0;
-constexpr uint32_t pllLocks = 1u << 4 | 1u << 8;
+constexpr uint32_t pllLock0 = 1u << 4;
+constexpr uint32_t pllLock1 = 1u << 8;
 
 constexpr double clearSeconds = 0.002;
 constexpr double pllSeconds = 0.020;
@@ -72,12 +74,13 @@ constexpr uint32_t allBits = 0xFFFFFFFF;
 
 }  // namespace
 
-Fpga::Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*, 2>> streams,
-           double oscillatorErrorPpm, bool supplyOn, std::function<void(uint8_t, uint8_t)> supply)
+Fpga::Fpga(const Clock& clock, Faults& faults, Journal& journal, std::vector<std::array<DmaStream*, 2>> streams,
+           const Scenario& scenario, std::function<void(uint8_t, uint8_t)> supply)
     : clock_(clock),
       faults_(faults),
+      journal_(journal),
       streams_(std::move(streams)),
-      oscillatorFactor_(1.0 + oscillatorErrorPpm * 1e-6),
+      oscillatorFactor_(1.0 + scenario.oscillatorErrorPpm * 1e-6),
       supply_(std::move(supply)) {
     const auto module = masks(0x134, {{0x00, filterCentre, 0x07FFFFFF},
                                       {filterType, filterType, 0x1},
@@ -123,7 +126,10 @@ Fpga::Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*
         block.words.assign(block.writable.size(), 0);
     }
     blocks_[globalBlock].words[0] = version;
-    if (supplyOn) {
+    blocks_[pllBlock].words[0] = static_cast<uint32_t>(scenario.pll.selection) << 1;
+    oscillator_ = scenario.pll.selection == 1 ? 10 : 15;
+    locksWithheld_ = (scenario.pll.lock0 ? 0 : pllLock0) | (scenario.pll.lock1 ? 0 : pllLock1);
+    if (scenario.supplyOn) {
         blocks_[globalBlock].words[supplyWord / 4] = 0xFF;
     }
 }
@@ -175,7 +181,10 @@ void Fpga::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after) 
             if (b == globalBlock && offset == supplyWord) {
                 supplyBefore = static_cast<uint8_t>(old);
                 supplyAfter = static_cast<uint8_t>(live);
-                supplySwitches_ += supplyBefore != supplyAfter ? 1 : 0;
+                if (supplyBefore != supplyAfter) {
+                    ++supplySwitches_;
+                    journal_.note("supply " + std::to_string(supplyAfter));
+                }
             }
         }
     }
@@ -190,6 +199,7 @@ void Fpga::setOscillator(int megahertz) {
     settle(now);
     holdCount(now);
     oscillator_ = megahertz;
+    noteClock("oscillator", static_cast<uint32_t>(megahertz));
     updateRunning(now);
 }
 
@@ -238,21 +248,26 @@ uint32_t Fpga::current(size_t block, size_t offset, double now) const {
     } else if (block == timingBlock && offset == freeNanoseconds) {
         value = static_cast<uint32_t>((now - std::floor(now)) * 1e9);
     } else if (block == pllBlock) {
-        value |= (value & pllBusy) == 0 && baseClock() > 0.0 ? pllLocks : 0u;
+        value |= (value & pllBusy) == 0 ? pllLocks() : 0u;
     }
     return value;
 }
 
-// The frequency that the converters run at: none while the oscillator does not fit what the PLL was told.
-double Fpga::baseClock() const {
+// Both PLLs lock when the oscillator fits what they were told.
+uint32_t Fpga::pllLocks() const {
     const uint32_t selection = word(pllBlock, 0) >> 1 & 3;
-    if (oscillator_ == 15 && selection == 0) {
-        return 15e6 * oscillatorFactor_;
-    }
-    if (oscillator_ == 10 && selection == 1) {
-        return 10e6 * oscillatorFactor_;
-    }
-    return 0.0;
+    const bool fits = (oscillator_ == 15 && selection == 0) || (oscillator_ == 10 && selection == 1);
+    return fits ? (pllLock0 | pllLock1) & ~locksWithheld_ : 0u;
+}
+
+// The frequency that the converters run at: none without both locks.
+double Fpga::baseClock() const {
+    return pllLocks() == (pllLock0 | pllLock1) ? oscillator_ * 1e6 * oscillatorFactor_ : 0.0;
+}
+
+void Fpga::noteClock(const char* part, uint32_t setting) {
+    journal_.note(std::string(part) + " " + std::to_string(setting) +
+                  ((word(globalBlock, supplyWord) & 0xFF) != 0 ? " under supply" : ""));
 }
 
 uint32_t Fpga::clockCount(double now) const {
@@ -276,6 +291,9 @@ void Fpga::stored(size_t block, size_t offset, uint32_t old, double now) {
     } else if (block < 8 && offset == enableWord) {
         streamsStored(block, old);
     } else if (block == adcBlock && (offset == adcEnable || offset == triggerWord)) {
+        if (offset == adcEnable && word(block, offset) != old) {
+            journal_.note(word(block, offset) != 0 ? "converters on" : "converters off");
+        }
         updateRunning(now);
     } else if (block == adcBlock && offset == debugWord) {
         const uint32_t value = word(block, offset);
@@ -290,6 +308,8 @@ void Fpga::stored(size_t block, size_t offset, uint32_t old, double now) {
         timingStored(offset, old, now);
     } else if (block == pllBlock) {
         const uint32_t value = word(block, offset);
+        locksWithheld_ = 0;
+        noteClock("pll", value >> 1 & 3);
         if ((value & pllBusy) != 0 && (old & pllBusy) == 0) {
             pllIdleAt_ = now + pllSeconds;
             pllHeld_ = faults_.hit(FaultKind::PllBusy).has_value();
@@ -310,6 +330,7 @@ void Fpga::clearStored(size_t m, uint32_t old, double now) {
     if (!requested && !again) {
         return;
     }
+    journal_.note("clear " + std::to_string(m));
     const auto late = faults_.hit(FaultKind::ClearLate, static_cast<int>(m));
     modules_[m].clearedAt = now + clearSeconds + (late ? late->code * 0.001 : 0.0);
     modules_[m].clearHeld = faults_.hit(FaultKind::ClearNever, static_cast<int>(m)).has_value();
@@ -341,6 +362,10 @@ void Fpga::streamsStored(size_t m, uint32_t old) {
     }
     const uint32_t value = word(m, enableWord);
     const auto apply = [&](Stream stream, uint32_t bit) {
+        if (((value ^ old) & bit) != 0) {
+            journal_.note((stream == Stream::Raw ? "raw " : "filtered ") + std::to_string(m) +
+                          ((value & bit) != 0 ? " on" : " off"));
+        }
         DmaStream& target = *streams_[m][stream == Stream::Raw ? 0 : 1];
         if ((value & ~old & bit) != 0) {
             target.enable(format(m, stream));

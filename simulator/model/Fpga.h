@@ -11,6 +11,8 @@
 #include "simulator/model/Clock.h"
 #include "simulator/model/DmaStream.h"
 #include "simulator/model/Faults.h"
+#include "simulator/model/Journal.h"
+#include "simulator/model/Scenario.h"
 
 namespace kestrixsim {
 
@@ -20,8 +22,8 @@ class Fpga {
 public:
     // `streams[m]`: raw and filtered stream of module m, null where the board has none.
     // `supply`: told of each change of the supply word, before and after, without a lock held that it could need.
-    Fpga(const Clock& clock, Faults& faults, std::vector<std::array<DmaStream*, 2>> streams, double oscillatorErrorPpm,
-         bool supplyOn, std::function<void(uint8_t, uint8_t)> supply);
+    Fpga(const Clock& clock, Faults& faults, Journal& journal, std::vector<std::array<DmaStream*, 2>> streams,
+         const Scenario& scenario, std::function<void(uint8_t, uint8_t)> supply);
 
     bool hasBlock(uint64_t physicalAddress, size_t size) const;  // whether a block lies in this piece of memory
     void readWords(uint64_t physicalAddress, uint32_t* words, size_t count) const;
@@ -58,11 +60,14 @@ private:
     uint32_t clockCount(double now) const;
     void holdCount(double now);
     double baseClock() const;
+    uint32_t pllLocks() const;
+    void noteClock(const char* part, uint32_t setting);
     uint32_t word(size_t block, size_t offset) const { return blocks_[block].words[offset / 4]; }
     StreamFormat format(size_t module, Stream stream) const;
 
     const Clock& clock_;
     Faults& faults_;
+    Journal& journal_;
     const std::vector<std::array<DmaStream*, 2>> streams_;
     const double oscillatorFactor_;
     const std::function<void(uint8_t, uint8_t)> supply_;
@@ -72,6 +77,7 @@ private:
     mutable std::array<Module, 8> modules_;
     mutable double pllIdleAt_ = -never;
     mutable bool pllHeld_ = false;
+    uint32_t locksWithheld_ = 0;  // until the PLL is told something
     int oscillator_ = 15;
     double debugCounterSince_ = never;
     double firedAt_ = never;  // start trigger of the timing core

@@ -14,6 +14,7 @@
 #include "simulator/model/Fpga.h"
 #include "simulator/model/Hash.h"
 #include "simulator/model/I2cBus.h"
+#include "simulator/model/Journal.h"
 #include "simulator/model/RootFolder.h"
 #include "simulator/model/Scripts.h"
 #include "simulator/model/Signal.h"
@@ -50,7 +51,7 @@ public:
           link(clock, faults, [this](int slot, const FrontEnd& frontEnd) { setFrontEnd(slot, frontEnd); }),
           bus(scenario, faults, [this](int slot) { link.select(slot); }),
           streams(makeStreams()),
-          fpga(clock, faults, pointers(), scenario.oscillatorErrorPpm, scenario.supplyOn,
+          fpga(clock, faults, journal, pointers(), scenario,
                [this](uint8_t before, uint8_t after) { supply(before, after); }),
           scripts(faults, [this](int megahertz) { fpga.setOscillator(megahertz); }) {
         for (const Fault& fault : scenario.faults) {
@@ -131,6 +132,7 @@ public:
     const Scenario scenario;
     const Clock clock;
     Faults faults;
+    Journal journal;
     AmplifierLink link;
     I2cBus bus;
     std::vector<std::unique_ptr<StreamPair>> streams;
@@ -177,8 +179,8 @@ int Instrument::memOpen() {
     return implementation_->faults.hit(FaultKind::MemOpen) ? -ENOENT : 0;
 }
 
-int Instrument::memMap() {
-    return implementation_->faults.hit(FaultKind::MemMap) ? -EPERM : 0;
+int Instrument::memMap(uint64_t physicalAddress) {
+    return implementation_->faults.hit(FaultKind::MemMap, -1, static_cast<uint32_t>(physicalAddress)) ? -EPERM : 0;
 }
 
 bool Instrument::hasBlock(uint64_t physicalAddress, size_t size) const {
@@ -239,6 +241,24 @@ int channelOf(int module, Stream stream) {
     return 2 * module + (stream == Stream::Filtered ? 1 : 0);
 }
 
+void noteRequest(Journal& journal, const std::string& node, unsigned long request, unsigned long argument) {
+    switch (static_cast<DriverRequest>(request)) {
+        case DriverRequest::SetDescriptorSize:
+            journal.note("size " + node + " " + std::to_string(argument));
+            break;
+        case DriverRequest::StartTransfer:
+        case DriverRequest::StartTransferUsb:
+            journal.note("start " + node);
+            break;
+        case DriverRequest::StopTransfer:
+        case DriverRequest::StopTransferUsb:
+            journal.note("stop " + node);
+            break;
+        default:
+            break;
+    }
+}
+
 }  // namespace
 
 int Instrument::dmaOpen(int module, Stream stream) {
@@ -257,7 +277,12 @@ int Instrument::dmaIoctl(int module, Stream stream, unsigned long request, unsig
     if (implementation_->faults.hit(FaultKind::DmaIoctl, channelOf(module, stream), static_cast<uint32_t>(request))) {
         return -EIO;
     }
-    return target->control(request, argument);
+    const int result = target->control(request, argument);
+    if (result == 0) {
+        noteRequest(implementation_->journal, (stream == Stream::Raw ? "r" : "f") + std::to_string(module), request,
+                    argument);
+    }
+    return result;
 }
 
 ssize_t Instrument::dmaRead(int module, Stream stream, void* buffer, size_t size) {
@@ -349,6 +374,10 @@ bool Instrument::ledOn(int slot) const {
 AmplifierState Instrument::amplifierState(int slot) const {
     checkSlot(slot);
     return implementation_->link.state(slot);
+}
+
+std::vector<std::string> Instrument::journal() const {
+    return implementation_->journal.lines();
 }
 
 uint64_t Instrument::supplySwitches() const {

@@ -60,7 +60,7 @@ public:
 
     // Physical memory. A page is handed out as a snapshot and taken back with what changed in it.
     int memOpen();                                               // 0 or -errno
-    int memMap();                                                // 0 or -errno: whether this mmap works
+    int memMap(uint64_t physicalAddress);                        // 0 or -errno: whether this mmap works
     bool hasBlock(uint64_t physicalAddress, size_t size) const;  // whether anything answers there
     void readPage(uint64_t physicalAddress, uint32_t* words, size_t count);
     void storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after);  // only the bits that differ count
@@ -108,6 +108,14 @@ public:
     // Every request frame that an amplifier took, as "slot: A5 01 67 5A", in order.
     std::vector<std::string> framesReceived() const;
     uint64_t supplySwitches() const;  // changes of EI
+    // What changed in the hardware, in order:
+    //   "supply 255"                               EI
+    //   "oscillator 10", "pll 1"                   what each was told; with " under supply" while EI isn't 0
+    //   "clear 0"                                  the DSP chain of module 0
+    //   "raw 0 on", "filtered 0 off"               its streams
+    //   "size r0 248", "start r0", "stop r0"       the driver's requests that succeeded; f0 is the filtered stream
+    //   "converters on"
+    std::vector<std::string> journal() const;
     bool ledOn(int slot) const;
     AmplifierState amplifierState(int slot) const;  // std::out_of_range for a slot that cannot be
 

@@ -68,7 +68,7 @@ enum class FaultKind {
     EepromSilent,        // no chip at 0x50: ENXIO
     EepromShortRead,     // a read of the EEPROM delivers one byte less than asked for
     MemOpen,             // open of /dev/mem fails (ENOENT)
-    MemMap,              // mmap of /dev/mem fails (EPERM)
+    MemMap,              // mmap of the page `code` of /dev/mem (0: any) fails (EPERM)
     I2cOpen,             // open of /dev/i2c-1 fails (ENOENT)
     UartOpen,            // open of /dev/ttyPS1 fails (ENOENT)
     UartAttributes,      // tcgetattr or tcsetattr of the port fails (EIO)
@@ -91,6 +91,7 @@ enum class FaultKind {
     MuxReadsBack,        // the multiplexer at address `code` (0: 0x4D) reads back 0
     ScriptRefuses,       // platform scripts answer "ERR:fault" instead of "OK:"
     ScriptSilent,        // platform scripts print nothing
+    ScriptUnheard,       // platform scripts do their work and print nothing
     ScriptFails,         // popen of a platform script fails (ENOMEM)
     ClearLate,           // CLRST of module `target` (-1 all) is set `code` ms late
     ClearNever,          // CLRST of module `target` (-1 all) is never set
@@ -107,6 +108,13 @@ struct Fault {
     int64_t times = 1;
 };
 
+// The sampling PLLs as an earlier program left them; the oscillator fits the selection.
+struct PllScenario {
+    int selection = 0;  // 0: 15 MHz, 1: 10 MHz, 2 and 3: nothing that locks
+    bool lock0 = true;  // false: no lock until the PLLs are told something
+    bool lock1 = true;
+};
+
 struct Scenario {
     // Board and identity EEPROM.
     int boardType = 0;  // 0: eight slots, 1: two slots
@@ -117,6 +125,7 @@ struct Scenario {
     bool eepromKeyValid = true;
     int eepromVersion = 1;
     bool supplyOn = false;  // true: the supply is already up when the module opens it (saves 2.4 s)
+    PllScenario pll{};
 
     std::vector<ModuleScenario> modules;
     std::vector<Fault> faults;

@@ -84,6 +84,7 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"muxReadsBack", FaultKind::MuxReadsBack},
     {"scriptRefuses", FaultKind::ScriptRefuses},
     {"scriptSilent", FaultKind::ScriptSilent},
+    {"scriptUnheard", FaultKind::ScriptUnheard},
     {"scriptFails", FaultKind::ScriptFails},
     {"clearLate", FaultKind::ClearLate},
     {"clearNever", FaultKind::ClearNever},
@@ -99,6 +100,7 @@ struct FaultNumbers {
 };
 
 constexpr auto faultNumbers = std::to_array<FaultNumbers>({
+    {FaultKind::MemMap, 0, std::numeric_limits<uint32_t>::max()},
     {FaultKind::DmaOpen, 16, 0},
     {FaultKind::DmaIoctl, 16, std::numeric_limits<uint32_t>::max()},
     {FaultKind::DmaRead, 16, 4095},  // the highest errno
@@ -413,6 +415,11 @@ Scenario readScenario(const Json& json, const std::string& name, const std::stri
     section.read("eepromKeyValid", scenario.eepromKeyValid);
     section.readInteger("eepromVersion", scenario.eepromVersion, 0, 255);
     section.read("supplyOn", scenario.supplyOn);
+    section.readSection("pll", [&](Section& inner) {
+        inner.readInteger("selection", scenario.pll.selection, 0, 3);
+        inner.read("lock0", scenario.pll.lock0);
+        inner.read("lock1", scenario.pll.lock1);
+    });
     section.readList("modules", [&](Section& inner) {
         const ModuleScenario module = readModule(inner, folder, files);
         if (scenario.boardType == 1 && module.slot > 1) {
@@ -503,6 +510,7 @@ std::string ScenarioJson::write(const Scenario& scenario) {
     json["eepromKeyValid"] = scenario.eepromKeyValid;
     json["eepromVersion"] = scenario.eepromVersion;
     json["supplyOn"] = scenario.supplyOn;
+    json["pll"] = {{"selection", scenario.pll.selection}, {"lock0", scenario.pll.lock0}, {"lock1", scenario.pll.lock1}};
     json["timeFactor"] = scenario.timeFactor;
     json["unthrottled"] = scenario.unthrottled;
     json["oscillatorErrorPpm"] = scenario.oscillatorErrorPpm;

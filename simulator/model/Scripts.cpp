@@ -71,8 +71,9 @@ std::string Scripts::run(const std::string& commandLine) {
     if (faults_.hit(FaultKind::ScriptSilent)) {
         return {};
     }
-    return calls(commandLine, ptpScript) ? ptp(argumentsOf(commandLine, ptpScript.size()))
-                                         : vcxo(argumentsOf(commandLine, vcxoScript.size()));
+    const std::string reply = calls(commandLine, ptpScript) ? ptp(argumentsOf(commandLine, ptpScript.size()))
+                                                            : vcxo(argumentsOf(commandLine, vcxoScript.size()));
+    return faults_.hit(FaultKind::ScriptUnheard) ? std::string() : reply;
 }
 
 std::string Scripts::ptp(const std::string& arguments) {

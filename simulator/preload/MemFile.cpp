@@ -65,7 +65,7 @@ void* MemFile::map(void*, size_t length, int protection, int flags, off_t offset
     } else if (!readable() || ((protection & PROT_WRITE) != 0 && (flags & MAP_SHARED) != 0 && !writable())) {
         error = EACCES;
     } else {
-        error = -runtime::get().memMap();
+        error = -runtime::get().memMap(static_cast<uint64_t>(offset));
     }
     if (error != 0) {
         return MAP_FAILED;

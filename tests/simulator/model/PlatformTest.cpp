@@ -76,6 +76,9 @@ TEST(Scripts, faultsSwitchNothing) {
     EXPECT_EQ(0x110u, rig.word(0xB0000000));
     EXPECT_TRUE(run().ends_with("OK:\n"));
     EXPECT_EQ(0u, rig.word(0xB0000000)) << "the PLL lost its lock";
+    rig.instrument.inject({.kind = FaultKind::ScriptUnheard});
+    EXPECT_EQ("", rig.instrument.runCommand(vcxo + " set_clock 15"));
+    EXPECT_EQ(0x110u, rig.word(0xB0000000)) << "this one does its work";
 }
 
 class RootTest : public testing::Test {

@@ -121,6 +121,27 @@ TEST(Registers, pllIsBusyThenLocksIfTheOscillatorFits) {
     EXPECT_EQ(0u, rig.word(0xB0000000) & 1);
 }
 
+TEST(Registers, pllsStandAsTheyWereLeftUntilTheyAreTold) {
+    struct {
+        PllScenario pll;
+        uint32_t word;
+    } const cases[] = {
+        {{.selection = 1}, 0x112}, {{.selection = 2}, 4}, {{.lock0 = false}, 0x100}, {{.lock1 = false}, 0x10}};
+    for (const auto& expected : cases) {
+        Scenario scenario = quiet();
+        scenario.pll = expected.pll;
+        Rig rig(scenario);
+        EXPECT_EQ(expected.word, rig.word(0xB0000000));
+        rig.instrument.runCommand("/opt/harvane/scripts/vcxo_control.sh set_clock 15");
+        rig.store(0xA6000010, 0);
+        rig.storeBits(0xB0000000, 7, 1);
+        rig.now += 0.021;
+        EXPECT_EQ(0x110u, rig.word(0xB0000000));
+        EXPECT_EQ((std::vector<std::string>{"oscillator 15 under supply", "supply 0", "pll 0"}),
+                  rig.instrument.journal());
+    }
+}
+
 TEST(Registers, clockCounterRunsFromTheStartToTheStop) {
     Rig rig(quiet());
     constexpr uint64_t timing = 0xA3000000;
@@ -199,9 +220,12 @@ TEST(Registers, memoryFaultsComeAtTheAccessTheyAreSetFor) {
     const std::vector<int> expected = {0, 0, -EPERM, -EPERM, 0};
     std::vector<int> results;
     for (size_t i = 0; i < expected.size(); ++i) {
-        results.push_back(rig.instrument.memMap());
+        results.push_back(rig.instrument.memMap(0xA6000000));
     }
     EXPECT_EQ(expected, results);
+    rig.instrument.inject({.kind = FaultKind::MemMap, .code = static_cast<int>(0xB0000000)});
+    EXPECT_EQ(0, rig.instrument.memMap(0xA6000000));
+    EXPECT_EQ(-EPERM, rig.instrument.memMap(0xB0000000));
     rig.instrument.inject({.kind = FaultKind::MemOpen, .atSeconds = 5.0, .times = -1});
     EXPECT_EQ(0, rig.instrument.memOpen());
     rig.now += 5.0;

@@ -20,6 +20,7 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
                   .eepromKeyValid = false,
                   .eepromVersion = 0,
                   .supplyOn = true,
+                  .pll = {3, false, false},
                   .modules = {},
                   .faults = {},
                   .timeFactor = 2.5,
