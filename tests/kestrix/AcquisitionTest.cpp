@@ -1,10 +1,17 @@
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <numbers>
 #include <thread>
 
+#include "libraries/devices/embedded/MmapRegisterAccess.h"
+#include "modules/daq/daqdevices/kestrix/src/DspControl.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
 #include "modules/daq/objectmodel/AIChannel.h"
+#include "modules/daq/objectmodel/Amplifier.h"
 #include "modules/daq/objectmodel/DaqException.h"
+#include "modules/daq/objectmodel/SystemDevice.h"
 #include "tests/kestrix/KestrixFixture.h"
 #include "tests/registers/FailureOf.h"
 
@@ -33,35 +40,6 @@ void letStreamsRun(int milliseconds) {
 
 class AcquisitionTest : public KestrixFixture {
 protected:
-    // Every sample of a counter stream has its own number as its value. Checks what came since the last call.
-    void expectCounting(Channel& channel, uint64_t& seen) {
-        const uint64_t capacity = channel.buffer->getCapacity();
-        const bool filtered = channel.buffer->getSampleSize() == 4;
-        ASSERT_LT(channel.samplesAcquired - seen, capacity);
-        for (; seen < channel.samplesAcquired; ++seen) {
-            const double value = channel.buffer->getSampleInDouble(seen % capacity);
-            const double expected = filtered ? static_cast<int32_t>(static_cast<uint32_t>(seen))
-                                             : static_cast<int16_t>(static_cast<uint16_t>(seen));
-            ASSERT_EQ(value, expected) << channel.name << " sample " << seen;
-        }
-    }
-
-    // Runs the cycle over all the channels given until each has so many samples, checking each of them.
-    void acquireCounting(std::initializer_list<int> numbers, uint64_t samples) {
-        std::vector<uint64_t> seen(ai().channels.size(), 0);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        for (bool complete = false; !complete;) {
-            controller->acquireData();
-            complete = true;
-            for (const int number : numbers) {
-                ASSERT_NO_FATAL_FAILURE(expectCounting(channel(number), seen[static_cast<size_t>(number)]));
-                complete = complete && channel(number).samplesAcquired >= samples;
-            }
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-            letStreamsRun(1);
-        }
-    }
-
     static Scenario fastScenario(int modules) {
         Scenario scenario = warmScenario(modules);
         scenario.timeFactor = 4.0;
@@ -124,6 +102,32 @@ TEST_F(AcquisitionTest, DspChainFollowsRatesAndUse) {
     stop();
 }
 
+// From what stands in the FPGA: the taps at odd distance from the centre, the farthest one first, and the centre.
+TEST_F(AcquisitionTest, WrittenFilterPassesAndStopsAsAHalfBand) {
+    bringUp(warmScenario(1));
+    use({1});
+    prepare();
+    const auto tap = [](int k) { return static_cast<double>(static_cast<int32_t>(dspWord(0, 4u * k) << 5) >> 5); };
+    std::vector<double> taps;
+    for (int k = 0; k <= 32; ++k) {
+        taps.push_back(tap(k) / (1 << 26));
+    }
+    const auto response = [&](double frequency) {  // in cycles a sample
+        double sum = taps[32];
+        for (int k = 0; k < 32; ++k) {
+            sum += 2.0 * taps[static_cast<size_t>(k)] * std::cos(2.0 * std::numbers::pi * frequency * (63 - 2 * k));
+        }
+        return sum;
+    };
+    // 98 dB. The ripples are equal and 1.203e-5 high: one part in a million more in a single tap sticks out.
+    constexpr double ripple = 1.25e-5;
+    for (double frequency = 0.0; frequency <= 0.225; frequency += 0.0001) {
+        ASSERT_NEAR(response(frequency), 1.0, ripple) << frequency;
+        ASSERT_NEAR(response(0.5 - frequency), 0.0, ripple) << 0.5 - frequency;
+    }
+    stop();
+}
+
 TEST_F(AcquisitionTest, DescriptorsDivideTheBuffer) {
     bringUp(warmScenario(1));
     struct {
@@ -155,18 +159,18 @@ TEST_F(AcquisitionTest, DescriptorsDivideTheBuffer) {
     }
 }
 
+// A buffer that no descriptor fits: nothing is read.
 TEST_F(AcquisitionTest, TooLittleRoomIsNoFailure) {
     bringUp(fastScenario(1));
     use({0});
+    channel(0).bufferGranularity = 1;
+    channel(0).deviceRate = 13;
+    ai().getKernels()[0]->bdSize = 54;  // of two seconds with 52 bytes
     start();
-    acquire(channel(0), 300);
-    const auto reads = raw().reads;
-    const uint64_t samples = channel(0).samplesAcquired;
-    channel(0).buffer->setPosition(channel(0).buffer->getCapacity() - 10);  // 20 bytes, of a descriptor's 248
-    letStreamsRun(100);
+    letStreamsRun(700);  // a descriptor takes 0.52 s
     controller->acquireData();
-    EXPECT_EQ(channel(0).samplesAcquired, samples);
-    EXPECT_EQ(raw().reads, reads);
+    EXPECT_EQ(raw().reads, 0u);
+    EXPECT_EQ(channel(0).samplesAcquired, 0u);
     stop();
 }
 
@@ -235,28 +239,205 @@ TEST_F(AcquisitionTest, UsbModeIsThatOfTheWholeRun) {
     stop();
 }
 
-TEST_F(AcquisitionTest, RefusedStartLeavesNothingRunningAndCanBeRepeated) {
+// Converters are started behind the streams that take what comes, and nothing is left in a chain.
+TEST_F(AcquisitionTest, StartAndStopGoThroughTheHardwareInOrder) {
+    using Strings = std::vector<std::string>;
+    bringUp(fastScenario(2));
+    takeJournal();
+    use({0, 3});
+    start();
+    EXPECT_EQ(takeJournal(),
+              (Strings{"clear 0", "clear 1", "size r0 248", "size f0 234375", "size r1 937500", "size f1 500",
+                       "raw 0 on", "filtered 1 on", "start r0", "start f0", "start r1", "start f1", "converters on"}));
+    EXPECT_NO_FATAL_FAILURE(acquireCounting({0, 3}, 300));
+    const Strings end{"converters off", "raw 0 off", "filtered 1 off", "stop r0", "stop f0",
+                      "stop r1",        "stop f1",   "clear 0",        "clear 1"};
+    stop();
+    EXPECT_EQ(takeJournal(), end);
+    start();
+    takeJournal();
+    controller->systemDevice->abortAcquisition();
+    EXPECT_EQ(takeJournal(), end);
+}
+
+TEST_F(AcquisitionTest, RunThatWasNotStoppedLeavesNothingOn) {
     bringUp(fastScenario(1));
     use({0, 1});
-    inject({.kind = FaultKind::ClearNever, .times = -1});
-    EXPECT_EQ(failureOf([&] { start(); }), "DspControl::Clear process status timeout");
-    clearFaults();
-
-    inject({.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C08});
-    EXPECT_EQ(failureOf([&] { start(); }), "START_TRANSFER ioctl error");
-    EXPECT_FALSE(raw().started);
-    // A cycle that comes all the same has nowhere to read into.
-    inject({.kind = FaultKind::DmaRead, .code = EIO});
-    EXPECT_NO_THROW(ai().acquireData());
-    clearFaults();
-
+    const auto expectSilence = [&] {
+        letStreamsRun(100);
+        controller->acquireData();
+        EXPECT_EQ(channel(0).samplesAcquired, 0u);
+        EXPECT_EQ(channel(1).samplesAcquired, 0u);
+        EXPECT_EQ(whatIsOn(), "chain 0, r0, f0");
+    };
     start();
-    acquireCounting({0, 1}, 300);
-    // A host that prepares anew without having stopped is refused; one that unloads without having stopped is not.
-    EXPECT_THROW(start(), WrongPhaseException);
-    acquireCounting({0, 1}, 300);
+    ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
+    controller->systemDevice->prepareAcquisition(true);
+    EXPECT_EQ(whatIsOn(), "");
+    setUp();
+    expectSilence();
+    controller->systemDevice->startAcquisition(true);
+    ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
+    // Without a preparation, and set up twice.
+    setUp();
+    expectSilence();
+    setUp();
+    expectSilence();
+    controller->systemDevice->startAcquisition(true);
+    ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
+    // An abort needs no run and may come twice.
+    for (int i = 0; i < 2; ++i) {
+        controller->systemDevice->abortAcquisition();
+        EXPECT_EQ(whatIsOn(), "");
+        EXPECT_NO_THROW(controller->systemDevice->acquireData());
+    }
+    // A host that unloads without having stopped, and a program that was killed.
+    start();
     tearDown();
-    EXPECT_FALSE(raw().started);
+    EXPECT_EQ(whatIsOn(), "");
+    DspControl chain(std::make_shared<Harvane::ZornLib::Devices::Embedded::MmapRegisterAccess>("/dev/mem"), 0);
+    chain.configureDspLogic(15000000, 1000, 0);
+    chain.enableSampleProcessing();
+    EXPECT_EQ(whatIsOn(), "chain 0");
+    KestrixDevice().createAIDevice();
+    EXPECT_EQ(whatIsOn(), "");
+}
+
+// A second set-up replaces the buffers under the streams of the first one and fails.
+TEST_F(AcquisitionTest, FailedSetUpReadsIntoNoBuffer) {
+    bringUp(fastScenario(1));
+    use({0, 1});
+    start();
+    channel(0).buffer = std::make_shared<ChannelBuffer<short>>();
+    channel(1).buffer = std::make_shared<ChannelBuffer<int>>();
+    // What a cycle between brings goes where the run was set up for: that memory is still there.
+    letStreamsRun(100);
+    EXPECT_THROW(controller->acquireData(), DataLostException);
+    inject({.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C08});
+    EXPECT_EQ(failureOf([&] { setUp(); }), "START_TRANSFER ioctl error");
+    EXPECT_EQ(whatIsOn(), "");
+    EXPECT_EQ(failureOf([&] { controller->systemDevice->startAcquisition(true); }),
+              "The analog inputs have not been set up for a start.");
+    inject({.kind = FaultKind::DmaRead, .code = EIO});
+    EXPECT_NO_THROW(controller->acquireData());
+    clearFaults();
+    start();
+    EXPECT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
+    stop();
+}
+
+// One access to the FPGA fails, and then a row of them so that the way back fails as well: at each place of a start and
+// of a stop. What can't be taken back at once is taken back by the abort or by the next start.
+TEST_F(AcquisitionTest, FaultAtAnyAccessLeavesNothingOn) {
+    Scenario scenario = fastScenario(1);
+    scenario.timeFactor = 1000.0;  // clears are done when they are asked for
+    bringUp(scenario);
+    use({0});  // without the 33 words of the filter
+    for (const int number : {0, 1}) {
+        ai().getAIChannel(number)->amplifier = std::make_shared<Amplifier>();  // the link takes its time
+    }
+    const auto failsAt = [&](uint64_t access, int64_t times, auto step) {
+        inject({.kind = FaultKind::MemMap, .afterCount = access, .times = times});
+        const std::string text = failureOf(step);
+        clearFaults();
+        EXPECT_TRUE(text == "no failure" || text == "Failed to map memory.") << text;
+        return text != "no failure";
+    };
+    for (const int64_t times : {1, 3, 40}) {
+        uint64_t access = 0;
+        for (; failsAt(access, times, [&] { start(); }); ++access) {
+            controller->systemDevice->abortAcquisition();
+            ASSERT_EQ(whatIsOn(), "") << access << " of a start, " << times;
+        }
+        EXPECT_GT(access, 50u);
+        for (access = 0; failsAt(access, times, [&] { stop(); }); ++access) {
+            // The stop ends at its first failing step, the streams and the rest with the abort.
+            controller->systemDevice->abortAcquisition();
+            ASSERT_EQ(whatIsOn(), "") << access << " of a stop, " << times;
+            start();
+        }
+        EXPECT_GT(access, 40u);
+    }
+    // Not even an abort between: the start ends what is left.
+    start();
+    EXPECT_TRUE(failsAt(0, 1, [&] { stop(); }));
+    bringUp(fastScenario(1));
+    use({0, 1});
+    start();
+    EXPECT_TRUE(failsAt(0, 40, [&] { controller->systemDevice->finalizeAcquisition(true); }));
+    start();
+    EXPECT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 2200));
+    stop();
+    EXPECT_EQ(whatIsOn(), "");
+}
+
+TEST_F(AcquisitionTest, DriverOrChainThatRefusesEndsInOrderAndCanBeTriedAgain) {
+    constexpr int size = 0x40064C03;
+    constexpr int reserve = 0x40064C05;
+    constexpr int startRequest = 0x40064C08;
+    constexpr int stopRequest = 0x40064C09;
+    using Faults = std::vector<kestrixsim::Fault>;
+    const auto driver = [](int target, int code, int64_t times = 1) {
+        return kestrixsim::Fault{.kind = FaultKind::DmaIoctl, .target = target, .code = code, .times = times};
+    };
+    struct {
+        Faults faults;
+        const char* text;
+        std::string left;  // what the attempt couldn't switch off
+    } const starts[] = {
+        {{driver(0, size)}, "SET_BD_SIZE ioctl error", ""},
+        {{driver(3, reserve)}, "RESERVE_BD_MEM ioctl error", ""},
+        {{driver(0, startRequest)}, "START_TRANSFER ioctl error", ""},
+        {{driver(3, startRequest)}, "START_TRANSFER ioctl error", ""},
+        {{driver(2, startRequest), driver(1, stopRequest)}, "START_TRANSFER ioctl error", "f0"},
+        {{driver(3, startRequest), driver(-1, stopRequest, -1)}, "START_TRANSFER ioctl error", "r0, f0, r1"},
+        {{{.kind = FaultKind::ClearNever, .times = -1}}, "DspControl::Clear process status timeout", ""},
+    };
+    struct {
+        Faults faults;
+        const char* text;
+        std::string left;
+    } const stops[] = {
+        {{driver(0, stopRequest)}, "STOP_TRANSFER ioctl error", "r0"},
+        {{driver(2, stopRequest), driver(3, stopRequest)}, "STOP_TRANSFER ioctl error", "r1, f1"},
+        // The chains are cleared in the end; that of the first module never, the second one's all the same.
+        {{{.kind = FaultKind::ClearNever, .target = 0, .times = -1}}, "DspControl::Clear process status timeout", ""},
+    };
+    bringUp(fastScenario(2));
+    use({0, 1, 2, 3});
+    const auto tryAgain = [&](const char* text, const std::string& left, bool running) {
+        EXPECT_EQ(whatIsOn(), left);
+        if (!left.empty()) {
+            // What still streams refuses the next start in words.
+            inject(driver(-1, stopRequest, -1));
+            EXPECT_EQ(failureOf([&] { start(); }), "STOP_TRANSFER ioctl error");
+            EXPECT_EQ(failureOf([&] { setUp(); }), "STOP_TRANSFER ioctl error");
+            EXPECT_EQ(whatIsOn(), left);
+        }
+        // A cycle that comes all the same has nowhere to read into.
+        inject({.kind = FaultKind::DmaRead, .code = EIO});
+        EXPECT_NO_THROW(ai().acquireData());
+        clearFaults();
+        start();
+        ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1, 2, 3}, 300)) << text << running;
+        stop();
+        EXPECT_EQ(whatIsOn(), "");
+    };
+    for (const auto& expected : starts) {
+        std::for_each(expected.faults.begin(), expected.faults.end(), inject);
+        EXPECT_EQ(failureOf([&] { start(); }), expected.text);
+        tryAgain(expected.text, expected.left, false);
+    }
+    for (const auto& expected : stops) {
+        start();
+        ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1, 2, 3}, 300));
+        takeJournal();
+        std::for_each(expected.faults.begin(), expected.faults.end(), inject);
+        EXPECT_EQ(failureOf([&] { stop(); }), expected.text);
+        const auto steps = takeJournal();
+        EXPECT_EQ(std::count(steps.begin(), steps.end(), "clear 1"), 1);
+        tryAgain(expected.text, expected.left, true);
+    }
 }
 
 TEST_F(AcquisitionTest, OnlyAStandaloneInstrumentStartsByItself) {

@@ -23,6 +23,7 @@ protected:
     static constexpr uint64_t hbNum = base + 0x108;
     static constexpr uint64_t rsd = base + 0x10C;
     static constexpr uint64_t clear = base + 0x120;
+    static constexpr uint64_t enable = base + 0x124;
     static constexpr uint64_t len = base + 0x130;
 
     // What a configuration stores outside of the filter's 33 coefficients, which go from the first word to the last.
@@ -57,14 +58,7 @@ TEST_F(DspControlTest, EachStreamTakesWhatItsRateNeeds) {
 TEST_F(DspControlTest, CoefficientsAreTwentySevenBits) {
     dsp.setFilterCoefficients();
     ASSERT_EQ(access->stores.size(), 33u);
-    int64_t sum = 0;
-    for (const auto& [address, word] : access->stores) {
-        sum += word >= 1u << 26 ? static_cast<int64_t>(word) - (1 << 27) : word;
-    }
     EXPECT_EQ(access->word(base + 0x08), 0x7FFFC58u);
-    EXPECT_EQ(access->word(base + 0x80), 33554432u);
-    // Gain at zero frequency: each side tap counts twice, the centre once; 2^26 is a gain of 1.
-    EXPECT_NEAR(static_cast<double>(2 * sum - 33554432) / (1 << 26), 1.0, 1e-3);
 }
 
 TEST_F(DspControlTest, ClearIsRequestedAwaitedAndAcknowledged) {
@@ -83,6 +77,22 @@ TEST_F(DspControlTest, ClearIsRequestedAwaitedAndAcknowledged) {
     EXPECT_EQ(failureOf([&] { dsp.clearDspChain(); }), "DspControl::Clear process status timeout");
     EXPECT_GT(access->accesses.size(), 20u);
     EXPECT_LT(access->accesses.size(), 120u);
+}
+
+TEST_F(DspControlTest, OneStreamIsSwitchedOffWhenTheOtherCannotBe) {
+    configure(15000000, 1000, 1000);
+    dsp.enableSampleProcessing();
+    EXPECT_EQ(access->word(enable), 3u);
+    int reads = 0;
+    access->beforeRead = [&](uint64_t) {
+        if (++reads == 1) {
+            throw std::runtime_error("once");
+        }
+    };
+    EXPECT_EQ(failureOf([&] { dsp.disableSampleProcessing(); }), "once");
+    EXPECT_EQ(access->word(enable), 2u);
+    dsp.disableSampleProcessing();
+    EXPECT_EQ(access->word(enable), 0u);
 }
 
 TEST(DspRatioTest, SplitsTheRateIntoStagesAndRatio) {

@@ -5,12 +5,10 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"
-#include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 #include "tests/kestrix/KestrixFixture.h"
 #include "tests/registers/FailureOf.h"
 
 using namespace Harvane::RT::Modules::Daq;
-namespace RegistersAddress = Harvane::Shared::Kestrix::RegistersAddress;
 using kestrixsim::FaultKind;
 using kestrixsim::Scenario;
 using kestrixtest::failureOf;
@@ -21,8 +19,14 @@ namespace {
 class KestrixAITest : public KestrixFixture {
 protected:
     static std::shared_ptr<KestrixAI> makeAI() {
+        const kestrixsim::Scenario& board = kestrixsim::instrument().scenario();
+        BoardIdentity identity;
+        identity.modules = static_cast<unsigned char>(board.slots);
+        identity.channels = static_cast<unsigned char>(2 * board.slots);
+        identity.deviceType = static_cast<unsigned char>(board.boardType);
+        identity.publish();
         return std::make_shared<KestrixAI>(
-            std::make_shared<Harvane::ZornLib::Devices::Embedded::MmapRegisterAccess>("/dev/mem"));
+            std::make_shared<Harvane::ZornLib::Devices::Embedded::MmapRegisterAccess>("/dev/mem"), identity);
     }
 
     static void resetCold(int boardType) {
@@ -30,20 +34,9 @@ protected:
         scenario.boardType = boardType;
         scenario.supplyOn = false;
         kestrixsim::reset(scenario);
-        RegistersAddress::maxAIModules = 2;
-        RegistersAddress::maxAIChannels = 4;
-        RegistersAddress::deviceType = static_cast<unsigned char>(boardType);
     }
 
     static uint32_t supply() { return word(0xA6000010) & 255; }
-    static uint32_t pllClock() { return word(0xB0000000) >> 1 & 3; }
-
-    static Strings clockScripts() {
-        Strings commands = kestrixsim::instrument().commandsRun();
-        std::erase_if(commands, [](const std::string& command) { return command.find("vcxo") == command.npos; });
-        return commands;
-    }
-
     // Frames that an amplifier took since the last call.
     Strings takeFrames() {
         const Strings frames = kestrixsim::instrument().framesReceived();
@@ -172,38 +165,6 @@ TEST_F(KestrixAITest, AmplifierSettingsAreSentInOrderUpToTheFirstRefusal) {
     amplifier.notifyEnterChSetup();
     amplifier.notifyLeaveChSetup();
     EXPECT_EQ(takeFrames(), (Strings{"0: A5 02 F2 01 5A", "0: A5 02 F2 00 5A"}));
-}
-
-TEST_F(KestrixAITest, ClockChangeMovesTheWholeInstrument) {
-    bringUp(warmScenario(2));
-    const std::string script = "/opt/harvane/scripts/vcxo_control.sh set_clock ";
-    ai().setBaseClock(12000000);
-    EXPECT_EQ(ai().baseClock, 15000000);
-    EXPECT_EQ(clockScripts(), Strings{});
-
-    // A refused change leaves the clock in force.
-    inject({.kind = FaultKind::ScriptRefuses});
-    EXPECT_EQ(failureOf([&] { ai().setBaseClock(10000000); }), "KestrixAI::configureClock failed");
-    EXPECT_EQ(ai().baseClock, 15000000);
-    EXPECT_EQ(RegistersAddress::baseClock, 15000000);
-    EXPECT_EQ(channel(0).maxRate, 15000000);
-    EXPECT_EQ(supply(), 255u);
-    EXPECT_TRUE(isDetected(ai(), 0));
-
-    ai().setBaseClock(10000000);
-    EXPECT_EQ(RegistersAddress::baseClock, 10000000);
-    EXPECT_EQ(device().maxRate, 10000000);
-    EXPECT_EQ(channel(2).maxRate, 10000000);
-    EXPECT_EQ(channel(3).maxRate, 2000000);
-    EXPECT_EQ(supply(), 255u);
-    EXPECT_EQ(pllClock(), 1u);
-    EXPECT_TRUE(isDetected(ai(), 0));
-
-    ai().setBaseClock(15000000);
-    EXPECT_EQ(RegistersAddress::baseClock, 15000000);
-    EXPECT_EQ(channel(3).maxRate, 1875000);
-    EXPECT_EQ(pllClock(), 0u);
-    EXPECT_EQ(clockScripts(), (Strings{script + "10", script + "10", script + "15"}));
 }
 
 }  // namespace

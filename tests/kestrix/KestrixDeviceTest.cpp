@@ -23,9 +23,14 @@ TEST_F(KestrixDeviceTest, TakesItsIdentityFromAValidMemoryOnly) {
         scenario.eepromVersion = version;
         return scenario;
     };
+    // One board after the other in one process: nothing of a board outlives it.
     for (const Scenario& invalid : {scenario(false, 1), scenario(true, 0)}) {
+        kestrixsim::reset(scenario(true, 1));
+        EXPECT_EQ(KestrixDevice().getIdentity().canPorts, 0xC000);
+        EXPECT_EQ(RegistersAddress::maxAIModules, 2);
         kestrixsim::reset(invalid);
         const KestrixDevice device;
+        EXPECT_EQ(device.getIdentity().canPorts, 0x8000);
         EXPECT_EQ(RegistersAddress::maxAIModules, 8);
         EXPECT_EQ(RegistersAddress::maxAIChannels, 16);
         EXPECT_EQ(RegistersAddress::deviceType, 0);
@@ -56,7 +61,7 @@ TEST_F(KestrixDeviceTest, NonsenseSlotCountsStayWithinTheHardware) {
         const KestrixDevice device;
         EXPECT_EQ(RegistersAddress::maxAIModules, expected.slots);
         EXPECT_EQ(RegistersAddress::maxAIChannels, expected.channels);
-        EXPECT_EQ(KestrixAI::moduleCount(), expected.used) << expected.slots;
+        EXPECT_EQ(device.getIdentity().usableModules(), expected.used) << expected.slots;
     }
 }
 
@@ -84,14 +89,16 @@ TEST_F(KestrixDeviceTest, BoardDecidesOnTheInputsForSynchronisation) {
         {SynchronizationMode::Standalone, {SynchronizationMode::Ptp}},
         {SynchronizationMode::Ptp, {}},
     };
-    kestrixsim::reset(Scenario{});
-    KestrixDevice device;
-    RegistersAddress::deviceType = 1;
-    EXPECT_EQ(device.getSynchronizationOptions(), expected);
-    RegistersAddress::deviceType = 0;
-    expected.insert({SynchronizationMode::Pps, {}});
-    expected.insert({SynchronizationMode::Irig, {}});
-    EXPECT_EQ(device.getSynchronizationOptions(), expected);
+    for (const int boardType : {1, 0}) {
+        Scenario scenario;
+        scenario.boardType = boardType;
+        kestrixsim::reset(scenario);
+        if (boardType == 0) {
+            expected.insert({SynchronizationMode::Pps, {}});
+            expected.insert({SynchronizationMode::Irig, {}});
+        }
+        EXPECT_EQ(KestrixDevice().getSynchronizationOptions(), expected);
+    }
 }
 
 TEST_F(KestrixDeviceTest, CommandsOfTheTools) {

@@ -1,5 +1,6 @@
 #include "tests/kestrix/KestrixFixture.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -13,11 +14,8 @@
 #include "modules/daq/objectmodel/GenericInterface.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
-#include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 
 namespace Harvane::RT::Modules::Daq {
-
-namespace RegistersAddress = Shared::Kestrix::RegistersAddress;
 
 namespace {
 
@@ -42,10 +40,6 @@ class SilentLog : public testing::Environment {
 
 KestrixFixture::KestrixFixture() {
     registerClasses();
-    RegistersAddress::baseClock = 15000000;
-    RegistersAddress::maxAIModules = 8;
-    RegistersAddress::maxAIChannels = 16;
-    RegistersAddress::deviceType = 0;
 }
 
 KestrixFixture::~KestrixFixture() {
@@ -62,6 +56,7 @@ kestrixsim::Scenario KestrixFixture::warmScenario(int modules) {
 void KestrixFixture::bringUp(const kestrixsim::Scenario& scenario) {
     tearDown();
     kestrixsim::reset(scenario);
+    journalTaken_ = 0;
     controller = std::make_unique<DaqController>();
     controller->operationMode = 2;
     controller->initialize();
@@ -70,18 +65,26 @@ void KestrixFixture::bringUp(const kestrixsim::Scenario& scenario) {
 }
 
 void KestrixFixture::prepare() {
-    controller->applySynchronization();
-    controller->prepareAcquisition();
-    controller->initializeAcquisition();
+    Device& tree = *controller->systemDevice;
+    tree.applySynchronization();
+    tree.setOperationMode(controller->operationMode);
+    tree.prepareAcquisition(true);
+    setUp();
+}
+
+void KestrixFixture::setUp() {
+    controller->systemDevice->initializeAcquisition(true);
+    controller->acquisitionChannels = controller->allChannels.getActiveChannels();
 }
 
 void KestrixFixture::start() {
     prepare();
-    controller->startAcquisition();
+    controller->systemDevice->startAcquisition(true);
 }
 
 void KestrixFixture::stop() {
-    controller->stopAcquisition();
+    controller->systemDevice->stopAcquisition(true);
+    controller->systemDevice->finalizeAcquisition(true);
 }
 
 void KestrixFixture::tearDown() {
@@ -116,6 +119,55 @@ void KestrixFixture::acquire(const Channel& channel, uint64_t samples) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << channel.samplesAcquired;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+void KestrixFixture::expectCounting(Channel& channel, uint64_t& seen) {
+    const uint64_t capacity = channel.buffer->getCapacity();
+    const bool filtered = channel.buffer->getSampleSize() == 4;
+    ASSERT_LT(channel.samplesAcquired - seen, capacity);
+    for (; seen < channel.samplesAcquired; ++seen) {
+        const double value = channel.buffer->getSampleInDouble(seen % capacity);
+        const double expected = filtered ? static_cast<int32_t>(static_cast<uint32_t>(seen))
+                                         : static_cast<int16_t>(static_cast<uint16_t>(seen));
+        ASSERT_EQ(value, expected) << channel.name << " sample " << seen;
+    }
+}
+
+void KestrixFixture::acquireCounting(std::initializer_list<int> numbers, uint64_t samples) {
+    std::vector<uint64_t> seen(ai().channels.size(), 0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (bool complete = false; !complete;) {
+        controller->acquireData();
+        complete = true;
+        for (const int number : numbers) {
+            ASSERT_NO_FATAL_FAILURE(expectCounting(channel(number), seen[static_cast<size_t>(number)]));
+            complete = complete && channel(number).samplesAcquired >= samples;
+        }
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+std::string KestrixFixture::whatIsOn() {
+    std::string on;
+    const auto add = [&](bool is, const std::string& what) { on += is ? (on.empty() ? "" : ", ") + what : ""; };
+    add((word(0xA0200000) & 1) != 0, "converters");
+    add((word(0xA0200004) & 0xFFFF) != 0, "triggers");
+    for (int module = 0; module < kestrixsim::instrument().scenario().slots; ++module) {
+        const std::string number = std::to_string(module);
+        add((word(0xA0000124 + (static_cast<uint64_t>(module) << 16)) & 3) != 0, "chain " + number);
+        add(kestrixsim::instrument().statistics(module, kestrixsim::Stream::Raw).started, "r" + number);
+        add(kestrixsim::instrument().statistics(module, kestrixsim::Stream::Filtered).started, "f" + number);
+    }
+    return on;
+}
+
+std::vector<std::string> KestrixFixture::takeJournal() {
+    const std::vector<std::string> lines = kestrixsim::instrument().journal();
+    std::vector<std::string> fresh(lines.begin() + static_cast<std::ptrdiff_t>(journalTaken_), lines.end());
+    journalTaken_ = lines.size();
+    fresh.erase(std::unique(fresh.begin(), fresh.end()), fresh.end());
+    return fresh;
 }
 
 }  // namespace Harvane::RT::Modules::Daq

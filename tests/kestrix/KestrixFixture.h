@@ -3,16 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
+#include "modules/daq/objectmodel/SystemDevice.h"
 #include "shared/libraries/kestrix/src/AmplifierCommunication.h"
 #include "simulator/preload/Control.h"
 
 namespace Harvane::RT::Modules::Daq {
 
-// A test of the instrument's classes on a simulated instrument. The board-wide values are those of a fresh process.
+// A test of the instrument's classes on a simulated instrument. The board-wide values are those of the test before.
 class KestrixFixture : public testing::Test {
 protected:
     KestrixFixture();
@@ -23,6 +26,8 @@ protected:
 
     // Discovery up to the channels, as the module does it.
     void bringUp(const kestrixsim::Scenario& scenario);
+    // The walks of a run, step by step and in any order: the controller's phases have no say here.
+    void setUp();
     void prepare();  // up to the start of the acquisition
     void start();    // prepare and start
     void stop();
@@ -42,8 +47,22 @@ protected:
 
     // Runs the cycle until the channel has so many samples. Fails the test after ten seconds.
     void acquire(const Channel& channel, uint64_t samples);
+    // The same over all the channels given, on counter waveforms: every sample has its own number as its value, and
+    // each of them is looked at. Fails the test after twenty seconds.
+    void acquireCounting(std::initializer_list<int> numbers, uint64_t samples);
+    // Checks what came since the last call.
+    static void expectCounting(Channel& channel, uint64_t& seen);
+
+    // What the instrument has on of an acquisition, such as "converters, r0"; empty when it rests.
+    static std::string whatIsOn();
+    // Changes in the hardware since the last call, from bringUp() on. A chain empties itself anew when the report of
+    // its clear is taken back: lines that repeat themselves count once.
+    std::vector<std::string> takeJournal();
 
     std::unique_ptr<DaqController> controller;
+
+private:
+    size_t journalTaken_ = 0;
 };
 
 }  // namespace Harvane::RT::Modules::Daq

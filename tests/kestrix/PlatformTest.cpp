@@ -17,8 +17,8 @@
 #include "modules/daq/daqdevices/kestrix/src/PlatformScript.h"
 #include "modules/daq/daqdevices/kestrix/src/PlatformVCXOClockControl.h"
 #include "modules/daq/objectmodel/Channel.h"
-#include "tests/amplifierlink/LogCapture.h"
 #include "tests/kestrix/KestrixFixture.h"
+#include "tests/registers/LogCapture.h"
 
 using namespace Harvane::RT::Modules::Daq;
 using kestrixsim::FaultKind;
@@ -133,6 +133,28 @@ TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {
     EXPECT_FALSE(control.setActiveState(P::PTP_STATE_UNKNOWN));
     EXPECT_FALSE(control.setActiveState(static_cast<P::STATE>(9)));
     EXPECT_EQ(commands(), expected);
+}
+
+// Where two lines would drive each other, the order counts: the second one is only touched when the first is set.
+TEST_F(PlatformTest, IrigLinesAreSwitchedInTheOrderOfTheState) {
+    using P = PlatformPtpControl;
+    const std::string in = timingFolder + "irig_in_enabled";
+    const std::string out = timingFolder + "irig_out_enabled";
+    P control;
+    for (int state = P::PTP_STATE_MASTER; state <= P::PTP_STATE_DISABLED; ++state) {
+        const bool outputFirst = state == P::PTP_STATE_SLAVE_IRIG_OUT || state == P::PTP_STATE_DISABLED_IRIG_OUT;
+        const std::string& first = outputFirst ? out : in;
+        const std::string& second = outputFirst ? in : out;
+        setContents(first, "?");
+        removeFile(second);
+        EXPECT_THROW(control.setActiveState(static_cast<P::STATE>(state)), std::system_error) << state;
+        EXPECT_NE(contents(first), "?") << state;
+        setContents(second, "?");
+        removeFile(first);
+        EXPECT_THROW(control.setActiveState(static_cast<P::STATE>(state)), std::system_error) << state;
+        EXPECT_EQ(contents(second), "?") << state;
+        setContents(first, "?");
+    }
 }
 
 TEST_F(PlatformTest, StatusRepliesTellTheState) {

@@ -53,6 +53,23 @@ TEST(PllControl, idlePllIsNotWaitedForAndItsLocksAreOnlyReadForTheLog) {
     EXPECT_EQ(log.lines(), Strings{});
 }
 
+TEST(PllControl, clockIsTheSelectionThatBothHaveLockedTo) {
+    const auto access = std::make_shared<FakeAccess>();
+    PllControlRegister pll(access, pllWord, true);
+    access->setWord(pllWord, 0x110);
+    EXPECT_EQ(pll.lockedClock(), ClockOption::Clock15MHz);
+    access->setWord(pllWord, 0x114);  // a selection that is no clock
+    EXPECT_EQ(pll.lockedClock(), std::nullopt);
+    // Idle before they have locked, one after the other.
+    access->setWord(pllWord, 0x002);
+    int reads = 0;
+    access->beforeRead = [&](uint64_t) { access->setWord(pllWord, ++reads < 4 ? 0x002 : reads < 6 ? 0x012 : 0x112); };
+    EXPECT_EQ(pll.lockedClock(), ClockOption::Clock10MHz);
+    access->beforeRead = nullptr;
+    access->setWord(pllWord, 0x012);
+    EXPECT_EQ(pll.lockedClock(), std::nullopt);
+}
+
 TEST(Eeprom, takesTenMillisecondsForEachByte) {
     const auto access = std::make_shared<FakeAccess>();
     EepromRegister eeprom(access, 0x50);

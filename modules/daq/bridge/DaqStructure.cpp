@@ -59,6 +59,9 @@ DaqStructure::DaqStructure(DaqController& controller)
 DaqStructure::~DaqStructure() = default;
 
 void DaqStructure::forget() noexcept {
+    if (!isBuilt()) {
+        return;
+    }
     state_.hooks.end();
     state_.amplifiers.clear();
     state_.channelBuffers.clear();

@@ -40,7 +40,8 @@ public:
     // Whether anything of the module stands in the host's tree already.
     bool isBuilt() const { return static_cast<bool>(state_.dataModule); }
 
-    // After an add that failed: lets the devices go. What stands in the host's tree answers InvalidState from now on.
+    // After an add that failed: lets the devices go. What stands in the host's tree already answers InvalidState from
+    // now on.
     void forget() noexcept;
 
     // The chosen synchronisation comes into force, and is shown as such.

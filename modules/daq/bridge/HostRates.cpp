@@ -231,6 +231,74 @@ void HostRates::recheckRates() {
     writeChannelRates();
 }
 
+void HostRates::takeWrittenInRun() noexcept {
+    const UpdatingScope scope(state_);
+    try {
+        // What stands there now: a change of the system's rate writes the others anew.
+        const auto shownRate = [](const auto& object) {
+            return intOf(object.getPropertyValue(DataModuleConsts::SampleRateProp));
+        };
+        std::vector<int> deviceRates;
+        std::vector<int> channelRates;
+        for (const auto& [device, folder] : state_.devices) {
+            const int shown = shownRate(folder);
+            deviceRates.push_back(shown == device->getRate() ? 0 : shown);
+        }
+        for (const auto& [channel, hostChannel] : state_.channels) {
+            const int shown = shownRate(hostChannel);
+            channelRates.push_back(shown == channel->getRate() ? 0 : shown);
+        }
+        bool clockChanged = false;
+        for (const auto& [device, folder] : state_.devices) {
+            if (!device->aiDevice || !folder.hasProperty(DeviceFolderConsts::BaseClockProp)) {
+                continue;
+            }
+            const auto& clocks = device->aiDevice->baseClocks;
+            const int index = intOf(folder.getPropertyValue(DeviceFolderConsts::BaseClockProp));
+            if (index != baseClockIndex(*device->aiDevice)) {
+                clockChanged =
+                    (index >= 0 && static_cast<size_t>(index) < clocks.size() &&
+                     tryBaseClock("takeWrittenInRun", device->aiDevice, clocks[static_cast<size_t>(index)])) ||
+                    clockChanged;
+                folder.setPropertyValue(DeviceFolderConsts::BaseClockProp, baseClockIndex(*device->aiDevice));
+            }
+        }
+        const int systemRate = shownRate(state_.dataModule);
+        if (systemRate != controller_.sampleRate) {
+            applySystemRate(adjust("Sample rate", systemRate, controller_.checkSampleRate(systemRate),
+                                   GenericPropertyObjectPtr(state_.dataModule.get()),
+                                   DataModuleConsts::SampleRateProp));
+        } else if (clockChanged) {
+            recheckRates();
+        }
+        for (size_t i = 0; i < deviceRates.size(); ++i) {
+            if (deviceRates[i] != 0) {
+                const auto& [device, folder] = state_.devices[i];
+                device->setRate(adjust("Daq Device Sample rate", deviceRates[i],
+                                       possibleDeviceRate(*device, deviceRates[i]), folder,
+                                       DeviceFolderConsts::SampleRateProp));
+                folder.setPropertyValue(DeviceFolderConsts::SampleRateProp, rateValue(device->getRate()));
+                writeChannelRates();
+            }
+        }
+        for (size_t i = 0; i < channelRates.size(); ++i) {
+            const auto& [channel, hostChannel] = state_.channels[i];
+            const auto device = channelRates[i] != 0 ? controller_.findDeviceByChannel(channel) : nullptr;
+            if (device) {
+                channel->setRate(adjust("Channel rate", channelRates[i],
+                                        device->checkChannelRate(channel->number, device->getRate(), channelRates[i]),
+                                        hostChannel, ChannelPropertyClass::SampleRateProp));
+                hostChannel.setPropertyValue(ChannelPropertyClass::SampleRateProp, rateValue(channel->getRate()));
+                if (isSync(*channel)) {
+                    writeExactRate(*channel, hostChannel);
+                }
+            }
+        }
+    } catch (const std::exception& exception) {
+        logFailure("takeWrittenInRun", exception);
+    }
+}
+
 void HostRates::onSampleRateChanged(GenericPropertyObjectPtr& sender, PropertyValueChangedEventArgsPtr& args) {
     constexpr const char* handler = "onSampleRateChanged";
     runHandler(handler, [&] {

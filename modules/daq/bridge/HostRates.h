@@ -37,6 +37,9 @@ public:
 
     // The controller's own rate, checked, down the tree and into the host: the first rate of a new tree.
     void applyInitialRate();
+    // Rates and clocks that somebody has written while an acquisition ran stay as written until it has ended: now they
+    // move to what can be had, and count for the next run. Failures are logged.
+    void takeWrittenInRun() noexcept;
     // The exact rate of a synchronous channel, beside the shown one.
     static void writeExactRate(const Channel& channel, const Core::ChannelPtr<Core::IChannel>& hostChannel);
 

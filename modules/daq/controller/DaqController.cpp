@@ -162,8 +162,8 @@ DaqController::TimeSources DaqController::timeSources() const {
 void DaqController::prepareAcquisition() {
     require(AcquisitionStep::Initialize);
     abortAcquisition();
-    // Until it has gone through, no run can be built on it.
-    setPhase(AcquisitionPhase::Scanned);
+    // A start does it all again, so that one which fails here has not lost its place.
+    invalidate();
     systemDevice->setOperationMode(operationMode);
     systemDevice->prepareAcquisition(true);
     setPhase(AcquisitionPhase::Prepared);

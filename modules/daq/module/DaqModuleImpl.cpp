@@ -122,7 +122,7 @@ void DaqModuleImpl::forceRefreshTrackingAndErrorStatus() {
     } catch (const std::exception& exception) {
         failure = textOf(exception);
     }
-    const std::string text = timingFaults_.after(failure, Utils::FaultReport::Clock::now());
+    const std::string text = timingFaults_->after(failure, Utils::FaultReport::Clock::now());
     if (!text.empty()) {
         LOG_(0, plog::error) << text;
     }
@@ -235,11 +235,16 @@ void DaqModuleImpl::onStart() {
         setUpRun();
     }
     asyncExchange_.prepare(daqStructure.getChannelsMap());
+    timingFaults_.emplace("The timing device");
     daqController.startAcquisition();
 }
 
 void DaqModuleImpl::onStop() {
     requireStep(daqController, AcquisitionStep::Stop);
+    struct AtTheEnd {
+        HostRates& rates;
+        ~AtTheEnd() { rates.takeWrittenInRun(); }
+    } const atTheEnd{daqStructure.rates()};
     daqController.stopAcquisition();
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "libraries/utils/FaultReport.h"
 #include "modules/daq/bridge/AsyncExchange.h"
@@ -80,7 +81,7 @@ private:
 
     std::unique_ptr<RtcClasses> rtcClasses_;  // from add on: the tree has objects of these classes
     AsyncExchange asyncExchange_{clockBase};
-    Utils::FaultReport timingFaults_{"The timing device"};  // cycle thread
+    std::optional<Utils::FaultReport> timingFaults_;  // of this run; cycle thread
 };
 
 }  // namespace Harvane::RT::Modules::Daq

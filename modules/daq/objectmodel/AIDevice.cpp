@@ -54,8 +54,12 @@ void AIDevice::setChannelProperties(std::shared_ptr<AIChannel> channel) {
 
 void AIDevice::onBaseClockChanged() {}
 
+bool AIDevice::runsAt(int clock) {
+    return clock == baseClock;
+}
+
 void AIDevice::setBaseClock(int clock) {
-    if (clock < 1 || clock == baseClock || std::find(baseClocks.begin(), baseClocks.end(), clock) == baseClocks.end()) {
+    if (clock < 1 || std::find(baseClocks.begin(), baseClocks.end(), clock) == baseClocks.end() || runsAt(clock)) {
         return;
     }
     baseClock = clock;

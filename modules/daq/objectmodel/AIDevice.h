@@ -25,9 +25,13 @@ public:
     // Name, resolution and limits of a new channel. Its amplifier ends with one range, also where two channels share
     // an amplifier and this runs for each of them.
     virtual void setChannelProperties(std::shared_ptr<AIChannel> channel);
+    // `baseClock` is the clock asked for. Where the hardware doesn't follow, an override puts back what is in force.
     virtual void onBaseClockChanged();
+    // Whether there is nothing to do for this clock. A device with a clock in hardware asks the hardware.
+    virtual bool runsAt(int clock);
 
-    // Ignored below 1, for the present clock and for a clock that isn't in the list.
+    // Ignored below 1, for a clock that isn't in the list and where the device runs at it. Failures of the hardware
+    // pass through; baseClock then still is the clock in force, and the same request tries again.
     void setBaseClock(int clock);
     // Throws std::out_of_range beyond the list.
     std::shared_ptr<AIChannel> getAIChannel(int index) const;
@@ -35,7 +39,7 @@ public:
     int resolution = 32;        // Bits per sample given to new channels.
     bool floatSamples = false;  // Given to new channels.
     std::vector<int> baseClocks{15000000, 10000000};
-    int baseClock = 15000000;  // The base clock asked for.
+    int baseClock = 15000000;  // The base clock in force; 0 while a failed change leaves it unknown.
     bool simulationMode = false;
     bool usbMode = false;
 };

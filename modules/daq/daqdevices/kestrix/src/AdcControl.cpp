@@ -1,6 +1,7 @@
 #include "modules/daq/daqdevices/kestrix/src/AdcControl.h"
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
+#include "modules/daq/daqdevices/kestrix/src/FirstFailure.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/AdcControlRegister.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
@@ -39,14 +40,17 @@ void AdcControl::enableAdcs(const std::vector<bool>& enabled, bool simulationMod
 }
 
 void AdcControl::disableAdcs() {
-    adcRegister_->ADCEN.write(false);
-    adcRegister_->TMAN.write(0);
-    adcRegister_->TMASK.write(0);
-    adcRegister_->CNTCTRL.write(false);
-    adcRegister_->RESCNTTO0.write(false);
+    FirstFailure failure;
+    const auto clear = [&](auto& field) { failure.attempt("converters", [&] { field.write(0); }); };
+    clear(adcRegister_->ADCEN);
+    clear(adcRegister_->TMAN);
+    clear(adcRegister_->TMASK);
+    clear(adcRegister_->CNTCTRL);
+    clear(adcRegister_->RESCNTTO0);
     for (auto* counter : adcRegister_->ENDBGCNT) {
-        counter->write(false);
+        clear(*counter);
     }
+    failure.rethrow();
 }
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -23,6 +23,7 @@ public:
 
     // One entry for each module, eight at most. A standalone start is triggered at once, any other by the timing core.
     void enableAdcs(const std::vector<bool>& enabled, bool simulationMode, bool standalone);
+    // Clears every field, also when one of them fails; the first failure passes through.
     void disableAdcs();
 
 private:

@@ -9,6 +9,7 @@
 
 #include "libraries/devices/embedded/IRegisterAccess.h"
 #include "libraries/utils/Timer.h"
+#include "modules/daq/daqdevices/kestrix/src/FirstFailure.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/ChannelFilterRegister.h"
 #include "shared/libraries/kestrix/src/registers/DspCoreRegister.h"
@@ -88,8 +89,10 @@ void DspControl::enableSampleProcessing() {
 
 void DspControl::disableSampleProcessing() {
     KESTRIX_LOG(2, "disabling sample processing, channel: {}", channel_);
-    dspCore_->RAWEN.write(false);
-    dspCore_->FILTEN.write(false);
+    FirstFailure failure;
+    failure.attempt("raw stream", [this] { dspCore_->RAWEN.write(false); });
+    failure.attempt("filtered stream", [this] { dspCore_->FILTEN.write(false); });
+    failure.rethrow();
 }
 
 void DspControl::clearDspChain() {

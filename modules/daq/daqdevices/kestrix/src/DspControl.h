@@ -34,6 +34,7 @@ public:
 
     // Turns on the streams that the last configureDspLogic had a rate for.
     void enableSampleProcessing();
+    // Both streams, also when the first one fails; the first failure passes through.
     void disableSampleProcessing();
 
     // Empties the chain and waits until the FPGA says that it has. Throws std::runtime_error after a second.

@@ -1,14 +1,18 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 
+#include <fmt/core.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/AdcControl.h"
 #include "modules/daq/daqdevices/kestrix/src/DspControl.h"
+#include "modules/daq/daqdevices/kestrix/src/FirstFailure.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
@@ -25,26 +29,12 @@ namespace RegistersAddress = Shared::Kestrix::RegistersAddress;
 
 namespace {
 
-constexpr int maxModules = 8;  // DSP chains and converter pairs in the FPGA
-constexpr int clock15MHz = 15000000;
 constexpr int highRateLimit = 2000000;  // above it only the raw stream runs, at integer divisions of the clock
 constexpr int lowestSearchedRate = 8;
 constexpr int lowestRate = 10;
 
 bool isFiltered(int number) {
     return number % 2 != 0;
-}
-
-PlatformVCXOClockControl::ClockOption oscillatorOption(int clock) {
-    return clock == clock15MHz ? PlatformVCXOClockControl::CLOCK_15_MHZ : PlatformVCXOClockControl::CLOCK_10_MHZ;
-}
-
-// Where a failure must not make another one.
-void logQuietly(const char* what, const std::exception& error) noexcept {
-    try {
-        KESTRIX_LOG(6, "{}: {}", what, error.what());
-    } catch (...) {
-    }
 }
 
 // Whether the filtered stream can run at the rate.
@@ -56,19 +46,28 @@ bool isExact(int clock, int rate) {
 
 }  // namespace
 
-int KestrixAI::moduleCount() {
-    return std::min({static_cast<int>(RegistersAddress::maxAIModules), maxModules,
-                     static_cast<int>(RegistersAddress::maxAIChannels) / 2});
-}
+// Gives the amplifiers their supply back at the end of its scope.
+class KestrixAI::SupplyReturn {
+public:
+    SupplyReturn(KestrixAI& ai, FirstFailure& failure) : ai_(ai), failure_(failure) { ai_.amplifiersPending_ = true; }
+    ~SupplyReturn() {
+        ai_.amplifiersPending_ = !failure_.attempt("Supply", [this] { ai_.enableSupply(); });
+    }
+    SupplyReturn(const SupplyReturn&) = delete;
+    SupplyReturn& operator=(const SupplyReturn&) = delete;
 
-KestrixAI::KestrixAI(std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> access)
+private:
+    KestrixAI& ai_;
+    FirstFailure& failure_;
+};
+
+KestrixAI::KestrixAI(std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> access,
+                     const BoardIdentity& identity)
     : access_(std::move(access)),
-      modules_(moduleCount()),
+      identity_(identity),
+      modules_(identity.usableModules()),
       globalControl_(std::make_shared<Shared::Kestrix::GlobalControlRegister>(
-          access_, RegistersAddress::globalControlBaseAddress, true)),
-      pllControl_(access_, RegistersAddress::pllControlBaseAddress, true) {
-    // A clock that was chosen earlier in this process is still in force.
-    baseClock = static_cast<int>(RegistersAddress::baseClock);
+          access_, RegistersAddress::globalControlBaseAddress, true)) {
     setMaxChannelsCount(2 * modules_);
     try {
         build();
@@ -80,11 +79,16 @@ KestrixAI::KestrixAI(std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAcc
 
 KestrixAI::~KestrixAI() {
     // A stream that runs on would refuse the set-up of whoever opens it next.
-    stopStartedTransfers();
+    run_.reset();
     switchOffQuietly();
 }
 
 void KestrixAI::build() {
+    clock_.emplace(access_);
+    if (clock_->inForce() == SamplingClock::unknown) {
+        setClockOfNobody();
+    }
+    baseClock = clock_->inForce();
     enableSupply();
     amplifierCommunication_ =
         std::make_shared<Shared::Kestrix::AmplifierCommunication>(static_cast<unsigned long>(modules_));
@@ -95,17 +99,22 @@ void KestrixAI::build() {
         const bool detected = amplifierCommunication_->getAmplifier(module)->readProperties();
         std::printf("Module %d was %s.\n", module + 1, detected ? "detected" : "not detected");
         dspControls_.push_back(std::make_shared<DspControl>(access_, module));
+        // What a program that was killed has left on: rates are only taken over by a stream that is switched on.
+        dspControls_.back()->disableSampleProcessing();
     }
     adcControl_ = std::make_shared<AdcControl>(access_);
     adcControl_->disableAdcs();
 }
 
+// PLLs that hold no clock, such as after a change that was cut off.
+void KestrixAI::setClockOfNobody() {
+    KESTRIX_LOG(4, "The PLLs hold no clock, setting {} Hz", SamplingClock::clock15MHz);
+    disableSupply();
+    runQuietly("The sampling clock is unknown", [this] { clock_->moveTo(SamplingClock::clock15MHz); });
+}
+
 void KestrixAI::switchOffQuietly() noexcept {
-    try {
-        disableSupply();
-    } catch (const std::exception& error) {
-        logQuietly("supply could not be switched off", error);
-    }
+    runQuietly("supply could not be switched off", [this] { disableSupply(); });
 }
 
 std::shared_ptr<KestrixDevice> KestrixAI::getKestrix() const {
@@ -122,8 +131,7 @@ void KestrixAI::setSimulationMode(bool on) {
 // ---- Supply and clock -----------------------------------------------------------------------------------------------
 
 void KestrixAI::enableSupply() {
-    // The small board's modules are always on.
-    if (RegistersAddress::deviceType != 0) {
+    if (!identity_.hasModuleSupply()) {
         return;
     }
     globalControl_->ENI.write(false);
@@ -150,50 +158,75 @@ void KestrixAI::disableSupply() {
     }
 }
 
-void KestrixAI::readAmplifiers() {
+// Those that aren't known. `expected`: whose silence is a failure.
+void KestrixAI::readAmplifiers(const std::vector<bool>& expected, FirstFailure& failure) {
     for (int module = 0; module < modules_; ++module) {
-        amplifierCommunication_->getAmplifier(module)->readProperties();
+        const bool done = failure.attempt("Amplifier", [&] {
+            auto& amplifier = *amplifierCommunication_->getAmplifier(module);
+            if (!amplifier.isAmplifierDefined() && !amplifier.readProperties() &&
+                expected[static_cast<size_t>(module)]) {
+                throw std::runtime_error(fmt::format("The amplifier in slot {} doesn't answer any more.", module + 1));
+            }
+        });
+        amplifiersPending_ |= !done;
+    }
+}
+
+// A slot that is silent once more counts as empty: whoever has taken the amplifier out can measure with the others.
+void KestrixAI::restoreAmplifiers() {
+    FirstFailure failure;
+    { const SupplyReturn supplyReturn(*this, failure); }
+    readAmplifiers(std::vector<bool>(static_cast<size_t>(modules_)), failure);
+    failure.rethrow();
+}
+
+bool KestrixAI::isClockKnown() {
+    const bool known = clock_->verify();
+    baseClock = clock_->inForce();
+    return known;
+}
+
+bool KestrixAI::runsAt(int clock) {
+    return isClockKnown() && baseClock == clock && !amplifiersPending_;
+}
+
+void KestrixAI::requireClock() {
+    if (!isClockKnown()) {
+        throw std::runtime_error("The sampling clock is unknown: a base clock has to be chosen before a start.");
     }
 }
 
 void KestrixAI::onBaseClockChanged() {
-    const int previousClock = static_cast<int>(RegistersAddress::baseClock);
-    if (baseClock == previousClock) {
-        return;
+    const int wanted = std::exchange(baseClock, clock_->inForce());
+    KESTRIX_LOG(2, "PLL clock: newBaseClock = {}, previousBaseClock = {}", wanted, clock_->forRates());
+    // What has been set up for a start is of the old clock.
+    endRun();
+    std::vector<bool> present;
+    for (int module = 0; module < modules_; ++module) {
+        present.push_back(amplifierCommunication_->getAmplifier(module)->isAmplifierDefined());
     }
-    KESTRIX_LOG(2, "PLL clock: newBaseClock = {}, previousBaseClock = {}", baseClock, previousClock);
-    try {
-        disableSupply();
-        moveToClock(baseClock, previousClock);
-    } catch (...) {
-        // The clock in force stays and the amplifiers get their supply back: the change can be asked for again.
-        baseClock = previousClock;
-        enableSupply();
-        readAmplifiers();
-        throw;
+    FirstFailure failure;
+    {
+        const SupplyReturn supplyReturn(*this, failure);
+        failure.attempt("Clock", [&] {
+            disableSupply();
+            clock_->moveTo(wanted);
+        });
     }
-    RegistersAddress::baseClock = baseClock;
-    enableSupply();
-    readAmplifiers();
+    readAmplifiers(present, failure);
+    adoptClock();
+    failure.rethrow();
+}
+
+// Everything that goes by the clock.
+void KestrixAI::adoptClock() {
+    baseClock = clock_->inForce();
     for (const auto& channel : channels) {
         setChannelMaxRate(*channel);
     }
     if (const std::shared_ptr<KestrixDevice> device = getKestrix()) {
         device->onBaseClockChanged();
-    }
-}
-
-void KestrixAI::moveToClock(int clock, int previousClock) {
-    if (!vcxoClockControl_.setClock(oscillatorOption(clock))) {
-        throw std::runtime_error("KestrixAI::configureClock failed");
-    }
-    try {
-        pllControl_.setClock(clock == clock15MHz ? Shared::Kestrix::ClockOption::Clock15MHz
-                                                 : Shared::Kestrix::ClockOption::Clock10MHz);
-    } catch (...) {
-        // Oscillator and PLL only work as a pair.
-        vcxoClockControl_.setClock(oscillatorOption(previousClock));
-        throw;
+        maxRate = device->maxRate;
     }
 }
 
@@ -220,7 +253,7 @@ void KestrixAI::setChannelProperties(std::shared_ptr<AIChannel> channel) {
 }
 
 void KestrixAI::setChannelMaxRate(Channel& channel) const {
-    channel.maxRate = isFiltered(channel.number) ? DspControl::maxFilteredRate(baseClock) : baseClock;
+    channel.maxRate = clock_->maxRate(isFiltered(channel.number));
 }
 
 void KestrixAI::initializeHardware() {
@@ -245,7 +278,7 @@ void KestrixAI::buildChannelView() {
 // ---- Rates ----------------------------------------------------------------------------------------------------------
 
 int KestrixAI::checkRate(int rate) const {
-    return checkRate(rate, baseClock);
+    return checkRate(rate, clock_->forRates());
 }
 
 int KestrixAI::checkRate(int rate, int clock) const {
@@ -271,34 +304,35 @@ int KestrixAI::checkRate(int rate, int clock) const {
 }
 
 int KestrixAI::getBaseClockForSampleRate(int rate) {
+    const int current = clock_->forRates();
     if (checkRate(rate) == rate) {
-        return baseClock;
+        return current;
     }
     for (const int clock : baseClocks) {
-        if (clock != baseClock && checkRate(rate, clock) == rate) {
+        if (clock != current && checkRate(rate, clock) == rate) {
             return clock;
         }
     }
-    return baseClock;
+    return current;
 }
 
 int KestrixAI::checkChannelRate(int channelNumber, int deviceRate, int requested) const {
     const Channel& channel = *channels.at(static_cast<size_t>(channelNumber));
-    // 64 bits: rates near the top of the range add up beyond 32.
     const int limited = requested < channel.minRate ? channel.minRate : std::min(requested, channel.maxRate);
-    const int64_t rate = std::max(limited, 1);
+    const int rate = std::max(limited, 1);
     if (deviceRate < 1) {
         return deviceRate;
     }
+    if (!isFiltered(channelNumber)) {
+        return ChannelRate::atOrBelow(deviceRate, rate);
+    }
+    // 64 bits: rates near the top of the range add up beyond 32.
     const int64_t full = deviceRate;
     const int64_t first = (full + rate - 1) / rate;
-    if (!isFiltered(channelNumber)) {
-        return static_cast<int>(full / first);
-    }
 
     // Only a divider that leaves no rest fits. Such a divider is the device rate over a whole number, the channel's
     // rate, so the search goes from one whole rate to the next instead of from one divider to the next.
-    const int clock = static_cast<int>(RegistersAddress::baseClock);
+    const int clock = clock_->forRates();
     const auto fits = [&](int64_t divider) {
         return full % divider == 0 && isExact(clock, static_cast<int>(full / divider));
     };
@@ -326,178 +360,86 @@ int KestrixAI::checkChannelRate(int channelNumber, int deviceRate, int requested
 
 // ---- Acquisition ----------------------------------------------------------------------------------------------------
 
-// A channel can be ticked as used and still be out of order, such as that of an empty slot. A channel that the clock
-// asked for runs without being used.
-bool KestrixAI::takesPart(const Channel& channel) {
-    return channel.active && (channel.used || channel.enableFirst);
+void KestrixAI::endRun() {
+    if (run_) {
+        run_->end();
+        run_.reset();
+    }
 }
 
-uint32_t KestrixAI::rateInUse(const Channel& channel) {
-    return takesPart(channel) ? static_cast<uint32_t>(channel.getRate()) : 0;
+void KestrixAI::endRunQuietly() noexcept {
+    runQuietly("The acquisition could not be ended", [this] { endRun(); });
 }
 
 void KestrixAI::prepareAcquisition(bool recursive) {
+    endRun();
+    requireClock();
+    if (amplifiersPending_) {
+        restoreAmplifiers();
+    }
     AIDevice::prepareAcquisition(recursive);
-    // Left over from a start that failed behind this device.
-    stopStartedTransfers();
-    // The mode of this run from here to its end, whatever the host asks for meanwhile.
-    runInUsbMode_ = usbMode;
+    preparedForUsb_ = usbMode;
     for (const auto& channel : channels) {
-        channel->noReserve = runInUsbMode_;
+        channel->noReserve = preparedForUsb_;
         const int rate = channel->getRate();
-        if (isFiltered(channel->number) && rate <= DspControl::maxFilteredRate(baseClock)) {
-            channel->phaseDelay = static_cast<int>(DspControl::calculateDspDelay(baseClock, rate) / 1000.0 * rate);
+        if (isFiltered(channel->number) && rate <= clock_->maxRate(true)) {
+            channel->phaseDelay =
+                static_cast<int>(DspControl::calculateDspDelay(clock_->inForce(), rate) / 1000.0 * rate);
         }
     }
-}
-
-void KestrixAI::configureChannel(KestrixKernel& kernel, Channel& channel) {
-    const int64_t maxBdSize = kernel.defaultBdSize;
-    const int64_t capacity =
-        static_cast<int64_t>(channel.noReserve ? channel.calculateBufferCapacity() : channel.buffer->getCapacity());
-    const int64_t total = capacity * static_cast<int64_t>(channel.buffer->getSampleSize());
-    // The largest descriptor that the driver takes and that divides the buffer: a row of whole descriptors then ends
-    // exactly where the buffer ends. Without such a size (an unused channel has no buffer at all) the last one stays.
-    int64_t size = total / kernel.bdCount;
-    while (size >= 4 && (size > maxBdSize || total % size != 0)) {
-        size -= 4;
-    }
-    if (size >= 4) {
-        kernel.bdSize = static_cast<int32_t>(size);
-    }
-    kernel.updateConfiguration(runInUsbMode_);
 }
 
 void KestrixAI::initializeAcquisition(bool recursive) {
+    endRun();
+    requireClock();
     AIDevice::initializeAcquisition(recursive);
-    for (const auto& dsp : dspControls_) {
-        dsp->clearDspChain();
-    }
-    for (size_t c = 0; c < kernels_.size(); ++c) {
-        configureChannel(*kernels_[c], *channels[c]);
-    }
-    const int clock = static_cast<int>(RegistersAddress::baseClock);
-    for (size_t m = 0; m < dspControls_.size(); ++m) {
-        const Channel& raw = *channels[2 * m];
-        // From the divider and not from the whole-numbered rate: a seventh of 1000 is 105000 ticks of 15 MHz, where
-        // 142 would give 105633 and the channel would fall behind the others.
-        const int64_t decimation = static_cast<int64_t>(clock) * raw.srDiv / std::max(raw.deviceRate, 1);
-        dspControls_[m]->configureDspLogic(clock, rateInUse(raw), rateInUse(*channels[2 * m + 1]),
-                                           static_cast<uint32_t>(decimation));
-    }
-    for (const auto& dsp : dspControls_) {
-        dsp->enableSampleProcessing();
-    }
-    for (const auto& dsp : dspControls_) {
-        dsp->configureStartTriggerControl(simulationMode);
-    }
-    gatherRunningStreams();
-    startTransfers();
-}
-
-// The host leaves a channel's memory in place for the whole run, so that a cycle need not ask for it.
-void KestrixAI::gatherRunningStreams() {
-    runningStreams_.clear();
-    for (size_t c = 0; c < kernels_.size(); ++c) {
-        Channel& channel = *channels[c];
-        if (takesPart(channel)) {
-            IChannelBuffer& buffer = *channel.buffer;
-            runningStreams_.push_back({kernels_[c].get(), &channel, &buffer,
-                                       static_cast<unsigned char*>(buffer.getData()),
-                                       buffer.getCapacity() * buffer.getSampleSize(), buffer.getSampleSize(),
-                                       static_cast<unsigned long>(kernels_[c]->bdSize), false});
-        }
-    }
-}
-
-// All streams or none: a driver that streams already refuses the set-up of the next attempt.
-void KestrixAI::startTransfers() {
+    run_ = std::make_unique<Run>(Run::Parts{channels, kernels_, dspControls_, *adcControl_}, preparedForUsb_);
     try {
-        for (transfersStarted_ = 0; transfersStarted_ < kernels_.size(); ++transfersStarted_) {
-            kernels_[transfersStarted_]->startTransfer(runInUsbMode_);
-        }
+        run_->setUp(clock_->inForce(), simulationMode);
     } catch (...) {
-        stopStartedTransfers();
+        endRunQuietly();
         throw;
     }
 }
 
-void KestrixAI::stopStartedTransfers() noexcept {
-    // Their buffers belong to the start that failed.
-    runningStreams_.clear();
-    for (; transfersStarted_ > 0; --transfersStarted_) {
-        try {
-            kernels_[transfersStarted_ - 1]->stopTransfer(runInUsbMode_);
-        } catch (const std::exception& error) {
-            logQuietly("transfer could not be stopped", error);
-        }
-    }
-}
-
 void KestrixAI::startAcquisition(bool recursive) {
-    AIDevice::startAcquisition(recursive);
-    std::vector<bool> modulesInUse;
-    for (size_t m = 0; m < dspControls_.size(); ++m) {
-        modulesInUse.push_back(takesPart(*channels[2 * m]) || takesPart(*channels[2 * m + 1]));
+    if (!run_) {
+        throw std::runtime_error("The analog inputs have not been set up for a start.");
     }
+    AIDevice::startAcquisition(recursive);
     const auto device = getParent<DaqDevice>();
-    adcControl_->enableAdcs(modulesInUse, simulationMode, !device || device->synchronization.isOnlyStandalone());
+    run_->switchConvertersOn(simulationMode, !device || device->appliedSynchronization.isOnlyStandalone());
 }
 
 void KestrixAI::stopAcquisition(bool recursive) {
-    AIDevice::stopAcquisition(recursive);
-    adcControl_->disableAdcs();
+    FirstFailure failure;
+    failure.attempt("Stop", [&] { AIDevice::stopAcquisition(recursive); });
+    if (run_) {
+        failure.attempt("Converters", [this] { run_->switchConvertersOff(); });
+    }
+    failure.rethrow();
 }
 
 void KestrixAI::finalizeAcquisition(bool recursive) {
-    runningStreams_.clear();
-    AIDevice::finalizeAcquisition(recursive);
-    for (const auto& dsp : dspControls_) {
-        dsp->disableSampleProcessing();
+    if (run_) {
+        run_->releaseBuffers();
     }
-    for (const auto& kernel : kernels_) {
-        kernel->stopTransfer(runInUsbMode_);
-    }
-    transfersStarted_ = 0;
-    for (const auto& dsp : dspControls_) {
-        dsp->clearDspChain();
-    }
+    FirstFailure failure;
+    failure.attempt("Finalise", [&] { AIDevice::finalizeAcquisition(recursive); });
+    failure.attempt("End of the acquisition", [this] { endRun(); });
+    failure.rethrow();
+}
+
+void KestrixAI::abortAcquisition() noexcept {
+    AIDevice::abortAcquisition();
+    endRunQuietly();
 }
 
 void KestrixAI::acquireData() {
     Device::acquireData();
-    // In USB mode the driver delivers elsewhere.
-    if (runInUsbMode_) {
-        return;
+    if (run_) {
+        run_->acquireData();
     }
-    for (RunningStream& stream : runningStreams_) {
-        // Up to the end of the channel's storage and, when that was reached, once more from its start.
-        if (transferSamples(stream)) {
-            transferSamples(stream);
-        }
-    }
-}
-
-// One read. Returns whether it reached the end of the storage.
-bool KestrixAI::transferSamples(RunningStream& stream) {
-    const unsigned long position = stream.position();
-    const unsigned long free = stream.size - position;
-    KESTRIX_LOG(1, "available storage: {}, sample size: {}", free, stream.sampleSize);
-    // A rest smaller than a descriptor is still filled when a descriptor was delivered in parts before: the buffer's
-    // end could not be passed otherwise.
-    if (free < stream.bdSize && !(stream.betweenDescriptors && free > 0)) {
-        KESTRIX_LOG(4, "available storage too low: {} < {}", free, stream.bdSize);
-        return false;
-    }
-    const long count = stream.kernel->acquireData(stream.storage + position, free);
-    if (count < 1) {
-        return false;
-    }
-    const unsigned long samples = static_cast<unsigned long>(count) / stream.sampleSize;
-    KESTRIX_LOG(1, "added {} samples to the [{}] channel buffer", samples, stream.channel->name);
-    stream.channel->incSamplePosition(samples);
-    stream.betweenDescriptors = stream.position() % stream.bdSize != 0;
-    return static_cast<unsigned long>(count) == free;
 }
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -1,12 +1,13 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
-#include "modules/daq/daqdevices/kestrix/src/PlatformVCXOClockControl.h"
+#include "modules/daq/daqdevices/kestrix/src/BoardIdentity.h"
+#include "modules/daq/daqdevices/kestrix/src/Run.h"
+#include "modules/daq/daqdevices/kestrix/src/SamplingClock.h"
 #include "modules/daq/objectmodel/AIDevice.h"
-#include "modules/daq/objectmodel/IChannelBuffer.h"
-#include "shared/libraries/kestrix/src/registers/PllControlRegister.h"
 
 namespace Harvane::ZornLib::Devices::Embedded {
 class MmapRegisterAccess;
@@ -18,21 +19,20 @@ class GlobalControlRegister;
 
 namespace Harvane::RT::Modules::Daq {
 
-class AdcControl;
-class Channel;
-class DspControl;
+class FirstFailure;
 class KestrixDevice;
-class KestrixKernel;
 
 // The analog path of the instrument. A module is one amplifier slot with two channels: 2m, the raw stream (16 bits, an
 // integer division of the base clock), and 2m + 1, the filtered stream (32 bits, any rate that the resampler makes).
 // Both share one amplifier. Samples go from the DMA devices straight into the channels' buffers.
-// State operations and acquireData come from one thread at a time. Hardware failures pass through as exceptions.
+// State operations and acquireData come from one thread at a time. Hardware failures pass through as exceptions; what a
+// run has switched on is switched off all the same.
 class KestrixAI : public AIDevice {
 public:
-    // Switches the supply on (0.3 s a slot when it was off), looks for amplifiers and opens the DMA devices. When any
-    // of it fails the supply is off again.
-    explicit KestrixAI(std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> access);
+    // Takes over the clock that the PLLs hold, or sets 15 MHz when they hold none; switches the supply on (0.3 s a slot
+    // when it was off), looks for amplifiers and opens the DMA devices. When any of it fails the supply is off again;
+    // a clock that can't be set is no failure here, but one of every start.
+    KestrixAI(std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> access, const BoardIdentity& identity);
     ~KestrixAI() override;
 
     // The parent; null while there is none.
@@ -49,12 +49,15 @@ public:
 
     void initializeHardware() override;
     void buildChannelView() override;
+    // Both end a run that is still there and refuse, in words, while the sampling clock is unknown. What a failed
+    // change of the clock has left undone for the amplifiers is made up for.
     void prepareAcquisition(bool recursive) override;
     void initializeAcquisition(bool recursive) override;
     void startAcquisition(bool recursive) override;
+    // These two do all that is theirs, whatever fails, and then report the first failure.
     void stopAcquisition(bool recursive) override;
     void finalizeAcquisition(bool recursive) override;
-    // At most two reads a channel. Allocates nothing.
+    void abortAcquisition() noexcept override;
     void acquireData() override;
 
     // The nearest rate at or below the request that the hardware can do, 10 at the least; the base clock for requests
@@ -67,12 +70,13 @@ public:
 
     std::shared_ptr<Amplifier> createAmplifier(int index) override;
     void setChannelProperties(std::shared_ptr<AIChannel> channel) override;
-    // Moves the whole instrument to `baseClock`. Takes seconds: the amplifiers lose their supply meanwhile. When the
-    // oscillator refuses, throws std::runtime_error; the clock in force stays and the change can be asked for again.
+    // Moves the whole instrument to `baseClock`. Takes seconds: the amplifiers lose their supply meanwhile. All of it
+    // is done, whatever fails on the way: in the end the amplifiers have supply, they have been read, and `baseClock`
+    // and all limits are those of the clock in force. Then the first failure is thrown, and the change can be asked for
+    // again.
     void onBaseClockChanged() override;
-
-    // Slots that exist as hardware, whatever the identity memory says.
-    static int moduleCount();
+    // Asks the PLLs. False as well while a change has left something undone.
+    bool runsAt(int clock) override;
 
     const std::vector<std::shared_ptr<KestrixKernel>>& getKernels() const { return kernels_; }
     const std::shared_ptr<Shared::Kestrix::AmplifierCommunication>& getAmplifierCommunication() const {
@@ -80,47 +84,33 @@ public:
     }
 
 private:
-    void build();
-    void readAmplifiers();
-    void moveToClock(int clock, int previousClock);
-    void setChannelMaxRate(Channel& channel) const;
-    void configureChannel(KestrixKernel& kernel, Channel& channel);
-    void startTransfers();
-    void stopStartedTransfers() noexcept;
-    // A stream of the present acquisition with what stays as it is until the next one: descriptors, storage and sizes.
-    struct RunningStream {
-        KestrixKernel* kernel;
-        Channel* channel;
-        IChannelBuffer* buffer;
-        unsigned char* storage;
-        unsigned long size;        // bytes of the storage
-        unsigned long sampleSize;  // bytes
-        unsigned long bdSize;      // bytes
-        bool betweenDescriptors;   // the last read ended inside a descriptor
+    class SupplyReturn;
 
-        // Bytes from the start of the storage to where the next samples go.
-        unsigned long position() const { return buffer->getPosition() * sampleSize; }
-    };
-    void gatherRunningStreams();
-    static bool transferSamples(RunningStream& stream);
+    void build();
+    void setClockOfNobody();
+    void readAmplifiers(const std::vector<bool>& expected, FirstFailure& failure);
+    void restoreAmplifiers();
+    bool isClockKnown();
+    void requireClock();
+    void adoptClock();
+    void setChannelMaxRate(Channel& channel) const;
+    void endRun();
+    void endRunQuietly() noexcept;
     void switchOffQuietly() noexcept;
-    // Whether a channel's stream runs in this acquisition.
-    static bool takesPart(const Channel& channel);
-    static uint32_t rateInUse(const Channel& channel);
 
     const std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> access_;
+    const BoardIdentity identity_;
     const int modules_;  // the slots that exist
     std::shared_ptr<AdcControl> adcControl_;
     const std::shared_ptr<Shared::Kestrix::GlobalControlRegister> globalControl_;
-    Shared::Kestrix::PllControlRegister pllControl_;
+    std::optional<SamplingClock> clock_;
     std::vector<std::shared_ptr<KestrixKernel>> kernels_;   // one a channel
     std::vector<std::shared_ptr<DspControl>> dspControls_;  // one a module
     std::shared_ptr<Shared::Kestrix::AmplifierCommunication> amplifierCommunication_;
-    PlatformVCXOClockControl vcxoClockControl_;
 
-    bool runInUsbMode_ = false;                  // the mode that the present acquisition was prepared in
-    size_t transfersStarted_ = 0;                // kernels that stream, from the first one on
-    std::vector<RunningStream> runningStreams_;  // in channel order; empty between acquisitions
+    bool amplifiersPending_ = false;  // a change of the clock has left them without supply, or not all were read
+    bool preparedForUsb_ = false;     // the mode of the coming run, whatever the host asks for meanwhile
+    std::unique_ptr<Run> run_;        // null between acquisitions
 };
 
 }  // namespace Harvane::RT::Modules::Daq

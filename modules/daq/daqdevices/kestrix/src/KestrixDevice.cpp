@@ -1,9 +1,5 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
 
-#include <cstdio>
-
-#include <fmt/core.h>
-
 #include "libraries/devices/embedded/I2cRegisterAccess.h"
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
@@ -18,41 +14,30 @@ namespace RegistersAddress = Shared::Kestrix::RegistersAddress;
 
 namespace {
 
-constexpr uint32_t identityKey = 0xFAF320;
 constexpr int measureMode = 2;  // operation mode of a running measurement
+
+BoardIdentity readIdentity(const std::shared_ptr<ZornLib::Devices::Embedded::I2cRegisterAccess>& access) {
+    Shared::Kestrix::EepromRegister eeprom(access, RegistersAddress::eepromSlaveAddress);
+    return BoardIdentity::read(eeprom);
+}
 
 }  // namespace
 
 KestrixDevice::KestrixDevice()
     : memoryAccess_(
           std::make_shared<ZornLib::Devices::Embedded::MmapRegisterAccess>(RegistersAddress::memoryDeviceFileName)),
-      i2cAccess_(std::make_shared<ZornLib::Devices::Embedded::I2cRegisterAccess>(RegistersAddress::i2cDeviceFileName)) {
+      i2cAccess_(std::make_shared<ZornLib::Devices::Embedded::I2cRegisterAccess>(RegistersAddress::i2cDeviceFileName)),
+      identity_(readIdentity(i2cAccess_)) {
+    identity_.publish();
     manufacturer = "Harvane";
     model = "KESTRIX";
     minRate = 100;
-    maxRate = static_cast<int>(RegistersAddress::baseClock);
-    readIdentity();
+    maxRate = SamplingClock::clock15MHz;
+    serialNumber = identity_.serialNumber;
+    hardwareRevision = identity_.hardwareRevision;
 }
 
 KestrixDevice::~KestrixDevice() = default;
-
-void KestrixDevice::readIdentity() {
-    Shared::Kestrix::EepromRegister eeprom(i2cAccess_, RegistersAddress::eepromSlaveAddress);
-    if (eeprom.Key.read() == identityKey && eeprom.Version.read() != 0) {
-        std::printf("EEPROM valid\n");
-        RegistersAddress::maxAIModules = eeprom.MaxAIModules.read();
-        std::printf("Modules %d\n", RegistersAddress::maxAIModules);
-        RegistersAddress::deviceType = eeprom.DeviceType.read();
-        std::printf("Device type %d\n", RegistersAddress::deviceType);
-        RegistersAddress::maxAIChannels = static_cast<unsigned char>((RegistersAddress::maxAIModules & 127) * 2);
-        canPorts_ = eeprom.CANPorts.read();
-        std::printf("CAN ports 0x%04x\n", canPorts_);
-        const uint32_t version = eeprom.HardwareVersion.read();
-        hardwareRevision =
-            fmt::format("{}.{}.{}.{}", version & 255, version >> 8 & 255, version >> 16 & 255, version >> 24);
-    }
-    serialNumber = fmt::format("{:016X}", eeprom.SN.read());
-}
 
 void KestrixDevice::startAcquisition(bool recursive) {
     DaqDevice::startAcquisition(recursive);
@@ -70,8 +55,7 @@ SynchronizationOptions KestrixDevice::getSynchronizationOptions() {
     options.insert({SynchronizationMode::Standalone, {}});
     options.insert({SynchronizationMode::Standalone, {SynchronizationMode::Ptp}});
     options.insert({SynchronizationMode::Ptp, {}});
-    // The small board has no inputs for them.
-    if (RegistersAddress::deviceType == 0) {
+    if (identity_.hasReferenceInputs()) {
         options.insert({SynchronizationMode::Pps, {}});
         options.insert({SynchronizationMode::Irig, {}});
     }
@@ -87,7 +71,9 @@ bool KestrixDevice::ioctl(int command, const std::string& argument, std::string&
 }
 
 std::shared_ptr<AIDevice> KestrixDevice::createAIDevice() {
-    return std::make_shared<KestrixAI>(memoryAccess_);
+    auto analogInputs = std::make_shared<KestrixAI>(memoryAccess_, identity_);
+    onBaseClockChanged();
+    return analogInputs;
 }
 
 void KestrixDevice::onBaseClockChanged() {

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "modules/daq/daqdevices/kestrix/src/BoardIdentity.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 
 namespace Harvane::ZornLib::Devices::Embedded {
@@ -16,8 +16,7 @@ namespace Harvane::RT::Modules::Daq {
 // The instrument: owns the access to all its registers, knows its identity and makes its parts.
 class KestrixDevice : public DaqDevice {
 public:
-    // Reads the identity memory and fills the board-wide values before any part exists. An identity memory that
-    // isn't valid leaves the defaults. Throws std::runtime_error when a bus can't be opened or read.
+    // Reads the identity memory before any part exists. Throws std::runtime_error when a bus can't be opened or read.
     KestrixDevice();
     ~KestrixDevice() override;
 
@@ -30,15 +29,15 @@ public:
 
     std::shared_ptr<AIDevice> createAIDevice() override;
 
-    // The analog inputs have moved to another base clock.
+    // The base clock of the analog inputs is known or has changed.
     void onBaseClockChanged();
 
-private:
-    void readIdentity();
+    const BoardIdentity& getIdentity() const { return identity_; }
 
+private:
     const std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> memoryAccess_;
     const std::shared_ptr<ZornLib::Devices::Embedded::I2cRegisterAccess> i2cAccess_;
-    uint16_t canPorts_ = 0x8000;  // bit 15 - n: port n exists
+    const BoardIdentity identity_;
 };
 
 }  // namespace Harvane::RT::Modules::Daq

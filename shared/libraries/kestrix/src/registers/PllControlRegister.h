@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "shared/libraries/kestrix/src/registers/RegisterMap.h"
 
 namespace Harvane::Shared::Kestrix {
@@ -30,6 +32,9 @@ public:
     void waitForIdle();
     // Selects the clock and waits for the change. Lock loss is only logged.
     void setClock(ClockOption option);
+    // What both PLLs have locked to; they get 5 times 50 ms for it. None when one of them doesn't lock, while a change
+    // doesn't end, and for a selection that isn't one of the clocks.
+    std::optional<ClockOption> lockedClock();
 };
 
 }  // namespace Harvane::Shared::Kestrix

@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-// Board-wide values. The variables are written once, from the EEPROM, before anything reads them; baseClock follows
-// the clock changes of the acquisition.
+// Board-wide values for those who know no device. Its identity fills the variables in one place before any part exists;
+// baseClock is filled by the sampling clock alone.
 namespace Harvane::Shared::Kestrix::RegistersAddress {
 
-inline int64_t baseClock = 15000000;    // sampling base clock in force, Hz
+inline int64_t baseClock = 15000000;    // sampling base clock in force, Hz; the last one while none is known
 inline unsigned char maxAIModules = 8;  // amplifier slots as the EEPROM has them: can exceed what the hardware has
 inline unsigned char maxAIChannels = 16;
 inline unsigned char deviceType = 0;  // 0 the 8-channel board, 1 the 2-channel board
