@@ -41,8 +41,7 @@ TEST_F(SeamClockTest, CountsPartsOfASecond) {
     EXPECT_EQ(stop(), "");
 }
 
-// ---- A timing device that fails
-// ---------------------------------------------------------------------------------------
+// ---- A timing device that fails ----
 
 class SeamTimingTest : public testing::Test, protected ModuleInHost {
 protected:
@@ -103,7 +102,7 @@ TEST_F(SeamTimingTest, LeavesNoTextBehind) {
     EXPECT_EQ(stop(), "");
 }
 
-// ---- The host's log ------------------------------------------------------------------------------------------------
+// ---- The host's log ----
 
 TEST_F(SeamClockTest, AddConnectsTheLog) {
     ILogger* found = nullptr;
@@ -116,8 +115,7 @@ TEST_F(SeamClockTest, AddConnectsTheLog) {
     EXPECT_EQ(log.take(), Texts{"Sample rate was set to 48000, adjusted to 46875"});
 }
 
-// ---- Asynchronous samples
-// --------------------------------------------------------------------------------------------
+// ---- Asynchronous samples ----
 
 class SeamAsyncTest : public testing::Test, protected ModuleInHost {
 protected:

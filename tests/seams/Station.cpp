@@ -146,22 +146,18 @@ std::string ModuleInHost::initialize() {
     return failure([&] { checkErrorInfo(module->initialize()); });
 }
 
-std::string ModuleInHost::beforeStart() {
-    reserveRings();
+std::string ModuleInHost::beforeStart(Rings rings) {
+    if (rings == Rings::New) {
+        reserveRings();
+    }
     return failure(
         [&] { checkErrorInfo(dataModule.getPropertyValue("BeforeStart").asPtr<IProcObject>()->dispatch(nullptr)); });
 }
 
-std::string ModuleInHost::start() {
-    reserveRings();
-    return startModule();
-}
-
-std::string ModuleInHost::startOnOldRings() {
-    return startModule();
-}
-
-std::string ModuleInHost::startModule() {
+std::string ModuleInHost::start(Rings rings) {
+    if (rings == Rings::New) {
+        reserveRings();
+    }
     const std::string failed = failure([&] { checkErrorInfo(module->start()); });
     running_ = running_ || failed.empty();
     return failed;

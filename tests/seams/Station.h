@@ -74,14 +74,14 @@ public:
     std::string addTo(const Core::DataModulePtr& place);
     std::string configure();
     std::string initialize();
-    std::string beforeStart();
-    std::string start();
+    // A host reserves its rings anew for both, unless it takes the module to be running. Old ones are those of some
+    // time before.
+    enum class Rings { New, Old };
+    std::string beforeStart(Rings rings = Rings::New);
+    std::string start(Rings rings = Rings::New);
+    void reserveRings();
     std::string cycle();
     std::string stop();
-    // The start of a host that has reserved its rings some time before.
-    std::string startOnOldRings();
-    // What a host does for each start, and with it for "BeforeStart"; not while it takes the module to be running.
-    void reserveRings();
 
     // Everything that the host has of the module.
     void release();
@@ -93,7 +93,7 @@ public:
     Core::ChannelPtr<> channel(const std::string& name) const;  // the first one of that name
     Core::ChannelFolderPtr device() const;                      // the first one's folder
 
-    // Forms of an option as the host shows it: "[1, [14]]".
+    // A synchronisation option: chosen for the next configuration, and in force. Shown as "[1, [14]]".
     std::string choose(int mode, const std::vector<int>& sources = {}) const;
     std::string chosen() const { return textOf(dataModule.getPropertyValue("Synchronization")); }
     std::string applied() const { return textOf(dataModule.getPropertyValue("AppliedSynchronization")); }
@@ -109,7 +109,6 @@ public:
     Core::ObjectPtr<Core::IAbsTimeProvider> absTime;  // the same; empty without a timing device
 
 private:
-    std::string startModule();
     bool running_ = false;  // as the host sees it
 };
 
