@@ -27,7 +27,7 @@ protected:
     static Scenario scenario(int boardType) {
         Scenario scenario = warmScenario(1);
         scenario.boardType = boardType;
-        scenario.timeFactor = 4.0;
+        scenario.timeFactor = 2.0;
         return scenario;
     }
 
@@ -126,7 +126,7 @@ TEST_F(ClockTest, ThatCannotBeSetRefusesStartsUntilItIs) {
 
 TEST_F(ClockTest, ChangeMovesTheWholeInstrument) {
     Scenario board = warmScenario(2);
-    board.timeFactor = 4.0;
+    board.timeFactor = 2.0;
     bringUp(board);
     EXPECT_EQ(request(12000000), "no failure");
     EXPECT_EQ(request(clock15), "no failure");

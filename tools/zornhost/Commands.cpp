@@ -156,6 +156,12 @@ int showInfo(Session& session, Output& output, bool json) {
 
 namespace {
 
+// A clock change that failed both ways leaves none.
+template <class Node>
+bool hasClockInForce(const Node& device) {
+    return device.template getPropertyValue<int>("BaseClock") >= 0;
+}
+
 void treeLines(const ChannelFolderPtr& folder, int depth, std::vector<std::vector<std::string>>& rows) {
     for (const auto& child : folder.getChildren()) {
         const std::string name = std::string(static_cast<size_t>(2 * depth), ' ') + child.getName().toStdString();
@@ -173,7 +179,9 @@ void treeLines(const ChannelFolderPtr& folder, int depth, std::vector<std::vecto
             }
             std::string clock;
             if (child.hasProperty("BaseClock")) {
-                clock = fmt::format("base clock {} Hz", valueText(child.getPropertyEnum("BaseClock")));
+                clock = hasClockInForce(child)
+                            ? fmt::format("base clock {} Hz", valueText(child.getPropertyEnum("BaseClock")))
+                            : "base clock unknown";
             }
             rows.push_back({name, note, clock, "", "", ""});
             if (auto below = child.asPtrOrNull<IChannelFolder>()) {
@@ -202,7 +210,7 @@ Json treeJson(const ChannelFolderPtr& folder) {
                 entry["sampleRate"] = toJson(child.getPropertyValue<BasePtr>("SampleRate"));
             }
             if (child.hasProperty("BaseClock")) {
-                entry["baseClock"] = toJson(child.getPropertyEnum("BaseClock"));
+                entry["baseClock"] = hasClockInForce(child) ? toJson(child.getPropertyEnum("BaseClock")) : Json();
             }
             if (auto below = child.asPtrOrNull<IChannelFolder>()) {
                 entry["children"] = treeJson(ChannelFolderPtr(below));

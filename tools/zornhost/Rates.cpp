@@ -104,7 +104,9 @@ public:
           instrument_(findInstrument(tree)),
           count_(count) {
         report_.request = request.value_or(rateOf(module_, "SampleRate"));
-        report_.clockInForce = fromValue<int64_t>(instrument_.folder.getPropertyEnum("BaseClock"));
+        if (instrument_.folder.getPropertyValue<int>("BaseClock") >= 0) {
+            report_.clockInForce = fromValue<int64_t>(instrument_.folder.getPropertyEnum("BaseClock"));
+        }
     }
 
     RateReport build() {

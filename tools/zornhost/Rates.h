@@ -33,7 +33,7 @@ struct RateLevel {
 
 struct RateReport {
     int64_t request = 0;
-    int64_t clockInForce = 0;
+    int64_t clockInForce = 0;  // Hz; 0 while it isn't known
     std::vector<RateLevel> levels;
 };
 

@@ -251,6 +251,25 @@ TEST(Zornhost, MonitorsAndEndsByItself) {
     EXPECT_GE(tables, 2);
 }
 
+// The clock is the instrument's, whichever program has set it; one that is not known is shown as such and refuses a
+// recording in words.
+TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
+    const Folder folder;
+    const auto with = [&](const std::string& pll, std::vector<std::string> arguments) {
+        folder.write("clock.json", R"({"slots": 1, "supplyOn": true, "pll": )" + pll + "}");
+        arguments.insert(arguments.begin(),
+                         {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", folder.path("clock.json")});
+        return Process::run(arguments);
+    };
+    EXPECT_NE(with(R"({"selection": 1})", {"tree"}).out.find("base clock 10000000 Hz"), std::string::npos);
+    const std::string none = R"({"lock0": false}, "faults": [{"kind": "scriptRefuses", "times": -1}])";
+    EXPECT_NE(with(none, {"tree"}).out.find("base clock unknown"), std::string::npos);
+    EXPECT_EQ(with(none, {"--json", "rates"}).exitCode, 0);
+    const auto recording = with(none, {"record", "-d", "1", "-o", folder.path("none.h5")});
+    EXPECT_EQ(recording.exitCode, 1);
+    EXPECT_NE(recording.err.find("The sampling clock is unknown"), std::string::npos) << recording.err;
+}
+
 // The simulated instrument serves any program, and the program's exit code is what comes back.
 TEST(KestrixSim, RunsAnyProgram) {
     const auto read = Process::run({KESTRIX_SIM, "run", "--", "/bin/cat", "/sys/class/net/eth0/address"});
