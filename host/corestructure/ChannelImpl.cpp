@@ -101,12 +101,15 @@ public:
             const bool used = valueOf<bool>(ChannelPropertyClass::UsedProp);
             active_.store(used ? 1 : 0, std::memory_order_release);
             const bool wanted = used && valueOf<bool>(ChannelPropertyClass::ShouldReserveMemoryProp);
-            buffer_->reserve(wanted ? ringCapacity(rateOrZero(), bufferMultiple()) : 0);
+            buffer_->reserve(wanted ? ringCapacity(ringRate(), bufferMultiple()) : 0);
         });
     }
     ErrCode startAcquisition() override { return Errors::Success; }
     ErrCode stopAcquisition() override { return Errors::Success; }
-    ErrCode finalizeAcquisition() override { return Errors::Success; }
+    ErrCode finalizeAcquisition() override {
+        active_.store(NotLatched, std::memory_order_release);
+        return Errors::Success;
+    }
 
     ErrCode getBuffer(IChannelBuffer** buffer) override { return handOut(bufferHolder_, buffer); }
     ErrCode getSamplesAcquired(long* count) override { return handOut(buffer_->acquired(), count); }
@@ -182,9 +185,10 @@ private:
         (isScale ? scale_ : offset_).store(number, std::memory_order_relaxed);
     }
 
-    Ratio rateOrZero() {
+    // 0 for a channel that has no rate yet.
+    Ratio ringRate() {
         try {
-            return valueOf<Ratio>(ChannelPropertyClass::SampleRateProp);
+            return ChannelPtr<>(this).getExactSampleRate();
         } catch (const NotAssignedException&) {
             return {0, 1};
         }

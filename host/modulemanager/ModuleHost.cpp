@@ -12,6 +12,7 @@ namespace Harvane::RT::Core {
 namespace {
 
 constexpr const char* LoggerName = "ModuleManager";
+constexpr int DebugLevel = 1;
 constexpr int InfoLevel = 2;
 constexpr int WarningLevel = 3;
 constexpr int ErrorLevel = 4;
@@ -96,14 +97,19 @@ struct ModuleHost::State {
 
     // For the steps on the way out: the first failure is what is reported, and the rest is done all the same.
     template <class Step>
-    void attempt(std::string& firstFailure, Step&& step) const {
+    void attempt(std::string& firstFailure, Step&& step, int refusalLevel = ErrorLevel) const {
+        const auto note = [&](int level, const char* text) {
+            logLine(level, text);
+            if (firstFailure.empty()) {
+                firstFailure = text;
+            }
+        };
         try {
             step();
+        } catch (const ZornException& exception) {
+            note(exception.errorCode == Errors::InvalidState ? refusalLevel : ErrorLevel, exception.what());
         } catch (const std::exception& exception) {
-            logLine(ErrorLevel, exception.what());
-            if (firstFailure.empty()) {
-                firstFailure = exception.what();
-            }
+            note(ErrorLevel, exception.what());
         }
     }
 
@@ -115,17 +121,36 @@ struct ModuleHost::State {
         checkStep("host", "adding the data module", [&] { return data->addDataModule(dataModule.get()); });
     }
 
-    void stopModule(std::string& failure) {
-        attempt(failure, [&] { check("preStop", &IModule::preStop); });
-        attempt(failure, [&] {
-            SyncGuard guard(sync);
-            check("stop", &IModule::stop);
-        });
-        attempt(failure, [&] { check("finalize", &IModule::finalize); });
+    // Rings for the channels as they are set now: who is used, at which rate. Nothing of an earlier run stays in them.
+    void reserveRings() const {
+        SyncGuard guard(sync);
+        for (const auto& channel : allChannels()) {
+            checkStep(binary->file(), "reserving memory of channel " + channel.getNodeId().toStdString(),
+                      [&] { return channel->initializeAcquisition(); });
+        }
+    }
+
+    void finalizeChannels() const {
         for (const auto& channel : allChannels()) {
             channel->stopAcquisition();
             channel->finalizeAcquisition();
         }
+    }
+
+    // A module that has not come up may refuse to be stopped: that is no news then.
+    void stopModule(std::string& failure, int refusalLevel = ErrorLevel) {
+        attempt(
+            failure, [&] { check("preStop", &IModule::preStop); }, refusalLevel);
+        attempt(
+            failure,
+            [&] {
+                SyncGuard guard(sync);
+                check("stop", &IModule::stop);
+            },
+            refusalLevel);
+        attempt(
+            failure, [&] { check("finalize", &IModule::finalize); }, refusalLevel);
+        finalizeChannels();
     }
 
     std::vector<ChannelPtr<>> allChannels() const {
@@ -333,15 +358,6 @@ void ModuleHost::initialize() {
                    s.phase == Phase::Running ? "the acquisition runs" : "the module is not configured");
     s.phase = Phase::Configured;
     s.check("initialize", &IModule::initialize);
-    // The module has said by now which channels want memory; it reads address and capacity when it starts.
-    SyncGuard guard(s.sync);
-    for (const auto& channel : s.allChannels()) {
-        const ErrCode code = channel->initializeAcquisition();
-        if (failed(code)) {
-            throwStepFailure(s.binary->file(), "reserving memory of channel " + channel.getNodeId().toStdString(),
-                             code);
-        }
-    }
     s.phase = Phase::Initialized;
 }
 
@@ -350,6 +366,13 @@ void ModuleHost::start() {
     using Phase = State::Phase;
     s.requirePhase("start", {Phase::Initialized},
                    s.phase == Phase::Running ? "the acquisition runs" : "the module is not initialized");
+    // The module has said in `initialize` which channels want memory; it reads address and capacity when it starts.
+    try {
+        s.reserveRings();
+    } catch (...) {
+        s.finalizeChannels();
+        throw;
+    }
     try {
         for (const auto& channel : s.allChannels()) {
             s.check("starting a channel", [&] { return channel->startAcquisition(); });
@@ -363,7 +386,7 @@ void ModuleHost::start() {
     } catch (...) {
         // What has come up by now must not be left running.
         std::string failure;
-        s.stopModule(failure);
+        s.stopModule(failure, DebugLevel);
         s.phase = Phase::Added;
         throw;
     }

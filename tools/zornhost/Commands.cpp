@@ -14,6 +14,7 @@
 #include "tools/zornhost/AmplifierCommands.h"
 #include "tools/zornhost/Interrupt.h"
 #include "tools/zornhost/PropertyText.h"
+#include "tools/zornhost/RateMath.h"
 #include "tools/zornhost/Rates.h"
 #include "tools/zornhost/Recorder.h"
 
@@ -25,10 +26,6 @@ namespace zornhost {
 namespace {
 
 constexpr const char* programVersion = "1.0.0";
-
-double toHz(const Ratio& rate) {
-    return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator);
-}
 
 // Names of files and settings may be bytes that are no text.
 std::string jsonText(const Json& json, int indent = -1) {
@@ -77,8 +74,15 @@ int64_t nowUs() {
 }
 
 Json channelJson(const ChannelReport& channel) {
-    return Json{{"channel", channel.label},      {"path", channel.path}, {"sampleRate", channel.sampleRate},
-                {"samples", channel.samples},    {"lost", channel.lost}, {"gaps", channel.gaps},
+    return Json{{"channel", channel.label},
+                {"path", channel.path},
+                {"sampleRate", toHz(channel.sampleRate)},
+                {"sampleRateNumerator", channel.sampleRate.numerator},
+                {"sampleRateDenominator", channel.sampleRate.denominator},
+                {"samples", channel.samples},
+                {"silent", channel.silent},
+                {"lost", channel.lost},
+                {"gaps", channel.gaps},
                 {"worstFill", channel.worstFill}};
 }
 
@@ -102,6 +106,15 @@ Json reportJson(const RecordingReport& report) {
     }
     for (const auto& channel : report.channels) {
         json["channels"].push_back(channelJson(channel));
+    }
+    json["asyncChannels"] = Json::array();
+    for (const auto& channel : report.asyncChannels) {
+        Json item{{"channel", channel.label}, {"path", channel.path}, {"lost", channel.lost}};
+        if (!channel.failure.empty()) {
+            item["lost"] = nullptr;
+            item["failure"] = channel.failure;
+        }
+        json["asyncChannels"].push_back(item);
     }
     json["gaps"] = Json::array();
     for (const auto& gap : report.gapTable) {
@@ -452,8 +465,12 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     } else {
         std::vector<std::vector<std::string>> rows{{"Channel", ">Rate S/s", ">Samples", ">Lost", ">Ring %"}};
         for (const auto& channel : report.channels) {
-            rows.push_back({channel.label, formatNumber(channel.sampleRate), fmt::format("{}", channel.samples),
+            rows.push_back({channel.label, formatNumber(toHz(channel.sampleRate)), fmt::format("{}", channel.samples),
                             fmt::format("{}", channel.lost), fmt::format("{:.0f}", 100.0 * channel.worstFill)});
+        }
+        for (const auto& channel : report.asyncChannels) {
+            rows.push_back(
+                {channel.label, "-", "-", channel.failure.empty() ? fmt::format("{}", channel.lost) : "?", "-"});
         }
         output.data(formatTable(rows));
         output.line(report.verdict());
@@ -530,6 +547,7 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     applyRate(session, output, options.rate);
     const auto channels = chooseChannels(session, output, options.channels);
     session.prepare();
+    session.start();
     std::vector<Watched> watched;
     for (const auto& entry : channels) {
         RingReader reader(entry.channel, session.host().scheduler());
@@ -541,11 +559,6 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     }
     if (watched.empty()) {
         throw std::runtime_error("no channel is in use, there is nothing to watch");
-    }
-    session.start();
-    for (auto& channel : watched) {
-        channel.scale = channel.entry.channel.getScale();
-        channel.offset = channel.entry.channel.getOffset();
     }
 
     const auto start = std::chrono::steady_clock::now();

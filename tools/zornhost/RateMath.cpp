@@ -5,6 +5,15 @@
 
 namespace zornhost {
 
+double toHz(const Harvane::RT::Core::Ratio& rate) {
+    return static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator);
+}
+
+Harvane::RT::Core::Ratio inLowestTerms(const Harvane::RT::Core::Ratio& rate) {
+    const int64_t common = std::gcd(rate.numerator, rate.denominator);
+    return common == 0 ? rate : Harvane::RT::Core::Ratio{rate.numerator / common, rate.denominator / common};
+}
+
 std::optional<FilterChain> filterChain(int64_t clock, int64_t rate) {
     constexpr int places = 38;
     constexpr uint32_t stagesWithoutRoom = 18;

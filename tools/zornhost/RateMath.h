@@ -4,6 +4,8 @@
 #include <optional>
 #include <vector>
 
+#include <zorn/types/values.h>
+
 // What the instrument's arithmetic makes of a rate. The raw stream takes every n-th sample of the base clock; the
 // filtered stream comes down from half the clock in three steps:
 //
@@ -24,6 +26,10 @@ std::optional<FilterChain> filterChain(int64_t clock, int64_t rate);
 
 // The fastest rate of the filtered stream: the largest whole division of the clock up to 2 MHz.
 int64_t fastestFilteredRate(int64_t clock);
+
+// A rate in samples per second as a number, and the same ratio with nothing left to cancel.
+double toHz(const Harvane::RT::Core::Ratio& rate);
+Harvane::RT::Core::Ratio inLowestTerms(const Harvane::RT::Core::Ratio& rate);
 
 // All divisors, ascending; none of a number below 1.
 std::vector<int64_t> divisorsOf(int64_t number);

@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <chrono>
 
+#include <zorn/structure/property_classes.h>
+
+#include "tools/zornhost/RateMath.h"
+
 using namespace Harvane::RT::Core;
 
 namespace zornhost {
@@ -13,13 +17,14 @@ namespace {
 
 constexpr auto passInterval = std::chrono::milliseconds(10);
 constexpr double moduleRowIntervalS = 1.0;  // a module that reports a loss in every cycle fills no table
-constexpr double firstSampleS = 1.0;        // samples have come by then, whatever the size of the first block
+constexpr const char* lostSamplesName = "LostSamples";
+constexpr size_t channelsNamed = 3;  // in a verdict; the report has all
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-ChannelInfo describe(const ChannelEntry& entry, double rate) {
+ChannelInfo describe(const ChannelEntry& entry) {
     const auto& channel = entry.channel;
     ChannelInfo info;
     info.path = entry.path;
@@ -30,7 +35,7 @@ ChannelInfo describe(const ChannelEntry& entry, double rate) {
     info.offset = channel.getOffset();
     info.rangeMin = channel.getMinValue();
     info.rangeMax = channel.getMaxValue();
-    info.sampleRate = rate;
+    info.sampleRate = inLowestTerms(channel.getExactSampleRate());
     info.type = channel.getSampleDataType();
     info.sampleSize = channel.getBuffer().getSampleSize();
     return info;
@@ -38,6 +43,17 @@ ChannelInfo describe(const ChannelEntry& entry, double rate) {
 
 std::string counted(uint64_t count, const char* one, const char* many) {
     return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
+std::string named(const std::vector<std::string>& labels) {
+    const size_t shown = std::min(labels.size(), channelsNamed);
+    std::string text = fmt::format("{}", fmt::join(labels.begin(), labels.begin() + static_cast<long>(shown), ", "));
+    return labels.size() > shown ? fmt::format("{} and {} more", text, labels.size() - shown) : text;
+}
+
+// The module's memory is asked for it only where it keeps samples.
+bool reservesMemory(const ChannelPtr<>& channel) {
+    return channel.getPropertyValue<bool>(ChannelPropertyClass::ShouldReserveMemoryProp);
 }
 
 }  // namespace
@@ -55,7 +71,17 @@ uint64_t RecordingReport::lost() const {
     for (const auto& channel : channels) {
         sum += channel.lost;
     }
+    for (const auto& channel : asyncChannels) {
+        sum += channel.lost;
+    }
     return sum;
+}
+
+bool RecordingReport::complete() const {
+    return lost() == 0 && gaps() == 0 && moduleReports == 0 &&
+           std::none_of(channels.begin(), channels.end(), [](const auto& channel) { return channel.silent; }) &&
+           std::all_of(asyncChannels.begin(), asyncChannels.end(),
+                       [](const auto& channel) { return channel.failure.empty(); });
 }
 
 uint64_t RecordingReport::gaps() const {
@@ -74,15 +100,31 @@ std::string RecordingReport::verdict() const {
     std::string text = fmt::format("{} {} for {:.1f} s: {}, ", keeps ? "Recorded" : "Acquired",
                                    counted(channels.size(), "channel", "channels"), durationS,
                                    counted(samples(), "sample", "samples"));
-    if (lost() == 0 && gaps() == 0 && moduleReports == 0) {
+    if (complete()) {
         text += "none lost.";
     } else {
         text += fmt::format("{} LOST in {}.", lost(), counted(gaps(), "gap", "gaps"));
+    }
+    std::vector<std::string> silent;
+    for (const auto& channel : channels) {
+        if (channel.silent) {
+            silent.push_back(channel.label);
+        }
+    }
+    if (!silent.empty()) {
+        text += fmt::format(" NOTHING CAME of {}: {}.", counted(silent.size(), "channel", "channels"), named(silent));
     }
     text += fmt::format(" Worst fill of a ring {:.0f} %, longest stall of the writer {:.0f} ms.", 100.0 * worstFill(),
                         1000.0 * longestWriterStallS);
     if (moduleReports > 0) {
         text += fmt::format(" The module reported lost data {}.", counted(moduleReports, "time", "times"));
+    }
+    for (const auto& channel : asyncChannels) {
+        if (!channel.failure.empty()) {
+            text += fmt::format(" What {} has lost is not known: {}.", channel.label, channel.failure);
+        } else if (channel.lost > 0) {
+            text += fmt::format(" {} lost {}.", channel.label, counted(channel.lost, "sample", "samples"));
+        }
     }
     if (!keeps) {
         text += fmt::format(" Nothing was written: {} keeps no file.", file);
@@ -100,30 +142,30 @@ std::string RecordingReport::verdict() const {
 }
 
 Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, const Scheduler& scheduler)
-    : options_(std::move(options)) {
+    : options_(std::move(options)), scheduler_(scheduler) {
+    bool anyRing = false;
     for (const auto& entry : channels) {
-        if (!entry.channel.getActive() || entry.channel.getType() != 0 ||
-            entry.channel.getBuffer().getCapacity() == 0) {
+        if (!entry.channel.getUsed()) {
             continue;
         }
-        const Ratio ratio = entry.channel.getSampleRate();
-        const double rate = static_cast<double>(ratio.numerator) / static_cast<double>(ratio.denominator);
-        streams_.push_back(std::unique_ptr<Stream>(new Stream{
-            entry, rate, RingReader(entry.channel, scheduler), ClockCheck(rate), 0, {}, 0, 0, {}, {}, {}, 0}));
+        if (entry.channel.getType() == 0) {
+            anyRing = anyRing || reservesMemory(entry.channel);
+            streams_.emplace_back(std::make_unique<Stream>())->entry = entry;
+        } else if (entry.channel.hasProperty(lostSamplesName)) {
+            asyncChannels_.push_back(entry);
+        }
     }
-    if (streams_.empty()) {
+    if (!anyRing) {
         throw RecordingError(fmt::format("{}: no channel is in use, there is nothing to record", options_.file));
     }
 
     sink_ = openSink(options_.file);
     for (auto& stream : streams_) {
-        const auto info = describe(stream->entry, stream->rate);
+        const auto info = describe(stream->entry);
         stream->sinkChannel = sink_->addChannel(info);
-        stream->staging.resize(chunkSamples(info) * stream->reader.sampleSize());
+        stream->staging.resize(chunkSamples(info) * info.sampleSize);
         stream->report.label = stream->entry.label;
         stream->report.path = stream->entry.path;
-        stream->report.sampleRate = stream->rate;
-        stream->flushed = stream->report;
     }
     report_.file = options_.file;
     report_.keeps = sink_->keeps();
@@ -138,7 +180,13 @@ Recorder::~Recorder() {
 
 void Recorder::start(int64_t startTimeUs) {
     for (const auto& stream : streams_) {
-        sink_->describeChannel(stream->sinkChannel, describe(stream->entry, stream->rate));
+        const auto info = describe(stream->entry);
+        sink_->describeChannel(stream->sinkChannel, info);
+        stream->rate = toHz(info.sampleRate);
+        stream->reader.emplace(stream->entry.channel, scheduler_);
+        stream->clock = ClockCheck(stream->rate);
+        stream->report.sampleRate = info.sampleRate;
+        stream->flushed = stream->report;
     }
     sink_->setStartTime(startTimeUs);
     sink_->flush();
@@ -168,8 +216,8 @@ void Recorder::run() {
 void Recorder::pass() {
     for (auto& stream : streams_) {
         // What is there now, and not what comes meanwhile: a channel must not keep the others waiting.
-        const uint64_t end = stream->reader.acquired();
-        while (stream->reader.next() < end && drain(*stream)) {
+        const uint64_t end = stream->reader->acquired();
+        while (stream->reader->next() < end && drain(*stream)) {
         }
         checkClock(*stream);
         if (secondsSince(lastFlush_) * 1000.0 >= options_.flushMs) {
@@ -186,19 +234,19 @@ void Recorder::flush() {
     sink_->flush();
     for (auto& stream : streams_) {
         stream->flushed = stream->report;
-        stream->flushedEnd = stream->reader.next();
+        stream->flushedEnd = stream->reader->next();
     }
     lastFlush_ = std::chrono::steady_clock::now();
 }
 
 // One piece out of a ring. True when there may be more.
 bool Recorder::drain(Stream& stream) {
-    const size_t sampleSize = stream.reader.sampleSize();
+    const size_t sampleSize = stream.reader->sampleSize();
     // Pieces end where a chunk of the file ends, so that each chunk is written once.
     const size_t chunk = stream.staging.size() / sampleSize;
-    const size_t room = std::min(chunk - static_cast<size_t>(stream.reader.next() % chunk), chunk - stream.staged);
-    stream.report.worstFill = std::max(stream.report.worstFill, stream.reader.fill());
-    const auto piece = stream.reader.read(stream.staging.data() + stream.staged * sampleSize, room);
+    const size_t room = std::min(chunk - static_cast<size_t>(stream.reader->next() % chunk), chunk - stream.staged);
+    stream.report.worstFill = std::max(stream.report.worstFill, stream.reader->fill());
+    const auto piece = stream.reader->read(stream.staging.data() + stream.staged * sampleSize, room);
 
     if (piece.lost > 0) {
         // The new piece lies behind the gap: what is staged in front of it goes out first.
@@ -216,7 +264,7 @@ bool Recorder::drain(Stream& stream) {
             stream.stagedIndex = piece.firstIndex;
         }
         stream.staged += piece.samples;
-        if (stream.staged == chunk || stream.reader.next() % chunk == 0) {
+        if (stream.staged == chunk || stream.reader->next() % chunk == 0) {
             writeStaged(stream);
         }
     }
@@ -224,7 +272,7 @@ bool Recorder::drain(Stream& stream) {
 }
 
 void Recorder::checkClock(Stream& stream) {
-    const uint64_t acquired = stream.reader.acquired();
+    const uint64_t acquired = stream.reader->acquired();
     const auto missing = stream.clock.observe(elapsedS(), acquired);
     if (!missing) {
         return;
@@ -280,7 +328,7 @@ void Recorder::countUnwritten(Stream& stream) {
     const double worstFill = stream.report.worstFill;
     stream.report = stream.flushed;
     stream.report.worstFill = worstFill;
-    const uint64_t acquired = stream.reader.acquired();
+    const uint64_t acquired = stream.reader->acquired();
     if (acquired == stream.flushedEnd) {
         return;
     }
@@ -295,6 +343,24 @@ void Recorder::countUnwritten(Stream& stream) {
     report_.gapTable.push_back(gap);
 }
 
+// What they have lost nobody has seen the place of.
+void Recorder::askAsyncChannels() {
+    for (const auto& entry : asyncChannels_) {
+        AsyncReport report{entry.label, entry.path, 0, {}};
+        try {
+            const auto function = entry.channel.getPropertyValue<BasePtr>(lostSamplesName).asPtr<IFuncObject>();
+            report.lost = static_cast<uint64_t>(std::max<int64_t>(fromValue<int64_t>(executeFunc(function, {})), 0));
+        } catch (const std::exception& failure) {
+            report.failure = failure.what();
+        }
+        if (report.lost > 0) {
+            report_.gapTable.push_back(
+                Gap{entry.path, 0, report.lost, 0.0, "lost before they reached the host, at unknown places", false});
+        }
+        report_.asyncChannels.push_back(std::move(report));
+    }
+}
+
 RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailure) {
     stop_.store(true);
     if (thread_.joinable()) {
@@ -304,12 +370,17 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
     report_.interrupted = interrupted;
     report_.stopFailure = stopFailure;
     report_.moduleReports = moduleReports_.load();
+    const size_t told = report_.gapTable.size();
+    askAsyncChannels();
     if (report_.error.empty()) {
         try {
+            for (size_t row = told; row < report_.gapTable.size(); ++row) {
+                sink_->putGap(row, report_.gapTable[row]);
+            }
             for (auto& stream : streams_) {
                 while (drain(*stream)) {
                 }
-                if (stream->reader.acquired() == 0 && (report_.durationS - firstSampleS) * stream->rate >= 1.0) {
+                if (stream->reader->acquired() == 0) {
                     addGap(stream.get(),
                            Gap{stream->entry.path, 0, static_cast<uint64_t>(report_.durationS * stream->rate), 0.0,
                                "no sample has come", true});
@@ -326,8 +397,9 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
         if (!report_.error.empty()) {
             countUnwritten(*stream);
         }
+        stream->report.silent = stream->reader->acquired() == 0;
         report_.channels.push_back(stream->report);
-        report_.bytes += stream->report.samples * stream->reader.sampleSize();
+        report_.bytes += stream->report.samples * stream->reader->sampleSize();
     }
     try {
         sink_->close(report_.verdict(), report_.error.empty());

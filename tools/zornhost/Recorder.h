@@ -19,17 +19,27 @@ namespace zornhost {
 struct ChannelReport {
     std::string label;
     std::string path;
-    double sampleRate = 0.0;
-    uint64_t samples = 0;  // written; of a recording that failed those of the last flush
-    uint64_t lost = 0;     // known and estimated
+    Harvane::RT::Core::Ratio sampleRate;  // exact, Hz, in lowest terms
+    uint64_t samples = 0;                 // written; of a recording that failed those of the last flush
+    uint64_t lost = 0;                    // known and estimated
     uint64_t gaps = 0;
     double worstFill = 0.0;  // share of the ring, 0 to 1
+    bool silent = false;     // not a single sample has come
+};
+
+// An asynchronous channel that counts what it loses. Its samples are not recorded.
+struct AsyncReport {
+    std::string label;
+    std::string path;
+    uint64_t lost = 0;
+    std::string failure;  // why the count is not known; empty when it is
 };
 
 struct RecordingReport {
     std::string file;
     double durationS = 0.0;
     std::vector<ChannelReport> channels;
+    std::vector<AsyncReport> asyncChannels;
     std::vector<Gap> gapTable;
     uint64_t moduleReports = 0;  // how often the module said that data was lost
     double longestWriterStallS = 0.0;
@@ -43,10 +53,10 @@ struct RecordingReport {
     uint64_t lost() const;
     uint64_t gaps() const;
     double worstFill() const;
+    // Something came of every channel, and what came is all there: as far as anyone can tell.
+    bool complete() const;
     // Nothing is missing and nothing failed.
-    bool good() const {
-        return error.empty() && stopFailure.empty() && lost() == 0 && gaps() == 0 && moduleReports == 0;
-    }
+    bool good() const { return error.empty() && stopFailure.empty() && complete(); }
     // "Recorded 16 channels for 5.0 s: 80000 samples, none lost."
     std::string verdict() const;
 };
@@ -61,13 +71,14 @@ public:
         int flushMs = 500;  // a recording that is killed is readable up to the last flush
     };
 
-    // After the rings have been reserved and before the acquisition starts. Takes the channels that are in use and have
-    // a ring. Raises RecordingError when the file can't be made or nothing is in use.
+    // Before the acquisition starts, once the module has been initialized. Takes the channels that are in use. Raises
+    // RecordingError when the file can't be made or nothing is in use that samples could come of.
     Recorder(Options options, const std::vector<ChannelEntry>& channels, const Harvane::RT::Core::Scheduler& scheduler);
     ~Recorder();
 
     RecordingSink& sink() { return *sink_; }
     size_t channelCount() const { return streams_.size(); }
+    // After the acquisition has started: the rings stand.
     void start(int64_t startTimeUs);
     // The module has said that it lost data. Any thread.
     void reportLostByModule() { moduleReports_.fetch_add(1); }
@@ -77,16 +88,17 @@ public:
     uint64_t samplesWritten() const { return samplesWritten_.load(); }
     uint64_t samplesLost() const { return samplesLost_.load(); }
 
-    // After the acquisition has stopped: takes what is left in the rings, closes the file. Does not raise.
+    // After the acquisition has stopped: takes what is left in the rings, asks the asynchronous channels what they have
+    // lost, closes the file. Does not raise.
     RecordingReport finish(bool interrupted, const std::string& stopFailure = {});
 
 private:
     struct Stream {
         ChannelEntry entry;
-        double rate;
-        RingReader reader;
-        ClockCheck clock;
-        size_t sinkChannel;
+        size_t sinkChannel = 0;
+        double rate = 0.0;  // Hz
+        std::optional<RingReader> reader;
+        ClockCheck clock{0.0};
         std::vector<unsigned char> staging;  // samples that do not fill a chunk of the file yet
         size_t staged = 0;
         uint64_t stagedIndex = 0;            // index of the first of them in the file
@@ -105,10 +117,13 @@ private:
     void addGap(Stream* stream, Gap gap);
     void noteModuleReports();
     void countUnwritten(Stream& stream);
+    void askAsyncChannels();
 
     Options options_;
+    const Harvane::RT::Core::Scheduler& scheduler_;
     std::unique_ptr<RecordingSink> sink_;
     std::vector<std::unique_ptr<Stream>> streams_;
+    std::vector<ChannelEntry> asyncChannels_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
     std::atomic<bool> running_{false};

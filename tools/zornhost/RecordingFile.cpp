@@ -12,6 +12,8 @@
 #include <cstring>
 #include <limits>
 
+#include "tools/zornhost/RateMath.h"
+
 using Harvane::RT::Core::SampleDataType;
 
 namespace zornhost {
@@ -110,6 +112,10 @@ bool writeText(hid_t object, const std::string& name, const std::string& text) {
 
 bool writeNumber(hid_t object, const std::string& name, double value) {
     return writeAttribute(object, name, H5T_NATIVE_DOUBLE, &value);
+}
+
+bool writeInteger(hid_t object, const std::string& name, int64_t value) {
+    return writeAttribute(object, name, H5T_NATIVE_INT64, &value);
 }
 
 std::string isoTime(int64_t microseconds) {
@@ -268,7 +274,9 @@ void RecordingFile::describeChannel(size_t number, const ChannelInfo& info) {
                          writeText(set, "node_id", info.nodeId) && writeNumber(set, "scale", info.scale) &&
                          writeNumber(set, "offset", info.offset) && writeNumber(set, "range_min", info.rangeMin) &&
                          writeNumber(set, "range_max", info.rangeMax) &&
-                         writeNumber(set, "sample_rate", info.sampleRate);
+                         writeNumber(set, "sample_rate", toHz(info.sampleRate)) &&
+                         writeInteger(set, "sample_rate_numerator", info.sampleRate.numerator) &&
+                         writeInteger(set, "sample_rate_denominator", info.sampleRate.denominator);
     if (!written) {
         fail(fmt::format("describe channel \"{}\"", info.path));
     }
@@ -287,7 +295,7 @@ void RecordingFile::writeVerdict(const std::string& text) {
 }
 
 void RecordingFile::setNumber(const std::string& name, int64_t value) {
-    if (!writeAttribute(handle_.get(), name, H5T_NATIVE_INT64, &value)) {
+    if (!writeInteger(handle_.get(), name, value)) {
         fail(fmt::format("write the attribute \"{}\"", name));
     }
 }
@@ -298,7 +306,7 @@ void RecordingFile::setStartTime(int64_t microseconds) {
     setNumber("start_time_us", microseconds);
     for (const auto& channel : channels_) {
         if (!writeText(channel.dataset.get(), "start_time", text) ||
-            !writeAttribute(channel.dataset.get(), "start_time_us", H5T_NATIVE_INT64, &microseconds)) {
+            !writeInteger(channel.dataset.get(), "start_time_us", microseconds)) {
             fail("write the start time");
         }
     }

@@ -15,7 +15,9 @@
 //                              chunked. Element i is the sample i/rate seconds after the start; lost samples are left
 //                              at the fill value (the type's lowest number).
 //       attributes             name, unit, scale, offset (physical = raw * scale + offset), range_min, range_max,
-//                              sample_rate (Hz), start_time (ISO 8601, UTC), start_time_us (since 1970), node_id
+//                              sample_rate (Hz), the same exactly as sample_rate_numerator / sample_rate_denominator
+//                              (64 bit integers, in lowest terms), start_time (ISO 8601, UTC), start_time_us (since
+//                              1970), node_id
 //   /gaps                      table: channel, first_index, length (samples), time (s since the start), cause,
 //                              estimated
 //   /                          attributes: manufacturer, model, serial_number, hardware_revision, software,

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "tools/zornhost/NullSink.h"
+#include "tools/zornhost/RateMath.h"
 #include "tools/zornhost/RecordingFile.h"
 
 namespace zornhost {
@@ -56,7 +57,8 @@ std::unique_ptr<RecordingSink> openSink(const std::string& file) {
 }
 
 size_t chunkSamples(const ChannelInfo& info) {
-    return std::clamp(static_cast<size_t>(info.sampleRate / 4.0), minChunkSamples, maxChunkBytes / info.sampleSize);
+    return std::clamp(static_cast<size_t>(toHz(info.sampleRate) / 4.0), minChunkSamples,
+                      maxChunkBytes / info.sampleSize);
 }
 
 }  // namespace zornhost

@@ -34,7 +34,7 @@ struct ChannelInfo {
     double offset = 0.0;
     double rangeMin = 0.0;
     double rangeMax = 0.0;
-    double sampleRate = 0.0;  // Hz
+    Harvane::RT::Core::Ratio sampleRate;  // exact, Hz, in lowest terms
     Harvane::RT::Core::SampleDataType type = Harvane::RT::Core::SampleDataType::Int16;
     size_t sampleSize = 2;  // bytes in the ring
 };

@@ -86,15 +86,28 @@ TEST(ChannelMemory, OnlyForActiveChannelsThatWantIt) {
         checkErrorInfo(channel->initializeAcquisition());
         void* const data = channel.getBuffer().getData();
         EXPECT_EQ(data != nullptr, capacity != 0);
-        // A wish that comes later waits for the next run, and what was written can be read until then.
+        // A wish that comes in a run waits for its end, and what was written can be read until the next one.
         channel.setUsed(!used);
         checkErrorInfo(channel->stopAcquisition());
-        checkErrorInfo(channel->finalizeAcquisition());
         EXPECT_EQ(channel.getActive(), used);
+        checkErrorInfo(channel->finalizeAcquisition());
+        EXPECT_EQ(channel.getActive(), !used);
         EXPECT_EQ(channel.getBuffer().getCapacity(), capacity);
         EXPECT_EQ(channel.getBuffer().getData(), data);
+    }
+}
+
+// What arrives counts, where the module says it: 142 shown are 142.857 in truth.
+TEST(ChannelMemory, TwoSecondsAreThoseOfTheExactRate) {
+    for (const auto& [exact, capacity] : {std::pair{Ratio{1000, 7}, 285u}, {Ratio{0, 1}, 284u}, {Ratio{-3, 1}, 284u}}) {
+        const auto channel = syncChannel(SampleDataType::Int16);
+        channel.setUsed(true);
+        channel.setSampleRate({142, 1});
+        EXPECT_EQ(channel.getExactSampleRate(), (Ratio{142, 1}));
+        channel.setPropertyValue("ExactSampleRate", exact);
+        EXPECT_EQ(channel.getExactSampleRate(), capacity == 285u ? exact : (Ratio{142, 1}));
         checkErrorInfo(channel->initializeAcquisition());
-        EXPECT_EQ(channel.getActive(), !used);
+        EXPECT_EQ(channel.getBuffer().getCapacity(), capacity);
     }
 }
 

@@ -2,7 +2,7 @@
 // reads, and takes its orders from properties of the data object:
 //   "FailStep"     text: the lifecycle call of that name fails with "broken on demand"; "initialize without words"
 //   fails
-//                  with the code alone
+//                  with the code alone; "start and stop" lets both fail, with what stands around `stop`
 //   "BalanceAsks"  int: how many times "GetSensorBalanceStatus" answers true
 // Compile definitions make the variants: FAKE_WRONG_VERSION, FAKE_FAILING_INIT, FAKE_NO_CHECK, FAKE_NO_DRIVER.
 
@@ -115,7 +115,8 @@ private:
         }
         failInCycle_ = wanted == "processData";
         withoutWords_ = wanted == "initialize without words";
-        if (wanted == name) {
+        const bool way = name == "start" || name == "preStop" || name == "stop" || name == "finalize";
+        if (wanted == name || (way && wanted == "start and stop")) {
             throw InvalidStateException("broken on demand");
         }
     }

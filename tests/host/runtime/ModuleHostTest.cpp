@@ -166,6 +166,60 @@ TEST_F(ModuleHostTest, FailingStepIsNamedAndCloseTidiesUp) {
     }
 }
 
+// What was set between `initialize` and `start` counts, and nothing of the run before.
+TEST_F(ModuleHostTest, RingsAreThoseOfTheStart) {
+    host.open(fake());
+    host.add();
+    const auto channels = host.channels();
+    const std::tuple<int64_t, bool, const char*> rounds[] = {
+        {5000, true, "capacity 10000 2000"},
+        {50, false, "capacity 100 0"},  // shorter, and the other one without
+        {5000, true, "capacity 10000 2000"},
+    };
+    for (const auto& [rate, used, told] : rounds) {
+        SCOPED_TRACE(told);
+        host.configure();
+        host.initialize();
+        channels[0].setSampleRate({rate, 1});
+        channels[1].setUsed(used);
+        EXPECT_EQ(channels[1].getActive(), used);
+        host.start();
+        ASSERT_TRUE(ranCycles(15));
+        EXPECT_EQ(channels[1].getActive(), used);
+        host.stop();
+        const auto calls = log.messages();
+        EXPECT_EQ(std::count(calls.end() - 6, calls.end(), told), 1);
+        EXPECT_EQ(channels[0].getSamplesAcquired(), static_cast<long>(host.scheduler().statistics().cycles) * 10);
+    }
+}
+
+TEST_F(ModuleHostTest, StartWithoutMemoryLeavesTheModuleAloneAndCanBeRepeated) {
+    host.open(fake());
+    host.add();
+    host.configure();
+    host.initialize();
+    const auto channel = host.channels()[1];
+    channel.setSampleRate({1000000000000000, 1});
+    expectParts(failure([&] { host.start(); }), {"memory of channel data/daq/channels/1", "No memory for a ring"});
+    EXPECT_EQ(log.messages().back(), "initialize");
+    EXPECT_FALSE(host.isRunning());
+    channel.setUsed(false);
+    EXPECT_FALSE(channel.getActive());
+    host.start();
+    host.stop();
+}
+
+// A module that refuses to start refuses to stop as well: the user has one refusal to read.
+TEST_F(ModuleHostTest, RefusedStartIsOneFailure) {
+    RecordingSink failures("ModuleManager");
+    host.open(fake());
+    host.data().setPropertyValue("FailStep", "start and stop");
+    EXPECT_EQ(failure([&] { run(); }), "80000029 " + fake() + ": start failed: broken on demand (0x80000029)");
+    for (const auto& line : failures.lines()) {
+        EXPECT_LT(line.level, 3) << line.message;
+    }
+}
+
 // The module's failure leaves no words, and this thread has some of an earlier one.
 TEST_F(ModuleHostTest, FailingStepWithoutWordsHasThoseOfItsCode) {
     host.open(fake());

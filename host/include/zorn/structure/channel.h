@@ -42,7 +42,7 @@ class IChannelBufferV2 : public IBaseObject {
 class IChannel : public IChannelNode {
     ZORN_INTERFACE(IChannel, IChannelNode)
 
-    // `Used`, latched by initializeAcquisition; before the first latch it is `Used`.
+    // `Used`, as initializeAcquisition has found it and until finalizeAcquisition; outside of that the wish of now.
     virtual ErrCode getActive(unsigned char* active) = 0;
     virtual ErrCode getUsed(unsigned char* used) = 0;
     virtual ErrCode setUsed(unsigned char used) = 0;
@@ -64,8 +64,9 @@ class IChannel : public IChannelNode {
     virtual ErrCode setSampleRate(IRatio* rate) = 0;  // through the property "SampleRate", so that it fires
     virtual ErrCode getChannelId(IString** id) = 0;
     virtual ErrCode initialize() = 0;
-    // Latches active, reserves memory (2 s of the rate, a multiple of "BufferSizeIsMultipleOf"; page aligned, zeroed)
-    // when active and "ShouldReserveMemory", otherwise capacity 0; sets position, size and count to 0. Module thread.
+    // Latches active, reserves memory (2 s of the exact rate, a multiple of "BufferSizeIsMultipleOf"; page aligned,
+    // zeroed) when active and "ShouldReserveMemory", otherwise capacity 0; sets position, size and count to 0. Module
+    // thread.
     virtual ErrCode initializeAcquisition() = 0;
     virtual ErrCode startAcquisition() = 0;
     virtual ErrCode stopAcquisition() = 0;
@@ -91,6 +92,9 @@ class IAsyncChannel : public IBaseObject {
     virtual ErrCode getSampleAddressAtPos(size_t position, void** sample) = 0;
     virtual ErrCode getBuffer(IChannelBuffer** buffer) = 0;
 };
+
+// A ratio (samples per second) that a module may give its channels, hidden and read-only.
+inline constexpr const char* ExactSampleRateProp = "ExactSampleRate";
 
 // Identifier, sample type, vector dimension (bytes), value of numeric reads without a sample.
 ZORN_FUNCTION ErrCode createSyncChannel(IChannel** channel, IString* id, int dataType, double nan);
@@ -141,6 +145,17 @@ public:
     ChannelBufferPtr<> getBuffer() const { return this->fetch(&IChannel::getBuffer); }
     long getSamplesAcquired() const { return this->read(&IChannel::getSamplesAcquired); }
     Ratio getSampleRate() const { return fromValue<Ratio>(asBase(this->fetch(&IChannel::getSampleRate))); }
+    // Samples per second as they arrive. The rate shown is cut off to a whole number where a clock divides to none; a
+    // module that knows better says so in "ExactSampleRate".
+    Ratio getExactSampleRate() const {
+        if (this->hasProperty(ExactSampleRateProp)) {
+            const auto exact = fromValue<Ratio>(this->template getPropertyValue<BasePtr>(ExactSampleRateProp));
+            if (exact.numerator > 0 && exact.denominator > 0) {
+                return exact;
+            }
+        }
+        return getSampleRate();
+    }
     void setSampleRate(const Ratio& rate) const {
         checkErrorInfo(this->checked()->setSampleRate(toValue(rate).template asPtr<IRatio>().get()));
     }
