@@ -239,10 +239,17 @@ Json treeJson(const ChannelFolderPtr& folder) {
 int showTree(Session& session, Output& output, bool json) {
     const auto module = session.tree().dataModule();
     const auto root = module.getRootFolder();
+    constexpr const char* synchronization = "Synchronization";
+    const PendingOption pending = pendingOption(module.asPtr<IPropertyObject>(), synchronization);
     if (json) {
-        printJson(output, Json{{"name", root.getName().toStdString()},
-                               {"sampleRate", toJson(module.getPropertyValue<BasePtr>("SampleRate"))},
-                               {"children", treeJson(root)}});
+        Json report{{"name", root.getName().toStdString()},
+                    {"sampleRate", toJson(module.getPropertyValue<BasePtr>("SampleRate"))}};
+        if (pending.inForce) {
+            report["synchronization"] = Json{{"chosen", toJson(module.getPropertyValue<BasePtr>(synchronization))},
+                                             {"inForce", toJson(pending.inForce)}};
+        }
+        report["children"] = treeJson(root);
+        printJson(output, report);
         return 0;
     }
     std::vector<std::vector<std::string>> rows{{"Name", ">Rate S/s", ">Range", "Unit", "Used", "Enabled"}};
@@ -250,6 +257,10 @@ int showTree(Session& session, Output& output, bool json) {
         {root.getName().toStdString(), valueText(module.getPropertyValue<BasePtr>("SampleRate")), "", "", "", ""});
     treeLines(root, 1, rows);
     output.data(formatTable(rows));
+    if (pending.inForce) {
+        output.line(fmt::format("{}: {}{}", synchronization,
+                                valueText(module.getPropertyValue<BasePtr>(synchronization)), pending.note));
+    }
     return 0;
 }
 
@@ -349,12 +360,16 @@ int listProperties(Session& session, Output& output, bool json, const std::strin
             choiceText += (i == 0 ? "" : ", ") + (info.isSelection() ? fmt::format("{}: ", i) : std::string()) +
                           valueText(choices.getItemAt(i));
         }
-        rows.push_back({name.toStdString(), typeName(info) + (readOnly ? ", read-only" : ""), shownValue(info, value),
-                        readOnly ? "" : valueText(info.getDefaultValue()),
+        const PendingOption pending = pendingOption(entry.node, name.view());
+        rows.push_back({name.toStdString(), typeName(info) + (readOnly ? ", read-only" : ""),
+                        shownValue(info, value) + pending.note, readOnly ? "" : valueText(info.getDefaultValue()),
                         minimum || maximum ? fmt::format("{} .. {}", valueText(minimum), valueText(maximum)) : "",
                         choiceText, info.getUnit() ? valueText(info.getUnit()) : ""});
         Json item{
             {"name", name.toStdString()}, {"type", typeName(info)}, {"readOnly", readOnly}, {"value", toJson(value)}};
+        if (pending.inForce) {
+            item["inForce"] = toJson(pending.inForce);
+        }
         if (info.getDefaultValue()) {
             item["default"] = toJson(info.getDefaultValue());
         }
@@ -396,11 +411,17 @@ int getProperty(Session& session, Output& output, bool json, const std::string& 
 }
 
 int setProperty(Session& session, Output& output, bool json, const std::string& path, const std::string& value) {
-    const BasePtr set = session.set(session.tree().property(path), value);
+    const auto property = session.tree().property(path);
+    const BasePtr set = session.set(property, value);
+    const PendingOption pending = pendingOption(property.owner.node, property.name);
     if (json) {
-        printJson(output, Json{{"path", path}, {"requested", value}, {"set", toJson(set)}});
+        Json report{{"path", path}, {"requested", value}, {"set", toJson(set)}};
+        if (pending.inForce) {
+            report["inForce"] = toJson(pending.inForce);
+        }
+        printJson(output, report);
     } else {
-        output.line(fmt::format("{}: {} requested, {} set", path, value, valueText(set)));
+        output.line(fmt::format("{}: {} requested, {} set{}", path, value, valueText(set), pending.note));
     }
     return 0;
 }

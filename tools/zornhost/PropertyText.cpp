@@ -108,6 +108,20 @@ std::string shownValue(const PropertyInfoPtr& info, const BasePtr& value) {
     return valueText(value);
 }
 
+PendingOption pendingOption(const GenericPropertyObjectPtr& node, std::string_view property) {
+    constexpr const char* chosenName = "Synchronization";
+    constexpr const char* appliedName = "AppliedSynchronization";
+    if (property != chosenName || !node.hasProperty(chosenName) || !node.hasProperty(appliedName)) {
+        return {};
+    }
+    const BasePtr chosen = readProperty(node, chosenName);
+    const BasePtr applied = readProperty(node, appliedName);
+    if (!chosen || !applied || toJson(chosen) == toJson(applied)) {
+        return {};
+    }
+    return {applied, fmt::format(" (from the next start on; in force: {})", valueText(applied))};
+}
+
 BasePtr valueOf(const PropertyInfoPtr& info, const std::string& text) {
     const std::string unit = info.getUnit() ? " " + valueText(info.getUnit()) : std::string();
     const bool withUnit = unit.size() > 1 && text.size() > unit.size() && text.ends_with(unit);
