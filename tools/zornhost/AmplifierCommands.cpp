@@ -163,7 +163,7 @@ public:
             try {
                 session_.stop();
             } catch (const std::exception& failure) {
-                writeError(fmt::format("zornhost: {}\n", failure.what()));
+                writeError(fmt::format("zornhost: {}\n", oneLine(failure.what())));
             }
         }
     }

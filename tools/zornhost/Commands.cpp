@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/zornhost/AmplifierCommands.h"
+#include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/Interrupt.h"
 #include "tools/zornhost/PropertyText.h"
 #include "tools/zornhost/RateMath.h"
@@ -26,6 +27,7 @@ namespace zornhost {
 namespace {
 
 constexpr const char* programVersion = "1.0.0";
+constexpr int instrumentBusy = 3;  // exit code: another process holds it
 
 // Names of files and settings may be bytes that are no text.
 std::string jsonText(const Json& json, int indent = -1) {
@@ -473,7 +475,7 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     try {
         session.stop();
     } catch (const std::exception& failure) {
-        stopFailure = failure.what();
+        stopFailure = oneLine(failure.what());
     }
     for (; reported < session.lostReports(); ++reported) {
         recorder.reportLostByModule();
@@ -643,6 +645,10 @@ std::string checkSeconds(const std::string& text) {
 
 const CLI::Validator secondsAbove0(checkSeconds, "SECONDS");
 
+std::string commandLine(int argc, char** argv) {
+    return fmt::format("zornhost {}", fmt::join(argv + 1, argv + argc, " "));
+}
+
 // A standard descriptor that is closed would be given to the next file that is opened, and reports would go into that.
 // This one takes no data, so that what can't be written is noticed.
 void occupyStandardDescriptors() {
@@ -686,6 +692,15 @@ int run(int argc, char** argv) {
     app.add_option("--cycle", session.cycleTimeMs, "Cycle time of the host in ms")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
+    std::string lockFile = InstrumentLock::defaultFile;
+    auto* lockOption =
+        app.add_option(
+               "--lock", lockFile,
+               "File whose lock says that a process holds the instrument; the same for all programs that use it. "
+               "A simulated instrument belongs to its process and is locked only where a file is named")
+            ->envname("KESTRIX_LOCK")
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+            ->capture_default_str();
     app.add_flag("--json", session.json, "Reports as JSON");
 
     std::string path;
@@ -759,6 +774,11 @@ int run(int argc, char** argv) {
             return amplifier.runCheck(output, session.json);
         }
         ensureSimulation(session, argv);
+        // Before anything of the instrument is touched, and until all of it has been given back.
+        std::optional<InstrumentLock> lock;
+        if (lockOption->count() > 0 || !runsOnSimulation()) {
+            lock.emplace(lockFile, commandLine(argc, argv));
+        }
         Output output;
         Session live(session);
         live.open();
@@ -788,8 +808,11 @@ int run(int argc, char** argv) {
             return 1;
         }
         return result;
+    } catch (const InstrumentBusy& busy) {
+        writeError(fmt::format("zornhost: {}\n", busy.what()));
+        return instrumentBusy;
     } catch (const std::exception& failure) {
-        writeError(fmt::format("zornhost: {}\n", failure.what()));
+        writeError(fmt::format("zornhost: {}\n", oneLine(failure.what())));
         return 1;
     }
 }

@@ -23,6 +23,13 @@ void writeError(std::string_view text) {
     std::fflush(stderr);
 }
 
+std::string oneLine(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
 Output::Output() {
     std::fflush(stdout);
     const int kept = ::dup(STDOUT_FILENO);

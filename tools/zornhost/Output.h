@@ -38,6 +38,9 @@ private:
 // Onto the standard error as it is. Nobody need be reading there: a failure is of no account.
 void writeError(std::string_view text);
 
+// A report on one line: line ends and other control characters become blanks, none of them at the end.
+std::string oneLine(std::string text);
+
 // Columns as wide as their widest cell; numbers right-aligned when the header begins with '>'.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 

@@ -201,6 +201,14 @@ void ensureSimulation(const SessionOptions& options, char** argv) {
     throw std::runtime_error(fmt::format("cannot start again with the simulated instrument: {}", std::strerror(errno)));
 }
 
+bool runsOnSimulation() {
+    void* const loaded = ::dlopen("libkestrixsim.so", RTLD_NOW | RTLD_NOLOAD);
+    if (loaded != nullptr) {
+        ::dlclose(loaded);
+    }
+    return loaded != nullptr;
+}
+
 // Takes the module's reports of lost data and of failing amplifiers out of the log.
 class Session::Listener : public ILogSink {
 public:
@@ -255,7 +263,7 @@ Session::~Session() {
     try {
         close();
     } catch (const std::exception& failure) {
-        writeError(fmt::format("zornhost: {}\n", failure.what()));
+        writeError(fmt::format("zornhost: {}\n", oneLine(failure.what())));
     }
     removeLogSink(listener_.get());
     if (logFile_) {

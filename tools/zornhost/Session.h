@@ -34,6 +34,9 @@ std::string defaultAmplifiers();
 // when the instrument is in place (or none was asked for); raises std::runtime_error when it can't be had.
 void ensureSimulation(const SessionOptions& options, char** argv);
 
+// Whether the instrument is a simulated one, which only this process has.
+bool runsOnSimulation();
+
 // A loaded module with its tree. Listens to the log for reports of lost data.
 class Session {
 public:

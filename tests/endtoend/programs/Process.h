@@ -78,6 +78,7 @@ public:
     // What the program has written onto its standard error so far.
     std::string errors() const { return contents(base_ + ".err"); }
     void signal(int number) const { ::kill(pid_, number); }
+    pid_t pid() const { return pid_; }
 
     Result wait(double timeoutS = 120.0) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
@@ -98,17 +99,22 @@ public:
 
     static Result run(std::vector<std::string> arguments) { return Process(std::move(arguments)).wait(); }
 
-    // zornhost on the standard instrument, with its supply up: switching it on takes seconds.
-    static std::vector<std::string> zornhost(std::vector<std::string> arguments) {
+    // zornhost on the standard instrument, with its supply up: switching it on takes seconds. `faults` in JSON.
+    static std::vector<std::string> zornhost(std::vector<std::string> arguments, const std::string& faults = "") {
         static const Folder folder;
-        const std::string warm = folder.path("warm.json");
-        if (!std::filesystem::exists(warm)) {
-            const std::string off = "\"supplyOn\": false";
+        static int number = 0;
+        const std::string name = faults.empty() ? "warm.json" : "faults-" + std::to_string(number++) + ".json";
+        if (!std::filesystem::exists(folder.path(name))) {
             std::string text = contents(std::string(KESTRIX_SCENARIOS) + "/standard.json");
-            text.replace(text.find(off), off.size(), "\"supplyOn\": true");
-            folder.write("warm.json", text);
+            const auto replace = [&text](const std::string& from, const std::string& to) {
+                text.replace(text.find(from), from.size(), to);
+            };
+            replace("\"supplyOn\": false", "\"supplyOn\": true");
+            replace("\"faults\": []", "\"faults\": [" + faults + "]");
+            folder.write(name, text);
         }
-        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", warm});
+        arguments.insert(arguments.begin(),
+                         {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", folder.path(name)});
         return arguments;
     }
 

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
+
+#include <cstring>
 
 #include <nlohmann/json.hpp>
 
@@ -10,20 +13,54 @@ using Json = nlohmann::json;
 
 namespace {
 
-Process::Result zornhost(std::vector<std::string> arguments) {
-    return Process::run(Process::zornhost(std::move(arguments)));
+Process::Result zornhost(std::vector<std::string> arguments, const std::string& faults = "") {
+    return Process::run(Process::zornhost(std::move(arguments), faults));
 }
 
 // A recording that runs until it is told to end, and has run for a second.
 class LongRecording : public Process {
 public:
-    explicit LongRecording(const std::string& file)
-        : Process(zornhost({"record", "-o", file, "-d", "600", "--rate", "50000"})) {
+    explicit LongRecording(const std::string& file, std::vector<std::string> options = {})
+        : Process(zornhost(with(std::move(options), {"record", "-o", file, "-d", "600", "--rate", "50000"}))) {
         for (int i = 0; i < 1500 && errors().find("recording: ") == std::string::npos; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }
+
+private:
+    static std::vector<std::string> with(std::vector<std::string> options, const std::vector<std::string>& command) {
+        options.insert(options.end(), command.begin(), command.end());
+        return options;
+    }
 };
+
+std::string lineWith(const std::string& text, const std::string& words) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(words) != std::string::npos) {
+            return line;
+        }
+    }
+    return {};
+}
+
+// Whether a process hands its descriptor of this file to the programs that it starts.
+bool inheritable(pid_t pid, const std::string& file) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry.path(), gone) == file) {
+            std::ifstream info(proc + "/fdinfo/" + entry.path().filename().string());
+            std::string name;
+            unsigned long flags = 0;
+            while (info >> name && name != "flags:") {
+            }
+            info >> std::oct >> flags;
+            return (flags & O_CLOEXEC) == 0;
+        }
+    }
+    throw std::runtime_error("the process doesn't have " + file);
+}
 
 }  // namespace
 
@@ -77,6 +114,7 @@ TEST(Zornhost, WrongNamesAndValuesAreExplained) {
         {{"set", "SampleRate", "99999999"}, {"SampleRate", "15000000"}},
         {{"set", "KESTRIX/BaseClock", "7"}, {"BaseClock"}},
         {{"get", "SampleRate[1]"}, {"SampleRate[1]", "not a list"}},
+        {{"get", "Sample\nRate\n"}, {"Sample Rate"}},
         {{"record", "-o", "/nowhere/x.h5", "-d", "1"}, {"/nowhere/x.h5", "No such file"}},
         {{"record", "-o", "/", "-d", "1"}, {"/: is a folder"}},
         {{"record", "-o", "/dev/zero", "-d", "1"}, {"/dev/zero: is a character device", "/dev/null"}},
@@ -90,6 +128,7 @@ TEST(Zornhost, WrongNamesAndValuesAreExplained) {
         const auto result = zornhost(entry.arguments);
         EXPECT_EQ(result.exitCode, 1) << entry.arguments[0];
         EXPECT_EQ(result.out, "");
+        EXPECT_TRUE(result.err.ends_with(lineWith(result.err, "zornhost: ") + "\n")) << result.err;
         for (const auto& word : entry.words) {
             EXPECT_NE(result.err.find(word), std::string::npos) << word << " in " << result.err;
         }
@@ -113,9 +152,12 @@ TEST(Zornhost, WrongNamesAndValuesAreExplained) {
 
 // On a machine without the instrument the program says so and ends.
 TEST(Zornhost, WithoutAnInstrumentSaysWhatIsMissing) {
-    const auto result = Process::run({KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "tree"});
+    const Folder folder;
+    const auto result =
+        Process::run({KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--lock", folder.path("instrument.lock"), "tree"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_NE(result.err.find("Failed to open device handle."), std::string::npos) << result.err;
+    EXPECT_TRUE(std::filesystem::exists(folder.path("instrument.lock"))) << "no instrument is known to be simulated";
 }
 
 // With a file and without one: the same samples are taken, the same report comes out.
@@ -186,6 +228,122 @@ TEST(Zornhost, RunningRecordingIsLeftAloneAndReadableAfterAKill) {
                   20000u)
             << channel;
     }
+}
+
+// The instrument is one, and a second program would end what the first one does with it.
+TEST(Zornhost, OneProcessHoldsTheInstrument) {
+    const Folder folder;
+    const std::string lock = folder.path("instrument.lock");
+    LongRecording first(folder.path("first.h5"), {"--lock", lock});
+    const std::string pid = std::to_string(first.pid());
+    EXPECT_FALSE(inheritable(first.pid(), lock));
+    // By the option and by the environment, and with a simulated instrument of its own.
+    auto asked = Process::zornhost({"info"});
+    asked.insert(asked.begin(), {"/usr/bin/env", "KESTRIX_LOCK=" + lock});
+    for (const auto& second : {zornhost({"--lock", lock, "--json", "info"}), Process::run(asked)}) {
+        EXPECT_EQ(second.exitCode, 3);
+        EXPECT_EQ(second.out, "");
+        EXPECT_EQ(std::count(second.err.begin(), second.err.end(), '\n'), 1) << second.err;
+        for (const auto& words :
+             {"held by process " + pid + " since 2", std::string("first.h5"), "\"kill " + pid + "\""}) {
+            EXPECT_NE(second.err.find(words), std::string::npos) << words << " in: " << second.err;
+        }
+    }
+    EXPECT_EQ(zornhost({"get", "SampleRate"}).exitCode, 0) << "another instrument";
+    EXPECT_EQ(Process::run({KESTRIX_ZORNHOST, "--lock", lock, "check-amplifiers", KESTRIX_AMPLIFIERS}).exitCode, 0)
+        << "needs no instrument";
+    EXPECT_EQ(first.errors().find("LOST"), std::string::npos);
+
+    first.signal(SIGKILL);
+    first.wait(30);
+    EXPECT_TRUE(std::filesystem::exists(lock));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(zornhost({"--lock", lock, "get", "SampleRate"}).out, "1000\n");
+        EXPECT_EQ(std::filesystem::file_size(lock), 0u) << "nobody holds it";
+    }
+}
+
+// Without a word of the user: the one lock of this machine for what may be its instrument, none for a simulated one.
+TEST(Zornhost, InstrumentOfThisMachineHasOneLock) {
+    const char* file = "/run/lock/kestrix.lock";
+    zornhost({"--lock", file, "info"});  // leaves the file, for whoever comes next
+    const int descriptor = ::open(file, O_RDWR | O_CLOEXEC);
+    ASSERT_GE(descriptor, 0) << file << ": " << std::strerror(errno);
+    ASSERT_EQ(::flock(descriptor, LOCK_EX), 0);
+    // A process that has not said who it is yet, and one whose predecessor was killed.
+    for (const std::string text : {"", "pid 999999999\nsince yesterday\ncommand zornhost\n"}) {
+        ASSERT_EQ(::ftruncate(descriptor, 0), 0);
+        ASSERT_EQ(::pwrite(descriptor, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+        const auto refused = Process::run({KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "tree"});
+        EXPECT_EQ(refused.exitCode, 3) << refused.err;
+        EXPECT_EQ(refused.err,
+                  "zornhost: another process holds the instrument (/run/lock/kestrix.lock is locked): wait "
+                  "until it has ended\n");
+    }
+    EXPECT_EQ(zornhost({"get", "SampleRate"}).exitCode, 0);
+    ASSERT_EQ(::ftruncate(descriptor, 0), 0);
+    ::close(descriptor);
+}
+
+TEST(Zornhost, LockFilesThatCannotBeSayWhatToDo) {
+    const Folder folder;
+    folder.write("notes.txt", "my notes");
+    std::filesystem::create_symlink(folder.path("notes.txt"), folder.path("link.lock"));
+    const std::pair<std::string, const char*> cases[] = {
+        {folder.path("notes.txt"), "is no lock file"},
+        {folder.path("link.lock"), "symbolic links"},
+        {folder.path("no/such/folder.lock"), "No such file"},
+        {folder.path(), "Is a directory"},
+        {"/dev/null", "is no lock file"},
+    };
+    for (const auto& [file, reason] : cases) {
+        const auto result = zornhost({"--lock", file, "info"});
+        EXPECT_EQ(result.exitCode, 1) << file;
+        EXPECT_EQ(result.out, "");
+        const std::string line = lineWith(result.err, file);
+        EXPECT_NE(line.find(reason), std::string::npos) << result.err;
+        EXPECT_NE(line.find("--lock or KESTRIX_LOCK"), std::string::npos) << result.err;
+    }
+    std::ifstream notes(folder.path("notes.txt"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(notes), {}), "my notes");
+}
+
+// However short it was, with a file or without one: what brought nothing is no good recording.
+TEST(Zornhost, RecordingThatTookNothingFails) {
+    const Folder folder;
+    const std::string stall = R"({"kind": "dmaStall", "target": 0, "times": -1})";
+    for (const std::string& file : {folder.path("run.h5"), std::string("/dev/null")}) {
+        SCOPED_TRACE(file);
+        const std::vector<std::string> command{"record", "-o",    file,        "-d",    "0.4",
+                                               "--rate", "10000", "--channel", "AI 1/*"};
+        auto arguments = command;
+        arguments.insert(arguments.begin(), "--json");
+        const auto result = zornhost(arguments, stall);
+        EXPECT_EQ(result.exitCode, 1) << result.err;
+        const Json json = Json::parse(result.out);
+        EXPECT_FALSE(json["good"]);
+        EXPECT_TRUE(json["channels"][0]["silent"]);
+        EXPECT_FALSE(json["channels"][1]["silent"]);
+        const std::string verdict = json["verdict"];
+        EXPECT_NE(verdict.find("NOTHING CAME of 1 channel: AI 1/Raw input."), std::string::npos) << verdict;
+        EXPECT_EQ(verdict.find("none lost"), std::string::npos) << verdict;
+        const auto plain = zornhost(command, stall);
+        EXPECT_EQ(plain.exitCode, 1);
+        EXPECT_NE(plain.out.find("NOTHING CAME of 1 channel"), std::string::npos) << plain.out;
+    }
+    EXPECT_NE(RecordingReader(folder.path("run.h5")).text("", "verdict").find("NOTHING CAME"), std::string::npos);
+}
+
+// What the module refuses is said once, in its words, and nothing else looks like a result.
+TEST(Zornhost, RefusalOfTheModuleIsOneLine) {
+    const auto result = zornhost({"--log", "off", "record", "-o", "/dev/null", "-d", "1"},
+                                 R"({"kind": "clearNever", "target": 0, "times": -1})");
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "");
+    const std::string line = lineWith(result.err, "zornhost: ");
+    EXPECT_NE(line.find("start failed: DspControl::Clear process status timeout (0x8"), std::string::npos) << line;
+    EXPECT_EQ(result.err.find("zornhost: "), result.err.rfind("zornhost: ")) << result.err;
+    EXPECT_TRUE(result.err.ends_with(line + "\n")) << result.err;
 }
 
 // A file system that takes no more ends the recording with a reason; what is said to be written is there.

@@ -1,0 +1,145 @@
+#include "tools/zornhost/InstrumentLock.h"
+
+#include <fcntl.h>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <sstream>
+#include <thread>
+
+#include "tools/zornhost/Output.h"
+
+namespace zornhost {
+
+namespace {
+
+// "pid 4711\nsince 2024-05-01 12:00:00 +0200\ncommand zornhost record ...\n"
+constexpr std::string_view pidMark = "pid ";
+constexpr std::string_view sinceMark = "since ";
+constexpr std::string_view commandMark = "command ";
+constexpr size_t commandLength = 600;
+constexpr auto introductionTime = std::chrono::milliseconds(500);  // from holding a lock to having written who it is
+
+struct Holder {
+    long pid = 0;  // 0: nothing is known
+    std::string since;
+    std::string command;
+};
+
+std::string readAll(int descriptor) {
+    char text[1024];
+    const ssize_t length = ::pread(descriptor, text, sizeof text, 0);
+    return length > 0 ? std::string(text, static_cast<size_t>(length)) : std::string();
+}
+
+Holder holderOf(const std::string& text) {
+    Holder holder;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(pidMark)) {
+            holder.pid = std::strtol(line.c_str() + pidMark.size(), nullptr, 10);
+        } else if (line.starts_with(sinceMark)) {
+            holder.since = line.substr(sinceMark.size());
+        } else if (line.starts_with(commandMark)) {
+            holder.command = line.substr(commandMark.size());
+        }
+    }
+    return holder;
+}
+
+// Between taking the lock and saying so there is a moment in which the file names nobody, or one that has died.
+Holder introducedHolder(int descriptor) {
+    const auto until = std::chrono::steady_clock::now() + introductionTime;
+    while (true) {
+        const Holder holder = holderOf(readAll(descriptor));
+        if (holder.pid > 0 && (::kill(static_cast<pid_t>(holder.pid), 0) == 0 || errno != ESRCH)) {
+            return holder;
+        }
+        if (std::chrono::steady_clock::now() >= until) {
+            return {};
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+std::string shortened(const std::string& text) {
+    return text.size() > commandLength ? text.substr(0, commandLength) + " ..." : text;
+}
+
+// Who holds the lock. Where there is no room for it, others are told that somebody does.
+void introduce(int descriptor, const std::string& command) {
+    const auto now = fmt::localtime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
+    const std::string text = fmt::format("{}{}\n{}{:%Y-%m-%d %H:%M:%S %z}\n{}{}\n", pidMark, ::getpid(), sinceMark, now,
+                                         commandMark, shortened(oneLine(command)));
+    if (::ftruncate(descriptor, 0) != 0 ||
+        ::pwrite(descriptor, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        [[maybe_unused]] const int emptied = ::ftruncate(descriptor, 0);
+    }
+}
+
+}  // namespace
+
+void InstrumentLock::fail(const std::string& reason) const {
+    if (descriptor_ >= 0) {
+        ::close(descriptor_);
+    }
+    throw std::runtime_error(fmt::format(
+        "the instrument can't be locked: {}: {}; name another file with --lock or KESTRIX_LOCK, the same for all "
+        "programs that use this instrument",
+        file_, reason));
+}
+
+InstrumentLock::InstrumentLock(const std::string& file, const std::string& command) : file_(file) {
+    // The kernel refuses O_CREAT for another user's file in a folder that all may write to, so that it comes second.
+    constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    descriptor_ = ::open(file.c_str(), flags);
+    if (descriptor_ < 0 && errno == ENOENT) {
+        descriptor_ = ::open(file.c_str(), flags | O_CREAT | O_EXCL, 0666);
+        if (descriptor_ >= 0) {
+            ::fchmod(descriptor_, 0666);  // whatever the mask: the next program may be another user's
+        } else if (errno == EEXIST) {
+            descriptor_ = ::open(file.c_str(), flags);  // another program was quicker
+        }
+    }
+    if (descriptor_ < 0) {
+        fail(std::strerror(errno));
+    }
+    struct stat status {};
+    const std::string present = readAll(descriptor_);
+    if (::fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode) ||
+        (!present.empty() && !present.starts_with(pidMark))) {
+        fail("is no lock file");
+    }
+    if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0) {
+        introduce(descriptor_, command);
+        return;
+    }
+    if (errno != EWOULDBLOCK) {
+        fail(std::strerror(errno));
+    }
+    const Holder holder = introducedHolder(descriptor_);
+    ::close(descriptor_);
+    if (holder.pid == 0) {
+        throw InstrumentBusy(
+            fmt::format("another process holds the instrument ({} is locked): wait until it has ended", file));
+    }
+    throw InstrumentBusy(fmt::format(
+        "the instrument is held by process {0} since {1} (\"{2}\"): wait until it has ended, or end it with "
+        "\"kill {0}\"",
+        holder.pid, holder.since, holder.command));
+}
+
+InstrumentLock::~InstrumentLock() {
+    // Never removed: two programs could then hold the lock of two files of that name.
+    [[maybe_unused]] const int emptied = ::ftruncate(descriptor_, 0);
+    ::close(descriptor_);
+}
+
+}  // namespace zornhost
