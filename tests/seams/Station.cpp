@@ -189,7 +189,7 @@ void ModuleInHost::release() {
 }
 
 Phase ModuleInHost::phase() const {
-    return phaseOf(impl->daqController);
+    return impl->daqController.phase();
 }
 
 void ModuleInHost::use(const std::vector<ChannelPtr<>>& wanted) const {
@@ -458,7 +458,7 @@ void askAll(OpenModule& module) {
     ask(&module, &IAbsTimeProvider::getTracking);
     ask(&module, &IAbsTimeProvider::getTimingError);
     ask(&module, &IAbsTimeProvider::getIsAbsTimeSynchronized);
-    phaseOf(module.daqController);
+    module.daqController.phase();
 }
 
 }  // namespace

@@ -12,17 +12,10 @@
 #include <thread>
 #include <vector>
 
+#include "modules/daq/controller/AcquisitionPhase.h"
 #include "modules/daq/module/DaqModuleImpl.h"
 #include "simulator/preload/Control.h"
 #include "tests/bridge/Bench.h"
-
-#if __has_include("modules/daq/controller/AcquisitionPhase.h")
-#include "modules/daq/controller/AcquisitionPhase.h"
-#else
-namespace Harvane::RT::Modules::Daq {
-enum class AcquisitionPhase { Empty, Scanned, Prepared, Initialised, Running, Stopping };
-}
-#endif
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -36,18 +29,6 @@ namespace Test {
 using Core::Testing::failure;
 using kestrixsim::FaultKind;
 using Phase = AcquisitionPhase;
-
-template <class Controller>
-Phase phaseOf(const Controller& controller) {
-    if constexpr (requires { controller.phase(); }) {
-        return controller.phase();
-    } else {
-        return controller.acqRunning       ? Phase::Running
-               : controller.acqInitialized ? Phase::Initialised
-               : controller.systemDevice   ? Phase::Prepared
-                                           : Phase::Empty;
-    }
-}
 
 class OpenModule : public DaqModuleImpl {
 public:
