@@ -47,7 +47,7 @@ fs::path findProgram(const std::string& name) {
         const size_t end = rest.find(':');
         const std::string folder = rest.substr(0, end);
         rest = end != rest.npos ? rest.substr(end + 1) : "";
-        const fs::path candidate = fs::path(folder.empty() ? "." : folder) / name;
+        fs::path candidate = fs::path(folder.empty() ? "." : folder) / name;
         if (access(candidate.c_str(), X_OK) == 0 && fs::is_regular_file(candidate)) {
             return candidate;
         }
@@ -117,6 +117,7 @@ int runProgram(const RunOptions& options) {
     setenv("LD_PRELOAD", preload.c_str(), 1);
 
     std::vector<char*> arguments;
+    arguments.reserve(options.command.size() + 1);
     for (const std::string& argument : options.command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }

@@ -506,7 +506,7 @@ Firmware::Reply Firmware::execute(uint8_t command, const std::vector<uint8_t>& p
         // Settings.
         case 0x60: {
             const bool changes = first != staged_.measurement;
-            const Reply reply = set(&Settings::measurement, first, kind_.measurements.size());
+            Reply reply = set(&Settings::measurement, first, kind_.measurements.size());
             if (reply.status == good && changes) {
                 staged_.coupling = 0;
             }
@@ -589,7 +589,6 @@ Firmware::Reply Firmware::execute(uint8_t command, const std::vector<uint8_t>& p
         case 0xF8:
             return answer({pattern_});
         case 0xC7:
-            return status(good);
         case 0xE0:
             return status(good);
         case 0xEA:

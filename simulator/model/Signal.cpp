@@ -520,6 +520,7 @@ double Signal::edges(double cycles) const {
     const double reach = stepReach * perSample;
     double total = 0.0;
     const auto addEdges = [&](double place, double height) {
+        // NOLINTNEXTLINE(clang-analyzer-security.FloatLoopCounter): a few steps of one, which are exact
         for (double edge = std::ceil(cycles - reach - place) + place; edge <= cycles + reach; edge += 1.0) {
             const double behind = direction * (cycles - edge) / perSample;
             total += direction * height * residue(behind);

@@ -12,7 +12,7 @@
 
 namespace kestrixsim {
 
-__extension__ typedef unsigned __int128 Uint128;
+__extension__ using Uint128 = unsigned __int128;
 
 // What lies at an amplifier's input, and what the amplifier makes of it on the way to the converter. A waveform in
 // counts passes by the front end.

@@ -51,7 +51,7 @@ std::vector<int16_t> readWavFile(const std::string& file) {
             if (channels == 0) {
                 break;
             }
-            std::vector<int16_t> samples(size / (2 * channels));
+            std::vector<int16_t> samples(size / (size_t{2} * channels));
             for (size_t i = 0; i < samples.size(); ++i) {
                 samples[i] = static_cast<int16_t>(little(bytes, content + i * 2 * channels, 2));
             }

@@ -72,7 +72,7 @@ TEST_F(FactoryTest, FilesOfAFolder) {
         const char* id;
         const char* className;  // of this identifier afterwards
     };
-    const std::string noText = "";
+    const std::string noText;
     const Row rows[] = {
         {"good.json", definition("ampl_good", "1.1.1.1"), "1.1.1.1", "ampl_good"},
         {"more.dots.json", definition("ampl_dots", "1.1.1.2"), "1.1.1.2", "ampl_dots"},

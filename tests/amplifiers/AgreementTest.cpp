@@ -28,7 +28,9 @@ protected:
         return module;
     }
 
-    int send(uint8_t command, std::vector<uint8_t> payload = {}) { return firmware.execute(command, payload).status; }
+    int send(uint8_t command, const std::vector<uint8_t>& payload = {}) {
+        return firmware.execute(command, payload).status;
+    }
 
     std::string identity() {
         std::string text;

@@ -106,6 +106,7 @@ public:
         channelView->push_back(shared);
         channelView->push_back(plain);
     }
+    // NOLINTNEXTLINE(bugprone-parent-virtual-call): the channels are those of the test
     void initializeHardware() override { SubDevice::initializeHardware(); }
     void acquireData() override {
         AIDevice::acquireData();

@@ -51,7 +51,7 @@ std::string identifierOf(const PropertyObjectClassPtr& objectClass) {
         zornClearErrorInfo();
         return "Unknown";
     }
-    const std::string result = text;
+    std::string result = text;
     zornFreeMemory(text);
     return result;
 }
@@ -69,7 +69,7 @@ BasePtr rangeItem(const char* displayName, double min, double max) {
 }  // namespace
 
 DaqAmplifiersFactory::~DaqAmplifiersFactory() {
-    unregisterAmplifiers();
+    DaqAmplifiersFactory::unregisterAmplifiers();
 }
 
 void DaqAmplifiersFactory::registerAmplifiers(const std::string& directory) {

@@ -18,7 +18,7 @@ std::mutex& usersMutex() {
 int users = 0;  // objects that keep the classes registered
 
 PropertyObjectClassPtr newClass(const char* name, const char* parent = nullptr) {
-    const auto objectClass = PropertyObjectClassPtr::create();
+    auto objectClass = PropertyObjectClassPtr::create();
     objectClass.setName(name);
     if (parent != nullptr) {
         objectClass.setParent(parent);

@@ -17,7 +17,7 @@ DaqModuleImpl::DaqModuleImpl() : daqStructure(controller()) {}
 DaqModuleImpl::~DaqModuleImpl() {
     // A loop that the host forgot to stop must not call into what is going.
     if (loopProc) {
-        stopLoop();
+        DaqModuleImpl::stopLoop();
     }
 }
 

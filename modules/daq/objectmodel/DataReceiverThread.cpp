@@ -2,7 +2,6 @@
 
 namespace Harvane::RT::Modules::Daq {
 
-using Utils::Threading::ThreadEx;
 using Utils::Threading::ThreadExPriority;
 
 DataReceiverThread::DataReceiverThread() : ThreadEx("receiver") {
