@@ -62,11 +62,17 @@ def units_for(changed, includes):
     return units
 
 
+def run(*command):
+    """What it prints; RuntimeError when it fails."""
+    done = subprocess.run(command, capture_output=True, text=True)
+    if done.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)}: {(done.stderr + done.stdout).strip()}")
+    return done.stdout
+
+
 def write_database(units):
     """Compile commands that clang understands, one a file, also for what the preset leaves out (fuzzers)."""
-    configured = subprocess.run(["cmake", "--preset", "release"], capture_output=True, text=True)
-    if configured.returncode != 0:
-        raise RuntimeError("cmake --preset release: " + configured.stderr.strip())
+    run("cmake", "--preset", "release")
     root = os.getcwd()
     with open(f"{PRESET}/compile_commands.json", encoding="utf-8") as file:
         built = {os.path.relpath(entry["file"], root): entry for entry in reversed(json.load(file))}
@@ -116,7 +122,9 @@ def check(commit, everything, minutes, files, includes):
         print(f"clang-tidy: nothing to look at ({since})", flush=True)
         return
     entries = write_database(units)
-    version = subprocess.run([TOOL, "--version"], capture_output=True, text=True, check=True).stdout
+    # It would pass over a configuration that it can't read.
+    run(TOOL, "--verify-config", "--config-file=.clang-tidy")
+    version = run(TOOL, "--version")
     clean = {unit: f"{OUTPUT}/clean/{digest(unit, entries[unit], includes, version)}" for unit in units}
     os.makedirs(f"{OUTPUT}/clean", exist_ok=True)
     due = [unit for unit in units if not os.path.exists(clean[unit])]
@@ -125,7 +133,7 @@ def check(commit, everything, minutes, files, includes):
     deadline = None if everything else time.monotonic() + 60 * minutes
     left = []
 
-    def run(unit):
+    def examine(unit):
         if deadline is not None and time.monotonic() > deadline:
             left.append(unit)
             return []
@@ -135,7 +143,7 @@ def check(commit, everything, minutes, files, includes):
         return findings
 
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count() or 1) as pool:
-        for done in concurrent.futures.as_completed([pool.submit(run, unit) for unit in due]):
+        for done in concurrent.futures.as_completed([pool.submit(examine, unit) for unit in due]):
             yield from done.result()
     if left:
         print(f"clang-tidy: not looked at within {minutes:g} minutes, --minutes N allows more: " + " ".join(sorted(left)))

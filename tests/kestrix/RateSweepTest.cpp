@@ -98,7 +98,16 @@ public:
             }
         }
     }
-    int raw(int request) const { return deviceRate_ / firstDivider(request, clock_); }
+    // A number that some divider shows is that divider's; any other moves down to the next one.
+    int raw(int request) const {
+        const int limited = std::max(minRate, std::min(request, clock_));
+        for (int divider = std::max(1, deviceRate_ / (limited + 1)); divider <= deviceRate_ / limited; ++divider) {
+            if (deviceRate_ / divider == limited) {
+                return limited;
+            }
+        }
+        return deviceRate_ / firstDivider(request, clock_);
+    }
     int filtered(int request) const {
         const int first = firstDivider(request, limit_);
         const auto up = std::lower_bound(dividers_.begin(), dividers_.end(), first);

@@ -200,6 +200,15 @@ class LintTest(unittest.TestCase):
         self.change("lower/ground/Stone.h", ("<vector>\n", "<vector>\n\ninline int* stone() {\n    return 0;\n}\n"))
         self.assert_found(self.lint("HEAD"), "lower/ground/Stone.h:6: use nullptr")
 
+    def test_a_check_that_could_not_run_has_failed(self):
+        for path, how in ((".clang-tidy", "Checks: [\n"), (".clang-tidy", ("bugprone-", "bugbear-")), ("CMakeLists.txt", ("project", "projekt")),
+                          ("upper/wall/Wall.cpp", ("return", "retorn"))):
+            with self.subTest(path):
+                self.change(path, how)
+                self.assertEqual(self.lint("HEAD~0" if path.endswith(".cpp") else "--all")[0], 1, self.output)
+                self.assertIn("failed: clang-tidy", self.output)
+                self.git("checkout", "--quiet", ".")
+
     def test_time_is_bounded_and_what_is_left_is_named(self):
         self.assertEqual(self.lint("--minutes", "-1"), (0, []), self.output)
         self.assertIn("not looked at within -1 minutes, --minutes N allows more: "

@@ -221,12 +221,14 @@ private:
         };
     }
 
-    // Any whole divider, also one that leaves a rest: the host then shows the truncated rate.
+    // Any whole divider, also one that leaves a rest: the host then shows the truncated rate, which stands for the
+    // divider that it comes from.
     Stream rawStream(const ChannelPtr<>& channel, int64_t deviceRate) const {
         Stream stream{channel, channelLowest(channel), channelAnswer(channel, deviceRate), {}, {}};
         const auto dividerFor = [deviceRate, lowest = stream.lowest, highest = clock_](int64_t request) {
             const int64_t rate = std::max(std::min(request, highest), lowest);
-            return (deviceRate + rate - 1) / rate;
+            const int64_t shown = std::max<int64_t>(deviceRate / rate, 1);
+            return deviceRate / shown == rate ? shown : (deviceRate + rate - 1) / rate;
         };
         if (!current_) {
             stream.answer = [deviceRate, dividerFor](int64_t request) { return deviceRate / dividerFor(request); };
@@ -235,9 +237,7 @@ private:
             if (rate < 1 || rate > deviceRate) {
                 return false;
             }
-            const int64_t divider = deviceRate / rate;
-            return deviceRate / divider == rate &&
-                   answer(std::max((deviceRate + divider - 1) / divider, lowest)) == rate;
+            return deviceRate / (deviceRate / rate) == rate && answer(std::max(rate, lowest)) == rate;
         };
         const int64_t first = dividerFor(report_.request);
         size_t found = 0;

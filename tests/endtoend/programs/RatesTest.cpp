@@ -35,7 +35,7 @@ TEST(Rates, SetPrintsWhatWasAskedForAndWhatBecameOfIt) {
 TEST(Rates, SynchronizationIsWrittenAsItIsShown) {
     EXPECT_EQ(zornhost({"get", "SynchronizationOptions"}).out, "[[1, []], [1, [14]], [6, []], [12, []], [14, []]]\n");
     EXPECT_EQ(zornhost({"set", "Synchronization", "[14, []]"}).out,
-              "Synchronization: [14, []] requested, [14, []] set\n");
+              "Synchronization: [14, []] requested, [14, []] set (from the next start on; in force: [1, []])\n");
     const auto refused = zornhost({"set", "Synchronization", "[2, []]"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.err.find("not valid synchronization"), std::string::npos) << refused.err;
