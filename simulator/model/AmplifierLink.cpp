@@ -158,17 +158,18 @@ ssize_t AmplifierLink::write(const uint8_t* bytes, size_t size) {
 
 void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
     frames_.push_back(describe(slot, frame));
-    if (faults_.hit(FaultKind::AmplifierSilent, slot)) {
+    const auto hit = [&](FaultKind kind) { return faults_.hit(kind, slot, 0, frame[2]); };
+    if (hit(FaultKind::AmplifierSilent)) {
         return;
     }
     Slot& place = slots_[static_cast<size_t>(slot)];
     Firmware::Reply reply;
-    if (const auto fault = faults_.hit(FaultKind::AmplifierBadStatus, slot)) {
+    if (const auto fault = hit(FaultKind::AmplifierBadStatus)) {
         reply.status = static_cast<uint8_t>(fault->code == 0 ? 3 : fault->code);
     } else {
         reply = place.firmware->execute(frame[2], {frame.begin() + 3, frame.end() - 1});
         tellFrontEnd(slot);
-        if (isScaling(frame[2]) && faults_.hit(FaultKind::AmplifierNan, slot)) {
+        if (isScaling(frame[2]) && hit(FaultKind::AmplifierNan)) {
             reply.data = {0x00, 0x00, 0xC0, 0x7F};
         }
     }
@@ -178,15 +179,15 @@ void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
     bytes[2] = reply.status;
     std::copy(reply.data.begin(), reply.data.end(), bytes.begin() + 3);
     bytes.back() = frameEnd;
-    if (faults_.hit(FaultKind::AmplifierHalfFrame, slot)) {
+    if (hit(FaultKind::AmplifierHalfFrame)) {
         bytes.resize(bytes.size() / 2);
     }
-    if (const auto fault = faults_.hit(FaultKind::AmplifierGarbage, slot)) {
+    if (const auto fault = hit(FaultKind::AmplifierGarbage)) {
         const std::vector<uint8_t> before = noise(fault->code);
         bytes.insert(bytes.begin(), before.begin(), before.end());
     }
     double due = clock_.realSeconds() + static_cast<double>(frame.size()) * byteSeconds + reply.seconds;
-    if (const auto fault = faults_.hit(FaultKind::AmplifierLate, slot)) {
+    if (const auto fault = hit(FaultKind::AmplifierLate)) {
         due += fault->code * 0.001;
     }
     send(slot, due, std::move(bytes));

@@ -29,7 +29,7 @@ void Faults::clear() {
     any_ = false;
 }
 
-std::optional<Fault> Faults::hit(FaultKind kind, int target, uint32_t code) {
+std::optional<Fault> Faults::hit(FaultKind kind, int target, uint32_t code, int command) {
     if (!any_) {
         return std::nullopt;
     }
@@ -41,6 +41,9 @@ std::optional<Fault> Faults::hit(FaultKind kind, int target, uint32_t code) {
             continue;
         }
         if (codeSelects(kind) && fault.code != 0 && static_cast<uint32_t>(fault.code) != code) {
+            continue;
+        }
+        if (fault.command != 0 && fault.command != command) {
             continue;
         }
         if (now < fault.atSeconds) {

@@ -20,9 +20,9 @@ public:
     void add(const Fault& fault);
     void clear();
 
-    // Whether this access is hit, and by what. `target` -1 and `code` 0 stand for accesses that have none; a fault
-    // with target -1 or code 0 hits all of them.
-    std::optional<Fault> hit(FaultKind kind, int target = -1, uint32_t code = 0);
+    // Whether this access is hit, and by what. `target` -1, `code` 0 and `command` 0 stand for accesses that have
+    // none; a fault with target -1, code 0 or command 0 hits all of them.
+    std::optional<Fault> hit(FaultKind kind, int target = -1, uint32_t code = 0, int command = 0);
 
     // Whether a fault of this kind exists, due or not, for the target.
     bool present(FaultKind kind, int target = -1) const;

@@ -106,6 +106,7 @@ struct Fault {
     double atSeconds = 0.0;
     uint64_t afterCount = 0;
     int64_t times = 1;
+    int command = 0;  // of an amplifier: the code that is meant, 0 any
 };
 
 // The sampling PLLs as an earlier program left them; the oscillator fits the selection.

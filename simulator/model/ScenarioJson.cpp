@@ -397,6 +397,11 @@ Fault readFault(Section& section) {
     fault.code = static_cast<int>(static_cast<uint32_t>(code));
     section.read("atSeconds", fault.atSeconds, 0.0, 1e9);
     section.readInteger("afterCount", fault.afterCount, 0, std::numeric_limits<uint64_t>::max());
+    section.readInteger("command", fault.command, 0, 255);
+    const bool ofAmplifier = fault.kind >= FaultKind::AmplifierSilent && fault.kind <= FaultKind::AmplifierNan;
+    if (fault.command != 0 && !ofAmplifier) {
+        section.fail("command", "is " + std::to_string(fault.command) + ", but this kind has none");
+    }
     section.readInteger("times", fault.times, -1, highest);
     if (fault.times == 0) {
         section.fail("times", "is 0, must be -1 (all that follow) or at least 1");
@@ -546,6 +551,7 @@ std::string ScenarioJson::write(const Scenario& scenario) {
         item["atSeconds"] = fault.atSeconds;
         item["afterCount"] = fault.afterCount;
         item["times"] = fault.times;
+        item["command"] = fault.command;
         json["faults"].push_back(std::move(item));
     }
     return json.dump(2) + "\n";

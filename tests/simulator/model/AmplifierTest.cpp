@@ -253,6 +253,9 @@ TEST_F(Amplifier, faults) {
     EXPECT_EQ("00 00", ask("BD")) << "the command was not done";
     rig->instrument.inject({.kind = FaultKind::AmplifierSilent, .target = 1, .times = -1});
     EXPECT_EQ("A5 02 00 01 5A", raw("A5 01 A7 5A")) << "another slot's";
+    rig->instrument.inject({.kind = FaultKind::AmplifierBadStatus, .command = 0x67});
+    EXPECT_EQ("00", ask("BC 01")) << "another command";
+    EXPECT_EQ("03", ask("67"));
     rig->instrument.inject({.kind = FaultKind::AmplifierNan});
     EXPECT_EQ("00 01", ask("A7")) << "waits for the scale";
     EXPECT_TRUE(std::isnan(rig->number(0xFA)));

@@ -130,6 +130,7 @@ TEST(ScenarioJson, MistakesAreNamedWithTheirPlace) {
         {R"({"faults": [{"kind": "memOpen", "target": 0}]})", "faults[0].target: is 0, but this kind has none"},
         {R"({"faults": [{"kind": "amplifierBadStatus", "code": 256}]})", "faults[0].code: is 256, must be from 0"},
         {R"({"faults": [{"kind": "muxError", "code": 1}]})", "faults[0].code: is 1, but this kind has none"},
+        {R"({"faults": [{"kind": "muxError", "command": 1}]})", "faults[0].command: is 1, but this kind has none"},
         {R"({"faults": [{"kind": "dmaRead", "times": 0}]})", "faults[0].times: is 0"},
     };
     for (const auto& mistake : cases) {
