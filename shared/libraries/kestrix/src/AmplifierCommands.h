@@ -19,66 +19,169 @@ inline constexpr unsigned int maxPayload = 254;
 inline constexpr unsigned int receiveBufferSize = 128;
 inline constexpr unsigned int maxReplyData = receiveBufferSize - 4;
 
-enum Command : unsigned char {
-    GetLatestCalibrationVersion = 0x40,
-    SetRawMode = 0x41,
-    GetRawMode = 0x42,
-    WriteCalibrationData = 0x45,
-    ReadCalibrationData = 0x46,
-    GetCalibrationDataSize = 0x47,
-    SetCalibrationDate = 0x48,
-    ReadCalibrationDate = 0x49,
-    EraseFlash = 0x49,  // the boot loader's meaning of the same code
-    WriteFlash = 0x50,
-    ExitBootLoad = 0x53,
-    GoBootLoad = 0x57,
-    HwReset = 0x5B,
-    SetMeasurementType = 0x60,
-    ReadMeasurementType = 0x61,
-    SetConnectorType = 0x62,
-    ReadConnectorType = 0x63,
-    SetHwCapabilities = 0x64,
-    ReadHwCapabilities = 0x65,
-    ReadFwCapabilities = 0x66,
-    UpdateAmplifier = 0x67,
-    SetExcitationUnit = 0x68,
-    ReadExcitationUnit = 0x69,
-    SetExcitationType = 0x6A,
-    ReadExcitationType = 0x6B,
-    ReadLPFilter = 0x9F,
-    SetSerial = 0xA1,
-    ReadSerial = 0xA3,
-    SetHwVersion = 0xA4,
-    ReadHwVersion = 0xA6,
-    ReadModuleType = 0xA7,
-    ReadFwVersion = 0xAA,
-    SetShort = 0xB7,
-    ReadShort = 0xB8,
-    SetExcitationValue = 0xB9,
-    ReadExcitationValue = 0xBA,
-    SetRange = 0xBC,
-    ReadRange = 0xBD,
-    SetInputCoupling = 0xC3,
-    ReadInputCoupling = 0xC4,
-    SetAlarm = 0xC7,
-    SetLPFilter = 0xC8,
-    SetInputType = 0xC9,
-    ReadInputType = 0xCA,
-    ReadTeds = 0xD0,
-    TedsCustom = 0xD1,
-    SetDoLevelInvert = 0xE0,
-    SetCmrSettingOff = 0xEA,
-    GetCmrSetting = 0xEB,
-    SetCmrSettingOn = 0xEC,
-    GetSensorStatus = 0xF0,
-    SetLed1Function = 0xF2,
-    SetPattern = 0xF7,
-    GetPattern = 0xF8,
-    ReadScale = 0xFA,
-    ReadOffset = 0xFB,
+// The command set. Two pairs share a code: the boot loader gives 0x49 a meaning of its own, and the first payload byte
+// tells the operations on the custom TEDS area apart.
+enum class Command : unsigned char {
+    GetLatestCalibrationVersion,
+    SetRawMode,
+    GetRawMode,
+    WriteCalibrationData,
+    ReadCalibrationData,
+    GetCalibrationDataSize,
+    SetCalibrationDate,
+    ReadCalibrationDate,
+    EraseFlash,
+    WriteFlash,
+    ExitBootLoad,
+    GoBootLoad,
+    HwReset,
+    SetMeasurementType,
+    ReadMeasurementType,
+    SetConnectorType,
+    ReadConnectorType,
+    SetHwCapabilities,
+    ReadHwCapabilities,
+    ReadFwCapabilities,
+    UpdateAmplifier,
+    SetExcitationUnit,
+    ReadExcitationUnit,
+    SetExcitationType,
+    ReadExcitationType,
+    ReadLPFilter,
+    SetSerial,
+    ReadSerial,
+    SetHwVersion,
+    ReadHwVersion,
+    ReadModuleType,
+    ReadFwVersion,
+    SetShort,
+    ReadShort,
+    SetExcitationValue,
+    ReadExcitationValue,
+    SetRange,
+    ReadRange,
+    SetInputCoupling,
+    ReadInputCoupling,
+    SetAlarm,
+    SetLPFilter,
+    SetInputType,
+    ReadInputType,
+    ReadTeds,
+    ResetTedsCustom,
+    WriteTedsCustom,
+    ReadTedsCustom,
+    FinalizeTedsCustom,
+    SetDoLevelInvert,
+    SetCmrSettingOff,
+    GetCmrSetting,
+    SetCmrSettingOn,
+    GetSensorStatus,
+    SetLed1Function,
+    SetPattern,
+    GetPattern,
+    ReadScale,
+    ReadOffset,
 };
 
-// First payload byte of TedsCustom.
+// What an operation makes of the reply's length, which counts the status byte.
+enum class ResultRule : unsigned char {
+    Length,   // the length as it is, -1 without a good reply
+    AtLeast,  // the length, -1 below the least one
+    Exact,    // the length, -1 for any other one than the least
+    Byte,     // the reply's first byte, -1 below the least length
+    Zero,     // 0, -1 below the least length
+};
+
+struct CommandRow {
+    Command command;
+    unsigned char code;
+    unsigned int timeoutMs;
+    bool quiet;  // a module that refuses it is nothing to alarm anybody about
+    short leastLength;
+    ResultRule rule;
+};
+
+// By the number of the command.
+// clang-format off
+inline constexpr CommandRow commandTable[] = {
+    {Command::GetLatestCalibrationVersion, 0x40, 200, false, 2, ResultRule::Exact},
+    {Command::SetRawMode, 0x41, 200, false, 1, ResultRule::Length},
+    {Command::GetRawMode, 0x42, 200, false, 2, ResultRule::Exact},
+    {Command::WriteCalibrationData, 0x45, 200, false, 1, ResultRule::Length},
+    {Command::ReadCalibrationData, 0x46, 200, false, 1, ResultRule::Length},
+    {Command::GetCalibrationDataSize, 0x47, 200, false, 3, ResultRule::Exact},
+    {Command::SetCalibrationDate, 0x48, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadCalibrationDate, 0x49, 200, false, 9, ResultRule::AtLeast},
+    {Command::EraseFlash, 0x49, 2000, false, 1, ResultRule::AtLeast},
+    {Command::WriteFlash, 0x50, 200, false, 1, ResultRule::AtLeast},
+    {Command::ExitBootLoad, 0x53, 7000, false, 1, ResultRule::AtLeast},
+    {Command::GoBootLoad, 0x57, 1000, false, 1, ResultRule::AtLeast},
+    {Command::HwReset, 0x5B, 200, false, 1, ResultRule::AtLeast},
+    {Command::SetMeasurementType, 0x60, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadMeasurementType, 0x61, 200, false, 2, ResultRule::Byte},
+    {Command::SetConnectorType, 0x62, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadConnectorType, 0x63, 200, false, 2, ResultRule::Byte},
+    {Command::SetHwCapabilities, 0x64, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadHwCapabilities, 0x65, 200, false, 2, ResultRule::Byte},
+    {Command::ReadFwCapabilities, 0x66, 200, false, 2, ResultRule::Byte},
+    {Command::UpdateAmplifier, 0x67, 500, false, 1, ResultRule::AtLeast},
+    {Command::SetExcitationUnit, 0x68, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadExcitationUnit, 0x69, 200, false, 2, ResultRule::Byte},
+    {Command::SetExcitationType, 0x6A, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadExcitationType, 0x6B, 200, false, 2, ResultRule::Byte},
+    {Command::ReadLPFilter, 0x9F, 200, false, 2, ResultRule::Byte},
+    {Command::SetSerial, 0xA1, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadSerial, 0xA3, 200, false, 9, ResultRule::AtLeast},
+    {Command::SetHwVersion, 0xA4, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadHwVersion, 0xA6, 200, false, 5, ResultRule::AtLeast},
+    {Command::ReadModuleType, 0xA7, 200, false, 2, ResultRule::Byte},
+    {Command::ReadFwVersion, 0xAA, 200, false, 3, ResultRule::AtLeast},
+    {Command::SetShort, 0xB7, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadShort, 0xB8, 200, false, 2, ResultRule::Byte},
+    {Command::SetExcitationValue, 0xB9, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadExcitationValue, 0xBA, 200, false, 5, ResultRule::AtLeast},
+    {Command::SetRange, 0xBC, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadRange, 0xBD, 200, false, 2, ResultRule::Byte},
+    {Command::SetInputCoupling, 0xC3, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadInputCoupling, 0xC4, 200, false, 2, ResultRule::Byte},
+    {Command::SetAlarm, 0xC7, 200, false, 1, ResultRule::AtLeast},
+    {Command::SetLPFilter, 0xC8, 200, false, 1, ResultRule::AtLeast},
+    {Command::SetInputType, 0xC9, 200, false, 1, ResultRule::AtLeast},
+    {Command::ReadInputType, 0xCA, 200, false, 2, ResultRule::Byte},
+    {Command::ReadTeds, 0xD0, 200, true, 8, ResultRule::Zero},
+    {Command::ResetTedsCustom, 0xD1, 200, true, 1, ResultRule::Zero},
+    {Command::WriteTedsCustom, 0xD1, 200, false, 1, ResultRule::Zero},
+    {Command::ReadTedsCustom, 0xD1, 200, false, 1, ResultRule::Zero},
+    {Command::FinalizeTedsCustom, 0xD1, 200, false, 1, ResultRule::Zero},
+    {Command::SetDoLevelInvert, 0xE0, 200, false, 1, ResultRule::AtLeast},
+    {Command::SetCmrSettingOff, 0xEA, 200, false, 1, ResultRule::AtLeast},
+    {Command::GetCmrSetting, 0xEB, 200, false, 3, ResultRule::AtLeast},
+    {Command::SetCmrSettingOn, 0xEC, 200, false, 1, ResultRule::AtLeast},
+    {Command::GetSensorStatus, 0xF0, 200, false, 1, ResultRule::Byte},
+    {Command::SetLed1Function, 0xF2, 200, false, 1, ResultRule::Length},
+    {Command::SetPattern, 0xF7, 200, false, 1, ResultRule::AtLeast},
+    {Command::GetPattern, 0xF8, 200, false, 2, ResultRule::Byte},
+    {Command::ReadScale, 0xFA, 200, false, 1, ResultRule::Length},
+    {Command::ReadOffset, 0xFB, 200, false, 1, ResultRule::Length},
+};
+// clang-format on
+
+constexpr const CommandRow& rowOf(Command command) {
+    return commandTable[static_cast<unsigned char>(command)];
+}
+
+constexpr bool isInOrder() {
+    unsigned char place = 0;
+    for (const CommandRow& row : commandTable) {
+        if (static_cast<unsigned char>(row.command) != place++) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(isInOrder());
+
+// First payload byte of the operations on the custom TEDS area.
 enum TedsOperation : unsigned char {
     TedsReset = 0x01,
     TedsWrite = 0x02,

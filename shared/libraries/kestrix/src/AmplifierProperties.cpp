@@ -11,7 +11,6 @@
 #include <type_traits>
 #include <utility>
 
-#include "shared/libraries/kestrix/src/AmplifierCommands.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 namespace Harvane::Shared::Kestrix {
@@ -24,6 +23,18 @@ namespace {
 
 constexpr int maxAttempts = 3;
 constexpr size_t maxReadSize = 64;
+
+// The module's own no.
+class Refused : public std::runtime_error {
+public:
+    explicit Refused(unsigned char moduleStatus) : std::runtime_error("Command failed"), status(moduleStatus) {}
+    unsigned char status;
+};
+
+class NoAnswer : public std::runtime_error {
+public:
+    NoAnswer() : std::runtime_error("Timeout") {}
+};
 
 // A reply that doesn't end: reported whatever the caller asked for.
 class ReceiveOverflow : public std::runtime_error {
@@ -47,26 +58,36 @@ size_t findFrame(const ReceiveBuffer& buffer, size_t total) {
     return total;
 }
 
-short atLeast(short length, short bound) {
-    return length < bound ? static_cast<short>(-1) : length;
+// Texts of the port end with a line.
+std::string busError(std::string text) {
+    while (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return "bus error: " + text;
 }
 
-short zeroOnSuccess(short length) {
-    return length < 1 ? -1 : 0;
+template <size_t N>
+std::array<unsigned char, N> bytesOf(const auto& value) {
+    static_assert(N <= sizeof value);
+    std::array<unsigned char, N> bytes;
+    std::memcpy(bytes.data(), &value, N);
+    return bytes;
 }
 
 }  // namespace
 
 AmplifierProperties::AmplifierProperties(int index, std::shared_ptr<Uart> uart, std::shared_ptr<UartMux> uartMux,
-                                         std::shared_ptr<std::recursive_mutex> linkMutex)
+                                         std::shared_ptr<std::recursive_mutex> linkMutex,
+                                         std::function<TimePoint()> now)
     : uart_(std::move(uart)),
       uartMux_(std::move(uartMux)),
       index_(index),
-      linkMutex_(linkMutex ? std::move(linkMutex) : std::make_shared<std::recursive_mutex>()) {
+      linkMutex_(linkMutex ? std::move(linkMutex) : std::make_shared<std::recursive_mutex>()),
+      now_(std::move(now)) {
     clearProperties();
 }
 
-// ---- The two copies -------------------------------------------------------------------------------------------------
+// ---- The records ----------------------------------------------------------------------------------------------------
 
 void AmplifierProperties::clearProperties() {
     clearDeviceProperties();
@@ -74,74 +95,97 @@ void AmplifierProperties::clearProperties() {
 }
 
 void AmplifierProperties::clearDeviceProperties() {
-    const std::lock_guard lock(*linkMutex_);
-    device_ = AmplifierRecord{};
-    device_.scale = 1.0f;
-    device_.offset = 0.0f;
+    const std::lock_guard lock(recordMutex_);
+    staged_ = AmplifierRecord{};
+    staged_.scale = 1.0f;
+    staged_.offset = 0.0f;
+    inForce_.reset();
 }
 
 void AmplifierProperties::clearUserProperties() {
-    const std::lock_guard lock(*linkMutex_);
-    user_ = AmplifierRecord{};
+    const std::lock_guard lock(recordMutex_);
+    requested_ = AmplifierRecord{};
+}
+
+void AmplifierProperties::dropStaged() {
+    const std::lock_guard lock(recordMutex_);
+    staged_.forgetSettings();
+}
+
+AmplifierRecord AmplifierProperties::getUserProperties() const {
+    const std::lock_guard lock(recordMutex_);
+    return requested_;
+}
+
+AmplifierRecord AmplifierProperties::getDeviceProperties() const {
+    const std::lock_guard lock(recordMutex_);
+    return staged_;
+}
+
+std::optional<AmplifierRecord> AmplifierProperties::getSettingsInForce() const {
+    const std::lock_guard lock(recordMutex_);
+    return inForce_;
 }
 
 void AmplifierProperties::getFwVersion(unsigned char& major, unsigned char& minor) const {
-    major = user_.fwVersion[0];
-    minor = user_.fwVersion[1];
+    const auto version = getUserProperties().fwVersion;
+    major = version[0];
+    minor = version[1];
 }
 
 void AmplifierProperties::getHwVersion(unsigned char& a, unsigned char& b, unsigned char& c, unsigned char& d) const {
-    a = user_.hwVersion[0];
-    b = user_.hwVersion[1];
-    c = user_.hwVersion[2];
-    d = user_.hwVersion[3];
+    const auto version = getUserProperties().hwVersion;
+    a = version[0];
+    b = version[1];
+    c = version[2];
+    d = version[3];
 }
 
 void AmplifierProperties::getSerial(unsigned long& serial) const {
-    serial = user_.serial;
+    serial = getUserProperties().serial;
 }
 
 short AmplifierProperties::getModuleType() const {
-    return user_.moduleType;
+    return getUserProperties().moduleType;
 }
 short AmplifierProperties::getInputCoupling() const {
-    return user_.inputCoupling;
+    return getUserProperties().inputCoupling;
 }
 short AmplifierProperties::getInputType() const {
-    return user_.inputType;
+    return getUserProperties().inputType;
 }
 unsigned char AmplifierProperties::getRange() const {
-    return user_.range;
+    return getUserProperties().range;
 }
 unsigned char AmplifierProperties::getConnectorType() const {
-    return user_.connectorType;
+    return getUserProperties().connectorType;
 }
 unsigned char AmplifierProperties::getHwCapabilities() const {
-    return user_.hwCapabilities;
+    return getUserProperties().hwCapabilities;
 }
 unsigned char AmplifierProperties::getFwCapabilities() const {
-    return user_.fwCapabilities;
+    return getUserProperties().fwCapabilities;
 }
 unsigned char AmplifierProperties::getMeasurementType() const {
-    return user_.measurementType;
+    return getUserProperties().measurementType;
 }
 unsigned char AmplifierProperties::getExcitationUnit() const {
-    return user_.excitationUnit;
+    return getUserProperties().excitationUnit;
 }
 unsigned char AmplifierProperties::getExcitationType() const {
-    return user_.excitationType;
+    return getUserProperties().excitationType;
 }
 float AmplifierProperties::getExcitationValue() const {
-    return user_.excitationValue;
+    return getUserProperties().excitationValue;
 }
 unsigned char AmplifierProperties::getLPFilter() const {
-    return user_.lpFilter;
+    return getUserProperties().lpFilter;
 }
 unsigned char AmplifierProperties::getShort() const {
-    return user_.shortOn;
+    return getUserProperties().shortOn;
 }
 long AmplifierProperties::getCalibrationDate() const {
-    return user_.calibrationDate;
+    return getUserProperties().calibrationDate;
 }
 int AmplifierProperties::getDoLevelInvert() const {
     return -1;
@@ -151,25 +195,26 @@ int AmplifierProperties::getIndex() const {
 }
 
 std::string AmplifierProperties::getFwVersion() const {
-    return fmt::format("{}.{}", user_.fwVersion[0], user_.fwVersion[1]);
+    const auto version = getUserProperties().fwVersion;
+    return fmt::format("{}.{}", version[0], version[1]);
 }
 
 std::string AmplifierProperties::getHwVersion() const {
-    const auto& version = user_.hwVersion;
+    const auto version = getUserProperties().hwVersion;
     return fmt::format("{}.{}.{}.{}", version[0], version[1], version[2], version[3]);
 }
 
 std::string AmplifierProperties::getSerial() const {
-    return fmt::format("{:08X}", user_.serial);
+    return fmt::format("{:08X}", getUserProperties().serial);
 }
 
 std::string AmplifierProperties::getId() const {
-    return fmt::format("{}.{}.{}.{}", user_.moduleType, user_.hwCapabilities, user_.fwCapabilities,
-                       user_.connectorType);
+    const AmplifierRecord user = getUserProperties();
+    return fmt::format("{}.{}.{}.{}", user.moduleType, user.hwCapabilities, user.fwCapabilities, user.connectorType);
 }
 
 void AmplifierProperties::getCalibrationDate(std::string& text) const {
-    const time_t seconds = user_.calibrationDate;
+    const time_t seconds = getUserProperties().calibrationDate;
     tm local{};
     std::array<char, 64> buffer{};
     // A date beyond what a calendar year can hold has no text.
@@ -180,15 +225,18 @@ void AmplifierProperties::getCalibrationDate(std::string& text) const {
 }
 
 bool AmplifierProperties::isAmplifierDefined() const {
-    return device_.moduleType != 0;
+    return getDeviceProperties().moduleType != 0;
 }
 
 double AmplifierProperties::getDaqScale() const {
-    return std::isfinite(device_.scale) ? device_.scale : 1.0;
+    const float scale = getDeviceProperties().scale;
+    return std::isfinite(scale) ? scale : 1.0;
 }
 
 double AmplifierProperties::getDaqOffset() const {
-    return std::isfinite(device_.offset) ? device_.offset * getDaqScale() / 1000.0 : 0.0;
+    const AmplifierRecord device = getDeviceProperties();
+    const double scale = std::isfinite(device.scale) ? device.scale : 1.0;
+    return std::isfinite(device.offset) ? device.offset * scale / 1000.0 : 0.0;
 }
 
 // ---- Transport ------------------------------------------------------------------------------------------------------
@@ -198,43 +246,62 @@ void AmplifierProperties::enableChannel() {
     uartMux_->selectChannel(index_);
 }
 
-short AmplifierProperties::sendReplyCommand(unsigned char command, const unsigned char* data, size_t dataSize,
-                                            unsigned char* reply, size_t replySize, unsigned int timeoutMs,
-                                            bool quiet) {
-    if (dataSize > maxPayload) {
-        return -1;
+// A refusal is told before silence: the module is there, and doesn't want to.
+AmplifierProperties::Exchange AmplifierProperties::exchange(unsigned char code, Payload payload, Reply reply,
+                                                            unsigned int timeoutMs, bool quiet) {
+    Exchange result;
+    if (payload.size() > maxPayload) {
+        result.failure.reason = "too long for a frame";
+        return result;
     }
-    std::array<unsigned char, maxPayload + 4> frame{uartKey, static_cast<unsigned char>(dataSize + 1), command};
-    std::copy_n(data, dataSize, frame.begin() + 3);
-    frame[3 + dataSize] = uartEnd;
+    std::array<unsigned char, maxPayload + 4> frame{uartKey, static_cast<unsigned char>(payload.size() + 1), code};
+    std::copy(payload.begin(), payload.end(), frame.begin() + 3);
+    frame[3 + payload.size()] = uartEnd;
 
     const std::lock_guard lock(*linkMutex_);
+    LinkFailure& failure = result.failure;
     const int level = quiet ? 2 : 5;
+    const auto unanswered = [&failure](const std::string& reason) {
+        failure.mayBeDone = true;
+        if (!failure.refused) {
+            failure.reason = reason;
+        }
+    };
     for (int n = 0; n < maxAttempts; ++n) {
         int failureLevel = level;
         std::string failureText;
         try {
-            return attempt(frame.data(), dataSize + 4, reply, replySize, timeoutMs);
-        } catch (const ReceiveOverflow& failure) {
+            result.length = attempt(Payload(frame).first(payload.size() + 4), reply, timeoutMs);
+            return result;
+        } catch (const Refused& refusal) {
+            failureText = refusal.what();
+            failure.refused = true;
+            failure.status = refusal.status;
+            failure.reason = fmt::format("refused with status {}", refusal.status);
+        } catch (const NoAnswer& silence) {
+            failureText = silence.what();
+            unanswered("no answer");
+        } catch (const ReceiveOverflow& overflow) {
             failureLevel = 5;
-            failureText = failure.what();
-        } catch (const std::runtime_error& failure) {
-            failureText = failure.what();
+            failureText = overflow.what();
+            unanswered("no answer that ends");
+        } catch (const std::runtime_error& error) {
+            failureText = error.what();
+            unanswered(busError(failureText));
         }
-        KESTRIX_LOG(failureLevel, "Amplifier index {} error: {} failed! Command {}!", index_, failureText, command);
+        KESTRIX_LOG(failureLevel, "Amplifier index {} error: {} failed! Command {}!", index_, failureText, code);
     }
     KESTRIX_LOG(level, "Amplifier index {} retransmit error!", index_);
-    return -1;
+    return result;
 }
 
-short AmplifierProperties::attempt(const unsigned char* frame, size_t frameSize, unsigned char* reply, size_t replySize,
-                                   unsigned int timeoutMs) {
+short AmplifierProperties::attempt(Payload frame, Reply reply, unsigned int timeoutMs) {
     enableChannel();
     uart_->clear();
-    uart_->writeData(frame, frameSize);
+    uart_->writeData(frame.data(), frame.size());
 
     ReceiveBuffer buffer{};
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = now_();
     size_t total = 0;
     size_t readSize = maxReadSize;
     for (;;) {
@@ -244,22 +311,29 @@ short AmplifierProperties::attempt(const unsigned char* frame, size_t frameSize,
             const unsigned char length = buffer[at + 1];
             const unsigned char status = buffer[at + 2];
             if (status != 0) {
-                throw std::runtime_error("Command failed");
+                throw Refused(status);
             }
             // No more than the module sent: behind it lie the end mark and whatever follows.
             const size_t sent = length > 0 ? length - 1u : 0u;
-            std::copy_n(buffer.begin() + static_cast<std::ptrdiff_t>(at) + 3, std::min(replySize, sent), reply);
+            std::copy_n(buffer.begin() + static_cast<std::ptrdiff_t>(at) + 3, std::min(reply.size(), sent),
+                        reply.begin());
             return length;
         }
         // The port's read ends after 0.2 s at the latest, so the clock is looked at often enough.
-        if (std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(timeoutMs)) {
-            throw std::runtime_error("Timeout");
+        if (now_() - start >= std::chrono::milliseconds(timeoutMs)) {
+            throw NoAnswer();
         }
         if (total >= buffer.size()) {
             throw ReceiveOverflow();
         }
         readSize = std::min(maxReadSize, buffer.size() - total);
     }
+}
+
+short AmplifierProperties::sendReplyCommand(unsigned char command, const unsigned char* data, size_t dataSize,
+                                            unsigned char* reply, size_t replySize, unsigned int timeoutMs,
+                                            bool quiet) {
+    return exchange(command, Payload(data, dataSize), Reply(reply, replySize), timeoutMs, quiet).length;
 }
 
 short AmplifierProperties::sendReplyCommand(unsigned char command, unsigned char* reply, size_t replySize,
@@ -277,13 +351,34 @@ short AmplifierProperties::sendCommand(unsigned char command, unsigned int timeo
     return sendReplyCommand(command, nullptr, 0, nullptr, 0, timeoutMs, false);
 }
 
+short AmplifierProperties::run(Command command, Payload payload, Reply reply, short leastLength) {
+    const CommandRow& row = rowOf(command);
+    unsigned char byte = 0;
+    const short length =
+        exchange(row.code, payload, reply.empty() ? Reply(&byte, 1) : reply, row.timeoutMs, row.quiet).length;
+    const short least = std::max(row.leastLength, leastLength);
+    switch (row.rule) {
+        case ResultRule::Length:
+            return length;
+        case ResultRule::AtLeast:
+            return length < least ? static_cast<short>(-1) : length;
+        case ResultRule::Exact:
+            return length != least ? static_cast<short>(-1) : length;
+        case ResultRule::Byte:
+            return length < least ? static_cast<short>(-1) : (reply.empty() ? byte : reply.front());
+        case ResultRule::Zero:
+            break;
+    }
+    return length < least ? static_cast<short>(-1) : static_cast<short>(0);
+}
+
 // ---- Settings -------------------------------------------------------------------------------------------------------
 
 // One row of the settings: where the value lies in a record, how it goes on the wire, what is said about it.
 template <typename T>
 struct AmplifierProperties::Setting {
     T AmplifierRecord::*field;
-    unsigned char command;
+    Command command;
     size_t payloadSize;     // low bytes of the value
     const char* name;       // in the failure
     const char* operation;  // in the log line, null for none
@@ -295,48 +390,56 @@ struct AmplifierProperties::Settings {
     using Number = Setting<short>;
     using Version = Setting<std::array<unsigned char, 4>>;
 
-    static constexpr Number inputCoupling{&Record::inputCoupling, SetInputCoupling, 1, "coupling", "setInputCoupling"};
-    static constexpr Number inputType{&Record::inputType, SetInputType, 1, "input type", "setInputType"};
-    static constexpr Number pattern{&Record::pattern, SetPattern, 1, "pattern", nullptr};
-    static constexpr Byte range{&Record::range, SetRange, 1, "range", "setRange"};
-    static constexpr Byte connectorType{&Record::connectorType, SetConnectorType, 1, "connector type", nullptr};
-    static constexpr Byte hwCapabilities{&Record::hwCapabilities, SetHwCapabilities, 1, "hardware capabilities",
-                                         nullptr};
-    static constexpr Byte measurementType{&Record::measurementType, SetMeasurementType, 1, "measurement type",
+    static constexpr Number inputCoupling{&Record::inputCoupling, Command::SetInputCoupling, 1, "coupling",
+                                          "setInputCoupling"};
+    static constexpr Number inputType{&Record::inputType, Command::SetInputType, 1, "input type", "setInputType"};
+    static constexpr Number pattern{&Record::pattern, Command::SetPattern, 1, "pattern", nullptr};
+    static constexpr Byte range{&Record::range, Command::SetRange, 1, "range", "setRange"};
+    static constexpr Byte connectorType{&Record::connectorType, Command::SetConnectorType, 1, "connector type",
+                                        nullptr};
+    static constexpr Byte hwCapabilities{&Record::hwCapabilities, Command::SetHwCapabilities, 1,
+                                         "hardware capabilities", nullptr};
+    static constexpr Byte measurementType{&Record::measurementType, Command::SetMeasurementType, 1, "measurement type",
                                           "setMeasurementType"};
-    static constexpr Byte excitationUnit{&Record::excitationUnit, SetExcitationUnit, 1, "excitation unit", nullptr};
-    static constexpr Byte excitationType{&Record::excitationType, SetExcitationType, 1, "excitation type",
+    static constexpr Byte excitationUnit{&Record::excitationUnit, Command::SetExcitationUnit, 1, "excitation unit",
+                                         nullptr};
+    static constexpr Byte excitationType{&Record::excitationType, Command::SetExcitationType, 1, "excitation type",
                                          "setExcitationType"};
-    static constexpr Setting<float> excitationValue{&Record::excitationValue, SetExcitationValue, 4, "excitation value",
-                                                    "setExcitationValue"};
-    static constexpr Byte lpFilter{&Record::lpFilter, SetLPFilter, 1, "LP filter index", "setLPFilter"};
-    static constexpr Byte shortOn{&Record::shortOn, SetShort, 1, "short on", "setShort"};
-    static constexpr Setting<unsigned long> serial{&Record::serial, SetSerial, 8, "serial number", nullptr};
-    static constexpr Version hwVersion{&Record::hwVersion, SetHwVersion, 4, "hw version", nullptr};
-    static constexpr Setting<long> calibrationDate{&Record::calibrationDate, SetCalibrationDate, 8, "calibration date",
-                                                   nullptr};
+    static constexpr Setting<float> excitationValue{&Record::excitationValue, Command::SetExcitationValue, 4,
+                                                    "excitation value", "setExcitationValue"};
+    static constexpr Byte lpFilter{&Record::lpFilter, Command::SetLPFilter, 1, "LP filter index", "setLPFilter"};
+    static constexpr Byte shortOn{&Record::shortOn, Command::SetShort, 1, "short on", "setShort"};
+    static constexpr Setting<unsigned long> serial{&Record::serial, Command::SetSerial, 8, "serial number", nullptr};
+    static constexpr Version hwVersion{&Record::hwVersion, Command::SetHwVersion, 4, "hw version", nullptr};
+    static constexpr Setting<long> calibrationDate{&Record::calibrationDate, Command::SetCalibrationDate, 8,
+                                                   "calibration date", nullptr};
 };
 
 template <typename T>
 short AmplifierProperties::set(const Setting<T>& setting, const T& value) {
     const std::lock_guard lock(*linkMutex_);
-    user_.*setting.field = value;
-    if (device_.*setting.field == value) {
-        return 0;
+    {
+        const std::lock_guard recordLock(recordMutex_);
+        requested_.*setting.field = value;
+        if (staged_.*setting.field == value) {
+            return 0;
+        }
     }
     if constexpr (std::is_arithmetic_v<T>) {
         if (setting.operation) {
             KESTRIX_LOG(3, "{}({}) on amplifier '{}'", setting.operation, value, index_);
         }
     }
-    std::array<unsigned char, sizeof(T)> payload;
-    std::memcpy(payload.data(), &value, sizeof(T));
-    const short result = sendCommand(setting.command, payload.data(), setting.payloadSize, defaultTimeoutMs, false);
-    if (result < 1) {
-        throw std::runtime_error(setting.name);
+    const CommandRow& row = rowOf(setting.command);
+    const auto payload = bytesOf<sizeof(T)>(value);
+    const Exchange result =
+        exchange(row.code, Payload(payload).first(setting.payloadSize), {}, row.timeoutMs, row.quiet);
+    if (result.length < row.leastLength) {
+        throw SettingFailure(setting.name, result.failure);
     }
-    device_.*setting.field = value;
-    return result;
+    const std::lock_guard recordLock(recordMutex_);
+    staged_.*setting.field = value;
+    return result.length;
 }
 
 short AmplifierProperties::setInputCoupling(short value) {
@@ -381,7 +484,8 @@ short AmplifierProperties::setMeasurementType(unsigned char value) {
     const short result = set(Settings::measurementType, value);
     // The module changes its coupling with the measurement: the next setInputCoupling has to reach it.
     if (result > 0) {
-        device_.inputCoupling = AmplifierRecord{}.inputCoupling;
+        const std::lock_guard recordLock(recordMutex_);
+        staged_.inputCoupling = AmplifierRecord{}.inputCoupling;
     }
     return result;
 }
@@ -424,13 +528,13 @@ void AmplifierProperties::splitString(std::vector<std::string>& parts, const std
 
 // ---- Whole module ---------------------------------------------------------------------------------------------------
 
-bool AmplifierProperties::readIdentity(const char*& step) {
+bool AmplifierProperties::readIdentity(AmplifierRecord& record, const char*& step) {
     using Self = AmplifierProperties;
     struct Step {
         const char* name;
-        bool (*read)(Self&);
+        bool (*read)(Self&, AmplifierRecord&);
     };
-    // One byte of the module into a field of the device copy.
+    // One byte of the module into a field.
     static constexpr auto store = [](auto& field, short value) {
         if (value >= 0) {
             field = static_cast<std::remove_reference_t<decltype(field)>>(value);
@@ -438,27 +542,26 @@ bool AmplifierProperties::readIdentity(const char*& step) {
         return value >= 0;
     };
     static constexpr Step steps[] = {
-        {"module type", [](Self& a) { return store(a.device_.moduleType, a.readModuleType()); }},
+        {"module type", [](Self& a, AmplifierRecord& r) { return store(r.moduleType, a.readModuleType()); }},
         {"fw version",
-         [](Self& a) {
-             auto& version = a.device_.fwVersion;
-             return a.readFwVersion(version[0], version[1]) >= 0;
-         }},
+         [](Self& a, AmplifierRecord& r) { return a.readFwVersion(r.fwVersion[0], r.fwVersion[1]) >= 0; }},
         {"hw number",
-         [](Self& a) {
-             auto& version = a.device_.hwVersion;
+         [](Self& a, AmplifierRecord& r) {
+             auto& version = r.hwVersion;
              return a.readHwVersion(version[0], version[1], version[2], version[3]) >= 0;
          }},
-        {"serial number", [](Self& a) { return a.readSerial(a.device_.serial) >= 0; }},
-        {"calibration date", [](Self& a) { return a.readCalibrationDate(a.device_.calibrationDate) >= 0; }},
-        {"module sub type", [](Self& a) { return store(a.device_.hwCapabilities, a.readHwCapabilities()); }},
-        {"connector type", [](Self& a) { return store(a.device_.connectorType, a.readConnectorType()); }},
-        {"firmware capabilities", [](Self& a) { return store(a.device_.fwCapabilities, a.readFwCapabilities()); }},
-        {"update scaling", [](Self& a) { return a.updateScaling(); }},
+        {"serial number", [](Self& a, AmplifierRecord& r) { return a.readSerial(r.serial) >= 0; }},
+        {"calibration date", [](Self& a, AmplifierRecord& r) { return a.readCalibrationDate(r.calibrationDate) >= 0; }},
+        {"module sub type",
+         [](Self& a, AmplifierRecord& r) { return store(r.hwCapabilities, a.readHwCapabilities()); }},
+        {"connector type", [](Self& a, AmplifierRecord& r) { return store(r.connectorType, a.readConnectorType()); }},
+        {"firmware capabilities",
+         [](Self& a, AmplifierRecord& r) { return store(r.fwCapabilities, a.readFwCapabilities()); }},
+        {"update scaling", [](Self& a, AmplifierRecord& r) { return !a.readScaling(r.scale, r.offset); }},
     };
     for (const Step& entry : steps) {
         step = entry.name;
-        if (!entry.read(*this)) {
+        if (!entry.read(*this, record)) {
             return false;
         }
     }
@@ -467,10 +570,11 @@ bool AmplifierProperties::readIdentity(const char*& step) {
 
 bool AmplifierProperties::readProperties() {
     const std::lock_guard lock(*linkMutex_);
+    AmplifierRecord record = getDeviceProperties();
     const char* step = "";
     bool complete = false;
     try {
-        complete = readIdentity(step);
+        complete = readIdentity(record, step);
     } catch (const std::runtime_error&) {
         // Reported as the step that it came from.
     }
@@ -479,114 +583,138 @@ bool AmplifierProperties::readProperties() {
         clearProperties();
         return false;
     }
-    user_ = device_;
+    const std::lock_guard recordLock(recordMutex_);
+    staged_ = record;
+    requested_ = record;
     return true;
 }
 
 bool AmplifierProperties::updateProperties() {
-    const std::lock_guard lock(*linkMutex_);
-    try {
-        if (updateAmplifier() < 0) {
-            throw std::runtime_error("update properties");
-        }
-        if (!updateScaling()) {
-            throw std::runtime_error("update scaling");
-        }
-        return true;
-    } catch (const std::runtime_error& failure) {
-        KESTRIX_LOG(5, "Amplifier update failed on module {}: {} failed!", index_, failure.what());
-        return false;
-    }
+    return !applySettings();
 }
 
-float AmplifierProperties::readFloat(unsigned char command, float preset, bool& answered) {
-    float value = preset;
-    std::array<unsigned char, sizeof(float)> bytes{};
-    const short length = sendReplyCommand(command, bytes.data(), bytes.size(), defaultTimeoutMs, false);
-    answered = length >= 0;
-    if (length > static_cast<short>(bytes.size())) {
-        std::memcpy(&value, bytes.data(), bytes.size());
+std::optional<SettingFailure> AmplifierProperties::applySettings() {
+    const std::lock_guard lock(*linkMutex_);
+    std::optional<SettingFailure> result;
+    if (const Exchange update = putInForce(); update.length < 0) {
+        result.emplace("update properties", update.failure);
+    } else if (const auto scaling = refreshScaling()) {
+        result.emplace("update scaling", *scaling);
     }
-    return value;
+    if (result) {
+        KESTRIX_LOG(5, "Amplifier update failed on module {}: {} failed!", index_, result->what());
+    }
+    return result;
+}
+
+AmplifierProperties::Exchange AmplifierProperties::putInForce() {
+    const std::lock_guard lock(*linkMutex_);
+    const CommandRow& row = rowOf(Command::UpdateAmplifier);
+    Exchange result = exchange(row.code, {}, {}, row.timeoutMs, row.quiet);
+    const std::lock_guard recordLock(recordMutex_);
+    if (result.length >= row.leastLength) {
+        inForce_ = staged_;
+    } else {
+        result.length = -1;
+        if (result.failure.mayBeDone) {
+            inForce_.reset();
+        }
+    }
+    return result;
 }
 
 bool AmplifierProperties::updateScaling() {
-    const std::lock_guard lock(*linkMutex_);
-    bool scaleAnswered = false;
-    bool offsetAnswered = false;
-    const float scale = readFloat(ReadScale, 1.0f, scaleAnswered);
-    const float offset = readFloat(ReadOffset, 0.0f, offsetAnswered);
-    if (!scaleAnswered || !offsetAnswered) {
-        return false;
+    return !refreshScaling();
+}
+
+// Both are asked for whatever becomes of the first.
+std::optional<LinkFailure> AmplifierProperties::readScaling(float& scale, float& offset) {
+    std::optional<LinkFailure> result;
+    std::array<float, 2> numbers{1.0f, 0.0f};
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        const CommandRow& row = rowOf(i == 0 ? Command::ReadScale : Command::ReadOffset);
+        std::array<unsigned char, sizeof(float)> number{};
+        const Exchange one = exchange(row.code, {}, number, row.timeoutMs, row.quiet);
+        if (one.length < 0 && !result) {
+            result = one.failure;
+        }
+        if (one.length > static_cast<short>(number.size())) {
+            std::memcpy(&numbers[i], number.data(), number.size());
+        }
     }
-    const bool usable = std::isfinite(scale) && std::isfinite(offset);
-    device_.scale = usable ? scale : 1.0f;
-    device_.offset = usable ? offset : 0.0f;
-    return true;
+    if (!result) {
+        const bool usable = std::isfinite(numbers[0]) && std::isfinite(numbers[1]);
+        scale = usable ? numbers[0] : 1.0f;
+        offset = usable ? numbers[1] : 0.0f;
+    }
+    return result;
+}
+
+std::optional<LinkFailure> AmplifierProperties::refreshScaling() {
+    const std::lock_guard lock(*linkMutex_);
+    float scale = 1.0f;
+    float offset = 0.0f;
+    const auto failure = readScaling(scale, offset);
+    if (!failure) {
+        const std::lock_guard recordLock(recordMutex_);
+        staged_.scale = scale;
+        staged_.offset = offset;
+    }
+    return failure;
 }
 
 short AmplifierProperties::updateAmplifier() {
-    return atLeast(sendCommand(UpdateAmplifier, 500, false), 1);
+    return putInForce().length;
 }
 
 // ---- Plain reads and writes -----------------------------------------------------------------------------------------
 
-short AmplifierProperties::readByte(unsigned char command) {
-    unsigned char byte = 0;
-    const short length = sendReplyCommand(command, &byte, 1, defaultTimeoutMs, false);
-    return length < 2 ? static_cast<short>(-1) : byte;
-}
-
 short AmplifierProperties::readMeasurementType() {
-    return readByte(ReadMeasurementType);
+    return run(Command::ReadMeasurementType);
 }
 short AmplifierProperties::readConnectorType() {
-    return readByte(ReadConnectorType);
+    return run(Command::ReadConnectorType);
 }
 short AmplifierProperties::readHwCapabilities() {
-    return readByte(ReadHwCapabilities);
+    return run(Command::ReadHwCapabilities);
 }
 short AmplifierProperties::readFwCapabilities() {
-    return readByte(ReadFwCapabilities);
+    return run(Command::ReadFwCapabilities);
 }
 short AmplifierProperties::readExcitationUnit() {
-    return readByte(ReadExcitationUnit);
+    return run(Command::ReadExcitationUnit);
 }
 short AmplifierProperties::readExcitationType() {
-    return readByte(ReadExcitationType);
+    return run(Command::ReadExcitationType);
 }
 short AmplifierProperties::readLPFilter() {
-    return readByte(ReadLPFilter);
+    return run(Command::ReadLPFilter);
 }
 short AmplifierProperties::readModuleType() {
-    return readByte(ReadModuleType);
+    return run(Command::ReadModuleType);
 }
 short AmplifierProperties::readShort() {
-    return readByte(ReadShort);
+    return run(Command::ReadShort);
 }
 short AmplifierProperties::readRange() {
-    return readByte(ReadRange);
+    return run(Command::ReadRange);
 }
 short AmplifierProperties::readInputCoupling() {
-    return readByte(ReadInputCoupling);
+    return run(Command::ReadInputCoupling);
 }
 short AmplifierProperties::readInputType() {
-    return readByte(ReadInputType);
+    return run(Command::ReadInputType);
 }
 short AmplifierProperties::getPattern() {
-    return readByte(GetPattern);
+    return run(Command::GetPattern);
 }
-
 short AmplifierProperties::getSensorStatus() {
-    unsigned char status = 0;
-    const short length = sendReplyCommand(GetSensorStatus, &status, 1, defaultTimeoutMs, false);
-    return length < 1 ? static_cast<short>(-1) : status;
+    return run(Command::GetSensorStatus);
 }
 
 short AmplifierProperties::readFwVersion(unsigned char& major, unsigned char& minor) {
     std::array<unsigned char, 2> version{};
-    const short length =
-        atLeast(sendReplyCommand(ReadFwVersion, version.data(), version.size(), defaultTimeoutMs, false), 3);
+    const short length = run(Command::ReadFwVersion, {}, version);
     if (length >= 0) {
         major = version[0];
         minor = version[1];
@@ -596,8 +724,7 @@ short AmplifierProperties::readFwVersion(unsigned char& major, unsigned char& mi
 
 short AmplifierProperties::readHwVersion(unsigned char& a, unsigned char& b, unsigned char& c, unsigned char& d) {
     std::array<unsigned char, 4> version{};
-    const short length =
-        atLeast(sendReplyCommand(ReadHwVersion, version.data(), version.size(), defaultTimeoutMs, false), 5);
+    const short length = run(Command::ReadHwVersion, {}, version);
     if (length >= 0) {
         a = version[0];
         b = version[1];
@@ -607,29 +734,33 @@ short AmplifierProperties::readHwVersion(unsigned char& a, unsigned char& b, uns
     return length;
 }
 
-short AmplifierProperties::readSerial(unsigned long& serial) {
-    std::array<unsigned char, 8> bytes{};
-    const short length = atLeast(sendReplyCommand(ReadSerial, bytes.data(), bytes.size(), defaultTimeoutMs, false), 9);
+template <typename T>
+short AmplifierProperties::readNumber(Command command, T& value) {
+    std::array<unsigned char, sizeof(T)> bytes{};
+    const short length = run(command, {}, bytes);
     if (length >= 0) {
-        std::memcpy(&serial, bytes.data(), bytes.size());
+        std::memcpy(&value, bytes.data(), bytes.size());
     }
     return length;
 }
 
+short AmplifierProperties::readSerial(unsigned long& serial) {
+    return readNumber(Command::ReadSerial, serial);
+}
+
 short AmplifierProperties::readCalibrationDate(long& secondsSinceEpoch) {
-    std::array<unsigned char, 8> bytes{};
-    const short length =
-        atLeast(sendReplyCommand(ReadCalibrationDate, bytes.data(), bytes.size(), defaultTimeoutMs, false), 9);
-    if (length >= 0) {
-        std::memcpy(&secondsSinceEpoch, bytes.data(), bytes.size());
-    }
-    return length;
+    return readNumber(Command::ReadCalibrationDate, secondsSinceEpoch);
+}
+
+float AmplifierProperties::readExcitationValue() {
+    float value = -1.0f;
+    readNumber(Command::ReadExcitationValue, value);
+    return value;
 }
 
 short AmplifierProperties::getCmrSetting(unsigned char selector, unsigned char& second, unsigned char& first) {
     std::array<unsigned char, 2> bytes{};
-    const short length =
-        atLeast(sendReplyCommand(GetCmrSetting, &selector, 1, bytes.data(), bytes.size(), defaultTimeoutMs, false), 3);
+    const short length = run(Command::GetCmrSetting, Payload(&selector, 1), bytes);
     if (length >= 0) {
         first = bytes[0];
         second = bytes[1];
@@ -637,54 +768,41 @@ short AmplifierProperties::getCmrSetting(unsigned char selector, unsigned char& 
     return length;
 }
 
-float AmplifierProperties::readExcitationValue() {
-    bool answered = false;
-    return readFloat(ReadExcitationValue, -1.0f, answered);
-}
-
 short AmplifierProperties::setAlarm(unsigned char value) {
-    return atLeast(sendCommand(SetAlarm, &value, 1, defaultTimeoutMs, false), 1);
+    return run(Command::SetAlarm, Payload(&value, 1));
 }
 
 short AmplifierProperties::setLed1Function(bool on) {
-    const unsigned char value = on ? 1 : 0;
-    return sendCommand(SetLed1Function, &value, 1, defaultTimeoutMs, false);
+    return run(Command::SetLed1Function, bytesOf<1>(on));
 }
 
 short AmplifierProperties::setDoLevelInvert(unsigned char first, unsigned char second) {
-    const std::array<unsigned char, 2> payload{first, second};
-    return atLeast(sendCommand(SetDoLevelInvert, payload.data(), payload.size(), defaultTimeoutMs, false), 1);
+    return run(Command::SetDoLevelInvert, std::array{first, second});
 }
 
 short AmplifierProperties::setCmrSetting(unsigned char first, unsigned char second, bool on) {
-    const std::array<unsigned char, 2> payload{first, second};
-    const unsigned char command = on ? SetCmrSettingOn : SetCmrSettingOff;
-    return atLeast(sendCommand(command, payload.data(), payload.size(), defaultTimeoutMs, false), 1);
+    return run(on ? Command::SetCmrSettingOn : Command::SetCmrSettingOff, std::array{first, second});
 }
 
 short AmplifierProperties::setRawMode(bool on) {
-    const unsigned char value = on ? 1 : 0;
-    return sendCommand(SetRawMode, &value, 1, defaultTimeoutMs, false);
+    return run(Command::SetRawMode, bytesOf<1>(on));
 }
 
 bool AmplifierProperties::getRawMode() {
     unsigned char value = 0;
-    return sendReplyCommand(GetRawMode, &value, 1, defaultTimeoutMs, false) == 2 && value == 1;
+    return run(Command::GetRawMode, {}, Reply(&value, 1)) >= 0 && value == 1;
 }
 
 // ---- TEDS -----------------------------------------------------------------------------------------------------------
 
-// A module without a chip answers with a failure: no reason to alarm anybody.
+// The bound is on the length, which counts the status: seven data bytes are enough.
 short AmplifierProperties::readTeds(unsigned char* buffer) {
     constexpr size_t dataSize = 8;
-    // The bound is on the length, which counts the status: seven data bytes are enough.
-    return sendReplyCommand(ReadTeds, buffer, dataSize, defaultTimeoutMs, true) >= static_cast<short>(dataSize) ? 0
-                                                                                                                : -1;
+    return run(Command::ReadTeds, {}, Reply(buffer, dataSize));
 }
 
 short AmplifierProperties::resetTedsCustom() {
-    const unsigned char operation = TedsReset;
-    return zeroOnSuccess(sendCommand(TedsCustom, &operation, 1, defaultTimeoutMs, true));
+    return run(Command::ResetTedsCustom, std::array<unsigned char, 1>{TedsReset});
 }
 
 short AmplifierProperties::writeTedsCustom(const unsigned char* data, unsigned long count) {
@@ -693,7 +811,7 @@ short AmplifierProperties::writeTedsCustom(const unsigned char* data, unsigned l
         return -1;
     }
     std::copy_n(data, count, payload.begin() + 1);
-    return zeroOnSuccess(sendCommand(TedsCustom, payload.data(), count + 1, defaultTimeoutMs, false));
+    return run(Command::WriteTedsCustom, Payload(payload).first(count + 1));
 }
 
 short AmplifierProperties::readTedsCustom(unsigned char* buffer, unsigned long count) {
@@ -701,30 +819,22 @@ short AmplifierProperties::readTedsCustom(unsigned char* buffer, unsigned long c
         return -1;
     }
     const std::array<unsigned char, 2> payload{TedsRead, static_cast<unsigned char>(count)};
-    const short length =
-        sendReplyCommand(TedsCustom, payload.data(), payload.size(), buffer, count, defaultTimeoutMs, false);
-    return length < 1 || static_cast<unsigned long>(length) < count ? -1 : 0;
+    return run(Command::ReadTedsCustom, payload, Reply(buffer, count), static_cast<short>(count));
 }
 
 short AmplifierProperties::finalizeTedsCustom() {
-    const unsigned char operation = TedsFinalize;
-    return zeroOnSuccess(sendCommand(TedsCustom, &operation, 1, defaultTimeoutMs, false));
+    return run(Command::FinalizeTedsCustom, std::array<unsigned char, 1>{TedsFinalize});
 }
 
 // ---- Calibration memory and firmware --------------------------------------------------------------------------------
 
 bool AmplifierProperties::getLatestSupportedCalibrationStructureVersion(unsigned char& version) {
     version = 1;
-    return sendReplyCommand(GetLatestCalibrationVersion, &version, 1, defaultTimeoutMs, false) == 2;
+    return run(Command::GetLatestCalibrationVersion, {}, Reply(&version, 1)) >= 0;
 }
 
 bool AmplifierProperties::getCalibrationDataSize(unsigned short& size) {
-    std::array<unsigned char, 2> bytes{};
-    if (sendReplyCommand(GetCalibrationDataSize, bytes.data(), bytes.size(), defaultTimeoutMs, false) != 3) {
-        return false;
-    }
-    size = static_cast<unsigned short>(bytes[0] | (bytes[1] << 8));
-    return true;
+    return readNumber(Command::GetCalibrationDataSize, size) >= 0;
 }
 
 short AmplifierProperties::writeCalibrationData(unsigned short address, const unsigned char* data,
@@ -736,7 +846,7 @@ short AmplifierProperties::writeCalibrationData(unsigned short address, const un
         return -1;
     }
     std::copy_n(data, count, payload.begin() + headSize);
-    return sendCommand(WriteCalibrationData, payload.data(), headSize + count, defaultTimeoutMs, false);
+    return run(Command::WriteCalibrationData, Payload(payload).first(headSize + count));
 }
 
 short AmplifierProperties::readCalibrationData(unsigned short address, unsigned char* buffer, unsigned char count) {
@@ -745,13 +855,12 @@ short AmplifierProperties::readCalibrationData(unsigned short address, unsigned 
     }
     const std::array<unsigned char, 3> payload{static_cast<unsigned char>(address),
                                                static_cast<unsigned char>(address >> 8), count};
-    return sendReplyCommand(ReadCalibrationData, payload.data(), payload.size(), buffer, count, defaultTimeoutMs,
-                            false);
+    return run(Command::ReadCalibrationData, payload, Reply(buffer, count));
 }
 
 short AmplifierProperties::hwReset() {
     const std::lock_guard lock(*linkMutex_);
-    const short length = atLeast(sendCommand(HwReset, defaultTimeoutMs, false), 1);
+    const short length = run(Command::HwReset);
     if (length >= 0) {
         // A module that starts sends a greeting which must not end up in the next reply.
         std::array<unsigned char, maxReadSize> greeting;
@@ -759,26 +868,26 @@ short AmplifierProperties::hwReset() {
             uart_->readData(greeting.data(), greeting.size());
         } catch (const std::runtime_error& failure) {
             KESTRIX_LOG(2, "Amplifier index {} error: {} failed! Command {}!", index_, failure.what(),
-                        static_cast<int>(HwReset));
+                        rowOf(Command::HwReset).code);
         }
     }
     return length;
 }
 
 short AmplifierProperties::goBootLoad() {
-    return atLeast(sendCommand(GoBootLoad, 1000, false), 1);
+    return run(Command::GoBootLoad);
 }
 
 short AmplifierProperties::exitBootLoad() {
-    return atLeast(sendCommand(ExitBootLoad, 7000, false), 1);
+    return run(Command::ExitBootLoad);
 }
 
 short AmplifierProperties::eraseFlash() {
-    return atLeast(sendCommand(EraseFlash, 2000, false), 1);
+    return run(Command::EraseFlash);
 }
 
 short AmplifierProperties::writeFlash(const unsigned char* data, size_t size) {
-    return atLeast(sendCommand(WriteFlash, data, size, defaultTimeoutMs, false), 1);
+    return run(Command::WriteFlash, Payload(data, size));
 }
 
 }  // namespace Harvane::Shared::Kestrix

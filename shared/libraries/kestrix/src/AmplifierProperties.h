@@ -1,43 +1,69 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <span>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "libraries/protocols/uart/Uart.h"
+#include "shared/libraries/kestrix/src/AmplifierCommands.h"
 #include "shared/libraries/kestrix/src/AmplifierRecord.h"
 #include "shared/libraries/kestrix/src/UartMux.h"
 
 namespace Harvane::Shared::Kestrix {
 
-// One amplifier module as the UART sees it: frames commands, waits for replies, retries, and holds two copies of the
-// module's settings, what the module was last known to hold (device copy) and what has been asked for (user copy).
+// Why an exchange failed.
+struct LinkFailure {
+    bool refused = false;      // the module has answered, with a status other than 0
+    unsigned char status = 0;  // of the refusal
+    bool mayBeDone = false;    // an attempt went without an answer: the module may have done it all the same
+    std::string reason;        // "refused with status 3", "no answer", "bus error: ..."
+};
+
+// A setting that the module didn't take, or all of them; the text is its name.
+class SettingFailure : public std::runtime_error {
+public:
+    SettingFailure(const char* name, LinkFailure why) : std::runtime_error(name), failure(std::move(why)) {}
+    LinkFailure failure;
+};
+
+// One amplifier module as the UART sees it: frames commands, waits for replies, retries, and keeps three records of the
+// module's settings: what has been asked for (the user copy), what the module has acknowledged setting by setting
+// (staged; with identity, scale and offset the device copy), and what it has put in force by the update command.
 //
-// An exchange (select, request, reply) holds the link's mutex, which all modules of the port share, so operations may
-// come from any thread and wait for each other: up to 3 attempts of timeout plus 0.2 s each. The accessors of the
-// copies don't wait; they go with the thread that drives the settings.
+// Locking: every access to a record locks the records' mutex, which nobody holds while he waits. An exchange (select,
+// request, reply) holds the link's mutex, which all modules of the port share, so operations may come from any thread
+// and wait for each other: up to 3 attempts of timeout plus 0.2 s each. The accessors never wait for an exchange.
 //
-// An exchange that can't be completed gives -1. Only the `set` family throws: std::runtime_error with the name of what
+// An exchange that can't be completed gives -1. Only the `set` family throws: SettingFailure with the name of what
 // could not be set. The std::logic_error of a multiplexer that doesn't take a channel passes through everything.
 class AmplifierProperties {
 public:
     using Uart = ZornLib::Protocols::Uart::Uart;
 
     static constexpr const char* calibrationDateFormat = "%d.%m.%Y %H:%M:%S";
-    static constexpr unsigned int defaultTimeoutMs = 200;
+    using TimePoint = std::chrono::steady_clock::time_point;
 
-    // `index` is the slot, from 0. Without a mutex the object has its own.
+    // `index` is the slot, from 0. Without a mutex the object has its own. `now` is what time-outs go by.
     AmplifierProperties(int index, std::shared_ptr<Uart> uart, std::shared_ptr<UartMux> uartMux,
-                        std::shared_ptr<std::recursive_mutex> linkMutex = nullptr);
+                        std::shared_ptr<std::recursive_mutex> linkMutex = nullptr,
+                        std::function<TimePoint()> now = std::chrono::steady_clock::now);
     AmplifierProperties(const AmplifierProperties&) = delete;
     AmplifierProperties& operator=(const AmplifierProperties&) = delete;
 
-    // ---- The two copies, no traffic on the wire ---------------------------------------------------------------------
+    // ---- The records, no traffic on the wire ------------------------------------------------------------------------
 
     void clearProperties();
-    void clearDeviceProperties();  // scale 1 and offset 0, all else unknown
+    void clearDeviceProperties();  // scale 1 and offset 0, all else unknown, and nothing known to be in force
     void clearUserProperties();
+    // What has been acknowledged but not put in force is nothing to go by any more: each setting is sent again.
+    void dropStaged();
 
     // All from the user copy.
     void getFwVersion(unsigned char& major, unsigned char& minor) const;
@@ -66,8 +92,13 @@ public:
     std::string getId() const;
     void getCalibrationDate(std::string& text) const;
 
+    // What has been asked for.
+    AmplifierRecord getUserProperties() const;
     // What the module was last known to hold.
-    const AmplifierRecord& getDeviceProperties() const { return device_; }
+    AmplifierRecord getDeviceProperties() const;
+    // What the latest update command that was acknowledged has put in force; empty before the first one, and after
+    // one that may have been done although its answer was missed.
+    std::optional<AmplifierRecord> getSettingsInForce() const;
     // From the device copy.
     bool isAmplifierDefined() const;
     double getDaqScale() const;   // 1 when the module reported no finite number
@@ -98,6 +129,8 @@ public:
     bool readProperties();
     // Makes the module apply what was set, and reads scale and offset again.
     bool updateProperties();
+    // The same, with what went wrong: "update properties" or "update scaling".
+    std::optional<SettingFailure> applySettings();
     bool updateScaling();
     short updateAmplifier();
 
@@ -124,7 +157,8 @@ public:
     short setHwVersion(const std::string& text);
     void setCalibrationDate(long secondsSinceEpoch);
 
-    // ---- Plain reads and writes, neither copy changes ---------------------------------------------------------------
+    // ---- Plain reads and writes, no record changes
+    // -------------------------------------------------------------------
 
     // One byte, or -1.
     short readMeasurementType();
@@ -184,21 +218,35 @@ private:
     template <typename T>
     struct Setting;
     struct Settings;
+    struct Exchange {
+        short length = -1;  // of a good reply
+        LinkFailure failure;
+    };
+    using Payload = std::span<const unsigned char>;
+    using Reply = std::span<unsigned char>;
 
     template <typename T>
     short set(const Setting<T>& setting, const T& value);
-    short attempt(const unsigned char* frame, size_t frameSize, unsigned char* reply, size_t replySize,
-                  unsigned int timeoutMs);
-    short readByte(unsigned char command);
-    bool readIdentity(const char*& step);
-    float readFloat(unsigned char command, float preset, bool& answered);
+    Exchange exchange(unsigned char code, Payload payload, Reply reply, unsigned int timeoutMs, bool quiet);
+    short attempt(Payload frame, Reply reply, unsigned int timeoutMs);
+    // A command by its row of the table, with one least length in the place of the row's.
+    short run(AmplifierCommands::Command command, Payload payload = {}, Reply reply = {}, short leastLength = 0);
+    template <typename T>
+    short readNumber(AmplifierCommands::Command command, T& value);
+    Exchange putInForce();
+    bool readIdentity(AmplifierRecord& record, const char*& step);
+    std::optional<LinkFailure> readScaling(float& scale, float& offset);
+    std::optional<LinkFailure> refreshScaling();
 
     std::shared_ptr<Uart> uart_;
     std::shared_ptr<UartMux> uartMux_;
-    AmplifierRecord device_;
-    AmplifierRecord user_;
+    mutable std::mutex recordMutex_;
+    AmplifierRecord requested_;
+    AmplifierRecord staged_;
+    std::optional<AmplifierRecord> inForce_;
     int index_;
     std::shared_ptr<std::recursive_mutex> linkMutex_;
+    std::function<TimePoint()> now_;
 };
 
 }  // namespace Harvane::Shared::Kestrix

@@ -31,6 +31,21 @@ struct AmplifierRecord {
     unsigned char shortOn = 0xFF;
     float scale = unknownFloat;
     float offset = unknownFloat;
+
+    // What the update command puts in force becomes unknown; identity, scale and offset stay.
+    void forgetSettings() {
+        const AmplifierRecord unknown;
+        inputCoupling = unknown.inputCoupling;
+        inputType = unknown.inputType;
+        pattern = unknown.pattern;
+        range = unknown.range;
+        measurementType = unknown.measurementType;
+        excitationUnit = unknown.excitationUnit;
+        excitationType = unknown.excitationType;
+        excitationValue = unknown.excitationValue;
+        lpFilter = unknown.lpFilter;
+        shortOn = unknown.shortOn;
+    }
 };
 
 }  // namespace Harvane::Shared::Kestrix
