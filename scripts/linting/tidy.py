@@ -110,7 +110,7 @@ def look_at(unit):
     findings = [Finding(os.path.relpath(path), int(line), text.replace(",-warnings-as-errors", ""))
                 for path, line, text in hits]
     if done.returncode != 0 and not findings:
-        findings = [Finding(unit, 1, f"{TOOL} failed: {(done.stdout + done.stderr).strip()[-500:]}")]
+        findings = [Finding(unit, 1, f"{TOOL} ended with {done.returncode}: {(done.stdout + done.stderr).strip()[-500:]}")]
     return findings
 
 

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -10,12 +11,16 @@
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <map>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "shared/libraries/kestrix/src/AmplifierCommands.h"
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
 #include "simulator/preload/Control.h"
 #include "tests/amplifierlink/ScriptedModule.h"
@@ -85,139 +90,154 @@ std::string outcomeOf(const std::function<double()>& operation) {
     }
 }
 
+// Every operation of one exchange, with what it is to the wire and to its caller.
+using A = AmplifierProperties;
+using AmplifierCommands::Command;
+
+struct Operation {
+    Command command;
+    const char* frame;
+    const char* data;  // of the module's reply
+    const char* result;
+    const char* failure;  // when the module refuses
+    std::function<double(A&)> run;
+    const char* line = "";  // of the log
+};
+
+const Operation operations[] = {
+    {Command::GetLatestCalibrationVersion, "A5 01 40 5A", "02", "2", "-1",
+     [](A& a) {
+         unsigned char v = 9;
+         return a.getLatestSupportedCalibrationStructureVersion(v) ? v : -v;
+     }},
+    {Command::SetRawMode, "A5 02 41 01 5A", "", "1", "-1", [](A& a) { return a.setRawMode(true); }},
+    {Command::GetRawMode, "A5 01 42 5A", "01", "1", "0", [](A& a) { return a.getRawMode(); }},
+    {Command::WriteCalibrationData, "A5 06 45 34 12 02 AA 55 5A", "", "1", "-1",
+     [](A& a) {
+         const Bytes b{0xAA, 0x55};
+         return a.writeCalibrationData(0x1234, b.data(), 2);
+     }},
+    {Command::ReadCalibrationData, "A5 04 46 34 12 10 5A", "01 02", "3", "-1",
+     [](A& a) {
+         Bytes b(16);
+         return a.readCalibrationData(0x1234, b.data(), 16);
+     }},
+    {Command::GetCalibrationDataSize, "A5 01 47 5A", "00 01", "256", "-1",
+     [](A& a) {
+         unsigned short size = 0;
+         return a.getCalibrationDataSize(size) ? size : -1;
+     }},
+    {Command::SetCalibrationDate, "A5 09 48 08 07 06 05 04 03 02 01 5A", "", "0", "calibration date",
+     [](A& a) {
+         a.setCalibrationDate(0x0102030405060708);
+         return 0;
+     }},
+    {Command::ReadCalibrationDate, "A5 01 49 5A", "01 02 03 04 05 06 07 08", "9", "-1",
+     [](A& a) {
+         long date = 0;
+         return a.readCalibrationDate(date);
+     }},
+    {Command::EraseFlash, "A5 01 49 5A", "", "1", "-1", [](A& a) { return a.eraseFlash(); }},
+    {Command::WriteFlash, "A5 04 50 01 02 03 5A", "", "1", "-1",
+     [](A& a) {
+         const Bytes b{1, 2, 3};
+         return a.writeFlash(b.data(), b.size());
+     }},
+    {Command::ExitBootLoad, "A5 01 53 5A", "", "1", "-1", [](A& a) { return a.exitBootLoad(); }},
+    {Command::GoBootLoad, "A5 01 57 5A", "", "1", "-1", [](A& a) { return a.goBootLoad(); }},
+    {Command::HwReset, "A5 01 5B 5A", "", "1", "-1", [](A& a) { return a.hwReset(); }},
+    {Command::SetMeasurementType, "A5 02 60 01 5A", "", "1", "measurement type",
+     [](A& a) { return a.setMeasurementType(1); }, "3 setMeasurementType(1) on amplifier '3'"},
+    {Command::ReadMeasurementType, "A5 01 61 5A", "07", "7", "-1", [](A& a) { return a.readMeasurementType(); }},
+    {Command::SetConnectorType, "A5 02 62 02 5A", "", "1", "connector type",
+     [](A& a) { return a.setConnectorType(2); }},
+    {Command::ReadConnectorType, "A5 01 63 5A", "07", "7", "-1", [](A& a) { return a.readConnectorType(); }},
+    {Command::SetHwCapabilities, "A5 02 64 03 5A", "", "1", "hardware capabilities",
+     [](A& a) { return a.setHwCapabilities(3); }},
+    {Command::ReadHwCapabilities, "A5 01 65 5A", "07", "7", "-1", [](A& a) { return a.readHwCapabilities(); }},
+    {Command::ReadFwCapabilities, "A5 01 66 5A", "07", "7", "-1", [](A& a) { return a.readFwCapabilities(); }},
+    {Command::UpdateAmplifier, "A5 01 67 5A", "", "1", "-1", [](A& a) { return a.updateAmplifier(); }},
+    {Command::SetExcitationUnit, "A5 02 68 04 5A", "", "1", "excitation unit",
+     [](A& a) { return a.setExcitationUnit(4); }},
+    {Command::ReadExcitationUnit, "A5 01 69 5A", "07", "7", "-1", [](A& a) { return a.readExcitationUnit(); }},
+    {Command::SetExcitationType, "A5 02 6A 05 5A", "", "1", "excitation type",
+     [](A& a) { return a.setExcitationType(5); }, "3 setExcitationType(5) on amplifier '3'"},
+    {Command::ReadExcitationType, "A5 01 6B 5A", "07", "7", "-1", [](A& a) { return a.readExcitationType(); }},
+    {Command::ReadLPFilter, "A5 01 9F 5A", "FF", "255", "-1", [](A& a) { return a.readLPFilter(); }},
+    {Command::SetSerial, "A5 09 A1 2A 00 00 00 00 00 00 00 5A", "", "1", "serial number",
+     [](A& a) { return a.setSerial("2A"); }},
+    {Command::ReadSerial, "A5 01 A3 5A", "01 02 03 04 05 06 07 08", "9", "-1",
+     [](A& a) {
+         unsigned long serial = 0;
+         return a.readSerial(serial);
+     }},
+    {Command::SetHwVersion, "A5 05 A4 01 02 03 04 5A", "", "1", "hw version",
+     [](A& a) { return a.setHwVersion("1.2..3.4."); }},
+    {Command::ReadHwVersion, "A5 01 A6 5A", "01 02 03 04", "5", "-1",
+     [](A& a) {
+         unsigned char v[4];
+         return a.readHwVersion(v[0], v[1], v[2], v[3]);
+     }},
+    {Command::ReadModuleType, "A5 01 A7 5A", "07", "7", "-1", [](A& a) { return a.readModuleType(); }},
+    {Command::ReadFwVersion, "A5 01 AA 5A", "01 02", "3", "-1",
+     [](A& a) {
+         unsigned char v[2];
+         return a.readFwVersion(v[0], v[1]);
+     }},
+    {Command::SetShort, "A5 02 B7 01 5A", "", "1", "short on", [](A& a) { return a.setShort(1); },
+     "3 setShort(1) on amplifier '3'"},
+    {Command::ReadShort, "A5 01 B8 5A", "07", "7", "-1", [](A& a) { return a.readShort(); }},
+    {Command::SetExcitationValue, "A5 05 B9 00 00 20 40 5A", "", "1", "excitation value",
+     [](A& a) { return a.setExcitationValue(2.5f); }, "3 setExcitationValue(2.5) on amplifier '3'"},
+    {Command::ReadExcitationValue, "A5 01 BA 5A", "00 00 20 40", "2.5", "-1",
+     [](A& a) { return a.readExcitationValue(); }},
+    {Command::SetRange, "A5 02 BC 05 5A", "", "1", "range", [](A& a) { return a.setRange(5); },
+     "3 setRange(5) on amplifier '3'"},
+    {Command::ReadRange, "A5 01 BD 5A", "07", "7", "-1", [](A& a) { return a.readRange(); }},
+    {Command::SetInputCoupling, "A5 02 C3 01 5A", "", "1", "coupling", [](A& a) { return a.setInputCoupling(1); },
+     "3 setInputCoupling(1) on amplifier '3'"},
+    {Command::ReadInputCoupling, "A5 01 C4 5A", "07", "7", "-1", [](A& a) { return a.readInputCoupling(); }},
+    {Command::SetAlarm, "A5 02 C7 09 5A", "", "1", "-1", [](A& a) { return a.setAlarm(9); }},
+    {Command::SetLPFilter, "A5 02 C8 02 5A", "", "1", "LP filter index", [](A& a) { return a.setLPFilter(2); },
+     "3 setLPFilter(2) on amplifier '3'"},
+    {Command::SetInputType, "A5 02 C9 01 5A", "", "1", "input type", [](A& a) { return a.setInputType(1); },
+     "3 setInputType(1) on amplifier '3'"},
+    {Command::ReadInputType, "A5 01 CA 5A", "07", "7", "-1", [](A& a) { return a.readInputType(); }},
+    {Command::ReadTeds, "A5 01 D0 5A", "01 02 03 04 05 06 07", "0", "-1",
+     [](A& a) {
+         Bytes b(8);
+         return a.readTeds(b.data());
+     }},
+    {Command::ResetTedsCustom, "A5 02 D1 01 5A", "", "0", "-1", [](A& a) { return a.resetTedsCustom(); }},
+    {Command::WriteTedsCustom, "A5 04 D1 02 07 08 5A", "", "0", "-1",
+     [](A& a) {
+         const Bytes b{7, 8};
+         return a.writeTedsCustom(b.data(), 2);
+     }},
+    {Command::ReadTedsCustom, "A5 03 D1 03 04 5A", "01 02 03", "0", "-1",
+     [](A& a) {
+         Bytes b(4);
+         return a.readTedsCustom(b.data(), 4);
+     }},
+    {Command::ReadTedsCustom, "A5 03 D1 03 00 5A", "", "0", "-1", [](A& a) { return a.readTedsCustom(nullptr, 0); }},
+    {Command::FinalizeTedsCustom, "A5 02 D1 04 5A", "", "0", "-1", [](A& a) { return a.finalizeTedsCustom(); }},
+    {Command::SetDoLevelInvert, "A5 03 E0 01 02 5A", "", "1", "-1", [](A& a) { return a.setDoLevelInvert(1, 2); }},
+    {Command::SetCmrSettingOff, "A5 03 EA 01 02 5A", "", "1", "-1", [](A& a) { return a.setCmrSetting(1, 2, false); }},
+    {Command::GetCmrSetting, "A5 02 EB 06 5A", "11 22", "3", "-1",
+     [](A& a) {
+         unsigned char v[2];
+         return a.getCmrSetting(6, v[0], v[1]);
+     }},
+    {Command::SetCmrSettingOn, "A5 03 EC 01 02 5A", "", "1", "-1", [](A& a) { return a.setCmrSetting(1, 2, true); }},
+    {Command::GetSensorStatus, "A5 01 F0 5A", "05", "5", "-1", [](A& a) { return a.getSensorStatus(); }},
+    {Command::SetLed1Function, "A5 02 F2 00 5A", "", "1", "-1", [](A& a) { return a.setLed1Function(false); }},
+    {Command::SetLed1Function, "A5 02 F2 01 5A", "", "1", "-1", [](A& a) { return a.setLed1Function(true); }},
+    {Command::SetPattern, "A5 02 F7 03 5A", "", "1", "pattern", [](A& a) { return a.setPattern(3); }},
+    {Command::GetPattern, "A5 01 F8 5A", "07", "7", "-1", [](A& a) { return a.getPattern(); }},
+};
+
 TEST_F(AmplifierProtocol, everyOperationHasItsFrameResultAndFailure) {
-    using A = AmplifierProperties;
-    struct {
-        const char* frame;
-        const char* data;  // of the module's reply
-        const char* result;
-        const char* failure;  // when the module refuses
-        std::function<double(A&)> run;
-        const char* line = "";  // of the log
-    } const cases[] = {
-        {"A5 01 40 5A", "02", "2", "-1",
-         [](A& a) {
-             unsigned char v = 9;
-             return a.getLatestSupportedCalibrationStructureVersion(v) ? v : -v;
-         }},
-        {"A5 02 41 01 5A", "", "1", "-1", [](A& a) { return a.setRawMode(true); }},
-        {"A5 01 42 5A", "01", "1", "0", [](A& a) { return a.getRawMode(); }},
-        {"A5 06 45 34 12 02 AA 55 5A", "", "1", "-1",
-         [](A& a) {
-             const Bytes b{0xAA, 0x55};
-             return a.writeCalibrationData(0x1234, b.data(), 2);
-         }},
-        {"A5 04 46 34 12 10 5A", "01 02", "3", "-1",
-         [](A& a) {
-             Bytes b(16);
-             return a.readCalibrationData(0x1234, b.data(), 16);
-         }},
-        {"A5 01 47 5A", "00 01", "256", "-1",
-         [](A& a) {
-             unsigned short size = 0;
-             return a.getCalibrationDataSize(size) ? size : -1;
-         }},
-        {"A5 09 48 08 07 06 05 04 03 02 01 5A", "", "0", "calibration date",
-         [](A& a) {
-             a.setCalibrationDate(0x0102030405060708);
-             return 0;
-         }},
-        {"A5 01 49 5A", "01 02 03 04 05 06 07 08", "9", "-1",
-         [](A& a) {
-             long date = 0;
-             return a.readCalibrationDate(date);
-         }},
-        {"A5 01 49 5A", "", "1", "-1", [](A& a) { return a.eraseFlash(); }},
-        {"A5 04 50 01 02 03 5A", "", "1", "-1",
-         [](A& a) {
-             const Bytes b{1, 2, 3};
-             return a.writeFlash(b.data(), b.size());
-         }},
-        {"A5 01 53 5A", "", "1", "-1", [](A& a) { return a.exitBootLoad(); }},
-        {"A5 01 57 5A", "", "1", "-1", [](A& a) { return a.goBootLoad(); }},
-        {"A5 01 5B 5A", "", "1", "-1", [](A& a) { return a.hwReset(); }},
-        {"A5 02 60 01 5A", "", "1", "measurement type", [](A& a) { return a.setMeasurementType(1); },
-         "3 setMeasurementType(1) on amplifier '3'"},
-        {"A5 01 61 5A", "07", "7", "-1", [](A& a) { return a.readMeasurementType(); }},
-        {"A5 02 62 02 5A", "", "1", "connector type", [](A& a) { return a.setConnectorType(2); }},
-        {"A5 01 63 5A", "07", "7", "-1", [](A& a) { return a.readConnectorType(); }},
-        {"A5 02 64 03 5A", "", "1", "hardware capabilities", [](A& a) { return a.setHwCapabilities(3); }},
-        {"A5 01 65 5A", "07", "7", "-1", [](A& a) { return a.readHwCapabilities(); }},
-        {"A5 01 66 5A", "07", "7", "-1", [](A& a) { return a.readFwCapabilities(); }},
-        {"A5 01 67 5A", "", "1", "-1", [](A& a) { return a.updateAmplifier(); }},
-        {"A5 02 68 04 5A", "", "1", "excitation unit", [](A& a) { return a.setExcitationUnit(4); }},
-        {"A5 01 69 5A", "07", "7", "-1", [](A& a) { return a.readExcitationUnit(); }},
-        {"A5 02 6A 05 5A", "", "1", "excitation type", [](A& a) { return a.setExcitationType(5); },
-         "3 setExcitationType(5) on amplifier '3'"},
-        {"A5 01 6B 5A", "07", "7", "-1", [](A& a) { return a.readExcitationType(); }},
-        {"A5 01 9F 5A", "FF", "255", "-1", [](A& a) { return a.readLPFilter(); }},
-        {"A5 09 A1 2A 00 00 00 00 00 00 00 5A", "", "1", "serial number", [](A& a) { return a.setSerial("2A"); }},
-        {"A5 01 A3 5A", "01 02 03 04 05 06 07 08", "9", "-1",
-         [](A& a) {
-             unsigned long serial = 0;
-             return a.readSerial(serial);
-         }},
-        {"A5 05 A4 01 02 03 04 5A", "", "1", "hw version", [](A& a) { return a.setHwVersion("1.2..3.4."); }},
-        {"A5 01 A6 5A", "01 02 03 04", "5", "-1",
-         [](A& a) {
-             unsigned char v[4];
-             return a.readHwVersion(v[0], v[1], v[2], v[3]);
-         }},
-        {"A5 01 A7 5A", "07", "7", "-1", [](A& a) { return a.readModuleType(); }},
-        {"A5 01 AA 5A", "01 02", "3", "-1",
-         [](A& a) {
-             unsigned char v[2];
-             return a.readFwVersion(v[0], v[1]);
-         }},
-        {"A5 02 B7 01 5A", "", "1", "short on", [](A& a) { return a.setShort(1); }, "3 setShort(1) on amplifier '3'"},
-        {"A5 01 B8 5A", "07", "7", "-1", [](A& a) { return a.readShort(); }},
-        {"A5 05 B9 00 00 20 40 5A", "", "1", "excitation value", [](A& a) { return a.setExcitationValue(2.5f); },
-         "3 setExcitationValue(2.5) on amplifier '3'"},
-        {"A5 01 BA 5A", "00 00 20 40", "2.5", "-1", [](A& a) { return a.readExcitationValue(); }},
-        {"A5 02 BC 05 5A", "", "1", "range", [](A& a) { return a.setRange(5); }, "3 setRange(5) on amplifier '3'"},
-        {"A5 01 BD 5A", "07", "7", "-1", [](A& a) { return a.readRange(); }},
-        {"A5 02 C3 01 5A", "", "1", "coupling", [](A& a) { return a.setInputCoupling(1); },
-         "3 setInputCoupling(1) on amplifier '3'"},
-        {"A5 01 C4 5A", "07", "7", "-1", [](A& a) { return a.readInputCoupling(); }},
-        {"A5 02 C7 09 5A", "", "1", "-1", [](A& a) { return a.setAlarm(9); }},
-        {"A5 02 C8 02 5A", "", "1", "LP filter index", [](A& a) { return a.setLPFilter(2); },
-         "3 setLPFilter(2) on amplifier '3'"},
-        {"A5 02 C9 01 5A", "", "1", "input type", [](A& a) { return a.setInputType(1); },
-         "3 setInputType(1) on amplifier '3'"},
-        {"A5 01 CA 5A", "07", "7", "-1", [](A& a) { return a.readInputType(); }},
-        {"A5 01 D0 5A", "01 02 03 04 05 06 07", "0", "-1",
-         [](A& a) {
-             Bytes b(8);
-             return a.readTeds(b.data());
-         }},
-        {"A5 02 D1 01 5A", "", "0", "-1", [](A& a) { return a.resetTedsCustom(); }},
-        {"A5 04 D1 02 07 08 5A", "", "0", "-1",
-         [](A& a) {
-             const Bytes b{7, 8};
-             return a.writeTedsCustom(b.data(), 2);
-         }},
-        {"A5 03 D1 03 04 5A", "01 02 03", "0", "-1",
-         [](A& a) {
-             Bytes b(4);
-             return a.readTedsCustom(b.data(), 4);
-         }},
-        {"A5 03 D1 03 00 5A", "", "0", "-1", [](A& a) { return a.readTedsCustom(nullptr, 0); }},
-        {"A5 02 D1 04 5A", "", "0", "-1", [](A& a) { return a.finalizeTedsCustom(); }},
-        {"A5 03 E0 01 02 5A", "", "1", "-1", [](A& a) { return a.setDoLevelInvert(1, 2); }},
-        {"A5 03 EA 01 02 5A", "", "1", "-1", [](A& a) { return a.setCmrSetting(1, 2, false); }},
-        {"A5 02 EB 06 5A", "11 22", "3", "-1",
-         [](A& a) {
-             unsigned char v[2];
-             return a.getCmrSetting(6, v[0], v[1]);
-         }},
-        {"A5 03 EC 01 02 5A", "", "1", "-1", [](A& a) { return a.setCmrSetting(1, 2, true); }},
-        {"A5 01 F0 5A", "05", "5", "-1", [](A& a) { return a.getSensorStatus(); }},
-        {"A5 02 F2 00 5A", "", "1", "-1", [](A& a) { return a.setLed1Function(false); }},
-        {"A5 02 F2 01 5A", "", "1", "-1", [](A& a) { return a.setLed1Function(true); }},
-        {"A5 02 F7 03 5A", "", "1", "pattern", [](A& a) { return a.setPattern(3); }},
-        {"A5 01 F8 5A", "07", "7", "-1", [](A& a) { return a.getPattern(); }},
-    };
-    for (const auto& entry : cases) {
+    for (const Operation& entry : operations) {
         SCOPED_TRACE(entry.frame);
         LogCapture log(3);
         module.script({refused, refused, refused, withData(entry.data)});
@@ -230,6 +250,176 @@ TEST_F(AmplifierProtocol, everyOperationHasItsFrameResultAndFailure) {
         EXPECT_EQ(outcomeOf([&] { return entry.run(*amplifier); }), entry.result);
         EXPECT_EQ(module.takeRequests(), Strings{entry.frame});
     }
+}
+
+// A module whose time is the test's: each look at the clock takes 10 ms of it, and an answer comes when its time is
+// there, or never. The clock stands while an answer is under way, so that the test's own threads and the machine's load
+// are no matter.
+class TimedModule {
+public:
+    using TimePoint = A::TimePoint;
+
+    explicit TimedModule(A::TimePoint::duration answersAfter, std::string reply)
+        : delay_(answersAfter), reply_(std::move(reply)), master_(::posix_openpt(O_RDWR | O_NOCTTY)) {
+        char name[64];
+        if (::grantpt(master_) != 0 || ::unlockpt(master_) != 0 || ::ptsname_r(master_, name, sizeof name) != 0) {
+            throw std::runtime_error("no pseudo-terminal");
+        }
+        path = name;
+    }
+    ~TimedModule() { ::close(master_); }
+
+    TimePoint look() {
+        take(reply_.empty() || requests > 0 ? 0 : 5000);
+        if (!reply_.empty() && now_ >= began_ + delay_) {
+            if (!answered_) {
+                answered_ = true;
+                std::istringstream bytes(reply_);
+                for (std::string byte; bytes >> byte;) {
+                    const auto value = static_cast<unsigned char>(std::stoi(byte, nullptr, 16));
+                    EXPECT_EQ(::write(master_, &value, 1), 1);
+                }
+            }
+            return now_;
+        }
+        now_ += std::chrono::milliseconds(10);
+        return now_;
+    }
+    TimePoint::duration elapsed() const { return now_ - TimePoint{}; }
+    // Requests that came, also those that are on their way still.
+    int settle(int wanted) {
+        while (requests < wanted && take(5000)) {
+        }
+        return requests;
+    }
+
+    std::string path;
+    int requests = 0;
+
+private:
+    // Counts the frames of what arrives within so many real ms.
+    bool take(int timeoutMs) {
+        pollfd readable{master_, POLLIN, 0};
+        while (::poll(&readable, 1, timeoutMs) > 0 && (readable.revents & POLLIN) != 0) {
+            unsigned char bytes[512];
+            const ssize_t count = ::read(master_, bytes, sizeof bytes);
+            received_.insert(received_.end(), bytes, bytes + std::max<ssize_t>(count, 0));
+            while (received_.size() >= 2 && received_.size() >= received_[1] + 3u) {
+                received_.erase(received_.begin(), received_.begin() + received_[1] + 3);
+                ++requests;
+                answered_ = false;
+                began_ = now_;
+                timeoutMs = 0;
+            }
+            if (timeoutMs == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    const TimePoint::duration delay_;
+    const std::string reply_;
+    const int master_;
+    Bytes received_;
+    TimePoint now_{};
+    TimePoint began_{};
+    bool answered_ = false;
+};
+
+// At nine tenths of its own time-out a module's answer is in time, for every command; without any answer each of the
+// three attempts lasts the time-out and no longer.
+TEST_F(AmplifierProtocol, everyCommandWaitsForItsTimeAndNotForEver) {
+    std::vector<Operation> all(std::begin(operations), std::end(operations));
+    // One operation of two exchanges.
+    all.push_back({Command::ReadScale, "FA, FB", one, "1", "0", [](A& a) { return a.updateScaling(); }});
+    std::set<Command> seen{Command::ReadOffset};
+    const std::map<Command, int> longer{{Command::UpdateAmplifier, 500},
+                                        {Command::GoBootLoad, 1000},
+                                        {Command::EraseFlash, 2000},
+                                        {Command::ExitBootLoad, 7000}};
+    for (const Operation& entry : all) {
+        SCOPED_TRACE(entry.frame);
+        const bool slow = longer.contains(entry.command);
+        const bool quiet = entry.command == Command::ReadTeds || entry.command == Command::ResetTedsCustom;
+        seen.insert(entry.command);
+        const int exchanges = entry.command == Command::ReadScale ? 2 : 1;
+        const std::chrono::milliseconds timeout(exchanges * (slow ? longer.at(entry.command) : 200));
+        for (const bool silent : {false, true}) {
+            TimedModule timed(timeout * 9 / 10 / exchanges, silent ? "" : withData(entry.data));
+            auto uart = std::make_shared<A::Uart>(timed.path, B38400, 0);
+            uart->openDeviceFile();
+            uart->initialize();
+            A amplifierInTime(index, uart, mux, nullptr, [&timed] { return timed.look(); });
+            LogCapture log(4);
+            EXPECT_EQ(outcomeOf([&] { return entry.run(amplifierInTime); }), silent ? entry.failure : entry.result);
+            const int requests = silent ? 3 * exchanges : exchanges;
+            EXPECT_EQ(timed.settle(requests), requests);
+            const auto expected = silent ? 3 * timeout : timeout * 9 / 10;
+            EXPECT_GE(timed.elapsed(), expected);
+            EXPECT_LE(timed.elapsed(), expected + std::chrono::milliseconds(60));
+            EXPECT_EQ(log.lines().empty(), !silent || quiet);
+        }
+    }
+    EXPECT_EQ(seen.size(), std::size(AmplifierCommands::commandTable));
+}
+
+// What was asked for, what was acknowledged, what is in force; and what is known when something fails.
+TEST_F(AmplifierProtocol, threeRecordsOfTheSettings) {
+    const auto failureOfUpdate = [&](const Strings& replies) {
+        module.script(replies);
+        const auto failure = amplifier->applySettings();
+        return failure ? failure->failure.reason : std::string();
+    };
+    EXPECT_FALSE(amplifier->getSettingsInForce());
+    amplifier->setRange(3);
+    EXPECT_FALSE(amplifier->getSettingsInForce());
+    EXPECT_EQ(failureOfUpdate({}), "");
+    EXPECT_EQ(amplifier->getSettingsInForce()->range, 3);
+
+    amplifier->setRange(5);
+    module.script(Strings(3, refused));
+    try {
+        amplifier->setLPFilter(7);
+        FAIL() << "was refused";
+    } catch (const SettingFailure& failure) {
+        EXPECT_STREQ(failure.what(), "LP filter index");
+        EXPECT_TRUE(failure.failure.refused);
+        EXPECT_EQ(failure.failure.status, 3);
+        EXPECT_FALSE(failure.failure.mayBeDone);
+        EXPECT_EQ(failure.failure.reason, "refused with status 3");
+    }
+    EXPECT_EQ(amplifier->getUserProperties().lpFilter, 7);
+    EXPECT_EQ(amplifier->getDeviceProperties().range, 5);
+    EXPECT_EQ(amplifier->getDeviceProperties().lpFilter, 0xFF);
+    EXPECT_EQ(amplifier->getSettingsInForce()->range, 3);
+
+    // A refusal is sure of itself; silence is not, whatever is heard beside it.
+    EXPECT_EQ(failureOfUpdate(Strings(3, refused)), "refused with status 3");
+    EXPECT_EQ(amplifier->getSettingsInForce()->range, 3);
+    EXPECT_EQ(failureOfUpdate({silent, ScriptedModule::frame("09"), silent}), "refused with status 9");
+    EXPECT_FALSE(amplifier->getSettingsInForce());
+    EXPECT_EQ(failureOfUpdate({}), "");
+    EXPECT_EQ(amplifier->getSettingsInForce()->range, 5);
+    EXPECT_EQ(amplifier->getSettingsInForce()->lpFilter, 0xFF) << "was asked for only";
+    EXPECT_EQ(failureOfUpdate(Strings(3, silent)), "no answer");
+    EXPECT_FALSE(amplifier->getSettingsInForce());
+    // Scale and offset have no part in it.
+    EXPECT_EQ(failureOfUpdate({ok, ok, refused, refused, refused}), "refused with status 3");
+    EXPECT_EQ(amplifier->getSettingsInForce()->range, 5);
+    kestrixsim::instrument().inject({.kind = kestrixsim::FaultKind::MuxError, .times = 3});
+    EXPECT_EQ(failureOfUpdate({}), "bus error: Input/output error");
+
+    // Dropped: each is sent again, the identity stays.
+    amplifier->setHwVersion(1, 2, 3, 4);
+    amplifier->dropStaged();
+    module.script({});
+    EXPECT_EQ(amplifier->setRange(5), 1);
+    EXPECT_EQ(amplifier->setHwVersion(1, 2, 3, 4), 0);
+    amplifier->updateAmplifier();
+    EXPECT_TRUE(amplifier->getSettingsInForce());
+    amplifier->clearDeviceProperties();
+    EXPECT_FALSE(amplifier->getSettingsInForce());
 }
 
 TEST_F(AmplifierProtocol, replyOfAnotherLengthIsAFailureOfItsOwn) {

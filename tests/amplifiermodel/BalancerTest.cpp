@@ -51,10 +51,12 @@ protected:
     void plugIn() {
         amplifier = std::make_shared<TestAmplifier>();
         lock = ObjectPtr<TestLock>::take(new TestLock(amplifier->journal));
-        amplifier->measurements = {"Bridge"};
-        amplifier->ranges = {"900"};
-        amplifier->deviceRanges = {10.0, 1.0};
-        amplifier->excitationValue = 1.0;
+        amplifier->edit([](AmplifierSettings& settings) {
+            settings.measurements = {"Bridge"};
+            settings.ranges = {"900"};
+            settings.deviceRanges = {10.0, 1.0};
+            settings.excitationValue = 1.0;
+        });
         device = makePair(amplifier, {9.0f, 1.0f});
     }
     ~BalancerTest() override {
@@ -121,7 +123,7 @@ TEST_F(BalancerTest, PassesSwitchesAndReadings) {
         SCOPED_TRACE(row.what);
         amplifier->bridgeOffset = 0.0;
         amplifier->scales = row.live;
-        amplifier->measurements = {row.measurement};
+        amplifier->edit([&](AmplifierSettings& settings) { settings.measurements = {row.measurement}; });
         amplifier->offsetIsBridgeOffset = row.offsetIsBridgeOffset;
         amplifier->journal.take();
         auto one = balancer();
@@ -159,12 +161,18 @@ TEST_F(BalancerTest, LiveValueIsTheNewestSampleByTheAmplifiersScale) {
     amplifier->bridgeOffset = 0.25;
     EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), 11.25);
 
-    // An integer channel gives its number.
-    channel(1)->createChannelBuffer<int>();
+    // An integer channel counts in steps of its range: 65536 of them from -20 to 20.
+    amplifier->edit([](AmplifierSettings& settings) {
+        settings.minValues = {-20.0};
+        settings.maxValues = {20.0};
+    });
+    channel(1)->createChannelBuffer<short>();
+    channel(1)->resolution = 16;
     channel(1)->buffer->setCapacity(2);
-    const int raw = -123456;
+    const short raw = -16384;
     channel(1)->buffer->addSample(&raw);
-    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), -123455.75);
+    amplifier->scales = {2.0};
+    EXPECT_DOUBLE_EQ(one.getCurrentAmplChValue(amplifier), -19.75);
 
     // The amplifier's index is that of the filtered channel, which needn't be in use.
     channel(1)->active = false;
@@ -195,8 +203,10 @@ TEST_F(BalancerTest, FailuresStayInTheThread) {
          }},
         {"no acquisition is running.", [&] { device->acqRunning = false; }},
         {"its device is gone.", [&] { device.reset(); }},
-        {"the range \"ten\" is no number.", [&] { amplifier->ranges = {"ten"}; }},
-        {"the range \"\" is no number.", [&] { amplifier->rangeIndex = 5; }},
+        {"the range \"ten\" is no number.",
+         [&] { amplifier->edit([](AmplifierSettings& settings) { settings.ranges = {"ten"}; }); }},
+        {"the range \"\" is no number.",
+         [&] { amplifier->edit([](AmplifierSettings& settings) { settings.rangeIndex = 5; }); }},
         {"vector", [&] { amplifier->index = 2; }},
         {"locked for good", [&] { lock->failLock = true; }},
         {"can't unlock", [&] { lock->failUnlock = true; }},
@@ -222,6 +232,43 @@ TEST_F(BalancerTest, FailuresStayInTheThread) {
     }
     AmplifierBridgeBalancer withoutALock{AcquisitionSyncPtr()};
     EXPECT_THROW(withoutALock.getCurrentAmplChValue(amplifier), InvalidParameterException);
+}
+
+// Whatever happens to the acquisition while the samples of a new range are waited for: its samples, or none.
+TEST_F(BalancerTest, EndsWithItsAcquisition) {
+    const std::function<void()> ends[] = {
+        [&] { device->acqRunning = false; },
+        [&] { ++channel(1)->run; },  // stopped, and started anew
+        [&] { channel(1)->active = false; },
+        [&] { channel(0)->active = channel(1)->active = false; },
+    };
+    for (size_t i = 0; i < std::size(ends); ++i) {
+        SCOPED_TRACE(i);
+        plugIn();
+        amplifier->scales = {-500.0};
+        amplifier->onRange = ends[i];
+        auto one = balancer();
+        one.setChannelName("AI 2/Raw input");
+        EXPECT_EQ(one.result(), "");
+        runToItsEnd(one);
+        EXPECT_EQ(log.take(warning),
+                  Texts{"Balancing of an amplifier stopped (AI 2/Raw input): its acquisition has ended."});
+        EXPECT_EQ(one.result(), "stopped: its acquisition has ended.");
+        EXPECT_EQ(amplifier->bridgeOffset, 500.0) << "the samples of its own acquisition";
+        amplifier->onRange = {};
+        device->acqRunning = channel(1)->active = true;
+        runToItsEnd(one);
+        EXPECT_EQ(one.result(), "balanced");
+    }
+}
+
+// Another range that is asked for meanwhile is for the next balancing.
+TEST_F(BalancerTest, WorksByTheSettingsThatItBeganWith) {
+    amplifier->scales = {-500.0, 500.0};
+    amplifier->onRange = [&] { amplifier->edit([](AmplifierSettings& settings) { settings.ranges = {"99999"}; }); };
+    auto one = balancer();
+    one.startBalancing(amplifier);
+    EXPECT_EQ(amplifier->journal.take(), noticed({0, 1}));
 }
 
 TEST_F(BalancerTest, StopEndsTheWaitAndNobodyWaitsForIt) {

@@ -30,33 +30,57 @@ AcquisitionSyncPtr makeSync() {
 // Settings with a number of their own.
 struct Setting {
     const char* name;
-    std::int32_t Amplifier::*field;
+    std::int32_t AmplifierSettings::*field;
     bool comesBack = true;
-    Texts Amplifier::*list = nullptr;
+    Texts AmplifierSettings::*list = nullptr;
     Texts choices = {};
 };
 
 const Setting settings[] = {
-    {Consts::Measurement, &Amplifier::measurementIndex, false, &Amplifier::measurements, {"Voltage", "Bridge"}},
-    {Consts::LPFilter, &Amplifier::lpFilterIndex, false, &Amplifier::lpFilters, {"Off", "LP 1"}},
-    {Consts::HPFilter, &Amplifier::hpFilterIndex, true, &Amplifier::hpFilters, {"DC", "AC"}},
-    {Consts::InputType, &Amplifier::inputTypeIndex, true, &Amplifier::inputTypes, {"Single", "Differential"}},
-    {Consts::ConnectionType, &Amplifier::connectionTypeIndex, false, &Amplifier::connectionTypes, {"BNC", "DSUB"}},
-    {Consts::ExcitationType, &Amplifier::excitationTypeIndex, true, &Amplifier::excitationTypes, {"Fixed", "Pulsed"}},
-    {Consts::ExcitationUnit, &Amplifier::excitationUnitIndex, true, &Amplifier::excitationUnits, {"V", "mA"}},
-    {Consts::BridgeType, &Amplifier::bridgeTypeIndex, true, &Amplifier::bridgeTypes, {"Full", "Half"}},
-    {Consts::BridgeShunt, &Amplifier::bridgeShuntIndex, true, &Amplifier::bridgeShunts, {"59.88k", "175k"}},
-    {Consts::Range, &Amplifier::rangeIndex},
-    {Consts::ExcitationValue, &Amplifier::excitationIndex},
-    {Consts::BridgeLeg, &Amplifier::bridgeLeg},
-    {Consts::ExternalShunt, &Amplifier::externalShuntIndex},
-    {Consts::BridgeWires, &Amplifier::bridgeWires},
+    {Consts::Measurement,
+     &AmplifierSettings::measurementIndex,
+     true,
+     &AmplifierSettings::measurements,
+     {"Voltage", "Bridge"}},
+    {Consts::LPFilter, &AmplifierSettings::lpFilterIndex, true, &AmplifierSettings::lpFilters, {"Off", "LP 1"}},
+    {Consts::HPFilter, &AmplifierSettings::hpFilterIndex, true, &AmplifierSettings::hpFilters, {"DC", "AC"}},
+    {Consts::InputType,
+     &AmplifierSettings::inputTypeIndex,
+     true,
+     &AmplifierSettings::inputTypes,
+     {"Single", "Differential"}},
+    {Consts::ConnectionType,
+     &AmplifierSettings::connectionTypeIndex,
+     false,
+     &AmplifierSettings::connectionTypes,
+     {"BNC", "DSUB"}},
+    {Consts::ExcitationType,
+     &AmplifierSettings::excitationTypeIndex,
+     true,
+     &AmplifierSettings::excitationTypes,
+     {"Fixed", "Pulsed"}},
+    {Consts::ExcitationUnit,
+     &AmplifierSettings::excitationUnitIndex,
+     true,
+     &AmplifierSettings::excitationUnits,
+     {"V", "mA"}},
+    {Consts::BridgeType, &AmplifierSettings::bridgeTypeIndex, true, &AmplifierSettings::bridgeTypes, {"Full", "Half"}},
+    {Consts::BridgeShunt,
+     &AmplifierSettings::bridgeShuntIndex,
+     true,
+     &AmplifierSettings::bridgeShunts,
+     {"59.88k", "175k"}},
+    {Consts::Range, &AmplifierSettings::rangeIndex},
+    {Consts::ExcitationValue, &AmplifierSettings::excitationIndex},
+    {Consts::BridgeLeg, &AmplifierSettings::bridgeLeg},
+    {Consts::ExternalShunt, &AmplifierSettings::externalShuntIndex},
+    {Consts::BridgeWires, &AmplifierSettings::bridgeWires},
 };
 
-const std::pair<const char*, bool Amplifier::*> switches[] = {
-    {Consts::Short, &Amplifier::shortOn},
-    {Consts::Shunt, &Amplifier::shunt},
-    {Consts::AltExcPolarity, &Amplifier::altExcPolarity},
+const std::pair<const char*, bool AmplifierSettings::*> switches[] = {
+    {Consts::Short, &AmplifierSettings::shortOn},
+    {Consts::Shunt, &AmplifierSettings::shunt},
+    {Consts::AltExcPolarity, &AmplifierSettings::altExcPolarity},
 };
 
 // Everything that an amplifier can have.
@@ -137,26 +161,26 @@ TEST_F(DaqAmplifierTest, InitGivesTheChannelItsClassAndOperations) {
 
 TEST_F(DaqAmplifierTest, ListsOfChoicesComeOver) {
     make("");
-    EXPECT_EQ(amplifier->minValues, Numbers{-10.0});  // nothing there, nothing changed
-    EXPECT_FALSE(amplifier->shortPresent);
+    EXPECT_EQ(amplifier->settings()->minValues, Numbers{-10.0});  // nothing there, nothing changed
+    EXPECT_FALSE(amplifier->settings()->shortPresent);
     make(everything);
     for (const Setting& setting : settings) {
         if (setting.list != nullptr) {
-            EXPECT_EQ((*amplifier).*setting.list, setting.choices) << setting.name;
+            EXPECT_EQ((*amplifier->settings()).*setting.list, setting.choices) << setting.name;
         }
     }
-    EXPECT_EQ(amplifier->ranges, (Texts{"20", "2"}));
-    EXPECT_EQ(amplifier->minValues, (Numbers{-20.0, -2.0}));
-    EXPECT_EQ(amplifier->maxValues, (Numbers{20.0, 3.0}));
-    EXPECT_EQ(amplifier->rangeUnit, "mV/V");
-    EXPECT_EQ(amplifier->excitations, (Numbers{2.5, 5.0}));
-    EXPECT_EQ(amplifier->bridgeResistances, (Numbers{120.0, 350.0}));
-    EXPECT_EQ(amplifier->deviceRanges, (Numbers{0.1, 0.01}));
-    EXPECT_TRUE(amplifier->shortPresent);
+    EXPECT_EQ(amplifier->settings()->ranges, (Texts{"20", "2"}));
+    EXPECT_EQ(amplifier->settings()->minValues, (Numbers{-20.0, -2.0}));
+    EXPECT_EQ(amplifier->settings()->maxValues, (Numbers{20.0, 3.0}));
+    EXPECT_EQ(amplifier->settings()->rangeUnit, "mV/V");
+    EXPECT_EQ(amplifier->settings()->excitations, (Numbers{2.5, 5.0}));
+    EXPECT_EQ(amplifier->settings()->bridgeResistances, (Numbers{120.0, 350.0}));
+    EXPECT_EQ(amplifier->settings()->deviceRanges, (Numbers{0.1, 0.01}));
+    EXPECT_TRUE(amplifier->settings()->shortPresent);
     // Again: exchanged, not appended.
     daqAmplifier->updateCapabilities(false);
-    EXPECT_EQ(amplifier->ranges.size(), 2u);
-    EXPECT_EQ(amplifier->excitations.size(), 2u);
+    EXPECT_EQ(amplifier->settings()->ranges.size(), 2u);
+    EXPECT_EQ(amplifier->settings()->excitations.size(), 2u);
 }
 
 TEST_F(DaqAmplifierTest, ValuesGoToTheAmplifier) {
@@ -172,12 +196,12 @@ TEST_F(DaqAmplifierTest, ValuesGoToTheAmplifier) {
     daqAmplifier->writeToDevice();
     number = 0;
     for (const Setting& setting : settings) {
-        EXPECT_EQ((*amplifier).*setting.field, ++number) << setting.name;
+        EXPECT_EQ((*amplifier->settings()).*setting.field, ++number) << setting.name;
     }
-    EXPECT_EQ(amplifier->excitationValue, 5.0);
-    EXPECT_EQ(amplifier->bridgeResistance, 120.0);
-    EXPECT_EQ(amplifier->externalShuntResistance, 50.5);
-    EXPECT_EQ(amplifier->externalShuntPower, 0.25);
+    EXPECT_EQ(amplifier->settings()->excitationValue, 5.0);
+    EXPECT_EQ(amplifier->settings()->bridgeResistance, 120.0);
+    EXPECT_EQ(amplifier->settings()->externalShuntResistance, 50.5);
+    EXPECT_EQ(amplifier->settings()->externalShuntPower, 0.25);
     EXPECT_TRUE(amplifier->journal.take().empty());
 }
 
@@ -190,20 +214,27 @@ TEST_F(DaqAmplifierTest, ValuesOfTheHardwareComeBack) {
             amplifier->journal.add("write " + args.getPropertyName().toStdString());
         }).get()));
     amplifier->onUpdate = [](TestAmplifier& one) {
-        int number = 0;
-        for (const Setting& setting : settings) {
-            one.*setting.field = ++number;
-        }
-        one.bridgeShuntValue = 59880.0;
+        one.edit([](AmplifierSettings& now) {
+            int number = 0;
+            for (const Setting& setting : settings) {
+                now.*setting.field = ++number;
+            }
+            now.excitationValue = 5.0;  // as its place says
+            now.bridgeShuntValue = 59880.0;
+            now.deviceRangeIndex = 1;
+        });
         one.bridgeOffset = -0.75;
-        one.deviceRangeIndex = 1;
     };
     EXPECT_TRUE(daqAmplifier->update(false));
-    EXPECT_EQ(amplifier->journal.take(),
-              (Texts{"update", "write Range", "write DeviceRanges", "write HPFilter", "write InputType",
-                     "write Excitation", "write ExcitationType", "write ExcitationUnit", "write Short", "write Shunt",
-                     "write BridgeType", "write BridgeShunt", "write BridgeLeg", "write ExternalShunt",
-                     "write BridgeShuntValue", "write BridgeOffset", "write AltExcPolarity", "write BridgeWires"}));
+    EXPECT_EQ(
+        amplifier->journal.take(),
+        (Texts{"update", "write Measurement", "write Range", "write DeviceRanges", "write LPFilter", "write HPFilter",
+               "write InputType", "write Excitation", "write ExcitationType", "write ExcitationUnit",
+               "write BridgeType", "write BridgeShunt", "write BridgeLeg", "write ExternalShunt",
+               "write BridgeShuntValue", "write BridgeOffset", "write BridgeWires", "write SettingsInForce"}));
+    // What a property has already isn't written again.
+    EXPECT_TRUE(daqAmplifier->update(false));
+    EXPECT_EQ(amplifier->journal.take(), Texts{"update"});
     int number = 0;
     for (const Setting& setting : settings) {
         ++number;
@@ -215,7 +246,7 @@ TEST_F(DaqAmplifierTest, ValuesOfTheHardwareComeBack) {
 
     // The result of the hardware isn't looked at: what it refused shows in the values.
     amplifier->updateResult = false;
-    amplifier->onUpdate = [](TestAmplifier& one) { one.rangeIndex = 0; };
+    amplifier->onUpdate = [](TestAmplifier& one) { one.edit([](AmplifierSettings& now) { now.rangeIndex = 0; }); };
     EXPECT_TRUE(daqAmplifier->update(false));
     EXPECT_EQ(read<int>(Consts::Range), 0);
 }
@@ -227,10 +258,12 @@ TEST_F(DaqAmplifierTest, SwitchesGoOverAndComeBack) {
             channel.setPropertyValue(name, name == turned.first);
         }
         amplifier->onUpdate = [&](TestAmplifier& one) {
-            for (const auto& [name, field] : switches) {
-                EXPECT_EQ(one.*field, name == turned.first) << name << " with " << turned.first;
-                one.*field = !(one.*field);
-            }
+            one.edit([&](AmplifierSettings& now) {
+                for (const auto& [name, field] : switches) {
+                    EXPECT_EQ(now.*field, name == turned.first) << name << " with " << turned.first;
+                    now.*field = !(now.*field);
+                }
+            });
         };
         daqAmplifier->update(false);
         for (const auto& [name, field] : switches) {
@@ -241,13 +274,15 @@ TEST_F(DaqAmplifierTest, SwitchesGoOverAndComeBack) {
 
 TEST_F(DaqAmplifierTest, ExcitationAsANumber) {
     make(plain(Consts::ExcitationValue, "float", "2.5"));
-    EXPECT_TRUE(amplifier->excitations.empty());
-    EXPECT_EQ(amplifier->excitationValue, 2.5);
+    EXPECT_TRUE(amplifier->settings()->excitations.empty());
+    EXPECT_EQ(amplifier->settings()->excitationValue, 2.5);
     channel.setPropertyValue(Consts::ExcitationValue, 7.25);
     amplifier->onUpdate = [](TestAmplifier& one) {
-        EXPECT_EQ(one.excitationValue, 7.25);
-        one.excitationValue = 7.0;
-        one.excitationIndex = 3;
+        EXPECT_EQ(one.settings()->excitationValue, 7.25);
+        one.edit([](AmplifierSettings& now) {
+            now.excitationValue = 7.0;
+            now.excitationIndex = 3;
+        });
     };
     daqAmplifier->update(false);
     EXPECT_EQ(read<double>(Consts::ExcitationValue), 7.0);
@@ -262,7 +297,7 @@ TEST_F(DaqAmplifierTest, IndicesBeyondTheLists) {
         channel.setPropertyValue(Consts::Range, index);
         channel.setPropertyValue(Consts::ExcitationValue, index);
         EXPECT_TRUE(daqAmplifier->update(false)) << index;
-        EXPECT_EQ(amplifier->excitationValue, index < 0 ? 2.5 : 5.0);
+        EXPECT_EQ(amplifier->settings()->excitationValue, index < 0 ? 2.5 : 5.0);
         EXPECT_EQ(amplifier->getMaxValue(), index < 0 ? 20.0 : 3.0);
         EXPECT_EQ(amplifier->getMeasureType(), "");
         EXPECT_EQ(read<int>(Consts::Range), index);
@@ -301,8 +336,8 @@ TEST_F(DaqAmplifierTest, HighPassFiltersThatChange) {
         channel.setPropertyValue(Consts::Measurement, row.to);
         ASSERT_EQ(runProcedure(channel, "UpdateAmplifier", toValue(row.adjust)), Errors::Success);
         EXPECT_EQ(read<int>(Consts::HPFilter), row.filter);
-        EXPECT_EQ(amplifier->hpFilterIndex, row.filter);
-        EXPECT_EQ(amplifier->hpFilters.size(), row.to == 2 ? 4u : 3u);
+        EXPECT_EQ(amplifier->settings()->hpFilterIndex, row.filter);
+        EXPECT_EQ(amplifier->settings()->hpFilters.size(), row.to == 2 ? 4u : 3u);
     }
 }
 
@@ -320,15 +355,15 @@ TEST_F(DaqAmplifierTest, RangesOfAMeasurement) {
     make(rangesByMeasurement);
     channel.setPropertyValue(Consts::Range, 1);
     daqAmplifier->update(false);
-    EXPECT_EQ(amplifier->ranges, (Texts{"10", "1"}));
-    EXPECT_EQ(amplifier->rangeUnit, "V");
+    EXPECT_EQ(amplifier->settings()->ranges, (Texts{"10", "1"}));
+    EXPECT_EQ(amplifier->settings()->rangeUnit, "V");
     EXPECT_EQ(amplifier->getMinValue(), -1.0);
 
     channel.setPropertyValue(Consts::Measurement, 1);
     daqAmplifier->update(false);
-    EXPECT_EQ(amplifier->ranges, Texts{"2"});
-    EXPECT_EQ(amplifier->rangeUnit, "");  // has none
-    EXPECT_EQ(amplifier->rangeIndex, 0);
+    EXPECT_EQ(amplifier->settings()->ranges, Texts{"2"});
+    EXPECT_EQ(amplifier->settings()->rangeUnit, "");  // has none
+    EXPECT_EQ(amplifier->settings()->rangeIndex, 0);
     EXPECT_EQ(read<int>("VoltageRange"), 1);  // each measurement keeps its choice
 
     // Without a list for the measurement the road ends with an error, and is open again afterwards.
@@ -340,7 +375,7 @@ TEST_F(DaqAmplifierTest, RangesOfAMeasurement) {
     EXPECT_TRUE(amplifier->journal.take().empty());
     channel.setPropertyValue(Consts::Measurement, 0);
     EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
-    EXPECT_EQ(amplifier->rangeIndex, 1);
+    EXPECT_EQ(amplifier->settings()->rangeIndex, 1);
 }
 
 TEST_F(DaqAmplifierTest, UpdateAmplifierAnswers) {
@@ -364,6 +399,85 @@ TEST_F(DaqAmplifierTest, UpdateAmplifierAnswers) {
         amplifier->onUpdate = fail;
         EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), expected.first);
         EXPECT_EQ(takeErrorMessage(), expected.second);
+    }
+}
+
+// A listener that asks for an update from within one is told off; the road is open again behind it, also behind one
+// that failed.
+TEST_F(DaqAmplifierTest, AnUpdateFromWithinAnUpdateIsRefused) {
+    make(everything);
+    int calls = 0;
+    checkErrorInfo(channel.getOnPropertyValueChanged()->addHandler(
+        makeHandler([&](const BasePtr&, const ObjectPtr<IEventArgs>&) {
+            ASSERT_LT(++calls, 50) << "without end";
+            EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::InvalidOperation);
+            EXPECT_FALSE(daqAmplifier->update(false));
+        }).get()));
+    amplifier->onUpdate = [&](TestAmplifier& one) {
+        one.edit([](AmplifierSettings& now) { now.rangeIndex = 1 - now.rangeIndex; });
+        one.setFailure(AmplifierFailure{"Range", "no answer", {}});
+    };
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
+    EXPECT_EQ(calls, 3);  // the range, and how the amplifier stands
+    amplifier->onUpdate = [](TestAmplifier&) { throw InvalidStateException("gone"); };
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::InvalidState);
+    amplifier->onUpdate = {};
+    EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
+    EXPECT_EQ(amplifier->journal.take(), (Texts{"update", "update", "update"}));
+    takeErrorMessage();
+}
+
+TEST_F(DaqAmplifierTest, EachChannelShowsHowTheAmplifierStands) {
+    make(everything);
+    const auto sharer = makeHostChannel();
+    daqAmplifier->addSharer(sharer);
+    const auto expectShown = [&](const std::string& failure, const std::string& inForce) {
+        for (const auto& one : {channel, sharer}) {
+            EXPECT_EQ(one.getPropertyValue<std::string>("AmplifierFailure"), failure);
+            EXPECT_EQ(one.getPropertyValue<std::string>("SettingsInForce"), inForce);
+            EXPECT_TRUE(one.getPropertyInfo("AmplifierFailure").isHidden());
+            EXPECT_TRUE(one.getPropertyInfo("SettingsInForce").isHidden());
+        }
+    };
+    const auto inForce = [](const std::string& range) {
+        return "Measurement: Voltage; Range: " + range +
+               "; LPFilter: Off; HPFilter: DC; InputType: Single; Excitation: 2.5; ExcitationType: Fixed; Short: off";
+    };
+    expectShown("", inForce("20 mV/V"));
+    channel.setPropertyValue(Consts::Range, 1);
+    amplifier->onUpdate = [](TestAmplifier& one) {
+        one.setFailure(AmplifierFailure{"Range", "refused with status 3", {}});
+    };
+    daqAmplifier->update(false);
+    expectShown("Range: refused with status 3", inForce("2 mV/V"));
+    // Nobody else can write it.
+    for (const auto& one : {channel, sharer}) {
+        one.setPropertyValue("AmplifierFailure", "");
+        one.setPropertyValue("SettingsInForce", "all well");
+    }
+    expectShown("Range: refused with status 3", inForce("2 mV/V"));
+    // A place that no list has.
+    channel.setPropertyValue(Consts::Range, 2);
+    channel.setPropertyValue(Consts::Short, true);
+    amplifier->onUpdate = [](TestAmplifier& one) {
+        one.setFailure(std::nullopt);
+        throw std::logic_error("stuck");
+    };
+    EXPECT_THROW(daqAmplifier->update(false), std::logic_error);
+    expectShown("",
+                "Measurement: Voltage; Range: #2 mV/V; LPFilter: Off; HPFilter: DC; InputType: Single; Excitation: "
+                "2.5; ExcitationType: Fixed; Short: on");
+    // Without the module they are properties like others.
+    daqAmplifier.reset();
+    sharer.setPropertyValue("AmplifierFailure", "old");
+    EXPECT_EQ(sharer.getPropertyValue<std::string>("AmplifierFailure"), "old");
+}
+
+TEST_F(DaqAmplifierTest, OnlyALampThatIsThereIsControlled) {
+    for (const char* has : {"false", "true"}) {
+        amplifier = std::make_shared<TestAmplifier>();
+        make(plain(Consts::SupportsLed1Control, "bool", has));
+        EXPECT_EQ(amplifier->ledControl, std::string(has) == "true");
     }
 }
 
@@ -489,26 +603,30 @@ TEST_F(HostBalanceTest, StartStatusReset) {
     const auto device = makePair(amplifier, {4.0f});
     std::atomic<bool> open{false};
     amplifier->onScale = [&] { EXPECT_TRUE(eventually([&] { return open.load(); })); };
+    const auto result = [this] { return fromValue<std::string>(call("GetSensorBalanceResult")); };
     EXPECT_FALSE(running());
+    EXPECT_EQ(result(), "");
     ASSERT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::Success);
     EXPECT_TRUE(running());
+    EXPECT_TRUE(eventually([&] { return result() == "running"; }));
     EXPECT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::InvalidOperation);
     EXPECT_FALSE(takeErrorMessage().empty());
     channel.setPropertyValue(Consts::Range, 1);
     EXPECT_EQ(runProcedure(channel, "UpdateAmplifier", toValue(true)), Errors::InvalidOperation);
     EXPECT_FALSE(takeErrorMessage().empty());
-    EXPECT_EQ(amplifier->rangeIndex, 0);
+    EXPECT_EQ(amplifier->settings()->rangeIndex, 0);
     open = true;
     ASSERT_TRUE(eventually([&] { return !running(); }));
+    EXPECT_EQ(result(), "balanced");
 
     // The offset is shown after the next update.
     EXPECT_EQ(read<double>(Consts::BridgeOffset), 0.0);
     EXPECT_EQ(runProcedure(channel, "UpdateAmplifier"), Errors::Success);
     EXPECT_EQ(read<double>(Consts::BridgeOffset), -4.0);
-    EXPECT_EQ(amplifier->rangeIndex, 1);
+    EXPECT_EQ(amplifier->settings()->rangeIndex, 1);
     EXPECT_EQ(runProcedure(channel, "ResetSensorBalance"), Errors::Success);
     EXPECT_EQ(amplifier->bridgeOffset, 0.0);
-    EXPECT_EQ(amplifier->rangeIndex, 1);
+    EXPECT_EQ(amplifier->settings()->rangeIndex, 1);
 }
 
 // As at a start of the acquisition, which doesn't ask whether a balancing runs.
@@ -536,11 +654,10 @@ TEST_F(HostBalanceTest, WhatIsLeftAnswersThatTheModuleIsGone) {
         inside = true;
         EXPECT_TRUE(eventually([&] { return open.load(); }));
     };
-    const uint64_t idle = zornSharedLibObjectCount.load();
     ASSERT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::Success);
     ASSERT_TRUE(eventually([&] { return inside.load(); }));
     daqAmplifier.reset();  // returns although the thread is in the middle of a reading
-    EXPECT_EQ(zornSharedLibObjectCount.load(), idle + 1);
+    const uint64_t withThread = zornSharedLibObjectCount.load();
     amplifier->journal.take();
     for (const char* name :
          {"UpdateAmplifier", "NotifyEnterChSetup", "NotifyLeaveChSetup", "StartSensorBalance", "ResetSensorBalance"}) {
@@ -553,7 +670,7 @@ TEST_F(HostBalanceTest, WhatIsLeftAnswersThatTheModuleIsGone) {
     }
     EXPECT_TRUE(amplifier->journal.take().empty());
     open = true;
-    EXPECT_TRUE(eventually([&] { return zornSharedLibObjectCount.load() == idle; }));
+    EXPECT_TRUE(eventually([&] { return zornSharedLibObjectCount.load() == withThread - 1; }));
     channel.release();
     EXPECT_TRUE(eventually([&] { return zornSharedLibObjectCount.load() == before; }));
 }

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <zorn/objects/property_object.h>
@@ -105,6 +106,19 @@ TEST_F(FactoryTest, FilesOfAFolder) {
         EXPECT_EQ(factory.getAmplifierClassName(row.id), row.className == nullptr ? "ampl_unknown" : row.className)
             << row.file;
     }
+    // What is of no use says why, and what was not read isn't there.
+    size_t read = 0;
+    for (const auto& file : factory.files()) {
+        const std::string name = std::filesystem::path(file.path).filename();
+        const auto row = std::find_if(std::begin(rows), std::end(rows),
+                                      [&](const Row& candidate) { return name == candidate.file; });
+        if (row != std::end(rows)) {
+            ++read;
+            EXPECT_EQ(file.registered, row->className != nullptr) << name;
+            EXPECT_EQ(file.definition.reason.empty(), file.registered) << name;
+        }
+    }
+    EXPECT_EQ(read, 11u);
     // Whatever a file says of its parent, it is a channel.
     ASSERT_TRUE(hostClass("ampl_good"));
     EXPECT_EQ(hostClass("ampl_good").getParent(), "Channel");
@@ -112,6 +126,7 @@ TEST_F(FactoryTest, FilesOfAFolder) {
     EXPECT_EQ(hostClass("Channel").getParent(), "ChannelNode");
 
     factory.unregisterAmplifiers();
+    EXPECT_TRUE(factory.files().empty());
     EXPECT_EQ(factory.getAmplifierClassName("1.1.1.1"), "ampl_unknown");
     for (const char* name : {"ampl_good", "ampl_dots", "ampl_number", "ampl_novalue", "ampl_unknown"}) {
         EXPECT_FALSE(hostClass(name)) << name;
@@ -162,6 +177,16 @@ TEST_F(FactoryTest, FactoriesOfAProcessShareTheirClasses) {
     factory.unregisterAmplifiers();
     EXPECT_TRUE(hostClass("ampl_shared"));
     manager.removeClass("ampl_shared");
+}
+
+TEST(DefinitionReaderTest, IdentifiersThatAnAmplifierCanHave) {
+    for (const char* text : {"0.0.0.0", "0.255.255.255", "2.1.3.2", "10.20.30.40"}) {
+        EXPECT_TRUE(isAmplifierIdentifier(text)) << text;
+    }
+    for (const char* text : {"", "1", "1.2.3", "1.2.3.", "1.2.3.4.", "1.2.3.4.5", "01.0.1.1", "1.0.1.01", "1.0.1.00",
+                             "1.0.1.256", "1.0.1.-1", "+1.0.1.1", " 1.0.1.1", "1.0.1.1 ", "1..1.1", "a.b.c.d"}) {
+        EXPECT_FALSE(isAmplifierIdentifier(text)) << text;
+    }
 }
 
 TEST_F(FactoryTest, EntryPoints) {

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "modules/daq/amplifier/DefinitionTrial.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -99,13 +101,13 @@ TEST_F(AmplifierTreeTest, BalancingWithoutAnAcquisitionNamesTheChannel) {
 
 TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     channel("AI 1").setPropertyValue("Range", 1);
-    EXPECT_EQ(amplifier().rangeIndex, 0);
+    EXPECT_EQ(amplifier().settings()->rangeIndex, 0);
     amplifier().offsetIsBridgeOffset = true;
     amplifier().bridgeOffset = 0.5;
     prepareStart();
     // Before the acquisition, by each of its two channels, and for the host's scales.
     EXPECT_EQ(amplifier().journal.take(), (Texts{"update", "update", "update", "update"}));
-    EXPECT_EQ(amplifier().rangeIndex, 1);
+    EXPECT_EQ(amplifier().settings()->rangeIndex, 1);
     for (const char* name : {"AI 1", "AI 2"}) {
         const auto hostChannel = channel(name);
         EXPECT_DOUBLE_EQ(hostChannel.getScale(), 5.0 / 4294967296.0) << name;
@@ -125,12 +127,79 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     EXPECT_FALSE(controller->acqInitialized());
 }
 
+// An amplifier that takes its settings in the last round of a start only: the channels are scaled by them all the same.
+TEST_F(AmplifierTreeTest, ScalesAreThoseOfTheLastRound) {
+    int rounds = 0;
+    amplifier().onUpdate = [&](TestAmplifier& one) {
+        one.edit([&](AmplifierSettings& now) { now.rangeIndex = ++rounds < 4 ? 0 : 1; });
+        one.setFailure(rounds < 4 ? std::optional(AmplifierFailure{"Range", "no answer", {}}) : std::nullopt);
+    };
+    prepareStart();
+    EXPECT_EQ(rounds, 4);
+    for (const char* name : {"AI 1", "AI 2"}) {
+        EXPECT_EQ(channel(name).getMaxValue(), 3.0) << name;
+        EXPECT_DOUBLE_EQ(channel(name).getScale(), 5.0 / 4294967296.0) << name;
+        EXPECT_EQ(channel(name).getPropertyValue<std::string>("AmplifierFailure"), "") << name;
+        EXPECT_EQ(channel(name).getPropertyValue<std::string>("SettingsInForce"), "Measurement: Bridge; Range: 2 mV/V");
+    }
+}
+
 TEST_F(AmplifierTreeTest, ClassesGoWithTheBridge) {
     EXPECT_EQ(channel("AI 1").getPropertyValue<int>("Measurement"), 0);
     structure.reset();
     EXPECT_FALSE(PropertyObjectManagerPtr::create().findClass("ampl_bench"));
     EXPECT_FALSE(channel("AI 1").hasProperty("Measurement"));
     EXPECT_TRUE(channel("AI 1").hasProperty("SerialNumber"));
+}
+
+std::set<std::string> namesOf(const ChannelPtr<>& channel) {
+    std::set<std::string> names;
+    for (const auto& info : channel.enumProperties()) {
+        names.insert(info.getName().toStdString());
+    }
+    return names;
+}
+
+// Whoever tries a definition without an instrument has what expressions may name.
+TEST_F(AmplifierTreeTest, ATrialsChannelHasTheProperties) {
+    // How the amplifier stands is shown once it is there.
+    auto names = namesOf(DefinitionTrial::plainChannel());
+    names.insert({"AmplifierFailure", "SettingsInForce"});
+    EXPECT_EQ(namesOf(channel("AI 2")), names);
+}
+
+// It costs nothing until it is chosen, so it is told when it is found.
+TEST(LaterMeasurementTest, WhatItWouldFailOnIsLogged) {
+    AmplifierBench bench(choice("Measurement", R"("Bridge", "Gone", "Words")") + balanceSlots +
+                         R"json(, {"name": "Range", "type": "reference",
+            "reference": {"__type": "Eval", "expr": "switch($Measurement, 0, %First, 2, %First)"}},
+          {"name": "First", "type": "int", "selection": true, "default": 0, "unit": "V", "values": [
+            {"className": "RangeItem", "propValues": {"DisplayName": "ten", "Min": -10.0, "Max": 10.0}}]},
+          {"name": "InputType", "type": "int", "selection": true, "default": 0,
+            "values": {"__type": "Eval", "expr": "if($Measurement == 2, $First, $Nothing)"}},
+          {"name": "Nothing", "type": "list", "default": []})json");
+    EXPECT_EQ(bench.channel("AI 1").getClassName(), "ampl_bench");
+    EXPECT_TRUE(bench.buildErrors.empty());
+    const auto another = std::make_shared<AIChannel>(9);
+    another->name = "AI 9";
+    another->amplifier = std::make_shared<TestAmplifier>();
+    another->createChannelBuffer<float>();
+    const auto folder = ChannelFolderPtr::create("Other");
+    folder.setName("Analog inputs");
+    const auto hostChannel = makeHostChannel();
+    folder.addChild(hostChannel);
+    bench.log.take();
+    bench.structure->tree().buildAIChannel(another, hostChannel, bench.sync);
+    EXPECT_EQ(hostChannel.getClassName(), "ampl_bench");
+    const Texts warnings = bench.log.take(warning);
+    const char* const expected[] = {"measurement 0 (Bridge). property \"Range\": the range \"ten\" is no number.",
+                                    "measurement 1 (Gone). Channel \"Analog inputs/AI 9\", property \"Range\": ",
+                                    "measurement 2 (Words). Channel \"Analog inputs/AI 9\", property \"InputType\": "};
+    ASSERT_EQ(warnings.size(), std::size(expected));
+    for (size_t i = 0; i < warnings.size(); ++i) {
+        EXPECT_NE(warnings[i].find("/amplifiers/bench.json\" fails in "), std::string::npos) << warnings[i];
+        EXPECT_NE(warnings[i].find(expected[i]), std::string::npos) << warnings[i];
+    }
 }
 
 // A definition that can be read but not evaluated must not keep the whole instrument from being added.
@@ -151,7 +220,8 @@ TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
         {R"json(, {"name": "BridgeOffset", "type": "list", "default": []})json", "property \"BridgeOffset\": "},
         // What every channel has may stand in an expression.
         {R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true,
-               "readOnlyValue": {"__type": "Eval", "expr": "if($Used, $PhaseDelay, $BufferSizeIsMultipleOf)"}})json",
+               "readOnlyValue": {"__type": "Eval",
+                                 "expr": "if($Used && $ExactSampleRate > 0, $PhaseDelay, $BufferSizeIsMultipleOf)"}})json",
          nullptr},
     };
     for (const Row& row : rows) {

@@ -50,6 +50,13 @@ double TestAmplifier::getScale() {
     return scale;
 }
 
+void TestAmplifier::updateDeviceRangeDuringAcquisition(int index) {
+    journal.add("range " + std::to_string(index));
+    if (onRange) {
+        onRange();
+    }
+}
+
 int TestAmplifier::answered(const std::string& question) {
     journal.add(question);
     return answer;

@@ -58,12 +58,14 @@ public:
     int finalizeTedsCustom() override { return answered("finalizeTedsCustom"); }
     void notifyEnterChSetup() override { journal.add("notifyEnterChSetup"); }
     void notifyLeaveChSetup() override { journal.add("notifyLeaveChSetup"); }
-    void updateDeviceRangeDuringAcquisition(int index) override { journal.add("range " + std::to_string(index)); }
+    void updateDeviceRangeDuringAcquisition(int index) override;
+    using Amplifier::setFailure;
     void updateCalibrationFactorsDuringAcquisition() override { journal.add("calibration"); }
 
     Journal journal;
     std::function<void(TestAmplifier&)> onUpdate;  // the hardware changes settings
     std::function<void()> onScale;
+    std::function<void()> onRange;
     bool updateResult = true;
     int answer = 0;
     std::deque<double> scales;  // one for each question, then 1.0

@@ -274,14 +274,14 @@ TEST_F(AcquisitionTest, RunThatWasNotStoppedLeavesNothingOn) {
     ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
     controller->systemDevice->prepareAcquisition(true);
     EXPECT_EQ(whatIsOn(), "");
-    setUp();
+    setUpRun();
     expectSilence();
     controller->systemDevice->startAcquisition(true);
     ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
     // Without a preparation, and set up twice.
-    setUp();
+    setUpRun();
     expectSilence();
-    setUp();
+    setUpRun();
     expectSilence();
     controller->systemDevice->startAcquisition(true);
     ASSERT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
@@ -293,7 +293,7 @@ TEST_F(AcquisitionTest, RunThatWasNotStoppedLeavesNothingOn) {
     }
     // A host that unloads without having stopped, and a program that was killed.
     start();
-    tearDown();
+    takeDown();
     EXPECT_EQ(whatIsOn(), "");
     DspControl chain(std::make_shared<Harvane::ZornLib::Devices::Embedded::MmapRegisterAccess>("/dev/mem"), 0);
     chain.configureDspLogic(15000000, 1000, 0);
@@ -314,7 +314,7 @@ TEST_F(AcquisitionTest, FailedSetUpReadsIntoNoBuffer) {
     letStreamsRun(100);
     EXPECT_THROW(controller->acquireData(), DataLostException);
     inject({.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C08});
-    EXPECT_EQ(failureOf([&] { setUp(); }), "START_TRANSFER ioctl error");
+    EXPECT_EQ(failureOf([&] { setUpRun(); }), "START_TRANSFER ioctl error");
     EXPECT_EQ(whatIsOn(), "");
     EXPECT_EQ(failureOf([&] { controller->systemDevice->startAcquisition(true); }),
               "The analog inputs have not been set up for a start.");
@@ -411,7 +411,7 @@ TEST_F(AcquisitionTest, DriverOrChainThatRefusesEndsInOrderAndCanBeTriedAgain) {
             // What still streams refuses the next start in words.
             inject(driver(-1, stopRequest, -1));
             EXPECT_EQ(failureOf([&] { start(); }), "STOP_TRANSFER ioctl error");
-            EXPECT_EQ(failureOf([&] { setUp(); }), "STOP_TRANSFER ioctl error");
+            EXPECT_EQ(failureOf([&] { setUpRun(); }), "STOP_TRANSFER ioctl error");
             EXPECT_EQ(whatIsOn(), left);
         }
         // A cycle that comes all the same has nowhere to read into.

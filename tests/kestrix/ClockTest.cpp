@@ -53,7 +53,7 @@ protected:
     // Neither step of a start touches anything.
     void expectRefusedStart(const std::string& text) {
         EXPECT_EQ(failureOf([&] { controller->systemDevice->prepareAcquisition(true); }), text);
-        EXPECT_EQ(failureOf([&] { setUp(); }), text);
+        EXPECT_EQ(failureOf([&] { setUpRun(); }), text);
         EXPECT_EQ(whatIsOn(), "");
     }
 

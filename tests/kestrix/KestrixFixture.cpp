@@ -43,7 +43,7 @@ KestrixFixture::KestrixFixture() {
 }
 
 KestrixFixture::~KestrixFixture() {
-    tearDown();
+    takeDown();
 }
 
 kestrixsim::Scenario KestrixFixture::warmScenario(int modules) {
@@ -54,7 +54,7 @@ kestrixsim::Scenario KestrixFixture::warmScenario(int modules) {
 }
 
 void KestrixFixture::bringUp(const kestrixsim::Scenario& scenario) {
-    tearDown();
+    takeDown();
     kestrixsim::reset(scenario);
     journalTaken_ = 0;
     controller = std::make_unique<DaqController>();
@@ -69,10 +69,10 @@ void KestrixFixture::prepare() {
     tree.applySynchronization();
     tree.setOperationMode(controller->operationMode);
     tree.prepareAcquisition(true);
-    setUp();
+    setUpRun();
 }
 
-void KestrixFixture::setUp() {
+void KestrixFixture::setUpRun() {
     controller->systemDevice->initializeAcquisition(true);
     controller->acquisitionChannels = controller->allChannels.getActiveChannels();
 }
@@ -87,7 +87,7 @@ void KestrixFixture::stop() {
     controller->systemDevice->finalizeAcquisition(true);
 }
 
-void KestrixFixture::tearDown() {
+void KestrixFixture::takeDown() {
     controller.reset();
 }
 

@@ -27,11 +27,11 @@ protected:
     // Discovery up to the channels, as the module does it.
     void bringUp(const kestrixsim::Scenario& scenario);
     // The walks of a run, step by step and in any order: the controller's phases have no say here.
-    void setUp();
+    void setUpRun();
     void prepare();  // up to the start of the acquisition
     void start();    // prepare and start
     void stop();
-    void tearDown();  // the tree goes, the instrument stays
+    void takeDown();  // the tree goes, the instrument stays
 
     KestrixDevice& device() const;
     KestrixAI& ai() const;

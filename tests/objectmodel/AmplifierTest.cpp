@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "modules/daq/objectmodel/Amplifier.h"
+#include "modules/daq/objectmodel/RangeText.h"
 
 using namespace Harvane::RT::Modules::Daq;
 
@@ -30,8 +31,10 @@ TEST(Amplifier, WithoutSettingsItLeavesValuesAlone) {
     EXPECT_TRUE(amplifier.update());
     EXPECT_FALSE(amplifier.getAIChannel());
     amplifier.addMeasurementValue("Bridge");
-    amplifier.excitationValue = 5.0;
+    amplifier.edit([](AmplifierSettings& settings) { settings.excitationValue = 5.0; });
     EXPECT_EQ(amplifier.getScale(), 1.0);
+    EXPECT_EQ(amplifier.settingsInForce(), amplifier.settings());
+    EXPECT_FALSE(amplifier.lastFailure());
 }
 
 TEST(Amplifier, ScaleAndOffsetByMeasurement) {
@@ -51,8 +54,10 @@ TEST(Amplifier, ScaleAndOffsetByMeasurement) {
           {"Voltage", 5.0, 50.0, true, 1.0, 0.0},
           {"bridge", 5.0, 50.0, true, 1.0, 0.0}}) {
         ScalingAmplifier amplifier(measurement);
-        amplifier.excitationValue = excitation;
-        amplifier.externalShuntResistance = shunt;
+        amplifier.edit([&](AmplifierSettings& settings) {
+            settings.excitationValue = excitation;
+            settings.externalShuntResistance = shunt;
+        });
         amplifier.milliampere = milliampere;
         amplifier.bridgeOffset = 3.5;
         EXPECT_DOUBLE_EQ(amplifier.getScale(), scale) << measurement << " " << excitation << " " << shunt;
@@ -69,14 +74,16 @@ TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
                                                            {-50.0, 5.0, "150", 1},
                                                            {0.0, 5.0, "99999", 0},
                                                            {0.0, 0.0, "10000", 1},
-                                                           {0.0, 5.0, "0.5", 1}}) {
+                                                           {0.0, 5.0, "0.5", 1},
+                                                           {0.0, 5.0, "+200.5", 0},
+                                                           {0.0, 5.0, "+150 mV/V", 1}}) {
         Amplifier amplifier;
         amplifier.addMeasurementValue("Bridge");
         amplifier.addDeviceRange(10.0);
         amplifier.addDeviceRange(1.0);
         amplifier.addRangeValue(range);
         amplifier.bridgeOffset = offset;
-        amplifier.excitationValue = excitation;
+        amplifier.edit([&](AmplifierSettings& settings) { settings.excitationValue = excitation; });
         EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), index) << range << " " << offset;
         if (excitation > 0.0) {
             EXPECT_EQ(amplifier.getFullDeviceRangeMin(0), offset - 2000.0);
@@ -88,23 +95,33 @@ TEST(Amplifier, BridgeDeviceRangeCoversTheRangeAroundTheOffset) {
 TEST(Amplifier, DeviceRangeIndexOfOtherMeasurementsAndOfBadRanges) {
     for (const auto& [measurement, index] : {std::pair{"Resistance", 7}, {"Voltage", 2}}) {
         ScalingAmplifier amplifier(measurement);
-        amplifier.rangeIndex = 2;
+        amplifier.edit([](AmplifierSettings& settings) { settings.rangeIndex = 2; });
         EXPECT_EQ(amplifier.calculateRealDeviceRangeIndex(), index);
         EXPECT_EQ(amplifier.calculateBridgeModeDeviceRangeIndex(), 2);
     }
     ScalingAmplifier bridge("Bridge");
     EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument);
-    bridge.addRangeValue("wide");
-    EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument);
-    bridge.ranges = {"1e999"};
+    for (const char* text : {"wide", "+", "+-5", "++5", " + 5", "nan", "+inf"}) {
+        bridge.clearRanges();
+        bridge.addRangeValue(text);
+        EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::invalid_argument) << text;
+    }
+    for (const char* text : {"10", "+10", " +10.0 mV/V", "\t1e1"}) {
+        EXPECT_EQ(rangeFromText(text), 10.0) << text;
+    }
+    bridge.clearRanges();
+    bridge.addRangeValue("1e999");
     EXPECT_THROW(bridge.calculateRealDeviceRangeIndex(), std::out_of_range);
 }
 
 TEST(Amplifier, AnIndexOutsideOfItsListIsHarmless) {
-    for (int index : {-1, 2, 2147483647}) {
+    // 1 is the size of most of the lists, 2 that of the range's ends.
+    for (int index : {-1, 1, 2, 2147483647}) {
         Amplifier amplifier;
-        amplifier.measurementIndex = amplifier.rangeIndex = amplifier.bridgeTypeIndex = index;
-        amplifier.inputTypeIndex = amplifier.hpFilterIndex = index;
+        amplifier.edit([index](AmplifierSettings& settings) {
+            settings.measurementIndex = settings.rangeIndex = settings.bridgeTypeIndex = index;
+            settings.inputTypeIndex = settings.hpFilterIndex = index;
+        });
         amplifier.addMeasurementValue("Bridge");
         amplifier.addBridgeType("Full");
         amplifier.addInputType("Single");

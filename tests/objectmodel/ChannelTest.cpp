@@ -182,7 +182,7 @@ TEST(Channel, AnalogScaleFollowsRangeAndResolution) {
         input.initialize();
         output.initialize();
         ASSERT_TRUE(input.amplifier);
-        input.amplifier->rangeUnit = "mV/V";
+        input.amplifier->edit([](AmplifierSettings& settings) { settings.rangeUnit = "mV/V"; });
         input.amplifier->addMeasurementValue("Bridge");
         input.amplifier->bridgeOffset = 0.25;
         input.initializeAcquisition();

@@ -132,7 +132,11 @@ public:
     void step(double seconds);
 
 private:
+    double elapsed() const;
+
     mutable std::mutex mutex_;
+    mutable double asked_ = 0.0;  // the steady clock, when the time was asked for last
+    mutable double lag_ = 0.0;    // of what has been passed over
     bool held_ = false;
     double ahead_ = 0.0;   // of the steady clock, while it runs
     double heldAt_ = 0.0;  // seconds, while it is held

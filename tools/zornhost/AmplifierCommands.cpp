@@ -8,6 +8,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/DefinitionCheck.h"
 #include "tools/zornhost/Interrupt.h"
 #include "tools/zornhost/PropertyText.h"
@@ -26,11 +27,6 @@ constexpr double balanceTimeoutS = 15.0;  // three range switches with a wait of
 
 std::string textProperty(const ChannelPtr<>& channel, const char* name) {
     return channel.hasProperty(name) ? valueText(readProperty(channel.asPtr<IPropertyObject>(), name)) : "-";
-}
-
-std::string parentOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? std::string() : path.substr(0, slash);
 }
 
 bool endsWithPath(const std::string& path, const std::string& end) {
@@ -52,68 +48,6 @@ ObjectPtr<I> slot(const ChannelPtr<>& channel, const char* name) {
     return value ? value.asPtrOrNull<I>() : ObjectPtr<I>();
 }
 
-bool visible(const PropertyInfoPtr& info) {
-    const BasePtr value = info.getVisible();
-    return !value || fromValue<bool>(value);
-}
-
-std::string unitText(const PropertyInfoPtr& info) {
-    const BasePtr unit = info.getUnit();
-    return unit ? valueText(unit) : std::string();
-}
-
-std::string withUnit(const std::string& text, const std::string& unit) {
-    return unit.empty() ? text : text + " " + unit;
-}
-
-// "10 V", "Bridge", "on".
-std::string settingText(const PropertyInfoPtr& info, const BasePtr& value) {
-    if (value && info.isSelection()) {
-        const ListPtr choices = info.getValuesAsList();
-        const auto index = fromValue<int64_t>(value);
-        if (index >= 0 && static_cast<size_t>(index) < choices.getCount()) {
-            return withUnit(valueText(choices.getItemAt(static_cast<size_t>(index))), unitText(info));
-        }
-        return fmt::format("choice {}, which is not in the list", index);
-    }
-    if (value && info.getValueType() == CoreType::Bool) {
-        return fromValue<bool>(value) ? "on" : "off";
-    }
-    return value ? withUnit(valueText(value), unitText(info)) : "-";
-}
-
-struct Setting {
-    std::string name;  // as the definition names it; behind it a property of another name may stand
-    PropertyInfoPtr info;
-    bool readOnly;
-};
-
-// The settings that the amplifier offers now, in the definition's order.
-std::vector<Setting> settingsOf(const ChannelPtr<>& channel) {
-    std::vector<Setting> settings;
-    const auto objectClass = PropertyObjectManagerPtr::create().findClass(channel.getClassName());
-    if (!objectClass) {
-        return settings;
-    }
-    IList* raw = nullptr;
-    checkErrorInfo(objectClass->enumProperties(PropertyOrder::Index, &raw));
-    const ListPtr infos(ObjectPtr<IList>::take(raw));
-    for (size_t i = 0, n = infos.getCount(); i < n; ++i) {
-        const PropertyInfoPtr declared(infos.getItemAt(i).asPtr<IPropertyInfo>());
-        const std::string name = declared.getName().toStdString();
-        if (declared.isHidden() || name == "AmplifierID" || name == "ModuleName") {
-            continue;
-        }
-        const PropertyInfoPtr info = channel.getPropertyInfo(name);
-        if (callable(info) || !visible(channel.getPropertyInfo(name))) {
-            continue;
-        }
-        const BasePtr readOnly = info.getReadOnly();
-        settings.push_back({name, info, readOnly && fromValue<bool>(readOnly)});
-    }
-    return settings;
-}
-
 std::string choicesText(const PropertyInfoPtr& info) {
     const ListPtr choices = info.getValuesAsList();
     std::string text;
@@ -126,14 +60,6 @@ std::string choicesText(const PropertyInfoPtr& info) {
         text += fmt::format("{}{} to {}", text.empty() ? "" : "; ", valueText(low), valueText(high));
     }
     return text;
-}
-
-void update(const ChannelPtr<>& channel, bool adjustFilter) {
-    const auto procedure = slot<IProcObject>(channel, updateName);
-    if (!procedure) {
-        throw std::runtime_error("the module has given the channel no way to set its amplifier");
-    }
-    checkErrorInfo(procedure->dispatch(toValue(adjustFilter).get()));
 }
 
 std::vector<ChannelEntry> channelsOfModule(const HostTree& tree, const ChannelEntry& amplifier) {
@@ -348,16 +274,25 @@ int showAmplifier(Session& session, Output& output, bool json, const std::string
         report["hardwareRange"] = toJson(value);
         report["hardwareRanges"] = toJson(asBase(info.getValuesAsList()));
     }
+    const auto state = amplifierState(channel);
+    report["settingsInForce"] = state.settings;
+    report["failure"] = state.failure;
+    if (!state.settings.empty()) {
+        rows.push_back({"In force", state.settings});
+    }
     if (json) {
         output.line(report.dump(2));
-        return 0;
+    } else {
+        output.data(formatTable(rows));
+        output.line("");
+        output.data(formatTable(settingRows));
+        output.line("");
+        output.data(formatTable(scaleRows));
     }
-    output.data(formatTable(rows));
-    output.line("");
-    output.data(formatTable(settingRows));
-    output.line("");
-    output.data(formatTable(scaleRows));
-    return 0;
+    if (!state.failure.empty()) {
+        output.message(fmt::format("zornhost: the amplifier has not taken all settings: {}", state.failure));
+    }
+    return state.failure.empty() ? 0 : 1;
 }
 
 int setAmplifier(Session& session, Output& output, bool json, const std::string& path,
@@ -368,7 +303,6 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
     if (settings.empty() || settings.size() % 2 != 0) {
         throw std::runtime_error("write NAME VALUE, as often as there is something to set");
     }
-    session.takeAmplifierFailures();
 
     struct Wish {
         std::string name;
@@ -401,10 +335,10 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
         highPass = highPass || name == "HPFilter";
     }
     // Another measurement may have other couplings: the number of the old one then means something else.
-    update(entry.channel, measurement && !highPass);
-    const auto failures = session.takeAmplifierFailures();
+    updateAmplifier(entry.channel, measurement && !highPass);
+    const auto state = amplifierState(entry.channel);
 
-    bool taken = failures.empty();
+    bool taken = state.failure.empty();
     std::vector<std::string> lines;
     Json report{{"channel", entry.path}, {"settings", Json::array()}};
     for (const auto& wish : wishes) {
@@ -419,7 +353,8 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
             Json{{"name", wish.name}, {"requested", wish.text}, {"value", toJson(now)}, {"text", text}});
     }
     report["taken"] = taken;
-    report["failures"] = failures;
+    report["settingsInForce"] = state.settings;
+    report["failure"] = state.failure;
     if (json) {
         output.line(report.dump(2));
     } else {
@@ -427,8 +362,8 @@ int setAmplifier(Session& session, Output& output, bool json, const std::string&
             output.line(line);
         }
     }
-    for (const auto& failure : failures) {
-        output.message(fmt::format("zornhost: the amplifier did not take all: {}", failure));
+    if (!state.failure.empty()) {
+        output.message(fmt::format("zornhost: the amplifier has not taken all settings: {}", state.failure));
     }
     return taken ? 0 : 1;
 }
@@ -450,58 +385,78 @@ int balanceAmplifier(Session& session, Output& output, bool json, const std::str
     const auto offset = [&] {
         return channel.hasProperty("BridgeOffset") ? channel.getPropertyValue<double>("BridgeOffset") : 0.0;
     };
-    session.takeAmplifierFailures();
     const double before = offset();
-    double seconds = 0.0;
-    double value = 0.0;
-    bool ended = true;
-    if (reset) {
-        checkErrorInfo(forget->dispatch(nullptr));
-    } else {
-        Acquisition acquisition(session, channelsOfModule(session.tree(), entry));
+    // The newest sample, as a start now would show it.
+    const auto waitForValue = [&] {
         if (!waitFor(sampleTimeoutS, [&] { return channel.getSamplesAcquired() >= samplesBeforeBalance; })) {
             throw std::runtime_error(fmt::format("\"{}\": no samples within {} s", entry.label, sampleTimeoutS));
         }
-        value = channel.getSampleAtRelativePos(-1);
-        const auto begin = std::chrono::steady_clock::now();
-        checkErrorInfo(start->dispatch(nullptr));
-        ended = waitFor(balanceTimeoutS, [&] { return !fromValue<bool>(executeFunc(running, {})); });
-        seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-        acquisition.stop();
+        return channel.getSampleAtRelativePos(-1);
+    };
+    const auto moduleChannels = channelsOfModule(session.tree(), entry);
+    double seconds = 0.0;
+    double valueBefore = 0.0;
+    double valueAfter = 0.0;
+    std::string failure;
+    if (reset) {
+        checkErrorInfo(forget->dispatch(nullptr));
+        updateAmplifier(channel, false);
+    } else {
+        bool ended = false;
+        {
+            Acquisition acquisition(session, moduleChannels);
+            valueBefore = waitForValue();
+            const auto begin = std::chrono::steady_clock::now();
+            checkErrorInfo(start->dispatch(nullptr));
+            ended = waitFor(balanceTimeoutS, [&] { return !fromValue<bool>(executeFunc(running, {})); });
+            seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+            acquisition.stop();
+        }
+        if (!ended) {
+            failure = fmt::format("the balancing has not ended within {} s", balanceTimeoutS);
+        } else if (const auto result = slot<IFuncObject>(channel, "GetSensorBalanceResult")) {
+            const auto text = fromValue<std::string>(executeFunc(result, {}));
+            failure = text == "balanced" ? "" : text;
+        }
+        if (failure.empty()) {
+            // What has been found acts from the next start on.
+            updateAmplifier(channel, false);
+            Acquisition acquisition(session, moduleChannels);
+            valueAfter = waitForValue();
+            acquisition.stop();
+        }
     }
-    if (ended) {
-        update(channel, false);
+    if (failure.empty()) {
+        failure = amplifierState(channel).failure;
     }
-    const auto failures = session.takeAmplifierFailures();
     const double after = offset();
-    const std::string unit =
-        channel.hasProperty("BridgeOffset") ? unitText(channel.getPropertyInfo("BridgeOffset")) : "";
-    const bool good = ended && failures.empty();
-    Json report{
-        {"channel", entry.path}, {"balanced", good}, {"offsetBefore", before}, {"offset", after}, {"unit", unit}};
+    // The offset is one of the channel's values.
+    const std::string unit = channel.getUnit().toStdString();
+    Json report{{"channel", entry.path},
+                {"balanced", failure.empty()},
+                {"offsetBefore", before},
+                {"offset", after},
+                {"unit", unit}};
     if (!reset) {
-        report["valueBefore"] = value;
+        report["valueBefore"] = valueBefore;
+        report["valueAfter"] = valueAfter;
         report["seconds"] = seconds;
     }
-    report["failures"] = failures;
+    report["failure"] = failure;
+    const std::string offsetText =
+        fmt::format("bridge offset {} -> {}", formatNumber(before, 6), withUnit(formatNumber(after, 6), unit));
     if (json) {
         output.line(report.dump(2));
-    } else if (reset) {
-        output.line(fmt::format("{}: bridge offset {} -> {}", entry.label, formatNumber(before),
-                                withUnit(formatNumber(after), unit)));
-    } else if (good) {
-        output.line(fmt::format("{}: balanced in {:.1f} s at {}; bridge offset {} -> {}", entry.label, seconds,
-                                withUnit(formatNumber(value), channel.getUnit().toStdString()), formatNumber(before),
-                                withUnit(formatNumber(after), unit)));
+    } else if (failure.empty()) {
+        output.line(reset ? fmt::format("{}: {}", entry.label, offsetText)
+                          : fmt::format("{}: balanced in {:.1f} s: {} -> {}; {}", entry.label, seconds,
+                                        formatNumber(valueBefore, 6), withUnit(formatNumber(valueAfter, 6), unit),
+                                        offsetText));
     }
-    if (!ended) {
-        output.message(
-            fmt::format("zornhost: \"{}\": the balancing has not ended within {} s", entry.label, balanceTimeoutS));
-    }
-    for (const auto& failure : failures) {
+    if (!failure.empty()) {
         output.message(fmt::format("zornhost: \"{}\": {}", entry.label, failure));
     }
-    return good ? 0 : 1;
+    return failure.empty() ? 0 : 1;
 }
 
 int readAmplifierTeds(Session& session, Output& output, bool json, const std::string& path, bool custom) {
@@ -594,6 +549,7 @@ int checkAmplifiers(Output& output, bool json, const std::string& directory) {
     using Outcome = DefinitionReport::Outcome;
     const auto outcomeText = [](Outcome outcome) {
         return outcome == Outcome::Registered ? "registered"
+               : outcome == Outcome::Unusable ? "shown as unknown"
                : outcome == Outcome::Wrong    ? "not registered"
                                               : "not read";
     };
@@ -616,7 +572,8 @@ int checkAmplifiers(Output& output, bool json, const std::string& directory) {
         if (!report.reason.empty()) {
             file["reason"] = report.reason;
         }
-        if (report.outcome == Outcome::Registered) {
+        const bool read = report.outcome == Outcome::Registered || report.outcome == Outcome::Unusable;
+        if (read) {
             file["identifier"] = report.identifier;
             file["class"] = report.className;
             file["moduleName"] = report.moduleName;
@@ -630,9 +587,10 @@ int checkAmplifiers(Output& output, bool json, const std::string& directory) {
         if (json) {
             continue;
         }
-        if (report.outcome == Outcome::Registered) {
-            output.line(fmt::format("{}: {} for amplifier {}{}", report.file, report.className, report.identifier,
-                                    report.moduleName.empty() ? "" : fmt::format(" ({})", report.moduleName)));
+        if (read) {
+            output.line(fmt::format("{}: {} for amplifier {}{}{}", report.file, report.className, report.identifier,
+                                    report.moduleName.empty() ? "" : fmt::format(" ({})", report.moduleName),
+                                    report.outcome == Outcome::Unusable ? ", shown as unknown" : ""));
             for (const auto& measurement : report.measurements) {
                 if (!measurement.name.empty() || !measurement.ranges.empty()) {
                     output.line(fmt::format("    {}: {} {}",

@@ -10,8 +10,10 @@
 #include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "tools/zornhost/AmplifierCommands.h"
+#include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/Interrupt.h"
 #include "tools/zornhost/PropertyText.h"
@@ -88,6 +90,24 @@ Json channelJson(const ChannelReport& channel) {
                 {"worstFill", channel.worstFill}};
 }
 
+Json refusalsJson(const std::vector<AmplifierRefusal>& refusals) {
+    Json list = Json::array();
+    for (const auto& refusal : refusals) {
+        list.push_back(Json{{"amplifier", refusal.module}, {"asked", refusal.asked}, {"reason", refusal.reason}});
+    }
+    return list;
+}
+
+// Says what amplifiers have not taken, each once.
+void tellRefusals(Output& output, const std::vector<AmplifierRefusal>& refusals, std::set<std::string>& told) {
+    for (const auto& refusal : refusals) {
+        if (told.insert(refusal.module).second) {
+            output.message(fmt::format("zornhost: {}: the amplifier has not taken all settings: {}", refusal.module,
+                                       refusal.text()));
+        }
+    }
+}
+
 Json reportJson(const RecordingReport& report) {
     Json json{{"file", report.file},
               {"written", report.keeps},
@@ -109,6 +129,7 @@ Json reportJson(const RecordingReport& report) {
     for (const auto& channel : report.channels) {
         json["channels"].push_back(channelJson(channel));
     }
+    json["refusedSettings"] = refusalsJson(report.refusals);
     json["asyncChannels"] = Json::array();
     for (const auto& channel : report.asyncChannels) {
         Json item{{"channel", channel.label}, {"path", channel.path}, {"lost", channel.lost}};
@@ -431,12 +452,24 @@ int setProperty(Session& session, Output& output, bool json, const std::string& 
 int record(Session& session, Output& output, bool json, const RecordOptions& options) {
     applyRate(session, output, options.rate);
     const auto channels = chooseChannels(session, output, options.channels);
+    std::set<std::string> told;
+    const auto checkAmplifiers = [&](const std::vector<AmplifierRefusal>& refusals) {
+        tellRefusals(output, refusals, told);
+        if (options.strict && !refusals.empty()) {
+            throw std::runtime_error(fmt::format(
+                "{}: not recorded: --strict, and {} not taken {} settings", options.file,
+                refusals.size() == 1 ? "an amplifier has" : "amplifiers have", refusals.size() == 1 ? "its" : "their"));
+        }
+    };
+    // Before a file of this name is touched.
+    const auto refusals = updateAmplifiers(session.tree(), channels);
+    checkAmplifiers(refusals);
     session.prepare();
     if (Interrupt::requested()) {
         throw std::runtime_error(fmt::format("{}: ended by the user before the recording began", options.file));
     }
 
-    Recorder recorder({options.file}, channels, session.host().scheduler());
+    Recorder recorder({.file = options.file, .refusals = refusals}, channels, session.host().scheduler());
     auto& sink = recorder.sink();
     if (const auto device = session.tree().deviceFolder()) {
         for (const auto& [attribute, property] :
@@ -449,6 +482,7 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
                                               session.host().moduleVersion()));
 
     session.start();
+    checkAmplifiers(amplifierRefusals(channels));
     long startUs = -1;
     if (const auto absTime = session.host().absTimeProvider()) {
         absTime->getStartAbsTime(&startUs);
@@ -569,6 +603,8 @@ void drain(Watched& watched) {
 int monitor(Session& session, Output& output, bool json, const MonitorOptions& options) {
     applyRate(session, output, options.rate);
     const auto channels = chooseChannels(session, output, options.channels);
+    std::set<std::string> told;
+    tellRefusals(output, updateAmplifiers(session.tree(), channels), told);
     session.prepare();
     session.start();
     std::vector<Watched> watched;
@@ -614,7 +650,9 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
                                               {"fill", channel.fill},
                                               {"lost", channel.lost}});
         }
+        tellRefusals(output, amplifierRefusals(channels), told);
         if (json) {
+            report["refusedSettings"] = refusalsJson(amplifierRefusals(channels));
             output.line(jsonText(report));
         } else {
             output.data((output.dataIsTerminal() ? "\x1b[H\x1b[J" : "") + fmt::format("{:.1f} s\n", elapsedS) +
@@ -629,7 +667,7 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     if (reports > 0) {
         output.message(fmt::format("zornhost: the module reported lost data {} times", reports));
     }
-    return lost == 0 && reports == 0 ? 0 : 1;
+    return lost == 0 && reports == 0 && told.empty() ? 0 : 1;
 }
 
 namespace {
@@ -734,6 +772,7 @@ int run(int argc, char** argv) {
                     "Pattern (* and ?) of channels to record, e.g. \"AI 1/*\" (may be repeated)")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    rec->add_flag("--strict", recording.strict, "Don't record with an amplifier that has not taken its settings");
     auto* mon = app.add_subcommand("monitor", "Live table of the channels");
     mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")
         ->check(secondsAbove0);

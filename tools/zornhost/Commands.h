@@ -14,6 +14,7 @@ struct RecordOptions {
     double durationS = 0.0;
     std::optional<int64_t> rate;
     std::vector<std::string> channels;
+    bool strict = false;  // not with an amplifier that has not taken its settings
 };
 
 struct MonitorOptions {

@@ -3,25 +3,24 @@
 #include <fmt/format.h>
 
 #include <zorn/objects/property_object.h>
-#include <zorn/objects/serialization.h>
 #include <zorn/structure/property_classes.h>
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
+#include <set>
 #include <stdexcept>
+#include <system_error>
 
+#include "modules/daq/amplifier/DaqAmplifiersFactory.h"
+#include "modules/daq/amplifier/DefinitionTrial.h"
 #include "tools/zornhost/HostTree.h"
 #include "tools/zornhost/JsonPlaces.h"
 
 using namespace Harvane::RT::Core;
+using namespace Harvane::RT::Modules::Daq;
 
 namespace zornhost {
 
@@ -74,11 +73,11 @@ constexpr Known knownProperties[] = {
 };
 
 // The module registers these on the channel itself.
-constexpr std::array reservedNames{"SerialNumber",    "SoftwareRevision",   "HardwareRevision",  "CalibrationDate",
-                                   "UpdateAmplifier", "NotifyEnterChSetup", "NotifyLeaveChSetup"};
+constexpr std::array reservedNames{"SerialNumber",    "SoftwareRevision",      "HardwareRevision",   "CalibrationDate",
+                                   "UpdateAmplifier", "NotifyEnterChSetup",    "NotifyLeaveChSetup", "AmplifierFailure",
+                                   "SettingsInForce", "GetSensorBalanceResult"};
 constexpr std::array tedsNames{"ReadTeds", "ResetTedsCustom", "WriteTedsCustom", "ReadTedsCustom"};
 constexpr std::array balanceNames{"StartSensorBalance", "GetSensorBalanceStatus", "ResetSensorBalance"};
-constexpr size_t mostMeasurements = 256;  // the amplifier gets the number as a byte
 
 bool sameButForCase(const std::string& left, const std::string& right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](unsigned char a, unsigned char b) {
@@ -86,37 +85,26 @@ bool sameButForCase(const std::string& left, const std::string& right) {
     });
 }
 
-std::string identifierText(const BasePtr& value) {
-    if (const auto text = value.asPtrOrNull<IString>()) {
-        return StringPtr(text).toStdString();
-    }
-    return value.asPtrOrNull<IConvertible>() ? fromValue<std::string>(value) : "Unknown";
-}
-
-// One text with what is known of it so far.
+// One text with what the module has made of it.
 class Check {
 public:
-    explicit Check(const std::string& text) : text_(text), places_(text) {}
+    Check(const std::string& text, const DaqAmplifiersFactory& factory, const DaqAmplifiersFactory::File& file)
+        : places_(text), own_(readDefinition(text)), factory_(factory), file_(file) {}
 
     DefinitionReport run() {
+        report_.className = file_.definition.className;
+        report_.identifier = file_.definition.identifier;
         try {
-            const auto objectClass = read();
-            takeIdentity(objectClass);
-            add(objectClass);
-            look(objectClass);
-        } catch (const Stop&) {
+            if (file_.registered) {
+                report_.outcome = DefinitionReport::Outcome::Registered;
+                look();
+            } else {
+                refuse(file_.definition.reason);
+            }
         } catch (const ZornException& failure) {
             say(true, std::string(), failure.what());
         }
         zornClearErrorInfo();
-        if (added_) {
-            try {
-                PropertyObjectManagerPtr::create().removeClass(StringPtr(report_.className));
-            } catch (const ZornException&) {
-                // Somebody else has removed it: gone is what it must be.
-            }
-        }
-        report_.outcome = registered_ ? DefinitionReport::Outcome::Registered : DefinitionReport::Outcome::Wrong;
         std::stable_sort(report_.problems.begin(), report_.problems.end(), [](const auto& left, const auto& right) {
             return std::pair(left.line, left.column) < std::pair(right.line, right.column);
         });
@@ -124,7 +112,12 @@ public:
     }
 
 private:
-    struct Stop {};
+    // What was seen of a property in a measurement. A mistake when the module can't use the property.
+    struct Finding {
+        std::string property;
+        const char* part;
+        std::string text;
+    };
 
     void say(bool error, const std::string& path, const std::string& text) {
         const auto place = places_.find(path);
@@ -136,8 +129,8 @@ private:
         say(error, part == nullptr ? path : path + "/" + part, text);
     }
 
-    // The host's texts begin with a path, or hold line and column, or neither.
-    [[noreturn]] void refuse(const std::string& message) {
+    // The texts begin with a path, or hold line and column, or neither.
+    void refuse(const std::string& message) {
         if (message.starts_with("Bad JSON: ")) {
             size_t line = 0;
             size_t column = 0;
@@ -160,126 +153,93 @@ private:
         } else if (const auto place = places_.repeatedKey();
                    place && message.find("stands twice") != std::string::npos) {
             report_.problems.push_back({true, place->line, place->column, message});
+        } else if (own_.objectClass) {
+            const auto holder = std::filesystem::path(factory_.getDefinitionFile(own_.className)).filename().string();
+            say(true, "/name", holder.empty() ? message : fmt::format("{} (from \"{}\")", message, holder));
         } else {
             say(true, std::string(), message);
         }
-        throw Stop();
     }
 
-    PropertyObjectClassPtr read() {
-        try {
-            IDeserializer* raw = nullptr;
-            checkErrorInfo(createJsonDeserializer(&raw));
-            const auto deserializer = ObjectPtr<IDeserializer>::take(raw);
-            IBaseObject* object = nullptr;
-            checkErrorInfo(deserializer->deserialize(StringPtr(text_).get(), &object));
-            const BasePtr result = BasePtr::take(object);
-            const auto objectClass =
-                result ? result.asPtrOrNull<IPropertyObjectClass>() : ObjectPtr<IPropertyObjectClass>();
-            zornClearErrorInfo();
-            if (!objectClass) {
-                refuse("/: is no class: \"__type\" must be \"PropertyObjectClass\"");
-            }
-            return PropertyObjectClassPtr(ObjectPtr<IPropertyObjectClass>(objectClass));
-        } catch (const ZornException& failure) {
-            refuse(failure.what());
-        }
-    }
-
-    void takeIdentity(const PropertyObjectClassPtr& objectClass) {
-        report_.className = objectClass.getName().toStdString();
+    // The class as channels have it.
+    void look() {
         IList* raw = nullptr;
-        checkErrorInfo(objectClass->enumProperties(PropertyOrder::Index, &raw));
+        checkErrorInfo(own_.objectClass->enumProperties(PropertyOrder::Index, &raw));
         const ListPtr infos(ObjectPtr<IList>::take(raw));
         for (size_t i = 0, n = infos.getCount(); i < n; ++i) {
             const PropertyInfoPtr info(infos.getItemAt(i).asPtr<IPropertyInfo>());
             indices_.emplace(info.getName().toStdString(), i);
         }
-        if (!indices_.contains("AmplifierID")) {
-            say(true, "/properties", "there is no property \"AmplifierID\": no amplifier leads to this class");
-            throw Stop();
-        }
-        const BasePtr value = objectClass.getProperty("AmplifierID").getReadOnlyValue();
-        if (!value || value.asPtrOrNull<IEvalValue>()) {
-            zornClearErrorInfo();
-            say(true, "AmplifierID", nullptr, "\"AmplifierID\" needs the identifier as its \"readOnlyValue\"");
-            throw Stop();
-        }
-        report_.identifier = identifierText(value);
-        int parts[4];
-        char rest = 0;
-        if (std::sscanf(report_.identifier.c_str(), "%d.%d.%d.%d%c", &parts[0], &parts[1], &parts[2], &parts[3],
-                        &rest) != 4) {
-            say(false, "AmplifierID", "readOnlyValue",
-                fmt::format("\"{}\" is no identifier of an amplifier: four numbers joined by dots",
-                            report_.identifier));
-        }
         if (indices_.contains("ModuleName")) {
-            const BasePtr name = objectClass.getProperty("ModuleName").getReadOnlyValue();
+            const BasePtr name = own_.objectClass.getProperty("ModuleName").getReadOnlyValue();
             report_.moduleName = name ? valueText(name) : "";
         }
-    }
-
-    void add(const PropertyObjectClassPtr& objectClass) {
-        try {
-            objectClass.setParent(ChannelPropertyClass::ClassName);
-            PropertyObjectManagerPtr::create().addClass(objectClass);
-            added_ = registered_ = true;
-        } catch (const ZornException& failure) {
-            say(true, "/name", failure.what());
-            throw Stop();
+        if (!isAmplifierIdentifier(report_.identifier)) {
+            say(true, "AmplifierID", "readOnlyValue",
+                fmt::format("\"{}\" is no identifier of an amplifier: four numbers from 0 to 255 joined by dots, "
+                            "without leading zeros",
+                            report_.identifier));
         }
-    }
-
-    // The class as a channel has it, in each of its measurements.
-    void look(const PropertyObjectClassPtr& objectClass) {
-        checkNames(objectClass);
-        GenericPropertyObjectPtr object;
-        try {
-            IPropertyObject* raw = nullptr;
-            checkErrorInfo(createPropertyObject(&raw, nullptr, objectClass.getName().get()));
-            object = GenericPropertyObjectPtr(ObjectPtr<IPropertyObject>::take(raw));
-        } catch (const ZornException& failure) {
-            say(true, std::string(), failure.what());
-            throw Stop();
+        if (factory_.getDefinitionFile(report_.className) != file_.path) {
+            const auto holder =
+                std::filesystem::path(factory_.getDefinitionFile(report_.className)).filename().string();
+            say(true, "/name",
+                fmt::format("the class \"{}\" for amplifier {} is there already from {}: nothing of this file counts",
+                            report_.className, report_.identifier,
+                            holder.empty() ? "the module itself" : fmt::format("\"{}\"", holder)));
+            return;
         }
-        size_t count = 1;
-        const bool selects = indices_.contains("Measurement");
-        if (selects) {
-            count = tried("Measurement", [&] {
-                return std::min(object.getPropertyInfo("Measurement").getValuesAsList().getCount(), mostMeasurements);
-            });
-        }
-        for (size_t i = 0; i < count; ++i) {
-            DefinitionMeasurement measurement;
-            if (selects) {
-                tried("Measurement", [&] {
-                    object.setPropertyValue("Measurement", static_cast<int64_t>(i));
-                    measurement.name = valueText(object.getPropertyInfo("Measurement").getValuesAsList().getItemAt(i));
-                    return size_t{0};
-                });
+        checkNames(own_.objectClass);
+        const auto failures = DefinitionTrial::run(
+            report_.className, [] { return DefinitionTrial::plainChannel(); },
+            [&](const ChannelPtr<IChannel>& channel, int64_t number) { lookAt(channel, number); });
+        std::set<std::string> failed;
+        for (const auto& failure : failures) {
+            failed.insert(failure.property);
+            const size_t property = failure.text.find("property \"");
+            sayOnce(true, failure.property, nullptr,
+                    failure.text.substr(property == std::string::npos ? 0 : property) +
+                        (failure.name.empty() ? "" : fmt::format(", in the measurement \"{}\"", failure.name)));
+            if (failure.measurement < 0) {
+                report_.outcome = DefinitionReport::Outcome::Unusable;
             }
-            for (const auto& known : knownProperties) {
-                if (indices_.contains(known.name)) {
-                    tried(known.name, [&] {
-                        lookAt(object, known, measurement);
-                        return size_t{0};
-                    });
+        }
+        for (const auto& finding : findings_) {
+            sayOnce(failed.contains(finding.property), finding.property, finding.part, finding.text);
+        }
+    }
+
+    void lookAt(const ChannelPtr<IChannel>& channel, int64_t number) {
+        DefinitionMeasurement measurement;
+        for (const auto& known : knownProperties) {
+            if (!indices_.contains(known.name)) {
+                continue;
+            }
+            try {
+                if (number >= 0 && measurement.name.empty() && indices_.contains("Measurement")) {
+                    const ListPtr names = channel.getPropertyInfo("Measurement").getValuesAsList();
+                    measurement.name = static_cast<size_t>(number) < names.getCount()
+                                           ? valueText(names.getItemAt(static_cast<size_t>(number)))
+                                           : "";
                 }
+                lookAt(channel, known, measurement);
+            } catch (const ZornException& failure) {
+                // The module says so too, of the first property that it can't read.
+                zornClearErrorInfo();
+                findings_.push_back({known.name, nullptr, fmt::format("\"{}\": {}", known.name, failure.what())});
             }
-            report_.measurements.push_back(std::move(measurement));
         }
-    }
-
-    template <class Body>
-    size_t tried(const std::string& property, Body&& body) {
-        try {
-            return body();
-        } catch (const ZornException& failure) {
-            zornClearErrorInfo();
-            sayOnce(true, property, nullptr, fmt::format("\"{}\": {}", property, failure.what()));
+        if (measurement.name == "Bridge" && indices_.contains("BridgeOffset")) {
+            const BasePtr unit = channel.getPropertyInfo("BridgeOffset").getUnit();
+            const std::string text = unit ? valueText(unit) : "";
+            if (text != measurement.unit) {
+                findings_.push_back({"BridgeOffset", unit ? "unit" : nullptr,
+                                     fmt::format("\"BridgeOffset\" has the unit \"{}\", but the offset has that of "
+                                                 "the ranges, \"{}\"",
+                                                 text, measurement.unit)});
+            }
         }
-        return 0;
+        report_.measurements.push_back(std::move(measurement));
     }
 
     // The same mistake shows in each measurement.
@@ -338,7 +298,7 @@ private:
         }
     }
 
-    void lookAt(const GenericPropertyObjectPtr& object, const Known& known, DefinitionMeasurement& measurement) {
+    void lookAt(const ChannelPtr<IChannel>& object, const Known& known, DefinitionMeasurement& measurement) {
         const std::string name = known.name;
         const PropertyInfoPtr info = object.getPropertyInfo(known.name);
         const std::string where =
@@ -346,7 +306,7 @@ private:
         const CoreType type = info.getValueType();
         const auto mustBe = [&](bool fits, const char* what) {
             if (!fits) {
-                sayOnce(true, name, "type", fmt::format("\"{}\" must be {}", name, what));
+                findings_.push_back({name, "type", fmt::format("\"{}\" must be {}", name, what)});
             }
             return fits;
         };
@@ -445,30 +405,19 @@ private:
                             fmt::format("range \"{}\" of \"{}\" is not symmetric: {} to {} reads shifted by {}", name,
                                         holder, low, high, (low + high) / 2));
                 }
-                if (indices_.contains("StartSensorBalance") && measurement.name == "Bridge" &&
-                    !beginsWithNumber(name)) {
-                    sayOnce(true, holder, part.c_str(),
-                            fmt::format("range \"{}\" of \"{}\" must begin with a number: balancing reads it", name,
-                                        holder));
-                }
             } catch (const ZornException& failure) {
                 sayOnce(true, holder, part.c_str(), fmt::format("range {} of \"{}\": {}", i, holder, failure.what()));
             }
         }
     }
 
-    static bool beginsWithNumber(const std::string& text) {
-        char* end = nullptr;
-        std::strtod(text.c_str(), &end);
-        return end != text.c_str();
-    }
-
-    const std::string& text_;
     JsonPlaces places_;
+    AmplifierDefinition own_;
+    const DaqAmplifiersFactory& factory_;
+    const DaqAmplifiersFactory::File& file_;
     DefinitionReport report_;
     std::map<std::string, size_t> indices_;  // of the properties, by name
-    bool added_ = false;
-    bool registered_ = false;
+    std::vector<Finding> findings_;
 };
 
 }  // namespace
@@ -479,7 +428,10 @@ bool DefinitionReport::hasErrors() const {
 }
 
 DefinitionReport checkDefinition(const std::string& text) {
-    return Check(text).run();
+    DaqAmplifiersFactory factory;
+    factory.initUnknownAmplifier();
+    factory.initFromText(text, "the text");
+    return Check(text, factory, factory.files().back()).run();
 }
 
 std::vector<DefinitionReport> checkDefinitions(const std::string& directory) {
@@ -488,72 +440,61 @@ std::vector<DefinitionReport> checkDefinitions(const std::string& directory) {
     if (!fs::is_directory(directory, error)) {
         throw std::runtime_error(fmt::format("\"{}\" is no folder{}", directory, error ? ": " + error.message() : ""));
     }
-    std::vector<fs::path> entries;
+    std::vector<DefinitionReport> reports;
     for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
-        entries.push_back(entry->path());
+        const fs::path& path = entry->path();
+        DefinitionReport report;
+        report.file = path.filename().string();
+        report.outcome = DefinitionReport::Outcome::NotRead;
+        std::error_code ignored;
+        if (fs::is_directory(path, ignored)) {
+            report.reason = "a folder; only files directly in the folder are read";
+        } else if (isDefinitionName(path.string())) {
+            continue;
+        } else if (sameButForCase(path.extension().string(), ".json")) {
+            report.reason = fmt::format("the name must end in \".json\" in small letters, not in \"{}\"",
+                                        path.extension().string());
+            report.problems.push_back({true, 0, 0, report.reason});
+        } else {
+            report.reason = "the name doesn't end in \".json\"";
+        }
+        reports.push_back(std::move(report));
     }
     if (error) {
         throw std::runtime_error(fmt::format("\"{}\" can't be read: {}", directory, error.message()));
     }
-    std::sort(entries.begin(), entries.end());
 
-    std::vector<DefinitionReport> reports;
-    for (const auto& path : entries) {
-        DefinitionReport report;
-        const auto skip = [&](const std::string& reason, bool mistake = false) {
-            report.outcome = DefinitionReport::Outcome::NotRead;
-            report.reason = reason;
-            if (mistake) {
-                report.problems.push_back({true, 0, 0, reason});
-            }
-        };
-        const std::string extension = path.extension().string();
-        if (fs::is_directory(path, error)) {
-            skip("a folder; only files directly in the folder are read");
-        } else if (extension != ".json") {
-            const bool almost = sameButForCase(extension, ".json");
-            skip(almost ? fmt::format("the name must end in \".json\" in small letters, not in \"{}\"", extension)
-                        : "the name doesn't end in \".json\"",
-                 almost);
-        } else if (!fs::is_regular_file(path, error)) {
-            report.problems.push_back({true, 0, 0, error ? "can't be opened: " + error.message() : "is no plain file"});
-        } else {
-            errno = 0;
-            std::ifstream file(path, std::ios::binary);
-            if (!file) {
-                report.problems.push_back({true, 0, 0, fmt::format("can't be opened: {}", std::strerror(errno))});
-            } else {
-                const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-                report = checkDefinition(text);
-            }
+    // In the module's order, which is the file system's.
+    DaqAmplifiersFactory factory;
+    factory.registerAmplifiers(directory);
+    const auto nameOf = [](const std::string& path) { return fs::path(path).filename().string(); };
+    for (const auto& file : factory.files()) {
+        std::error_code ignored;
+        if (fs::is_directory(file.path, ignored)) {
+            continue;
         }
-        report.file = path.filename().string();
-        reports.push_back(std::move(report));
-    }
-
-    // Of two files with one class name or one identifier only one counts, and the file system says which.
-    for (size_t i = 0; i < reports.size(); ++i) {
-        for (size_t k = 0; k < reports.size(); ++k) {
-            auto& report = reports[i];
-            const auto& other = reports[k];
-            if (i == k || report.outcome != DefinitionReport::Outcome::Registered ||
-                other.outcome != DefinitionReport::Outcome::Registered) {
+        std::string text;
+        readDefinitionFile(file.path, &text);
+        auto report = Check(text, factory, file).run();
+        report.file = nameOf(file.path);
+        const std::string counts = factory.getDefinitionFile(factory.getAmplifierClassName(report.identifier));
+        for (const auto& other : factory.files()) {
+            if (!file.registered || !other.registered || &other == &file ||
+                other.definition.identifier != report.identifier ||
+                factory.getDefinitionFile(report.className) != file.path) {
                 continue;
             }
-            if (report.identifier == other.identifier) {
-                report.problems.push_back(
-                    {true, 0, 0,
-                     fmt::format("the identifier {} is also in \"{}\": the file that the file system gives last counts",
-                                 report.identifier, other.file)});
-            } else if (sameButForCase(report.className, other.className)) {
-                report.problems.push_back({true, 0, 0,
-                                           fmt::format("the class name \"{}\" is also in \"{}\": only the file that "
-                                                       "the file system gives first is registered",
-                                                       report.className, other.file)});
-            }
+            report.problems.push_back(
+                {true, 0, 0,
+                 fmt::format("the identifier {} is also in \"{}\": \"{}\" counts, by the order in which the file "
+                             "system gives them",
+                             report.identifier, nameOf(other.path), nameOf(counts))});
         }
+        reports.push_back(std::move(report));
     }
+    std::sort(reports.begin(), reports.end(),
+              [](const auto& left, const auto& right) { return left.file < right.file; });
     return reports;
 }
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-// Amplifier definition files, read as the module reads them, but with an answer for each file: what it registers, or
-// what is wrong with it and where. Needs the host's libraries and no module.
+// Amplifier definition files, read and tried by the module's own code, with an answer for each file: what it registers,
+// or what is wrong with it and where. Needs no module to be loaded.
 namespace zornhost {
 
 struct DefinitionProblem {
@@ -22,7 +22,8 @@ struct DefinitionMeasurement {
 };
 
 struct DefinitionReport {
-    enum class Outcome { Registered, Wrong, NotRead };
+    // Unusable: registered, but its amplifier is shown as unknown.
+    enum class Outcome { Registered, Unusable, Wrong, NotRead };
 
     std::string file;  // name within the folder
     Outcome outcome = Outcome::Wrong;
@@ -36,11 +37,12 @@ struct DefinitionReport {
     bool hasErrors() const;
 };
 
-// One text. Its class is known to the host during the check and gone afterwards. Never throws for what stands in the
-// text.
+// One text by itself. Its class is known to the host during the check and gone afterwards. Never throws for what stands
+// in the text.
 DefinitionReport checkDefinition(const std::string& text);
 
-// All entries of a folder, by name. Raises std::runtime_error when it can't be read at all.
+// All entries of a folder, by name; which of two files counts is what the module would find. Raises std::runtime_error
+// when it can't be read at all.
 std::vector<DefinitionReport> checkDefinitions(const std::string& directory);
 
 }  // namespace zornhost

@@ -36,6 +36,7 @@ ChannelInfo describe(const ChannelEntry& entry) {
     info.rangeMin = channel.getMinValue();
     info.rangeMax = channel.getMaxValue();
     info.sampleRate = inLowestTerms(channel.getExactSampleRate());
+    info.settings = amplifierState(channel).settings;
     info.type = channel.getSampleDataType();
     info.sampleSize = channel.getBuffer().getSampleSize();
     return info;
@@ -51,7 +52,7 @@ std::string named(const std::vector<std::string>& labels) {
     return labels.size() > shown ? fmt::format("{} and {} more", text, labels.size() - shown) : text;
 }
 
-// The module's memory is asked for it only where it keeps samples.
+// A channel whose samples go elsewhere has no ring and brings nothing.
 bool reservesMemory(const ChannelPtr<>& channel) {
     return channel.getPropertyValue<bool>(ChannelPropertyClass::ShouldReserveMemoryProp);
 }
@@ -77,7 +78,7 @@ uint64_t RecordingReport::lost() const {
     return sum;
 }
 
-bool RecordingReport::complete() const {
+bool RecordingReport::lossless() const {
     return lost() == 0 && gaps() == 0 && moduleReports == 0 &&
            std::none_of(channels.begin(), channels.end(), [](const auto& channel) { return channel.silent; }) &&
            std::all_of(asyncChannels.begin(), asyncChannels.end(),
@@ -100,7 +101,7 @@ std::string RecordingReport::verdict() const {
     std::string text = fmt::format("{} {} for {:.1f} s: {}, ", keeps ? "Recorded" : "Acquired",
                                    counted(channels.size(), "channel", "channels"), durationS,
                                    counted(samples(), "sample", "samples"));
-    if (complete()) {
+    if (lossless()) {
         text += "none lost.";
     } else {
         text += fmt::format("{} LOST in {}.", lost(), counted(gaps(), "gap", "gaps"));
@@ -119,12 +120,27 @@ std::string RecordingReport::verdict() const {
     if (moduleReports > 0) {
         text += fmt::format(" The module reported lost data {}.", counted(moduleReports, "time", "times"));
     }
+    std::vector<std::string> losers;
+    std::vector<std::string> unknown;
+    std::string whyUnknown;
+    uint64_t asyncLost = 0;
     for (const auto& channel : asyncChannels) {
         if (!channel.failure.empty()) {
-            text += fmt::format(" What {} has lost is not known: {}.", channel.label, channel.failure);
+            unknown.push_back(channel.label);
+            whyUnknown = channel.failure;
         } else if (channel.lost > 0) {
-            text += fmt::format(" {} lost {}.", channel.label, counted(channel.lost, "sample", "samples"));
+            losers.push_back(channel.label);
+            asyncLost += channel.lost;
         }
+    }
+    for (const auto& refusal : refusals) {
+        text += fmt::format(" SETTINGS NOT TAKEN: {}: {}.", refusal.module, refusal.text());
+    }
+    if (!losers.empty()) {
+        text += fmt::format(" {} lost {}.", named(losers), counted(asyncLost, "sample", "samples"));
+    }
+    if (!unknown.empty()) {
+        text += fmt::format(" What {} lost is not known: {}.", named(unknown), whyUnknown);
     }
     if (!keeps) {
         text += fmt::format(" Nothing was written: {} keeps no file.", file);
@@ -180,14 +196,16 @@ Recorder::~Recorder() {
 
 void Recorder::start(int64_t startTimeUs) {
     for (const auto& stream : streams_) {
-        const auto info = describe(stream->entry);
-        sink_->describeChannel(stream->sinkChannel, info);
-        stream->rate = toHz(info.sampleRate);
+        stream->info = describe(stream->entry);
+        sink_->describeChannel(stream->sinkChannel, stream->info);
+        stream->rate = toHz(stream->info.sampleRate);
         stream->reader.emplace(stream->entry.channel, scheduler_);
         stream->clock = ClockCheck(stream->rate);
-        stream->report.sampleRate = info.sampleRate;
+        stream->report.sampleRate = stream->info.sampleRate;
         stream->flushed = stream->report;
     }
+    report_.refusals = options_.refusals;
+    noteRefusals();
     sink_->setStartTime(startTimeUs);
     sink_->flush();
     startTime_ = lastFlush_ = std::chrono::steady_clock::now();
@@ -323,6 +341,29 @@ void Recorder::noteModuleReports() {
     addGap(nullptr, Gap{"", 0, 0, nowS, "the module reported lost data", true});
 }
 
+// The first reason for each amplifier stays: what came later may be about what was gone back to. Scale and settings in
+// force stay those of the start, by which the samples were taken.
+void Recorder::noteRefusals() {
+    std::vector<ChannelEntry> channels;
+    for (const auto& stream : streams_) {
+        channels.push_back(stream->entry);
+    }
+    for (auto& refusal : amplifierRefusals(channels)) {
+        const auto same = [&](const AmplifierRefusal& known) { return known.module == refusal.module; };
+        if (std::none_of(report_.refusals.begin(), report_.refusals.end(), same)) {
+            report_.refusals.push_back(std::move(refusal));
+        }
+    }
+    for (auto& stream : streams_) {
+        for (const auto& refusal : report_.refusals) {
+            if (refusal.module == moduleOf(stream->entry.path) && stream->info.refused != refusal.text()) {
+                stream->info.refused = refusal.text();
+                sink_->describeChannel(stream->sinkChannel, stream->info);
+            }
+        }
+    }
+}
+
 // A write that failed may have left anything behind the last flush.
 void Recorder::countUnwritten(Stream& stream) {
     const double worstFill = stream.report.worstFill;
@@ -388,6 +429,7 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
             }
             lastModuleRowS_ = -moduleRowIntervalS;
             noteModuleReports();
+            noteRefusals();
             flush();
         } catch (const std::exception& failure) {
             report_.error = failure.what();

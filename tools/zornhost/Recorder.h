@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/ClockCheck.h"
 #include "tools/zornhost/HostTree.h"
 #include "tools/zornhost/RecordingSink.h"
@@ -41,7 +42,8 @@ struct RecordingReport {
     std::vector<ChannelReport> channels;
     std::vector<AsyncReport> asyncChannels;
     std::vector<Gap> gapTable;
-    uint64_t moduleReports = 0;  // how often the module said that data was lost
+    std::vector<AmplifierRefusal> refusals;  // settings that amplifiers have not taken, at the start or since
+    uint64_t moduleReports = 0;              // how often the module said that data was lost
     double longestWriterStallS = 0.0;
     uint64_t bytes = 0;
     bool keeps = true;  // false: nothing was written, the samples were only taken
@@ -54,9 +56,9 @@ struct RecordingReport {
     uint64_t gaps() const;
     double worstFill() const;
     // Something came of every channel, and what came is all there: as far as anyone can tell.
-    bool complete() const;
+    bool lossless() const;
     // Nothing is missing and nothing failed.
-    bool good() const { return error.empty() && stopFailure.empty() && complete(); }
+    bool good() const { return error.empty() && stopFailure.empty() && refusals.empty() && lossless(); }
     // "Recorded 16 channels for 5.0 s: 80000 samples, none lost."
     std::string verdict() const;
 };
@@ -68,7 +70,8 @@ class Recorder {
 public:
     struct Options {
         std::string file;
-        int flushMs = 500;  // a recording that is killed is readable up to the last flush
+        int flushMs = 500;                         // a recording that is killed is readable up to the last flush
+        std::vector<AmplifierRefusal> refusals{};  // known before it starts; others are asked for
     };
 
     // Before the acquisition starts, once the module has been initialized. Takes the channels that are in use. Raises
@@ -99,6 +102,7 @@ private:
         double rate = 0.0;  // Hz
         std::optional<RingReader> reader;
         ClockCheck clock{0.0};
+        ChannelInfo info;                    // as the file has it
         std::vector<unsigned char> staging;  // samples that do not fill a chunk of the file yet
         size_t staged = 0;
         uint64_t stagedIndex = 0;            // index of the first of them in the file
@@ -116,6 +120,7 @@ private:
     void writeStaged(Stream& stream);
     void addGap(Stream* stream, Gap gap);
     void noteModuleReports();
+    void noteRefusals();
     void countUnwritten(Stream& stream);
     void askAsyncChannels();
 

@@ -277,7 +277,9 @@ void RecordingFile::describeChannel(size_t number, const ChannelInfo& info) {
                          writeNumber(set, "sample_rate", toHz(info.sampleRate)) &&
                          writeInteger(set, "sample_rate_numerator", info.sampleRate.numerator) &&
                          writeInteger(set, "sample_rate_denominator", info.sampleRate.denominator);
-    if (!written) {
+    const bool hasAmplifier = !info.settings.empty() || !info.refused.empty();
+    if (!written || (hasAmplifier && !(writeText(set, "settings_in_force", info.settings) &&
+                                       writeText(set, "settings_refused", info.refused)))) {
         fail(fmt::format("describe channel \"{}\"", info.path));
     }
 }

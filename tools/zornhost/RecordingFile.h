@@ -17,7 +17,8 @@
 //       attributes             name, unit, scale, offset (physical = raw * scale + offset), range_min, range_max,
 //                              sample_rate (Hz), the same exactly as sample_rate_numerator / sample_rate_denominator
 //                              (64 bit integers, in lowest terms), start_time (ISO 8601, UTC), start_time_us (since
-//                              1970), node_id
+//                              1970), node_id; of a channel with an amplifier settings_in_force and settings_refused
+//                              (with the reason; empty when the amplifier has taken all)
 //   /gaps                      table: channel, first_index, length (samples), time (s since the start), cause,
 //                              estimated
 //   /                          attributes: manufacturer, model, serial_number, hardware_revision, software,

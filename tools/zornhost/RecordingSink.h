@@ -35,6 +35,8 @@ struct ChannelInfo {
     double rangeMin = 0.0;
     double rangeMax = 0.0;
     Harvane::RT::Core::Ratio sampleRate;  // exact, Hz, in lowest terms
+    std::string settings;                 // of its amplifier, in force; "" when that isn't known
+    std::string refused;                  // what the amplifier has not taken, with the reason
     Harvane::RT::Core::SampleDataType type = Harvane::RT::Core::SampleDataType::Int16;
     size_t sampleSize = 2;  // bytes in the ring
 };

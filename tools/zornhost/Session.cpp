@@ -13,9 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "tools/zornhost/Output.h"
 #include "tools/zornhost/PropertyText.h"
@@ -209,7 +207,7 @@ bool runsOnSimulation() {
     return loaded != nullptr;
 }
 
-// Takes the module's reports of lost data and of failing amplifiers out of the log.
+// Takes the module's reports of lost data out of the log.
 class Session::Listener : public ILogSink {
 public:
     explicit Listener(std::atomic<uint64_t>& count) : count_(count) {}
@@ -217,31 +215,11 @@ public:
         if (std::strcmp(record.logger, "DaqModule") == 0 && std::strstr(record.message, "Data lost") != nullptr) {
             count_.fetch_add(1);
         }
-        for (const char* words : {"Amplifier update failed", "Balancing of an amplifier failed"}) {
-            if (const char* found = std::strstr(record.message, words)) {
-                std::string text = found;
-                while (!text.empty() && text.back() == '\n') {
-                    text.pop_back();
-                }
-                const std::lock_guard lock(mutex_);
-                failures_.push_back(std::move(text));
-            }
-        }
-    }
-    std::vector<std::string> takeFailures() {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(failures_, {});
     }
 
 private:
     std::atomic<uint64_t>& count_;
-    std::mutex mutex_;
-    std::vector<std::string> failures_;
 };
-
-std::vector<std::string> Session::takeAmplifierFailures() {
-    return listener_->takeFailures();
-}
 
 Session::Session(const SessionOptions& options) : options_(options), host_(options.cycleTimeMs) {
     const int level = levelOf(options_.logLevel);

@@ -60,8 +60,6 @@ public:
 
     // Counts the module's reports of lost data since the last start.
     uint64_t lostReports() const { return lostReports_.load(); }
-    // What the module has said of amplifiers that refused something, since the last call.
-    std::vector<std::string> takeAmplifierFailures();
 
 private:
     class Listener;

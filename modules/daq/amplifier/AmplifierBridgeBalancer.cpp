@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -23,8 +24,10 @@ namespace {
 
 constexpr int maxRangeSwitches = 3;
 
-// Leaves a balancing that was told to stop.
+// Leaves a balancing that was told to stop, or whose acquisition is over.
 struct Stopped {};
+struct AcquisitionOver {};
+constexpr const char* acquisitionOver = "its acquisition has ended.";
 
 // A thread's own object, gone when the thread has left all other code of this library: the count goes down only then,
 // and the C library keeps this destructor's code loaded until it has returned.
@@ -38,11 +41,11 @@ void say(const char* text) {
 }
 
 // Nothing may leave the thread, also not the failure of a log.
-void logFailure(const std::string& channel, const char* text) noexcept {
+void logEnd(plog::Severity severity, const char* how, const std::string& channel, const char* text) noexcept {
     try {
-        LOG_(0, plog::error) << "Balancing of an amplifier failed (" << channel << "): " << text;
+        LOG_(0, severity) << "Balancing of an amplifier " << how << " (" << channel << "): " << text;
     } catch (...) {
-        std::fprintf(stderr, "Balancing of an amplifier failed: %s\n", text);
+        std::fprintf(stderr, "Balancing of an amplifier %s: %s\n", how, text);
     }
 }
 
@@ -73,13 +76,20 @@ bool isLive(const std::shared_ptr<AIChannel>& channel) {
            channel->buffer->getSize() > 0;
 }
 
-std::shared_ptr<AIChannel> liveChannel(Amplifier& amplifier) {
+// `begun`: a balancing has had samples of its acquisition already.
+std::shared_ptr<AIChannel> liveChannel(Amplifier& amplifier, bool begun) {
+    const auto refuse = [begun](const char* reason) {
+        if (begun) {
+            throw AcquisitionOver();
+        }
+        throw InvalidStateException("%s", reason);
+    };
     const auto device = amplifier.getParent<AIDevice>();
     if (!device) {
-        throw InvalidStateException("its device is gone.");
+        refuse("its device is gone.");
     }
     if (!device->acqRunning) {
-        throw InvalidStateException("no acquisition is running.");
+        refuse("no acquisition is running.");
     }
     // Two channels share an amplifier, whose index is that of the second, filtered one.
     auto channel = device->getAIChannel(amplifier.index);
@@ -92,7 +102,8 @@ std::shared_ptr<AIChannel> liveChannel(Amplifier& amplifier) {
             return channel;
         }
     }
-    throw InvalidStateException("none of its channels has samples.");
+    refuse("none of its channels has samples.");
+    return nullptr;
 }
 
 }  // namespace
@@ -102,7 +113,8 @@ struct AmplifierBridgeBalancer::State {
     std::string channel;
     std::atomic<std::int32_t> running{0};
     std::chrono::nanoseconds settleTime;
-    std::mutex settings;
+    std::mutex resultMutex;
+    std::string result;
     std::mutex stopMutex;
     std::condition_variable stopCondition;
     std::atomic<bool> stopped{false};
@@ -142,7 +154,6 @@ bool AmplifierBridgeBalancer::isBalancingRunning() const {
 }
 
 bool AmplifierBridgeBalancer::resetAmplifierBalance(const std::shared_ptr<Amplifier>& amplifier) {
-    const auto lock = lockSettings();
     amplifier->bridgeOffset = 0.0;
     return true;
 }
@@ -155,30 +166,49 @@ void AmplifierBridgeBalancer::stop() {
     state_->stopCondition.notify_all();
 }
 
-std::unique_lock<std::mutex> AmplifierBridgeBalancer::lockSettings() const {
-    return std::unique_lock(state_->settings);
+std::string AmplifierBridgeBalancer::result() const {
+    const std::lock_guard lock(state_->resultMutex);
+    return state_->result;
 }
 
 void AmplifierBridgeBalancer::startBalancing(const std::shared_ptr<Amplifier>& amplifier) {
+    const auto setResult = [this](const std::string& text) {
+        const std::lock_guard lock(state_->resultMutex);
+        state_->result = text;
+    };
+    const auto fail = [&](const char* text) {
+        logEnd(plog::error, "failed", state_->channel, text);
+        setResult(std::string("failed: ") + text);
+    };
     say("BALANCING START");
     try {
+        setResult("running");
+        settings_ = amplifier->settings();
+        begun_ = false;
         bool changed = performInitialBalancing(amplifier);
         for (int i = 0; changed && i < maxRangeSwitches; ++i) {
             changed = performRangeSwitchBalancing(amplifier);
         }
+        setResult("balanced");
     } catch (const Stopped&) {
+        setResult("stopped: the module goes.");
+    } catch (const AcquisitionOver&) {
+        logEnd(plog::warning, "stopped", state_->channel, acquisitionOver);
+        setResult(std::string("stopped: ") + acquisitionOver);
     } catch (const std::exception& exception) {
-        logFailure(state_->channel, exception.what());
+        fail(exception.what());
     } catch (...) {
-        logFailure(state_->channel, "an unknown failure.");
+        fail("an unknown failure.");
     }
+    settings_.reset();
+    begun_ = false;
     state_->running.store(0, std::memory_order_release);
     say("BALANCING END");
 }
 
 bool AmplifierBridgeBalancer::performInitialBalancing(const std::shared_ptr<Amplifier>& amplifier) {
     endIfStopped();
-    const int before = fittingRange(amplifier);
+    const int before = fittingRange(*amplifier);
     const int after = balanceAndGetNewRange(amplifier);
     say("INITIAL BALANCING...");
     return before != after;
@@ -187,28 +217,26 @@ bool AmplifierBridgeBalancer::performInitialBalancing(const std::shared_ptr<Ampl
 bool AmplifierBridgeBalancer::performRangeSwitchBalancing(const std::shared_ptr<Amplifier>& amplifier) {
     endIfStopped();
     say("DEVICE SWITCH BALANCING...");
-    const int index = fittingRange(amplifier);
+    const int index = fittingRange(*amplifier);
     updateDeviceRangeDuringAcquisition(amplifier, index);
     settle();
     return balanceAndGetNewRange(amplifier) != index;
 }
 
 int AmplifierBridgeBalancer::balanceAndGetNewRange(const std::shared_ptr<Amplifier>& amplifier) {
-    const double value = getCurrentAmplChValue(amplifier);
-    const auto lock = lockSettings();
-    amplifier->bridgeOffset = amplifier->bridgeOffset - value;
-    return amplifier->calculateBridgeModeDeviceRangeIndex();
+    amplifier->bridgeOffset.fetch_sub(getCurrentAmplChValue(amplifier));
+    return fittingRange(*amplifier);
 }
 
 double AmplifierBridgeBalancer::getCurrentAmplChValue(const std::shared_ptr<Amplifier>& amplifier) {
     AcquisitionLock acquisition(state_->sync);
     double value = 0.0;
     {
-        const auto channel = liveChannel(*amplifier);
+        const auto channel = liveChannel(*amplifier, begun_);
+        keepToOneRun(channel);
         // The number of the sample, whatever type it is stored in.
         const auto raw = static_cast<float>(channel->buffer->getSampleInDouble(channel->getPosAtRelativePos(-1)));
-        const auto settings = lockSettings();
-        value = static_cast<double>(raw) * amplifier->getScale() + amplifier->getOffset();
+        value = static_cast<double>(raw) * channel->quantum() * amplifier->getScale() + amplifier->getOffset();
     }
     acquisition.unlock();
     return value;
@@ -218,16 +246,29 @@ void AmplifierBridgeBalancer::updateDeviceRangeDuringAcquisition(const std::shar
                                                                  int index) {
     amplifier->updateDeviceRangeDuringAcquisition(index);
     AcquisitionLock acquisition(state_->sync);
-    {
-        const auto settings = lockSettings();
-        amplifier->updateCalibrationFactorsDuringAcquisition();
-    }
+    amplifier->updateCalibrationFactorsDuringAcquisition();
     acquisition.unlock();
 }
 
-int AmplifierBridgeBalancer::fittingRange(const std::shared_ptr<Amplifier>& amplifier) const {
-    const auto lock = lockSettings();
-    return amplifier->calculateBridgeModeDeviceRangeIndex();
+// By the settings of this balancing; a step by itself takes those of the moment.
+int AmplifierBridgeBalancer::fittingRange(Amplifier& amplifier) const {
+    const auto settings = settings_ ? settings_ : amplifier.settings();
+    return settings->bridgeDeviceRange(amplifier.bridgeOffset);
+}
+
+// A balancing reads samples of one acquisition only.
+void AmplifierBridgeBalancer::keepToOneRun(const std::shared_ptr<AIChannel>& channel) {
+    if (!settings_) {
+        return;
+    }
+    if (!begun_) {
+        channel_ = channel;
+        run_ = channel->run;
+        begun_ = true;
+    }
+    if (channel_.lock() != channel || run_ != channel->run) {
+        throw AcquisitionOver();
+    }
 }
 
 void AmplifierBridgeBalancer::settle() {

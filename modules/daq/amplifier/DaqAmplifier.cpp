@@ -1,9 +1,14 @@
 #include "modules/daq/amplifier/DaqAmplifier.h"
 
+#include <algorithm>
 #include <array>
+#include <locale>
 #include <span>
+#include <sstream>
+#include <string_view>
 #include <type_traits>
 #include <utility>
+#include <variant>
 
 #include <zorn/structure/property_classes.h>
 
@@ -43,6 +48,18 @@ ErrCode codeOf(bool done, const char* text) {
     return done ? Errors::Success : makeError(Errors::InvalidOperation, text);
 }
 
+// True as long as it lives, also on the way of an exception.
+class Raised {
+public:
+    explicit Raised(bool& flag) : flag_(flag) { flag_ = true; }
+    ~Raised() { flag_ = false; }
+    Raised(const Raised&) = delete;
+    Raised& operator=(const Raised&) = delete;
+
+private:
+    bool& flag_;
+};
+
 // The answer of an operation and, unless it failed, the bytes that came with it.
 BasePtr answerWithBytes(int answer, std::span<const unsigned char> bytes) {
     const ListPtr list = ListPtr::create({toValue(answer)});
@@ -56,6 +73,54 @@ BasePtr answerWithBytes(int answer, std::span<const unsigned char> bytes) {
 
 }  // namespace
 
+// What carries a setting: its property, the choices that it has, the field that holds it. A setting goes to the
+// amplifier, comes back, or both. The order is that in which the host sees what comes back; the measurement is first,
+// since the other properties hang on it.
+struct DaqAmplifier::Row {
+    enum class Way { Both, ToAmplifier, FromAmplifier };
+    using Lists = std::variant<std::monostate, std::vector<std::string> AmplifierSettings::*,
+                               std::vector<double> AmplifierSettings::*>;
+    using Field = std::variant<std::monostate, std::int32_t AmplifierSettings::*, double AmplifierSettings::*,
+                               bool AmplifierSettings::*>;
+
+    const char* name;
+    Lists list;
+    Field field;  // none: the row is one of a kind and has its own code
+    Way way = Way::Both;
+    bool ofHardware = false;  // a module has it in force
+
+    bool is(std::string_view other) const { return other == name; }
+};
+
+const DaqAmplifier::Row DaqAmplifier::rows[] = {
+    {Consts::Measurement, &AmplifierSettings::measurements, &AmplifierSettings::measurementIndex, Row::Way::Both, true},
+    {Consts::Range, &AmplifierSettings::ranges, &AmplifierSettings::rangeIndex, Row::Way::Both, true},
+    {Consts::DeviceRanges, &AmplifierSettings::deviceRanges, {}, Row::Way::FromAmplifier},
+    {Consts::LPFilter, &AmplifierSettings::lpFilters, &AmplifierSettings::lpFilterIndex, Row::Way::Both, true},
+    {Consts::HPFilter, &AmplifierSettings::hpFilters, &AmplifierSettings::hpFilterIndex, Row::Way::Both, true},
+    {Consts::InputType, &AmplifierSettings::inputTypes, &AmplifierSettings::inputTypeIndex, Row::Way::Both, true},
+    {Consts::ConnectionType, &AmplifierSettings::connectionTypes, &AmplifierSettings::connectionTypeIndex,
+     Row::Way::ToAmplifier},
+    {Consts::ExcitationValue, &AmplifierSettings::excitations, {}, Row::Way::Both, true},
+    {Consts::ExcitationType, &AmplifierSettings::excitationTypes, &AmplifierSettings::excitationTypeIndex,
+     Row::Way::Both, true},
+    {Consts::ExcitationUnit, &AmplifierSettings::excitationUnits, &AmplifierSettings::excitationUnitIndex},
+    {Consts::Short, {}, &AmplifierSettings::shortOn, Row::Way::Both, true},
+    {Consts::Shunt, {}, &AmplifierSettings::shunt},
+    {Consts::BridgeType, &AmplifierSettings::bridgeTypes, &AmplifierSettings::bridgeTypeIndex},
+    {Consts::BridgeShunt, &AmplifierSettings::bridgeShunts, &AmplifierSettings::bridgeShuntIndex},
+    {Consts::BridgeLeg, {}, &AmplifierSettings::bridgeLeg},
+    {Consts::BridgeResistance, &AmplifierSettings::bridgeResistances, &AmplifierSettings::bridgeResistance,
+     Row::Way::ToAmplifier},
+    {Consts::ExternalShunt, {}, &AmplifierSettings::externalShuntIndex},
+    {Consts::ExternalShuntResistance, {}, &AmplifierSettings::externalShuntResistance, Row::Way::ToAmplifier},
+    {Consts::ExternalShuntPower, {}, &AmplifierSettings::externalShuntPower, Row::Way::ToAmplifier},
+    {Consts::BridgeShuntValue, {}, &AmplifierSettings::bridgeShuntValue, Row::Way::FromAmplifier},
+    {Consts::BridgeOffset, {}, {}, Row::Way::FromAmplifier},
+    {Consts::AltExcPolarity, {}, &AmplifierSettings::altExcPolarity},
+    {Consts::BridgeWires, {}, &AmplifierSettings::bridgeWires},
+};
+
 DaqAmplifier::DaqAmplifier(const ChannelPtr<IChannel>& channel, const std::shared_ptr<Amplifier>& amplifier,
                            AcquisitionSyncPtr sync, std::chrono::nanoseconds settleTime)
     : channel_(channel), amplifier_(amplifier), balancer_(std::move(sync), settleTime) {}
@@ -68,6 +133,7 @@ void DaqAmplifier::init(const std::string& className) {
     channel_.setClassName(className);
     balancer_.setChannelName(channelName());
     registerFacts();
+    addSharer(channel_);
     registerProcedure(updateAmplifierProp, [this](const BasePtr& argument) { return onUpdateAmplifier(argument); });
     if (hasBridgeBalanceProperties()) {
         initBridgeBalanceProperties();
@@ -123,14 +189,29 @@ ErrCode DaqAmplifier::onUpdateAmplifier(const BasePtr& argument) {
     if (balancer_.isBalancingRunning()) {
         return makeError(Errors::InvalidOperation, "The amplifier can't be changed while it is being balanced.");
     }
-    return codeOf(update(adjustFilter), "The amplifier could not be updated.");
+    if (!updating_) {
+        amplifier_->beginRequest();
+    }
+    return codeOf(update(adjustFilter), "The amplifier can't be changed from within a change of it.");
 }
 
 bool DaqAmplifier::update(bool adjustFilter) {
-    updateCapabilities(adjustFilter);
-    writeToDevice();
-    amplifier_->update();
+    if (updating_) {
+        return false;
+    }
+    const Raised scope(updating_);
+    AmplifierSettings settings = *amplifier_->settings();
+    readLists(settings, adjustFilter);
+    readValues(settings);
+    amplifier_->setSettings(std::move(settings));
+    try {
+        amplifier_->update();
+    } catch (...) {
+        showState();
+        throw;
+    }
     updateRtAmplifierProperties();
+    showState();
     return true;
 }
 
@@ -156,52 +237,38 @@ void DaqAmplifier::ifPresent(const char* name, Body&& body) const {
     }
 }
 
-// Lists. Read first and then exchanged as a whole, since a balancing thread may look at them.
+// Lists.
 
 template <class T>
-void DaqAmplifier::takeList(const char* name, std::vector<T> Amplifier::*list) const {
-    ifPresent(name, [&] {
-        const ListPtr values = channel_.getPropertyInfo(name).getValuesAsList();
-        std::vector<T> items;
-        for (size_t i = 0, count = values.getCount(); i < count; ++i) {
-            items.push_back(fromValue<T>(values.getItemAt(i)));
-        }
-        const auto lock = balancer_.lockSettings();
-        (*amplifier_).*list = std::move(items);
-    });
+std::vector<T> DaqAmplifier::listOf(const char* name) const {
+    const ListPtr values = channel_.getPropertyInfo(name).getValuesAsList();
+    std::vector<T> items;
+    for (size_t i = 0, count = values.getCount(); i < count; ++i) {
+        items.push_back(fromValue<T>(values.getItemAt(i)));
+    }
+    return items;
 }
 
-void DaqAmplifier::takeRanges() const {
-    ifPresent(Consts::Range, [&] {
-        const PropertyInfoPtr info = channel_.getPropertyInfo(Consts::Range);
-        const BasePtr unit = info.getUnit();
-        const std::string unitText = unit ? fromValue<std::string>(unit) : std::string();
-        const ListPtr values = info.getValuesAsList();
-        Texts names;
-        Numbers lower;
-        Numbers upper;
-        for (size_t i = 0, count = values.getCount(); i < count; ++i) {
-            const GenericPropertyObjectPtr item = values.getItemAt(i).asPtr<IPropertyObject>();
-            names.push_back(item.getPropertyValue<std::string>(RangeItemPropertyClass::DisplayNameProp));
-            lower.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MinProp));
-            upper.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MaxProp));
-        }
-        const auto lock = balancer_.lockSettings();
-        amplifier_->rangeUnit = unitText;
-        amplifier_->ranges = std::move(names);
-        amplifier_->minValues = std::move(lower);
-        amplifier_->maxValues = std::move(upper);
-    });
+void DaqAmplifier::readRanges(AmplifierSettings& settings) const {
+    const PropertyInfoPtr info = channel_.getPropertyInfo(Consts::Range);
+    const BasePtr unit = info.getUnit();
+    settings.rangeUnit = unit ? fromValue<std::string>(unit) : std::string();
+    settings.ranges.clear();
+    settings.minValues.clear();
+    settings.maxValues.clear();
+    const ListPtr values = info.getValuesAsList();
+    for (size_t i = 0, count = values.getCount(); i < count; ++i) {
+        const GenericPropertyObjectPtr item = values.getItemAt(i).asPtr<IPropertyObject>();
+        settings.ranges.push_back(item.getPropertyValue<std::string>(RangeItemPropertyClass::DisplayNameProp));
+        settings.minValues.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MinProp));
+        settings.maxValues.push_back(item.getPropertyValue<double>(RangeItemPropertyClass::MaxProp));
+    }
 }
 
 // Another measurement may have other filters; the chosen number then means something else.
-void DaqAmplifier::takeHighPassFilters(bool adjustFilter) const {
-    if (!hasProperty(Consts::HPFilter)) {
-        return;
-    }
-    const Texts before = amplifier_->hpFilters;
-    takeList(Consts::HPFilter, &Amplifier::hpFilters);
-    if (!adjustFilter || before == amplifier_->hpFilters) {
+void DaqAmplifier::readHighPassFilters(AmplifierSettings& settings, bool adjustFilter) const {
+    const auto before = std::exchange(settings.hpFilters, listOf<std::string>(Consts::HPFilter));
+    if (!adjustFilter || before == settings.hpFilters) {
         return;
     }
     if (const BasePtr usual = channel_.getPropertyInfo(Consts::HPFilter).getDefaultValue()) {
@@ -209,117 +276,176 @@ void DaqAmplifier::takeHighPassFilters(bool adjustFilter) const {
     }
 }
 
-void DaqAmplifier::updateCapabilities(bool adjustFilter) {
-    takeList(Consts::Measurement, &Amplifier::measurements);
-    takeRanges();
-    takeList(Consts::LPFilter, &Amplifier::lpFilters);
-    takeHighPassFilters(adjustFilter);
-    takeList(Consts::InputType, &Amplifier::inputTypes);
-    takeList(Consts::ConnectionType, &Amplifier::connectionTypes);
-    takeList(Consts::ExcitationValue, &Amplifier::excitations);
-    takeList(Consts::ExcitationType, &Amplifier::excitationTypes);
-    takeList(Consts::ExcitationUnit, &Amplifier::excitationUnits);
-    takeList(Consts::BridgeType, &Amplifier::bridgeTypes);
-    takeList(Consts::BridgeShunt, &Amplifier::bridgeShunts);
-    takeList(Consts::BridgeResistance, &Amplifier::bridgeResistances);
-    takeList(Consts::DeviceRanges, &Amplifier::deviceRanges);
-    if (hasProperty(Consts::Short)) {
-        amplifier_->shortPresent = true;
-        takeValue(Consts::Short, &Amplifier::shortOn);
+void DaqAmplifier::readLists(AmplifierSettings& settings, bool adjustFilter) const {
+    for (const Row& row : rows) {
+        ifPresent(row.name, [&] {
+            if (row.is(Consts::Range)) {
+                readRanges(settings);
+            } else if (row.is(Consts::HPFilter)) {
+                readHighPassFilters(settings, adjustFilter);
+            } else if (const auto* texts = std::get_if<std::vector<std::string> AmplifierSettings::*>(&row.list)) {
+                settings.*(*texts) = listOf<std::string>(row.name);
+            } else if (const auto* numbers = std::get_if<std::vector<double> AmplifierSettings::*>(&row.list)) {
+                settings.*(*numbers) = listOf<double>(row.name);
+            }
+        });
     }
-    takeValue(Consts::Shunt, &Amplifier::shunt);
+    settings.shortPresent = settings.shortPresent || hasProperty(Consts::Short);
+}
+
+void DaqAmplifier::updateCapabilities(bool adjustFilter) {
+    amplifier_->edit([&](AmplifierSettings& settings) { readLists(settings, adjustFilter); });
 }
 
 // Values.
-
-template <class T>
-void DaqAmplifier::takeValue(const char* name, T Amplifier::*field) const {
-    ifPresent(name, [&] {
-        const T value = channel_.getPropertyValue<T>(name);
-        const auto lock = balancer_.lockSettings();
-        (*amplifier_).*field = value;
-    });
-}
 
 // A choice of its list, or the number itself.
 bool DaqAmplifier::excitationIsChoice() const {
     return channel_.getPropertyInfo(Consts::ExcitationValue).isSelection();
 }
 
+void DaqAmplifier::readValue(const Row& row, AmplifierSettings& settings) const {
+    if (row.is(Consts::ExcitationValue)) {
+        if (excitationIsChoice()) {
+            settings.excitationIndex = channel_.getPropertyValue<std::int32_t>(row.name);
+            settings.excitationValue = AmplifierSettings::valueAt(settings.excitations, settings.excitationIndex);
+        } else {
+            settings.excitationValue = channel_.getPropertyValue<double>(row.name);
+        }
+        return;
+    }
+    std::visit(
+        [&]<class Field>(Field field) {
+            if constexpr (!std::is_same_v<Field, std::monostate>) {
+                using Value = std::remove_reference_t<decltype(settings.*field)>;
+                settings.*field = channel_.getPropertyValue<Value>(row.name);
+            }
+        },
+        row.field);
+}
+
+void DaqAmplifier::readValues(AmplifierSettings& settings) const {
+    for (const Row& row : rows) {
+        if (row.way != Row::Way::FromAmplifier) {
+            ifPresent(row.name, [&] { readValue(row, settings); });
+        }
+    }
+}
+
 void DaqAmplifier::writeToDevice() const {
-    takeValue(Consts::Measurement, &Amplifier::measurementIndex);
-    takeValue(Consts::Range, &Amplifier::rangeIndex);
-    takeValue(Consts::LPFilter, &Amplifier::lpFilterIndex);
-    takeValue(Consts::HPFilter, &Amplifier::hpFilterIndex);
-    takeValue(Consts::InputType, &Amplifier::inputTypeIndex);
-    takeValue(Consts::ConnectionType, &Amplifier::connectionTypeIndex);
-    if (hasProperty(Consts::ExcitationValue)) {
-        if (excitationIsChoice()) {
-            takeValue(Consts::ExcitationValue, &Amplifier::excitationIndex);
-            const auto lock = balancer_.lockSettings();
-            amplifier_->excitationValue = Amplifier::valueAt(amplifier_->excitations, amplifier_->excitationIndex);
-        } else {
-            takeValue(Consts::ExcitationValue, &Amplifier::excitationValue);
-        }
+    amplifier_->edit([this](AmplifierSettings& settings) { readValues(settings); });
+}
+
+// A property that has the value already is left alone: nobody needs to hear of it.
+template <class T>
+void DaqAmplifier::giveBack(const char* name, const T& value) const {
+    if (channel_.getPropertyValue<T>(name) != value) {
+        channel_.setPropertyValue(name, value);
     }
-    takeValue(Consts::ExcitationType, &Amplifier::excitationTypeIndex);
-    takeValue(Consts::ExcitationUnit, &Amplifier::excitationUnitIndex);
-    takeValue(Consts::Short, &Amplifier::shortOn);
-    takeValue(Consts::BridgeType, &Amplifier::bridgeTypeIndex);
-    takeValue(Consts::BridgeShunt, &Amplifier::bridgeShuntIndex);
-    takeValue(Consts::BridgeLeg, &Amplifier::bridgeLeg);
-    takeValue(Consts::BridgeResistance, &Amplifier::bridgeResistance);
-    takeValue(Consts::Shunt, &Amplifier::shunt);
-    takeValue(Consts::ExternalShunt, &Amplifier::externalShuntIndex);
-    takeValue(Consts::ExternalShuntResistance, &Amplifier::externalShuntResistance);
-    takeValue(Consts::ExternalShuntPower, &Amplifier::externalShuntPower);
-    takeValue(Consts::AltExcPolarity, &Amplifier::altExcPolarity);
-    takeValue(Consts::BridgeWires, &Amplifier::bridgeWires);
 }
 
-template <class T>
-T DaqAmplifier::settingOf(T Amplifier::*field) const {
-    const auto lock = balancer_.lockSettings();
-    return (*amplifier_).*field;
+void DaqAmplifier::giveValue(const Row& row, const AmplifierSettings& settings) const {
+    if (row.is(Consts::DeviceRanges)) {
+        if (!settings.deviceRanges.empty()) {
+            giveBack(row.name, AmplifierSettings::valueAt(settings.deviceRanges, settings.deviceRangeIndex));
+        }
+    } else if (row.is(Consts::BridgeOffset)) {
+        giveBack(row.name, amplifier_->bridgeOffset.load());
+    } else if (row.is(Consts::ExcitationValue)) {
+        if (excitationIsChoice()) {
+            giveBack(row.name, settings.excitationIndex);
+        } else {
+            giveBack(row.name, settings.excitationValue);
+        }
+    } else {
+        std::visit(
+            [&]<class Field>(Field field) {
+                if constexpr (!std::is_same_v<Field, std::monostate>) {
+                    giveBack(row.name, settings.*field);
+                }
+            },
+            row.field);
+    }
 }
 
-template <class T>
-void DaqAmplifier::giveValue(const char* name, T Amplifier::*field) const {
-    ifPresent(name, [&] { channel_.setPropertyValue(name, settingOf(field)); });
-}
-
-// Measurement, low-pass filter and connection type stay as the user set them.
 void DaqAmplifier::updateRtAmplifierProperties() const {
-    giveValue(Consts::Range, &Amplifier::rangeIndex);
-    ifPresent(Consts::DeviceRanges, [&] {
-        const Numbers deviceRanges = settingOf(&Amplifier::deviceRanges);
-        if (!deviceRanges.empty()) {
-            channel_.setPropertyValue(Consts::DeviceRanges,
-                                      Amplifier::valueAt(deviceRanges, settingOf(&Amplifier::deviceRangeIndex)));
-        }
-    });
-    giveValue(Consts::HPFilter, &Amplifier::hpFilterIndex);
-    giveValue(Consts::InputType, &Amplifier::inputTypeIndex);
-    if (hasProperty(Consts::ExcitationValue)) {
-        if (excitationIsChoice()) {
-            giveValue(Consts::ExcitationValue, &Amplifier::excitationIndex);
-        } else {
-            giveValue(Consts::ExcitationValue, &Amplifier::excitationValue);
+    const auto settings = amplifier_->settings();
+    for (const Row& row : rows) {
+        if (row.way != Row::Way::ToAmplifier) {
+            ifPresent(row.name, [&] { giveValue(row, *settings); });
         }
     }
-    giveValue(Consts::ExcitationType, &Amplifier::excitationTypeIndex);
-    giveValue(Consts::ExcitationUnit, &Amplifier::excitationUnitIndex);
-    giveValue(Consts::Short, &Amplifier::shortOn);
-    giveValue(Consts::Shunt, &Amplifier::shunt);
-    giveValue(Consts::BridgeType, &Amplifier::bridgeTypeIndex);
-    giveValue(Consts::BridgeShunt, &Amplifier::bridgeShuntIndex);
-    giveValue(Consts::BridgeLeg, &Amplifier::bridgeLeg);
-    giveValue(Consts::ExternalShunt, &Amplifier::externalShuntIndex);
-    giveValue(Consts::BridgeShuntValue, &Amplifier::bridgeShuntValue);
-    ifPresent(Consts::BridgeOffset,
-              [&] { channel_.setPropertyValue(Consts::BridgeOffset, amplifier_->bridgeOffset.load()); });
-    giveValue(Consts::AltExcPolarity, &Amplifier::altExcPolarity);
-    giveValue(Consts::BridgeWires, &Amplifier::bridgeWires);
+}
+
+// How it stands.
+
+std::string DaqAmplifier::settingsInForceText() const {
+    if (!amplifier_->areSettingsInForceKnown()) {
+        return {};
+    }
+    const auto settings = amplifier_->settingsInForce();
+    std::ostringstream text;
+    text.imbue(std::locale::classic());
+    for (const Row& row : rows) {
+        if (!row.ofHardware || !hasProperty(row.name)) {
+            continue;
+        }
+        text << (text.tellp() == 0 ? "" : "; ") << row.name << ": ";
+        const auto* texts = std::get_if<std::vector<std::string> AmplifierSettings::*>(&row.list);
+        const auto* place = std::get_if<std::int32_t AmplifierSettings::*>(&row.field);
+        if (texts != nullptr && place != nullptr) {
+            const std::string choice = AmplifierSettings::textAt((*settings).*(*texts), (*settings).*(*place));
+            text << (choice.empty() ? "#" + std::to_string((*settings).*(*place)) : choice);
+            if (row.is(Consts::Range) && !settings->rangeUnit.empty()) {
+                text << " " << settings->rangeUnit;
+            }
+        } else if (row.is(Consts::ExcitationValue)) {
+            text << settings->excitationValue;
+        } else {
+            text << (settings->shortOn ? "on" : "off");
+        }
+    }
+    return text.str();
+}
+
+void DaqAmplifier::addSharer(const ChannelPtr<IChannel>& channel) {
+    if (std::any_of(shownOn_.begin(), shownOn_.end(),
+                    [&](const auto& other) { return other.get() == channel.get(); })) {
+        return;
+    }
+    for (const char* name : {Consts::AmplifierFailure, Consts::SettingsInForce}) {
+        const auto info = PropertyInfoPtr::create(name, CoreType::String).defaultValue("").hidden();
+        IEvent* event = nullptr;
+        checkErrorInfo(info->getOnValueChanged(&event));
+        channel.registerProperty(info);
+        hooks_.subscribe(ObjectPtr<IEvent>::take(event), [this](auto&, auto&) {
+            if (!showing_) {
+                showState();
+            }
+        });
+    }
+    shownOn_.push_back(channel);
+    showStateOn(channel);
+}
+
+void DaqAmplifier::showState() {
+    for (const auto& channel : shownOn_) {
+        showStateOn(channel);
+    }
+}
+
+// Nobody else may write it: a setup that is loaded brings what was so when it was stored.
+void DaqAmplifier::showStateOn(const ChannelPtr<IChannel>& channel) {
+    const auto failure = amplifier_->lastFailure();
+    const std::pair<const char*, std::string> facts[] = {
+        {Consts::AmplifierFailure, failure ? failure->text() : std::string()},
+        {Consts::SettingsInForce, settingsInForceText()}};
+    const Raised scope(showing_);
+    for (const auto& [name, text] : facts) {
+        if (channel.getPropertyValue<std::string>(name) != text) {
+            channel.setPropertyValue(name, text);
+        }
+    }
 }
 
 // Operations.
@@ -330,14 +456,14 @@ bool DaqAmplifier::hasProperty(const StringPtr& name) const {
 
 template <class Body>
 void DaqAmplifier::setProcedure(const char* name, Body body) {
-    channel_.setPropertyValue(name, makeProc(life_.guard(std::move(body))));
+    channel_.setPropertyValue(name, makeProc(hooks_.whileAlive(std::move(body))));
 }
 
 // `body` turns the argument into the result.
 template <class Body>
 void DaqAmplifier::setFunction(const char* name, Body body) {
     channel_.setPropertyValue(
-        name, makeFunc(life_.guard([body = std::move(body)](const BasePtr& argument, BasePtr& result) -> ErrCode {
+        name, makeFunc(hooks_.whileAlive([body = std::move(body)](const BasePtr& argument, BasePtr& result) -> ErrCode {
             result = body(argument);
             return Errors::Success;
         })));
@@ -375,6 +501,8 @@ void DaqAmplifier::initBridgeBalanceProperties() {
         return codeOf(balancer_.balanceAmplifier(amplifier_), "The amplifier is being balanced already.");
     });
     setFunction(getSensorBalanceStatusProp, [this](const BasePtr&) { return toValue(balancer_.isBalancingRunning()); });
+    channel_.registerProperty(PropertyInfoPtr::create(Consts::GetSensorBalanceResult, CoreType::Func).hidden());
+    setFunction(Consts::GetSensorBalanceResult, [this](const BasePtr&) { return toValue(balancer_.result()); });
     setProcedure(resetSensorBalanceProp, [this](const BasePtr&) {
         return codeOf(balancer_.resetAmplifierBalance(amplifier_), "The balance could not be reset.");
     });

@@ -4,6 +4,7 @@ namespace Harvane::RT::Modules::Daq {
 
 // Names of the host properties that an amplifier may have. Which of them it has, its definition says.
 struct DaqAmplifierConsts {
+    static constexpr const char* AmplifierID = "AmplifierID";
     static constexpr const char* Range = "Range";
     static constexpr const char* Measurement = "Measurement";
     static constexpr const char* LPFilter = "LPFilter";
@@ -36,6 +37,10 @@ struct DaqAmplifierConsts {
     static constexpr const char* SupportsLed1Control = "SupportsLed1Control";
     static constexpr const char* NotifyEnterChSetup = "NotifyEnterChSetup";
     static constexpr const char* NotifyLeaveChSetup = "NotifyLeaveChSetup";
+    // What the module says of each amplifier, whatever its definition.
+    static constexpr const char* AmplifierFailure = "AmplifierFailure";
+    static constexpr const char* SettingsInForce = "SettingsInForce";
+    static constexpr const char* GetSensorBalanceResult = "GetSensorBalanceResult";
 };
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include <boost/filesystem.hpp>
 
@@ -21,7 +20,6 @@ using namespace Core;
 
 namespace {
 
-constexpr const char* amplifierIdProp = "AmplifierID";
 constexpr const char* moduleNameProp = "ModuleName";
 
 // How many factories of this library hold a class. The host compares class names without regard to ASCII case.
@@ -39,21 +37,6 @@ std::string keyOf(std::string name) {
     std::transform(name.begin(), name.end(), name.begin(),
                    [](unsigned char c) { return c < 128 ? static_cast<char>(std::tolower(c)) : static_cast<char>(c); });
     return name;
-}
-
-std::string identifierOf(const PropertyObjectClassPtr& objectClass) {
-    const BasePtr value = objectClass.getProperty(amplifierIdProp).getReadOnlyValue();
-    if (const auto text = value.asPtrOrNull<IString>()) {
-        return StringPtr(text).toStdString();
-    }
-    char* text = nullptr;
-    if (failed(value->toString(&text)) || text == nullptr) {
-        zornClearErrorInfo();
-        return "Unknown";
-    }
-    std::string result = text;
-    zornFreeMemory(text);
-    return result;
 }
 
 BasePtr rangeItem(const char* displayName, double min, double max) {
@@ -88,7 +71,7 @@ void DaqAmplifiersFactory::registerAmplifiers(const std::string& directory) {
         return;
     }
     while (!error && entry != fs::directory_iterator()) {
-        if (entry->path().extension() == ".json") {
+        if (isDefinitionName(entry->path().string())) {
             initFromFile(entry->path().string());
         }
         entry.increment(error);
@@ -113,6 +96,7 @@ void DaqAmplifiersFactory::unregisterAmplifiers() {
     }
     used_.clear();
     classes_.clear();
+    origins_.clear();
     files_.clear();
 }
 
@@ -122,69 +106,74 @@ std::string DaqAmplifiersFactory::getAmplifierClassName(const std::string& id) c
 }
 
 std::string DaqAmplifiersFactory::getDefinitionFile(const std::string& className) const {
-    const auto entry = files_.find(className);
-    return entry == files_.end() ? std::string() : entry->second;
+    const auto entry = origins_.find(className);
+    return entry == origins_.end() ? std::string() : entry->second;
 }
 
 bool DaqAmplifiersFactory::initFromFile(const std::string& path) {
-    try {
-        const auto objectClass = deserializeAmplDefinition(path);
-        if (!objectClass || !tryRegisterAmplDefinition(objectClass)) {
-            return false;
+    return init(readDefinitionFile(path), path);
+}
+
+bool DaqAmplifiersFactory::initFromText(const std::string& text, const std::string& path) {
+    return init(readDefinition(text), path);
+}
+
+bool DaqAmplifiersFactory::init(AmplifierDefinition definition, const std::string& path) {
+    if (definition.objectClass) {
+        try {
+            registerDefinition(definition);
+            // Of two files with one class the host has the first one's.
+            if (definition.className != unknownAmplifierClass) {
+                origins_.try_emplace(definition.className, path);
+            }
+        } catch (const ZornException& failure) {
+            definition.reason = failure.what();
         }
-        // Of two files with one class the host has the first one's.
-        files_.try_emplace(objectClass.getName().toStdString(), path);
-        return true;
-    } catch (...) {
-        return false;
+        definition.objectClass = {};
     }
+    const bool registered = definition.reason.empty();
+    files_.push_back({path, std::move(definition), registered});
+    return registered;
 }
 
 PropertyObjectClassPtr DaqAmplifiersFactory::deserializeAmplDefinition(const std::string& path) {
-    boost::system::error_code error;
-    // Opening a pipe would wait for whoever writes into it.
-    if (!boost::filesystem::is_regular_file(path, error)) {
-        return {};
+    std::string text;
+    const AmplifierDefinition definition = readDefinitionFile(path, &text);
+    if (!definition.objectClass && !text.empty()) {
+        throw DeserializeException("%s", definition.reason.c_str());
     }
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return {};
-    }
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    file.close();
-
-    IDeserializer* raw = nullptr;
-    checkErrorInfo(createJsonDeserializer(&raw));
-    const auto deserializer = ObjectPtr<IDeserializer>::take(raw);
-    IBaseObject* object = nullptr;
-    checkErrorInfo(deserializer->deserialize(StringPtr(text).get(), &object));
-    return BasePtr::take(object).asPtr<IPropertyObjectClass>();
+    return definition.objectClass;
 }
 
 bool DaqAmplifiersFactory::tryRegisterAmplDefinition(PropertyObjectClassPtr objectClass) {
     try {
-        // Without an identifier nothing leads to the class.
-        objectClass.getProperty(amplifierIdProp);
-        objectClass.setParent(ChannelPropertyClass::ClassName);
-        addClass(objectClass);
-        const std::string id = identifierOf(objectClass);
-        classes_[id] = objectClass.getName().toStdString();
-        return true;
-    } catch (...) {
-        return false;
+        const auto definition = describeDefinition(objectClass);
+        if (definition.objectClass) {
+            registerDefinition(definition);
+            return true;
+        }
+    } catch (const ZornException&) {
+        zornClearErrorInfo();
     }
+    return false;
 }
 
-void DaqAmplifiersFactory::addClass(const PropertyObjectClassPtr& objectClass) {
-    const std::string key = keyOf(objectClass.getName().toStdString());
+void DaqAmplifiersFactory::registerDefinition(const AmplifierDefinition& definition) {
+    definition.objectClass.setParent(ChannelPropertyClass::ClassName);
+    addClass(definition);
+    classes_[definition.identifier] = definition.className;
+}
+
+void DaqAmplifiersFactory::addClass(const AmplifierDefinition& definition) {
+    const std::string key = keyOf(definition.className);
     const auto manager = PropertyObjectManagerPtr::create();
     SharedClasses& shared = sharedClasses();
     const std::lock_guard lock(shared.mutex);
-    const ErrCode code = manager->addClass(objectClass.get());
+    const ErrCode code = manager->addClass(definition.objectClass.get());
     if (code == Errors::AlreadyExists) {
         const std::string text = takeErrorMessage();
-        const auto present = manager.findClass(objectClass.getName());
-        if (!present || identifierOf(present) != identifierOf(objectClass)) {
+        const auto present = manager.findClass(definition.className);
+        if (!present || describeDefinition(present).identifier != definition.identifier) {
             throw AlreadyExistsException("%s", text.c_str());
         }
         // One that the host has from elsewhere is used and left alone.
@@ -207,8 +196,9 @@ void DaqAmplifiersFactory::initUnknownAmplifier() {
     objectClass.setName(unknownAmplifierClass);
     objectClass.registerProperty(
         PropertyInfoPtr::create(moduleNameProp, CoreType::String).defaultValue("").readOnly("Unknown"));
-    objectClass.registerProperty(
-        PropertyInfoPtr::create(amplifierIdProp, CoreType::String).defaultValue("").readOnly("0.0.0.0"));
+    objectClass.registerProperty(PropertyInfoPtr::create(DaqAmplifierConsts::AmplifierID, CoreType::String)
+                                     .defaultValue("")
+                                     .readOnly("0.0.0.0"));
     objectClass.registerProperty(PropertyInfoPtr::create(DaqAmplifierConsts::Measurement, CoreType::Int)
                                      .defaultValue(0)
                                      .values(ListPtr::create({toValue("Voltage")}))

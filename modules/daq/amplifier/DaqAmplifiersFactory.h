@@ -3,9 +3,11 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include <zorn/objects/property_object.h>
 
+#include "modules/daq/amplifier/DefinitionReader.h"
 #include "modules/daq/amplifier/IDaqAmplifiersFactory.h"
 
 namespace Harvane::RT::Modules::Daq {
@@ -35,20 +37,34 @@ public:
     // Path of the file that a class came from; "" for the built-in class.
     std::string getDefinitionFile(const std::string& className) const;
 
+    // What has become of a file, in the order in which they were read.
+    struct File {
+        std::string path;
+        // Without its class, which the host has now. The reason is also that of the host when it refused the class.
+        AmplifierDefinition definition;
+        bool registered = false;  // an identifier leads to a class of this name
+    };
+    const std::vector<File>& files() const { return files_; }
+
     // Reads and registers one file; false when it is of no use.
     bool initFromFile(const std::string& path);
-    // Empty when the file can't be opened; an exception of the host when it is no property class.
+    // The same for a text; `path` is what it is known by.
+    bool initFromText(const std::string& text, const std::string& path);
+    // Empty when the file can't be read; an exception of the host when it is no property class with an identifier.
     Core::PropertyObjectClassPtr deserializeAmplDefinition(const std::string& path);
     // Makes the class a channel class, adds it to the host and keeps its identifier.
     bool tryRegisterAmplDefinition(Core::PropertyObjectClassPtr objectClass);
     void initUnknownAmplifier();
 
 private:
-    void addClass(const Core::PropertyObjectClassPtr& objectClass);
+    bool init(AmplifierDefinition definition, const std::string& path);
+    void registerDefinition(const AmplifierDefinition& definition);
+    void addClass(const AmplifierDefinition& definition);
 
     std::unordered_map<std::string, std::string> classes_;  // amplifier identifier to class name
-    std::unordered_map<std::string, std::string> files_;    // class name to the path of its definition
+    std::unordered_map<std::string, std::string> origins_;  // class name to the path of its definition
     std::unordered_set<std::string> used_;                  // classes of the host that this factory holds
+    std::vector<File> files_;
 };
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -12,6 +12,7 @@
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/HostValues.h"
 #include "modules/daq/controller/DaqController.h"
+#include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CntChannel.h"
 #include "modules/daq/objectmodel/DaqLoop.h"
@@ -169,6 +170,10 @@ void DaqStructure::updateScaleFactors() {
         amplifier->update(false);
     }
     for (const auto& [channel, hostChannel] : state_.channels) {
+        // What an amplifier has only taken now counts too: scale and range are those of what is in force.
+        if (const auto analogInput = std::dynamic_pointer_cast<AIChannel>(channel)) {
+            analogInput->prepareScaleFactors();
+        }
         hostChannel.setScale(channel->scale);
         hostChannel.setOffset(channel->offset);
         hostChannel.setMinValue(channel->minValue);

@@ -1,6 +1,8 @@
 #include "modules/daq/bridge/HostRates.h"
 
 #include <algorithm>
+#include <optional>
+#include <vector>
 
 #include <zorn/structure/property_classes.h>
 
@@ -238,15 +240,15 @@ void HostRates::takeWrittenInRun() noexcept {
         const auto shownRate = [](const auto& object) {
             return intOf(object.getPropertyValue(DataModuleConsts::SampleRateProp));
         };
-        std::vector<int> deviceRates;
-        std::vector<int> channelRates;
+        std::vector<std::optional<int>> deviceRates;
+        std::vector<std::optional<int>> channelRates;
         for (const auto& [device, folder] : state_.devices) {
             const int shown = shownRate(folder);
-            deviceRates.push_back(shown == device->getRate() ? 0 : shown);
+            deviceRates.push_back(shown == device->getRate() ? std::nullopt : std::optional(shown));
         }
         for (const auto& [channel, hostChannel] : state_.channels) {
             const int shown = shownRate(hostChannel);
-            channelRates.push_back(shown == channel->getRate() ? 0 : shown);
+            channelRates.push_back(shown == channel->getRate() ? std::nullopt : std::optional(shown));
         }
         bool clockChanged = false;
         for (const auto& [device, folder] : state_.devices) {
@@ -272,10 +274,10 @@ void HostRates::takeWrittenInRun() noexcept {
             recheckRates();
         }
         for (size_t i = 0; i < deviceRates.size(); ++i) {
-            if (deviceRates[i] != 0) {
+            if (deviceRates[i]) {
                 const auto& [device, folder] = state_.devices[i];
-                device->setRate(adjust("Daq Device Sample rate", deviceRates[i],
-                                       possibleDeviceRate(*device, deviceRates[i]), folder,
+                device->setRate(adjust("Daq Device Sample rate", *deviceRates[i],
+                                       possibleDeviceRate(*device, *deviceRates[i]), folder,
                                        DeviceFolderConsts::SampleRateProp));
                 folder.setPropertyValue(DeviceFolderConsts::SampleRateProp, rateValue(device->getRate()));
                 writeChannelRates();
@@ -283,10 +285,10 @@ void HostRates::takeWrittenInRun() noexcept {
         }
         for (size_t i = 0; i < channelRates.size(); ++i) {
             const auto& [channel, hostChannel] = state_.channels[i];
-            const auto device = channelRates[i] != 0 ? controller_.findDeviceByChannel(channel) : nullptr;
+            const auto device = channelRates[i] ? controller_.findDeviceByChannel(channel) : nullptr;
             if (device) {
-                channel->setRate(adjust("Channel rate", channelRates[i],
-                                        device->checkChannelRate(channel->number, device->getRate(), channelRates[i]),
+                channel->setRate(adjust("Channel rate", *channelRates[i],
+                                        device->checkChannelRate(channel->number, device->getRate(), *channelRates[i]),
                                         hostChannel, ChannelPropertyClass::SampleRateProp));
                 hostChannel.setPropertyValue(ChannelPropertyClass::SampleRateProp, rateValue(channel->getRate()));
                 if (isSync(*channel)) {

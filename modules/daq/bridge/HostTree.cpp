@@ -9,6 +9,7 @@
 #include <zorn/structure/property_classes.h>
 
 #include "modules/daq/amplifier/DaqAmplifier.h"
+#include "modules/daq/amplifier/DefinitionTrial.h"
 #include "modules/daq/bridge/CntProperties.h"
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/HostRates.h"
@@ -370,9 +371,11 @@ void HostTree::buildChannel(const std::shared_ptr<Channel>& channel, const Chann
 // The properties of each kind of channel.
 void HostTree::buildAIChannel(const std::shared_ptr<AIChannel>& channel, const ChannelPtr<IChannel>& hostChannel,
                               const AcquisitionSyncPtr& sync) {
-    // Of the channels that share an amplifier the first one shows its properties.
-    if (std::any_of(state_.amplifiers.begin(), state_.amplifiers.end(),
-                    [&](const auto& other) { return other->getAmplifier() == channel->amplifier; })) {
+    // Of the channels that share an amplifier the first one shows its properties, and each how the amplifier stands.
+    const auto shared = std::find_if(state_.amplifiers.begin(), state_.amplifiers.end(),
+                                     [&](const auto& other) { return other->getAmplifier() == channel->amplifier; });
+    if (shared != state_.amplifiers.end()) {
+        (*shared)->addSharer(hostChannel);
         return;
     }
     if (!channel->amplifier) {
@@ -383,29 +386,41 @@ void HostTree::buildAIChannel(const std::shared_ptr<AIChannel>& channel, const C
     state_.amplifiers.push_back(amplifier);
 }
 
-// A bad definition costs its own amplifier only, also one that shows its fault when its properties are read. That is
-// tried on a channel that nobody sees, with an amplifier that has no hardware.
+// A bad definition costs its own amplifier only, also one that shows its fault when its properties are read. One that
+// fails in another measurement only can be used until that is chosen.
 std::string HostTree::usableAmplifierClass(const AIChannel& channel, const NodePtr<>& folder) {
     const std::string className = amplifierFactory_.getAmplifierClassName(channel.amplifier->getId());
     if (className == DaqAmplifiersFactory::unknownAmplifierClass) {
         return className;
     }
-    try {
-        const auto trialFolder = ChannelFolderPtr::create("Trial");
+    ChannelFolderPtr trialFolder;
+    const auto failures = DefinitionTrial::run(className, [&] {
+        trialFolder = ChannelFolderPtr::create("Trial");
         if (const auto named = folder ? folder.asPtrOrNull<IChannelNode>() : ObjectPtr<IChannelNode>()) {
             trialFolder.setName(ChannelNodePtr<>(named).getName());
         }
-        const auto trial = createHostChannel(channel);
+        auto trial = createHostChannel(channel);
         trialFolder.addChild(trial);
         describeChannel(channel, trial);
         registerChannelProperties(channel, trial, state_.channels.size());
-        DaqAmplifier(trial, std::make_shared<Amplifier>(), AcquisitionSyncPtr()).init(className);
-        return className;
-    } catch (const ZornException& exception) {
-        LOG_(0, plog::error) << "The amplifier definition \"" << amplifierFactory_.getDefinitionFile(className)
-                             << "\" can't be used, its amplifier is shown as unknown. " << exception.what();
-        return DaqAmplifiersFactory::unknownAmplifierClass;
+        if (isSync(channel)) {
+            trial.registerProperty(PropertyInfoPtr::create(DaqChannelConsts::ExactSampleRateProp, CoreType::Ratio)
+                                       .defaultValue(rateValue(channel.getRate()))
+                                       .hidden());
+        }
+        return trial;
+    });
+    const std::string file = amplifierFactory_.getDefinitionFile(className);
+    for (const auto& failure : failures) {
+        if (failure.measurement < 0) {
+            LOG_(0, plog::error) << "The amplifier definition \"" << file
+                                 << "\" can't be used, its amplifier is shown as unknown. " << failure.text;
+            return DaqAmplifiersFactory::unknownAmplifierClass;
+        }
+        LOG_(0, plog::warning) << "The amplifier definition \"" << file << "\" fails in measurement "
+                               << failure.measurement << " (" << failure.name << "). " << failure.text;
     }
+    return className;
 }
 
 // The settings of a route out of the instrument, as an object of one of the host's classes for routes.

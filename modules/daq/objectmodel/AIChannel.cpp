@@ -21,18 +21,22 @@ void AIChannel::initialize() {
 }
 
 void AIChannel::initializeAcquisition() {
+    ++run;
     Channel::initializeAcquisition();
     amplifier->update();
     prepareScaleFactors();
 }
 
 void AIChannel::prepareScaleFactors() {
-    unit = amplifier->rangeUnit;
+    unit = amplifier->settingsInForce()->rangeUnit;
     minValue = amplifier->getMinValue();
     maxValue = amplifier->getMaxValue();
-    const double step = isFloat ? 1.0 : (maxValue - minValue) / std::ldexp(1.0, resolution);
-    scale = step * amplifier->getScale();
+    scale = quantum() * amplifier->getScale();
     offset = amplifier->getOffset();
+}
+
+double AIChannel::quantum() const {
+    return isFloat ? 1.0 : (amplifier->getMaxValue() - amplifier->getMinValue()) / std::ldexp(1.0, resolution);
 }
 
 }  // namespace Harvane::RT::Modules::Daq

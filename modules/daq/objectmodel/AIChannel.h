@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 
 #include "modules/daq/objectmodel/Channel.h"
@@ -19,10 +21,14 @@ public:
     void initialize() override;
     // Sends pending settings to the amplifier, then takes the scale from it.
     void initializeAcquisition() override;
+    // Unit, limits, scale and offset from what is in force in the amplifier.
     void prepareScaleFactors();
+    // What one step of an integer sample stands for, before the amplifier's scale; 1 for float samples.
+    double quantum() const;
 
     std::shared_ptr<Amplifier> amplifier;
-    int resolution = 32;  // Bits; 32 or 64 with isFloat, at most 32 without.
+    std::atomic<std::uint32_t> run{0};  // Number of the acquisition that has been set up last.
+    int resolution = 32;                // Bits; 32 or 64 with isFloat, at most 32 without.
 };
 
 }  // namespace Harvane::RT::Modules::Daq

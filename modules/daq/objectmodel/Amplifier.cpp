@@ -1,9 +1,5 @@
 #include "modules/daq/objectmodel/Amplifier.h"
 
-#include <algorithm>
-#include <charconv>
-#include <stdexcept>
-
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
 #include "modules/daq/objectmodel/DaqAmplifierMeasurementsConsts.h"
@@ -19,20 +15,6 @@ constexpr double scaleWithoutDivisor = 10000.0;
 
 double excitationScale(double excitation) {
     return excitation < minExcitation ? scaleWithoutDivisor : 1000.0 / excitation;
-}
-
-// The number that a display name begins with, its point a point whatever the language of the process.
-double rangeOf(const std::string& text) {
-    double range = 0.0;
-    const auto start = std::min(text.find_first_not_of(" \t"), text.size());
-    const auto result = std::from_chars(text.data() + start, text.data() + text.size(), range);
-    if (result.ec == std::errc::invalid_argument) {
-        throw std::invalid_argument("the range \"" + text + "\" is no number.");
-    }
-    if (result.ec == std::errc::result_out_of_range) {
-        throw std::out_of_range("the range \"" + text + "\" is beyond all numbers.");
-    }
-    return range;
 }
 
 }  // namespace
@@ -51,7 +33,7 @@ int Amplifier::getModuleType() {
 }
 
 double Amplifier::getScale() {
-    const std::string type = getMeasureType();
+    const std::string type = settingsInForce()->measureType();
     if (type == DaqAmplifierMeasurementsConsts::Bridge || type == DaqAmplifierMeasurementsConsts::Potentiometer) {
         return getBridgeExcitationScale();
     }
@@ -65,15 +47,15 @@ double Amplifier::getScale() {
 }
 
 double Amplifier::getOffset() {
-    return getMeasureType() == DaqAmplifierMeasurementsConsts::Bridge ? bridgeOffset.load() : 0.0;
+    return settingsInForce()->measureType() == DaqAmplifierMeasurementsConsts::Bridge ? bridgeOffset.load() : 0.0;
 }
 
 double Amplifier::getMinValue() {
-    return valueAt(minValues, rangeIndex);
+    return settingsInForce()->minValue();
 }
 
 double Amplifier::getMaxValue() {
-    return valueAt(maxValues, rangeIndex);
+    return settingsInForce()->maxValue();
 }
 
 int Amplifier::getSensorStatus() {
@@ -133,12 +115,53 @@ bool Amplifier::isSelectedExternalShuntUnitInmA() const {
 }
 
 int Amplifier::calculateResistanceModeDeviceRangeIndex() const {
-    return rangeIndex;
+    return settings()->rangeIndex;
 }
 
 void Amplifier::updateDeviceRangeDuringAcquisition(int) {}
 
 void Amplifier::updateCalibrationFactorsDuringAcquisition() {}
+
+std::shared_ptr<const AmplifierSettings> Amplifier::settingsInForce() const {
+    return settings();
+}
+
+bool Amplifier::areSettingsInForceKnown() const {
+    return true;
+}
+
+void Amplifier::beginRequest() {}
+
+std::shared_ptr<const AmplifierSettings> Amplifier::settings() const {
+    const std::lock_guard lock(mutex_);
+    return settings_;
+}
+
+void Amplifier::setSettings(AmplifierSettings settings) {
+    auto next = std::make_shared<const AmplifierSettings>(std::move(settings));
+    const std::lock_guard lock(mutex_);
+    settings_.swap(next);
+}
+
+std::optional<AmplifierFailure> Amplifier::lastFailure() const {
+    const std::lock_guard lock(mutex_);
+    return failure_;
+}
+
+void Amplifier::setFailure(std::optional<AmplifierFailure> failure) {
+    const std::lock_guard lock(mutex_);
+    failure_ = std::move(failure);
+}
+
+std::shared_ptr<const AmplifierSettings> Amplifier::taken() const {
+    const std::lock_guard lock(mutex_);
+    return taken_;
+}
+
+void Amplifier::setTaken(std::shared_ptr<const AmplifierSettings> settings) {
+    const std::lock_guard lock(mutex_);
+    taken_.swap(settings);
+}
 
 std::string Amplifier::getId() {
     return std::to_string(getModuleType()) + "." + std::to_string(getHwCapabilities()) + "." +
@@ -146,19 +169,22 @@ std::string Amplifier::getId() {
 }
 
 std::string Amplifier::getMeasureType() const {
-    return textAt(measurements, measurementIndex);
+    return settings()->measureType();
 }
 
 std::string Amplifier::getBridgeType() const {
-    return textAt(bridgeTypes, bridgeTypeIndex);
+    const auto now = settings();
+    return AmplifierSettings::textAt(now->bridgeTypes, now->bridgeTypeIndex);
 }
 
 std::string Amplifier::getInputType() const {
-    return textAt(inputTypes, inputTypeIndex);
+    const auto now = settings();
+    return AmplifierSettings::textAt(now->inputTypes, now->inputTypeIndex);
 }
 
 std::string Amplifier::getCoupling() const {
-    return textAt(hpFilters, hpFilterIndex);
+    const auto now = settings();
+    return AmplifierSettings::textAt(now->hpFilters, now->hpFilterIndex);
 }
 
 std::shared_ptr<AIChannel> Amplifier::getAIChannel() {
@@ -167,45 +193,32 @@ std::shared_ptr<AIChannel> Amplifier::getAIChannel() {
 }
 
 double Amplifier::getBridgeExcitationScale() const {
-    return isBridgeExcScalingEnabled() ? excitationScale(excitationValue) : 1.0;
+    return isBridgeExcScalingEnabled() ? excitationScale(settingsInForce()->excitationValue) : 1.0;
 }
 
 double Amplifier::getCurrentScale() const {
     if (!isCurrentScalingEnabled()) {
         return 1.0;
     }
-    const double scale =
-        externalShuntResistance < minShuntResistance ? scaleWithoutDivisor : 1.0 / externalShuntResistance;
+    const double resistance = settingsInForce()->externalShuntResistance;
+    const double scale = resistance < minShuntResistance ? scaleWithoutDivisor : 1.0 / resistance;
     return isSelectedExternalShuntUnitInmA() ? scale * 1000.0 : scale;
 }
 
 double Amplifier::getResistanceScale() const {
-    return isResistanceScalingEnabled() ? excitationScale(excitationValue) : 1.0;
+    return isResistanceScalingEnabled() ? excitationScale(settingsInForce()->excitationValue) : 1.0;
 }
 
 double Amplifier::getFullDeviceRangeMin(unsigned long deviceRange) const {
-    return -(valueAt(deviceRanges, static_cast<std::int64_t>(deviceRange)) * 1000.0) /
-               std::max(excitationValue, minExcitation) +
-           bridgeOffset;
+    return settings()->fullDeviceRangeMin(static_cast<std::int64_t>(deviceRange), bridgeOffset);
 }
 
 double Amplifier::getFullDeviceRangeMax(unsigned long deviceRange) const {
-    return valueAt(deviceRanges, static_cast<std::int64_t>(deviceRange)) * 1000.0 /
-               std::max(excitationValue, minExcitation) +
-           bridgeOffset;
+    return settings()->fullDeviceRangeMax(static_cast<std::int64_t>(deviceRange), bridgeOffset);
 }
 
 int Amplifier::calculateBridgeModeDeviceRangeIndex() const {
-    if (getMeasureType() != DaqAmplifierMeasurementsConsts::Bridge) {
-        return rangeIndex;
-    }
-    const double range = rangeOf(textAt(ranges, rangeIndex));
-    for (auto i = deviceRanges.size(); i-- > 0;) {
-        if (getFullDeviceRangeMax(i) >= range && -range >= getFullDeviceRangeMin(i)) {
-            return static_cast<int>(i);
-        }
-    }
-    return 0;
+    return settings()->bridgeDeviceRange(bridgeOffset);
 }
 
 int Amplifier::calculateRealDeviceRangeIndex() const {
@@ -216,138 +229,127 @@ int Amplifier::calculateRealDeviceRangeIndex() const {
     if (type == DaqAmplifierMeasurementsConsts::Resistance) {
         return calculateResistanceModeDeviceRangeIndex();
     }
-    return rangeIndex;
+    return settings()->rangeIndex;
 }
 
 void Amplifier::clearMeasurementValues() {
-    measurements.clear();
+    edit([](AmplifierSettings& now) { now.measurements.clear(); });
 }
 
 void Amplifier::addMeasurementValue(const std::string& value) {
-    measurements.push_back(value);
+    edit([&](AmplifierSettings& now) { now.measurements.push_back(value); });
 }
 
 void Amplifier::clearRanges() {
-    ranges.clear();
+    edit([](AmplifierSettings& now) { now.ranges.clear(); });
 }
 
 void Amplifier::addRangeValue(const std::string& value) {
-    ranges.push_back(value);
+    edit([&](AmplifierSettings& now) { now.ranges.push_back(value); });
 }
 
 void Amplifier::clearMinValues() {
-    minValues.clear();
+    edit([](AmplifierSettings& now) { now.minValues.clear(); });
 }
 
 void Amplifier::addMinValue(double value) {
-    minValues.push_back(value);
+    edit([&](AmplifierSettings& now) { now.minValues.push_back(value); });
 }
 
 void Amplifier::clearMaxValues() {
-    maxValues.clear();
+    edit([](AmplifierSettings& now) { now.maxValues.clear(); });
 }
 
 void Amplifier::addMaxValue(double value) {
-    maxValues.push_back(value);
+    edit([&](AmplifierSettings& now) { now.maxValues.push_back(value); });
 }
 
 void Amplifier::clearLpFilters() {
-    lpFilters.clear();
+    edit([](AmplifierSettings& now) { now.lpFilters.clear(); });
 }
 
 void Amplifier::addLpFilter(const std::string& value) {
-    lpFilters.push_back(value);
+    edit([&](AmplifierSettings& now) { now.lpFilters.push_back(value); });
 }
 
 void Amplifier::clearHpFilters() {
-    hpFilters.clear();
+    edit([](AmplifierSettings& now) { now.hpFilters.clear(); });
 }
 
 void Amplifier::addHpFilter(const std::string& value) {
-    hpFilters.push_back(value);
+    edit([&](AmplifierSettings& now) { now.hpFilters.push_back(value); });
 }
 
 void Amplifier::clearInputTypes() {
-    inputTypes.clear();
+    edit([](AmplifierSettings& now) { now.inputTypes.clear(); });
 }
 
 void Amplifier::addInputType(const std::string& value) {
-    inputTypes.push_back(value);
+    edit([&](AmplifierSettings& now) { now.inputTypes.push_back(value); });
 }
 
 void Amplifier::clearConnectionTypes() {
-    connectionTypes.clear();
+    edit([](AmplifierSettings& now) { now.connectionTypes.clear(); });
 }
 
 void Amplifier::addConnectionType(const std::string& value) {
-    connectionTypes.push_back(value);
+    edit([&](AmplifierSettings& now) { now.connectionTypes.push_back(value); });
 }
 
 void Amplifier::clearExcitations() {
-    excitations.clear();
+    edit([](AmplifierSettings& now) { now.excitations.clear(); });
 }
 
 void Amplifier::addExcitation(double value) {
-    excitations.push_back(value);
+    edit([&](AmplifierSettings& now) { now.excitations.push_back(value); });
 }
 
 void Amplifier::clearExcitationTypes() {
-    excitationTypes.clear();
+    edit([](AmplifierSettings& now) { now.excitationTypes.clear(); });
 }
 
 void Amplifier::addExcitationType(const std::string& value) {
-    excitationTypes.push_back(value);
+    edit([&](AmplifierSettings& now) { now.excitationTypes.push_back(value); });
 }
 
 void Amplifier::clearExcitationUnits() {
-    excitationUnits.clear();
+    edit([](AmplifierSettings& now) { now.excitationUnits.clear(); });
 }
 
 void Amplifier::addExcitationUnit(const std::string& value) {
-    excitationUnits.push_back(value);
+    edit([&](AmplifierSettings& now) { now.excitationUnits.push_back(value); });
 }
 
 void Amplifier::clearBridgeTypes() {
-    bridgeTypes.clear();
+    edit([](AmplifierSettings& now) { now.bridgeTypes.clear(); });
 }
 
 void Amplifier::addBridgeType(const std::string& value) {
-    bridgeTypes.push_back(value);
+    edit([&](AmplifierSettings& now) { now.bridgeTypes.push_back(value); });
 }
 
 void Amplifier::clearBridgeShunts() {
-    bridgeShunts.clear();
+    edit([](AmplifierSettings& now) { now.bridgeShunts.clear(); });
 }
 
 void Amplifier::addBridgeShunt(const std::string& value) {
-    bridgeShunts.push_back(value);
+    edit([&](AmplifierSettings& now) { now.bridgeShunts.push_back(value); });
 }
 
 void Amplifier::clearBridgeResistances() {
-    bridgeResistances.clear();
+    edit([](AmplifierSettings& now) { now.bridgeResistances.clear(); });
 }
 
 void Amplifier::addBridgeResistance(double value) {
-    bridgeResistances.push_back(value);
+    edit([&](AmplifierSettings& now) { now.bridgeResistances.push_back(value); });
 }
 
 void Amplifier::clearDeviceRanges() {
-    deviceRanges.clear();
+    edit([](AmplifierSettings& now) { now.deviceRanges.clear(); });
 }
 
 void Amplifier::addDeviceRange(double value) {
-    deviceRanges.push_back(value);
-}
-
-std::string Amplifier::textAt(const std::vector<std::string>& list, std::int64_t index) {
-    return index >= 0 && static_cast<size_t>(index) < list.size() ? list[static_cast<size_t>(index)] : std::string();
-}
-
-double Amplifier::valueAt(const std::vector<double>& list, std::int64_t index) {
-    if (list.empty()) {
-        return 0.0;
-    }
-    return list[static_cast<size_t>(std::clamp<std::int64_t>(index, 0, static_cast<std::int64_t>(list.size()) - 1))];
+    edit([&](AmplifierSettings& now) { now.deviceRanges.push_back(value); });
 }
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -1,24 +1,36 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
+#include "modules/daq/objectmodel/AmplifierSettings.h"
 #include "modules/daq/objectmodel/DaqObject.h"
 
 namespace Harvane::RT::Modules::Daq {
 
 class AIChannel;
 
-// Signal conditioner in front of one analog input: settings with their lists of choices and the arithmetic that makes
-// scale, offset and device range of them. It knows no hardware; a plain one stands where no module sits, with a range
-// of +-10. Its parent is the AIDevice that made it.
+// Why settings are not in force.
+struct AmplifierFailure {
+    std::string step;    // The setting, or what was done with all of them.
+    std::string reason;  // "refused with status 3", "no answer", or what the bus said.
+    std::chrono::system_clock::time_point time;
+
+    std::string text() const { return step + ": " + reason; }
+};
+
+// Signal conditioner in front of one analog input: its settings and the arithmetic that makes scale, offset and device
+// range of them. It knows no hardware; a plain one stands where no module sits, with a range of +-10. Its parent is
+// the AIDevice that made it.
 //
-// The index beside a list comes from the host and may lie outside of the list. The operations here answer then with
-// "" for a text and with the nearest entry for a number (0.0 for an empty list); code that reads a list by its index
-// goes through textAt and valueAt.
+// The settings are published as a whole. One thread at a time changes them, the one that configures; any thread may
+// read. Nothing is called and nothing waited for while the lock behind them is held.
 class Amplifier : public DaqObject {
 public:
     Amplifier();
@@ -50,6 +62,26 @@ public:
     virtual int calculateResistanceModeDeviceRangeIndex() const;
     virtual void updateDeviceRangeDuringAcquisition(int index);
     virtual void updateCalibrationFactorsDuringAcquisition();
+    // The settings by which the hardware works, to which scale and range of the channel belong: those that it has
+    // acknowledged last, and before the first ones those of a plain amplifier. Without hardware the settings.
+    virtual std::shared_ptr<const AmplifierSettings> settingsInForce() const;
+    // Whether the hardware is known to work by them.
+    virtual bool areSettingsInForceKnown() const;
+    // The coming update is a request of its own, whatever has been refused before.
+    virtual void beginRequest();
+
+    // What is asked for. Never null.
+    std::shared_ptr<const AmplifierSettings> settings() const;
+    void setSettings(AmplifierSettings settings);
+    // Publishes a copy that `change` has edited.
+    template <class Change>
+    void edit(Change change) {
+        AmplifierSettings copy = *settings();
+        change(copy);
+        setSettings(std::move(copy));
+    }
+    // Why an update failed. It stays until a newer request is in force.
+    std::optional<AmplifierFailure> lastFailure() const;
 
     // Module type, hardware and firmware capabilities and connector type, joined by ".": the key of a definition.
     std::string getId();
@@ -63,14 +95,13 @@ public:
     double getBridgeExcitationScale() const;
     double getCurrentScale() const;
     double getResistanceScale() const;
-    // Hardware range in the bridge's unit, shifted by the balance.
+    // Of the settings around the present balance offset, see there.
     double getFullDeviceRangeMin(unsigned long index) const;
     double getFullDeviceRangeMax(unsigned long index) const;
-    // The last device range that covers the chosen range around the bridge offset, the first one as the fallback.
-    // std::invalid_argument or std::out_of_range for a range text that is no number.
     int calculateBridgeModeDeviceRangeIndex() const;
     int calculateRealDeviceRangeIndex() const;
 
+    // Each edits the settings by itself.
     void clearMeasurementValues();
     void addMeasurementValue(const std::string& value);
     void clearRanges();
@@ -102,58 +133,26 @@ public:
     void clearDeviceRanges();
     void addDeviceRange(double value);
 
-    // Entry of a list by an index that need not be valid.
-    static std::string textAt(const std::vector<std::string>& list, std::int64_t index);
-    static double valueAt(const std::vector<double>& list, std::int64_t index);
-
     std::int32_t index = 0;  // Place of the amplifier's channel in its AIDevice.
     std::string softwareRevision;
     std::string hardwareRevision;
     std::string serialNumber;
     std::string calibrationDate;
-    std::string rangeUnit;  // Unit of the ranges and of the channel.
-    std::vector<std::string> measurements;
-    std::int32_t measurementIndex = 0;
-    std::vector<std::string> ranges;  // Display names; for a bridge each is a number in text form.
-    std::int32_t rangeIndex = 0;
-    std::int32_t deviceRangeIndex = 0;
-    std::vector<double> deviceRanges;      // Ranges of the hardware.
-    std::vector<double> minValues{-10.0};  // Lower end of each range choice.
-    std::vector<double> maxValues{10.0};   // Upper end of each range choice.
-    std::vector<std::string> lpFilters;
-    std::int32_t lpFilterIndex = 0;
-    std::vector<std::string> hpFilters;  // The texts serve as the coupling.
-    std::int32_t hpFilterIndex = 0;
-    std::vector<std::string> inputTypes;
-    std::int32_t inputTypeIndex = 0;
-    std::vector<std::string> bridgeTypes;
-    std::int32_t bridgeTypeIndex = 0;
-    double bridgeShuntValue = 0.0;
-    std::vector<std::string> bridgeShunts;
-    std::int32_t bridgeShuntIndex = 0;
-    std::int32_t bridgeLeg = 0;
-    std::int32_t externalShuntIndex = 0;
-    double externalShuntResistance = 0.0;  // Ohm.
-    double externalShuntPower = 0.0;
-    double excitationValue = 0.0;
-    std::int32_t excitationIndex = 0;
-    std::vector<double> excitations;
-    double bridgeResistance = 0.0;  // Ohm.
-    std::vector<double> bridgeResistances;
-    std::vector<std::string> excitationTypes;
-    std::int32_t excitationTypeIndex = 0;
-    std::vector<std::string> excitationUnits;
-    std::int32_t excitationUnitIndex = 0;
-    std::vector<std::string> connectionTypes;
-    std::int32_t connectionTypeIndex = 0;
-    bool shortPresent = false;  // The channel has a short switch at all.
-    bool shortOn = false;       // The short switch.
-    bool shunt = false;
     // Software balance offset, in the bridge's unit. The balancing thread moves it while others read it.
     std::atomic<double> bridgeOffset{0.0};
-    bool altExcPolarity = false;
-    std::int32_t bridgeWires = 0;
     bool ledControl = false;  // The module has an LED that notices are sent to.
+
+protected:
+    void setFailure(std::optional<AmplifierFailure> failure);
+    // What the hardware has taken last; null before the first.
+    std::shared_ptr<const AmplifierSettings> taken() const;
+    void setTaken(std::shared_ptr<const AmplifierSettings> settings);
+
+private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<const AmplifierSettings> settings_ = std::make_shared<const AmplifierSettings>();
+    std::shared_ptr<const AmplifierSettings> taken_;
+    std::optional<AmplifierFailure> failure_;
 };
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -2,11 +2,13 @@
 
 #include <cmath>
 #include <complex>
+#include <fstream>
 #include <map>
 #include <numbers>
 
 #include "tests/endtoend/measurement/Bench.h"
 #include "tools/zornhost/AmplifierCommands.h"
+#include "tools/zornhost/DefinitionCheck.h"
 
 // An amplifier as a user sees it: settings in the host, frames on the wire, values back, samples in physical units.
 using namespace kestrixsim;
@@ -128,84 +130,104 @@ Sine sineOf(const RecordingReader& file, const std::string& path, double hz) {
     return {2.0 * std::abs(turn) / static_cast<double>(count), sum / static_cast<double>(count)};
 }
 
-struct Choice {
-    int measurement;
-    int range;
+// One row of the table of what goes in and what reads back.
+struct Cell {
+    int64_t measurement;
+    int64_t range;
+    std::string name;  // of the measurement
+    std::string unit;
     double full;  // the range is + and - so much
-    const char* unit;
-    bool direct;  // 0 Hz passes
 };
 
-// Every range of every delivered definition.
-const std::vector<Choice> choices[] = {
-    {{0, 0, 10, "V", true}, {0, 1, 5, "V", true}, {0, 2, 1, "V", true}, {0, 3, 0.1, "V", true}},
-    {{0, 0, 10, "mV/V", true},
-     {0, 1, 5, "mV/V", true},
-     {0, 2, 2, "mV/V", true},
-     {0, 3, 1, "mV/V", true},
-     {1, 0, 10, "V", true},
-     {1, 1, 1, "V", true},
-     {2, 0, 100, "%", true}},
-    {{0, 0, 10, "V", false},
-     {0, 1, 5, "V", false},
-     {0, 2, 1, "V", false},
-     {1, 0, 10, "V", true},
-     {1, 1, 5, "V", true},
-     {1, 2, 1, "V", true}},
-    {{0, 0, 1000, "V", true}, {0, 1, 400, "V", true}, {0, 2, 200, "V", true}, {0, 3, 50, "V", true}},
-};
+// The rows of all delivered definitions, by the class that an amplifier gets.
+std::map<std::string, std::vector<Cell>> deliveredCells() {
+    std::map<std::string, std::vector<Cell>> cells;
+    for (const auto& report : zornhost::checkDefinitions(KESTRIX_AMPLIFIERS)) {
+        auto& list = cells[report.className];
+        for (size_t m = 0; m < report.measurements.size(); ++m) {
+            const auto& measurement = report.measurements[m];
+            for (size_t r = 0; r < measurement.ranges.size(); ++r) {
+                list.push_back({static_cast<int64_t>(m), static_cast<int64_t>(r), measurement.name, measurement.unit,
+                                std::stod(measurement.ranges[r])});
+            }
+        }
+    }
+    return cells;
+}
 
 }  // namespace
 
-// Five volts are five volts, whatever the range: what is played in is what the file holds.
-TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsPhysicalUnits) {
+// Five volts are five volts, whatever the range: what is played in is what the file holds, to 0.1 % of it.
+TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsBack) {
     constexpr double hz = 100.0;
+    constexpr double share = 0.7;  // of the range
+    constexpr double mean = 0.2;
     Amplified bench(allKinds());
+    auto delivered = deliveredCells();
+    std::map<int, std::vector<Cell>> cells;
     size_t runs = 0;
-    for (const auto& list : choices) {
-        runs = std::max(runs, list.size());
+    for (int slot = 0; slot < 4; ++slot) {
+        const auto found = delivered.find(bench.channel(slot).getClassName().toStdString());
+        ASSERT_NE(found, delivered.end()) << slot;
+        cells[slot] = found->second;
+        runs = std::max(runs, cells[slot].size());
+        delivered.erase(found);
     }
+    EXPECT_TRUE(delivered.empty()) << delivered.begin()->first << ": no amplifier has it here";
+
+    std::vector<std::vector<std::string>> table{
+        {"Amplifier", "Measurement", ">Range", "Unit", ">In", ">Raw", ">Filtered", ">Mean in", ">Raw", ">Filtered"}};
     for (size_t run = 0; run < runs; ++run) {
-        std::map<int, Choice> chosen;
-        for (int slot = 0; slot < 4; ++slot) {
-            if (run >= choices[slot].size()) {
+        std::map<int, Cell> chosen;
+        for (const auto& [slot, list] : cells) {
+            if (run >= list.size()) {
                 continue;
             }
-            const Choice& choice = chosen[slot] = choices[slot][run];
+            const Cell& cell = chosen[slot] = list[run];
             const auto channel = bench.channel(slot);
-            channel.setPropertyValue("Measurement", choice.measurement);
-            channel.setPropertyValue("Range", choice.range);
+            channel.setPropertyValue("Measurement", cell.measurement);
+            channel.setPropertyValue("Range", cell.range);
             ASSERT_EQ(bench.update(slot, true), Errors::Success);
-            EXPECT_EQ(bench.number(slot, "Range"), choice.range);
+            EXPECT_EQ(bench.number(slot, "Range"), cell.range);
             const auto state = bench.instrument().amplifierState(slot);
-            EXPECT_EQ(state.measurement, choice.measurement);
-            EXPECT_EQ(state.range, choice.range);
-            bench.instrument().setWaveform(slot, physicalSine(0.7 * choice.full, 0.2 * choice.full, hz));
+            EXPECT_EQ(state.measurement, cell.measurement);
+            EXPECT_EQ(state.range, cell.range);
+            bench.instrument().setWaveform(slot, physicalSine(share * cell.full, mean * cell.full, hz));
         }
         const std::string name = "ranges" + std::to_string(run) + ".h5";
         const auto report = bench.record(name, 0.35);
         EXPECT_TRUE(report.good()) << report.verdict();
         const RecordingReader file(bench.file(name));
-        for (const auto& [slot, choice] : chosen) {
+        for (const auto& [slot, cell] : chosen) {
             const auto channel = bench.channel(slot);
-            EXPECT_EQ(channel.getMaxValue(), choice.full);
-            EXPECT_EQ(channel.getMinValue(), -choice.full);
+            EXPECT_EQ(channel.getMaxValue(), cell.full);
+            EXPECT_EQ(channel.getMinValue(), -cell.full);
             // The calibration that the amplifier reports is in the scale, and none is as good as none.
             const auto state = bench.instrument().amplifierState(slot);
-            EXPECT_NEAR(channel.getScale(), 2.0 * choice.full / 65536.0 * state.scale, 1e-12 * choice.full);
+            EXPECT_NEAR(channel.getScale(), 2.0 * cell.full / 65536.0 * state.scale, 1e-12 * cell.full);
             EXPECT_NEAR(channel.getOffset(), static_cast<double>(state.offset) * state.scale / 1000.0, 1e-9);
             EXPECT_NE(state.scale, 1.0F);
-            for (const bool filtered : {false, true}) {
-                const std::string path = channelPath(slot, filtered);
-                SCOPED_TRACE(path + ", measurement " + std::to_string(choice.measurement) + ", range " +
-                             std::to_string(choice.full));
-                EXPECT_EQ(file.text(path, "unit"), choice.unit);
-                const Sine sine = filtered ? sineOf<int32_t>(file, path, hz) : sineOf<int16_t>(file, path, hz);
-                EXPECT_NEAR(sine.amplitude, 0.7 * choice.full, 0.001 * 0.7 * choice.full);
-                EXPECT_NEAR(sine.mean, choice.direct ? 0.2 * choice.full : 0.0, 0.001 * choice.full);
+
+            const bool direct = fromValue<std::string>(channel.getPropertyEnum("HPFilter")) == "DC";
+            const double amplitudeIn = share * cell.full;
+            const double meanIn = direct ? mean * cell.full : 0.0;
+            const Sine raw = sineOf<int16_t>(file, channelPath(slot, false), hz);
+            const Sine filtered = sineOf<int32_t>(file, channelPath(slot, true), hz);
+            table.push_back({channel.getClassName().toStdString(), cell.name, zornhost::formatNumber(cell.full),
+                             cell.unit, zornhost::formatNumber(amplitudeIn), zornhost::formatNumber(raw.amplitude),
+                             zornhost::formatNumber(filtered.amplitude), zornhost::formatNumber(meanIn),
+                             zornhost::formatNumber(raw.mean), zornhost::formatNumber(filtered.mean)});
+            SCOPED_TRACE(table.back()[0] + " " + table.back()[1] + " " + table.back()[2]);
+            for (const bool isFiltered : {false, true}) {
+                const Sine& sine = isFiltered ? filtered : raw;
+                EXPECT_EQ(file.text(channelPath(slot, isFiltered), "unit"), cell.unit);
+                EXPECT_NEAR(sine.amplitude, amplitudeIn, 0.001 * amplitudeIn) << isFiltered;
+                EXPECT_NEAR(sine.mean, meanIn, 0.001 * mean * cell.full) << isFiltered;
             }
         }
     }
+    std::printf("%s", zornhost::formatTable(table).c_str());
+    EXPECT_EQ(table.size(), 1u + 4 + 7 + 6 + 4);
 }
 
 // The first update sends all that the definition has, in the amplifier's order; later ones only what has changed.
@@ -244,33 +266,69 @@ TEST(AmplifierRoad, FramesOnTheWireForEachDefinition) {
     EXPECT_EQ(bench.channel(voltage).getMaxValue(), 1.0);
 }
 
-// A bridge's offset is taken away twice, since none but the largest range has room for it, and no sample gets lost.
-TEST(Balancing, WhileARecordingRuns) {
+// The amplifier is asked anew while samples come: the file keeps what was in force when it began, and says the rest.
+TEST(AmplifierRoad, ARefusalWhileARecordingRunsIsInItsReport) {
     Amplified bench(allKinds());
-    bench.instrument().setWaveform(bridge, constant(1.25));
-    const auto report = bench.record("balance.h5", 0.6, {}, [&] {
+    const auto report = bench.record("refused.h5", 0.6, {}, [&] {
+        bench.channel(iepe).setPropertyValue("Excitation", 6.0);
+        EXPECT_EQ(bench.update(iepe), Errors::Success);
+    });
+    EXPECT_FALSE(report.good());
+    ASSERT_EQ(report.refusals.size(), 1u) << report.verdict();
+    EXPECT_EQ(report.refusals[0].module, Amplified::name(iepe));
+    const RecordingReader file(bench.file("refused.h5"));
+    for (const bool filtered : {false, true}) {
+        EXPECT_NE(file.text(channelPath(iepe, filtered), "settings_refused").find("refused"), std::string::npos);
+        EXPECT_NE(file.text(channelPath(iepe, filtered), "settings_in_force").find("Excitation: 4"), std::string::npos);
+        EXPECT_EQ(file.text(channelPath(voltage, filtered), "settings_refused"), "");
+    }
+    // Nothing is left of it in the next one.
+    ASSERT_EQ(bench.update(iepe), Errors::Success);
+    EXPECT_TRUE(bench.record("taken.h5", 0.2).good());
+}
+
+// The offset is found in the bridge's unit. A recording that runs keeps its scale; the next start shows the offset.
+TEST(Balancing, BeforeAndDuringARecording) {
+    Amplified bench(allKinds());
+    const auto balance = [&] {
         EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")) &&
                std::chrono::steady_clock::now() < end) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-    });
-    EXPECT_TRUE(report.good()) << report.verdict();
-    EXPECT_EQ(bench.update(bridge), Errors::Success);
-    // A reading is the newest number of the filtered stream by the amplifier's own scale and offset.
-    const RecordingReader file(bench.file("balance.h5"));
-    const auto samples = file.samples<int32_t>(channelPath(bridge, true));
-    const auto state = bench.instrument().amplifierState(bridge);
-    const double reading = static_cast<double>(static_cast<float>(samples.back())) * state.scale +
-                           static_cast<double>(state.offset) * state.scale / 1000.0;
-    EXPECT_NEAR(bench.channel(bridge).getPropertyValue<double>("BridgeOffset"), -2.0 * reading,
-                1e-5 * std::abs(reading));
-    // The hardware's range has not moved, and neither has the channel's scaling.
-    EXPECT_NEAR(sineOf<int32_t>(file, channelPath(bridge, true), 100.0).mean, 1.25, 0.00125);
+    };
+    // What a recording of a steady input holds, of both streams.
+    const auto recorded = [&](const std::string& name, double expected, const std::function<void()>& during = {}) {
+        SCOPED_TRACE(name);
+        const auto report = bench.record(name + ".h5", 0.6, {}, during);
+        EXPECT_TRUE(report.good()) << report.verdict();
+        const RecordingReader file(bench.file(name + ".h5"));
+        EXPECT_EQ(file.text(channelPath(bridge, false), "unit"), "mV/V");
+        EXPECT_NEAR(sineOf<int16_t>(file, channelPath(bridge, false), 100.0).mean, expected, 0.00125);
+        EXPECT_NEAR(sineOf<int32_t>(file, channelPath(bridge, true), 100.0).mean, expected, 0.00125);
+    };
+    const auto offset = [&] {
+        EXPECT_EQ(bench.update(bridge), Errors::Success);
+        return bench.channel(bridge).getPropertyValue<double>("BridgeOffset");
+    };
+
+    bench.instrument().setWaveform(bridge, constant(1.25));
+    recorded("before", 1.25);
+    recorded("during", 1.25, balance);
+    EXPECT_EQ(fromValue<std::string>(bench.call(bridge, "GetSensorBalanceResult")), "balanced");
+    EXPECT_NEAR(offset(), -1.25, 0.00125);
+    EXPECT_NEAR(bench.channel(bridge).getMaxValue(), 10.0, 1e-9) << "the hardware's range has not moved";
+    recorded("after", 0.0);
+    bench.instrument().setWaveform(bridge, constant(1.5));
+    recorded("moved", 0.25);
+    // Again: what is left over goes as well.
+    recorded("again", 0.25, balance);
+    EXPECT_NEAR(offset(), -1.5, 0.0015);
+    recorded("both", 0.0);
     EXPECT_EQ(bench.dispatch(bridge, "ResetSensorBalance"), Errors::Success);
-    EXPECT_EQ(bench.update(bridge), Errors::Success);
-    EXPECT_EQ(bench.channel(bridge).getPropertyValue<double>("BridgeOffset"), 0.0);
+    EXPECT_EQ(offset(), 0.0);
+    recorded("reset", 1.5);
 }
 
 TEST(Balancing, ModuleUnloadsWhileItRuns) {
@@ -295,4 +353,115 @@ TEST(Balancing, ModuleUnloadsWhileItRuns) {
     // The same process can load it again.
     bench.session().open();
     EXPECT_TRUE(bench.record("again.h5", 0.3).good());
+}
+
+namespace {
+
+std::string definition(const std::string& name, const std::string& identifier, const std::string& more = "") {
+    return R"({"__type": "PropertyObjectClass", "name": ")" + name + R"(", "properties": [
+  {"name": "ModuleName", "type": "string", "readOnly": true, "readOnlyValue": "Mine"},
+  {"name": "AmplifierID", "type": "string", "readOnly": true, "readOnlyValue": ")" +
+           identifier + "\"}" + more + "]}";
+}
+
+std::string range(const std::string& name) {
+    return R"(, {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "V", "values": [
+      {"className": "RangeItem", "propValues": {"DisplayName": ")" +
+           name + R"(", "Min": -10.0, "Max": 10.0}}]})";
+}
+
+const std::string measurements =
+    R"(, {"name": "Measurement", "type": "int", "selection": true, "default": 0, "values": ["Bridge", "Voltage"]})";
+const std::string balance = R"(, {"name": "StartSensorBalance", "type": "proc"}, {"name": "ResetSensorBalance",
+  "type": "proc"}, {"name": "GetSensorBalanceStatus", "type": "func"}, {"name": "DeviceRanges", "type": "float",
+  "default": 0.1, "values": [0.1]}, {"name": "BridgeOffset", "type": "float", "default": 0.0, "unit": "V"})";
+
+}  // namespace
+
+// What the check says of a folder is what the module does with it.
+TEST(Definitions, TheCheckAndTheModuleAgree) {
+    const std::string mine = "1.0.1.1";
+    struct Row {
+        const char* what;
+        std::vector<std::string> files;
+        const char* shown;  // class of the amplifier; "": the one that the check says counts
+        bool mistake;
+        std::vector<int> failing;  // measurements
+    };
+    const Row rows[] = {
+        {"a plus", {definition("ampl_a", mine, measurements + range("+10") + balance)}, "ampl_a", false, {}},
+        {"no number", {definition("ampl_a", mine, measurements + range("ten") + balance)}, "ampl_a", true, {}},
+        {"the unknown amplifier's name", {definition("Ampl_Unknown", mine)}, "ampl_unknown", true, {}},
+        {"the unknown amplifier itself", {definition("ampl_unknown", "0.0.0.0")}, "ampl_unknown", true, {}},
+        {"leading zero", {definition("ampl_a", "01.0.1.1")}, "ampl_unknown", true, {}},
+        {"a channel's property",
+         {definition("ampl_a", mine, R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true, "readOnlyValue":
+           {"__type": "Eval", "expr": "if($Enabled, $PhaseDelay, 1)"}})json")},
+         "ampl_a",
+         false,
+         {}},
+        {"a mistake at first sight",
+         {definition("ampl_a", mine, R"(, {"name": "Short", "type": "bool", "enabled": false})")},
+         "ampl_unknown",
+         true,
+         {}},
+        {"a mistake in another measurement",
+         {definition("ampl_a", mine, measurements + R"json(, {"name": "Range", "type": "reference", "reference":
+           {"__type": "Eval", "expr": "switch($Measurement, 0, %ModuleName)"}})json")},
+         "ampl_unknown",
+         true,
+         {}},
+        {"a mistake in the second measurement",
+         {definition("ampl_a", mine, measurements + R"json(, {"name": "InputType", "type": "int", "selection": true,
+           "default": 0, "values": {"__type": "Eval", "expr": "if($Measurement == 0, $Texts, $ModuleName)"}},
+           {"name": "Texts", "type": "list", "default": ["Differential"]})json")},
+         "ampl_a",
+         true,
+         {1}},
+        {"two of one amplifier", {definition("ampl_a", mine), definition("ampl_b", mine)}, "", true, {}},
+        {"two of one class", {definition("ampl_a", mine), definition("AMPL_A", "1.0.1.2")}, "", true, {}},
+        {"twice the same", {definition("ampl_a", mine), definition("ampl_a", mine)}, "ampl_a", true, {}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        const auto folder = std::filesystem::temp_directory_path() / ("kestrix-agree-" + std::to_string(::getpid()));
+        std::filesystem::create_directories(folder);
+        for (size_t i = 0; i < row.files.size(); ++i) {
+            std::ofstream(folder / ("file" + std::to_string(i) + ".json")) << row.files[i];
+        }
+        std::string counts = "ampl_unknown";
+        bool mistake = false;
+        std::string problems;
+        for (const auto& report : zornhost::checkDefinitions(folder.string())) {
+            mistake = mistake || report.hasErrors();
+            bool another = false;
+            for (const auto& problem : report.problems) {
+                problems += problem.text + "\n";
+                const size_t end = problem.text.find("\" counts");
+                another = another || problem.text.find("nothing of this file counts") != std::string::npos ||
+                          (end != std::string::npos && !problem.text.substr(0, end).ends_with("\"" + report.file));
+            }
+            if (report.outcome == zornhost::DefinitionReport::Outcome::Registered && report.identifier == mine &&
+                !another) {
+                counts = report.className;
+            }
+        }
+        Amplified bench(with({plugged(0, AmplifierKind::Voltage)}), folder.string());
+        std::filesystem::remove_all(folder);
+        EXPECT_EQ(bench.channel(0).getClassName(), counts) << problems;
+        EXPECT_TRUE(*row.shown == 0 || counts == row.shown) << counts << problems;
+        EXPECT_EQ(mistake, row.mistake) << problems;
+        if (!bench.channel(0).hasProperty("Measurement") || counts == "ampl_unknown") {
+            continue;
+        }
+        for (int i = 0; i < 2; ++i) {
+            bench.channel(0).setPropertyValue("Measurement", i);
+            const bool fails = std::count(row.failing.begin(), row.failing.end(), i) > 0;
+            EXPECT_EQ(failed(bench.update(0, true)), fails) << i;
+            EXPECT_EQ(problems.find(i == 0 ? "InputType\": in the measurement \"Bridge"
+                                           : "in the measurement \"Voltage") != std::string::npos,
+                      fails)
+                << problems;
+        }
+    }
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "tests/endtoend/RecordingReader.h"
 #include "tests/endtoend/programs/Process.h"
 
 // `zornhost amplifier` and `zornhost check-amplifiers` as a user types them.
@@ -23,6 +24,9 @@ const Folder& scenarios() {
           "faults": [{"kind": "amplifierBadStatus", "target": 0, "afterCount": 20, "times": 3}]})");
         folder.write("no-chip.json", R"({"boardType": 0, "slots": 1, "supplyOn": true, "modules": [
           {"slot": 0, "amplifier": "bridge", "tedsChip": false}]})");
+        folder.write("iepe.json", R"({"boardType": 0, "slots": 1, "supplyOn": true, "modules": [
+          {"slot": 0, "amplifier": "iepe",
+           "waveform": {"kind": "sine", "unit": "physical", "amplitude": 3, "frequencyHz": 100}}]})");
         return true;
     }();
     static_cast<void>(written);
@@ -112,10 +116,79 @@ TEST(AmplifierProgram, SaysWhatTheAmplifierDidNotTake) {
     EXPECT_EQ(json["taken"], false);
     EXPECT_EQ(json["settings"][0]["requested"], "1 V");
     EXPECT_EQ(json["settings"][0]["text"], "10 V");
-    EXPECT_NE(result.err.find("write of range failed"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("Range: "), std::string::npos) << result.err;
     const auto text = Process::run(on("three.json", {"amplifier", "AI 3", "set", "Excitation", "6"}));
     EXPECT_EQ(text.exitCode, 1);
-    EXPECT_NE(text.err.find("update properties failed"), std::string::npos) << text.err;
+    EXPECT_NE(text.out.find("Excitation: 6 mA requested, 4 mA set"), std::string::npos) << text.out;
+    EXPECT_NE(text.err.find("has not taken all settings: Update: refused"), std::string::npos) << text.err;
+}
+
+// A recording says so before it starts, in the file, in the verdict and by its exit code; and it holds what the
+// amplifier has done, which is not what was asked for.
+TEST(AmplifierProgram, ARecordingSaysWhatTheAmplifierHasNotTaken) {
+    struct Case {
+        std::vector<const char*> settings;
+        const char* asked;  // none: all is taken
+        const char* inForce;
+        double range;
+    };
+    const Case cases[] = {
+        {{"Range=5 V", "Excitation=8"}, nullptr, "Range: 5 V", 5.0},
+        {{"Range=5 V", "Excitation=6"}, "Range 5 V, Excitation 6 mA", "Range: 10 V", 10.0},
+        // A coupling that only the other measurement has.
+        {{"Measurement=Voltage", "HPFilter=#2", "Measurement=IEPE"},
+         "HPFilter choice 2, which is not in the list",
+         "HPFilter: AC 0.1 Hz",
+         10.0},
+    };
+    const std::string path = "KESTRIX/Analog inputs/AI 1/Raw input";
+    const Folder folder;
+    for (const auto& item : cases) {
+        const bool good = item.asked == nullptr;
+        SCOPED_TRACE(good ? "taken" : item.asked);
+        const auto with = [&](const std::vector<std::string>& command) {
+            std::vector<std::string> arguments;
+            for (const char* setting : item.settings) {
+                arguments.insert(arguments.end(), {"--set", path + "/" + setting});
+            }
+            arguments.insert(arguments.end(), command.begin(), command.end());
+            return Process::run(on("iepe.json", arguments));
+        };
+        const auto recorded = with({"--json", "record", "-o", folder.path("run.h5"), "-d", "0.5"});
+        EXPECT_EQ(recorded.exitCode, good ? 0 : 1) << recorded.err;
+        EXPECT_EQ(recorded.err.find("AI 1: the amplifier has not taken all settings: ") == std::string::npos, good)
+            << recorded.err;
+        const auto json = Json::parse(recorded.out);
+        EXPECT_EQ(json["good"], good);
+        ASSERT_EQ(json["refusedSettings"].size(), good ? 0u : 1u);
+        const RecordingReader file(folder.path("run.h5"));
+        EXPECT_NE(file.text(path, "settings_in_force").find(item.inForce), std::string::npos)
+            << file.text(path, "settings_in_force");
+        EXPECT_EQ(file.number(path, "range_max"), item.range);
+        const auto samples = file.samples<int16_t>(path);
+        const double highest = *std::max_element(samples.begin(), samples.end()) * file.number(path, "scale");
+        EXPECT_NEAR(highest, 3.0, 0.15) << "between two samples";
+        if (good) {
+            EXPECT_EQ(file.text(path, "settings_refused"), "");
+        } else {
+            EXPECT_EQ(json["refusedSettings"][0]["asked"], item.asked);
+            const std::string refused =
+                item.asked + std::string(": ") + std::string(json["refusedSettings"][0]["reason"]);
+            EXPECT_NE(refused.find("refused"), std::string::npos);
+            EXPECT_EQ(file.text(path, "settings_refused"), refused);
+            EXPECT_NE(std::string(json["verdict"]).find("SETTINGS NOT TAKEN: AI 1: " + refused), std::string::npos);
+        }
+
+        // What stood there stays when nothing is recorded.
+        folder.write("kept.h5", "kept");
+        const auto strict = with({"record", "--strict", "-o", folder.path("kept.h5"), "-d", "0.2"});
+        EXPECT_EQ(strict.exitCode, good ? 0 : 1) << strict.err;
+        EXPECT_EQ(std::filesystem::file_size(folder.path("kept.h5")) == 4, !good);
+
+        const auto watched = with({"--json", "monitor", "-d", "0.2", "--interval", "0.2"});
+        EXPECT_EQ(watched.exitCode, good ? 0 : 1) << watched.err;
+        EXPECT_EQ(Json::parse(watched.out.substr(0, watched.out.find('\n')))["refusedSettings"].size(), good ? 0u : 1u);
+    }
 }
 
 TEST(AmplifierProgram, BalancesReadsTedsAndStatus) {
@@ -124,9 +197,11 @@ TEST(AmplifierProgram, BalancesReadsTedsAndStatus) {
     const auto json = Json::parse(balanced.out);
     EXPECT_EQ(json["balanced"], true);
     EXPECT_NEAR(json["valueBefore"], 0.5, 0.001);
-    EXPECT_LT(json["offset"].get<double>(), 0.0);
-    EXPECT_NE(Process::run(on("three.json", {"amplifier", "AI 2", "balance"})).out.find("balanced in"),
-              std::string::npos);
+    EXPECT_NEAR(json["offset"], -0.5, 0.001);
+    EXPECT_NEAR(json["valueAfter"], 0.0, 0.001) << "the offset acts on what is shown";
+    EXPECT_EQ(json["unit"], "mV/V");
+    const auto said = Process::run(on("three.json", {"amplifier", "AI 2", "balance"})).out;
+    EXPECT_NE(said.find(" mV/V; bridge offset 0 -> -0.5 mV/V"), std::string::npos) << said;
 
     const auto teds = Process::run(on("three.json", {"--json", "amplifier", "AI 2", "teds"}));
     ASSERT_EQ(teds.exitCode, 0) << teds.err;
@@ -270,14 +345,21 @@ TEST(CheckAmplifiers, EachMistakeHasItsPlace) {
         {"item.json",
          definition("a7", "1.1.1.5",
                     range + R"({"className": "RangeItem", "propValues": {"DisplayName": "10", "Min": -10.0}}]})"),
-         "registered", "range 0 of \"Range\"", 5, 5},
+         "shown as unknown", "range 0 of \"Range\"", 5, 5},
         {"type.json",
          definition("a8", "1.1.1.6", ", {\"name\": \"LPFilter\", \"type\": \"string\", \"default\": \"Off\"}"),
-         "registered", "\"LPFilter\" must be a selection", 4, 24},
+         "shown as unknown", "\"LPFilter\" must be a selection", 4, 24},
         {"case.json", definition("a9", "1.1.1.7", ", {\"name\": \"LpFilter\", \"type\": \"int\", \"default\": 0}"),
          "registered", "\"LPFilter\" is", 4, 4},
         {"part.json", definition("a10", "1.1.1.8", ", {\"name\": \"ReadTeds\", \"type\": \"func\"}"), "registered",
          "none of the others works", 4, 3},
+        {"offset.json",
+         definition(
+             "a13", "1.1.2.2",
+             R"(, {"name": "Measurement", "type": "int", "selection": true, "default": 0, "values": ["Bridge"]})" +
+                 range + R"({"className": "RangeItem", "propValues": {"DisplayName": "1", "Min": -1, "Max": 1}}]})" +
+                 ",\n{\"name\": \"BridgeOffset\", \"type\": \"float\", \"default\": 0.0, \"unit\": \"mV/V\"}"),
+         "registered", "the offset has that of the ranges", 6, 59},
         {"UPPER.JSON", definition("a11", "1.1.1.9"), "not read", "small letters", 0, 0},
         {"notes.txt", "", "not read", "doesn't end", 0, 0},
         {"sub/inside.json", definition("a12", "1.1.2.1"), "not read", "folder", 0, 0},
@@ -312,8 +394,9 @@ TEST(CheckAmplifiers, EachMistakeHasItsPlace) {
     }
     // For people: one line for each file, the mistakes below it as FILE:LINE:COLUMN.
     const auto text = Process::run({KESTRIX_ZORNHOST, "check-amplifiers", folder.path()});
-    for (const char* words : {"key.json: not registered\n    key.json:5:32: ", "UPPER.JSON: not read: ",
-                              "dangling.json: not registered", "20 entries: 6 registered"}) {
+    for (const char* words :
+         {"key.json: not registered\n    key.json:5:32: ", "UPPER.JSON: not read: ", "dangling.json: not registered",
+          "item.json: a7 for amplifier 1.1.1.5 (Mine), shown as unknown", "21 entries: 5 registered"}) {
         EXPECT_NE(text.out.find(words), std::string::npos) << text.out;
     }
 

@@ -22,8 +22,10 @@ struct LibraryVersionText {
 //   open        load, version check, init, driver, factory, instance
 //   add         tree built below the data module
 //   configure, initialize   providers; what the channels need
-//   start       initializeAcquisition of every host channel: rings for what is used now, at the rate of now; then start,
-//               postStart, scheduler on. Without memory for a ring the module is not touched, and `start` may be repeated
+//   start       initializeAcquisition of every host channel: rings for what is used now, at the rate of now; then
+//   start,
+//               postStart, scheduler on. Without memory for a ring the module is not touched, and `start` may be
+//               repeated
 //   stop        scheduler off, preStop, stop, finalize
 //   close       remove, release everything in the order that lets the library go, unload
 class ZORN_EXPORT ModuleHost {

@@ -1,12 +1,16 @@
 #pragma once
 
+#include <array>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "modules/daq/objectmodel/Amplifier.h"
 
 namespace Harvane::Shared::Kestrix {
 class AmplifierProperties;
-}
+struct LinkFailure;
+}  // namespace Harvane::Shared::Kestrix
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -18,13 +22,17 @@ public:
     ~KestrixAmplifier() override;
 
     void initialize() override;
-    // Writes the settings to the module, measurement type first since it invalidates the coupling. False when the
-    // module refuses one; the settings after it are not written then, and all of them go back to what the module has.
-    // True without a module.
+    // Writes the settings to the module, measurement type first since it invalidates the coupling, then the command
+    // that puts all of them in force, then scale and offset are read. False when that failed; the rest isn't done then.
+    //
+    // What the module refuses is taken back: the settings become those that it took last, as a whole. Without an
+    // answer, or when the bus fails, the request stays and the next update sends it again, all of it. A multiplexer
+    // that is stuck passes on as std::logic_error, and the request stays. True without a module.
     bool update() override;
 
     int getModuleType() override;
     double getScale() override;
+    // The module's own offset, and for a bridge the balance on top of it.
     double getOffset() override;
     int getSensorStatus() override;
     int readTeds(unsigned char* data) override;
@@ -41,11 +49,22 @@ public:
 
     const std::shared_ptr<Shared::Kestrix::AmplifierProperties>& getAmplifier() const { return properties_; }
 
+    std::shared_ptr<const AmplifierSettings> settingsInForce() const override;
+    bool areSettingsInForceKnown() const override;
+    void beginRequest() override;
+
 private:
-    void writeSettings();
-    void takeBackSettings();
+    struct Row;
+    static const std::array<Row, 8> rows;
+    // What is sent of the settings, in the order of the rows; nothing where the amplifier doesn't have the setting.
+    using Request = std::array<std::optional<double>, 8>;
+
+    static Request requestOf(const AmplifierSettings& settings);
+    static AmplifierSettings takenBack(const AmplifierSettings& inForce, const AmplifierSettings& requested);
+    bool fail(const Request& request, const std::string& step, const Shared::Kestrix::LinkFailure& failure);
 
     const std::shared_ptr<Shared::Kestrix::AmplifierProperties> properties_;
+    std::optional<Request> fallback_;  // what was gone back to after a refusal
 };
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -1,0 +1,375 @@
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
+#include "modules/daq/objectmodel/AIChannel.h"
+#include "shared/libraries/kestrix/src/AmplifierProperties.h"
+#include "tests/kestrix/KestrixFixture.h"
+
+// What an amplifier of the simulated instrument does, against what its settings say and what its channels deliver.
+using namespace Harvane::RT::Modules::Daq;
+using kestrixsim::AmplifierState;
+using kestrixsim::Fault;
+using kestrixsim::FaultKind;
+using kestrixsim::Scenario;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+// What a bridge amplifier offers in two of its measurements.
+AmplifierSettings bridgeSettings(int measurement, int range, double excitation = 5.0) {
+    AmplifierSettings settings;
+    settings.measurements = {"Bridge", "Voltage", "Potentiometer"};
+    settings.measurementIndex = measurement;
+    settings.rangeUnit = measurement == 0 ? "mV/V" : "V";
+    settings.ranges = measurement == 0 ? Strings{"10", "5", "2", "1"} : Strings{"10", "1"};
+    settings.maxValues = measurement == 0 ? std::vector<double>{10.0, 5.0, 2.0, 1.0} : std::vector<double>{10.0, 1.0};
+    settings.minValues = settings.maxValues;
+    for (double& value : settings.minValues) {
+        value = -value;
+    }
+    settings.rangeIndex = range;
+    settings.lpFilters = {"Off", "100 kHz", "10 kHz"};
+    settings.lpFilterIndex = measurement == 0 ? 1 : 0;
+    settings.hpFilters = {"DC"};
+    settings.inputTypes = {"Full bridge", "Half bridge"};
+    settings.inputTypeIndex = measurement == 0 ? 1 : 0;
+    settings.excitations = {0.0, 1.0, 2.5, 5.0, 10.0};
+    settings.excitationIndex = 3;
+    settings.excitationValue = excitation;
+    settings.excitationTypes = {"DC"};
+    settings.shortPresent = true;
+    return settings;
+}
+
+class AmplifierInForce : public KestrixFixture {
+protected:
+    static constexpr double played = 0.5;  // in the unit of the range in force
+
+    void plug() {
+        Scenario scenario = warmScenario(1);
+        scenario.modules.at(0).kind = kestrixsim::AmplifierKind::Bridge;
+        auto& waveform = scenario.modules.at(0).waveform;
+        waveform = {};
+        waveform.kind = kestrixsim::WaveformKind::Constant;
+        waveform.offset = played;
+        waveform.unit = kestrixsim::WaveformUnit::Physical;
+        bringUp(scenario);
+    }
+    KestrixAmplifier& amplifier() const { return dynamic_cast<KestrixAmplifier&>(*ai().getAIChannel(0)->amplifier); }
+    static AmplifierState state() { return kestrixsim::instrument().amplifierState(0); }
+    std::string failure() const {
+        const auto failure = amplifier().lastFailure();
+        return failure ? failure->text() : "";
+    }
+    Strings takeFrames() {
+        const Strings frames = kestrixsim::instrument().framesReceived();
+        Strings result;
+        for (size_t i = framesTaken_; i < frames.size(); ++i) {
+            result.push_back(frames[i].substr(6, frames[i].size() - 9));  // without slot, key and end
+        }
+        framesTaken_ = frames.size();
+        return result;
+    }
+
+    // The amplifier works by these, and the settings say so.
+    void expectInForce(const AmplifierSettings& expected) const {
+        const AmplifierState now = state();
+        EXPECT_EQ(now.measurement, expected.measurementIndex);
+        EXPECT_EQ(now.range, expected.rangeIndex);
+        EXPECT_EQ(now.lpFilter, expected.lpFilterIndex);
+        EXPECT_EQ(now.coupling, expected.hpFilterIndex);
+        EXPECT_EQ(now.inputType, expected.inputTypeIndex);
+        EXPECT_EQ(now.excitation, static_cast<float>(expected.excitationValue));
+        EXPECT_EQ(now.excitationType, expected.excitationTypeIndex);
+        EXPECT_EQ(now.shortOn, expected.shortOn);
+        EXPECT_TRUE(*amplifier().settings() == expected) << "shows what is not in force";
+        EXPECT_TRUE(*amplifier().settingsInForce() == expected);
+        EXPECT_TRUE(amplifier().areSettingsInForceKnown());
+        const auto record = amplifier().getAmplifier()->getSettingsInForce();
+        ASSERT_TRUE(record);
+        EXPECT_EQ(record->range, expected.rangeIndex);
+        EXPECT_EQ(record->measurementType, expected.measurementIndex);
+    }
+
+    // What the host does at a start, up to the running acquisition; a start that fails is tried again.
+    void startAndScale() {
+        for (int number : {0, 1}) {
+            channel(number).buffer->setCapacity(4000);
+        }
+        use({0, 1});
+        controller->sampleRate = 10000;
+        update();
+        prepare();
+        update();
+        for (int number : {0, 1}) {
+            ai().getAIChannel(number)->prepareScaleFactors();
+        }
+        controller->systemDevice->startAcquisition(true);
+    }
+    void update() const {
+        try {
+            amplifier().update();
+        } catch (const std::logic_error&) {
+            // A multiplexer that is stuck ends a start.
+        }
+        // An answer that comes when nobody waits for it would be taken for that of the next command: let it pass.
+        if (lateAnswers) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+    }
+    bool lateAnswers = false;
+
+    // Both channels deliver what is played, to a thousandth of the range.
+    void expectPlayed(const AmplifierSettings& expected) {
+        for (int number : {0, 1}) {
+            auto& one = channel(number);
+            acquire(one, 100);
+            const double raw = one.buffer->getSampleInDouble(one.getPosAtRelativePos(-1));
+            EXPECT_NEAR(raw * one.scale + one.offset, played, 0.001 * expected.maxValue()) << number;
+            EXPECT_EQ(one.maxValue, expected.maxValue());
+            EXPECT_EQ(one.unit, expected.rangeUnit);
+        }
+    }
+
+private:
+    size_t framesTaken_ = 0;
+};
+
+enum class Ends { Request, Before };
+
+struct Trouble {
+    const char* name;
+    Fault fault;
+    Ends end;              // what is in force after the next undisturbed round
+    const char* failure;   // right after the trouble
+    bool applies = false;  // the amplifier works by the request although the link doesn't know
+};
+
+const Trouble troubles[] = {
+    {"setting refused",
+     {.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC},
+     Ends::Before,
+     "Range: refused with status 3"},
+    {"update refused",
+     {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67},
+     Ends::Before,
+     "Update: refused with status 7"},
+    {"scaling refused",
+     {.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFB},
+     Ends::Request,
+     "Scaling: refused with status 3",
+     true},
+    {"bus error", {.kind = FaultKind::MuxError}, Ends::Request, "Selection: bus error: Input/output error"},
+    {"port error", {.kind = FaultKind::UartWrite, .times = 3}, Ends::Request, ": bus error: Error: write() failed."},
+    {"stuck multiplexer",
+     {.kind = FaultKind::MuxReadsBack, .times = 32},
+     Ends::Request,
+     "Selection: bus error: unable to set amplifiers UART mux"},
+    {"no answer", {.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}, Ends::Request, "Range: no answer"},
+    {"answer lost",
+     {.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67},
+     Ends::Request,
+     "Update: no answer",
+     true},
+    {"late answer", {.kind = FaultKind::AmplifierLate, .code = 700, .command = 0x67}, Ends::Request, "", true},
+};
+
+TEST_F(AmplifierInForce, AgreesWhateverGoesWrong) {
+    const AmplifierSettings before = bridgeSettings(1, 0);
+    for (const Trouble& trouble : troubles) {
+        for (const AmplifierSettings& request : {bridgeSettings(1, 1), bridgeSettings(0, 3)}) {
+            for (const bool byStart : {false, true}) {
+                SCOPED_TRACE(std::string(trouble.name) + (request.measurementIndex == 1 ? "" : ", other measurement") +
+                             (byStart ? ", start" : ", update"));
+                plug();
+                lateAnswers = trouble.fault.kind == FaultKind::AmplifierLate;
+                amplifier().setSettings(before);
+                ASSERT_TRUE(amplifier().update());
+                expectInForce(before);
+                EXPECT_EQ(failure(), "");
+
+                amplifier().setSettings(request);
+                inject(trouble.fault);
+                const AmplifierSettings& end = trouble.end == Ends::Before ? before : request;
+                if (!byStart) {
+                    amplifier().beginRequest();
+                    update();
+                    EXPECT_NE(failure().find(trouble.failure), std::string::npos) << failure();
+                    EXPECT_EQ(failure().empty(), std::string(trouble.failure).empty());
+                    EXPECT_TRUE(*amplifier().settings() == end);
+                    EXPECT_EQ(state().range, trouble.applies ? request.rangeIndex : before.rangeIndex);
+                    EXPECT_EQ(amplifier().areSettingsInForceKnown(),
+                              std::string(trouble.failure) != "Update: no answer");
+                    // A channel is scaled by what the amplifier has taken, whatever is asked for.
+                    const bool taken = trouble.applies && amplifier().areSettingsInForceKnown();
+                    EXPECT_TRUE(*amplifier().settingsInForce() == (taken ? request : before));
+                    EXPECT_EQ(amplifier().getMaxValue(), (taken ? request : before).maxValue());
+                    clearFaults();
+                    EXPECT_TRUE(amplifier().update());
+                }
+                startAndScale();
+                clearFaults();
+                expectInForce(end);
+                expectPlayed(end);
+                // What the rounds of a start put in force again is no answer to what was refused.
+                EXPECT_EQ(failure(), trouble.end == Ends::Before ? trouble.failure : "");
+                stop();
+                if (trouble.end == Ends::Before) {
+                    // Who asks again is answered anew.
+                    amplifier().setSettings(request);
+                    EXPECT_TRUE(amplifier().update());
+                    expectInForce(request);
+                    EXPECT_EQ(failure(), "");
+                }
+            }
+        }
+    }
+}
+
+// Step by step: what fails of the settings that were gone back to hides nothing; a user who asks for just these is
+// answered; settings that no amplifier can take never block the way to others.
+TEST_F(AmplifierInForce, RefusalsOneAfterTheOther) {
+    plug();
+    const AmplifierSettings first = bridgeSettings(0, 1);
+    // Nothing has ever been in force: there is nothing to go back to.
+    const AmplifierSettings impossible = bridgeSettings(0, 0, 6.0);
+    amplifier().setSettings(impossible);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_FALSE(amplifier().update());
+        EXPECT_TRUE(*amplifier().settings() == impossible);
+        EXPECT_FALSE(amplifier().areSettingsInForceKnown());
+        EXPECT_EQ(amplifier().getMaxValue(), 10.0);
+        EXPECT_EQ(failure(), "Update: refused with status 3");
+    }
+    amplifier().setSettings(first);
+    EXPECT_TRUE(amplifier().update());
+    expectInForce(first);
+    EXPECT_EQ(failure(), "");
+
+    // The measurement is taken, the range not: nothing of it is left, in the amplifier neither.
+    amplifier().setSettings(bridgeSettings(1, 3));
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_FALSE(amplifier().update());
+        EXPECT_EQ(failure(), "Update: refused with status 3");
+        EXPECT_TRUE(*amplifier().settings() == first);
+        amplifier().setSettings(bridgeSettings(1, 3));
+    }
+    amplifier().setSettings(first);
+    inject({.kind = FaultKind::MuxError});
+    EXPECT_FALSE(amplifier().update());
+    EXPECT_TRUE(amplifier().update());
+    expectInForce(first);
+    EXPECT_EQ(failure(), "Update: refused with status 3") << "a later round of the same start";
+    inject({.kind = FaultKind::AmplifierBadStatus, .times = 3});
+    EXPECT_FALSE(amplifier().update());
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_EQ(failure(), "Update: refused with status 3");
+    amplifier().beginRequest();
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_EQ(failure(), "");
+
+    // What was in force before is still that, when a refusal hits what is in force already.
+    amplifier().beginRequest();
+    inject({.kind = FaultKind::AmplifierBadStatus, .times = 3});
+    EXPECT_FALSE(amplifier().update());
+    EXPECT_EQ(failure(), "Update: refused with status 3");
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_EQ(failure(), "");
+
+    // Without its supply an amplifier forgets; what it took last is asked for again.
+    amplifier().getAmplifier()->clearDeviceProperties();
+    EXPECT_FALSE(amplifier().areSettingsInForceKnown());
+    inject({.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC});
+    amplifier().setSettings(bridgeSettings(1, 1));
+    EXPECT_FALSE(amplifier().update());
+    EXPECT_TRUE(*amplifier().settings() == first);
+    EXPECT_TRUE(amplifier().update());
+    expectInForce(first);
+}
+
+// Every setting reaches the amplifier in its place, and later only what has changed; a list that is empty is a setting
+// that the amplifier doesn't have.
+TEST_F(AmplifierInForce, SettingsAreSentInOrder) {
+    plug();
+    amplifier().setSettings(bridgeSettings(0, 1));
+    takeFrames();
+    EXPECT_TRUE(amplifier().update());
+    const Strings all = {"02 60 00", "02 BC 01", "02 C8 01", "02 C3 00", "02 C9 01", "05 B9 00 00 A0 40",
+                         "02 6A 00", "02 B7 00", "01 67",    "01 FA",    "01 FB"};
+    EXPECT_EQ(takeFrames(), all);
+
+    struct {
+        void (*change)(AmplifierSettings&);
+        const char* frame;
+    } const changes[] = {
+        {[](AmplifierSettings& s) { s.rangeIndex = 2; }, "02 BC 02"},
+        {[](AmplifierSettings& s) { s.lpFilterIndex = 2; }, "02 C8 02"},
+        {[](AmplifierSettings& s) { s.inputTypeIndex = 0; }, "02 C9 00"},
+        {[](AmplifierSettings& s) { s.excitationValue = 10.0; }, "05 B9 00 00 20 41"},
+        {[](AmplifierSettings& s) { s.shortOn = true; }, "02 B7 01"},
+    };
+    for (const auto& change : changes) {
+        amplifier().edit(change.change);
+        EXPECT_TRUE(amplifier().update());
+        EXPECT_EQ(takeFrames(), (Strings{change.frame, "01 67", "01 FA", "01 FB"}));
+        expectInForce(*amplifier().settings());
+    }
+    amplifier().edit([](AmplifierSettings& s) { s.measurementIndex = 2; });
+    amplifier().edit([](AmplifierSettings& s) { s.rangeIndex = 0; });
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_EQ(takeFrames(), (Strings{"02 60 02", "02 BC 00", "02 C3 00", "01 67", "01 FA", "01 FB"}));
+
+    // After a refusal all is sent afresh.
+    amplifier().edit([](AmplifierSettings& s) { s.rangeIndex = 3; });
+    EXPECT_FALSE(amplifier().update());
+    takeFrames();
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_EQ(takeFrames(), (Strings{"02 60 02", "02 BC 00", "02 C8 02", "02 C3 00", "02 C9 00", "05 B9 00 00 20 41",
+                                     "02 6A 00", "02 B7 01", "01 67", "01 FA", "01 FB"}));
+
+    // The first refusal ends the sending.
+    amplifier().edit([](AmplifierSettings& s) { s.rangeIndex = s.lpFilterIndex = 1; });
+    inject({.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC});
+    EXPECT_FALSE(amplifier().update());
+    EXPECT_EQ(takeFrames(), Strings(3, "02 BC 01"));
+    EXPECT_EQ(amplifier().settings()->rangeIndex, 0);
+    EXPECT_EQ(amplifier().settings()->lpFilterIndex, 2) << "never sent";
+
+    amplifier().setSettings({});
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_EQ(takeFrames(), (Strings{"01 67", "01 FA", "01 FB"}));
+}
+
+TEST_F(AmplifierInForce, OnlyALampThatIsThereIsSwitched) {
+    plug();
+    takeFrames();
+    amplifier().notifyEnterChSetup();
+    amplifier().notifyLeaveChSetup();
+    EXPECT_EQ(takeFrames(), Strings{});
+    amplifier().ledControl = true;
+    amplifier().notifyEnterChSetup();
+    amplifier().notifyLeaveChSetup();
+    EXPECT_EQ(takeFrames(), (Strings{"02 F2 01", "02 F2 00"}));
+}
+
+// The balance is part of the offset, of bridges only and of none that was refused.
+TEST_F(AmplifierInForce, TheBalanceActsOnTheChannels) {
+    plug();
+    amplifier().setSettings(bridgeSettings(0, 3));
+    ASSERT_TRUE(amplifier().update());
+    const double own = amplifier().getAmplifier()->getDaqOffset();
+    amplifier().bridgeOffset = -0.25;
+    EXPECT_DOUBLE_EQ(amplifier().getOffset(), own - 0.25);
+    amplifier().setSettings(bridgeSettings(1, 3));
+    EXPECT_FALSE(amplifier().update());
+    EXPECT_DOUBLE_EQ(amplifier().getOffset(), own - 0.25) << "still a bridge";
+    amplifier().setSettings(bridgeSettings(1, 1));
+    EXPECT_TRUE(amplifier().update());
+    EXPECT_DOUBLE_EQ(amplifier().getOffset(), amplifier().getAmplifier()->getDaqOffset());
+}
+
+}  // namespace
