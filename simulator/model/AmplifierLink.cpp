@@ -63,7 +63,7 @@ void AmplifierLink::tellFrontEnd(int slot) {
 
 bool AmplifierLink::alive(const Slot& slot) const {
     return slot.firmware && slot.supplied && clock_.seconds() >= slot.bootedAt &&
-           clock_.realSeconds() >= slot.restartedAt;
+           clock_.programSeconds() >= slot.restartedAt;
 }
 
 void AmplifierLink::plug(int slot, std::unique_ptr<Firmware> firmware) {
@@ -114,7 +114,7 @@ void AmplifierLink::select(int slot) {
 
 // Moves what is due to the port; what comes from a slot that is not selected is lost.
 void AmplifierLink::arrive() {
-    const double now = clock_.realSeconds();
+    const double now = clock_.programSeconds();
     for (Pending& reply : pending_) {
         for (; reply.arrived < reply.bytes.size() && reply.nextDue() <= now; ++reply.arrived) {
             if (reply.slot == selected_) {
@@ -147,7 +147,7 @@ ssize_t AmplifierLink::write(const uint8_t* bytes, size_t size) {
     if (selected_ >= 0) {
         Slot& slot = slots_[static_cast<size_t>(selected_)];
         if (alive(slot)) {
-            slot.collector.add(bytes, size, clock_.realSeconds());
+            slot.collector.add(bytes, size, clock_.programSeconds());
             while (const auto frame = slot.collector.take()) {
                 takeFrame(selected_, *frame);
             }
@@ -186,7 +186,7 @@ void AmplifierLink::takeFrame(int slot, const std::vector<uint8_t>& frame) {
         const std::vector<uint8_t> before = noise(fault->code);
         bytes.insert(bytes.begin(), before.begin(), before.end());
     }
-    double due = clock_.realSeconds() + static_cast<double>(frame.size()) * byteSeconds + reply.seconds;
+    double due = clock_.programSeconds() + static_cast<double>(frame.size()) * byteSeconds + reply.seconds;
     if (const auto fault = hit(FaultKind::AmplifierLate)) {
         due += fault->code * 0.001;
     }
@@ -203,7 +203,11 @@ ssize_t AmplifierLink::read(uint8_t* bytes, size_t size, int timeoutMs) {
         return -EIO;
     }
     using Steady = std::chrono::steady_clock;
-    const auto deadline = Steady::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+    const auto inSource = [this](double seconds) {
+        return std::chrono::duration_cast<Steady::duration>(
+            std::chrono::duration<double>(seconds / clock_.programFactor()));
+    };
+    const auto deadline = Steady::now() + inSource(std::max(timeoutMs, 0) * 1e-3);
     std::unique_lock lock(mutex_);
     for (;;) {
         arrive();
@@ -216,9 +220,8 @@ ssize_t AmplifierLink::read(uint8_t* bytes, size_t size, int timeoutMs) {
         }
         auto wake = deadline;
         if (!pending_.empty()) {
-            const double left = std::max(pending_.front().nextDue() - clock_.realSeconds(), 0.0001);
-            const auto due = now + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(left));
-            wake = std::min(wake, due);
+            const double left = std::max(pending_.front().nextDue() - clock_.programSeconds(), 0.0001);
+            wake = std::min(wake, now + inSource(left));
         }
         changed_.wait_until(lock, wake);
     }

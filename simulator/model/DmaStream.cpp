@@ -15,7 +15,7 @@ constexpr size_t mostDescriptors = 1024;
 
 }  // namespace
 
-DmaStream::DmaStream(const Clock& clock, Stream kind, bool unthrottled)
+DmaStream::DmaStream(const Oscillator& clock, Stream kind, bool unthrottled)
     : clock_(clock), kind_(kind), unthrottled_(unthrottled) {
     source_.waveform.kind = WaveformKind::Constant;
 }
@@ -44,7 +44,7 @@ uint64_t DmaStream::produced(double now) const {
         return std::min(flowBase_, format_.limit);
     }
     // The small part of a sample makes up for rounding of times that fall on a sample.
-    const double samples = (now - flowStart_) * format_.rate() + 1e-6;
+    const double samples = (now - flowStart_) * format_.nominalRate() + 1e-6;
     return std::min(flowBase_ + static_cast<uint64_t>(samples), format_.limit);
 }
 
@@ -89,11 +89,12 @@ void DmaStream::disable() {
     updateFlow(0.0);  // the signal stays: finished descriptors can still be read
 }
 
-void DmaStream::run(double since, bool debugCounter, double baseClock) {
+void DmaStream::run(double since, bool debugCounter, double baseClock, double pull) {
     const std::lock_guard lock(mutex_);
     if (source_.debugCounter != debugCounter || (enabled_ && format_.baseClock != baseClock)) {
         source_.debugCounter = debugCounter;
         format_.baseClock = baseClock;
+        format_.pull = pull;
         rebuildSignal();
     }
     running_ = true;

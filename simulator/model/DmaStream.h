@@ -9,8 +9,8 @@
 #include <mutex>
 #include <vector>
 
-#include "simulator/model/Clock.h"
 #include "simulator/model/Instrument.h"
+#include "simulator/model/Oscillator.h"
 #include "simulator/model/Signal.h"
 
 namespace kestrixsim {
@@ -34,14 +34,15 @@ class DmaStream {
 public:
     enum class ReadFault { None, OneDescriptorLess, PartOfDescriptor };
 
-    DmaStream(const Clock& clock, Stream kind, bool unthrottled);
+    DmaStream(const Oscillator& clock, Stream kind, bool unthrottled);
     ~DmaStream();
 
     // ---- From the FPGA ----
     void enable(const StreamFormat& format);  // RAWEN or FILTEN set: the ratios are latched
     void disable();
-    // The module converts from this instant on, which may be ahead, at this clock: only the ratios are latched.
-    void run(double since, bool debugCounter, double baseClock);
+    // The module converts from this instant of the oscillator's own time on, which may be ahead. `baseClock` and
+    // `pull`: as fast as it is now, for the frequencies that the samples show; only the ratios are latched.
+    void run(double since, bool debugCounter, double baseClock, double pull);
     void halt();
     void flush();  // the DSP chain was cleared
     void setSource(const SignalSource& source);
@@ -62,7 +63,7 @@ private:
     size_t sampleSize() const { return kind_ == Stream::Raw ? 2 : 4; }
     bool wholeSamples() const { return descriptorSize_ % sampleSize() == 0; }
 
-    const Clock& clock_;
+    const Oscillator& clock_;
     const Stream kind_;
     const bool unthrottled_;
     mutable std::mutex mutex_;
@@ -84,7 +85,7 @@ private:
 
     // Flow: samples come while started, enabled and running.
     bool flowing_ = false;
-    double flowStart_ = 0.0;  // instrument time of sample `flowBase_`
+    double flowStart_ = 0.0;  // oscillator's own time of sample `flowBase_`
     uint64_t flowBase_ = 0;
     uint64_t finished_ = 0;       // descriptors accounted for, in the ring, read or dropped
     std::vector<uint64_t> ring_;  // numbers of the finished descriptors, oldest at ringHead_

@@ -36,10 +36,6 @@ constexpr size_t timingControl = 0x00;
 constexpr size_t frequencyWord = 0x14;
 constexpr size_t startWord = 0x18;
 constexpr size_t countReset = 0x1C;
-constexpr size_t countWord = 0x20;
-constexpr size_t freeSeconds = 0x44;
-constexpr size_t freeNanoseconds = 0x48;
-constexpr uint32_t ownTiming = 1u << 8;
 constexpr uint32_t resyncRequest = 1u << 29;
 
 // Global control.
@@ -74,13 +70,15 @@ constexpr uint32_t allBits = 0xFFFFFFFF;
 
 }  // namespace
 
-Fpga::Fpga(const Clock& clock, Faults& faults, Journal& journal, std::vector<std::array<DmaStream*, 2>> streams,
-           const Scenario& scenario, std::function<void(uint8_t, uint8_t)> supply)
+Fpga::Fpga(const Clock& clock, const Oscillator& oscillator, TimingCore& timing, Faults& faults, Journal& journal,
+           std::vector<std::array<DmaStream*, 2>> streams, const Scenario& scenario,
+           std::function<void(uint8_t, uint8_t)> supply)
     : clock_(clock),
+      oscillator_(oscillator),
+      timing_(timing),
       faults_(faults),
       journal_(journal),
       streams_(std::move(streams)),
-      oscillatorFactor_(1.0 + scenario.oscillatorErrorPpm * 1e-6),
       supply_(std::move(supply)) {
     const auto module = masks(0x134, {{0x00, filterCentre, 0x07FFFFFF},
                                       {filterType, filterType, 0x1},
@@ -127,11 +125,12 @@ Fpga::Fpga(const Clock& clock, Faults& faults, Journal& journal, std::vector<std
     }
     blocks_[globalBlock].words[0] = version;
     blocks_[pllBlock].words[0] = static_cast<uint32_t>(scenario.pll.selection) << 1;
-    oscillator_ = scenario.pll.selection == 1 ? 10 : 15;
+    output_ = scenario.pll.selection == 1 ? 10 : 15;
     locksWithheld_ = (scenario.pll.lock0 ? 0 : pllLock0) | (scenario.pll.lock1 ? 0 : pllLock1);
     if (scenario.supplyOn) {
         blocks_[globalBlock].words[supplyWord / 4] = 0xFF;
     }
+    timing_.setBaseClock(baseClock());
 }
 
 bool Fpga::hasBlock(uint64_t physicalAddress, size_t size) const {
@@ -173,9 +172,6 @@ void Fpga::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after) 
             const uint32_t old = live;
             // A bit that the hardware moved since the page was handed out stays as it is now.
             const uint32_t changed = (before ^ after) & block.writable[offset / 4];
-            if (b == pllBlock) {
-                holdCount(now);
-            }
             live = (live & ~changed) | (after & changed);
             stored(b, offset, old, now);
             if (b == globalBlock && offset == supplyWord) {
@@ -197,8 +193,7 @@ void Fpga::setOscillator(int megahertz) {
     const std::lock_guard lock(mutex_);
     const double now = clock_.seconds();
     settle(now);
-    holdCount(now);
-    oscillator_ = megahertz;
+    output_ = megahertz;
     noteClock("oscillator", static_cast<uint32_t>(megahertz));
     updateRunning(now);
 }
@@ -226,27 +221,27 @@ void Fpga::settle(double now) const {
     if (now >= pllIdleAt_ && !pllHeld_) {
         blocks_[pllBlock].words[0] &= ~pllBusy;
     }
-    // Without a reference the internal pulse has nothing to be set to: the request is done with at once.
-    blocks_[timingBlock].words[frequencyWord / 4] &= ~resyncRequest;
+    if ((timing_.timingWord(frequencyWord, 0) & resyncRequest) == 0) {
+        blocks_[timingBlock].words[frequencyWord / 4] &= ~resyncRequest;
+    }
 }
 
 uint32_t Fpga::current(size_t block, size_t offset, double now) const {
     uint32_t value = word(block, offset);
     if (block == adcBlock && offset == triggerWord) {
         for (size_t m = 0; m < modules_.size(); ++m) {
-            const bool fired = (value >> m & 1) != 0 || now >= firedAt_;
+            const bool fired = (value >> m & 1) != 0 || oscillator_.secondsAt(now) >= timing_.firedAt();
             value |= modules_[m].running && fired ? 1u << (16 + m) : 0u;
         }
     } else if (block == adcBlock && offset == debugWord) {
         if (now > debugCounterSince_ && (value & debugHeld) == 0) {
-            value |= static_cast<uint32_t>(static_cast<uint64_t>((now - debugCounterSince_) * baseClock()) & 0xFFFF);
+            value |= static_cast<uint32_t>(
+                static_cast<uint64_t>((now - debugCounterSince_) * baseClock() * oscillator_.pull()) & 0xFFFF);
         }
-    } else if (block == timingBlock && offset == countWord) {
-        value = clockCount(now);
-    } else if (block == timingBlock && offset == freeSeconds) {
-        value = static_cast<uint32_t>(static_cast<uint64_t>(now));
-    } else if (block == timingBlock && offset == freeNanoseconds) {
-        value = static_cast<uint32_t>((now - std::floor(now)) * 1e9);
+    } else if (block == timingBlock) {
+        value = timing_.timingWord(offset, value);
+    } else if (block == irigBlock) {
+        value = timing_.irigWord(offset, value);
     } else if (block == pllBlock) {
         value |= (value & pllBusy) == 0 ? pllLocks() : 0u;
     }
@@ -256,33 +251,18 @@ uint32_t Fpga::current(size_t block, size_t offset, double now) const {
 // Both PLLs lock when the oscillator fits what they were told.
 uint32_t Fpga::pllLocks() const {
     const uint32_t selection = word(pllBlock, 0) >> 1 & 3;
-    const bool fits = (oscillator_ == 15 && selection == 0) || (oscillator_ == 10 && selection == 1);
+    const bool fits = (output_ == 15 && selection == 0) || (output_ == 10 && selection == 1);
     return fits ? (pllLock0 | pllLock1) & ~locksWithheld_ : 0u;
 }
 
-// The frequency that the converters run at: none without both locks.
+// The nominal frequency that the converters run at: none without both locks.
 double Fpga::baseClock() const {
-    return pllLocks() == (pllLock0 | pllLock1) ? oscillator_ * 1e6 * oscillatorFactor_ : 0.0;
+    return pllLocks() == (pllLock0 | pllLock1) ? output_ * 1e6 : 0.0;
 }
 
 void Fpga::noteClock(const char* part, uint32_t setting) {
     journal_.note(std::string(part) + " " + std::to_string(setting) +
                   ((word(globalBlock, supplyWord) & 0xFF) != 0 ? " under supply" : ""));
-}
-
-uint32_t Fpga::clockCount(double now) const {
-    if (now <= countingSince_) {
-        return count_;
-    }
-    return count_ + static_cast<uint32_t>(static_cast<uint64_t>((now - countingSince_) * baseClock()));
-}
-
-// Before the clock changes: what it has counted stays.
-void Fpga::holdCount(double now) {
-    if (now > countingSince_) {
-        count_ = clockCount(now);
-        countingSince_ = now;
-    }
 }
 
 void Fpga::stored(size_t block, size_t offset, uint32_t old, double now) {
@@ -305,7 +285,12 @@ void Fpga::stored(size_t block, size_t offset, uint32_t old, double now) {
         }
         updateRunning(now);
     } else if (block == timingBlock) {
-        timingStored(offset, old, now);
+        timing_.timingStored(offset, old, word(block, offset));
+        if (offset == startWord && word(block, offset) != old) {
+            updateRunning(now);
+        }
+    } else if (block == irigBlock) {
+        timing_.irigStored(offset, word(block, offset));
     } else if (block == pllBlock) {
         const uint32_t value = word(block, offset);
         locksWithheld_ = 0;
@@ -342,18 +327,23 @@ void Fpga::clearStored(size_t m, uint32_t old, double now) {
 }
 
 StreamFormat Fpga::format(size_t m, Stream stream) const {
+    const double pull = oscillator_.pull();
     // Latched without a clock the stream has the usual one's numbers; it cannot run before there is a clock.
-    const double base = baseClock() > 0.0 ? baseClock() : 15e6 * oscillatorFactor_;
+    const double base = (baseClock() > 0.0 ? baseClock() : 15e6) * pull;
+    StreamFormat result;
     if (stream == Stream::Raw) {
-        return StreamFormat::raw(base, word(m, decimation), word(m, lengthWord));
+        result = StreamFormat::raw(base, word(m, decimation), word(m, lengthWord));
+    } else {
+        HalfBand filter;
+        for (size_t k = 0; k < filter.coefficients.size(); ++k) {
+            // 27 bits, two's complement.
+            filter.coefficients[k] = static_cast<int32_t>(word(m, 4 * k) << 5) >> 5;
+        }
+        const uint64_t ratio = static_cast<uint64_t>(word(m, ratioHigh)) << 32 | word(m, ratioLow);
+        result = StreamFormat::lowPassed(base, ratio, word(m, halfBands), filter);
     }
-    HalfBand filter;
-    for (size_t k = 0; k < filter.coefficients.size(); ++k) {
-        // 27 bits, two's complement.
-        filter.coefficients[k] = static_cast<int32_t>(word(m, 4 * k) << 5) >> 5;
-    }
-    const uint64_t ratio = static_cast<uint64_t>(word(m, ratioHigh)) << 32 | word(m, ratioLow);
-    return StreamFormat::lowPassed(base, ratio, word(m, halfBands), filter);
+    result.pull = pull;
+    return result;
 }
 
 void Fpga::streamsStored(size_t m, uint32_t old) {
@@ -377,29 +367,11 @@ void Fpga::streamsStored(size_t m, uint32_t old) {
     apply(Stream::Filtered, filteredEnable);
 }
 
-void Fpga::timingStored(size_t offset, uint32_t old, double now) {
-    const uint32_t value = word(timingBlock, offset);
-    if (offset == startWord && value != old) {
-        if ((value & 1) != 0) {
-            const bool atOnce = (word(timingBlock, timingControl) & ownTiming) != 0;
-            firedAt_ = atOnce ? now : std::floor(now) + 1.0;  // else with the next pulse of the internal second
-            count_ = 0;
-            if ((word(timingBlock, countReset) & 1) == 0) {
-                countingSince_ = firedAt_;
-            }
-        } else {
-            count_ = clockCount(now);
-            countingSince_ = never;
-            firedAt_ = never;
-        }
-        updateRunning(now);
-    } else if (offset == countReset && value != old) {
-        count_ = 0;
-        countingSince_ = (value & 1) == 0 && firedAt_ != never ? std::max(now, firedAt_) : never;
-    }
-}
-
 void Fpga::updateRunning(double now) {
+    timing_.setBaseClock(baseClock());
+    const double own = oscillator_.secondsAt(now);
+    const double firedAt = timing_.firedAt();
+    const double pull = oscillator_.pull();
     const uint32_t trigger = word(adcBlock, triggerWord);
     const uint32_t debug = word(adcBlock, debugWord);
     const bool converters = (word(adcBlock, adcEnable) & 1) != 0;
@@ -408,7 +380,7 @@ void Fpga::updateRunning(double now) {
         Module& module = modules_[m];
         const bool counter = !converters && debugCounterSince_ != never && (debug >> (24 + m) & 1) != 0;
         const bool manual = (trigger >> m & 1) != 0;
-        const bool triggered = (trigger >> (8 + m) & 1) != 0 && firedAt_ != never;
+        const bool triggered = (trigger >> (8 + m) & 1) != 0 && firedAt != never;
         const bool run = clocked && (converters || counter) && (manual || triggered);
         if (run == module.running && counter == module.debugCounter) {
             continue;
@@ -420,7 +392,7 @@ void Fpga::updateRunning(double now) {
         }
         for (DmaStream* stream : streams_[m]) {
             if (run) {
-                stream->run(manual ? now : std::max(now, firedAt_), counter, baseClock());
+                stream->run(manual ? own : std::max(own, firedAt), counter, baseClock() * pull, pull);
             } else {
                 stream->halt();
             }

@@ -12,7 +12,9 @@
 #include "simulator/model/DmaStream.h"
 #include "simulator/model/Faults.h"
 #include "simulator/model/Journal.h"
+#include "simulator/model/Oscillator.h"
 #include "simulator/model/Scenario.h"
+#include "simulator/model/TimingCore.h"
 
 namespace kestrixsim {
 
@@ -22,8 +24,9 @@ class Fpga {
 public:
     // `streams[m]`: raw and filtered stream of module m, null where the board has none.
     // `supply`: told of each change of the supply word, before and after, without a lock held that it could need.
-    Fpga(const Clock& clock, Faults& faults, Journal& journal, std::vector<std::array<DmaStream*, 2>> streams,
-         const Scenario& scenario, std::function<void(uint8_t, uint8_t)> supply);
+    Fpga(const Clock& clock, const Oscillator& oscillator, TimingCore& timing, Faults& faults, Journal& journal,
+         std::vector<std::array<DmaStream*, 2>> streams, const Scenario& scenario,
+         std::function<void(uint8_t, uint8_t)> supply);
 
     bool hasBlock(uint64_t physicalAddress, size_t size) const;  // whether a block lies in this piece of memory
     void readWords(uint64_t physicalAddress, uint32_t* words, size_t count) const;
@@ -54,11 +57,8 @@ private:
     void stored(size_t block, size_t offset, uint32_t old, double now);
     void clearStored(size_t module, uint32_t old, double now);
     void streamsStored(size_t module, uint32_t old);
-    void timingStored(size_t offset, uint32_t old, double now);
     void updateRunning(double now);
     void settle(double now) const;
-    uint32_t clockCount(double now) const;
-    void holdCount(double now);
     double baseClock() const;
     uint32_t pllLocks() const;
     void noteClock(const char* part, uint32_t setting);
@@ -66,10 +66,11 @@ private:
     StreamFormat format(size_t module, Stream stream) const;
 
     const Clock& clock_;
+    const Oscillator& oscillator_;
+    TimingCore& timing_;
     Faults& faults_;
     Journal& journal_;
     const std::vector<std::array<DmaStream*, 2>> streams_;
-    const double oscillatorFactor_;
     const std::function<void(uint8_t, uint8_t)> supply_;
 
     mutable std::mutex mutex_;
@@ -78,11 +79,8 @@ private:
     mutable double pllIdleAt_ = -never;
     mutable bool pllHeld_ = false;
     uint32_t locksWithheld_ = 0;  // until the PLL is told something
-    int oscillator_ = 15;
+    int output_ = 15;             // of the oscillator to the PLLs, MHz
     double debugCounterSince_ = never;
-    double firedAt_ = never;  // start trigger of the timing core
-    uint32_t count_ = 0;      // ticks counted before countingSince_
-    double countingSince_ = never;
     uint64_t supplySwitches_ = 0;
 };
 

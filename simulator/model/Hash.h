@@ -18,4 +18,13 @@ constexpr double symmetric(uint64_t hash) {
     return static_cast<double>(static_cast<int64_t>(hash) >> 11) * 0x1p-52;
 }
 
+// Mean 0 and standard deviation 1, never beyond 6. Takes the 12 numbers from `hash` on.
+constexpr double gaussian(uint64_t hash) {
+    double sum = 0.0;
+    for (uint64_t i = 0; i < 12; ++i) {
+        sum += symmetric(mix(hash + i));
+    }
+    return sum * 0.5;
+}
+
 }  // namespace kestrixsim

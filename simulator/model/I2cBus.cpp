@@ -14,6 +14,8 @@ constexpr int eepromAddress = 0x50;
 constexpr int oscillatorAddress = 0x58;
 constexpr int firstThermometer = 0x48;
 constexpr int lastThermometer = 0x4A;
+constexpr uint8_t wordHigh = 0x11;
+constexpr uint8_t wordLow = 0x10;
 
 template <typename Bytes>
 void bigEndian(Bytes& bytes, size_t at, uint64_t value, size_t size) {
@@ -24,8 +26,9 @@ void bigEndian(Bytes& bytes, size_t at, uint64_t value, size_t size) {
 
 }  // namespace
 
-I2cBus::I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)> select)
-    : eightSlots_(scenario.boardType != 1), faults_(faults), select_(std::move(select)) {
+I2cBus::I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)> select,
+               std::function<void(uint16_t)> control)
+    : eightSlots_(scenario.boardType != 1), faults_(faults), select_(std::move(select)), control_(std::move(control)) {
     eeprom_.fill(0xFF);
     eeprom_[0x00] = static_cast<uint8_t>(scenario.eepromVersion);
     bigEndian(eeprom_, 0x01, scenario.eepromKeyValid ? 0xFAF320 : 0x5AA5A5, 3);
@@ -38,8 +41,9 @@ I2cBus::I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)
     bigEndian(eeprom_, 0x20, 1767225600, 8);
     bigEndian(eeprom_, 0x28, scenario.hardwareVersion, 4);
     bigEndian(eeprom_, 0xFA, 0x024B53000000 | (scenario.serialNumber & 0xFFFFFF), 6);  // locally administered
-    oscillator_[0x11] = 0x80;  // control word 512; bits above it in 0x10 belong to something else
-    oscillator_[0x10] = 0xA8;
+    // Bits 9 to 2 of the control word, and 1 and 0; the bits above these belong to something else.
+    oscillator_[wordHigh] = static_cast<uint8_t>(scenario.oscillator.word >> 2);
+    oscillator_[wordLow] = static_cast<uint8_t>(0xA8 | (scenario.oscillator.word & 3));
     celsius_ = {38.5, 41.25, 36.0};
 }
 
@@ -78,10 +82,17 @@ ssize_t I2cBus::writeLocked(int address, const uint8_t* data, size_t size) {
         return static_cast<ssize_t>(size);
     }
     if (address == oscillatorAddress) {
+        if (faults_.hit(FaultKind::OscillatorSilent)) {
+            return -ENXIO;
+        }
         if (size != 0) {
             oscillatorAt_ = data[0];
             for (size_t i = 1; i < size; ++i) {
-                oscillator_[oscillatorAt_++] = data[i];
+                const uint8_t at = oscillatorAt_++;
+                oscillator_[at] = data[i];
+                if (at == wordHigh || at == wordLow) {
+                    control_(static_cast<uint16_t>(oscillator_[wordHigh] << 2 | (oscillator_[wordLow] & 3)));
+                }
             }
         }
         return static_cast<ssize_t>(size);
@@ -120,6 +131,9 @@ ssize_t I2cBus::readLocked(int address, uint8_t* data, size_t size, bool multipl
         return static_cast<ssize_t>(size);
     }
     if (address == oscillatorAddress) {
+        if (faults_.hit(FaultKind::OscillatorSilent)) {
+            return -ENXIO;
+        }
         for (size_t i = 0; i < size; ++i) {
             data[i] = oscillator_[oscillatorAt_++];
         }

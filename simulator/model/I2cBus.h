@@ -19,8 +19,10 @@ namespace kestrixsim {
 // multiplexer of the amplifier UART at 0x4D and 0x4F. Thread-safe.
 class I2cBus {
 public:
-    // `select`: told which slot the multiplexer connects now, -1 for none.
-    I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)> select);
+    // `select`: told which slot the multiplexer connects now, -1 for none. `control`: the oscillator's control word as
+    // it is after each write of one of its two registers.
+    I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)> select,
+           std::function<void(uint16_t)> control);
 
     ssize_t write(int address, const uint8_t* data, size_t size);  // bytes or -errno
     ssize_t read(int address, uint8_t* data, size_t size);
@@ -37,6 +39,7 @@ private:
     const bool eightSlots_;
     Faults& faults_;
     const std::function<void(int)> select_;
+    const std::function<void(uint16_t)> control_;
     mutable std::mutex mutex_;
     std::array<uint8_t, 256> eeprom_{};
     uint8_t eepromAt_ = 0;

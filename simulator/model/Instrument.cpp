@@ -15,6 +15,7 @@
 #include "simulator/model/Hash.h"
 #include "simulator/model/I2cBus.h"
 #include "simulator/model/Journal.h"
+#include "simulator/model/Oscillator.h"
 #include "simulator/model/RootFolder.h"
 #include "simulator/model/Scripts.h"
 #include "simulator/model/Signal.h"
@@ -30,7 +31,7 @@ struct StreamPair {
     DmaStream raw;
     DmaStream filtered;
 
-    StreamPair(const Clock& clock, bool unthrottled)
+    StreamPair(const Oscillator& clock, bool unthrottled)
         : raw(clock, Stream::Raw, unthrottled), filtered(clock, Stream::Filtered, unthrottled) {}
 };
 
@@ -44,14 +45,18 @@ void checkSlot(int slot) {
 
 class Instrument::Implementation {
 public:
-    Implementation(Scenario wanted, std::function<double()> now)
+    Implementation(Scenario wanted, std::function<double()> now, bool served)
         : scenario(std::move(wanted)),
-          clock(scenario.timeFactor, std::move(now)),
+          clock(scenario, std::move(now), served),
           faults(clock),
+          oscillator(clock, scenario),
+          timing(clock, oscillator, faults, scenario),
           link(clock, faults, [this](int slot, const FrontEnd& frontEnd) { setFrontEnd(slot, frontEnd); }),
-          bus(scenario, faults, [this](int slot) { link.select(slot); }),
+          bus(
+              scenario, faults, [this](int slot) { link.select(slot); },
+              [this](uint16_t word) { timing.setWord(word); }),
           streams(makeStreams()),
-          fpga(clock, faults, journal, pointers(), scenario,
+          fpga(clock, oscillator, timing, faults, journal, pointers(), scenario,
                [this](uint8_t before, uint8_t after) { supply(before, after); }),
           scripts(faults, [this](int megahertz) { fpga.setOscillator(megahertz); }) {
         for (const Fault& fault : scenario.faults) {
@@ -130,8 +135,10 @@ public:
     }
 
     const Scenario scenario;
-    const Clock clock;
+    Clock clock;
     Faults faults;
+    Oscillator oscillator;
+    TimingCore timing;
     Journal journal;
     AmplifierLink link;
     I2cBus bus;
@@ -154,7 +161,7 @@ private:
         std::vector<std::unique_ptr<StreamPair>> result;
         const size_t modules = scenario.boardType == 1 ? 2 : slotCount;
         for (size_t m = 0; m < modules; ++m) {
-            result.push_back(std::make_unique<StreamPair>(clock, scenario.unthrottled));
+            result.push_back(std::make_unique<StreamPair>(oscillator, scenario.unthrottled));
         }
         return result;
     }
@@ -170,8 +177,8 @@ private:
 
 Instrument::Instrument(Scenario scenario) : Instrument(std::move(scenario), {}) {}
 
-Instrument::Instrument(Scenario scenario, std::function<double()> now)
-    : implementation_(std::make_unique<Implementation>(std::move(scenario), std::move(now))) {}
+Instrument::Instrument(Scenario scenario, std::function<double()> now, bool served)
+    : implementation_(std::make_unique<Implementation>(std::move(scenario), std::move(now), served)) {}
 
 Instrument::~Instrument() = default;
 
@@ -305,6 +312,42 @@ ssize_t Instrument::dmaRead(int module, Stream stream, void* buffer, size_t size
         }
         return fault->code == 1 ? DmaStream::ReadFault::PartOfDescriptor : DmaStream::ReadFault::OneDescriptorLess;
     });
+}
+
+int Instrument::timingOpen() {
+    return implementation_->timing.open();
+}
+
+ssize_t Instrument::timingRead(uint8_t* data, size_t size) {
+    return implementation_->timing.read(data, size);
+}
+
+bool Instrument::timingReady() {
+    return implementation_->timing.ready();
+}
+
+int64_t Instrument::realtime() const {
+    return implementation_->clock.realtime();
+}
+
+int64_t Instrument::realtimeSteps() const {
+    return implementation_->clock.realtimeSteps();
+}
+
+double Instrument::seconds() const {
+    return implementation_->clock.seconds();
+}
+
+void Instrument::stepRealtime(double microseconds) {
+    implementation_->clock.stepRealtime(microseconds);
+}
+
+void Instrument::setReference(ReferenceKind kind, const ReferenceScenario& reference) {
+    implementation_->timing.setReference(kind, reference);
+}
+
+TimingState Instrument::timingState() const {
+    return implementation_->timing.state();
 }
 
 bool Instrument::ownsCommand(const std::string& commandLine) const {

@@ -49,6 +49,17 @@ struct AmplifierState {
     float offset = 0.0F;  // thousandths of the range's unit, as reported
 };
 
+// How the clock stands; what the module cannot see.
+struct TimingState {
+    uint16_t controlWord = 0;
+    double oscillatorPpm = 0.0;    // off the nominal frequency
+    double phaseSeconds = 0.0;     // internal second against the selected reference's without jitter; positive: early
+    uint64_t records = 0;          // made by the driver
+    uint64_t recordsReplaced = 0;  // by a newer one before they were read
+    bool reference = false;        // pulses of the selected one come
+    double nextSecond = 0.0;       // s until the internal second's next pulse
+};
+
 class Instrument {
 public:
     explicit Instrument(Scenario scenario);
@@ -85,6 +96,16 @@ public:
     int dmaIoctl(int module, Stream stream, unsigned long request, unsigned long argument);
     ssize_t dmaRead(int module, Stream stream, void* buffer, size_t size);  // -EAGAIN when no descriptor is ready
 
+    // Timing driver: a record of 12 bytes for each pulse of the selected reference, and each second without one.
+    int timingOpen();                                // 0 or -errno
+    ssize_t timingRead(uint8_t* data, size_t size);  // bytes, -EAGAIN without a record, or -errno
+    bool timingReady();
+
+    // The computer's clock on the instrument: real time in nanoseconds since 1970, and seconds since it was made.
+    int64_t realtime() const;
+    int64_t realtimeSteps() const;  // what is in it by steps, ns
+    double seconds() const;
+
     // Platform scripts: whether the command line is one of the instrument's, and what it prints.
     bool ownsCommand(const std::string& commandLine) const;
     int startCommand();  // 0 or -errno: whether popen works
@@ -101,6 +122,9 @@ public:
     void setWaveform(int slot, const Waveform& waveform);  // from the next read of the slot's streams on
     void inject(const Fault& fault);
     void clearFaults();
+    void stepRealtime(double microseconds);
+    void setReference(ReferenceKind kind, const ReferenceScenario& reference);
+    TimingState timingState() const;
 
     uint32_t registerWord(uint64_t physicalAddress) const;  // as the hardware has it now
     StreamStatistics statistics(int module, Stream stream) const;
@@ -120,7 +144,8 @@ public:
     AmplifierState amplifierState(int slot) const;  // std::out_of_range for a slot that cannot be
 
     // The same instrument with its own source of time: `now` gives steady seconds and may be called by any thread.
-    Instrument(Scenario scenario, std::function<double()> now);
+    // `served`: programs are shown the instrument's clocks, so that what they wait for passes as fast as its time.
+    Instrument(Scenario scenario, std::function<double()> now, bool served = false);
 
 private:
     class Implementation;

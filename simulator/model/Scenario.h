@@ -97,6 +97,12 @@ enum class FaultKind {
     ClearNever,          // CLRST of module `target` (-1 all) is never set
     PllBusy,             // the PLL stays busy
     SysfsMissing,        // files below the LED and GPIO folders are missing
+    TimingOpen,          // open of /dev/tolvn_timing fails (ENOENT)
+    TimingSilent,        // the timing driver has no records
+    TimingRead,          // read of a record fails with `code` as errno (0: EIO)
+    TimingShortRead,     // read of a record delivers 8 bytes
+    SyncHeld,            // the request for a new internal pulse is never taken
+    OscillatorSilent,    // no chip at 0x58: ENXIO
 };
 
 struct Fault {
@@ -107,6 +113,45 @@ struct Fault {
     uint64_t afterCount = 0;
     int64_t times = 1;
     int command = 0;  // of an amplifier: the code that is meant, 0 any
+};
+
+// The oscillator of 150 MHz that everything of the FPGA runs on: converters, clock counter, timing core. Its frequency
+// follows the control word (0 to 1023, falling); at word 506 and without an error of its own it is exact.
+struct OscillatorScenario {
+    int word = 506;        // at power-on
+    double slope = 1.0;    // of the curve, against the usual chip's
+    double bendPpm = 0.0;  // added at a distance of 512 words from 506, square in between
+    double driftPpmPerHour = 0.0;
+    double temperaturePpm = 0.0;  // amplitude of a sine
+    double temperaturePeriodSeconds = 1800.0;
+    double noisePpb = 0.0;  // rms, white, a new value each second
+};
+
+enum class ReferenceKind {
+    Irig,  // decoder of the IRIG input: pulses two seconds after the signal is there
+    Pps,   // pulse input
+    Ptp,   // pulse of the network card
+};
+
+// One pulse a second, on the whole seconds of real time (as it was before any step of realtimeSteps) plus
+// `offsetSeconds`.
+struct ReferenceScenario {
+    struct Outage {
+        double from;  // seconds of the instrument's time
+        double until;
+    };
+    struct Shift {
+        double at;  // seconds of the instrument's time
+        double byMicroseconds;
+    };
+
+    bool present = true;
+    double offsetSeconds = 0.0;
+    double jitterNs = 50.0;  // rms, white
+    double wanderNs = 0.0;   // rms, of the step from pulse to pulse
+    std::vector<Outage> outages{};
+    std::vector<Shift> steps{};   // all pulses from then on
+    std::vector<Shift> spikes{};  // the first pulse from then on
 };
 
 // The sampling PLLs as an earlier program left them; the oscillator fits the selection.
@@ -135,6 +180,14 @@ struct Scenario {
     double timeFactor = 1.0;
     bool unthrottled = false;
     double oscillatorErrorPpm = 0.0;
+    OscillatorScenario oscillator{};
+    ReferenceScenario irig{};
+    ReferenceScenario pps{};
+    ReferenceScenario ptpPulse{};
+    // The computer's real-time clock: what it reads at the start, in seconds since 1970 (0: what it really reads), and
+    // its steps. With either, and with a time factor, programs on the instrument are served its clocks.
+    double realtimeAtStart = 0.0;
+    std::vector<ReferenceScenario::Shift> realtimeSteps{};
     uint64_t seed = 1;
 
     // Eight modules of all kinds with different sines in physical units: what one sees without a scenario file.

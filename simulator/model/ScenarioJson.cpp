@@ -90,6 +90,12 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"clearNever", FaultKind::ClearNever},
     {"pllBusy", FaultKind::PllBusy},
     {"sysfsMissing", FaultKind::SysfsMissing},
+    {"timingOpen", FaultKind::TimingOpen},
+    {"timingSilent", FaultKind::TimingSilent},
+    {"timingRead", FaultKind::TimingRead},
+    {"timingShortRead", FaultKind::TimingShortRead},
+    {"syncHeld", FaultKind::SyncHeld},
+    {"oscillatorSilent", FaultKind::OscillatorSilent},
 });
 
 // What `target` and `code` may be. Kinds that are not here have neither.
@@ -115,6 +121,7 @@ constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::MuxReadsBack, 0, 0x7F},
     {FaultKind::ClearLate, 8, 60000},
     {FaultKind::ClearNever, 8, 0},
+    {FaultKind::TimingRead, 0, 4095},
 });
 
 template <typename E, size_t N>
@@ -370,6 +377,65 @@ ModuleScenario readModule(Section& section, const std::string& folder, bool file
     return module;
 }
 
+void readShifts(Section& section, std::string_view key, std::vector<ReferenceScenario::Shift>& shifts) {
+    section.readList(key, [&](Section& inner) {
+        ReferenceScenario::Shift shift{};
+        inner.require("at");
+        inner.read("at", shift.at, 0.0, 1e9);
+        inner.require("byMicroseconds");
+        inner.read("byMicroseconds", shift.byMicroseconds, -1e12, 1e12);
+        shifts.push_back(shift);
+    });
+}
+
+void readReference(Section& section, std::string_view key, ReferenceScenario& reference) {
+    section.readSection(key, [&](Section& inner) {
+        inner.read("present", reference.present);
+        inner.read("offsetSeconds", reference.offsetSeconds, -0.5, 0.5);
+        inner.read("jitterNs", reference.jitterNs, 0.0, 1e6);
+        inner.read("wanderNs", reference.wanderNs, 0.0, 1e6);
+        inner.readList("outages", [&](Section& span) {
+            ReferenceScenario::Outage outage{};
+            span.require("from");
+            span.read("from", outage.from, 0.0, 1e9);
+            span.require("until");
+            span.read("until", outage.until, outage.from, 1e9);
+            reference.outages.push_back(outage);
+        });
+        readShifts(inner, "steps", reference.steps);
+        readShifts(inner, "spikes", reference.spikes);
+    });
+}
+
+void readOscillator(Section& section, OscillatorScenario& oscillator) {
+    section.readInteger("word", oscillator.word, 0, 1023);
+    section.read("slope", oscillator.slope, 0.1, 5.0);
+    section.read("bendPpm", oscillator.bendPpm, -100.0, 100.0);
+    section.read("driftPpmPerHour", oscillator.driftPpmPerHour, -100.0, 100.0);
+    section.read("temperaturePpm", oscillator.temperaturePpm, 0.0, 100.0);
+    section.read("temperaturePeriodSeconds", oscillator.temperaturePeriodSeconds, 1.0, 1e6);
+    section.read("noisePpb", oscillator.noisePpb, 0.0, 1e5);
+}
+
+Json shiftsJson(const std::vector<ReferenceScenario::Shift>& shifts) {
+    Json list = Json::array();
+    for (const ReferenceScenario::Shift& shift : shifts) {
+        list.push_back({{"at", shift.at}, {"byMicroseconds", shift.byMicroseconds}});
+    }
+    return list;
+}
+
+Json referenceJson(const ReferenceScenario& reference) {
+    Json outages = Json::array();
+    for (const ReferenceScenario::Outage& outage : reference.outages) {
+        outages.push_back({{"from", outage.from}, {"until", outage.until}});
+    }
+    return {{"present", reference.present},          {"offsetSeconds", reference.offsetSeconds},
+            {"jitterNs", reference.jitterNs},        {"wanderNs", reference.wanderNs},
+            {"outages", std::move(outages)},         {"steps", shiftsJson(reference.steps)},
+            {"spikes", shiftsJson(reference.spikes)}};
+}
+
 Fault readFault(Section& section) {
     constexpr int64_t lowest = std::numeric_limits<int>::min();
     constexpr uint64_t highest = std::numeric_limits<int>::max();
@@ -441,6 +507,12 @@ Scenario readScenario(const Json& json, const std::string& name, const std::stri
     section.read("timeFactor", scenario.timeFactor, 0.001, 1000.0);
     section.read("unthrottled", scenario.unthrottled);
     section.read("oscillatorErrorPpm", scenario.oscillatorErrorPpm, -1000.0, 1000.0);
+    section.readSection("oscillator", [&](Section& inner) { readOscillator(inner, scenario.oscillator); });
+    readReference(section, "irig", scenario.irig);
+    readReference(section, "pps", scenario.pps);
+    readReference(section, "ptpPulse", scenario.ptpPulse);
+    section.read("realtimeAtStart", scenario.realtimeAtStart, 0.0, 4e9);
+    readShifts(section, "realtimeSteps", scenario.realtimeSteps);
     section.readInteger("seed", scenario.seed, 0, std::numeric_limits<uint64_t>::max());
     section.finish();
     return scenario;
@@ -519,6 +591,18 @@ std::string ScenarioJson::write(const Scenario& scenario) {
     json["timeFactor"] = scenario.timeFactor;
     json["unthrottled"] = scenario.unthrottled;
     json["oscillatorErrorPpm"] = scenario.oscillatorErrorPpm;
+    json["oscillator"] = {{"word", scenario.oscillator.word},
+                          {"slope", scenario.oscillator.slope},
+                          {"bendPpm", scenario.oscillator.bendPpm},
+                          {"driftPpmPerHour", scenario.oscillator.driftPpmPerHour},
+                          {"temperaturePpm", scenario.oscillator.temperaturePpm},
+                          {"temperaturePeriodSeconds", scenario.oscillator.temperaturePeriodSeconds},
+                          {"noisePpb", scenario.oscillator.noisePpb}};
+    json["irig"] = referenceJson(scenario.irig);
+    json["pps"] = referenceJson(scenario.pps);
+    json["ptpPulse"] = referenceJson(scenario.ptpPulse);
+    json["realtimeAtStart"] = scenario.realtimeAtStart;
+    json["realtimeSteps"] = shiftsJson(scenario.realtimeSteps);
     json["seed"] = scenario.seed;
     json["modules"] = Json::array();
     for (const ModuleScenario& module : scenario.modules) {

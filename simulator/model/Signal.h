@@ -38,6 +38,7 @@ struct HalfBand {
 struct StreamFormat {
     bool filtered = false;
     double baseClock = 15e6;      // ticks a second, with the oscillator's error
+    double pull = 1.0;            // its frequency over the nominal one
     Uint128 period = 0;           // ticks from sample to sample, in units of 2^-38
     Uint128 delay = 0;            // ticks by which the filter chain delays, in units of 2^-38
     uint32_t decimation = 1;      // raw stream only
@@ -45,7 +46,8 @@ struct StreamFormat {
     uint64_t limit = UINT64_MAX;  // samples until the stream ends
     HalfBand filter;
 
-    double rate() const;              // samples a second, with the oscillator's error
+    double rate() const;  // samples a second, with the oscillator's error
+    double nominalRate() const { return rate() / pull; }
     double gain(double hertz) const;  // real gain of the whole chain, filtered stream only
 
     static StreamFormat raw(double baseClock, uint32_t decimation, uint32_t length);

@@ -46,10 +46,11 @@ TEST(I2c, eepromTellsTheBoard) {
 
 TEST(I2c, otherChips) {
     Rig rig(Scenario{});
-    EXPECT_EQ((Bytes{0xA8, 0x80}), registerBytes(rig, 0x58, 0x10, 2));
-    const uint8_t control[2] = {0x11, 0x7E};
+    EXPECT_EQ((Bytes{0xAA, 0x7E}), registerBytes(rig, 0x58, 0x10, 2));
+    const uint8_t control[2] = {0x11, 0x80};
     EXPECT_EQ(2, rig.instrument.i2cWrite(0x58, control, 2));
-    EXPECT_EQ((Bytes{0xA8, 0x7E}), registerBytes(rig, 0x58, 0x10, 2));
+    EXPECT_EQ((Bytes{0xAA, 0x80}), registerBytes(rig, 0x58, 0x10, 2));
+    EXPECT_EQ(514, rig.instrument.timingState().controlWord);
     const Bytes warm = registerBytes(rig, 0x48, 0, 2);
     ASSERT_EQ(2u, warm.size());
     EXPECT_EQ(38.5, (warm[0] << 8 | warm[1]) / 256.0);

@@ -29,7 +29,7 @@ TEST(Registers, aStoreReachesOnlyTheBitsThatTheHardwareLetsWrite) {
                  {"trigger word", 0xA000012C, 0xFFFFFFFF, 0xC003FFFF},
                  {"state of modules is hardware", 0xA0200004, 0xFFFF0500, 0x00000500},
                  {"timing control", 0xA3000000, 0xFFFFFFFF, 0x00033137},
-                 {"resync without reference", 0xA3000014, 0x20000000, 0},
+                 {"resync in own timing, which is a loss", 0xA3000014, 0x20000000, 0x80000000},
                  {"IRIG control", 0xA3800000, 0xFFFFFFFF, 0xDF},
                  {"IRIG status is hardware", 0xA3800020, 0xFFFFFFFF, 0},
                  {"version is hardware", 0xA6000000, 0, 0x00010000},
@@ -174,7 +174,7 @@ TEST(Registers, clockCounterRunsFromTheStartToTheStop) {
     rig.store(timing + 0x18, 0);
     // Following a reference the start waits for the next pulse of the internal second.
     rig.store(timing, 0);
-    rig.now = 1000.0 + 300.75;
+    rig.now += rig.instrument.timingState().nextSecond - 0.25;
     rig.store(timing + 0x18, 1);
     rig.now += 0.2;
     EXPECT_EQ(0u, rig.word(timing + 0x20));

@@ -292,14 +292,15 @@ TEST(Streams, triggerOfTheTimingCoreStartsAtTheSecond) {
     Rig rig(Scenario::counters(1));
     rig.raw(0, 15000);
     rig.transfer(0, Stream::Raw, 20);
-    rig.now = 1000.4;
+    rig.now += 0.4;
+    const double second = rig.now + rig.instrument.timingState().nextSecond;
     rig.store(0xA0200004, 0x100);
     rig.storeBits(0xA0200000, 1, 1);
     rig.store(0xA3000018, 1);
-    rig.now = 1000.95;
+    rig.now = second - 0.001;
     EXPECT_EQ(0u, rig.read<int16_t>(0, Stream::Raw, 1000).size());
     EXPECT_EQ(0u, rig.word(0xA0200004) >> 16);
-    rig.now = 1001.055;
+    rig.now = second + 0.055;
     EXPECT_EQ(50u, rig.read<int16_t>(0, Stream::Raw, 1000).size());
     EXPECT_EQ(1u, rig.word(0xA0200004) >> 16);
     rig.store(0xA3000018, 0);
