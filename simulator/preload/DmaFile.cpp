@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "simulator/preload/NextFunctions.h"
+
 namespace kestrixsim {
 
 constinit FilePool<DmaFile> DmaFile::pool_;
@@ -38,7 +40,7 @@ ssize_t DmaFile::read(void* buffer, size_t size) {
             return count;
         }
         const timespec pause{0, 1'000'000};
-        if (const int error = clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr)) {
+        if (const int error = next::clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr)) {
             return -error;
         }
     }

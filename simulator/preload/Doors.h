@@ -15,6 +15,7 @@ enum class DoorKind {
     Uart,         // amplifier port
     DmaRaw,       // stream of 16-bit samples, one node for each module
     DmaFiltered,  // stream of 32-bit samples, one node for each module
+    Timing,       // records of the reference's pulses
     Absent,       // belongs to the instrument and is not there: ENOENT
     Files,        // plain files, rewritten into the process's root folder
 };
@@ -39,6 +40,7 @@ inline constexpr auto doors = std::to_array<Door>({
     {"/dev/ttyPS1", DoorMatch::Exact, DoorKind::Uart, "amplifier firmware: read, write, tc* calls, poll, select"},
     {"/dev/tolvn_dma_r", DoorMatch::Numbered, DoorKind::DmaRaw, "raw stream of a module: ioctl, read"},
     {"/dev/tolvn_dma_f", DoorMatch::Numbered, DoorKind::DmaFiltered, "filtered stream of a module: ioctl, read"},
+    {"/dev/tolvn_timing", DoorMatch::Exact, DoorKind::Timing, "record of each reference pulse: read, poll, select"},
     {"/dev/tolvn_", DoorMatch::Prefix, DoorKind::Absent, "any other node of the instrument's drivers"},
     {"/sys/class/tolvn_korvel", DoorMatch::Tree, DoorKind::Files, "switches of the timing driver"},
     {"/sys/class/gpio", DoorMatch::Tree, DoorKind::Files, "GPIO lines"},

@@ -14,19 +14,43 @@
 #include "simulator/preload/DescriptorTable.h"
 #include "simulator/preload/Entry.h"
 #include "simulator/preload/NextFunctions.h"
+#include "simulator/preload/ServedTime.h"
 
 using namespace kestrixsim;
 
 namespace {
 
 constexpr int64_t second = 1'000'000'000;
-constexpr int64_t slice = 1'000'000;
 
 int64_t now() {
     timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * second + time.tv_nsec;
+    next::clock_gettime(CLOCK_MONOTONIC, &time);
+    return servedtime::nanoseconds(time);
 }
+
+// A millisecond of the program, but not so short that the machine does nothing else.
+int64_t slice() {
+    return std::clamp<int64_t>(servedtime::toMachine(1'000'000), 50'000, 1'000'000);
+}
+
+bool scaled() {
+    return servedtime::factor() != 1.0 && !Entry::inside();
+}
+
+// A program's wait as the machine has to wait; none for none.
+class Wait {
+public:
+    explicit Wait(const timespec* asked) : endless_(asked == nullptr || asked->tv_sec > 1'000'000'000) {
+        if (!endless_) {
+            time_ = servedtime::asTime(servedtime::toMachine(servedtime::nanoseconds(*asked)));
+        }
+    }
+    const timespec* get() const { return endless_ ? nullptr : &time_; }
+
+private:
+    bool endless_;
+    timespec time_{};
+};
 
 // The bound of one wait; none at all if made from null, or from a number that programs write for "endless".
 class Deadline {
@@ -35,9 +59,9 @@ public:
 
     explicit Deadline(const timespec* timeout)
         : endless_(timeout == nullptr || timeout->tv_sec > longest),
-          end_(endless_ ? 0 : now() + timeout->tv_sec * second + timeout->tv_nsec) {}
+          end_(endless_ ? 0 : now() + servedtime::toMachine(servedtime::nanoseconds(*timeout))) {}
 
-    int64_t left() const { return endless_ ? slice : std::max<int64_t>(end_ - now(), 0); }
+    int64_t left() const { return endless_ ? slice() : std::max<int64_t>(end_ - now(), 0); }
 
 private:
     bool endless_;
@@ -64,7 +88,7 @@ int pollServed(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_
         }
     }
     const Deadline deadline(timeout);
-    for (int64_t wait = 0;; wait = std::min(slice, deadline.left())) {
+    for (int64_t wait = 0;; wait = std::min(slice(), deadline.left())) {
         const bool last = wait == 0 && deadline.left() == 0;
         const timespec pause{0, wait};
         int ready = next::ppoll(others.get(), count, &pause, signals);
@@ -132,7 +156,7 @@ int selectServed(int limit, const Sets& sets, const timespec* timeout, const sig
     const fd_set others[3] = {split(limit, sets.readable, mine[0]), split(limit, sets.writable, mine[1]),
                               split(limit, sets.exceptional, mine[2])};
     const Deadline deadline(timeout);
-    for (int64_t wait = 0;; wait = std::min(slice, deadline.left())) {
+    for (int64_t wait = 0;; wait = std::min(slice(), deadline.left())) {
         const bool last = wait == 0 && deadline.left() == 0;
         fd_set result[3] = {others[0], others[1], others[2]};
         const timespec pause{0, wait};
@@ -165,7 +189,7 @@ int selectServed(int limit, const Sets& sets, const timespec* timeout, const sig
                 }
             }
             if (left != nullptr) {
-                *left = deadline.left();
+                *left = static_cast<int64_t>(static_cast<double>(deadline.left()) * servedtime::factor());
             }
             return ready;
         }
@@ -173,15 +197,17 @@ int selectServed(int limit, const Sets& sets, const timespec* timeout, const sig
 }
 
 int pollMilliseconds(pollfd* fds, nfds_t count, int timeoutMs) {
-    if (!anyServed(fds, count)) {
-        return next::poll(fds, count, timeoutMs);
-    }
     const timespec timeout{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
+    if (!anyServed(fds, count)) {
+        return scaled() && timeoutMs > 0 ? next::ppoll(fds, count, Wait(&timeout).get(), nullptr)
+                                         : next::poll(fds, count, timeoutMs);
+    }
     return pollServed(fds, count, timeoutMs < 0 ? nullptr : &timeout, nullptr);
 }
 
 int pollTime(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals) {
-    return anyServed(fds, count) ? pollServed(fds, count, timeout, signals) : next::ppoll(fds, count, timeout, signals);
+    return anyServed(fds, count) ? pollServed(fds, count, timeout, signals)
+                                 : next::ppoll(fds, count, scaled() ? Wait(timeout).get() : timeout, signals);
 }
 
 }  // namespace
@@ -211,12 +237,14 @@ KESTRIX_HOOK(int, __ppoll_chk,
 
 KESTRIX_HOOK(int, select, (int limit, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout)) {
     const Sets sets{readable, writable, exceptional};
-    if (!anyServed(limit, sets)) {
-        return next::select(limit, readable, writable, exceptional, timeout);
-    }
     timespec time{};
     if (timeout != nullptr) {
         time = {timeout->tv_sec, timeout->tv_usec * 1000};
+    }
+    if (!anyServed(limit, sets)) {
+        return scaled() && timeout != nullptr
+                   ? next::pselect(limit, readable, writable, exceptional, Wait(&time).get(), nullptr)
+                   : next::select(limit, readable, writable, exceptional, timeout);
     }
     int64_t left = 0;
     const int result = selectServed(limit, sets, timeout != nullptr ? &time : nullptr, nullptr, &left);
@@ -231,5 +259,6 @@ KESTRIX_HOOK(int, pselect,
               const sigset_t* signals)) {
     const Sets sets{readable, writable, exceptional};
     return anyServed(limit, sets) ? selectServed(limit, sets, timeout, signals, nullptr)
-                                  : next::pselect(limit, readable, writable, exceptional, timeout, signals);
+                                  : next::pselect(limit, readable, writable, exceptional,
+                                                  scaled() ? Wait(timeout).get() : timeout, signals);
 }

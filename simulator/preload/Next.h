@@ -18,7 +18,8 @@ namespace kestrixsim {
 template <typename Function>
 class Next {
 public:
-    constexpr explicit Next(const char* name) : name_(name) {}
+    // `version`: where the C library has kept an older function of this name for old programs.
+    constexpr explicit Next(const char* name, const char* version = nullptr) : name_(name), version_(version) {}
 
     Function* get() {
         Function* found = function_.load(std::memory_order_relaxed);
@@ -33,7 +34,10 @@ public:
 private:
     Function* find() {
         const int before = errno;
-        auto* found = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name_));
+        auto* found = reinterpret_cast<Function*>(version_ != nullptr ? dlvsym(RTLD_NEXT, name_, version_) : nullptr);
+        if (found == nullptr) {
+            found = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name_));
+        }
         if (found == nullptr) {
             __builtin_trap();  // every function named here is in any C library that this can be linked against
         }
@@ -43,6 +47,7 @@ private:
     }
 
     const char* name_;
+    const char* version_;
     std::atomic<Function*> function_{nullptr};
 };
 

@@ -32,6 +32,19 @@ constinit Next<int(pollfd*, nfds_t, int)> poll{"poll"};
 constinit Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll{"ppoll"};
 constinit Next<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select{"select"};
 constinit Next<int(int, fd_set*, fd_set*, fd_set*, const timespec*, const sigset_t*)> pselect{"pselect"};
+constinit Next<int(clockid_t, timespec*)> clock_gettime{"clock_gettime"};
+constinit Next<int(timeval*, void*)> gettimeofday{"gettimeofday"};
+constinit Next<time_t(time_t*)> time{"time"};
+constinit Next<int(clockid_t, int, const timespec*, timespec*)> clock_nanosleep{"clock_nanosleep"};
+#if defined(__x86_64__)
+constexpr const char* conditions = "GLIBC_2.3.2";
+#else
+constexpr const char* conditions = nullptr;
+#endif
+constinit Next<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> condTimedwait{"pthread_cond_timedwait",
+                                                                                      conditions};
+constinit Next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwait{
+    "pthread_cond_clockwait"};
 constinit Next<int(int, struct stat*)> fstat{"fstat"};
 constinit Next<FILE*(const char*, const char*)> fopen{"fopen"};
 constinit Next<FILE*(const char*, const char*, FILE*)> freopen{"freopen"};

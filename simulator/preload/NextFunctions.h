@@ -2,11 +2,14 @@
 
 #include <dirent.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <termios.h>
+#include <time.h>
 
 #include <cstdio>
 
@@ -43,6 +46,12 @@ extern Next<int(pollfd*, nfds_t, int)> poll;
 extern Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll;
 extern Next<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
 extern Next<int(int, fd_set*, fd_set*, fd_set*, const timespec*, const sigset_t*)> pselect;
+extern Next<int(clockid_t, timespec*)> clock_gettime;
+extern Next<int(timeval*, void*)> gettimeofday;
+extern Next<time_t(time_t*)> time;
+extern Next<int(clockid_t, int, const timespec*, timespec*)> clock_nanosleep;
+extern Next<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> condTimedwait;
+extern Next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwait;
 extern Next<int(int, struct stat*)> fstat;
 extern Next<FILE*(const char*, const char*)> fopen;
 extern Next<FILE*(const char*, const char*, FILE*)> freopen;

@@ -8,6 +8,7 @@
 #include "simulator/preload/I2cFile.h"
 #include "simulator/preload/MemFile.h"
 #include "simulator/preload/NextFunctions.h"
+#include "simulator/preload/TimingFile.h"
 #include "simulator/preload/UartFile.h"
 
 namespace kestrixsim {
@@ -26,6 +27,8 @@ int makeFile(const Location& location, int flags, ServedFile*& file) {
             return DmaFile::open(location.number(), Stream::Raw, flags, file);
         case DoorKind::DmaFiltered:
             return DmaFile::open(location.number(), Stream::Filtered, flags, file);
+        case DoorKind::Timing:
+            return TimingFile::open(flags, file);
         default:
             return -ENOENT;
     }
@@ -72,6 +75,8 @@ dev_t nodeNumber(const Location& location) {
             return makedev(89, 1);
         case DoorKind::Uart:
             return makedev(245, 1);
+        case DoorKind::Timing:
+            return makedev(241, 0);
         default:
             return makedev(
                 240, static_cast<unsigned>(location.number()) * 2 + (location.kind() == DoorKind::DmaFiltered ? 1 : 0));

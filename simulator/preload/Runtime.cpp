@@ -19,6 +19,7 @@
 #include "simulator/preload/DescriptorTable.h"
 #include "simulator/preload/Entry.h"
 #include "simulator/preload/NextFunctions.h"
+#include "simulator/preload/ServedTime.h"
 #include "simulator/preload/UartFile.h"
 
 namespace kestrixsim {
@@ -99,7 +100,9 @@ Instrument& made() {
     start();
     if (current.load(std::memory_order_acquire) == nullptr) {
         Kept& store = kept();
-        current.store(new Instrument(store.chosen ? *store.chosen : initialScenario()), std::memory_order_release);
+        const Scenario scenario = store.chosen ? *store.chosen : initialScenario();
+        servedtime::adopt(scenario, true);
+        current.store(new Instrument(scenario, servedtime::machineSeconds, true), std::memory_order_release);
     }
     return *current.load(std::memory_order_acquire);
 }
@@ -139,7 +142,7 @@ void sweep(const std::filesystem::path& parent) {
         const std::string folder = entry->path().string();
         struct stat status {};
         if (!entry->path().filename().string().starts_with(rootPrefix) || next::lstat(folder.c_str(), &status) != 0 ||
-            !S_ISDIR(status.st_mode) || status.st_uid != geteuid() || time(nullptr) - status.st_mtime < 60) {
+            !S_ISDIR(status.st_mode) || status.st_uid != geteuid() || next::time(nullptr) - status.st_mtime < 60) {
             continue;  // a folder that was made just now may not be locked yet
         }
         // A program that closes every descriptor it doesn't know has lost the lock, but lives.
@@ -183,6 +186,10 @@ Instrument& get() {
     } catch (const std::exception& error) {
         giveUp(error.what());
     }
+}
+
+Instrument* existing() {
+    return current.load(std::memory_order_acquire);
 }
 
 const std::string* root() {
@@ -263,13 +270,19 @@ Instrument& replace(Scenario scenario, std::unique_ptr<Instrument> (*make)(const
 
 Instrument& reset(Scenario scenario) {
     return replace(
-        std::move(scenario), [](const Scenario& plan, void*) { return std::make_unique<Instrument>(plan); }, nullptr);
+        std::move(scenario),
+        [](const Scenario& plan, void*) {
+            servedtime::adopt(plan, true);
+            return std::make_unique<Instrument>(plan, servedtime::machineSeconds, true);
+        },
+        nullptr);
 }
 
 Instrument& reset(Scenario scenario, std::function<double()> now) {
     return replace(
         std::move(scenario),
         [](const Scenario& plan, void* source) {
+            servedtime::adopt(plan, false);
             return std::make_unique<Instrument>(plan, std::move(*static_cast<std::function<double()>*>(source)));
         },
         &now);

@@ -18,6 +18,9 @@ std::mutex& lock();
 // cannot be read ends the program with a message and status 78.
 Instrument& get();
 
+// The instrument if there is one; never makes it.
+Instrument* existing();
+
 // The root folder; null if it cannot be made or the process is ending. Valid until the next reset().
 const std::string* root();
 

@@ -179,13 +179,13 @@ TEST_F(AcquisitionTest, ReadThatEndsAtTheStoragesEndIsFollowedByOneFromItsStart)
     use({0});
     start();
     const unsigned long bdSamples = static_cast<unsigned long>(ai().getKernels()[0]->bdSize) / 2;
-    // One descriptor before the end, then wait until several are ready: 124 samples take 31 ms.
+    // One descriptor before the end, then wait until several are ready: 124 samples take 124 ms.
     while (channel(0).buffer->getPosition() != channel(0).buffer->getCapacity() - bdSamples) {
         ASSERT_NO_FATAL_FAILURE(acquire(channel(0), channel(0).samplesAcquired + 1));
     }
     uint64_t seen = channel(0).samplesAcquired;
     const auto reads = raw().reads;
-    letStreamsRun(120);
+    letStreamsRun(400);
     controller->acquireData();
     EXPECT_EQ(raw().reads, reads + 2);
     EXPECT_GE(channel(0).samplesAcquired, seen + 2 * bdSamples);

@@ -44,7 +44,7 @@ TEST_F(CommandLine, RunServesAProgramThatKnowsNothingOfIt) {
     EXPECT_EQ(address.out.size(), 18u);
     EXPECT_TRUE(std::filesystem::is_empty(folder_ / "tmp")) << "the root folder stays behind";
     EXPECT_EQ(run("run -- test -c /dev/ttyPS1").status, 0);
-    EXPECT_EQ(run("run -- cat /dev/tolvn_timing").status, 1);
+    EXPECT_EQ(run("run -- cat /dev/tolvn_gpio").status, 1);
     const Result pipeline = run("run -- sh -c 'cat /sys/class/gpio/gpio504/value | wc -l; exit 7'");
     EXPECT_EQ(pipeline.status, 7);
     EXPECT_EQ(pipeline.err, "");

@@ -87,7 +87,7 @@ TEST_F(Descriptors, PathsOfTheInstrumentWithoutADeviceAreAbsent) {
     two.modules.resize(2);
     reset(two);
     for (const char* path :
-         {"/dev/tolvn_timing", "/dev/tolvn_dma_r", "/dev/tolvn_dma_r2", "/dev/tolvn_dma_f8", "/dev/tolvn_dma_r01",
+         {"/dev/tolvn_timing2", "/dev/tolvn_dma_r", "/dev/tolvn_dma_r2", "/dev/tolvn_dma_f8", "/dev/tolvn_dma_r01",
           "/dev/tolvn_dma_r-1", "/dev/tolvn_dma_x0", "/sys/class/gpio/gpio9/value"}) {
         errno = 0;
         EXPECT_EQ(::open(path, O_RDWR), -1) << path;

@@ -63,7 +63,8 @@ TEST_F(Paths, QuestionsAboutFilesAndDevices) {
                                                     {"/dev/mem", S_IFCHR},
                                                     {"/dev/tolvn_dma_r7", S_IFCHR},
                                                     {"/dev/tolvn_dma_r8", 0},
-                                                    {"/dev/tolvn_timing", 0},
+                                                    {"/dev/tolvn_timing", S_IFCHR},
+                                                    {"/dev/tolvn_gpio", 0},
                                                     {"/", S_IFDIR},
                                                     {"/dev/null", S_IFCHR}};
     for (const auto& [path, type] : cases) {
@@ -117,7 +118,7 @@ TEST_F(Paths, FilesThatAreMissingInTheRootAreNotLookedForElsewhere) {
 TEST_F(Paths, DevicesAreNotOpenedAsStreams) {
     EXPECT_EQ(::fopen("/dev/mem", "r+"), nullptr);
     EXPECT_EQ(errno, ENOTSUP);
-    EXPECT_EQ(::fopen("/dev/tolvn_timing", "r"), nullptr);
+    EXPECT_EQ(::fopen("/dev/tolvn_gpio", "r"), nullptr);
     EXPECT_EQ(errno, ENOENT);
     const Descriptor device(::open("/dev/ttyPS1", O_RDWR));
     EXPECT_EQ(::fdopen(device, "r+"), nullptr);

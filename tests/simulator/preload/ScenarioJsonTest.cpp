@@ -26,6 +26,12 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
                   .timeFactor = 2.5,
                   .unthrottled = true,
                   .oscillatorErrorPpm = -12.25,
+                  .oscillator = {512, 0.9, 3.0, -1.5, 2.5, 600.0, 7.0},
+                  .irig = {.present = false, .offsetSeconds = 0.25, .jitterNs = 0.0, .wanderNs = 3.0},
+                  .pps = {.outages = {{1.0, 2.5}, {3.0, 4.0}}},
+                  .ptpPulse = {.steps = {{5.0, -6.5}}, .spikes = {{7.0, 8.0}}},
+                  .realtimeAtStart = 1795000000.5,
+                  .realtimeSteps = {{9.0, 1000.0}},
                   .seed = 0x8000000000000001};
     for (size_t i = 0; i <= static_cast<size_t>(WaveformKind::Counter); ++i) {
         const auto kind = static_cast<WaveformKind>(i);
@@ -38,7 +44,7 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
         full.modules[i].waveform.file = kind == WaveformKind::Wav ? "/somewhere/take.wav" : "";
         full.modules[i].waveform.unit = i % 2 == 1 ? WaveformUnit::Physical : WaveformUnit::Counts;
     }
-    for (int kind = 0; kind <= static_cast<int>(FaultKind::SysfsMissing); ++kind) {
+    for (int kind = 0; kind <= static_cast<int>(FaultKind::OscillatorSilent); ++kind) {
         full.faults.push_back({.kind = static_cast<FaultKind>(kind), .atSeconds = 1.5, .afterCount = 7, .times = -1});
     }
     full.faults.push_back({.kind = FaultKind::DmaIoctl, .target = 3, .code = static_cast<int>(0xC0064C01)});
@@ -47,6 +53,11 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
     EXPECT_EQ(ScenarioJson::write(back), text);
     EXPECT_EQ(back.serialNumber, full.serialNumber);
     EXPECT_EQ(back.seed, full.seed);
+    EXPECT_EQ(back.oscillator.temperaturePeriodSeconds, 600.0);
+    EXPECT_EQ(back.irig.wanderNs, 3.0);
+    EXPECT_EQ(back.pps.outages.back().until, 4.0);
+    EXPECT_EQ(back.ptpPulse.spikes.front().byMicroseconds, 8.0);
+    EXPECT_EQ(back.realtimeSteps.front().byMicroseconds, 1000.0);
     ASSERT_EQ(back.modules.size(), full.modules.size());
     for (size_t i = 0; i < back.modules.size(); ++i) {
         EXPECT_EQ(back.modules[i].kind, full.modules[i].kind);
