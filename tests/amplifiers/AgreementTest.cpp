@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "simulator/model/Firmware.h"
@@ -16,11 +17,34 @@ using kestrixsim::Firmware;
 
 namespace {
 
-class Agreement : public testing::TestWithParam<std::pair<AmplifierKind, const char*>> {
+// What a user is shown of a measurement, which the amplifier knows nothing of.
+struct Mode {
+    const char* measurement;
+    const char* unit;
+    bool excited;
+    bool inputs;
+};
+
+struct Delivered {
+    AmplifierKind kind;
+    const char* file;
+    std::vector<Mode> modes;
+};
+
+const Delivered amplifiers[] = {
+    {AmplifierKind::Voltage, "fast-voltage.json", {{"Voltage", "V", false, true}}},
+    {AmplifierKind::Bridge,
+     "bridge.json",
+     {{"Bridge", "mV/V", true, true}, {"Voltage", "V", false, false}, {"Potentiometer", "%", true, false}}},
+    {AmplifierKind::Iepe, "iepe.json", {{"IEPE", "V", true, true}, {"Voltage", "V", false, true}}},
+    {AmplifierKind::HighVoltage, "high-voltage.json", {{"Voltage", "V", false, true}}},
+};
+
+class Agreement : public testing::TestWithParam<Delivered> {
 protected:
     Agreement()
-        : definition(std::filesystem::path(KESTRIX_AMPLIFIERS) / GetParam().second),
-          firmware(moduleOf(GetParam().first), 1, 1) {}
+        : definition(std::filesystem::path(KESTRIX_AMPLIFIERS) / GetParam().file),
+          firmware(moduleOf(GetParam().kind), 1, 1) {}
 
     static kestrixsim::ModuleScenario moduleOf(AmplifierKind kind) {
         kestrixsim::ModuleScenario module;
@@ -38,6 +62,11 @@ protected:
             text += (text.empty() ? "" : ".") + std::to_string(firmware.execute(command, {}).data.at(0));
         }
         return text;
+    }
+
+    bool visible(const char* name) {
+        const BasePtr attribute = definition.channel.getPropertyInfo(name).getVisible();
+        return !attribute || fromValue<bool>(attribute);
     }
 
     ListPtr choices(const char* name) { return definition.channel.getPropertyInfo(name).getValuesAsList(); }
@@ -69,11 +98,19 @@ protected:
 TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
     EXPECT_EQ(identity(), definition.channel.getPropertyValue<std::string>("AmplifierID"));
     const size_t measurements = choices("Measurement").getCount();
+    ASSERT_EQ(GetParam().modes.size(), measurements);
     EXPECT_NE(0, send(0x60, {static_cast<uint8_t>(measurements)}));
     for (size_t m = 0; m < measurements; ++m) {
         EXPECT_EQ(0, send(0x60, {static_cast<uint8_t>(m)}));
         EXPECT_EQ(0, send(0x67));
         definition.channel.setPropertyValue("Measurement", static_cast<int64_t>(m));
+        const Mode& mode = GetParam().modes[m];
+        EXPECT_EQ(mode.measurement, fromValue<std::string>(choices("Measurement").getItemAt(m)));
+        EXPECT_EQ(mode.unit, fromValue<std::string>(definition.channel.getPropertyInfo("Range").getUnit()));
+        EXPECT_EQ(mode.inputs, visible("InputType")) << mode.measurement;
+        if (definition.channel.hasProperty("Excitation")) {
+            EXPECT_EQ(mode.excited, visible("Excitation")) << mode.measurement;
+        }
         walk(0xBC, "Range");
         walk(0xC8, "LPFilter");
         walk(0xC3, "HPFilter");
@@ -86,8 +123,13 @@ TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
             EXPECT_EQ(0, send(0xBC, {static_cast<uint8_t>(i)}));
             EXPECT_EQ(0, send(0x67));
             const GenericPropertyObjectPtr item = ranges.getItemAt(i).asPtr<IPropertyObject>();
-            const double whole = item.getPropertyValue<double>("Max") - item.getPropertyValue<double>("Min");
-            EXPECT_NEAR(whole, 65536.0 / firmware.frontEnd().countsPerUnit / firmware.scale(), whole * 1e-9) << m << i;
+            const auto end = item.getPropertyValue<double>("Max");
+            EXPECT_EQ(-end, item.getPropertyValue<double>("Min")) << m << i;
+            EXPECT_EQ(end, std::stod(item.getPropertyValue<std::string>("DisplayName")));
+            EXPECT_NEAR(end, 32768.0 / firmware.frontEnd().countsPerUnit / firmware.scale(), end * 1e-9) << m << i;
+            // It stands where the measurement looks for it.
+            definition.channel.setPropertyValue("Range", static_cast<int64_t>(i));
+            EXPECT_EQ(static_cast<int64_t>(i), definition.channel.getPropertyValue<int64_t>("Range"));
         }
         EXPECT_EQ(0, send(0xBC, {0}));
         // The text of a coupling says whether it lets a constant pass.
@@ -129,12 +171,36 @@ TEST_P(Agreement, whatTheFileSaysItCanItCan) {
         EXPECT_EQ(0, excite(fromValue<double>(excitations.getItemAt(i)))) << i;
     }
     EXPECT_NE(0, excite(6.0));
+    const auto value = definition.channel.getPropertyValue<double>("Excitation");
+    const bool selection = definition.channel.getPropertyInfo("Excitation").isSelection();
+    EXPECT_EQ(GetParam().kind == AmplifierKind::Bridge ? "V" : "mA",
+              fromValue<std::string>(definition.channel.getPropertyInfo("Excitation").getUnit()));
+    EXPECT_GT(selection ? fromValue<double>(excitations.getItemAt(static_cast<size_t>(value))) : value, 0.0)
+        << "a sensor that nobody set up is alive";
+    EXPECT_EQ(has("StartSensorBalance"), has("BridgeOffset"));
+    ASSERT_EQ(has("StartSensorBalance"), has("DeviceRanges"));
+    if (has("DeviceRanges")) {
+        // Volts of the bridge's signal: with the highest excitation they are the ranges in mV/V.
+        ASSERT_EQ(choices("Range").getCount(), choices("DeviceRanges").getCount());
+        const auto highest = fromValue<double>(excitations.getItemAt(excitations.getCount() - 1));
+        for (size_t i = 0; i < choices("Range").getCount(); ++i) {
+            const GenericPropertyObjectPtr item = choices("Range").getItemAt(i).asPtr<IPropertyObject>();
+            EXPECT_DOUBLE_EQ(item.getPropertyValue<double>("Max"),
+                             fromValue<double>(choices("DeviceRanges").getItemAt(i)) * 1000.0 / highest);
+        }
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, Agreement,
-                         testing::Values(std::pair{AmplifierKind::Voltage, "fast-voltage.json"},
-                                         std::pair{AmplifierKind::Bridge, "bridge.json"},
-                                         std::pair{AmplifierKind::Iepe, "iepe.json"},
-                                         std::pair{AmplifierKind::HighVoltage, "high-voltage.json"}));
+INSTANTIATE_TEST_SUITE_P(Kinds, Agreement, testing::ValuesIn(amplifiers));
+
+TEST(Definitions, everyFileIsKnownAndDistinct) {
+    size_t files = 0;
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(KESTRIX_AMPLIFIERS)) {
+        ++files;
+        EXPECT_TRUE(names.insert(DefinitionFile::load(entry.path()).getName().toStdString()).second) << entry.path();
+    }
+    EXPECT_EQ(std::size(amplifiers), files);
+}
 
 }  // namespace

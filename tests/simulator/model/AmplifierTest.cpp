@@ -48,25 +48,6 @@ protected:
     std::unique_ptr<Rig> rig;
 };
 
-TEST_F(Amplifier, eachKindNamesItself) {
-    // Type, hardware and firmware capabilities, connector; versions of firmware and hardware.
-    const char* identities[5][6] = {{"00 01", "00 00", "00 01", "00 01", "00 02 07", "00 01 00 03 00"},
-                                    {"00 02", "00 01", "00 03", "00 02", "00 03 01", "00 02 00 00 00"},
-                                    {"00 03", "00 00", "00 03", "00 01", "00 02 09", "00 01 01 00 00"},
-                                    {"00 04", "00 02", "00 01", "00 04", "00 01 04", "00 01 00 00 00"},
-                                    {"00 09", "00 09", "00 09", "00 09", "00 09 09", "00 09 09 09 09"}};
-    const char* commands[6] = {"A7", "65", "66", "63", "AA", "A6"};
-    for (int slot = 0; slot < 5; ++slot) {
-        rig->select(slot);
-        for (int i = 0; i < 6; ++i) {
-            EXPECT_EQ(identities[slot][i], ask(commands[i])) << slot << " " << commands[i];
-        }
-        EXPECT_EQ(slot != 4, rig->number(0xFA) != 1.0F && rig->number(0xFB) != 0.0F) << slot;
-    }
-    rig->select(7);
-    EXPECT_EQ("", ask("A7"));
-}
-
 TEST_F(Amplifier, answersAreThoseOfTheFirmware) {
     // What is asked and what is answered, in this order.
     const struct {

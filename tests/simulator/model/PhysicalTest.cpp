@@ -145,23 +145,6 @@ TEST(Physical, edgesHaveTheShapeThatTheCircuitGives) {
     }
 }
 
-TEST(Physical, edgesRingAsTheSlowerFilterWants) {
-    SignalSource source;
-    source.waveform = physical(WaveformKind::Square, 10000.0, 0.0, 50.0);
-    const auto peak = [&] {
-        const auto samples = filteredOf(source, 1000, 2000);
-        return *std::max_element(samples.begin(), samples.end()) / 65536.0;
-    };
-    // A second order low-pass of this kind overshoots a step by 4.32 %; the filter chain alone by some 9 %.
-    source.frontEnd.lowPassHz = 1000.0;
-    EXPECT_NEAR(10000.0 * (1.0 + 2.0 * 0.0432), peak(), 5.0);
-    source.frontEnd.lowPassHz = 5e6;
-    const double steep = peak();
-    EXPECT_GT(steep, 11000.0);
-    source.frontEnd.lowPassHz = 0.0;
-    EXPECT_NEAR(steep, peak(), 1.0);
-}
-
 TEST(Physical, fileIsScaledAndShifted) {
     SignalSource source;
     source.waveform = physical(WaveformKind::Wav, 5.0, 1.0);
@@ -239,16 +222,6 @@ TEST_F(Bench, settingsTakeEffectWithTheUpdateWhileTheStreamRuns) {
     rig->now += 0.2;
     EXPECT_NEAR(-0.25, hostValue(raw(), 16, 10.0), 2e-4);
     EXPECT_EQ(0u, rig->instrument.statistics(0, Stream::Raw).samplesDropped % 32);
-}
-
-// What no definition file tells. The rest of the firmware's lists is compared with those files.
-TEST(FirmwareLists, widestLowPassIsThatOfTheKind) {
-    const double corners[] = {5e6, 3e5, 1e6, 2e6, 0.0};
-    for (int kind = 0; kind < 5; ++kind) {
-        const Firmware firmware({.kind = static_cast<AmplifierKind>(kind), .waveform = {}}, 1, 1);
-        EXPECT_EQ(corners[kind], firmware.frontEnd().lowPassHz) << kind;
-    }
-    EXPECT_EQ(3276.8, Firmware({.kind = AmplifierKind::Unknown, .waveform = {}}, 1, 1).frontEnd().countsPerUnit);
 }
 
 TEST_F(Bench, sensorStatesShowInSignalAndStatus) {

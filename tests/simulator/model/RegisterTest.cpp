@@ -66,43 +66,6 @@ TEST(Registers, aPageHoldsItsBlockAndNothingElse) {
     EXPECT_EQ(1, large.size() - std::count(large.begin(), large.end(), 0u));
 }
 
-// What a program does for one clear: it takes the report back, asks, and polls.
-bool clearChain(Rig& rig, int m) {
-    const uint64_t address = Rig::module(m) + 0x120;
-    rig.storeBits(address, 2, 0);
-    rig.storeBits(address, 1, 1);
-    for (int i = 0; i < 100; ++i) {
-        if ((rig.word(address) & 2) != 0) {
-            rig.storeBits(address, 2, 0);
-            return true;
-        }
-        rig.now += 0.010;
-    }
-    return false;
-}
-
-TEST(Registers, everyClearIsReportedThoughTheRequestStaysSet) {
-    Rig rig(quiet());
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_TRUE(clearChain(rig, 1)) << i;
-        EXPECT_EQ(1u, rig.word(0xA0010120)) << "still requested, the report taken back";
-    }
-    EXPECT_EQ(0u, rig.word(0xA0000120));
-}
-
-TEST(Registers, clearThatNeverEndsEndsWhenTheFaultIsTakenAway) {
-    Rig rig(quiet());
-    rig.instrument.inject({.kind = FaultKind::ClearNever, .target = 1, .times = -1});
-    EXPECT_TRUE(clearChain(rig, 0));
-    EXPECT_FALSE(clearChain(rig, 1));
-    rig.instrument.clearFaults();
-    EXPECT_TRUE(clearChain(rig, 1));
-    rig.instrument.inject({.kind = FaultKind::ClearLate, .target = 0, .code = 900});
-    const double before = rig.now;
-    EXPECT_TRUE(clearChain(rig, 0));
-    EXPECT_NEAR(0.9, rig.now - before, 0.02);
-}
-
 TEST(Registers, pllIsBusyThenLocksIfTheOscillatorFits) {
     Rig rig(quiet());
     EXPECT_EQ(0x110u, rig.word(0xB0000000));
@@ -119,27 +82,6 @@ TEST(Registers, pllIsBusyThenLocksIfTheOscillatorFits) {
     EXPECT_EQ(1u, rig.word(0xB0000000));
     rig.instrument.clearFaults();
     EXPECT_EQ(0u, rig.word(0xB0000000) & 1);
-}
-
-TEST(Registers, pllsStandAsTheyWereLeftUntilTheyAreTold) {
-    struct {
-        PllScenario pll;
-        uint32_t word;
-    } const cases[] = {
-        {{.selection = 1}, 0x112}, {{.selection = 2}, 4}, {{.lock0 = false}, 0x100}, {{.lock1 = false}, 0x10}};
-    for (const auto& expected : cases) {
-        Scenario scenario = quiet();
-        scenario.pll = expected.pll;
-        Rig rig(scenario);
-        EXPECT_EQ(expected.word, rig.word(0xB0000000));
-        rig.instrument.runCommand("/opt/harvane/scripts/vcxo_control.sh set_clock 15");
-        rig.store(0xA6000010, 0);
-        rig.storeBits(0xB0000000, 7, 1);
-        rig.now += 0.021;
-        EXPECT_EQ(0x110u, rig.word(0xB0000000));
-        EXPECT_EQ((std::vector<std::string>{"oscillator 15 under supply", "supply 0", "pll 0"}),
-                  rig.instrument.journal());
-    }
 }
 
 TEST(Registers, clockCounterRunsFromTheStartToTheStop) {
@@ -197,21 +139,6 @@ TEST(Registers, supplyBootsTheFirmwareOfEachSlot) {
     EXPECT_EQ((std::vector<uint8_t>{0, 2}), rig.ask({0xA7}));
     rig.store(0xA6000010, 0);
     EXPECT_TRUE(rig.ask({0xA7}).empty());
-}
-
-TEST(Registers, supplyWordSwitchesNothingOnTheTwoSlotBoard) {
-    Scenario scenario = Scenario::counters(2);
-    scenario.boardType = 1;
-    scenario.slots = 2;
-    Rig rig(scenario);
-    rig.store(0xA6000010, 0xFF);
-    rig.store(0xA6000010, 0);
-    uint8_t value[2] = {0, 0x22};
-    I2cMessage message{0x4F, false, value, 2};
-    ASSERT_EQ(1, rig.instrument.i2cTransfer(&message, 1));
-    EXPECT_EQ(2u, rig.ask({0xA7}).size());
-    EXPECT_EQ(0, rig.instrument.dmaOpen(1, Stream::Filtered));
-    EXPECT_EQ(-ENOENT, rig.instrument.dmaOpen(2, Stream::Raw));
 }
 
 TEST(Registers, memoryFaultsComeAtTheAccessTheyAreSetFor) {

@@ -127,18 +127,6 @@ TEST_F(RawStream, timeFactorAndOscillatorErrorChangeTheRate) {
     EXPECT_EQ(100u, read().size());
 }
 
-TEST_F(RawStream, unthrottledHasAlwaysARingOfData) {
-    Scenario scenario = Scenario::counters(1);
-    scenario.unthrottled = true;
-    prepare(scenario);
-    EXPECT_EQ(counting(0, 1600), read());
-    EXPECT_EQ(counting(1600, 300), read(700));
-    EXPECT_EQ(counting(1900, 1600), read());
-    rig->storeBits(0xA0200000, 1, 0);
-    EXPECT_LE(read().size(), 1600u);
-    EXPECT_TRUE(read().empty());
-}
-
 TEST_F(RawStream, finishedDescriptorsStayReadableBetweenStopOfConversionAndStopOfTransfer) {
     prepare();
     rig->now += 0.45;
@@ -176,19 +164,6 @@ TEST_F(RawStream, rateIsLatchedWhenTheStreamIsEnabled) {
     EXPECT_EQ(1000u, read().size());
 }
 
-TEST_F(RawStream, lengthEndsTheStream) {
-    prepare();
-    for (const uint32_t length : {250u, 0u}) {
-        rig->enable(0, Stream::Raw, false);
-        rig->store(0xA0000130, length);
-        rig->store(0xA0000120, length == 0 ? 0 : 1);
-        rig->enable(0, Stream::Raw);
-        rig->now += 10.0;
-        EXPECT_EQ(length == 0 ? 0u : 200u, read().size());
-        EXPECT_TRUE(read().empty());
-    }
-}
-
 TEST_F(RawStream, clockIsNotLatched) {
     prepare();
     rig->now += 0.1;
@@ -215,20 +190,6 @@ TEST_F(RawStream, shortReads) {
     EXPECT_EQ(-EINVAL, rig->result);
     EXPECT_EQ(counting(450, 50), read(100));
     EXPECT_TRUE(read().empty());
-}
-
-TEST_F(RawStream, readFaultsHitTheirChannelOnly) {
-    prepare();
-    rig->now += 0.5;
-    rig->instrument.inject({.kind = FaultKind::DmaRead, .target = 1, .times = -1});
-    EXPECT_EQ(100u, read(200).size());
-    rig->instrument.inject({.kind = FaultKind::DmaRead, .target = 0, .code = ENODEV});
-    EXPECT_TRUE(read(200).empty());
-    EXPECT_EQ(-ENODEV, rig->result);
-    rig->instrument.inject({.kind = FaultKind::DmaStall, .target = 0, .times = 2});
-    EXPECT_TRUE(read(200).empty());
-    EXPECT_TRUE(read(200).empty());
-    EXPECT_EQ(counting(100, 100), read(200));
 }
 
 TEST(Streams, requestsInTheWrongOrder) {
@@ -272,20 +233,6 @@ TEST(Streams, requestsInTheWrongOrder) {
     uint8_t bytes[4000];
     EXPECT_EQ(-EAGAIN, rig.instrument.dmaRead(0, Stream::Filtered, bytes, sizeof bytes)) << "the data goes elsewhere";
     expect({{-EINVAL, stopTransfer}, {0, stopUsb}, {-ENOTTY, 0x40064C02}});
-}
-
-TEST(Streams, modulesOfOneMaskStartTogetherAndOthersDoNot) {
-    Rig rig(Scenario::counters(3));
-    for (int m = 0; m < 3; ++m) {
-        rig.raw(m, 15000);
-        rig.transfer(m, Stream::Raw, 2);
-    }
-    rig.convert(5);
-    rig.now += 0.01;
-    EXPECT_EQ(0x50000u, rig.word(0xA0200004) & 0xFF0000);
-    for (int m = 0; m < 3; ++m) {
-        EXPECT_EQ(m == 1 ? 0u : 10u, rig.read<int16_t>(m, Stream::Raw, 100).size()) << m;
-    }
 }
 
 TEST(Streams, triggerOfTheTimingCoreStartsAtTheSecond) {

@@ -328,20 +328,4 @@ TEST_F(WavTest, refusesWhatItCannotPlay) {
     EXPECT_THROW(Rig{missing}, std::runtime_error);
 }
 
-TEST(Waveforms, changeWhileRunningKeepsThePlaceInTheStream) {
-    Rig rig(Scenario::counters(1));
-    rig.raw(0, 15000);
-    rig.transfer(0, Stream::Raw, 20);
-    rig.convert(1);
-    const auto last = [&] {
-        rig.now += 0.01;
-        return rig.read<int16_t>(0, Stream::Raw, 20).back();
-    };
-    EXPECT_EQ(9, last());
-    rig.instrument.setWaveform(0, source(WaveformKind::Constant, 0.0, 0.0, -1234.4).waveform);
-    EXPECT_EQ(-1234, last());
-    rig.instrument.plug(Scenario::counters(1).modules[0]);
-    EXPECT_EQ(29, last());
-}
-
 }  // namespace
