@@ -114,45 +114,21 @@ TEST_F(UartMuxTest, troubleOnTheBus) {
     struct {
         const char* name;
         std::vector<Fault> faults;
-        board_t board;
-        int channel;
         size_t transactions;
         std::string failure;
-        Strings lines;
+        Strings lines = {};
+        board_t board = board_t::eightChannels;
+        int channel = 1;
     } const cases[] = {
-        {"busy nine times", {{.kind = FaultKind::MuxAgain, .times = 9}}, board_t::eightChannels, 1, 11, "", {}},
-        {"busy ten times",
-         {{.kind = FaultKind::MuxAgain, .times = 10}},
-         board_t::eightChannels,
-         1,
-         10,
-         std::strerror(EAGAIN),
-         {}},
-        {"failing read",
-         {{.kind = FaultKind::MuxError, .afterCount = 1}},
-         board_t::eightChannels,
-         1,
-         2,
-         std::strerror(EIO),
-         {}},
-        {"first device forgets",
-         {{.kind = FaultKind::MuxReadsBack, .code = 0x4D, .times = 2}},
-         board_t::eightChannels,
-         1,
-         6,
-         "",
-         eight},
-        {"second device forgets",
-         {{.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = 2}},
-         board_t::eightChannels,
-         1,
-         6,
-         "",
-         eight},
-        {"small board forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F}}, board_t::twoChannels, 1, 4, "", two},
+        {"busy nine times", {{.kind = FaultKind::MuxAgain, .times = 9}}, 11, ""},
+        {"busy ten times", {{.kind = FaultKind::MuxAgain, .times = 10}}, 10, std::strerror(EAGAIN)},
+        {"failing read", {{.kind = FaultKind::MuxError, .afterCount = 1}}, 2, std::strerror(EIO)},
+        {"first device forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4D, .times = 2}}, 6, "", eight},
+        {"second device forgets", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = 2}}, 6, "", eight},
+        {"small board", {{.kind = FaultKind::MuxReadsBack, .code = 0x4F}}, 4, "", two, board_t::twoChannels},
         // Its value would be 0, which connects nothing.
-        {"channel beyond the hardware", {}, board_t::eightChannels, 8, 0, std::strerror(ENODEV), {}},
-        {"negative channel", {}, board_t::eightChannels, -1, 0, std::strerror(ENODEV), {}},
+        {"channel beyond the hardware", {}, 0, std::strerror(ENODEV), {}, board_t::eightChannels, 8},
+        {"negative channel", {}, 0, std::strerror(ENODEV), {}, board_t::eightChannels, -1},
     };
     for (const auto& entry : cases) {
         SCOPED_TRACE(entry.name);

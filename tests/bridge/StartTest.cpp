@@ -68,20 +68,6 @@ TEST_F(StartTest, UsedSynchronousChannelsWriteIntoTheHost) {
     EXPECT_EQ(channels[1]->buffer->getCapacity(), 992u);
 }
 
-// Under a running acquisition the swap would pull the memory away.
-TEST_F(StartTest, BeforeStartIsRefusedWhileRunning) {
-    reserve({"Raw 1"});
-    const auto beforeStart = dataModule.getPropertyValue("BeforeStart").asPtr<IProcObject>();
-    ASSERT_EQ(beforeStart->dispatch(nullptr), Errors::Success);
-    EXPECT_TRUE(controller->acqInitialized());
-    controller->startAcquisition();
-    const auto buffer = device->ai->channels[0]->buffer;
-    EXPECT_EQ(beforeStart->dispatch(nullptr), Errors::InvalidState);
-    EXPECT_NE(takeErrorMessage().find("running"), std::string::npos);
-    EXPECT_EQ(device->ai->channels[0]->buffer, buffer);
-    controller->stopAcquisition();
-}
-
 TEST_F(StartTest, RingThatWasNotReservedAgainIsRefused) {
     reserve({"Raw 1"});
     structure->beforeStart();

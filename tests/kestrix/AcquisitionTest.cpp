@@ -217,28 +217,6 @@ TEST_F(AcquisitionTest, FailingReadEndsTheCycleAndAStallIsNoticed) {
     stop();
 }
 
-TEST_F(AcquisitionTest, UsbModeIsThatOfTheWholeRun) {
-    bringUp(fastScenario(1));
-    use({0});
-    ai().usbMode = true;
-    start();
-    EXPECT_TRUE(channel(0).noReserve);
-    ai().usbMode = false;  // for the next run
-    letStreamsRun(100);
-    controller->acquireData();
-    EXPECT_EQ(channel(0).samplesAcquired, 0u);
-    // A stop in the other mode would be refused here.
-    inject({.kind = FaultKind::DmaIoctl, .code = 0x40064C09, .times = -1});
-    EXPECT_NO_THROW(stop());
-    clearFaults();
-    EXPECT_FALSE(raw().started);
-
-    start();
-    EXPECT_FALSE(channel(0).noReserve);
-    acquireCounting({0}, 300);
-    stop();
-}
-
 // Converters are started behind the streams that take what comes, and nothing is left in a chain.
 TEST_F(AcquisitionTest, StartAndStopGoThroughTheHardwareInOrder) {
     using Strings = std::vector<std::string>;
@@ -300,74 +278,6 @@ TEST_F(AcquisitionTest, RunThatWasNotStoppedLeavesNothingOn) {
     chain.enableSampleProcessing();
     EXPECT_EQ(whatIsOn(), "chain 0");
     KestrixDevice().createAIDevice();
-    EXPECT_EQ(whatIsOn(), "");
-}
-
-// A second set-up replaces the buffers under the streams of the first one and fails.
-TEST_F(AcquisitionTest, FailedSetUpReadsIntoNoBuffer) {
-    bringUp(fastScenario(1));
-    use({0, 1});
-    start();
-    channel(0).buffer = std::make_shared<ChannelBuffer<short>>();
-    channel(1).buffer = std::make_shared<ChannelBuffer<int>>();
-    // What a cycle between brings goes where the run was set up for: that memory is still there.
-    letStreamsRun(100);
-    EXPECT_THROW(controller->acquireData(), DataLostException);
-    inject({.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C08});
-    EXPECT_EQ(failureOf([&] { setUpRun(); }), "START_TRANSFER ioctl error");
-    EXPECT_EQ(whatIsOn(), "");
-    EXPECT_EQ(failureOf([&] { controller->systemDevice->startAcquisition(true); }),
-              "The analog inputs have not been set up for a start.");
-    inject({.kind = FaultKind::DmaRead, .code = EIO});
-    EXPECT_NO_THROW(controller->acquireData());
-    clearFaults();
-    start();
-    EXPECT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 300));
-    stop();
-}
-
-// One access to the FPGA fails, and then a row of them so that the way back fails as well: at each place of a start and
-// of a stop. What can't be taken back at once is taken back by the abort or by the next start.
-TEST_F(AcquisitionTest, FaultAtAnyAccessLeavesNothingOn) {
-    Scenario scenario = fastScenario(1);
-    scenario.timeFactor = 1000.0;  // clears are done when they are asked for
-    bringUp(scenario);
-    use({0});  // without the 33 words of the filter
-    for (const int number : {0, 1}) {
-        ai().getAIChannel(number)->amplifier = std::make_shared<Amplifier>();  // the link takes its time
-    }
-    const auto failsAt = [&](uint64_t access, int64_t times, auto step) {
-        inject({.kind = FaultKind::MemMap, .afterCount = access, .times = times});
-        const std::string text = failureOf(step);
-        clearFaults();
-        EXPECT_TRUE(text == "no failure" || text == "Failed to map memory.") << text;
-        return text != "no failure";
-    };
-    for (const int64_t times : {1, 3, 40}) {
-        uint64_t access = 0;
-        for (; failsAt(access, times, [&] { start(); }); ++access) {
-            controller->systemDevice->abortAcquisition();
-            ASSERT_EQ(whatIsOn(), "") << access << " of a start, " << times;
-        }
-        EXPECT_GT(access, 50u);
-        for (access = 0; failsAt(access, times, [&] { stop(); }); ++access) {
-            // The stop ends at its first failing step, the streams and the rest with the abort.
-            controller->systemDevice->abortAcquisition();
-            ASSERT_EQ(whatIsOn(), "") << access << " of a stop, " << times;
-            start();
-        }
-        EXPECT_GT(access, 40u);
-    }
-    // Not even an abort between: the start ends what is left.
-    start();
-    EXPECT_TRUE(failsAt(0, 1, [&] { stop(); }));
-    bringUp(fastScenario(1));
-    use({0, 1});
-    start();
-    EXPECT_TRUE(failsAt(0, 40, [&] { controller->systemDevice->finalizeAcquisition(true); }));
-    start();
-    EXPECT_NO_FATAL_FAILURE(acquireCounting({0, 1}, 2200));
-    stop();
     EXPECT_EQ(whatIsOn(), "");
 }
 
@@ -459,17 +369,6 @@ TEST_F(AcquisitionTest, CountersStandInForConvertersWithoutSupply) {
     EXPECT_EQ(word(adcEnableWord) & 1, 0u);
     EXPECT_EQ(word(0xA0200078) >> 16, 0x0101u);
     acquire(channel(0), 100);
-    stop();
-}
-
-TEST_F(AcquisitionTest, OtherClockRunsAtItsOwnRates) {
-    bringUp(fastScenario(1));
-    use({0, 1});
-    ai().setBaseClock(10000000);
-    controller->setSampleRate(16000);
-    start();
-    EXPECT_EQ(dspWord(0, 0x10C), 625u);
-    acquireCounting({0, 1}, 4000);
     stop();
 }
 

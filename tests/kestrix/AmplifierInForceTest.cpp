@@ -149,33 +149,24 @@ struct Trouble {
     bool applies = false;  // the amplifier works by the request although the link doesn't know
 };
 
+Fault refusal(int command, int status = 0) {
+    return {.kind = FaultKind::AmplifierBadStatus, .code = status, .times = 3, .command = command};
+}
+Fault fault(FaultKind kind, int64_t times = 1, int command = 0, int code = 0) {
+    return {.kind = kind, .code = code, .times = times, .command = command};
+}
+
 const Trouble troubles[] = {
-    {"setting refused",
-     {.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC},
-     Ends::Before,
-     "Range: refused with status 3"},
-    {"update refused",
-     {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67},
-     Ends::Before,
-     "Update: refused with status 7"},
-    {"scaling refused",
-     {.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFB},
-     Ends::Request,
-     "Scaling: refused with status 3",
-     true},
-    {"bus error", {.kind = FaultKind::MuxError}, Ends::Request, "Selection: bus error: Input/output error"},
-    {"port error", {.kind = FaultKind::UartWrite, .times = 3}, Ends::Request, ": bus error: Error: write() failed."},
-    {"stuck multiplexer",
-     {.kind = FaultKind::MuxReadsBack, .times = 32},
-     Ends::Request,
+    {"setting refused", refusal(0xBC), Ends::Before, "Range: refused with status 3"},
+    {"update refused", refusal(0x67, 7), Ends::Before, "Update: refused with status 7"},
+    {"scaling refused", refusal(0xFB), Ends::Request, "Scaling: refused with status 3", true},
+    {"bus error", fault(FaultKind::MuxError), Ends::Request, "Selection: bus error: Input/output error"},
+    {"port error", fault(FaultKind::UartWrite, 3), Ends::Request, ": bus error: Error: write() failed."},
+    {"stuck", fault(FaultKind::MuxReadsBack, 32), Ends::Request,
      "Selection: bus error: unable to set amplifiers UART mux"},
-    {"no answer", {.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}, Ends::Request, "Range: no answer"},
-    {"answer lost",
-     {.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67},
-     Ends::Request,
-     "Update: no answer",
-     true},
-    {"late answer", {.kind = FaultKind::AmplifierLate, .code = 700, .command = 0x67}, Ends::Request, "", true},
+    {"no answer", fault(FaultKind::AmplifierSilent, 3, 0xBC), Ends::Request, "Range: no answer"},
+    {"answer lost", fault(FaultKind::AmplifierHalfFrame, 3, 0x67), Ends::Request, "Update: no answer", true},
+    {"late answer", fault(FaultKind::AmplifierLate, 1, 0x67, 700), Ends::Request, "", true},
 };
 
 TEST_F(AmplifierInForce, AgreesWhateverGoesWrong) {

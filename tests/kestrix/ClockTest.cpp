@@ -147,6 +147,9 @@ TEST_F(ClockTest, ChangeMovesTheWholeInstrument) {
 TEST_F(ClockTest, FailedChangeGoesBackOrIsFinishedAndCanBeRepeated) {
     constexpr auto script = "KestrixAI::configureClock failed";
     constexpr auto map = "Failed to map memory.";
+    constexpr auto silent = "The amplifier in slot 1 doesn't answer any more.";
+    constexpr auto stuck = "unable to set amplifiers UART mux";
+    constexpr auto noMemory = "/opt/harvane/scripts/vcxo_control.sh: Cannot allocate memory";
     struct Case {
         const char* name;
         Fault fault;
@@ -157,33 +160,18 @@ TEST_F(ClockTest, FailedChangeGoesBackOrIsFinishedAndCanBeRepeated) {
     std::vector<Case> cases{
         {"script refuses", {.kind = FaultKind::ScriptRefuses}, script, clock15},
         {"script works unheard", {.kind = FaultKind::ScriptUnheard}, script, clock15},
-        {"script can't be run",
-         {.kind = FaultKind::ScriptFails},
-         "/opt/harvane/scripts/vcxo_control.sh: Cannot allocate memory",
-         clock15},
+        {"script can't be run", {.kind = FaultKind::ScriptFails}, noMemory, clock15},
         {"script refuses for good", {.kind = FaultKind::ScriptRefuses, .times = -1}, script, 0},
         {"script refuses the way back", {.kind = FaultKind::ScriptUnheard, .times = 2}, script, 0},
         {"PLL stays busy", {.kind = FaultKind::PllBusy, .times = -1}, "The PLLs have not locked to 10000000 Hz.", 0},
-        {"amplifier is silent",
-         {.kind = FaultKind::AmplifierSilent, .times = -1},
-         "The amplifier in slot 1 doesn't answer any more.",
-         clock10},
-        {"multiplexer is stuck",
-         {.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = -1},
-         "unable to set amplifiers UART mux",
-         clock10},
-        {"bus fails",
-         {.kind = FaultKind::MuxError, .afterCount = 3, .times = -1},
-         "The amplifier in slot 1 doesn't answer any more.",
-         clock10},
+        {"amplifier is silent", {.kind = FaultKind::AmplifierSilent, .times = -1}, silent, clock10},
+        {"multiplexer is stuck", {.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = -1}, stuck, clock10},
+        {"bus fails", {.kind = FaultKind::MuxError, .afterCount = 3, .times = -1}, silent, clock10},
     };
     // Off: two accesses. On: two each for three settings, a look, two for the module.
     for (const uint64_t access : {0, 2, 8, 10}) {
-        cases.push_back({"supply",
-                         {.kind = FaultKind::MemMap, .code = globalPage, .afterCount = access},
-                         map,
-                         access < 2 ? clock15 : clock10,
-                         0});
+        const Fault fault{.kind = FaultKind::MemMap, .code = globalPage, .afterCount = access};
+        cases.push_back({"supply", fault, map, access < 2 ? clock15 : clock10, 0});
     }
     for (const Case& expected : cases) {
         SCOPED_TRACE(std::string(expected.name) + " " + std::to_string(expected.fault.afterCount));
@@ -259,18 +247,6 @@ TEST_F(ClockTest, IsThatOfTheHardwareWhateverWasAskedFor) {
     EXPECT_EQ(request(clock15), "no failure");
     expectClock(clock15, clock15);
     EXPECT_EQ(clockSteps(), (Strings{"supply 0", "oscillator 15", "pll 0"}));
-    expectGoodRun();
-}
-
-TEST_F(ClockTest, ChangeTakesASetUpBack) {
-    bringUp(scenario(1));
-    use({0, 1});
-    prepare();
-    EXPECT_EQ(request(clock10), "no failure");
-    EXPECT_EQ(whatIsOn(), "");
-    EXPECT_EQ(failureOf([&] { controller->systemDevice->startAcquisition(true); }),
-              "The analog inputs have not been set up for a start.");
-    EXPECT_EQ(whatIsOn(), "");
     expectGoodRun();
 }
 

@@ -95,33 +95,6 @@ TEST_F(DspControlTest, OneStreamIsSwitchedOffWhenTheOtherCannotBe) {
     EXPECT_EQ(access->word(enable), 0u);
 }
 
-TEST(DspRatioTest, SplitsTheRateIntoStagesAndRatio) {
-    struct {
-        int clock;
-        uint32_t rate;
-        bool exact;
-        uint32_t halfBands;
-        uint64_t ratio;
-    } const cases[] = {
-        {15000000, 1875000, true, 1, 0},
-        {15000000, 1000000, true, 1, 240518168576},
-        {15000000, 50000, true, 6, 47244640256},
-        {15000000, 100, true, 15, 39694893056},
-        {10000000, 16000, true, 7, 60666413056},
-        {15000000, 10, true, 0, 118338093056},
-        {15000000, 7, false, 99, 99},
-        {15000000, 0, false, 99, 99},
-        {15000000, 7500000, false, 99, 99},  // above a quarter of the clock: the ratio would be below 1
-    };
-    for (const auto& expected : cases) {
-        uint32_t halfBands = 99;
-        uint64_t ratio = 99;
-        EXPECT_EQ(DspControl::calculateRatioValue(expected.clock, expected.rate, halfBands, ratio), expected.exact);
-        EXPECT_EQ(halfBands, expected.halfBands) << expected.rate;
-        EXPECT_EQ(ratio, expected.ratio) << expected.rate;
-    }
-}
-
 TEST(DspDelayTest, GivesMilliseconds) {
     EXPECT_NEAR(DspControl::calculateDspDelay(15000000, 1000000), 0.0404166667, 1e-9);
     EXPECT_NEAR(DspControl::calculateDspDelay(15000000, 50000), 0.8210104, 1e-6);

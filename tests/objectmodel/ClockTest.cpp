@@ -68,32 +68,3 @@ TEST_F(Clock, RunsOnTheSteadyClockWithoutSynchronousChannels) {
     device->initializeAcquisition(true);
     EXPECT_EQ(now(), -1.0);
 }
-
-TEST_F(Clock, AnswersOtherThreadsThroughRunsAndCycles) {
-    auto counted = channel(1, true);
-    std::atomic<bool> done{false};
-    std::atomic<bool> sane{true};
-    std::thread host([&] {
-        while (!done) {
-            const double time = now();
-            if (time != -1.0 && (time < 0.0 || time > 1000.0)) {
-                sane = false;
-            }
-        }
-    });
-    for (int run = 0; run < 20; ++run) {
-        counted->used = run % 3 != 0;
-        device->rate = 1000 + run;
-        device->initializeAcquisition(true);
-        device->startAcquisition(true);
-        for (int cycle = 0; cycle < 50 && counted->active; ++cycle) {
-            device->acquireData();
-            counted->incSamplePosition(10);
-        }
-        device->stopAcquisition(true);
-        device->finalizeAcquisition(true);
-    }
-    done = true;
-    host.join();
-    EXPECT_TRUE(sane);
-}

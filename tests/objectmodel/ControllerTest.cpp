@@ -97,22 +97,6 @@ protected:
 
 }  // namespace
 
-TEST_F(Controller, EmptySystem) {
-    EXPECT_EQ(controller.checkSampleRate(-3), 1);
-    EXPECT_EQ(controller.getCurrentTime(), -1.0);
-    EXPECT_FALSE(controller.findDeviceByChannel(std::make_shared<Channel>(0)));
-    build();
-    controller.initializeHardware();
-    EXPECT_EQ(controller.synchronization, option(Mode::Standalone));
-    EXPECT_FALSE(controller.masterClockDevice);
-    EXPECT_EQ(controller.sampleRate, 10);
-    initializeAcquisition();
-    controller.startAcquisition();
-    controller.acquireData();
-    EXPECT_EQ(controller.maxSamplesAcquired, 0u);
-    controller.stopAcquisition();
-}
-
 TEST_F(Controller, StatesAndOrderOfTheWalks) {
     auto device = add("d", instrumentOptions, 100, 5000);
     auto used = channel(*device, "used");
@@ -189,69 +173,6 @@ TEST_F(Controller, AStepThatFailsLeavesNothingOn) {
         controller.startAcquisition();
         controller.stopAcquisition();
     }
-}
-
-TEST_F(Controller, EachPhaseHasItsSteps) {
-    using Step = AcquisitionStep;
-    const std::pair<Step, std::function<void()>> calls[] = {
-        {Step::Configure, [&] { controller.applySynchronization(); }},
-        {Step::Initialize, [&] { controller.prepareAcquisition(); }},
-        {Step::BeforeStart, [&] { controller.initializeAcquisition(); }},
-        {Step::Stop, [&] { controller.stopAcquisition(); }},
-    };
-    add("d");
-    build();
-    struct Row {
-        std::function<void()> reach;
-        AcquisitionPhase phase;
-        const char* name;
-        std::vector<AcquisitionPhase> after;  // of the calls above, in their order; the phase itself for a refusal
-    };
-    using P = AcquisitionPhase;
-    const auto scanned = [&] { controller.initializeHardware(); };
-    const auto prepared = [&] {
-        scanned();
-        controller.prepareAcquisition();
-    };
-    const auto initialised = [&] {
-        prepared();
-        controller.initializeAcquisition();
-    };
-    const auto running = [&] {
-        initialised();
-        controller.startAcquisition();
-    };
-    for (const auto& row :
-         {Row{[] {}, P::Empty, "empty", {P::Empty, P::Empty, P::Empty, P::Empty}},
-          Row{scanned, P::Scanned, "scanned", {P::Scanned, P::Prepared, P::Scanned, P::Scanned}},
-          Row{prepared, P::Prepared, "prepared", {P::Prepared, P::Prepared, P::Initialised, P::Prepared}},
-          Row{initialised, P::Initialised, "initialised", {P::Prepared, P::Prepared, P::Initialised, P::Prepared}},
-          Row{running, P::Running, "running", {P::Running, P::Running, P::Running, P::Prepared}}}) {
-        for (size_t i = 0; i < std::size(calls); ++i) {
-            SCOPED_TRACE(std::string(row.name) + " " + std::to_string(i));
-            row.reach();
-            ASSERT_EQ(controller.phase(), row.phase);
-            const std::string failure = failureOf(calls[i].second);
-            EXPECT_EQ(failure.empty(), isPossible(calls[i].first, row.phase)) << failure;
-            EXPECT_EQ(failure.empty() || failure.find(std::string("\"") + row.name + "\"") != std::string::npos, true);
-            EXPECT_EQ(controller.phase(), row.after[i]);
-            if (controller.acqRunning()) {
-                controller.stopAcquisition();
-            }
-            controller.invalidate();
-        }
-    }
-    // A change takes the set-up back, and nothing else.
-    initialised();
-    controller.invalidate();
-    EXPECT_EQ(controller.phase(), P::Prepared);
-    EXPECT_THROW(controller.startAcquisition(), WrongPhaseException);
-    running();
-    controller.invalidate();
-    EXPECT_EQ(controller.phase(), P::Running);
-    controller.reset();
-    EXPECT_EQ(controller.phase(), P::Empty);
-    EXPECT_EQ(controller.getCurrentTime(), -1.0);
 }
 
 TEST_F(Controller, EachScanMakesATreeOfItsOwn) {
@@ -334,6 +255,12 @@ TEST_F(Controller, AClockThatNeedsAChannelGetsOne) {
 
 TEST_F(Controller, AnOptionIsChosenForAllDevicesTogether) {
     const auto refused = option(Mode::None);
+    const auto alone = option(Mode::Standalone);
+    const auto source = option(Mode::Standalone, {Mode::Ptp});
+    const auto ptp = option(Mode::Ptp);
+    const auto pps = option(Mode::Pps);
+    const auto irig = option(Mode::Irig);
+    const auto soft = option(Mode::SoftSync);
     struct Case {
         const char* what;
         std::vector<SynchronizationOptions> offered;
@@ -342,47 +269,26 @@ TEST_F(Controller, AnOptionIsChosenForAllDevicesTogether) {
         std::vector<SynchronizationOption> chosen;
     };
     for (const auto& c :
-         {Case{"no device", {}, plainOptions, option(Mode::Standalone), option(Mode::Standalone), {}},
-          Case{"no device that sources", {}, plainOptions, option(Mode::Standalone, {Mode::Ptp}), refused, {}},
-          Case{"one device",
-               {instrumentOptions},
-               instrumentOptions,
-               option(Mode::Pps),
-               option(Mode::Pps),
-               {option(Mode::Pps)}},
-          Case{"more sources than asked for",
-               {ptpOptions},
-               ptpOptions,
-               option(Mode::Standalone),
-               option(Mode::Standalone, {Mode::Ptp}),
-               {option(Mode::Standalone, {Mode::Ptp})}},
-          Case{"a source that is missing",
-               {plainOptions},
-               plainOptions,
-               option(Mode::Standalone, {Mode::Ptp}),
-               refused,
-               {refused}},
-          Case{"a mode that is missing", {ptpOptions}, ptpOptions, option(Mode::Pps), refused, {refused}},
-          Case{"options that leave one out",
-               {instrumentOptions, ptpOptions},
-               ptpOptions,
-               option(Mode::Standalone),
-               option(Mode::Standalone, {Mode::Ptp}),
-               {option(Mode::Standalone, {Mode::Ptp}), option(Mode::Ptp)}},
+         {Case{"no device", {}, plainOptions, alone, alone, {}},
+          Case{"no device that sources", {}, plainOptions, source, refused, {}},
+          Case{"one device", {instrumentOptions}, instrumentOptions, pps, pps, {pps}},
+          Case{"more sources than asked for", {ptpOptions}, ptpOptions, alone, source, {source}},
+          Case{"a source that is missing", {plainOptions}, plainOptions, source, refused, {refused}},
+          Case{"a mode that is missing", {ptpOptions}, ptpOptions, pps, refused, {refused}},
+          Case{"options that leave one out", {instrumentOptions, ptpOptions}, ptpOptions, alone, source, {source, ptp}},
           Case{"only the second can",
                {canOptions, instrumentOptions},
-               {option(Mode::Standalone), option(Mode::Standalone, {Mode::Ptp}), option(Mode::SoftSync),
-                option(Mode::Irig), option(Mode::Pps), option(Mode::Ptp)},
-               option(Mode::Irig),
-               option(Mode::Irig),
-               {option(Mode::SoftSync), option(Mode::Irig)}},
+               {alone, source, soft, irig, pps, ptp},
+               irig,
+               irig,
+               {soft, irig}},
           Case{"nobody goes with a device that follows in software",
                {canOptions, ptpOptions},
-               {option(Mode::Standalone, {Mode::Ptp}), option(Mode::SoftSync), option(Mode::Ptp)},
-               option(Mode::SoftSync),
+               {source, soft, ptp},
+               soft,
                refused,
                {refused, refused}},
-          Case{"in no way", {plainOptions, plainOptions}, {}, option(Mode::Standalone), refused, {refused, refused}}}) {
+          Case{"in no way", {plainOptions, plainOptions}, {}, alone, refused, {refused, refused}}}) {
         SCOPED_TRACE(c.what);
         devices.clear();
         for (const auto& options : c.offered) {
