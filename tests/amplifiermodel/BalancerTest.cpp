@@ -97,27 +97,17 @@ TEST_F(BalancerTest, PassesSwitchesAndReadings) {
     struct Row {
         const char* what;
         std::deque<double> live;
-        bool offsetIsBridgeOffset;
-        const char* measurement;
         std::vector<int> switches;
         double offset;
+        bool offsetIsBridgeOffset = false;
+        const char* measurement = "Bridge";
     };
     const Row rows[] = {
-        {"the range stays: no switch, but the offset has moved", {60.0}, false, "Bridge", {}, -60.0},
-        {"on the instrument every pass takes the same value off again", {-500.0, -500.0}, false, "Bridge", {0}, 1000.0},
-        {"a range that changes on each pass ends after three switches",
-         {-500.0, 500.0, -500.0, 500.0, 77.0},
-         false,
-         "Bridge",
-         {0, 1, 0},
-         0.0},
-        {"with the offset in the live value it converges", {500.0, 500.0}, true, "Bridge", {0}, -500.0},
-        {"for other measurements the range is the chosen one whatever the offset",
-         {5000.0},
-         false,
-         "Voltage",
-         {},
-         -5000.0},
+        {"the range stays: no switch, but the offset has moved", {60.0}, {}, -60.0},
+        {"on the instrument every pass takes the same value off again", {-500.0, -500.0}, {0}, 1000.0},
+        {"a range that changes on each pass ends", {-500.0, 500.0, -500.0, 500.0, 77.0}, {0, 1, 0}, 0.0},
+        {"with the offset in the live value it converges", {500.0, 500.0}, {0}, -500.0, true},
+        {"for other measurements the range is the chosen one", {5000.0}, {}, -5000.0, false, "Voltage"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);

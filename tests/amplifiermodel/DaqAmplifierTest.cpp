@@ -27,54 +27,32 @@ AcquisitionSyncPtr makeSync() {
     return made<IAcquisitionSync>(createAcquisitionSync);
 }
 
-// Settings with a number of their own.
+// Settings with a number of their own, and the list that it is the place in.
 struct Setting {
     const char* name;
     std::int32_t AmplifierSettings::*field;
-    bool comesBack = true;
     Texts AmplifierSettings::*list = nullptr;
-    Texts choices = {};
+    bool comesBack = true;
+    // Of two choices, "Measurement 0" and so on.
+    std::string choice(int place) const { return name + std::string(place == 0 ? " 0" : " 1"); }
 };
+using S = AmplifierSettings;
 
 const Setting settings[] = {
-    {Consts::Measurement,
-     &AmplifierSettings::measurementIndex,
-     true,
-     &AmplifierSettings::measurements,
-     {"Voltage", "Bridge"}},
-    {Consts::LPFilter, &AmplifierSettings::lpFilterIndex, true, &AmplifierSettings::lpFilters, {"Off", "LP 1"}},
-    {Consts::HPFilter, &AmplifierSettings::hpFilterIndex, true, &AmplifierSettings::hpFilters, {"DC", "AC"}},
-    {Consts::InputType,
-     &AmplifierSettings::inputTypeIndex,
-     true,
-     &AmplifierSettings::inputTypes,
-     {"Single", "Differential"}},
-    {Consts::ConnectionType,
-     &AmplifierSettings::connectionTypeIndex,
-     false,
-     &AmplifierSettings::connectionTypes,
-     {"BNC", "DSUB"}},
-    {Consts::ExcitationType,
-     &AmplifierSettings::excitationTypeIndex,
-     true,
-     &AmplifierSettings::excitationTypes,
-     {"Fixed", "Pulsed"}},
-    {Consts::ExcitationUnit,
-     &AmplifierSettings::excitationUnitIndex,
-     true,
-     &AmplifierSettings::excitationUnits,
-     {"V", "mA"}},
-    {Consts::BridgeType, &AmplifierSettings::bridgeTypeIndex, true, &AmplifierSettings::bridgeTypes, {"Full", "Half"}},
-    {Consts::BridgeShunt,
-     &AmplifierSettings::bridgeShuntIndex,
-     true,
-     &AmplifierSettings::bridgeShunts,
-     {"59.88k", "175k"}},
-    {Consts::Range, &AmplifierSettings::rangeIndex},
-    {Consts::ExcitationValue, &AmplifierSettings::excitationIndex},
-    {Consts::BridgeLeg, &AmplifierSettings::bridgeLeg},
-    {Consts::ExternalShunt, &AmplifierSettings::externalShuntIndex},
-    {Consts::BridgeWires, &AmplifierSettings::bridgeWires},
+    {Consts::Measurement, &S::measurementIndex, &S::measurements},
+    {Consts::LPFilter, &S::lpFilterIndex, &S::lpFilters},
+    {Consts::HPFilter, &S::hpFilterIndex, &S::hpFilters},
+    {Consts::InputType, &S::inputTypeIndex, &S::inputTypes},
+    {Consts::ConnectionType, &S::connectionTypeIndex, &S::connectionTypes, false},
+    {Consts::ExcitationType, &S::excitationTypeIndex, &S::excitationTypes},
+    {Consts::ExcitationUnit, &S::excitationUnitIndex, &S::excitationUnits},
+    {Consts::BridgeType, &S::bridgeTypeIndex, &S::bridgeTypes},
+    {Consts::BridgeShunt, &S::bridgeShuntIndex, &S::bridgeShunts},
+    {Consts::Range, &S::rangeIndex},
+    {Consts::ExcitationValue, &S::excitationIndex},
+    {Consts::BridgeLeg, &S::bridgeLeg},
+    {Consts::ExternalShunt, &S::externalShuntIndex},
+    {Consts::BridgeWires, &S::bridgeWires},
 };
 
 const std::pair<const char*, bool AmplifierSettings::*> switches[] = {
@@ -91,7 +69,7 @@ const std::string everything = [] {
              {"name": "DeviceRanges", "type": "float", "default": 0.0, "values": [0.1, 0.01]})";
     for (const Setting& setting : settings) {
         if (setting.list != nullptr) {
-            const std::string values = "\"" + setting.choices[0] + "\", \"" + setting.choices[1] + "\"";
+            const std::string values = "\"" + setting.choice(0) + "\", \"" + setting.choice(1) + "\"";
             properties += choice(setting.name, values.c_str());
         }
     }
@@ -166,7 +144,8 @@ TEST_F(DaqAmplifierTest, ListsOfChoicesComeOver) {
     make(everything);
     for (const Setting& setting : settings) {
         if (setting.list != nullptr) {
-            EXPECT_EQ((*amplifier->settings()).*setting.list, setting.choices) << setting.name;
+            EXPECT_EQ((*amplifier->settings()).*setting.list, (Texts{setting.choice(0), setting.choice(1)}))
+                << setting.name;
         }
     }
     EXPECT_EQ(amplifier->settings()->ranges, (Texts{"20", "2"}));
@@ -440,8 +419,9 @@ TEST_F(DaqAmplifierTest, EachChannelShowsHowTheAmplifierStands) {
         }
     };
     const auto inForce = [](const std::string& range) {
-        return "Measurement: Voltage; Range: " + range +
-               "; LPFilter: Off; HPFilter: DC; InputType: Single; Excitation: 2.5; ExcitationType: Fixed; Short: off";
+        return "Measurement: Measurement 0; Range: " + range +
+               "; LPFilter: LPFilter 0; HPFilter: HPFilter 0; InputType: InputType 0; Excitation: 2.5; ExcitationType: "
+               "ExcitationType 0; Short: off";
     };
     expectShown("", inForce("20 mV/V"));
     channel.setPropertyValue(Consts::Range, 1);
@@ -465,8 +445,9 @@ TEST_F(DaqAmplifierTest, EachChannelShowsHowTheAmplifierStands) {
     };
     EXPECT_THROW(daqAmplifier->update(false), std::logic_error);
     expectShown("",
-                "Measurement: Voltage; Range: #2 mV/V; LPFilter: Off; HPFilter: DC; InputType: Single; Excitation: "
-                "2.5; ExcitationType: Fixed; Short: on");
+                "Measurement: Measurement 0; Range: #2 mV/V; LPFilter: LPFilter 0; HPFilter: HPFilter 0; InputType: "
+                "InputType 0; Excitation: "
+                "2.5; ExcitationType: ExcitationType 0; Short: on");
     // Without the module they are properties like others.
     daqAmplifier.reset();
     sharer.setPropertyValue("AmplifierFailure", "old");
@@ -631,8 +612,7 @@ TEST_F(HostBalanceTest, StartStatusReset) {
 
 // As at a start of the acquisition, which doesn't ask whether a balancing runs.
 TEST_F(HostBalanceTest, UpdatesWhileBalancing) {
-    make(everything + balanceSlots);
-    channel.setPropertyValue(Consts::Measurement, 1);
+    make(bridgeSettings + R"(, {"name": "DeviceRanges", "type": "float", "default": 0.0, "values": [0.1, 0.01]})");
     const auto device = makePair(amplifier, {30.0f});
     for (int round = 0; round < 20; ++round) {
         ASSERT_EQ(runProcedure(channel, "StartSensorBalance"), Errors::Success);

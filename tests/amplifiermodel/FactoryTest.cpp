@@ -48,24 +48,6 @@ TEST_F(FactoryTest, EveryFolderGivesTheUnknownAmplifier) {
     EXPECT_EQ(factory.getAmplifierClassName("0.255.255.255"), "ampl_unknown");
 }
 
-TEST_F(FactoryTest, UnknownAmplifierIsAVoltageChannelOfTenVolts) {
-    registerFolder(factory, folder.path.string());
-    const auto channel = makeHostChannel();
-    channel.setClassName("ampl_unknown");
-    EXPECT_EQ(channel.getPropertyValue<std::string>("ModuleName"), "Unknown");
-    EXPECT_EQ(channel.getPropertyValue<std::string>("AmplifierID"), "0.0.0.0");
-    EXPECT_EQ(fromValue<std::string>(channel.getPropertyEnum("Measurement")), "Voltage");
-    const auto range = channel.getPropertyInfo("Range");
-    EXPECT_EQ(range.getName(), "VoltageRange");
-    EXPECT_TRUE(range.isHidden());
-    EXPECT_EQ(fromValue<std::string>(range.getUnit()), "V");
-    ASSERT_EQ(range.getValuesAsList().getCount(), 1u);
-    const GenericPropertyObjectPtr item = range.getValuesAsList().getItemAt(0).asPtr<IPropertyObject>();
-    EXPECT_EQ(item.getPropertyValue<std::string>("DisplayName"), "10");
-    EXPECT_EQ(item.getPropertyValue<double>("Min"), -10.0);
-    EXPECT_EQ(item.getPropertyValue<double>("Max"), 10.0);
-}
-
 TEST_F(FactoryTest, FilesOfAFolder) {
     struct Row {
         const char* file;

@@ -87,13 +87,6 @@ TEST(ModuleBinaryTest, ExportsTheEntryPointsAndTheCounterOnly) {
                                         "zornIntializeTesting"}));
 }
 
-TEST_F(ModuleEntryTest, FitsThisHost) {
-    IString* message = reinterpret_cast<IString*>(this);
-    EXPECT_EQ(module.call("zornCheckDependencies", &message), Errors::Success);
-    EXPECT_EQ(message, nullptr);
-    EXPECT_EQ(module.call("zornCheckDependencies", static_cast<IString**>(nullptr)), Errors::Success);
-}
-
 TEST_F(ModuleEntryTest, NullOutputs) {
     for (const char* name :
          {"createModuleDriver", "createDaqModuleDriver", "createDaqModule", "zornCanUnload", "zornGetObjectCount"}) {

@@ -197,12 +197,4 @@ TEST(RegisterMap, boardPeripherals) {
     EXPECT_EQ(linesOf(tmp100.getRegisters(), 16), (Lines{"000: (Temp 15..0)", "001: Config 15..8"}));
 }
 
-TEST(RegisterMap, boardWideValuesStartAsTheEightChannelBoard) {
-    EXPECT_EQ(RegistersAddress::baseClock, 15000000);
-    EXPECT_EQ(RegistersAddress::maxAIModules, 8);
-    EXPECT_EQ(RegistersAddress::maxAIChannels, 16);
-    EXPECT_EQ(RegistersAddress::deviceType, 0);
-    EXPECT_EQ(RegistersAddress::dspBaseAddress(7), 0xA0070000u);
-}
-
 }  // namespace

@@ -81,7 +81,7 @@ TEST(Zornhost, ShowsTheInstrument) {
     }
 }
 
-TEST(Zornhost, ReadsAndSetsProperties) {
+TEST(Zornhost, ListsProperties) {
     const auto list = zornhost({"--json", "list", "KESTRIX"});
     ASSERT_EQ(list.exitCode, 0) << list.err;
     const auto properties = Json::parse(list.out)["properties"];
@@ -92,13 +92,6 @@ TEST(Zornhost, ReadsAndSetsProperties) {
     for (const char* name : {"SerialNumber", "SampleRate", "BaseClock"}) {
         EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
     }
-
-    EXPECT_EQ(zornhost({"get", "SampleRate"}).out, "1000\n");
-    // 48000 doesn't divide 15 MHz: what was asked for and what was set.
-    const auto set = zornhost({"set", "SampleRate", "48000"});
-    EXPECT_EQ(set.exitCode, 0) << set.err;
-    EXPECT_EQ(set.out, "SampleRate: 48000 requested, 46875 set\n");
-    EXPECT_NE(set.err.find("Sample rate was set to 48000, adjusted to 46875"), std::string::npos) << set.err;
 }
 
 TEST(Zornhost, WrongNamesAndValuesAreExplained) {
@@ -394,21 +387,6 @@ TEST(Zornhost, OutputsThatCannotBeWritten) {
     EXPECT_EQ(RecordingReader(folder.path("run.h5")).number("", "complete"), 1.0);
 }
 
-TEST(Zornhost, MonitorsAndEndsByItself) {
-    const auto result =
-        zornhost({"--json", "monitor", "-d", "1.2", "--interval", "0.5", "--rate", "20000", "--channel", "AI 1/*"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    std::istringstream lines(result.out);
-    std::string line;
-    int tables = 0;
-    while (std::getline(lines, line)) {
-        const auto json = Json::parse(line);
-        EXPECT_EQ(json["channels"].size(), 2u);
-        ++tables;
-    }
-    EXPECT_GE(tables, 2);
-}
-
 // The clock is the instrument's, whichever program has set it; one that is not known is shown as such and refuses a
 // recording in words.
 TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
@@ -428,12 +406,7 @@ TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
     EXPECT_NE(recording.err.find("The sampling clock is unknown"), std::string::npos) << recording.err;
 }
 
-// The simulated instrument serves any program, and the program's exit code is what comes back.
-TEST(KestrixSim, RunsAnyProgram) {
-    const auto read = Process::run({KESTRIX_SIM, "run", "--", "/bin/cat", "/sys/class/net/eth0/address"});
-    EXPECT_EQ(read.exitCode, 0) << read.err;
-    EXPECT_EQ(std::count(read.out.begin(), read.out.end(), ':'), 5) << read.out;
-    EXPECT_EQ(Process::run({KESTRIX_SIM, "run", "--", "/bin/sh", "-c", "exit 7"}).exitCode, 7);
+TEST(KestrixSim, ServesTheHost) {
     // A sanitizer's run time must stand in front of what is preloaded.
     std::vector<std::string> arguments{KESTRIX_SIM, "run"};
     if (const std::string first = KESTRIX_PRELOAD_FIRST; !first.empty()) {

@@ -5,38 +5,6 @@
 using namespace Harvane::RT::Core;
 using namespace Harvane::RT::Core::Testing;
 
-TEST(Engine, valueThenDefaultThenNothing) {
-    const auto object = makeObject({property("Rate").defaultValue(7), property("Empty")});
-    EXPECT_EQ("7", get(object, "Rate"));
-    EXPECT_FALSE(object.isPropertySet("Rate"));
-    object.setPropertyValue("Rate", 8);
-    EXPECT_EQ("8", get(object, "Rate"));
-    EXPECT_TRUE(object.isPropertySet("Rate"));
-    object.clearProperty("Rate");
-    EXPECT_EQ("7", get(object, "Rate"));
-    EXPECT_EQ("8000000B Not assigned", get(object, "Empty"));
-    EXPECT_EQ("80000006 Not found", get(object, "Unknown"));
-    EXPECT_FALSE(object.hasProperty("Unknown"));
-    // Never registered, stored all the same.
-    object.setPropertyValue("Unknown", 2.5);
-    EXPECT_EQ("2.5", get(object, "Unknown"));
-    EXPECT_TRUE(object.hasProperty("Unknown"));
-    EXPECT_TRUE(object.isPropertySet("Unknown"));
-}
-
-TEST(Engine, aFailureLeavesNoOlderText) {
-    const auto object = makeObject({property("Empty")});
-    IBaseObject* value = nullptr;
-    for (const char* name : {"Empty", "Unknown"}) {
-        makeError(Errors::GeneralError, "stale");
-        EXPECT_TRUE(failed(object->getProperty(StringPtr(name).get(), &value)));
-        EXPECT_EQ("", takeErrorMessage());
-    }
-    makeError(Errors::GeneralError, "stale");
-    EXPECT_EQ(Errors::InvalidParameter, object->registerProperty(nullptr));
-    EXPECT_EQ("", takeErrorMessage());
-}
-
 TEST(Engine, nullsAreRefused) {
     const auto object = makeObject();
     const StringPtr name("x");

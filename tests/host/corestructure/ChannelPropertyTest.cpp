@@ -25,26 +25,6 @@ TEST(ChannelCreation, StartValues) {
     EXPECT_THROW(channel.getSampleRate(), NotAssignedException);
 }
 
-TEST(ChannelProperties, TypedAccessorsAreTheProperties) {
-    const auto channel = syncChannel(SampleDataType::Int16);
-    std::vector<std::string> log;
-    listen(channel, recorder(log, "set"));
-    channel.setSampleRate({5000, 3});
-    channel.setUsed(true);
-    channel.setUnit("mV/V");
-    channel.setMinValue(-10.0);
-    channel.setMaxValue(10.0);
-    channel.setScale(2.0);
-    channel.setOffset(3.0);
-    channel.setName("AI 1");
-    EXPECT_EQ(log,
-              (std::vector<std::string>{"set SampleRate=5000/3", "set Used=true", "set Unit=mV/V", "set MinValue=-10",
-                                        "set MaxValue=10", "set Scale=2", "set Offset=3", "set Name=AI 1"}));
-    EXPECT_EQ(get(channel, "SampleRate"), "5000/3");
-    channel.setPropertyValue("MaxValue", 5);
-    EXPECT_EQ(channel.getMaxValue(), 5.0) << "converted to the property's type";
-}
-
 TEST(ChannelProperties, ScalingFollowsEveryWayOfWriting) {
     const auto channel = syncChannel(SampleDataType::Int16);
     auto scaled = [&](double raw) {
