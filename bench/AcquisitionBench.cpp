@@ -2,14 +2,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -48,19 +51,30 @@ struct Ring {
 
 class Acquisition {
 public:
-    Acquisition() {
+    // With so many channels in use, raw and filtered in turns. At the usual rate a channel runs as fast as it can; at
+    // any other one filtered channels run at half of it, so that all have as many bytes.
+    explicit Acquisition(size_t used = 16, int rate = usualRate) {
         auto scenario = kestrixsim::Scenario::counters(8);
         scenario.supplyOn = true;
         kestrixsim::reset(scenario, [] { return nowS.load(); });
         std::jthread ticking(tick);
         host_.open(KESTRIX_MODULE);
         host_.add();
-        host_.dataModule().setPropertyValue("SampleRate", Ratio{15000000, 1});
+        host_.dataModule().setPropertyValue("SampleRate", Ratio{rate, 1});
+        size_t place = 0;
+        for (auto channel : host_.channels()) {
+            channel.setUsed(place < used);
+            if (rate != usualRate && place % 2 == 1) {
+                channel.setPropertyValue("SampleRate", Ratio{rate / 2, 1});
+            }
+            ++place;
+        }
         host_.configure();
         host_.initialize();
         host_.start();
         host_.scheduler().stop();
         channels_ = host_.channels();
+        channels_.resize(used);
         module_ = host_.module();
         int number = 0;
         for (const auto& channel : channels_) {
@@ -84,6 +98,8 @@ public:
         host_.stop();
         host_.close();
     }
+
+    static constexpr int usualRate = 15000000;
 
     uint64_t bytes() const {
         uint64_t bytes = 0;
@@ -130,9 +146,16 @@ private:
     ObjectPtr<IModule> module_;
 };
 
+std::unique_ptr<Acquisition>& instance() {
+    static std::unique_ptr<Acquisition> one;
+    return one;
+}
+
 Acquisition& acquisition() {
-    static auto instance = std::make_unique<Acquisition>();
-    return *instance;
+    if (!instance()) {
+        instance() = std::make_unique<Acquisition>();
+    }
+    return *instance();
 }
 
 // Of the processor: neither side ever waits, and what else the machine does is not counted.
@@ -218,5 +241,94 @@ void IdleCycle(benchmark::State& state) {
     state.counters["time_ratio"] = moduleS / bareS;
 }
 BENCHMARK(IdleCycle)->Unit(benchmark::kMicrosecond)->MinTime(0.5)->Repetitions(9)->ReportAggregatesOnly();
+
+// Times of a cycle in ns by the number of channels, and the straight line through their medians by least squares.
+class CycleTimes {
+public:
+    static constexpr size_t counts[] = {2, 4, 8, 12, 16};
+
+    void add(size_t place, double seconds) { found_[place].push_back(seconds * 1e9); }
+    void report(benchmark::State& state, const std::string& side) {
+        double sumX = 0.0;
+        double sumY = 0.0;
+        double sumXX = 0.0;
+        double sumXY = 0.0;
+        std::vector<double> medians;
+        for (size_t i = 0; i < std::size(counts); ++i) {
+            const auto middle = found_[i].begin() + static_cast<std::ptrdiff_t>(found_[i].size() / 2);
+            std::nth_element(found_[i].begin(), middle, found_[i].end());
+            const auto x = static_cast<double>(counts[i]);
+            medians.push_back(*middle);
+            sumX += x;
+            sumY += *middle;
+            sumXX += x * x;
+            sumXY += x * *middle;
+            state.counters[side + "_ns_of_" + std::to_string(counts[i])] = *middle;
+        }
+        const auto n = static_cast<double>(std::size(counts));
+        const double slope = (n * sumXY - sumX * sumY) / (n * sumXX - sumX * sumX);
+        const double start = (sumY - slope * sumX) / n;
+        double largest = 0.0;
+        for (size_t i = 0; i < std::size(counts); ++i) {
+            const double line = start + slope * static_cast<double>(counts[i]);
+            largest = std::max(largest, std::abs(medians[i] / line - 1.0) * 100.0);
+        }
+        state.counters[side + "_deviation_percent"] = largest;
+    }
+
+private:
+    std::vector<double> found_[std::size(counts)];
+};
+
+// What a cycle costs that finds one descriptor of each channel, of the same size for all, by the number of channels.
+// The counts take their turns, so that a change of the machine's mood hits all of them; each figure is the median of
+// nine.
+void CycleOfChannels(benchmark::State& state) {
+    constexpr double descriptorS = 0.125;
+    constexpr int cycles = 480;
+    const int rate = static_cast<int>(state.range(0));
+    const auto block = static_cast<uint64_t>(2 * rate * descriptorS);
+    CycleTimes module;
+    CycleTimes bare;
+    for ([[maybe_unused]] auto _ : state) {
+        for (int repetition = 0; repetition < 9; ++repetition) {
+            for (size_t i = 0; i < std::size(CycleTimes::counts); ++i) {
+                instance().reset();
+                instance() = std::make_unique<Acquisition>(CycleTimes::counts[i], rate);
+                Acquisition& bench = *instance();
+                const auto timeOf = [&](const std::function<void()>& cycle) {
+                    double seconds = 0.0;
+                    for (int k = 0; k < cycles; ++k) {
+                        nowS.store(nowS.load() + descriptorS);
+                        seconds += secondsOf(cycle);
+                    }
+                    return seconds / cycles;
+                };
+                // Once round the rings first: pages that are touched for the first time cost more.
+                for (int k = 0; k < 32; ++k) {
+                    nowS.store(nowS.load() + descriptorS);
+                    bench.moduleCycle();
+                }
+                const uint64_t before = bench.bytes();
+                module.add(i, timeOf([&] { bench.moduleCycle(); }));
+                const uint64_t expected = cycles * CycleTimes::counts[i] * block;
+                const uint64_t ofModule = bench.bytes() - before;
+                uint64_t ofBare = 0;
+                bare.add(i, timeOf([&] { ofBare += bench.bareCycle(); }));
+                if (ofModule != expected || ofBare != expected || bench.failed() != 0) {
+                    std::fprintf(stderr, "%zu channels: module %llu bytes, bare loop %llu bytes, its errno %d\n",
+                                 CycleTimes::counts[i], static_cast<unsigned long long>(ofModule),
+                                 static_cast<unsigned long long>(ofBare), bench.failed());
+                    std::exit(1);
+                }
+            }
+        }
+    }
+    instance().reset();
+    state.counters["block_bytes"] = static_cast<double>(block);
+    module.report(state, "module");
+    bare.report(state, "bare");
+}
+BENCHMARK(CycleOfChannels)->Arg(4000)->Arg(40000)->Arg(500000)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
