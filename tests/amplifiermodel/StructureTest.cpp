@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "modules/daq/amplifier/DefinitionTrial.h"
 #include "modules/daq/bridge/DaqStructure.h"
@@ -118,6 +117,7 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     }
     EXPECT_EQ(channel("AI 1").getPropertyValue<double>("BridgeOffset"), 0.5);
     EXPECT_EQ(channel("AI 3").getMinValue(), -10.0);
+    EXPECT_EQ(channel("AI 3").getMaxValue(), 10.0);
     EXPECT_EQ(channel("AI 3").getUnit(), "V");
 
     // A failing property ends the start.

@@ -25,15 +25,6 @@ protected:
     std::shared_ptr<TestDevice> device;
 };
 
-TEST_F(StartTest, InitializeTellsTheHostWhatToReserve) {
-    device->ai->channels[0]->phaseDelay = 9;
-    device->ai->channels[1]->noReserve = true;
-    structure->initialize();
-    EXPECT_EQ(channel("Raw 1").getPropertyValue<int>("PhaseDelay"), 9);
-    EXPECT_TRUE(channel("Raw 1").getPropertyValue<bool>("ShouldReserveMemory"));
-    EXPECT_FALSE(channel("Filtered 1").getPropertyValue<bool>("ShouldReserveMemory"));
-}
-
 TEST_F(StartTest, UsedSynchronousChannelsWriteIntoTheHost) {
     const auto& channels = device->ai->channels;
     const auto ownRaw = channels[0]->buffer;

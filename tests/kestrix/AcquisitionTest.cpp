@@ -47,28 +47,6 @@ protected:
     }
 };
 
-TEST_F(AcquisitionTest, EverySampleArrivesOnceAndInOrderTwiceInARow) {
-    bringUp(fastScenario(2));
-    use({0, 1, 3});
-    channel(3).setRate(250);
-    for (int run = 0; run < 2; ++run) {
-        start();
-        EXPECT_EQ(word(adcEnableWord) & 1, 1u);
-        EXPECT_EQ(word(triggerWord) & 0xFFFF, 0x0003u);
-        // Two seconds a ring: at 1000 Hz this is more than once around.
-        acquireCounting({0, 1}, 2200);
-        EXPECT_GE(channel(3).samplesAcquired, 400u);
-        EXPECT_LT(channel(3).samplesAcquired, 700u);
-        EXPECT_EQ(channel(2).samplesAcquired, 0u);
-        stop();
-        EXPECT_EQ(word(adcEnableWord) & 1, 0u);
-        EXPECT_EQ(dspWord(0, 0x124) & 3, 0u);
-        EXPECT_FALSE(raw().started);
-        EXPECT_EQ(raw().samplesDropped, 0u);
-        EXPECT_EQ(channel(0).buffer->getCapacity(), 0u);
-    }
-}
-
 TEST_F(AcquisitionTest, ChannelOfAnEmptySlotIsPassedOver) {
     Scenario scenario = fastScenario(2);
     scenario.modules.erase(scenario.modules.begin());
@@ -282,8 +260,6 @@ TEST_F(AcquisitionTest, RunThatWasNotStoppedLeavesNothingOn) {
 }
 
 TEST_F(AcquisitionTest, DriverOrChainThatRefusesEndsInOrderAndCanBeTriedAgain) {
-    constexpr int size = 0x40064C03;
-    constexpr int reserve = 0x40064C05;
     constexpr int startRequest = 0x40064C08;
     constexpr int stopRequest = 0x40064C09;
     using Faults = std::vector<kestrixsim::Fault>;
@@ -295,13 +271,9 @@ TEST_F(AcquisitionTest, DriverOrChainThatRefusesEndsInOrderAndCanBeTriedAgain) {
         const char* text;
         std::string left;  // what the attempt couldn't switch off
     } const starts[] = {
-        {{driver(0, size)}, "SET_BD_SIZE ioctl error", ""},
-        {{driver(3, reserve)}, "RESERVE_BD_MEM ioctl error", ""},
-        {{driver(0, startRequest)}, "START_TRANSFER ioctl error", ""},
         {{driver(3, startRequest)}, "START_TRANSFER ioctl error", ""},
         {{driver(2, startRequest), driver(1, stopRequest)}, "START_TRANSFER ioctl error", "f0"},
         {{driver(3, startRequest), driver(-1, stopRequest, -1)}, "START_TRANSFER ioctl error", "r0, f0, r1"},
-        {{{.kind = FaultKind::ClearNever, .times = -1}}, "DspControl::Clear process status timeout", ""},
     };
     struct {
         Faults faults;
@@ -348,16 +320,6 @@ TEST_F(AcquisitionTest, DriverOrChainThatRefusesEndsInOrderAndCanBeTriedAgain) {
         EXPECT_EQ(std::count(steps.begin(), steps.end(), "clear 1"), 1);
         tryAgain(expected.text, expected.left, true);
     }
-}
-
-TEST_F(AcquisitionTest, OnlyAStandaloneInstrumentStartsByItself) {
-    bringUp(warmScenario(1));
-    use({1});
-    controller->setSynchronization({SynchronizationMode::Standalone, {SynchronizationMode::Ptp}});
-    start();
-    EXPECT_EQ(word(triggerWord) & 0xFFFF, 0x0100u);
-    stop();
-    EXPECT_EQ(word(triggerWord) & 0xFFFF, 0u);
 }
 
 TEST_F(AcquisitionTest, CountersStandInForConvertersWithoutSupply) {

@@ -65,15 +65,6 @@ protected:
         const auto failure = amplifier().lastFailure();
         return failure ? failure->text() : "";
     }
-    Strings takeFrames() {
-        const Strings frames = kestrixsim::instrument().framesReceived();
-        Strings result;
-        for (size_t i = framesTaken_; i < frames.size(); ++i) {
-            result.push_back(frames[i].substr(6, frames[i].size() - 9));  // without slot, key and end
-        }
-        framesTaken_ = frames.size();
-        return result;
-    }
 
     // The amplifier works by these, and the settings say so.
     void expectInForce(const AmplifierSettings& expected) const {
@@ -134,9 +125,6 @@ protected:
             EXPECT_EQ(one.unit, expected.rangeUnit);
         }
     }
-
-private:
-    size_t framesTaken_ = 0;
 };
 
 enum class Ends { Request, Before };

@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <exception>
 
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -105,23 +104,6 @@ TEST_F(ClockTest, IsTakenFromThePllsAndSetWhereTheyHoldNone) {
         EXPECT_EQ(controller->checkSampleRate(48000), expected.clock == clock10 ? 40000 : 46875);
         EXPECT_EQ(ai().checkChannelRate(1, 8000000, 8000000), expected.clock == clock10 ? 2000000 : 1600000);
     }
-}
-
-TEST_F(ClockTest, ThatCannotBeSetRefusesStartsUntilItIs) {
-    Scenario board = scenario(1);
-    board.pll = {.selection = 3};
-    board.faults = {{.kind = FaultKind::ScriptRefuses, .times = -1}};
-    bringUp(board);
-    expectClock(0, clock15);
-    expectRefusedStart(unknownClock);
-    EXPECT_EQ(request(clock10), "KestrixAI::configureClock failed");
-    EXPECT_EQ(request(clock15), "KestrixAI::configureClock failed");
-    expectClock(0, clock15);
-    clearFaults();
-    expectRefusedStart(unknownClock);
-    EXPECT_EQ(request(clock15), "no failure");
-    expectClock(clock15, clock15);
-    expectGoodRun();
 }
 
 TEST_F(ClockTest, ChangeMovesTheWholeInstrument) {

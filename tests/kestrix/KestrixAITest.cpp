@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <stdexcept>
 
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
@@ -37,16 +35,6 @@ protected:
     }
 
     static uint32_t supply() { return word(0xA6000010) & 255; }
-    // Frames that an amplifier took since the last call.
-    Strings takeFrames() {
-        const Strings frames = kestrixsim::instrument().framesReceived();
-        const Strings result(frames.begin() + static_cast<std::ptrdiff_t>(framesTaken_), frames.end());
-        framesTaken_ = frames.size();
-        return result;
-    }
-
-private:
-    size_t framesTaken_ = 0;
 };
 
 TEST_F(KestrixAITest, SupplyIsSteppedUpSlotBySlot) {

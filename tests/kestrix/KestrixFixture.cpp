@@ -57,6 +57,7 @@ void KestrixFixture::bringUp(const kestrixsim::Scenario& scenario) {
     takeDown();
     kestrixsim::reset(scenario);
     journalTaken_ = 0;
+    framesTaken_ = 0;
     controller = std::make_unique<DaqController>();
     controller->operationMode = 2;
     controller->initialize();
@@ -167,6 +168,15 @@ std::vector<std::string> KestrixFixture::takeJournal() {
     std::vector<std::string> fresh(lines.begin() + static_cast<std::ptrdiff_t>(journalTaken_), lines.end());
     journalTaken_ = lines.size();
     fresh.erase(std::unique(fresh.begin(), fresh.end()), fresh.end());
+    return fresh;
+}
+
+std::vector<std::string> KestrixFixture::takeFrames() {
+    const std::vector<std::string> frames = kestrixsim::instrument().framesReceived();
+    std::vector<std::string> fresh;
+    for (; framesTaken_ < frames.size(); ++framesTaken_) {
+        fresh.push_back(frames[framesTaken_].substr(6, frames[framesTaken_].size() - 9));
+    }
     return fresh;
 }
 

@@ -59,9 +59,13 @@ protected:
     // its clear is taken back: lines that repeat themselves count once.
     std::vector<std::string> takeJournal();
 
+    // Frames that amplifiers took since the last call, without slot, key and end.
+    std::vector<std::string> takeFrames();
+
     std::unique_ptr<DaqController> controller;
 
 private:
+    size_t framesTaken_ = 0;
     size_t journalTaken_ = 0;
 };
 

@@ -1,6 +1,5 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
 
-#include <cerrno>
 #include <functional>
 
 #include "tests/kestrix/KestrixFixture.h"

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "RecordingDevice.h"
 #include "modules/daq/objectmodel/GenericDaqClock.h"
 

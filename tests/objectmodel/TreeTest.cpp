@@ -290,3 +290,16 @@ TEST(AIDevice, MakesChannelsWithTheirAmplifiers) {
     device.reset();
     EXPECT_FALSE(amplifier->getAIChannel());
 }
+
+TEST(AIDevice, TakesOnlyANewClockOfItsList) {
+    class ClockedAI : public AIDevice {
+    public:
+        void onBaseClockChanged() override { changes.push_back(baseClock); }
+        std::vector<int> changes;
+    };
+    ClockedAI ai;
+    for (int clock : {0, -1, 12000000, 15000000, 10000000, 10000000}) {
+        ai.setBaseClock(clock);
+    }
+    EXPECT_EQ(ai.changes, (std::vector<int>{10000000}));
+}

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <zorn/types/callable.h>
 

@@ -1,12 +1,9 @@
 // A module library for the tests of the module manager. It tells every call to the logger "FakeModule", which a test
 // reads, and takes its orders from properties of the data object:
 //   "FailStep"     text: the lifecycle call of that name fails with "broken on demand"; "initialize without words"
-//   fails
-//                  with the code alone; "start and stop" lets both fail, with what stands around `stop`
+//                  fails with the code alone
 //   "BalanceAsks"  int: how many times "GetSensorBalanceStatus" answers true
 // Compile definitions make the variants: FAKE_WRONG_VERSION, FAKE_FAILING_INIT, FAKE_NO_CHECK, FAKE_NO_DRIVER.
-
-#include <cstring>
 
 #include <zorn/logger/logger.h>
 #include <zorn/objects/property_object_impl.h>
@@ -115,8 +112,7 @@ private:
         }
         failInCycle_ = wanted == "processData";
         withoutWords_ = wanted == "initialize without words";
-        const bool way = name == "start" || name == "preStop" || name == "stop" || name == "finalize";
-        if (wanted == name || (way && wanted == "start and stop")) {
+        if (wanted == name) {
             throw InvalidStateException("broken on demand");
         }
     }

@@ -209,17 +209,6 @@ TEST_F(ModuleHostTest, StartWithoutMemoryLeavesTheModuleAloneAndCanBeRepeated) {
     host.stop();
 }
 
-// A module that refuses to start refuses to stop as well: the user has one refusal to read.
-TEST_F(ModuleHostTest, RefusedStartIsOneFailure) {
-    RecordingSink failures("ModuleManager");
-    host.open(fake());
-    host.data().setPropertyValue("FailStep", "start and stop");
-    EXPECT_EQ(failure([&] { run(); }), "80000029 " + fake() + ": start failed: broken on demand (0x80000029)");
-    for (const auto& line : failures.lines()) {
-        EXPECT_LT(line.level, 3) << line.message;
-    }
-}
-
 // The module's failure leaves no words, and this thread has some of an earlier one.
 TEST_F(ModuleHostTest, FailingStepWithoutWordsHasThoseOfItsCode) {
     host.open(fake());

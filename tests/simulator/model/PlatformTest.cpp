@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
-
 #include <unistd.h>
-#include <cerrno>
+
 #include <cstdio>
 #include <filesystem>
 
@@ -12,10 +11,24 @@ using namespace kestrixsim;
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<uint8_t>;
 
 const std::string ptp = "/opt/harvane/scripts/ptp_control.sh";
 const std::string vcxo = "/opt/harvane/scripts/vcxo_control.sh";
+
+TEST(Scripts, faultsSwitchNothing) {
+    Rig rig(Scenario{});
+    const auto run = [&] { return rig.instrument.runCommand(vcxo + " set_clock 10"); };
+    rig.instrument.inject({.kind = FaultKind::ScriptRefuses});
+    EXPECT_TRUE(run().ends_with("ERR:fault\n"));
+    rig.instrument.inject({.kind = FaultKind::ScriptSilent});
+    EXPECT_EQ("", run());
+    EXPECT_EQ(0x110u, rig.word(0xB0000000));
+    EXPECT_TRUE(run().ends_with("OK:\n"));
+    EXPECT_EQ(0u, rig.word(0xB0000000)) << "the PLL lost its lock";
+    rig.instrument.inject({.kind = FaultKind::ScriptUnheard});
+    EXPECT_EQ("", rig.instrument.runCommand(vcxo + " set_clock 15"));
+    EXPECT_EQ(0x110u, rig.word(0xB0000000)) << "this one does its work";
+}
 
 class RootTest : public testing::Test {
 protected:

@@ -86,23 +86,6 @@ protected:
     std::unique_ptr<Rig> rig;
 };
 
-TEST_F(RawStream, deliversWholeDescriptorsOnlyAndAsManyAsFit) {
-    prepare();
-    rig->now += 1.05;
-    EXPECT_EQ(counting(0, 200), read(599));
-    EXPECT_EQ(counting(200, 300), read(600));
-    EXPECT_TRUE(read(199).empty());
-    EXPECT_EQ(-EINVAL, rig->result);
-    EXPECT_EQ(counting(500, 500), read());
-    EXPECT_TRUE(read().empty());
-    EXPECT_EQ(-EAGAIN, rig->result);
-    const StreamStatistics statistics = rig->instrument.statistics(0, Stream::Raw);
-    EXPECT_TRUE(statistics.started);
-    EXPECT_EQ(1000u, statistics.samplesDelivered);
-    EXPECT_EQ(0u, statistics.samplesDropped);
-    EXPECT_EQ(3u, statistics.reads);
-}
-
 TEST_F(RawStream, fullRingDropsNewDescriptorsAndCountsThem) {
     prepare();
     rig->now += 2.05;
@@ -233,6 +216,20 @@ TEST(Streams, requestsInTheWrongOrder) {
     uint8_t bytes[4000];
     EXPECT_EQ(-EAGAIN, rig.instrument.dmaRead(0, Stream::Filtered, bytes, sizeof bytes)) << "the data goes elsewhere";
     expect({{-EINVAL, stopTransfer}, {0, stopUsb}, {-ENOTTY, 0x40064C02}});
+}
+
+TEST(Streams, modulesOfOneMaskStartTogetherAndOthersDoNot) {
+    Rig rig(Scenario::counters(3));
+    for (int m = 0; m < 3; ++m) {
+        rig.raw(m, 15000);
+        rig.transfer(m, Stream::Raw, 2);
+    }
+    rig.convert(5);
+    rig.now += 0.01;
+    EXPECT_EQ(0x50000u, rig.word(0xA0200004) & 0xFF0000);
+    for (int m = 0; m < 3; ++m) {
+        EXPECT_EQ(m == 1 ? 0u : 10u, rig.read<int16_t>(m, Stream::Raw, 100).size()) << m;
+    }
 }
 
 TEST(Streams, triggerOfTheTimingCoreStartsAtTheSecond) {

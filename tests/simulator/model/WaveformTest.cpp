@@ -3,7 +3,6 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <numbers>
