@@ -33,6 +33,7 @@ TEST(SoftSync, firstPairsGiveTheOffsetAndTheThirdTheSlope) {
     EXPECT_NEAR(sync.getDeviceRate(), 69.0 / 187.0, 1e-12);
     sync.reset();
     EXPECT_EQ(sync.masterTimeAt(5.0), -1.0);
+    EXPECT_EQ(sync.slaveTimeAt(5.0), -1.0);
     sync.synchronizeClocks(1.0, 1.0);  // forgets the pairs, not the slope
     EXPECT_NEAR(sync.masterTimeAt(2.0), 1.0 + 187.0 / 69.0, 1e-12);
     sync.setDeviceRate(-1.0);
@@ -60,7 +61,7 @@ TEST(SoftSync, pairsThatAreNone) {
         {"no slave", 104.0, none, false},
         {"endless", endless, 104.0, false},
         {"both older", 101.5, 101.5, false},
-        {"both much older", 1.0, 1.0, false},
+        {"both much older", 1.0, 3.0, false},
         {"master a little back", 102.0, 104.0, false},
         {"slave a little back", 104.0, 102.0, false},
         {"the same again", 103.0, 103.0, true},
@@ -82,6 +83,10 @@ TEST(SoftSync, pairsThatAreNone) {
             EXPECT_NEAR(sync.masterTimeAt(50.0), 50.0, 1e-9);
         } else if (setBack) {
             EXPECT_NEAR(sync.masterTimeAt(c.slave + 2.0), c.master + 2.0, 1e-9);
+            // And its own slope after two more.
+            sync.synchronizeClocks(c.master + 1.5, c.slave + 1.0);
+            sync.synchronizeClocks(c.master + 3.0, c.slave + 2.0);
+            EXPECT_NEAR(sync.masterTimeAt(c.slave + 4.0), c.master + 6.0, 1e-9);
         } else {
             EXPECT_NEAR(sync.masterTimeAt(c.slave), c.master, 0.05);
             EXPECT_TRUE(c.master == 103.0 || sync.masterTimeAt(50.0) < 50.0);
