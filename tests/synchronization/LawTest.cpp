@@ -157,24 +157,37 @@ TEST(TimeSyncController, saysWhatItDoes) {
               "Daqtime sync ERROR 1\nMAY RESYNC\nGradient -0.000000\nFrequency fix 573.000000\n");
 }
 
-// For the thread sanitizer; an average of 500s, or a fresh 506, is all that may ever be seen.
+// For the thread sanitizer; an average of 500s, or a fresh 506, is all that may ever be seen. Each of the others does
+// one thing only: what orders one access would hide that another has no order.
 TEST(TimeSyncController, othersResetAndAskWhilePulsesCome) {
     Law law;
-    std::atomic<int> resets = 0;
-    std::thread other([&] {
-        while (resets < 1000) {
+    std::atomic<bool> stop = false;
+    const auto untilStopped = [&stop](auto work) {
+        return std::thread([&stop, work] {
+            while (!stop.load(std::memory_order_relaxed)) {
+                work();
+            }
+        });
+    };
+    std::thread others[] = {
+        untilStopped([&law] { law.controller.reset(); }),
+        untilStopped([&law] { law.maxErrors.setMaxPhaseError(1'500'000); }),
+        untilStopped([&law] {
             const double equilibrium = law.controller.getEquilibriumPwm();
             EXPECT_TRUE(equilibrium == 500.0 || equilibrium == 506.0) << equilibrium;
-            law.maxErrors.setMaxPhaseError(1'500'000);
-            law.controller.reset();
+        }),
+    };
+    {
+        const Silence silence;
+        for (int i = 0; i < 20'000; ++i) {
+            law.controller.getNextPwmAfterPps(500, 0, 0, law.error, law.tracking);
             law.error = false;
-            ++resets;
         }
-    });
-    while (resets < 1000) {
-        law.pulse(500, 0, 0);
     }
-    other.join();
+    stop = true;
+    for (std::thread& other : others) {
+        other.join();
+    }
 }
 
 }  // namespace
