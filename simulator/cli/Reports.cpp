@@ -42,7 +42,16 @@ std::string shownPath(const Door& door) {
 }
 
 std::string_view answer(DoorKind kind) {
-    return kind == DoorKind::Absent ? "absent" : kind == DoorKind::Files ? "files" : "device";
+    switch (kind) {
+        case DoorKind::Absent:
+            return "absent";
+        case DoorKind::Files:
+            return "files";
+        case DoorKind::Socket:
+            return "socket";
+        default:
+            return "device";
+    }
 }
 
 }  // namespace
@@ -90,6 +99,7 @@ int listDoors(bool json) {
     std::puts("");
     std::puts("device  served by the simulated instrument");
     std::puts("files   plain files in a folder of the process");
+    std::puts("socket  a Unix socket in that folder");
     std::puts("absent  ENOENT, never the real node");
     std::puts("popen   command lines of the platform scripts are answered in the process, others are run");
     std::puts("Every other path, descriptor and command falls through to the system.");

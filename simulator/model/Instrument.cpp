@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <stdexcept>
@@ -58,7 +59,10 @@ public:
           streams(makeStreams()),
           fpga(clock, oscillator, timing, faults, journal, pointers(), scenario,
                [this](uint8_t before, uint8_t after) { supply(before, after); }),
-          scripts(faults, [this](int megahertz) { fpga.setOscillator(megahertz); }) {
+          ptp(clock, faults, scenario.ptp, bus.eeprom().data() + 0xFA, realTimeNs()),
+          scripts(
+              faults, [this](int megahertz) { fpga.setOscillator(megahertz); },
+              [this](const std::string& role) { ptp.start(role); }) {
         for (const Fault& fault : scenario.faults) {
             faults.add(fault);
         }
@@ -144,11 +148,17 @@ public:
     I2cBus bus;
     std::vector<std::unique_ptr<StreamPair>> streams;
     Fpga fpga;
+    PtpDaemon ptp;
     Scripts scripts;
     std::mutex sourceMutex;  // taken behind the amplifiers' and in front of the streams'
     std::array<SignalSource, slotCount> sources;
 
 private:
+    static int64_t realTimeNs() {
+        const auto since = std::chrono::system_clock::now().time_since_epoch();
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(since).count();
+    }
+
     void play(int slot) {
         const auto index = static_cast<size_t>(slot);
         if (index < streams.size()) {
@@ -360,6 +370,38 @@ int Instrument::startCommand() {
 
 std::string Instrument::runCommand(const std::string& commandLine) {
     return implementation_->scripts.run(commandLine);
+}
+
+PtpSocketState Instrument::ptpSocket() const {
+    return implementation_->ptp.socket();
+}
+
+void Instrument::ptpReceive(const std::string& client, const uint8_t* bytes, size_t size) {
+    implementation_->ptp.receive(client, bytes, size);
+}
+
+std::vector<PtpDatagram> Instrument::ptpDue() {
+    return implementation_->ptp.due();
+}
+
+bool Instrument::ptpPending() const {
+    return implementation_->ptp.pending();
+}
+
+void Instrument::setPtpNetwork(const PtpScenario& network) {
+    implementation_->ptp.setNetwork(network);
+}
+
+void Instrument::restartPtpDaemon() {
+    implementation_->ptp.restart();
+}
+
+void Instrument::crashPtpDaemon() {
+    implementation_->ptp.crash();
+}
+
+std::vector<std::vector<uint8_t>> Instrument::ptpRequests() const {
+    return implementation_->ptp.requests();
 }
 
 void Instrument::populateRoot(const std::string& folder) const {

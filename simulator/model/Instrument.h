@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "simulator/model/PtpDaemon.h"
 #include "simulator/model/Scenario.h"
 
 // The whole simulated instrument behind its doors. Plain C++ without any interposition: the preload library brings
@@ -111,6 +112,12 @@ public:
     int startCommand();  // 0 or -errno: whether popen works
     std::string runCommand(const std::string& commandLine);
 
+    // The PTP daemon's socket: what stands at its path, what comes in there and what goes out.
+    PtpSocketState ptpSocket() const;
+    void ptpReceive(const std::string& client, const uint8_t* bytes, size_t size);
+    std::vector<PtpDatagram> ptpDue();  // replies whose time has come
+    bool ptpPending() const;            // whether there will be more
+
     // Fills a folder with the plain files of the instrument (sysfs trees, scripts as real shell files).
     void populateRoot(const std::string& folder) const;
 
@@ -125,6 +132,11 @@ public:
     void stepRealtime(double microseconds);
     void setReference(ReferenceKind kind, const ReferenceScenario& reference);
     TimingState timingState() const;
+
+    void setPtpNetwork(const PtpScenario& network);
+    void restartPtpDaemon();                                // in the role that it has
+    void crashPtpDaemon();                                  // its socket's name stays; until the next restart
+    std::vector<std::vector<uint8_t>> ptpRequests() const;  // the last 64 datagrams that it was sent
 
     uint32_t registerWord(uint64_t physicalAddress) const;  // as the hardware has it now
     StreamStatistics statistics(int module, Stream stream) const;

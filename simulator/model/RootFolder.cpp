@@ -108,6 +108,7 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
     writeFile(hwmon / "hwmon2/temp2_input", "51800\n");
     writeFile(hwmon / "hwmon2/temp3_input", "53100\n");
     writeFile(root / "sys/class/net/eth0/address", networkAddress + "\n");
+    fs::create_directories(root / "var/run");  // for sockets
     writeScript(root / "opt/harvane/scripts/ptp_control.sh", ptpText);
     writeScript(root / "opt/harvane/scripts/vcxo_control.sh", vcxoText);
 }

@@ -103,6 +103,14 @@ enum class FaultKind {
     TimingShortRead,     // read of a record delivers 8 bytes
     SyncHeld,            // the request for a new internal pulse is never taken
     OscillatorSilent,    // no chip at 0x58: ENXIO
+    PtpLost,             // the PTP daemon doesn't reply
+    PtpLate,             // its reply comes `code` ms late
+    PtpGarbled,          // the reply's TLV is noise, and its length is odd
+    PtpWrongId,          // another management id
+    PtpOversized,        // `code` bytes long (0: 2000)
+    PtpTwice,            // the same reply comes twice
+    PtpErrorStatus,      // a refusal with the error `code` (0: 0xFFFE) instead of the record
+    PtpBadVersion,       // version `code` (0: 1) of the protocol
 };
 
 struct Fault {
@@ -161,6 +169,16 @@ struct PllScenario {
     bool lock1 = true;
 };
 
+// What the PTP daemon finds on the network, and who it is itself. Its role is the platform's script's business.
+struct PtpScenario {
+    uint64_t clockIdentity = 0;                    // of the instrument; 0: made from its network address
+    uint64_t grandmaster = 0x0211'2233'FFFE'4455;  // of the clock that a slave follows
+    bool masterPresent = true;                     // whether there is such a clock
+    bool linkUp = true;                            // whether the cable is plugged in
+    int64_t offsetNs = -37;                        // to the grandmaster, as a slave reports it
+    double pathDelayNs = 1234.0;                   // to the next port
+};
+
 struct Scenario {
     // Board and identity EEPROM.
     int boardType = 0;  // 0: eight slots, 1: two slots
@@ -189,6 +207,8 @@ struct Scenario {
     double realtimeAtStart = 0.0;
     std::vector<ReferenceScenario::Shift> realtimeSteps{};
     uint64_t seed = 1;
+
+    PtpScenario ptp{};
 
     // Eight modules of all kinds with different sines in physical units: what one sees without a scenario file.
     static Scenario standard();

@@ -96,6 +96,14 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"timingShortRead", FaultKind::TimingShortRead},
     {"syncHeld", FaultKind::SyncHeld},
     {"oscillatorSilent", FaultKind::OscillatorSilent},
+    {"ptpLost", FaultKind::PtpLost},
+    {"ptpLate", FaultKind::PtpLate},
+    {"ptpGarbled", FaultKind::PtpGarbled},
+    {"ptpWrongId", FaultKind::PtpWrongId},
+    {"ptpOversized", FaultKind::PtpOversized},
+    {"ptpTwice", FaultKind::PtpTwice},
+    {"ptpErrorStatus", FaultKind::PtpErrorStatus},
+    {"ptpBadVersion", FaultKind::PtpBadVersion},
 });
 
 // What `target` and `code` may be. Kinds that are not here have neither.
@@ -122,6 +130,10 @@ constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::ClearLate, 8, 60000},
     {FaultKind::ClearNever, 8, 0},
     {FaultKind::TimingRead, 0, 4095},
+    {FaultKind::PtpLate, 0, 60000},
+    {FaultKind::PtpOversized, 0, 65000},
+    {FaultKind::PtpErrorStatus, 0, 0xFFFF},
+    {FaultKind::PtpBadVersion, 0, 15},
 });
 
 template <typename E, size_t N>
@@ -475,6 +487,17 @@ Fault readFault(Section& section) {
     return fault;
 }
 
+PtpScenario readPtp(Section& section) {
+    PtpScenario ptp;
+    section.readInteger("clockIdentity", ptp.clockIdentity, 0, std::numeric_limits<uint64_t>::max());
+    section.readInteger("grandmaster", ptp.grandmaster, 0, std::numeric_limits<uint64_t>::max());
+    section.read("masterPresent", ptp.masterPresent);
+    section.read("linkUp", ptp.linkUp);
+    section.readInteger("offsetNs", ptp.offsetNs, -1'000'000'000, 1'000'000'000);
+    section.read("pathDelayNs", ptp.pathDelayNs, 0.0, 1e9);
+    return ptp;
+}
+
 Scenario readScenario(const Json& json, const std::string& name, const std::string& folder, bool files) {
     Section section(json, "", name);
     Scenario scenario;
@@ -514,6 +537,7 @@ Scenario readScenario(const Json& json, const std::string& name, const std::stri
     section.read("realtimeAtStart", scenario.realtimeAtStart, 0.0, 4e9);
     readShifts(section, "realtimeSteps", scenario.realtimeSteps);
     section.readInteger("seed", scenario.seed, 0, std::numeric_limits<uint64_t>::max());
+    section.readSection("ptp", [&](Section& inner) { scenario.ptp = readPtp(inner); });
     section.finish();
     return scenario;
 }
@@ -604,6 +628,12 @@ std::string ScenarioJson::write(const Scenario& scenario) {
     json["realtimeAtStart"] = scenario.realtimeAtStart;
     json["realtimeSteps"] = shiftsJson(scenario.realtimeSteps);
     json["seed"] = scenario.seed;
+    json["ptp"] = {{"clockIdentity", hex(scenario.ptp.clockIdentity, 16)},
+                   {"grandmaster", hex(scenario.ptp.grandmaster, 16)},
+                   {"masterPresent", scenario.ptp.masterPresent},
+                   {"linkUp", scenario.ptp.linkUp},
+                   {"offsetNs", scenario.ptp.offsetNs},
+                   {"pathDelayNs", scenario.ptp.pathDelayNs}};
     json["modules"] = Json::array();
     for (const ModuleScenario& module : scenario.modules) {
         Json waveform;

@@ -50,8 +50,8 @@ std::string statusOf(const std::string& mode) {
 
 }  // namespace
 
-Scripts::Scripts(Faults& faults, std::function<void(int)> oscillator)
-    : faults_(faults), oscillator_(std::move(oscillator)) {}
+Scripts::Scripts(Faults& faults, std::function<void(int)> oscillator, std::function<void(const std::string&)> daemon)
+    : faults_(faults), oscillator_(std::move(oscillator)), daemon_(std::move(daemon)) {}
 
 bool Scripts::owns(const std::string& commandLine) {
     return calls(commandLine, ptpScript) || calls(commandLine, vcxoScript);
@@ -82,6 +82,7 @@ std::string Scripts::ptp(const std::string& arguments) {
     const std::lock_guard lock(mutex_);
     if (arguments == "restart") {
         running_ = stored_;
+        daemon_(running_);
         return "OK:\n";
     }
     if (arguments == "status") {

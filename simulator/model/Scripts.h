@@ -12,8 +12,8 @@ namespace kestrixsim {
 // The platform's scripts: the role of the PTP daemon and the output of the oscillator. Thread-safe.
 class Scripts {
 public:
-    // `oscillator`: told the megahertz of each change.
-    Scripts(Faults& faults, std::function<void(int)> oscillator);
+    // `oscillator`: told the megahertz of each change. `daemon`: told the role at each restart of the PTP daemon.
+    Scripts(Faults& faults, std::function<void(int)> oscillator, std::function<void(const std::string&)> daemon);
 
     static bool owns(const std::string& commandLine);
     std::string run(const std::string& commandLine);
@@ -25,6 +25,7 @@ private:
 
     Faults& faults_;
     const std::function<void(int)> oscillator_;
+    const std::function<void(const std::string&)> daemon_;
     mutable std::mutex mutex_;
     std::vector<std::string> commands_;
     std::string stored_ = "disable";   // the argument last given

@@ -18,6 +18,7 @@ enum class DoorKind {
     Timing,       // records of the reference's pulses
     Absent,       // belongs to the instrument and is not there: ENOENT
     Files,        // plain files, rewritten into the process's root folder
+    Socket,       // Unix sockets, likewise
 };
 
 enum class DoorMatch {
@@ -49,6 +50,8 @@ inline constexpr auto doors = std::to_array<Door>({
     {"/sys/class/net", DoorMatch::Tree, DoorKind::Files, "network addresses"},
     {"/sys/bus/iio", DoorMatch::Tree, DoorKind::Files, "temperatures"},
     {"/board", DoorMatch::Tree, DoorKind::Files, "LEDs of the board"},
+    {"/var/run/ptp4l", DoorMatch::Exact, DoorKind::Socket, "PTP daemon: datagrams of its management interface"},
+    {"/var/run/ptpapi.", DoorMatch::Prefix, DoorKind::Socket, "sockets of the daemon's clients"},
     {"/opt/harvane/scripts", DoorMatch::Tree, DoorKind::Files, "platform scripts (popen answers them itself)"},
 });
 

@@ -14,6 +14,7 @@
 #include "simulator/preload/Entry.h"
 #include "simulator/preload/NextFunctions.h"
 #include "simulator/preload/Opening.h"
+#include "simulator/preload/PtpSocket.h"
 
 using namespace kestrixsim;
 
@@ -236,18 +237,24 @@ KESTRIX_HOOK(int, fclose, (FILE * stream)) {
 // ---- Commands ------------------------------------------------------------------------------------------------------
 
 KESTRIX_HOOK(FILE*, popen, (const char* commandLine, const char* mode)) {
+    FILE* stream = nullptr;
+    bool ours = false;
     if (!Entry::inside()) {
         Entry entry;
-        if (Commands::owns(commandLine)) {
+        ours = Commands::owns(commandLine);
+        if (ours) {
             int error = 0;
-            FILE* stream = Commands::start(commandLine, mode, error);
+            stream = Commands::start(commandLine, mode, error);
             if (stream == nullptr) {
                 entry.fail(error);
             }
-            return stream;
         }
     }
-    return next::popen(commandLine, mode);
+    if (!ours) {
+        return next::popen(commandLine, mode);
+    }
+    PtpSocket::turn();  // the daemon may be another one now
+    return stream;
 }
 
 KESTRIX_HOOK(int, pclose, (FILE * stream)) {

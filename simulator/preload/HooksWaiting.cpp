@@ -14,6 +14,7 @@
 #include "simulator/preload/DescriptorTable.h"
 #include "simulator/preload/Entry.h"
 #include "simulator/preload/NextFunctions.h"
+#include "simulator/preload/PtpSocket.h"
 #include "simulator/preload/ServedTime.h"
 
 using namespace kestrixsim;
@@ -68,6 +69,15 @@ private:
     int64_t end_;
 };
 
+// Lets the PTP daemon answer what was sent to it. Whether more will come, to which the kernel wakes nobody by itself.
+bool daemonIsDue() {
+    if (!PtpSocket::active() || Entry::inside()) {
+        return false;
+    }
+    PtpSocket::turn();
+    return PtpSocket::pending();
+}
+
 bool anyServed(const pollfd* fds, nfds_t count) {
     if (DescriptorTable::count() == 0 || fds == nullptr) {
         return false;
@@ -91,6 +101,7 @@ int pollServed(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_
     for (int64_t wait = 0;; wait = std::min(slice(), deadline.left())) {
         const bool last = wait == 0 && deadline.left() == 0;
         const timespec pause{0, wait};
+        daemonIsDue();
         int ready = next::ppoll(others.get(), count, &pause, signals);
         if (ready < 0) {
             return -1;
@@ -160,6 +171,7 @@ int selectServed(int limit, const Sets& sets, const timespec* timeout, const sig
         const bool last = wait == 0 && deadline.left() == 0;
         fd_set result[3] = {others[0], others[1], others[2]};
         const timespec pause{0, wait};
+        daemonIsDue();
         int ready = next::pselect(limit, &result[0], &result[1], &result[2], &pause, signals);
         if (ready < 0) {
             return -1;
@@ -198,7 +210,7 @@ int selectServed(int limit, const Sets& sets, const timespec* timeout, const sig
 
 int pollMilliseconds(pollfd* fds, nfds_t count, int timeoutMs) {
     const timespec timeout{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
-    if (!anyServed(fds, count)) {
+    if (!daemonIsDue() && !anyServed(fds, count)) {
         return scaled() && timeoutMs > 0 ? next::ppoll(fds, count, Wait(&timeout).get(), nullptr)
                                          : next::poll(fds, count, timeoutMs);
     }
@@ -206,8 +218,9 @@ int pollMilliseconds(pollfd* fds, nfds_t count, int timeoutMs) {
 }
 
 int pollTime(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals) {
-    return anyServed(fds, count) ? pollServed(fds, count, timeout, signals)
-                                 : next::ppoll(fds, count, scaled() ? Wait(timeout).get() : timeout, signals);
+    return daemonIsDue() || anyServed(fds, count)
+               ? pollServed(fds, count, timeout, signals)
+               : next::ppoll(fds, count, scaled() ? Wait(timeout).get() : timeout, signals);
 }
 
 }  // namespace
@@ -241,7 +254,7 @@ KESTRIX_HOOK(int, select, (int limit, fd_set* readable, fd_set* writable, fd_set
     if (timeout != nullptr) {
         time = {timeout->tv_sec, timeout->tv_usec * 1000};
     }
-    if (!anyServed(limit, sets)) {
+    if (!daemonIsDue() && !anyServed(limit, sets)) {
         return scaled() && timeout != nullptr
                    ? next::pselect(limit, readable, writable, exceptional, Wait(&time).get(), nullptr)
                    : next::select(limit, readable, writable, exceptional, timeout);
@@ -258,7 +271,7 @@ KESTRIX_HOOK(int, pselect,
              (int limit, fd_set* readable, fd_set* writable, fd_set* exceptional, const timespec* timeout,
               const sigset_t* signals)) {
     const Sets sets{readable, writable, exceptional};
-    return anyServed(limit, sets) ? selectServed(limit, sets, timeout, signals, nullptr)
-                                  : next::pselect(limit, readable, writable, exceptional,
-                                                  scaled() ? Wait(timeout).get() : timeout, signals);
+    return daemonIsDue() || anyServed(limit, sets) ? selectServed(limit, sets, timeout, signals, nullptr)
+                                                   : next::pselect(limit, readable, writable, exceptional,
+                                                                   scaled() ? Wait(timeout).get() : timeout, signals);
 }

@@ -60,5 +60,14 @@ constinit Next<int(const char*, struct stat*)> lstat{"lstat"};
 constinit Next<int(int, const char*, struct stat*, int)> fstatat{"fstatat"};
 constinit Next<int(int, const char*, int, unsigned, struct statx*)> statx{"statx"};
 constinit Next<DIR*(const char*)> opendir{"opendir"};
+constinit Next<int(const char*)> unlink{"unlink"};
+constinit Next<int(const char*, mode_t)> chmod{"chmod"};
+constinit Next<int(int, const sockaddr*, socklen_t)> bind{"bind"};
+constinit Next<int(int, const sockaddr*, socklen_t)> connect{"connect"};
+constinit Next<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> sendto{"sendto"};
+constinit Next<ssize_t(int, const msghdr*, int)> sendmsg{"sendmsg"};
+constinit Next<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom{"recvfrom"};
+constinit Next<int(int, sockaddr*, socklen_t*)> getsockname{"getsockname"};
+constinit Next<int(int, sockaddr*, socklen_t*)> getpeername{"getpeername"};
 
 }  // namespace kestrixsim::next

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -67,5 +68,14 @@ extern Next<int(const char*, struct stat*)> lstat;
 extern Next<int(int, const char*, struct stat*, int)> fstatat;
 extern Next<int(int, const char*, int, unsigned, struct statx*)> statx;
 extern Next<DIR*(const char*)> opendir;
+extern Next<int(const char*)> unlink;
+extern Next<int(const char*, mode_t)> chmod;
+extern Next<int(int, const sockaddr*, socklen_t)> bind;
+extern Next<int(int, const sockaddr*, socklen_t)> connect;
+extern Next<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> sendto;
+extern Next<ssize_t(int, const msghdr*, int)> sendmsg;
+extern Next<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom;
+extern Next<int(int, sockaddr*, socklen_t*)> getsockname;
+extern Next<int(int, sockaddr*, socklen_t*)> getpeername;
 
 }  // namespace kestrixsim::next

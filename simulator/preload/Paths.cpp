@@ -60,7 +60,7 @@ Location::Location(const char* path) : path_(path) {
         flat = buffer_;
     }
     door_ = findDoor(flat);
-    if (door_.kind != DoorKind::Files) {
+    if (!files()) {
         return;
     }
     const std::string* root = runtime::root();

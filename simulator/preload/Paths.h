@@ -19,10 +19,11 @@ public:
 
     bool ordinary() const { return door_.kind == DoorKind::Ordinary; }
     bool absent() const { return door_.kind == DoorKind::Absent; }
-    bool device() const { return !ordinary() && !absent() && door_.kind != DoorKind::Files; }
-    bool files() const { return door_.kind == DoorKind::Files; }
+    bool socket() const { return door_.kind == DoorKind::Socket; }
+    bool device() const { return !ordinary() && !absent() && !files(); }
+    bool files() const { return door_.kind == DoorKind::Files || socket(); }
 
-    // Whether a plain file of the instrument is there.
+    // Whether a plain file or socket of the instrument is there.
     bool exists() const;
 
     // What to hand on: the path itself, or the one in the root folder. Not for devices and absent paths.

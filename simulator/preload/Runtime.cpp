@@ -19,6 +19,7 @@
 #include "simulator/preload/DescriptorTable.h"
 #include "simulator/preload/Entry.h"
 #include "simulator/preload/NextFunctions.h"
+#include "simulator/preload/PtpSocket.h"
 #include "simulator/preload/ServedTime.h"
 #include "simulator/preload/UartFile.h"
 
@@ -75,6 +76,7 @@ void afterForkInChild() {
         next::close(old->lock);  // the parent's lock ends with the parent
         kept().formerRoots.push_back(old);
     }
+    PtpSocket::abandon();
     mutex.unlock();
 }
 
@@ -192,6 +194,11 @@ Instrument* existing() {
     return current.load(std::memory_order_acquire);
 }
 
+const std::string* rootInPlace() {
+    Root* found = currentRoot.load(std::memory_order_acquire);
+    return found != nullptr ? &found->folder : nullptr;
+}
+
 const std::string* root() {
     if (Root* found = currentRoot.load(std::memory_order_acquire)) {
         return &found->folder;
@@ -260,6 +267,7 @@ Instrument& replace(Scenario scenario, std::unique_ptr<Instrument> (*make)(const
             runtime::kept().formerRoots.push_back(oldRoot);
         }
         UartFile::restorePort();
+        PtpSocket::abandon();
     }
     delete old;
     runtime::removeRoot(oldRoot);

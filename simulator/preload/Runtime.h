@@ -24,6 +24,9 @@ Instrument* existing();
 // The root folder; null if it cannot be made or the process is ending. Valid until the next reset().
 const std::string* root();
 
+// The same as far as it has been made, without making it; takes no lock.
+const std::string* rootInPlace();
+
 // False in a child of vfork, which runs on its parent's memory and must not change what we hold there.
 bool ownsProcess();
 
