@@ -400,6 +400,10 @@ void Instrument::crashPtpDaemon() {
     implementation_->ptp.crash();
 }
 
+void Instrument::hangPtpDaemon(bool on) {
+    implementation_->ptp.hang(on);
+}
+
 std::vector<std::vector<uint8_t>> Instrument::ptpRequests() const {
     return implementation_->ptp.requests();
 }

@@ -136,6 +136,7 @@ public:
     void setPtpNetwork(const PtpScenario& network);
     void restartPtpDaemon();                                // in the role that it has
     void crashPtpDaemon();                                  // its socket's name stays; until the next restart
+    void hangPtpDaemon(bool on);                            // it lives and reads nothing; until the next restart
     std::vector<std::vector<uint8_t>> ptpRequests() const;  // the last 64 datagrams that it was sent
 
     uint32_t registerWord(uint64_t physicalAddress) const;  // as the hardware has it now

@@ -114,6 +114,7 @@ PtpDaemon::PtpDaemon(const Clock& clock, Faults& faults, const PtpScenario& netw
 void PtpDaemon::begin(Role role) {
     role_ = role;
     crashed_ = false;
+    hung_ = false;
     ++incarnation_;
     since_ = clock_.seconds();
     replies_.clear();
@@ -135,6 +136,11 @@ void PtpDaemon::crash() {
     crashed_ = true;
 }
 
+void PtpDaemon::hang(bool on) {
+    const std::lock_guard lock(mutex_);
+    hung_ = on;
+}
+
 void PtpDaemon::setNetwork(const PtpScenario& network) {
     const std::lock_guard lock(mutex_);
     const bool comes = (network.linkUp && !network_.linkUp) || (network.masterPresent && !network_.masterPresent);
@@ -148,7 +154,7 @@ PtpSocketState PtpDaemon::socket() const {
     const std::lock_guard lock(mutex_);
     using Kind = PtpSocketState::Kind;
     const Kind kind = role_ == Role::Off ? Kind::Absent : crashed_ ? Kind::Stale : Kind::Open;
-    return {kind, incarnation_};
+    return {kind, hung_, incarnation_};
 }
 
 int PtpDaemon::portState(double now) const {

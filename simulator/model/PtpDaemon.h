@@ -21,6 +21,7 @@ struct PtpSocketState {
         Open,
     };
     Kind kind = Kind::Absent;
+    bool hung = false;         // nobody reads what comes in
     uint64_t incarnation = 0;  // changes with each daemon: what was queued for the last one is lost
 };
 
@@ -44,6 +45,7 @@ public:
     void start(const std::string& role);
     void restart();  // the same role
     void crash();    // until the next start
+    void hang(bool on);
     void setNetwork(const PtpScenario& network);
 
     PtpSocketState socket() const;
@@ -75,6 +77,7 @@ private:
     PtpScenario network_;
     Role role_ = Role::Off;
     bool crashed_ = false;
+    bool hung_ = false;
     uint64_t incarnation_ = 0;
     double since_ = 0.0;  // the port began anew
     std::vector<Reply> replies_;

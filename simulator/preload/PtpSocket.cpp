@@ -67,7 +67,7 @@ void follow(const PtpSocketState& wanted, const std::string& path) {
     }
 }
 
-void serve(Instrument& model) {
+void receive(Instrument& model) {
     std::array<uint8_t, 2048> bytes;
     sockaddr_un from{};
     while (socketFd >= 0) {
@@ -83,6 +83,9 @@ void serve(Instrument& model) {
         model.ptpReceive(std::string(reinterpret_cast<const char*>(&from), length), bytes.data(),
                          static_cast<size_t>(count));
     }
+}
+
+void send(Instrument& model) {
     for (const PtpDatagram& reply : model.ptpDue()) {
         // A client that has gone, or whose queue is full, misses it.
         next::sendto(socketFd, reply.bytes.data(), reply.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
@@ -109,8 +112,12 @@ void PtpSocket::turn() {
     if (root == nullptr) {
         return;
     }
-    follow(model.ptpSocket(), *root + "/var/run/ptp4l");
-    serve(model);
+    const PtpSocketState wanted = model.ptpSocket();
+    follow(wanted, *root + "/var/run/ptp4l");
+    if (!wanted.hung) {
+        receive(model);
+        send(model);
+    }
     isPending.store(socketFd >= 0 && model.ptpPending());
     isActive.store(socketFd >= 0);
 }

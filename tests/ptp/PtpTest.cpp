@@ -195,6 +195,23 @@ TEST_F(Ptp, WithoutADaemonEachQuestionTimesOut) {
     EXPECT_EQ(told(api.port_state()), "MASTER");
 }
 
+TEST_F(Ptp, ADaemonThatStandsStillHoldsNobodyUp) {
+    PTPApi api({});
+    instrument_.hangPtpDaemon(true);
+    const sockaddr_un daemon = addressOf(daemonPath);
+    const int other = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const auto fill = [&] {
+        return ::sendto(other, "", 0, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&daemon), sizeof daemon);
+    };
+    while (fill() == 0) {
+    }
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(told(api.port_state()), "timeout") << "and no wait for room in its queue";
+    instrument_.hangPtpDaemon(false);
+    EXPECT_EQ(told(api.port_state()), "SLAVE");
+    ::close(other);
+}
+
 // ---- Faults of the daemon ------------------------------------------------------------------------------------------
 
 TEST_F(Ptp, EachFaultIsOneErrorAndNoMore) {
