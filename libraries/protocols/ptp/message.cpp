@@ -103,7 +103,7 @@ Management readManagement(const uint8_t* wire) {
 
 // The TLVs between the management fields and the end of what arrived. Fewer bytes than a TLV's own head are padding.
 int readTlvs(ptp_message& message, size_t count) {
-    for (size_t at = managementSize; count - at >= tlvHeaderSize;) {
+    for (size_t at = managementSize; at + tlvHeaderSize <= count;) {
         const uint8_t* bytes = message.wire.data() + at;
         const uint16_t type = read16(bytes);
         const uint16_t length = read16(bytes + 2);
