@@ -228,6 +228,11 @@ bool AmplifierProperties::isAmplifierDefined() const {
     return getDeviceProperties().moduleType != 0;
 }
 
+bool AmplifierProperties::isScalingReported() const {
+    const std::lock_guard lock(recordMutex_);
+    return scalingReported_;
+}
+
 double AmplifierProperties::getDaqScale() const {
     const float scale = getDeviceProperties().scale;
     return std::isfinite(scale) ? scale : 1.0;
@@ -261,6 +266,8 @@ AmplifierProperties::Exchange AmplifierProperties::exchange(unsigned char code, 
     const std::lock_guard lock(*linkMutex_);
     LinkFailure& failure = result.failure;
     const int level = quiet ? 2 : 5;
+    bool settled = false;
+    int silences = 0;
     const auto unanswered = [&failure](const std::string& reason) {
         failure.mayBeDone = true;
         if (!failure.refused) {
@@ -271,6 +278,10 @@ AmplifierProperties::Exchange AmplifierProperties::exchange(unsigned char code, 
         int failureLevel = level;
         std::string failureText;
         try {
+            if (!settled) {
+                discardLateReplies();
+                settled = true;
+            }
             result.length = attempt(Payload(frame).first(payload.size() + 4), reply, timeoutMs);
             return result;
         } catch (const Refused& refusal) {
@@ -280,6 +291,7 @@ AmplifierProperties::Exchange AmplifierProperties::exchange(unsigned char code, 
             failure.reason = fmt::format("refused with status {}", refusal.status);
         } catch (const NoAnswer& silence) {
             failureText = silence.what();
+            ++silences;
             unanswered("no answer");
         } catch (const ReceiveOverflow& overflow) {
             failureLevel = 5;
@@ -291,8 +303,36 @@ AmplifierProperties::Exchange AmplifierProperties::exchange(unsigned char code, 
         }
         KESTRIX_LOG(failureLevel, "Amplifier index {} error: {} failed! Command {}!", index_, failureText, code);
     }
+    if (silences == maxAttempts) {
+        repliesAwaited_ = 0;  // nobody is there who could answer late
+    }
     KESTRIX_LOG(level, "Amplifier index {} retransmit error!", index_);
     return result;
+}
+
+// A reply says nothing of the command that it is for: one that comes late would be taken for the next command's, and so
+// on. One that has been lost costs as long as it could have come.
+void AmplifierProperties::discardLateReplies() {
+    if (repliesAwaited_ > 0) {
+        enableChannel();
+    }
+    ReceiveBuffer buffer{};
+    size_t total = 0;
+    while (repliesAwaited_ > 0 && now_() < awaitedUntil_) {
+        total += uart_->readData(buffer.data() + total, std::min(maxReadSize, buffer.size() - total));
+        for (size_t at = findFrame(buffer, total); at < total && repliesAwaited_ > 0; at = findFrame(buffer, total)) {
+            const size_t end = at + 3 + buffer[at + 1];
+            std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(end), buffer.end(), buffer.begin());
+            std::fill(buffer.end() - static_cast<std::ptrdiff_t>(end), buffer.end(), static_cast<unsigned char>(0));
+            total -= std::min(end, total);
+            --repliesAwaited_;
+        }
+        if (total >= buffer.size()) {
+            buffer.fill(0);
+            total = 0;
+        }
+    }
+    repliesAwaited_ = 0;
 }
 
 short AmplifierProperties::attempt(Payload frame, Reply reply, unsigned int timeoutMs) {
@@ -302,12 +342,16 @@ short AmplifierProperties::attempt(Payload frame, Reply reply, unsigned int time
 
     ReceiveBuffer buffer{};
     const auto start = now_();
+    const auto awaitedBefore = std::exchange(awaitedUntil_, start + 2 * std::chrono::milliseconds(timeoutMs));
+    ++repliesAwaited_;
     size_t total = 0;
     size_t readSize = maxReadSize;
     for (;;) {
         total += uart_->readData(buffer.data() + total, readSize);
         const size_t at = findFrame(buffer, total);
         if (at < total) {
+            --repliesAwaited_;
+            awaitedUntil_ = awaitedBefore;
             const unsigned char length = buffer[at + 1];
             const unsigned char status = buffer[at + 2];
             if (status != 0) {
@@ -631,6 +675,7 @@ bool AmplifierProperties::updateScaling() {
 std::optional<LinkFailure> AmplifierProperties::readScaling(float& scale, float& offset) {
     std::optional<LinkFailure> result;
     std::array<float, 2> numbers{1.0f, 0.0f};
+    bool reported = true;
     for (size_t i = 0; i < numbers.size(); ++i) {
         const CommandRow& row = rowOf(i == 0 ? Command::ReadScale : Command::ReadOffset);
         std::array<unsigned char, sizeof(float)> number{};
@@ -640,12 +685,16 @@ std::optional<LinkFailure> AmplifierProperties::readScaling(float& scale, float&
         }
         if (one.length > static_cast<short>(number.size())) {
             std::memcpy(&numbers[i], number.data(), number.size());
+        } else {
+            reported = false;
         }
     }
     if (!result) {
         const bool usable = std::isfinite(numbers[0]) && std::isfinite(numbers[1]);
         scale = usable ? numbers[0] : 1.0f;
         offset = usable ? numbers[1] : 0.0f;
+        const std::lock_guard recordLock(recordMutex_);
+        scalingReported_ = usable && reported;
     }
     return result;
 }

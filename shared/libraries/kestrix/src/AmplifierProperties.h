@@ -39,7 +39,9 @@ public:
 //
 // Locking: every access to a record locks the records' mutex, which nobody holds while he waits. An exchange (select,
 // request, reply) holds the link's mutex, which all modules of the port share, so operations may come from any thread
-// and wait for each other: up to 3 attempts of timeout plus 0.2 s each. The accessors never wait for an exchange.
+// and wait for each other: up to 3 attempts of timeout plus 0.2 s each, after an exchange with an attempt that went
+// unanswered up to that one's time-out more, so that a late reply isn't taken for another command's. The accessors
+// never wait for an exchange.
 //
 // An exchange that can't be completed gives -1. Only the `set` family throws: SettingFailure with the name of what
 // could not be set. The std::logic_error of a multiplexer that doesn't take a channel passes through everything.
@@ -101,6 +103,8 @@ public:
     std::optional<AmplifierRecord> getSettingsInForce() const;
     // From the device copy.
     bool isAmplifierDefined() const;
+    // Whether the numbers that were read last are the module's own, and no stand-in for what was none.
+    bool isScalingReported() const;
     double getDaqScale() const;   // 1 when the module reported no finite number
     double getDaqOffset() const;  // offset * scale / 1000; 0 when the module reported no finite number
 
@@ -229,6 +233,7 @@ private:
     short set(const Setting<T>& setting, const T& value);
     Exchange exchange(unsigned char code, Payload payload, Reply reply, unsigned int timeoutMs, bool quiet);
     short attempt(Payload frame, Reply reply, unsigned int timeoutMs);
+    void discardLateReplies();
     // A command by its row of the table, with one least length in the place of the row's.
     short run(AmplifierCommands::Command command, Payload payload = {}, Reply reply = {}, short leastLength = 0);
     template <typename T>
@@ -244,9 +249,13 @@ private:
     AmplifierRecord requested_;
     AmplifierRecord staged_;
     std::optional<AmplifierRecord> inForce_;
+    bool scalingReported_ = true;
     int index_;
     std::shared_ptr<std::recursive_mutex> linkMutex_;
     std::function<TimePoint()> now_;
+    // Of requests that went without a reply, and how long it may still come; the link's mutex guards them.
+    int repliesAwaited_ = 0;
+    TimePoint awaitedUntil_;
 };
 
 }  // namespace Harvane::Shared::Kestrix

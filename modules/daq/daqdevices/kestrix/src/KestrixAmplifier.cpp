@@ -10,6 +10,14 @@
 
 namespace Harvane::RT::Modules::Daq {
 
+namespace {
+
+std::optional<AmplifierFailure> failureOf(const std::string& step, const std::string& reason) {
+    return AmplifierFailure{step, reason, std::chrono::system_clock::now()};
+}
+
+}  // namespace
+
 KestrixAmplifier::KestrixAmplifier(std::shared_ptr<Shared::Kestrix::AmplifierProperties> properties)
     : properties_(std::move(properties)) {}
 
@@ -108,7 +116,7 @@ bool KestrixAmplifier::update() {
     // A round that only succeeds with what was gone back to is no answer to what was asked for.
     if (fallback_ != request) {
         fallback_.reset();
-        setFailure(std::nullopt);
+        setFailure(properties_->isScalingReported() ? std::nullopt : failureOf("Scaling", "not a number"));
     }
     return true;
 }
@@ -119,7 +127,7 @@ bool KestrixAmplifier::fail(const Request& request, const std::string& step,
                             const Shared::Kestrix::LinkFailure& failure) {
     properties_->dropStaged();
     if (fallback_ != request) {
-        setFailure(AmplifierFailure{step, failure.reason, std::chrono::system_clock::now()});
+        setFailure(failureOf(step, failure.reason));
     }
     const auto inForce = taken();
     if (failure.refused && inForce) {

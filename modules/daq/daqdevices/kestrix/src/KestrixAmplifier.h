@@ -27,7 +27,8 @@ public:
     //
     // What the module refuses is taken back: the settings become those that it took last, as a whole. Without an
     // answer, or when the bus fails, the request stays and the next update sends it again, all of it. A multiplexer
-    // that is stuck passes on as std::logic_error, and the request stays. True without a module.
+    // that is stuck passes on as std::logic_error, and the request stays. True without a module, and for one that has
+    // no numbers for its calibration: its settings are in force, but the failure says what the scale is not.
     bool update() override;
 
     int getModuleType() override;
