@@ -105,13 +105,18 @@ AmplifierState amplifierState(const ChannelPtr<>& channel) {
     return {textOf(channel, settingsName), textOf(channel, failureName)};
 }
 
-std::vector<AmplifierRefusal> amplifierRefusals(const std::vector<ChannelEntry>& channels) {
+std::vector<AmplifierRefusal> amplifierRefusals(const std::vector<ChannelEntry>& channels,
+                                                const std::vector<AmplifierRefusal>& earlier) {
     std::vector<AmplifierRefusal> refusals;
     std::set<std::string> seen;
     for (const auto& entry : channels) {
         const std::string reason = amplifierState(entry.channel).failure;
         if (!reason.empty() && seen.insert(parentOf(entry.path)).second) {
-            refusals.push_back({moduleOf(entry.path), "", reason});
+            const std::string module = moduleOf(entry.path);
+            const auto known = std::find_if(earlier.begin(), earlier.end(), [&](const AmplifierRefusal& other) {
+                return other.module == module && other.reason == reason;
+            });
+            refusals.push_back({module, known == earlier.end() ? "" : known->asked, reason});
         }
     }
     return refusals;
@@ -141,6 +146,10 @@ std::vector<AmplifierRefusal> updateAmplifiers(const HostTree& tree, const std::
         }
         const auto wanted = shownSettings(entry.channel);
         updateAmplifier(entry.channel, false);
+        // What got no answer is still asked for; what was refused has been taken back.
+        if (!amplifierState(entry.channel).failure.empty() && shownSettings(entry.channel) == wanted) {
+            updateAmplifier(entry.channel, false);
+        }
         const auto taken = shownSettings(entry.channel);
         std::string& text = asked[moduleOf(entry.path)];
         for (const auto& [name, value] : wanted) {

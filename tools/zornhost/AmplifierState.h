@@ -40,13 +40,15 @@ std::string withUnit(const std::string& text, const std::string& unit);
 
 // Of the channel itself.
 AmplifierState amplifierState(const Harvane::RT::Core::ChannelPtr<>& channel);
-// Of the amplifiers behind these channels, each once, without what was asked for.
-std::vector<AmplifierRefusal> amplifierRefusals(const std::vector<ChannelEntry>& channels);
+// Of the amplifiers behind these channels, each once, as they stand now. `earlier` says what was asked for; one of them
+// that a later round has put in force is none any more.
+std::vector<AmplifierRefusal> amplifierRefusals(const std::vector<ChannelEntry>& channels,
+                                                const std::vector<AmplifierRefusal>& earlier = {});
 // Lets an amplifier take what its channel's properties ask for. With `adjustFilter` the high-pass filter goes back to
 // its default where its choices have changed. Raises what the module refuses in whole, and std::runtime_error for a
 // channel that shows no amplifier.
 void updateAmplifier(const Harvane::RT::Core::ChannelPtr<>& channel, bool adjustFilter);
-// The same for all amplifiers behind these channels, and what they did not take.
+// The same for all amplifiers behind these channels, once more where no answer came, and what they did not take.
 std::vector<AmplifierRefusal> updateAmplifiers(const HostTree& tree, const std::vector<ChannelEntry>& channels);
 // The folder of a channel's path, or of a folder's; and its name, which is the module's.
 std::string parentOf(const std::string& path);

@@ -482,7 +482,7 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
                                               session.host().moduleVersion()));
 
     session.start();
-    checkAmplifiers(amplifierRefusals(channels));
+    checkAmplifiers(amplifierRefusals(channels, refusals));
     long startUs = -1;
     if (const auto absTime = session.host().absTimeProvider()) {
         absTime->getStartAbsTime(&startUs);
@@ -604,9 +604,10 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     applyRate(session, output, options.rate);
     const auto channels = chooseChannels(session, output, options.channels);
     std::set<std::string> told;
-    tellRefusals(output, updateAmplifiers(session.tree(), channels), told);
+    const auto refusals = updateAmplifiers(session.tree(), channels);
     session.prepare();
     session.start();
+    tellRefusals(output, amplifierRefusals(channels, refusals), told);
     std::vector<Watched> watched;
     for (const auto& entry : channels) {
         RingReader reader(entry.channel, session.host().scheduler());
@@ -650,9 +651,10 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
                                               {"fill", channel.fill},
                                               {"lost", channel.lost}});
         }
-        tellRefusals(output, amplifierRefusals(channels), told);
+        const auto standing = amplifierRefusals(channels, refusals);
+        tellRefusals(output, standing, told);
         if (json) {
-            report["refusedSettings"] = refusalsJson(amplifierRefusals(channels));
+            report["refusedSettings"] = refusalsJson(standing);
             output.line(jsonText(report));
         } else {
             output.data((output.dataIsTerminal() ? "\x1b[H\x1b[J" : "") + fmt::format("{:.1f} s\n", elapsedS) +

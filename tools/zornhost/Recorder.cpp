@@ -204,7 +204,6 @@ void Recorder::start(int64_t startTimeUs) {
         stream->report.sampleRate = stream->info.sampleRate;
         stream->flushed = stream->report;
     }
-    report_.refusals = options_.refusals;
     noteRefusals();
     sink_->setStartTime(startTimeUs);
     sink_->flush();
@@ -348,7 +347,7 @@ void Recorder::noteRefusals() {
     for (const auto& stream : streams_) {
         channels.push_back(stream->entry);
     }
-    for (auto& refusal : amplifierRefusals(channels)) {
+    for (auto& refusal : amplifierRefusals(channels, options_.refusals)) {
         const auto same = [&](const AmplifierRefusal& known) { return known.module == refusal.module; };
         if (std::none_of(report_.refusals.begin(), report_.refusals.end(), same)) {
             report_.refusals.push_back(std::move(refusal));

@@ -71,7 +71,7 @@ public:
     struct Options {
         std::string file;
         int flushMs = 500;                         // a recording that is killed is readable up to the last flush
-        std::vector<AmplifierRefusal> refusals{};  // known before it starts; others are asked for
+        std::vector<AmplifierRefusal> refusals{};  // what was asked for in those that stand when it starts
     };
 
     // Before the acquisition starts, once the module has been initialized. Takes the channels that are in use. Raises

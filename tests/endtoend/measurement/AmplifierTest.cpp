@@ -4,10 +4,13 @@
 #include <complex>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <numbers>
+#include <utility>
 
 #include "tests/endtoend/measurement/Bench.h"
 #include "tools/zornhost/AmplifierCommands.h"
+#include "tools/zornhost/Commands.h"
 #include "tools/zornhost/DefinitionCheck.h"
 
 // An amplifier as a user sees it: settings in the host, frames on the wire, values back, samples in physical units.
@@ -264,6 +267,192 @@ TEST(AmplifierRoad, FramesOnTheWireForEachDefinition) {
         EXPECT_TRUE(atStart[i] == "67" || atStart[i] == "FA" || atStart[i] == "FB") << atStart[i];
     }
     EXPECT_EQ(bench.channel(voltage).getMaxValue(), 1.0);
+}
+
+namespace {
+
+// What goes wrong while an amplifier is asked for something new, and what is so right after a first round of it.
+struct Trouble {
+    const char* name;
+    std::vector<Fault> faults;
+    bool refused;         // what was in force stays; otherwise the next round brings the request
+    const char* failure;  // the end of it after the first round; "": none
+    bool stops = false;   // the round ends with an exception
+};
+
+const Trouble troubles[] = {
+    {"setting refused",
+     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC}},
+     true,
+     "Range: refused with status 3"},
+    {"update refused",
+     {{.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67}},
+     true,
+     "Update: refused with status 7"},
+    {"scale refused",
+     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFA}},
+     false,
+     "Scaling: refused with status 3"},
+    {"offset is no number", {{.kind = FaultKind::AmplifierNan, .command = 0xFB}}, false, "Scaling: not a number"},
+    {"bus error", {{.kind = FaultKind::MuxError}}, false, "Selection: bus error: Input/output error"},
+    {"port error", {{.kind = FaultKind::UartRead, .times = 3}}, false, ": bus error: Error: read() failed."},
+    {"stuck multiplexer",
+     {{.kind = FaultKind::MuxReadsBack, .times = 32}},
+     false,
+     "Selection: bus error: unable to set amplifiers UART mux",
+     true},
+    {"no answer", {{.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}}, false, "Range: no answer"},
+    {"answer lost", {{.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67}}, false, "Update: no answer"},
+    {"late answer", {{.kind = FaultKind::AmplifierLate, .code = 607, .command = 0x67}}, false, ""},
+    // The answer to the range must not be taken for that to the update.
+    {"late answer, update refused",
+     {{.kind = FaultKind::AmplifierLate, .code = 203, .command = 0xBC},
+      {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = -1, .command = 0x67}},
+     true,
+     "Update: refused with status 7"},
+};
+
+// What a recording says of itself.
+struct Said {
+    bool good = false;
+    std::string verdict;
+    std::string refused;  // "" or what an amplifier has not taken
+};
+
+}  // namespace
+
+// Whatever goes wrong, and whenever: the properties, the amplifier, the samples, the file and the verdict tell one
+// story, at once or after the next undisturbed round.
+TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
+    struct Request {
+        int64_t measurement;
+        int64_t range;
+        double full;
+        const char* unit;
+        const char* inForce;
+    };
+    constexpr Request before{1, 0, 10.0, "V", "Measurement: Voltage; Range: 10 V;"};
+    constexpr Request requests[] = {{1, 1, 1.0, "V", "Measurement: Voltage; Range: 1 V;"},
+                                    {0, 3, 1.0, "mV/V", "Measurement: Bridge; Range: 1 mV/V;"}};
+    enum class By { Update, Command, Start };  // UpdateAmplifier; the command `record`; a start of any other host
+    constexpr double played = 0.8;             // in the unit of what is in force
+    Amplified bench(with({plugged(0, AmplifierKind::Bridge, constant(played))}));
+    auto channel = bench.channel(0);
+    const auto ask = [&](const Request& request) {
+        channel.setPropertyValue("Measurement", request.measurement);
+        channel.setPropertyValue("Range", request.range);
+    };
+    const auto expectInForce = [&](const Request& expected) {
+        const auto state = bench.instrument().amplifierState(0);
+        EXPECT_EQ(state.measurement, expected.measurement);
+        EXPECT_EQ(state.range, expected.range);
+        EXPECT_EQ(bench.number(0, "Measurement"), expected.measurement);
+        EXPECT_EQ(bench.number(0, "Range"), expected.range);
+        EXPECT_TRUE(channel.getPropertyValue<std::string>("SettingsInForce").starts_with(expected.inForce));
+    };
+    const auto recorded = [&](By by) -> Said {
+        if (by == By::Start) {
+            const auto report = bench.record("run.h5", 0.25);
+            return {report.good(), report.verdict(), report.refusals.empty() ? "" : report.refusals[0].text()};
+        }
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        zornhost::RecordOptions options;
+        options.file = bench.file("run.h5");
+        options.durationS = 0.25;
+        int exitCode = -1;
+        std::string thrown;
+        try {
+            zornhost::Output output;
+            exitCode = zornhost::record(bench.session(), output, true, options);
+        } catch (const std::exception& failure) {
+            thrown = failure.what();
+        }
+        const std::string words = testing::internal::GetCapturedStderr();
+        const auto json = nlohmann::json::parse(testing::internal::GetCapturedStdout(), nullptr, false);
+        if (!thrown.empty()) {
+            throw std::runtime_error(thrown);
+        }
+        Said said{exitCode == 0, json["verdict"], ""};
+        EXPECT_EQ(json["good"], said.good);
+        for (const auto& refusal : json["refusedSettings"]) {
+            said.refused += std::string(refusal["asked"]) + ": " + std::string(refusal["reason"]);
+        }
+        EXPECT_EQ(words.find("the amplifier has not taken all settings: " + said.refused) != std::string::npos,
+                  !said.refused.empty())
+            << words;
+        return said;
+    };
+    for (const Trouble& trouble : troubles) {
+        for (const Request& request : requests) {
+            for (const By by : {By::Update, By::Command, By::Start}) {
+                SCOPED_TRACE(std::string(trouble.name) + (request.measurement == 1 ? "" : ", other measurement") +
+                             (by == By::Update ? ", update" : (by == By::Command ? ", record" : ", start")));
+                ask(before);
+                ASSERT_EQ(bench.update(0), Errors::Success);
+                expectInForce(before);
+                EXPECT_EQ(channel.getPropertyValue<std::string>("AmplifierFailure"), "");
+
+                ask(request);
+                for (const Fault& fault : trouble.faults) {
+                    bench.instrument().inject(fault);
+                }
+                if (by == By::Update) {
+                    EXPECT_EQ(failed(bench.update(0)), trouble.stops);
+                    const auto failure = channel.getPropertyValue<std::string>("AmplifierFailure");
+                    EXPECT_TRUE(failure.ends_with(trouble.failure)) << failure;
+                    EXPECT_EQ(failure.empty(), *trouble.failure == 0) << failure;
+                    // Nothing is called in force that isn't.
+                    const auto state = bench.instrument().amplifierState(0);
+                    const auto shown = channel.getPropertyValue<std::string>("SettingsInForce");
+                    const bool applied = state.range == request.range;
+                    EXPECT_EQ(shown.empty(), failure == "Update: no answer");
+                    EXPECT_TRUE(shown.empty() || shown.starts_with((applied ? request : before).inForce)) << shown;
+                    EXPECT_EQ(bench.number(0, "Range"), trouble.refused ? before.range : request.range);
+                    bench.instrument().clearFaults();
+                }
+                Said said;
+                try {
+                    said = recorded(by == By::Update ? By::Command : by);
+                } catch (const std::exception& failure) {
+                    EXPECT_TRUE(trouble.stops && by != By::Update) << failure.what();
+                    EXPECT_NE(std::string(failure.what()).find("mux"), std::string::npos) << failure.what();
+                    bench.instrument().clearFaults();
+                    said = recorded(by);
+                }
+                bench.instrument().clearFaults();
+                const Request& end = trouble.refused ? before : request;
+                expectInForce(end);
+                // A refusal that came before the recording was shown then; what is recorded now is as it is shown.
+                const bool refused = trouble.refused && by != By::Update;
+                EXPECT_EQ(said.good, !refused) << said.verdict;
+                EXPECT_EQ(said.refused.empty(), !refused) << said.refused;
+                const RecordingReader file(bench.file("run.h5"));
+                const auto state = bench.instrument().amplifierState(0);
+                for (const bool filtered : {false, true}) {
+                    const auto path = channelPath(0, filtered);
+                    EXPECT_TRUE(file.text(path, "settings_in_force").starts_with(end.inForce));
+                    EXPECT_EQ(file.text(path, "settings_refused"), said.refused);
+                    EXPECT_EQ(file.text(path, "unit"), end.unit);
+                    EXPECT_EQ(file.number(path, "range_max"), end.full);
+                    const double quantum = 2.0 * end.full / (filtered ? 4294967296.0 : 65536.0);
+                    EXPECT_NEAR(file.number(path, "scale") / quantum, state.scale, 1e-9);
+                    EXPECT_NEAR(file.number(path, "offset"), state.offset * state.scale / 1000.0, 1e-9);
+                    const double mean =
+                        filtered ? sineOf<int32_t>(file, path, 100.0).mean : sineOf<int16_t>(file, path, 100.0).mean;
+                    EXPECT_NEAR(mean, played, 0.001 * played);
+                }
+                if (refused) {
+                    EXPECT_NE(said.refused.find(trouble.failure), std::string::npos) << said.refused;
+                    EXPECT_NE(said.verdict.find("SETTINGS NOT TAKEN: AI 1: " + said.refused), std::string::npos);
+                    EXPECT_EQ(
+                        by == By::Command,
+                        said.refused.find(request.measurement == 1 ? "Range 1 V" : "Range 1 mV/V") != std::string::npos)
+                        << said.refused;
+                }
+            }
+        }
+    }
 }
 
 // The amplifier is asked anew while samples come: the file keeps what was in force when it began, and says the rest.
