@@ -669,7 +669,16 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     if (reports > 0) {
         output.message(fmt::format("zornhost: the module reported lost data {} times", reports));
     }
-    return lost == 0 && reports == 0 && told.empty() ? 0 : 1;
+    std::vector<std::string> silent;
+    for (const auto& channel : watched) {
+        if (channel.reader.acquired() == 0) {
+            silent.push_back(channel.entry.label);
+        }
+    }
+    if (!silent.empty()) {
+        output.message(fmt::format("zornhost: nothing came of {}", fmt::join(silent, ", ")));
+    }
+    return lost == 0 && reports == 0 && told.empty() && silent.empty() ? 0 : 1;
 }
 
 namespace {

@@ -302,6 +302,7 @@ TEST(Zornhost, LockFilesThatCannotBeSayWhatToDo) {
 }
 
 // However short it was, with a file or without one: what brought nothing is no good recording.
+// Nor is a look at it.
 TEST(Zornhost, RecordingThatTookNothingFails) {
     const Folder folder;
     const std::string stall = R"({"kind": "dmaStall", "target": 0, "times": -1})";
@@ -325,6 +326,9 @@ TEST(Zornhost, RecordingThatTookNothingFails) {
         EXPECT_NE(plain.out.find("NOTHING CAME of 1 channel"), std::string::npos) << plain.out;
     }
     EXPECT_NE(RecordingReader(folder.path("run.h5")).text("", "verdict").find("NOTHING CAME"), std::string::npos);
+    const auto watched = zornhost({"monitor", "-d", "0.4", "--interval", "0.2", "--channel", "AI 1/*"}, stall);
+    EXPECT_EQ(watched.exitCode, 1) << watched.out;
+    EXPECT_TRUE(watched.err.ends_with("zornhost: nothing came of AI 1/Raw input\n")) << watched.err;
 }
 
 // What the module refuses is said once, in its words, and nothing else looks like a result.
