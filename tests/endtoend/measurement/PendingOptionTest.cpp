@@ -34,16 +34,12 @@ Json synchronizationIn(const std::string& list) {
 
 }  // namespace
 
-// A run uses the option that was applied. One that was chosen since waits, and whoever looks is told.
+// A run uses the option that was applied, from the beginning on. One that was chosen since waits, and whoever looks is
+// told.
 TEST(PendingOption, IsShownWhereTheChoiceIs) {
     Bench bench(Scenario::counters(1));
     auto& session = bench.session();
     session.open();
-    session.prepare();
-    const auto& module = session.host().dataModule();
-    if (!module.hasProperty("AppliedSynchronization")) {
-        module.setPropertyValue("AppliedSynchronization", module.getPropertyValue<BasePtr>("Synchronization"));
-    }
     const Json applied = Json::array({1, Json::array()});
     const Json chosen = Json::array({14, Json::array()});
     const std::string note = "[14, []] (from the next start on; in force: [1, []])";
