@@ -725,10 +725,10 @@ int run(int argc, char** argv) {
     auto* simulate =
         app.add_option("--simulate", scenario, "Run on the simulated instrument, with a scenario file if one is named")
             ->expected(0, 1);
-    app.add_option(
-           "--log", session.logLevel,
-           "Lowest level of log messages on the standard error: verbose, debug, info, warning, error, fatal, off")
-        ->capture_default_str();
+    auto* log = app.add_option("--log", session.logLevel,
+                               "Lowest level of log messages on the standard error, where what the module prints then "
+                               "stands too: verbose, debug, info, warning, error, fatal, off")
+                    ->capture_default_str();
     app.add_option("--log-file", session.logFile,
                    "Also write log messages (info and above, or --log if lower) into this file");
     app.add_option("--set", session.settings, "PATH=VALUE: set a property before the command runs (may be repeated)")
@@ -820,7 +820,7 @@ int run(int argc, char** argv) {
     occupyStandardDescriptors();
     try {
         if (amplifier.checks()) {
-            Output output;
+            Output output(false);
             return amplifier.runCheck(output, session.json);
         }
         ensureSimulation(session, argv);
@@ -829,7 +829,7 @@ int run(int argc, char** argv) {
         if (lockOption->count() > 0 || !runsOnSimulation()) {
             lock.emplace(lockFile, commandLine(argc, argv));
         }
-        Output output;
+        Output output(log->count() > 0);
         Session live(session);
         live.open();
         int result = 0;

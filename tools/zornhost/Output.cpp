@@ -1,5 +1,6 @@
 #include "tools/zornhost/Output.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -30,14 +31,18 @@ std::string oneLine(std::string text) {
     return text;
 }
 
-Output::Output() {
+Output::Output(bool modulePrints) {
     std::fflush(stdout);
     const int kept = ::dup(STDOUT_FILENO);
     data_ = kept >= 0 ? ::fdopen(kept, "w") : nullptr;
     dataIsTerminal_ = kept >= 0 && ::isatty(kept) != 0;
     progressIsTerminal_ = ::isatty(STDERR_FILENO) != 0;
     if (data_ != nullptr) {
-        ::dup2(STDERR_FILENO, STDOUT_FILENO);
+        const int nothing = modulePrints ? -1 : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        ::dup2(nothing >= 0 ? nothing : STDERR_FILENO, STDOUT_FILENO);
+        if (nothing >= 0) {
+            ::close(nothing);
+        }
         // What the module prints stands among the log's lines in its order, also in a pipe.
         std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     } else {

@@ -8,11 +8,12 @@
 namespace zornhost {
 
 // Where a person or a pipe reads. Data goes to the standard output, everything else to the standard error. The module
-// prints identity lines with printf; so that they don't get into the data, descriptor 1 is the standard error while the
-// program runs and the real standard output is kept here.
+// prints with printf what it finds and what its clock does at each pulse; so that this doesn't get into the data, the
+// real standard output is kept here while the program runs, and descriptor 1 is the standard error, or nothing.
 class Output {
 public:
-    Output();
+    // `modulePrints`: whether what the module prints is shown, on the standard error.
+    explicit Output(bool modulePrints = true);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;

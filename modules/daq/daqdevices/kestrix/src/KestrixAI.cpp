@@ -14,6 +14,7 @@
 #include "modules/daq/daqdevices/kestrix/src/DspControl.h"
 #include "modules/daq/daqdevices/kestrix/src/FirstFailure.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
+#include "modules/daq/daqdevices/kestrix/src/KestrixDaqTiming.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixKernel.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -409,11 +410,22 @@ void KestrixAI::startAcquisition(bool recursive) {
     AIDevice::startAcquisition(recursive);
     const auto device = getParent<DaqDevice>();
     run_->switchConvertersOn(simulationMode, !device || device->appliedSynchronization.isOnlyStandalone());
+    if (const auto timing = getTiming()) {
+        timing->startTransfer();
+    }
+}
+
+std::shared_ptr<KestrixDaqTiming> KestrixAI::getTiming() const {
+    const auto device = getParent<DaqDevice>();
+    return device ? std::dynamic_pointer_cast<KestrixDaqTiming>(device->daqTiming) : nullptr;
 }
 
 void KestrixAI::stopAcquisition(bool recursive) {
     FirstFailure failure;
     failure.attempt("Stop", [&] { AIDevice::stopAcquisition(recursive); });
+    if (const auto timing = getTiming()) {
+        failure.attempt("Start trigger", [&] { timing->stopTransfer(); });
+    }
     if (run_) {
         failure.attempt("Converters", [this] { run_->switchConvertersOff(); });
     }

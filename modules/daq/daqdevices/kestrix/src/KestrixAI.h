@@ -20,6 +20,7 @@ class GlobalControlRegister;
 namespace Harvane::RT::Modules::Daq {
 
 class FirstFailure;
+class KestrixDaqTiming;
 class KestrixDevice;
 
 // The analog path of the instrument. A module is one amplifier slot with two channels: 2m, the raw stream (16 bits, an
@@ -90,6 +91,7 @@ private:
     void setClockOfNobody();
     void readAmplifiers(const std::vector<bool>& expected, FirstFailure& failure);
     void restoreAmplifiers();
+    std::shared_ptr<KestrixDaqTiming> getTiming() const;
     bool isClockKnown();
     void requireClock();
     void adoptClock();

@@ -3,6 +3,8 @@
 #include "libraries/devices/embedded/I2cRegisterAccess.h"
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
+#include "modules/daq/daqdevices/kestrix/src/KestrixDaqClock.h"
+#include "modules/daq/daqdevices/kestrix/src/KestrixDaqTiming.h"
 #include "modules/daq/daqdevices/kestrix/src/LedBase.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
@@ -62,12 +64,26 @@ SynchronizationOptions KestrixDevice::getSynchronizationOptions() {
     return options;
 }
 
-bool KestrixDevice::ioctl(int command, const std::string& argument, std::string& /*result*/) {
+bool KestrixDevice::ioctl(int command, const std::string& argument, std::string& result) {
     KESTRIX_LOG(2, "IOCtl called cmd: {}, arg: {}", command, argument);
     if (command == 1 && aiDevice) {
         aiDevice->usbMode = argument == "On";
+    } else if (const auto timing = getKestrixTiming(); timing && command == 2) {
+        result = timing->getDeviceClockUuid();
+    } else if (timing && command == 3) {
+        result = timing->getGrandmasterClockUuid();
     }
     return true;
+}
+
+std::shared_ptr<DaqClock> KestrixDevice::createDaqClock() {
+    return std::make_shared<KestrixDaqClock>(memoryAccess_);
+}
+
+std::shared_ptr<DaqTiming> KestrixDevice::createDaqTiming() {
+    const auto timing = std::make_shared<KestrixDaqTiming>(memoryAccess_, i2cAccess_);
+    kestrixTiming_ = timing;
+    return timing;
 }
 
 std::shared_ptr<AIDevice> KestrixDevice::createAIDevice() {
@@ -78,6 +94,10 @@ std::shared_ptr<AIDevice> KestrixDevice::createAIDevice() {
 
 void KestrixDevice::onBaseClockChanged() {
     maxRate = static_cast<int>(RegistersAddress::baseClock);
+    // The timing core counts by it.
+    if (const auto timing = getKestrixTiming()) {
+        timing->clearPreviousSynchronization();
+    }
 }
 
 }  // namespace Harvane::RT::Modules::Daq

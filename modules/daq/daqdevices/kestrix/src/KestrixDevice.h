@@ -13,6 +13,8 @@ class MmapRegisterAccess;
 
 namespace Harvane::RT::Modules::Daq {
 
+class KestrixDaqTiming;
+
 // The instrument: owns the access to all its registers, knows its identity and makes its parts.
 class KestrixDevice : public DaqDevice {
 public:
@@ -23,11 +25,15 @@ public:
     void startAcquisition(bool recursive) override;
     SynchronizationOptions getSynchronizationOptions() override;
 
-    // Commands of the host's tools: 1 switches the USB mode of the analog inputs by "On" or anything else. Between
-    // acquisitions only. Always true.
+    // Commands of the host's tools: 1 switches the USB mode of the analog inputs by "On" or anything else, between
+    // acquisitions only; 2 and 3 tell the PTP identity of this clock and of its grandmaster, empty while unknown.
+    // Always true.
     bool ioctl(int command, const std::string& argument, std::string& result) override;
 
+    std::shared_ptr<DaqClock> createDaqClock() override;
+    std::shared_ptr<DaqTiming> createDaqTiming() override;
     std::shared_ptr<AIDevice> createAIDevice() override;
+    std::shared_ptr<KestrixDaqTiming> getKestrixTiming() const { return kestrixTiming_.lock(); }
 
     // The base clock of the analog inputs is known or has changed.
     void onBaseClockChanged();
@@ -38,6 +44,7 @@ private:
     const std::shared_ptr<ZornLib::Devices::Embedded::MmapRegisterAccess> memoryAccess_;
     const std::shared_ptr<ZornLib::Devices::Embedded::I2cRegisterAccess> i2cAccess_;
     const BoardIdentity identity_;
+    std::weak_ptr<KestrixDaqTiming> kestrixTiming_;
 };
 
 }  // namespace Harvane::RT::Modules::Daq
