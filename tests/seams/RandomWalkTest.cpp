@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -288,14 +290,17 @@ private:
         Fault fault;
         // Of those that cost the module seconds of waiting one at a time.
         const bool slow = chance(10);
-        fault.kind =
-            slow
-                ? oneOf({AmplifierSilent, AmplifierHalfFrame, ClearNever, PllBusy})
-                : oneOf(
-                      {MemMap,       MemMap,    MemMap,       MemOpen,  DmaOpen,       DmaIoctl,     DmaIoctl,
-                       DmaIoctl,     DmaRead,   DmaShortRead, DmaStall, ScriptRefuses, ScriptSilent, ScriptFails,
-                       MuxError,     MuxAgain,  MuxReadsBack, I2cSlave, UartRead,      UartWrite,    AmplifierBadStatus,
-                       AmplifierNan, ClearLate, SysfsMissing});
+        fault.kind = slow ? oneOf({AmplifierSilent, AmplifierHalfFrame, ClearNever, PllBusy})
+                          : oneOf({MemMap,       MemMap,          MemMap,
+                                   MemOpen,      DmaOpen,         DmaIoctl,
+                                   DmaIoctl,     DmaIoctl,        DmaRead,
+                                   DmaShortRead, DmaStall,        ScriptRefuses,
+                                   ScriptSilent, ScriptFails,     MuxError,
+                                   MuxAgain,     MuxReadsBack,    I2cSlave,
+                                   UartRead,     UartWrite,       AmplifierBadStatus,
+                                   AmplifierNan, ClearLate,       SysfsMissing,
+                                   TimingRead,   TimingSilent,    TimingShortRead,
+                                   SyncHeld,     OscillatorSilent});
         fault.target = fault.kind == AmplifierSilent ? below(slots_) : oneOf({-1, below(2 * slots_)});
         if (fault.kind == DmaIoctl) {
             fault.code = requests[below(std::size(requests))];
@@ -303,6 +308,12 @@ private:
             fault.code = below(2);
         } else if (fault.kind == ClearLate) {
             fault.code = 50;
+        } else if (fault.kind == TimingRead) {
+            fault.code = oneOf({0, ENODEV});
+        } else if (fault.kind == MemMap) {
+            // Of one block as a rule: the timing core's is read all the time and would take every fault of any.
+            constexpr uint32_t blocks[] = {0xA0000000, 0xA0010000, 0xA0200000, 0xA6000000, 0xB0000000, 0xA3000000, 0};
+            fault.code = static_cast<int>(blocks[below(std::size(blocks))]);
         }
         fault.afterCount = static_cast<uint64_t>(fault.kind == MemMap ? below(400) : below(6));
         fault.times = slow ? 1 : oneOf({1, 1, 2, 5, -1});
@@ -325,8 +336,11 @@ private:
         if (station_->phase() == Phase::Running) {
             EXPECT_EQ(station_->stop(), "");
         }
-        if (station_->phase() == Phase::Empty) {
-            // What an add left half-way only serves to be closed.
+        const auto& found = station_->impl->daqController.allChannels;
+        const bool nothingFound =
+            std::none_of(found.begin(), found.end(), [](const auto& channel) { return channel->enabled; });
+        if (station_->phase() == Phase::Empty || nothingFound) {
+            // What an add left half-way, or found without an amplifier, only serves to be closed.
             tell("a new module");
             questioner_.reset();
             const auto time = station_->time;

@@ -458,12 +458,23 @@ testing::AssertionResult Station::isQuiet() {
 
 namespace {
 
+// A clock whose register can't be read answers with that failure, and with nothing else.
+template <class Provider, class Getter>
+void askOrFailInWords(Provider* provider, Getter getter, long least) {
+    try {
+        EXPECT_GE(ask(provider, getter), least);
+    } catch (const std::exception& failure) {
+        const std::string text = failure.what();
+        EXPECT_TRUE(text == "Failed to map memory." || text == "Failed to open memory device.") << text;
+    }
+}
+
 void askAll(OpenModule& module) {
     for (const auto getter : {&IClockProvider::getCurrentClock, &IClockProvider::getAcquiredClock}) {
-        EXPECT_GE(ask(&module, getter), -1000000000);
+        askOrFailInWords(&module, getter, -1000000000);
     }
     for (const auto getter : {&IAbsTimeProvider::getStartAbsTime, &IAbsTimeProvider::getCurrentAbsTime}) {
-        EXPECT_GE(ask(&module, getter), -1);
+        askOrFailInWords(&module, getter, -1);
     }
     ask(&module, &IAbsTimeProvider::getTracking);
     ask(&module, &IAbsTimeProvider::getTimingError);
