@@ -20,6 +20,7 @@
 #include "tools/zornhost/RateMath.h"
 #include "tools/zornhost/Rates.h"
 #include "tools/zornhost/Recorder.h"
+#include "tools/zornhost/SyncOptions.h"
 
 using namespace Harvane::RT::Core;
 using Json = nlohmann::ordered_json;
@@ -734,6 +735,9 @@ int run(int argc, char** argv) {
     app.add_option("--set", session.settings, "PATH=VALUE: set a property before the command runs (may be repeated)")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--sync", session.synchronization,
+                   "What the instrument follows and sources, by name or number of \"zornhost sync list\"")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option(
            "--amplifiers", session.amplifiers,
            "Folder of amplifier definitions (default: amplifiers in the working directory, else the program's own)")
@@ -773,6 +777,9 @@ int run(int argc, char** argv) {
     auto* set = app.add_subcommand("set", "Set a property and print what it became");
     set->add_option("path", path, "Node and property, joined by /")->required();
     set->add_option("value", value, "New value; for selections the index or the text of the choice")->required();
+    auto* sync = app.add_subcommand("sync", "Synchronization of the instrument");
+    auto* syncList = sync->add_subcommand("list", "What it can follow and source");
+    sync->require_subcommand(1);
     auto* rec = app.add_subcommand("record", "Record channels into an HDF5 file");
     rec->add_option("-o,--output", recording.file,
                     "File to write; one that is there is replaced. /dev/null: take the samples and write nothing")
@@ -845,6 +852,8 @@ int run(int argc, char** argv) {
             result = getProperty(live, output, session.json, path);
         } else if (set->parsed()) {
             result = setProperty(live, output, session.json, path, value);
+        } else if (syncList->parsed()) {
+            result = listOptions(live, output, session.json);
         } else if (rec->parsed()) {
             result = record(live, output, session.json, recording);
         } else if (amplifier.parsed()) {

@@ -17,6 +17,7 @@
 
 #include "tools/zornhost/Output.h"
 #include "tools/zornhost/PropertyText.h"
+#include "tools/zornhost/SyncOptions.h"
 
 using namespace Harvane::RT::Core;
 
@@ -264,6 +265,9 @@ void Session::open() {
             throw std::runtime_error(fmt::format("\"{}\" is no setting; write PATH=VALUE", setting));
         }
         set(tree().property(setting.substr(0, equals)), setting.substr(equals + 1));
+    }
+    if (!options_.synchronization.empty()) {
+        applyOption(*this, options_.synchronization);
     }
 }
 

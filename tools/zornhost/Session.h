@@ -20,6 +20,7 @@ struct SessionOptions {
     std::string logLevel = "error";
     std::string logFile;
     std::vector<std::string> settings;  // "PATH=VALUE", applied after the tree has been built
+    std::string synchronization;        // name or number of an option, applied behind the settings; empty: as it is
     long cycleTimeMs = 10;
     bool json = false;
 };
