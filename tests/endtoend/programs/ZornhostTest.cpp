@@ -183,6 +183,47 @@ TEST(Zornhost, RecordsAndReports) {
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
 }
 
+// Whatever the instrument follows, the first sample is the first one and all others come after it.
+TEST(Zornhost, EachSynchronizationDeliversTheSameSamples) {
+    const Folder folder;
+    folder.write("counters.json", R"({"slots": 1, "supplyOn": true, "oscillatorErrorPpm": 12.0,
+        "modules": [{"slot": 0, "waveform": {"kind": "counter"}}]})");
+    const std::string simulate = "--simulate=" + folder.path("counters.json");
+    const auto list = Process::run({KESTRIX_ZORNHOST, simulate, "--json", "sync", "list"});
+    ASSERT_EQ(list.exitCode, 0) << list.err;
+    std::vector<std::string> names;
+    for (const Json& option : Json::parse(list.out)) {
+        names.push_back(option["name"]);
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"Standalone", "PTP out", "IRIG", "PPS", "PTP"}));
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        const std::string file = folder.path(name + ".h5");
+        const auto result =
+            Process::run({KESTRIX_ZORNHOST, simulate, "--sync", name, "record", "-o", file, "-d", "2.5"});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.out.find("phase error"), std::string::npos) << result.out;
+        const RecordingReader recording(file);
+        for (const auto& channel : recording.channels()) {
+            std::vector<int32_t> samples;
+            if (channel.ends_with("Filtered input")) {
+                samples = recording.samples<int32_t>(channel);
+            } else {
+                for (const int16_t sample : recording.samples<int16_t>(channel)) {
+                    samples.push_back(sample);
+                }
+            }
+            EXPECT_GT(samples.size(), 500u) << channel;
+            for (size_t n = 0; n < samples.size(); ++n) {
+                ASSERT_EQ(samples[n], static_cast<int32_t>(n)) << channel;
+            }
+        }
+    }
+    const auto wrong = Process::run({KESTRIX_ZORNHOST, simulate, "--sync", "GPS", "sync", "list"});
+    EXPECT_EQ(wrong.exitCode, 1);
+    EXPECT_NE(wrong.err.find("it has 1 \"Standalone\", 2 \"PTP out\""), std::string::npos) << wrong.err;
+}
+
 TEST(Zornhost, SignalsEndARecordingCleanly) {
     const Folder folder;
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
