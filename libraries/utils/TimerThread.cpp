@@ -50,11 +50,7 @@ TimerThread::TimerThread(int intervalMs, std::function<void()> callback, int del
       timerMode_(mode),
       callback_(std::move(callback)) {
     pthread_mutex_init(&mutex_, nullptr);
-    pthread_condattr_t attributes;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    pthread_cond_init(&condition_, &attributes);
-    pthread_condattr_destroy(&attributes);
+    pthread_cond_init(&condition_, nullptr);
 }
 
 TimerThread::~TimerThread() {
@@ -88,7 +84,7 @@ void TimerThread::execute() {
     timespec deadline = plusMilliseconds(monotonicNow(), periodMs);
     MutexGuard guard(mutex_);
     while (!getTerminated()) {
-        if (pthread_cond_timedwait(&condition_, &mutex_, &deadline) != ETIMEDOUT) {
+        if (pthread_cond_clockwait(&condition_, &mutex_, CLOCK_MONOTONIC, &deadline) != ETIMEDOUT) {
             continue;
         }
         ++noOfCallbacks_;

@@ -78,6 +78,8 @@ TEST_F(ServedTime, WaitsTakeAsLongAsTheClocksSay) {
              EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr));
          }},
         {"condition variable", [&] { condition([](auto& c, auto& lock) { c.wait_for(lock, 5s); }); }},
+#if !defined(__SANITIZE_THREAD__)
+        // The thread sanitizer's run time goes past every other definition of pthread_cond_timedwait.
         {"condition variable of real time",
          [&] { condition([](auto& c, auto& l) { c.wait_until(l, std::chrono::system_clock::now() + 5s); }); }},
         {"monotonic condition",
@@ -94,6 +96,7 @@ TEST_F(ServedTime, WaitsTakeAsLongAsTheClocksSay) {
              pthread_mutex_unlock(&mutex);
              pthread_cond_destroy(&changed);
          }},
+#endif
         {"poll", [&] { EXPECT_EQ(0, ::poll(&ordinary, 1, 5000)); }},
         {"poll of the instrument", [&] { EXPECT_EQ(0, ::poll(served, 2, 5000)); }},
         {"select",
