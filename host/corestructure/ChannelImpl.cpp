@@ -101,6 +101,8 @@ public:
             const bool used = valueOf<bool>(ChannelPropertyClass::UsedProp);
             active_.store(used ? 1 : 0, std::memory_order_release);
             const bool wanted = used && valueOf<bool>(ChannelPropertyClass::ShouldReserveMemoryProp);
+            // The analyzer takes the release of a value's reference for that of the buffer's.
+            // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
             buffer_->reserve(wanted ? ringCapacity(ringRate(), bufferMultiple()) : 0);
         });
     }

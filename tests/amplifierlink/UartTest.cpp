@@ -58,7 +58,7 @@ TEST(Uart, initializeMakesTheLineRaw) {
 // end the host.
 TEST(Uart, portDoesNotBecomeTheTerminalOfTheSession) {
     const ScriptedModule line;
-    const std::string path = line.path();
+    const std::string& path = line.path();
     const pid_t child = ::fork();
     if (child == 0) {
         ::setsid();

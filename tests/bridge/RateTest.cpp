@@ -297,7 +297,7 @@ TEST_F(RateTest, RatesComeBackFromASetup) {
 }
 
 template <class I>
-void listen(const PropertyObjectPtr<I>& object, std::function<void()> listener) {
+void listen(const PropertyObjectPtr<I>& object, const std::function<void()>& listener) {
     auto handler = makeHandler([listener](const BasePtr&, const ObjectPtr<IEventArgs>&) { listener(); });
     checkErrorInfo(object.getOnPropertyValueChanged()->addHandler(handler.get()));
 }

@@ -2,6 +2,7 @@
 
 #include <hdf5.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -72,7 +73,8 @@ public:
             H5Tclose(type);
             return result;
         });
-        return value.c_str();
+        value.resize(std::min(value.find('\0'), value.size()));
+        return value;
     }
 
     size_t gapRows() const { return count("gaps"); }

@@ -85,7 +85,9 @@ TEST_F(AcquisitionTest, WrittenFilterPassesAndStopsAsAHalfBand) {
     bringUp(warmScenario(1));
     use({1});
     prepare();
-    const auto tap = [](int k) { return static_cast<double>(static_cast<int32_t>(dspWord(0, 4u * k) << 5) >> 5); };
+    const auto tap = [](int k) {
+        return static_cast<double>(static_cast<int32_t>(dspWord(0, 4 * static_cast<uint64_t>(k)) << 5) >> 5);
+    };
     std::vector<double> taps;
     for (int k = 0; k <= 32; ++k) {
         taps.push_back(tap(k) / (1 << 26));
@@ -99,7 +101,8 @@ TEST_F(AcquisitionTest, WrittenFilterPassesAndStopsAsAHalfBand) {
     };
     // 98 dB. The ripples are equal and 1.203e-5 high: one part in a million more in a single tap sticks out.
     constexpr double ripple = 1.25e-5;
-    for (double frequency = 0.0; frequency <= 0.225; frequency += 0.0001) {
+    for (int step = 0; step <= 2250; ++step) {
+        const double frequency = step * 0.0001;
         ASSERT_NEAR(response(frequency), 1.0, ripple) << frequency;
         ASSERT_NEAR(response(0.5 - frequency), 0.0, ripple) << 0.5 - frequency;
     }

@@ -234,7 +234,8 @@ TEST_F(PlatformTest, LedsShowTheStartOfAMeasurement) {
     const auto led = [](const char* name, const char* file) {
         const std::string path = std::string("/leds/") + name + "/" + file;
         const std::string own = contents("/board" + path);
-        return std::string((own.empty() ? contents("/sys/class" + path) : own).c_str());
+        const std::string text = own.empty() ? contents("/sys/class" + path) : own;
+        return text.substr(0, text.find('\0'));
     };
     AlarmLed::set(255);
     start();

@@ -62,7 +62,7 @@ Chain chainOf(int clock, int rate) {
     const uint64_t numerator = half / common;
     const uint64_t denominator = end / common;
     const uint64_t places = uint64_t{1} << 38;
-    if ((denominator & (denominator - 1)) != 0 || denominator > places) {
+    if (denominator == 0 || (denominator & (denominator - 1)) != 0 || denominator > places) {
         return {};
     }
     return {true, stages == 18 ? 0 : stages, (numerator - denominator) * (places / denominator)};

@@ -38,7 +38,7 @@ protected:
     }
     static ObjectPtr<IModule> createInstance(const BasePtr& factory) {
         StringPtr name;
-        const auto instance = made<IModule>([&](IModule** raw) {
+        auto instance = made<IModule>([&](IModule** raw) {
             IString* rawName = nullptr;
             const ErrCode code = factory.asPtr<IModuleFactory>()->createInstance(&rawName, raw);
             name = ObjectPtr<IString>::take(rawName);

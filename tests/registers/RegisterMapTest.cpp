@@ -42,7 +42,8 @@ Lines linesOf(const std::vector<IRegisterValue*>& fields, uint64_t wordBits) {
             text += ".." + std::to_string(end - last);
         }
         if (field->getReadOnly()) {
-            text = "(" + text + ")";
+            text.insert(0, 1, '(');
+            text += ')';
         }
         if (previous && previous->getAddress() == field->getAddress()) {
             lines.back() += ", " + text;

@@ -276,7 +276,7 @@ private:
             case 1:
                 return edit(object, name, chance(50), 100);
             case 2:
-                return edit(object, name, Ratio{1000 * (1 + below(5)), 1}, 100);
+                return edit(object, name, Ratio{int64_t{1000} * (1 + below(5)), 1}, 100);
             default:
                 return edit(object, name, "word", 100);
         }

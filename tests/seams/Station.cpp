@@ -158,7 +158,7 @@ std::string ModuleInHost::start(Rings rings) {
     if (rings == Rings::New) {
         reserveRings();
     }
-    const std::string failed = failure([&] { checkErrorInfo(module->start()); });
+    std::string failed = failure([&] { checkErrorInfo(module->start()); });
     running_ = running_ || failed.empty();
     return failed;
 }

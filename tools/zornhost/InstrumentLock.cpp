@@ -58,7 +58,7 @@ Holder holderOf(const std::string& text) {
 Holder introducedHolder(int descriptor) {
     const auto until = std::chrono::steady_clock::now() + introductionTime;
     while (true) {
-        const Holder holder = holderOf(readAll(descriptor));
+        Holder holder = holderOf(readAll(descriptor));
         if (holder.pid > 0 && (::kill(static_cast<pid_t>(holder.pid), 0) == 0 || errno != ESRCH)) {
             return holder;
         }

@@ -43,7 +43,7 @@ std::string identifierOf(const BasePtr& value) {
         zornClearErrorInfo();
         return "Unknown";
     }
-    const std::string result = text;
+    std::string result = text;
     zornFreeMemory(text);
     return result;
 }

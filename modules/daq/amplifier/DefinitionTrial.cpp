@@ -143,7 +143,7 @@ ChannelPtr<IChannel> DefinitionTrial::plainChannel() {
     IChannel* made = nullptr;
     checkErrorInfo(createSyncChannel(&made, StringPtr("0").get(), static_cast<int>(SampleDataType::Int16),
                                      std::numeric_limits<double>::quiet_NaN()));
-    const ChannelPtr<IChannel> channel = ObjectPtr<IChannel>::take(made);
+    ChannelPtr<IChannel> channel = ObjectPtr<IChannel>::take(made);
     channel.setName("Channel");
     channel.setUsed(true);
     channel.setSampleRate(usualRate);

@@ -389,7 +389,7 @@ void HostTree::buildAIChannel(const std::shared_ptr<AIChannel>& channel, const C
 // A bad definition costs its own amplifier only, also one that shows its fault when its properties are read. One that
 // fails in another measurement only can be used until that is chosen.
 std::string HostTree::usableAmplifierClass(const AIChannel& channel, const NodePtr<>& folder) {
-    const std::string className = amplifierFactory_.getAmplifierClassName(channel.amplifier->getId());
+    std::string className = amplifierFactory_.getAmplifierClassName(channel.amplifier->getId());
     if (className == DaqAmplifiersFactory::unknownAmplifierClass) {
         return className;
     }

@@ -239,7 +239,7 @@ void Device::setAcqStopping(bool stopping) {
 }
 
 Channels Device::getAllChannels() const {
-    Channels all(channels);
+    Channels all(static_cast<const Channels&>(channels));
     forEachChild([&](Device& child) {
         const Channels below = child.getAllChannels();
         all.insert(all.end(), below.begin(), below.end());

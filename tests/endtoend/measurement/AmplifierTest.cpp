@@ -59,7 +59,6 @@ Scenario allKinds() {
 constexpr int voltage = 0;
 constexpr int bridge = 1;
 constexpr int iepe = 2;
-constexpr int highVoltage = 3;
 
 class Amplified : public Bench {
 public:

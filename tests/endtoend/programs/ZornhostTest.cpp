@@ -178,7 +178,7 @@ TEST(Zornhost, RecordsAndReports) {
     const RecordingReader recording(folder.path("run.h5"));
     EXPECT_EQ(recording.channels().size(), 2u);
     EXPECT_EQ(recording.text("", "manufacturer"), "Harvane");
-    EXPECT_EQ(recording.text("", "verdict"), reports[0]["verdict"]);
+    EXPECT_EQ(recording.text("", "verdict"), reports[0]["verdict"].get<std::string>());
     EXPECT_EQ(recording.count(recording.channels()[1]), reports[0]["channels"][0]["samples"]);
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
 }
@@ -454,8 +454,8 @@ TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
 TEST(KestrixSim, ServesTheHost) {
     // A sanitizer's run time must stand in front of what is preloaded.
     std::vector<std::string> arguments{KESTRIX_SIM, "run"};
-    if (const std::string first = KESTRIX_PRELOAD_FIRST; !first.empty()) {
-        arguments.insert(arguments.end(), {"--preload-first", first});
+    if (const std::string_view first = KESTRIX_PRELOAD_FIRST; !first.empty()) {
+        arguments.insert(arguments.end(), {"--preload-first", std::string(first)});
     }
     arguments.insert(arguments.end(), {"--", KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "get", "KESTRIX/Model"});
     const auto host = Process::run(arguments);

@@ -17,7 +17,7 @@ std::string evaluated(const GenericPropertyObjectPtr& object, const char* expres
 }
 
 GenericPropertyObjectPtr makeFixture() {
-    const auto object = makeObject({property("Zero").defaultValue(0), property("Off").defaultValue(0).enabled(false)});
+    auto object = makeObject({property("Zero").defaultValue(0), property("Off").defaultValue(0).enabled(false)});
     object.setPropertyValue("Three", 3);
     object.setPropertyValue("Half", 0.5);
     object.setPropertyValue("Yes", true);

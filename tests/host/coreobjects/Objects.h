@@ -24,7 +24,7 @@ inline PropertyInfoPtr property(const char* name, CoreType type = CoreType::Int)
 
 // An object with these properties, registered in their order.
 inline GenericPropertyObjectPtr makeObject(std::initializer_list<PropertyInfoPtr> infos) {
-    const auto object = makeObject();
+    auto object = makeObject();
     for (const auto& info : infos) {
         object.registerProperty(info);
     }

@@ -23,7 +23,7 @@ std::string fake(const char* variant = "") {
 
 // A library of its own, for tests that leave theirs loaded.
 std::string copyOfFake(const char* name) {
-    const std::string copy = testing::TempDir() + "fake-" + std::to_string(getpid()) + "-" + name + ".so";
+    std::string copy = testing::TempDir() + "fake-" + std::to_string(getpid()) + "-" + name + ".so";
     std::filesystem::copy_file(fake(), copy, std::filesystem::copy_options::overwrite_existing);
     return copy;
 }

@@ -703,7 +703,7 @@ std::optional<LinkFailure> AmplifierProperties::refreshScaling() {
     const std::lock_guard lock(*linkMutex_);
     float scale = 1.0f;
     float offset = 0.0f;
-    const auto failure = readScaling(scale, offset);
+    auto failure = readScaling(scale, offset);
     if (!failure) {
         const std::lock_guard recordLock(recordMutex_);
         staged_.scale = scale;

@@ -270,8 +270,9 @@ void KestrixAI::buildChannelView() {
     channelView->clearChannels();
     for (int module = 0; module < modules_; ++module) {
         const auto folder = std::make_shared<ChannelFolder>("AI " + std::to_string(module + 1), true);
-        folder->addChannel(channels[2 * module]);
-        folder->addChannel(channels[2 * module + 1]);
+        const auto raw = 2 * static_cast<size_t>(module);
+        folder->addChannel(channels[raw]);
+        folder->addChannel(channels[raw + 1]);
         channelView->push_back(folder);
     }
 }
