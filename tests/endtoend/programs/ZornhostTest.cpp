@@ -454,7 +454,7 @@ TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
 TEST(KestrixSim, ServesTheHost) {
     // A sanitizer's run time must stand in front of what is preloaded.
     std::vector<std::string> arguments{KESTRIX_SIM, "run"};
-    if (const std::string_view first = KESTRIX_PRELOAD_FIRST; !first.empty()) {
+    if (constexpr std::string_view first(KESTRIX_PRELOAD_FIRST); !first.empty()) {
         arguments.insert(arguments.end(), {"--preload-first", std::string(first)});
     }
     arguments.insert(arguments.end(), {"--", KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "get", "KESTRIX/Model"});

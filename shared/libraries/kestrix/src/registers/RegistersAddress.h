@@ -1,12 +1,14 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 // Board-wide values for those who know no device. Its identity fills the variables in one place before any part exists;
 // baseClock is filled by the sampling clock alone.
 namespace Harvane::Shared::Kestrix::RegistersAddress {
 
-inline int64_t baseClock = 15000000;    // sampling base clock in force, Hz; the last one while none is known
+// Sampling base clock in force, Hz; the last one while none is known. Clocks ask for it on the host's threads.
+inline std::atomic<int64_t> baseClock{15000000};
 inline unsigned char maxAIModules = 8;  // amplifier slots as the EEPROM has them: can exceed what the hardware has
 inline unsigned char maxAIChannels = 16;
 inline unsigned char deviceType = 0;  // 0 the 8-channel board, 1 the 2-channel board
