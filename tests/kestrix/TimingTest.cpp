@@ -92,7 +92,7 @@ private:
 #if defined(__SANITIZE_THREAD__)
 constexpr double steadyFactor = 8.0;
 #else
-constexpr double steadyFactor = 25.0;
+constexpr double steadyFactor = 15.0;
 #endif
 
 // A device that has nothing but a timing and a clock.

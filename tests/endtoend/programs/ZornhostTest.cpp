@@ -454,8 +454,8 @@ TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
 TEST(KestrixSim, ServesTheHost) {
     // A sanitizer's run time must stand in front of what is preloaded.
     std::vector<std::string> arguments{KESTRIX_SIM, "run"};
-    if (constexpr std::string_view first(KESTRIX_PRELOAD_FIRST); !first.empty()) {
-        arguments.insert(arguments.end(), {"--preload-first", std::string(first)});
+    if (const char* first = KESTRIX_PRELOAD_FIRST; *first != '\0') {
+        arguments.insert(arguments.end(), {"--preload-first", first});
     }
     arguments.insert(arguments.end(), {"--", KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "get", "KESTRIX/Model"});
     const auto host = Process::run(arguments);
