@@ -8,8 +8,6 @@ from sources import Finding, is_source, lines_of
 COMMENT = re.compile(r"(^|\s)//[/!]|^\s*/\*(?!.*\*/\s*\S)")
 # What a reader of the repository can't look up.
 OUTSIDE = re.compile(r"\bPart [0-9]|\bspec\.md\b|\b[Aa]s\s+specified\b|\b[Ii]ssue #?[0-9]")
-# Written for those who build the system, not about it.
-EXEMPT = ("DEVELOPERS.md",)
 
 
 def check_layout(files):
@@ -44,7 +42,7 @@ def check_lines(files):
                 findings.append(Finding(path, number, "blanks at the end of the line"))
             if is_source(path) and COMMENT.search(line):
                 findings.append(Finding(path, number, "comments begin with //"))
-            if path not in EXEMPT and (found := OUTSIDE.search(line)):
+            if found := OUTSIDE.search(line):
                 findings.append(Finding(path, number, f"\"{found[0]}\": say what holds, not where it is written"))
     return findings
 

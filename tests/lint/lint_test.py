@@ -38,7 +38,6 @@ TABLES = """# House
 # The compile commands are those of g++, with what clang doesn't know.
 GOOD = {
     "docs/architecture.md": TABLES,
-    "DEVELOPERS.md": "Par" "t 5.1 is theirs.\n",
     ".gitignore": "/build/\n",
     "CMakeLists.txt": "cmake_minimum_required(VERSION 3.25)\nproject(small CXX)\n"
                       "set(CMAKE_EXPORT_COMPILE_COMMANDS ON)\nset(CMAKE_CXX_STANDARD 20)\n"
