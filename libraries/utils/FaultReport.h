@@ -19,6 +19,8 @@ public:
 
     // After each try; `failure` says why it failed and is empty when it worked. Returns the text, empty for none.
     std::string after(const std::string& failure, Clock::time_point now);
+    // Whether the last text told of a failure. While it didn't, a try that worked has nothing to tell.
+    bool isFailing() const { return !told_.empty(); }
 
 private:
     bool mayTell(Clock::time_point now);

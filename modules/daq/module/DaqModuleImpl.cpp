@@ -122,6 +122,9 @@ void DaqModuleImpl::forceRefreshTrackingAndErrorStatus() {
     } catch (const std::exception& exception) {
         failure = textOf(exception);
     }
+    if (failure.empty() && !timingFaults_->isFailing()) {
+        return;
+    }
     const std::string text = timingFaults_->after(failure, Utils::FaultReport::Clock::now());
     if (!text.empty()) {
         LOG_(0, plog::error) << text;
