@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <thread>
 #include <utility>
 
@@ -215,10 +216,7 @@ void KestrixDaqTiming::setPtpSettings(State state) {
 
 void KestrixDaqTiming::setTimingCoreIrigMaster() {
     setInput(4, true, true);
-    irigCore_.DCMODE.write(true);
-    irigCore_.IRIGTYP.write(1);
-    irigCore_.PPSSYNC.write(true);
-    irigCore_.PPSREFSEL.write(1);
+    setIrigCore(1);
     BoardGpio::set(irigOutputPin, true);
 }
 
@@ -228,10 +226,15 @@ void KestrixDaqTiming::setPpsInput() {
 
 void KestrixDaqTiming::setIrigInput() {
     setInput(0, false, true);
+    setIrigCore(0);
+}
+
+// `pulse`: 0 the decoded one, 1 the platform's.
+void KestrixDaqTiming::setIrigCore(std::uint8_t pulse) {
     irigCore_.DCMODE.write(true);
     irigCore_.IRIGTYP.write(1);
     irigCore_.PPSSYNC.write(true);
-    irigCore_.PPSREFSEL.write(0);
+    irigCore_.PPSREFSEL.write(pulse);
 }
 
 // `reference`: 0 the IRIG decoder, 1 the pulse input, 4 the platform's pulse for the IRIG output, 5 the network card,
@@ -378,14 +381,32 @@ bool KestrixDaqTiming::mayControl(const TimingDevice::Record& record) const {
 
 // The operating system's clock has been set: times before and after don't belong together.
 void KestrixDaqTiming::detectStep() {
-    const std::int64_t system = nanoseconds<std::chrono::system_clock>();
-    const std::int64_t steady = nanoseconds<std::chrono::steady_clock>();
-    const std::int64_t difference = (system - lastSystemTime_) / 1000 - (steady - lastSteadyTime_) / 1000;
+    const ClockReadings now = readClocks();
+    const std::int64_t difference =
+        (now.system - lastReadings_.system) / 1000 - (now.steady - lastReadings_.steady) / 1000;
     if (difference > largestStepUs || difference < -largestStepUs) {
         syncError_ = true;
     }
-    lastSystemTime_ = system;
-    lastSteadyTime_ = steady;
+    lastReadings_ = now;
+}
+
+// A thread that loses the processor between the two readings would see a step: the system's clock is read between two
+// readings of the other, and of a few tries the one counts that took least.
+KestrixDaqTiming::ClockReadings KestrixDaqTiming::readClocks() {
+    constexpr std::int64_t shortEnough = 20000;  // ns
+    constexpr int mostTries = 8;
+    ClockReadings best;
+    std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
+    for (int n = 0; n < mostTries && shortest > shortEnough; ++n) {
+        const std::int64_t before = nanoseconds<std::chrono::steady_clock>();
+        const std::int64_t system = nanoseconds<std::chrono::system_clock>();
+        const std::int64_t took = nanoseconds<std::chrono::steady_clock>() - before;
+        if (took < shortest) {
+            shortest = took;
+            best = {system, before + took / 2};
+        }
+    }
+    return best;
 }
 
 void KestrixDaqTiming::printIrigTime() {

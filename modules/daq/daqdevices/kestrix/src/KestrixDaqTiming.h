@@ -56,6 +56,12 @@ public:
     std::string getGrandmasterClockUuid() const;
 
 private:
+    // Both clocks of the operating system at one instant, ns.
+    struct ClockReadings {
+        std::int64_t system = 0;
+        std::int64_t steady = 0;
+    };
+
     void resetHardware();
     void apply(const Synchronization& wanted);
     void setPtpState(PlatformPtpControl::STATE state, const char* shown);
@@ -63,12 +69,14 @@ private:
     void setTimingCoreIrigMaster();
     void setPpsInput();
     void setIrigInput();
+    void setIrigCore(std::uint8_t pulse);
     void setInput(std::uint8_t reference, bool outputMode, bool debounced);
     void awaitNewSecond();
 
     void fixPhaseError();
     bool mayControl(const TimingDevice::Record& record) const;
     void detectStep();
+    static ClockReadings readClocks();
     void printIrigTime();
     void setVcxoValue(std::uint16_t value);
     std::uint16_t readVcxoValue();
@@ -82,8 +90,7 @@ private:
     std::atomic<bool> syncError_{false};
     std::atomic<bool> disciplineEnabled_{false};
     std::atomic<std::int32_t> currentMode_{0};
-    std::int64_t lastSystemTime_ = 0;  // ns, at the last record
-    std::int64_t lastSteadyTime_ = 0;
+    ClockReadings lastReadings_;  // at the last record; both 0 before the first, which so counts as a step
     Synchronization previousSynchronization_;
     bool transferStarted_ = false;  // the start trigger is armed
 
