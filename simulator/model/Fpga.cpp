@@ -31,13 +31,6 @@ constexpr size_t debugWord = 0x78;
 constexpr uint32_t debugRuns = 1u << 16;
 constexpr uint32_t debugHeld = 1u << 17;
 
-// Timing core.
-constexpr size_t timingControl = 0x00;
-constexpr size_t frequencyWord = 0x14;
-constexpr size_t startWord = 0x18;
-constexpr size_t countReset = 0x1C;
-constexpr uint32_t resyncRequest = 1u << 29;
-
 // Global control.
 constexpr size_t supplyWord = 0x10;
 constexpr uint32_t version = 0x00010000;
@@ -106,11 +99,11 @@ Fpga::Fpga(const Clock& clock, const Oscillator& oscillator, TimingCore& timing,
                                       {0x7C, 0x7C, 0xF}})};
     blocks_[timingBlock] = {0xA3000000,
                             {},
-                            masks(0x4C, {{timingControl, timingControl, 0x00033137},
+                            masks(0x4C, {{timingblock::control, timingblock::control, 0x00033137},
                                          {0x04, 0x08, allBits},
                                          {0x0C, 0x0C, 0x1},
-                                         {frequencyWord, frequencyWord, resyncRequest},
-                                         {startWord, countReset, 0x1},
+                                         {timingblock::frequency, timingblock::frequency, timingblock::resyncRequest},
+                                         {timingblock::start, timingblock::countReset, 0x1},
                                          {0x24, 0x24, 0x3},
                                          {0x28, 0x28, allBits},
                                          {0x2C, 0x2C, 0x1F},
@@ -172,6 +165,9 @@ void Fpga::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after) 
             const uint32_t old = live;
             // A bit that the hardware moved since the page was handed out stays as it is now.
             const uint32_t changed = (before ^ after) & block.writable[offset / 4];
+            if (changed == 0) {
+                continue;
+            }
             live = (live & ~changed) | (after & changed);
             stored(b, offset, old, now);
             if (b == globalBlock && offset == supplyWord) {
@@ -220,9 +216,6 @@ void Fpga::settle(double now) const {
     }
     if (now >= pllIdleAt_ && !pllHeld_) {
         blocks_[pllBlock].words[0] &= ~pllBusy;
-    }
-    if ((timing_.timingWord(frequencyWord, 0) & resyncRequest) == 0) {
-        blocks_[timingBlock].words[frequencyWord / 4] &= ~resyncRequest;
     }
 }
 
@@ -286,7 +279,10 @@ void Fpga::stored(size_t block, size_t offset, uint32_t old, double now) {
         updateRunning(now);
     } else if (block == timingBlock) {
         timing_.timingStored(offset, old, word(block, offset));
-        if (offset == startWord && word(block, offset) != old) {
+        if (offset == timingblock::frequency) {
+            blocks_[block].words[offset / 4] = 0;  // the core keeps the request, and ends it
+        }
+        if (offset == timingblock::start && word(block, offset) != old) {
             updateRunning(now);
         }
     } else if (block == irigBlock) {

@@ -7,7 +7,7 @@
 namespace kestrixsim {
 
 // The pulses of one reference, numbered by the whole seconds of real time since the instrument was made: pulse n
-// belongs to second n. Asked for in rising order; after `restart` from any number on.
+// belongs to second n.
 class PulseTrain {
 public:
     // `epochFraction`: of a second, what the real-time clock read beyond a whole one when the instrument was made.

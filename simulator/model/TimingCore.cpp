@@ -13,12 +13,8 @@ namespace kestrixsim {
 namespace {
 
 // Timing block.
-constexpr size_t controlWord = 0x00;
 constexpr size_t detectorReset = 0x0C;
 constexpr size_t phaseWord = 0x10;
-constexpr size_t frequencyWord = 0x14;
-constexpr size_t startWord = 0x18;
-constexpr size_t countReset = 0x1C;
 constexpr size_t countWord = 0x20;
 constexpr size_t maskWord = 0x24;
 constexpr size_t inversionWord = 0x2C;
@@ -27,7 +23,6 @@ constexpr size_t freeSeconds = 0x44;
 constexpr size_t freeNanoseconds = 0x48;
 constexpr uint32_t ownTimingBit = 1u << 8;
 constexpr uint32_t invertPtp = 1u << 3;
-constexpr uint32_t resyncRequest = 1u << 29;
 constexpr uint32_t lossBit = 1u << 31;
 constexpr uint32_t earlyBit = 1u << 31;
 constexpr uint32_t bothMasks = 3;
@@ -194,7 +189,7 @@ void TimingCore::timingStored(size_t offset, uint32_t old, uint32_t value) {
     const double now = clock_.seconds();
     advance(now);
     switch (offset) {
-        case controlWord:
+        case timingblock::control:
             control_ = value;
             if (((old ^ value) & (7u | ownTimingBit)) != 0) {
                 arm(now);
@@ -206,12 +201,12 @@ void TimingCore::timingStored(size_t offset, uint32_t old, uint32_t value) {
                 arm(now);
             }
             break;
-        case frequencyWord:
-            resyncWanted_ = resyncWanted_ || (value & ~old & resyncRequest) != 0;
-            resyncWanted_ = resyncWanted_ && (value & resyncRequest) != 0;
+        case timingblock::frequency:
+            resyncWanted_ = resyncWanted_ || (value & ~old & timingblock::resyncRequest) != 0;
+            resyncWanted_ = resyncWanted_ && (value & timingblock::resyncRequest) != 0;
             advance(now);
             break;
-        case startWord:
+        case timingblock::start:
             if ((value & ~old & 1) != 0) {
                 const double own = oscillator_.secondsAt(now);
                 // With the next internal second, unless nothing is followed.
@@ -224,7 +219,7 @@ void TimingCore::timingStored(size_t offset, uint32_t old, uint32_t value) {
                 firedAt_ = never;
             }
             break;
-        case countReset:
+        case timingblock::countReset:
             countHeld_ = (value & 1) != 0;
             count_ = 0;
             countingSince_ = !countHeld_ && firedAt_ != never ? std::max(oscillator_.secondsAt(now), firedAt_) : never;
@@ -253,8 +248,8 @@ uint32_t TimingCore::timingWord(size_t offset, uint32_t stored) const {
     switch (offset) {
         case phaseWord:
             return phase_;
-        case frequencyWord:
-            return frequency_ | (resyncWanted_ ? resyncRequest : 0) | (lost(now) ? lossBit : 0);
+        case timingblock::frequency:
+            return frequency_ | (resyncWanted_ ? timingblock::resyncRequest : 0) | (lost(now) ? lossBit : 0);
         case countWord:
             return count(oscillator_.secondsAt(now));
         case freeSeconds:

@@ -18,6 +18,15 @@
 
 namespace kestrixsim {
 
+// Offsets and bits of the timing core's block that others know too.
+namespace timingblock {
+inline constexpr size_t control = 0x00;
+inline constexpr size_t frequency = 0x14;
+inline constexpr size_t start = 0x18;
+inline constexpr size_t countReset = 0x1C;
+inline constexpr uint32_t resyncRequest = 1u << 29;
+}  // namespace timingblock
+
 // Timing core and IRIG decoder of the FPGA, and the driver that hands out a record for each pulse. The internal second
 // is a count of the oscillator modulo 150e6; a pulse of the selected reference is measured against it. Counters and
 // flags are brought up to date when somebody looks. Thread-safe; taken behind the FPGA's lock.
@@ -54,7 +63,6 @@ private:
     struct Train {
         PulseTrain pulses;
         int64_t next;  // number of the pulse that comes next
-        double signalSince = 0.0;
     };
     struct Record {
         uint32_t phase = 0;
