@@ -615,17 +615,6 @@ TEST_F(AmplifierProtocol, settingsReachTheModuleOnlyWhenTheyDiffer) {
     EXPECT_EQ(module.takeRequests().size(), 3u);
 }
 
-TEST_F(AmplifierProtocol, newMeasurementMakesTheCouplingUnknown) {
-    amplifier->setInputCoupling(2);
-    amplifier->setMeasurementType(1);
-    EXPECT_EQ(amplifier->getInputCoupling(), 2);
-    EXPECT_EQ(amplifier->setInputCoupling(2), 1);
-    // The same measurement again changes nothing.
-    EXPECT_EQ(amplifier->setMeasurementType(1), 0);
-    EXPECT_EQ(amplifier->setInputCoupling(2), 0);
-    EXPECT_EQ(module.takeRequests(), (Strings{"A5 02 C3 02 5A", "A5 02 60 01 5A", "A5 02 C3 02 5A"}));
-}
-
 TEST_F(AmplifierProtocol, textsThatAreNoNumbers) {
     EXPECT_EQ(amplifier->setHwVersion("1.2.3"), -1);
     EXPECT_EQ(amplifier->setHwVersion("1.2.3.4.5"), -1);

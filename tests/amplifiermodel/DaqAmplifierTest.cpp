@@ -454,14 +454,6 @@ TEST_F(DaqAmplifierTest, EachChannelShowsHowTheAmplifierStands) {
     EXPECT_EQ(sharer.getPropertyValue<std::string>("AmplifierFailure"), "old");
 }
 
-TEST_F(DaqAmplifierTest, OnlyALampThatIsThereIsControlled) {
-    for (const char* has : {"false", "true"}) {
-        amplifier = std::make_shared<TestAmplifier>();
-        make(plain(Consts::SupportsLed1Control, "bool", has));
-        EXPECT_EQ(amplifier->ledControl, std::string(has) == "true");
-    }
-}
-
 // TEDS and sensor.
 
 const std::string tedsSlots = slot(Consts::ReadTeds, "func") + slot(Consts::ResetTedsCustom, "func") +

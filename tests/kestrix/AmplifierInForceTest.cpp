@@ -54,15 +54,6 @@ protected:
         const auto failure = amplifier().lastFailure();
         return failure ? failure->text() : "";
     }
-    Strings takeFrames() {
-        const Strings frames = kestrixsim::instrument().framesReceived();
-        Strings result;
-        for (size_t i = framesTaken_; i < frames.size(); ++i) {
-            result.push_back(frames[i].substr(6, frames[i].size() - 9));  // without slot, key and end
-        }
-        framesTaken_ = frames.size();
-        return result;
-    }
 
     // The amplifier works by these, and the settings say so.
     void expectInForce(const AmplifierSettings& expected) const {
@@ -83,9 +74,6 @@ protected:
         EXPECT_EQ(record->range, expected.rangeIndex);
         EXPECT_EQ(record->measurementType, expected.measurementIndex);
     }
-
-private:
-    size_t framesTaken_ = 0;
 };
 
 // Step by step: what fails of the settings that were gone back to hides nothing; a user who asks for just these is

@@ -1,15 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <thread>
 
-#include "libraries/utils/ByteHelper.h"
 #include "libraries/utils/StringHelper.h"
 #include "libraries/utils/Timer.h"
 
 namespace {
 
-using Harvane::Utils::DataTypes::ByteHelper;
 using Harvane::Utils::DataTypes::StringHelper;
 using Harvane::Utils::Synchronization::Timer;
 using Strings = std::vector<std::string>;
@@ -58,19 +55,6 @@ TEST(StringHelper, tokenize) {
 TEST(StringHelper, serialNumberShowsSixteenDigits) {
     EXPECT_EQ(StringHelper::serialNumberToStr(0x2A), "000000000000002A");
     EXPECT_EQ(StringHelper::serialNumberToStr(0xFEDCBA9876543210), "FEDCBA9876543210");
-}
-
-TEST(ByteHelper, swapReversesSoManyBytes) {
-    const auto swapped = [](void (*swap)(unsigned char*)) {
-        std::array<unsigned char, 8> bytes{1, 2, 3, 4, 5, 6, 7, 8};
-        swap(bytes.data());
-        return bytes;
-    };
-    using Bytes = std::array<unsigned char, 8>;
-    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<1>), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
-    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<2>), (Bytes{2, 1, 3, 4, 5, 6, 7, 8}));
-    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<4>), (Bytes{4, 3, 2, 1, 5, 6, 7, 8}));
-    EXPECT_EQ(swapped(ByteHelper::sizedByteSwap<8>), (Bytes{8, 7, 6, 5, 4, 3, 2, 1}));
 }
 
 TEST(Timer, countsSecondsFromTheLastReset) {

@@ -14,7 +14,6 @@ struct OpenFault {
 };
 
 class FailingOpen : public testing::TestWithParam<OpenFault> {};
-class FailingStart : public testing::TestWithParam<OpenFault> {};
 
 std::string nameOf(const testing::TestParamInfo<OpenFault>& info) {
     return info.param.name;
@@ -64,37 +63,6 @@ INSTANTIATE_TEST_SUITE_P(
         OpenFault{"MuxStuck", {.kind = FaultKind::MuxReadsBack, .times = -1}, "unable to set amplifiers UART mux"}),
     nameOf);
 
-TEST_P(FailingStart, SaysWhyAndTheNextStartWorks) {
-    Bench bench(Scenario::counters(2), {"SampleRate=10000"});
-    auto& session = bench.session();
-    session.open();
-    bench.use();
-    session.prepare();
-    bench.instrument().inject(GetParam().fault);
-    std::string text;
-    try {
-        session.start();
-    } catch (const std::exception& failure) {
-        text = failure.what();
-    }
-    EXPECT_NE(text.find(GetParam().words), std::string::npos) << "\"" << text << "\"";
-    bench.instrument().clearFaults();
-    EXPECT_TRUE(bench.record("after.h5", 0.4).good());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, FailingStart,
-    testing::Values(OpenFault{"ClearNever",
-                              {.kind = FaultKind::ClearNever, .times = -1},
-                              "DspControl::Clear process status timeout"},
-                    OpenFault{"StartTransfer",
-                              {.kind = FaultKind::DmaIoctl, .target = 2, .code = 0x40064C08, .times = 1},
-                              "START_TRANSFER ioctl error"},
-                    OpenFault{"BdSize",
-                              {.kind = FaultKind::DmaIoctl, .target = 1, .code = 0x40064C03, .times = 1},
-                              "SET_BD_SIZE ioctl error"}),
-    nameOf);
-
 // A slot whose amplifier can't be talked to is an empty slot; the others measure.
 TEST(Faults, AmplifiersThatDoNotAnswerProperlyAreAbsent) {
     for (const auto kind : {FaultKind::AmplifierSilent, FaultKind::AmplifierBadStatus, FaultKind::AmplifierHalfFrame}) {
@@ -106,21 +74,6 @@ TEST(Faults, AmplifiersThatDoNotAnswerProperlyAreAbsent) {
         EXPECT_FALSE(channels[0].channel.getPropertyValue<bool>("Enabled"));
         EXPECT_TRUE(channels[2].channel.getPropertyValue<bool>("Enabled"));
         EXPECT_TRUE(bench.record("rest.h5", 0.4).good());
-    }
-}
-
-TEST(Faults, PassingTroublesOnTheLinkAreOvercome) {
-    const Fault passing[] = {{.kind = FaultKind::AmplifierGarbage, .target = 0, .times = 3},
-                             {.kind = FaultKind::AmplifierSilent, .target = 0, .times = 2},
-                             {.kind = FaultKind::MuxAgain, .times = 9},
-                             {.kind = FaultKind::MuxReadsBack, .times = 3}};
-    for (const auto& fault : passing) {
-        auto scenario = Scenario::counters(1);
-        scenario.faults = {fault};
-        Bench bench(scenario);
-        bench.session().open();
-        EXPECT_TRUE(bench.session().tree().channels()[0].channel.getPropertyValue<bool>("Enabled"))
-            << static_cast<int>(fault.kind);
     }
 }
 

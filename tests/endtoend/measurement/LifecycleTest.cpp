@@ -26,23 +26,3 @@ TEST(Lifecycle, TwoRunsThenUnloadTwice) {
         EXPECT_EQ(openDescriptors(), 0);
     }
 }
-
-TEST(Lifecycle, UnloadWithoutARunAndWithoutAStop) {
-    {
-        Bench bench(Scenario::counters(1));
-        bench.session().open();
-        bench.session().close();
-        EXPECT_TRUE(bench.session().host().canUnload());
-    }
-    {
-        // Closing in the middle of an acquisition stops it first.
-        Bench bench(Scenario::counters(1), {"SampleRate=20000"});
-        bench.session().open();
-        bench.use();
-        bench.session().prepare();
-        bench.session().start();
-        bench.session().close();
-        EXPECT_TRUE(bench.session().host().canUnload());
-    }
-    EXPECT_EQ(openDescriptors(), 0);
-}

@@ -50,8 +50,10 @@ TEST(PendingOption, IsShownWhereTheChoiceIs) {
             return printed(
                 [&](auto& output) { return zornhost::setProperty(session, output, json, "Synchronization", choice); });
         };
-        EXPECT_EQ(set(false), "Synchronization: " + choice + " requested, " + choice + " set" +
-                                  (pending ? note.substr(choice.size()) : "") + "\n");
+        std::string said = "Synchronization: ";
+        said.append(choice).append(" requested, ").append(choice).append(" set");
+        said.append(pending ? note.substr(choice.size()) : "").append("\n");
+        EXPECT_EQ(set(false), said);
         EXPECT_EQ(Json::parse(set(true)).value("inForce", Json()), pending ? applied : Json());
 
         const auto list = [&](bool json) {

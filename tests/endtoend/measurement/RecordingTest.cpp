@@ -114,19 +114,3 @@ TEST(Recording, OfASineHasItsFrequency) {
     EXPECT_NEAR(*std::max_element(raw.begin(), raw.end()), 12000.0, 40.0);
     EXPECT_NEAR(*std::max_element(filtered.begin(), filtered.end()) / 65536.0, 12000.0, 40.0);
 }
-
-TEST(Recording, WithAmplifiersInTwoSlotsRunsOnThose) {
-    auto scenario = Scenario::counters(8);
-    std::erase_if(scenario.modules, [](const ModuleScenario& module) { return module.slot != 2 && module.slot != 5; });
-    Bench bench(scenario, {"SampleRate=10000"});
-    bench.session().open();
-    const auto channels = bench.session().tree().channels();
-    ASSERT_EQ(channels.size(), 12u);
-    for (size_t i = 0; i < channels.size(); ++i) {
-        EXPECT_EQ(channels[i].channel.getPropertyValue<bool>("Enabled"), i / 2 == 2 || i / 2 == 5) << channels[i].label;
-    }
-    const auto report = bench.record("two.h5", 1.0);
-    EXPECT_TRUE(report.good()) << report.verdict();
-    EXPECT_EQ(report.channels.size(), 4u);
-    EXPECT_EQ(firstWrong(RecordingReader(bench.file("two.h5")).samples<int16_t>(channelPath(5, false))), -1);
-}
