@@ -172,6 +172,13 @@ TEST_F(Controller, AStepThatFailsLeavesNothingOn) {
         controller.startAcquisition();
         controller.stopAcquisition();
     }
+    // A tree that goes in the middle of a run is taken back first.
+    initializeAcquisition();
+    controller.startAcquisition();
+    device->aborts = second->aborts = 0;
+    controller.reset();
+    EXPECT_EQ(device->aborts, 1);
+    EXPECT_EQ(second->aborts, 1);
 }
 
 TEST_F(Controller, EachScanMakesATreeOfItsOwn) {
