@@ -132,12 +132,13 @@ void TimingCore::advance(double now) const {
             const double ownFrom = std::max(oscillator_.secondsAt(lossFrom), nextLossRecord_);
             const double ownUntil = oscillator_.secondsAt(until);
             double second = origin_ + std::ceil(ownFrom - origin_);
-            for (; second <= ownUntil; second += 1.0) {
+            while (second <= ownUntil) {
                 phase_ = 0;
                 frequency_ = 0;
                 lastEdge_ = never;
                 emit(0, lossBit);
                 nextLossRecord_ = second + 0.5;
+                second += 1.0;
             }
         }
         if (next > now) {
