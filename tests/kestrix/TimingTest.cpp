@@ -303,6 +303,16 @@ TEST_F(TimingTest, EachReferenceIsFollowedAndHeldAndFollowedAgain) {
             EXPECT_LT(worst, 1000.0);
             EXPECT_EQ(flags(), (std::pair{true, false}));
             EXPECT_EQ(timing().getVcxoValue(), kestrixsim::instrument().timingState().controlWord);
+            const ClockState locked = timing().getClockState();
+            EXPECT_TRUE(locked.steered && locked.tracking && !locked.error);
+            EXPECT_LT(std::abs(locked.phaseErrorNs - phaseNs()), 2000.0);
+            EXPECT_LT(std::abs(locked.frequencyErrorPpb), 1000.0);
+            EXPECT_NEAR(locked.controlWord, locked.equilibrium, 20.0);
+            EXPECT_LT(std::abs(locked.pulseTime * 1000 - kestrixsim::instrument().realtime()), 2000000000);
+            if (mode == Mode::Ptp) {
+                EXPECT_EQ(locked.ptpPort + " " + locked.ptpGrandmaster, "SLAVE 021122.33ff.fe4455");
+                EXPECT_EQ(locked.ptpClock, timing().getDeviceClockUuid());
+            }
 
             ReferenceScenario gone;
             gone.present = false;
@@ -310,6 +320,9 @@ TEST_F(TimingTest, EachReferenceIsFollowedAndHeldAndFollowedAgain) {
             ASSERT_TRUE(await([&] { return !flags().first; }, 5s));
             std::this_thread::sleep_for(10s);
             EXPECT_EQ(flags(), (std::pair{false, false}));
+            const ClockState held = timing().getClockState();
+            EXPECT_FALSE(held.steered || held.tracking);
+            EXPECT_GT(held.pulses, locked.pulses + 5);
             EXPECT_NEAR(timing().getEquilibrium(), kestrixsim::instrument().timingState().controlWord, 0.51);
             kestrixsim::instrument().setReference(kind, ReferenceScenario{});
             ASSERT_TRUE(await([&] { return flags() == std::pair{true, false}; }, 10s));
@@ -343,6 +356,7 @@ TEST_F(TimingTest, StandaloneHoldsTheCalibratedWordAndIsNeverInError) {
     std::this_thread::sleep_for(5s);
     EXPECT_EQ(0, count(log, "Tracking:"));
     EXPECT_EQ(506, kestrixsim::instrument().timingState().controlWord);
+    EXPECT_EQ(506, timing().getClockState().controlWord);
 }
 
 // The clocks' readings are as old as the last record: a step shows in their difference.

@@ -3,6 +3,7 @@
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/HostValues.h"
 #include "modules/daq/controller/DaqController.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/synchronization/Synchronization.h"
 
 namespace Harvane::RT::Modules::Daq {
@@ -34,6 +35,45 @@ void HostSynchronization::registerProperties() {
             showApplied();
         }
     });
+    registerClockState();
+}
+
+namespace {
+
+ListPtr toList(const ClockState& state) {
+    const ListPtr list = ListPtr::create();
+    const auto add = [&list](const char* name, const BasePtr& value) {
+        list.pushBack(asBase(ListPtr::create({toValue(name), value})));
+    };
+    add("Pulses", toValue(static_cast<int64_t>(state.pulses)));
+    add("PulseTime", toValue(state.pulseTime));
+    add("Steered", toValue(state.steered));
+    add("Tracking", toValue(state.tracking));
+    add("Error", toValue(state.error));
+    add("PhaseErrorNs", toValue(state.phaseErrorNs));
+    add("FrequencyErrorPpb", toValue(state.frequencyErrorPpb));
+    add("ControlWord", toValue(state.controlWord));
+    add("Equilibrium", toValue(state.equilibrium));
+    add("PtpPort", toValue(state.ptpPort));
+    add("PtpClock", toValue(state.ptpClock));
+    add("PtpGrandmaster", toValue(state.ptpGrandmaster));
+    return list;
+}
+
+}  // namespace
+
+void HostSynchronization::registerClockState() {
+    if (!state_.controller.daqTiming) {
+        return;
+    }
+    const DataModulePtr& dataModule = state_.dataModule;
+    dataModule.registerProperty(PropertyInfoPtr::create(DataModuleConsts::ClockStateProp, CoreType::Func).hidden());
+    auto answer = [&controller = state_.controller](const BasePtr&, BasePtr& result) -> ErrCode {
+        const auto timing = controller.timeSources().timing;
+        result = asBase(timing ? toList(timing->getClockState()) : ListPtr::create());
+        return Errors::Success;
+    };
+    dataModule.setPropertyValue(DataModuleConsts::ClockStateProp, makeFunc(state_.hooks.whileAlive(std::move(answer))));
 }
 
 void HostSynchronization::apply() {

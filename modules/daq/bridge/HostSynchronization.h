@@ -14,6 +14,8 @@ class HostSynchronization {
 public:
     explicit HostSynchronization(BridgeState& state) : state_(state) {}
 
+    // Beside the option also "ClockState", where a device has a timing: a function that any thread may call as long as
+    // the module lives.
     void registerProperties();
     // What has been chosen becomes what the devices follow, and is shown as such.
     void apply();
@@ -30,6 +32,7 @@ public:
 
 private:
     void showApplied();
+    void registerClockState();
 
     BridgeState& state_;
 };

@@ -4,6 +4,12 @@
 
 namespace Harvane::RT::Modules::Daq {
 
+ClockState DaqTiming::getClockState() {
+    ClockState state;
+    getCurrentTime(state.tracking, state.error);
+    return state;
+}
+
 std::shared_ptr<DaqDevice> DaqTiming::getDaqDevice() const {
     return getParent<DaqDevice>();
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "modules/daq/objectmodel/ClockState.h"
 #include "modules/daq/objectmodel/SubDevice.h"
 
 namespace Harvane::RT::Modules::Daq {
@@ -18,6 +19,9 @@ public:
     virtual std::int64_t getStartTime() = 0;
     // tracking: the clock follows its reference. error: synchronisation has failed and has to start again.
     virtual std::int64_t getCurrentTime(bool& tracking, bool& error) = 0;
+
+    // Without a discipline only what getCurrentTime says.
+    virtual ClockState getClockState();
 
     std::shared_ptr<DaqDevice> getDaqDevice() const;
 

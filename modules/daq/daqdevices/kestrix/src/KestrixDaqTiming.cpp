@@ -342,6 +342,8 @@ void KestrixDaqTiming::fixPhaseError() {
         setVcxoValue(calibratedControl);
         tracking_ = true;
         syncError_ = false;
+        vcxoValue_ = calibratedControl;
+        publishPulse(false);
         return;
     }
     const auto magnitude = static_cast<std::int64_t>(record[1] & phaseBits);
@@ -355,7 +357,8 @@ void KestrixDaqTiming::fixPhaseError() {
     frequencyError_ = frequency - nominalFrequency;
 
     long next = 0;
-    if (mayControl(record)) {
+    const bool steered = mayControl(record);
+    if (steered) {
         bool localTracking = false;
         next = controller_.getNextPwmAfterPps(readVcxoValue(), phase, frequencyError_, syncError_, localTracking);
         tracking_ = localTracking;
@@ -366,10 +369,37 @@ void KestrixDaqTiming::fixPhaseError() {
     }
     vcxoValue_ = static_cast<std::uint16_t>(next);
     detectStep();
+    publishPulse(steered);
     setVcxoValue(vcxoValue_);
     printIrigTime();
     KESTRIX_LOG(4, "Tracking: {}, Error: {}, VCXValue: {}, Frequency error: {}, Phase error: {}, Frequency: {}\n",
                 tracking_.load(), syncError_.load(), vcxoValue_.load(), frequencyError_.load(), magnitude, frequency);
+}
+
+void KestrixDaqTiming::publishPulse(bool steered) {
+    constexpr double countNs = 1e9 / static_cast<double>(nominalFrequency);
+    const std::lock_guard<std::mutex> guard(pulseMutex_);
+    ++pulse_.pulses;
+    pulse_.pulseTime = nanoseconds<std::chrono::system_clock>() / 1000;
+    pulse_.steered = steered;
+    pulse_.phaseErrorNs = static_cast<double>(signedPhaseError_) * countNs;
+    pulse_.frequencyErrorPpb = static_cast<double>(frequencyError_) * countNs;
+    pulse_.controlWord = vcxoValue_;
+    pulse_.equilibrium = controller_.getEquilibriumPwm();
+}
+
+ClockState KestrixDaqTiming::getClockState() {
+    ClockState state;
+    {
+        const std::lock_guard<std::mutex> guard(pulseMutex_);
+        state = pulse_;
+    }
+    getCurrentTime(state.tracking, state.error);
+    const std::lock_guard<std::mutex> guard(identityMutex_);
+    state.ptpPort = ptpPort_;
+    state.ptpClock = deviceClockUuid_;
+    state.ptpGrandmaster = grandmasterClockUuid_;
+    return state;
 }
 
 bool KestrixDaqTiming::mayControl(const TimingDevice::Record& record) const {
@@ -457,8 +487,10 @@ void KestrixDaqTiming::readPtpState() {
     if (const auto state = ptpApi_->port_state()) {
         KESTRIX_LOG(1, "PTP status: {}", PTPApi::to_string(*state));
         ptpPortLocked_ = *state == PTPApi::PortState::SLAVE || *state == PTPApi::PortState::MASTER;
+        showPtpPort(PTPApi::to_string(*state));
     } else {
         complain(state.error());
+        showPtpPort(PTPApi::to_string(state.error()));
         ptpPortLocked_ = false;
     }
     const auto local = ptpApi_->port_identity();
@@ -479,6 +511,11 @@ void KestrixDaqTiming::readPtpState() {
     KESTRIX_LOG(1, "PTP grandmaster uuid: {}", *grandmaster);
     const std::lock_guard<std::mutex> identities(identityMutex_);
     grandmasterClockUuid_ = *grandmaster;
+}
+
+void KestrixDaqTiming::showPtpPort(std::string text) {
+    const std::lock_guard<std::mutex> guard(identityMutex_);
+    ptpPort_ = std::move(text);
 }
 
 std::string KestrixDaqTiming::getDeviceClockUuid() const {

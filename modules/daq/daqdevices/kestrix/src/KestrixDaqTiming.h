@@ -47,6 +47,7 @@ public:
 
     std::int64_t getStartTime() override;
     std::int64_t getCurrentTime(bool& tracking, bool& error) override;
+    ClockState getClockState() override;
 
     std::int64_t getSignedPhaseError() const { return signedPhaseError_; }  // counts of 150 MHz
     std::int64_t getFrequencyError() const { return frequencyError_; }      // counts a second off 150 MHz
@@ -74,6 +75,7 @@ private:
     void awaitNewSecond();
 
     void fixPhaseError();
+    void publishPulse(bool steered);
     bool mayControl(const TimingDevice::Record& record) const;
     void detectStep();
     static ClockReadings readClocks();
@@ -81,6 +83,7 @@ private:
     void setVcxoValue(std::uint16_t value);
     std::uint16_t readVcxoValue();
     void readPtpState();
+    void showPtpPort(std::string text);
 
     std::atomic<std::int64_t> signedPhaseError_{0};
     std::atomic<std::int64_t> frequencyError_{0};
@@ -94,10 +97,14 @@ private:
     Synchronization previousSynchronization_;
     bool transferStarted_ = false;  // the start trigger is armed
 
+    std::mutex pulseMutex_;  // held for a copy
+    ClockState pulse_;       // what belongs to the last record
+
     std::mutex startTimeMutex_;
     std::int64_t startTime_ = -1;
     std::mutex ptpMutex_;               // held while the daemon is asked
-    mutable std::mutex identityMutex_;  // for a copy of its identities
+    mutable std::mutex identityMutex_;  // for a copy of what it has answered
+    std::string ptpPort_;
     std::string deviceClockUuid_;
     std::string grandmasterClockUuid_;
 
