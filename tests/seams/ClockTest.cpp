@@ -37,6 +37,31 @@ TEST_F(SeamClockTest, CountsPartsOfASecond) {
     EXPECT_EQ(stop(), "");
 }
 
+// The counter of the hardware begins anew every 286 s.
+TEST_F(SeamClockTest, TimeAndSamplesGoTogetherOverTheWrapsOfTheCounter) {
+    constexpr double cycleS = 0.02;
+    constexpr double blockS = 0.125;
+    EXPECT_EQ(add(), "");
+    use({raw(1), filtered(1)});
+    EXPECT_TRUE(goodRun());
+    EXPECT_EQ(start(), "");
+    EXPECT_TRUE(deliversWhatItShows());
+    time->hold();
+    const double begun = time->now() - secondsOf(impl, &IClockProvider::getCurrentClock);
+    const long start = ask(absTime.get(), &IAbsTimeProvider::getStartAbsTime);
+    while (time->now() < begun + 600.0) {
+        time->step(cycleS);
+        ASSERT_EQ(cycle(), "");
+        const double current = secondsOf(impl, &IClockProvider::getCurrentClock);
+        ASSERT_NEAR(current, time->now() - begun, 1e-4);
+        ASSERT_NEAR(secondsOf(impl, &IClockProvider::getAcquiredClock), current - blockS / 2.0, blockS / 2.0 + cycleS);
+    }
+    EXPECT_EQ(start, ask(absTime.get(), &IAbsTimeProvider::getStartAbsTime));
+    EXPECT_EQ(start % 1000000, 0);
+    time->run();
+    EXPECT_EQ(stop(), "");
+}
+
 // ---- The host's log ----
 
 TEST_F(SeamClockTest, AddConnectsTheLog) {
