@@ -3,6 +3,7 @@
 #include <hdf5.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -26,7 +27,7 @@ public:
         H5Ovisit2(
             file_, H5_INDEX_NAME, H5_ITER_INC,
             [](hid_t, const char* name, const H5O_info_t* info, void* target) -> herr_t {
-                if (info->type == H5O_TYPE_DATASET && std::string(name) != "gaps") {
+                if (info->type == H5O_TYPE_DATASET && std::string(name).find('/') != std::string::npos) {
                     static_cast<std::vector<std::string>*>(target)->push_back(name);
                 }
                 return 0;
@@ -78,6 +79,30 @@ public:
     }
 
     size_t gapRows() const { return count("gaps"); }
+
+    // The column "lock" of the table of the clock.
+    std::vector<std::string> clockLocks() const {
+        constexpr size_t size = 16;
+        const hid_t set = open("clock");
+        std::vector<std::array<char, size>> cells(length(set));
+        const hid_t text = H5Tcopy(H5T_C_S1);
+        H5Tset_size(text, size);
+        H5Tset_cset(text, H5T_CSET_UTF8);
+        const hid_t row = H5Tcreate(H5T_COMPOUND, size);
+        H5Tinsert(row, "lock", 0, text);
+        const herr_t result = H5Dread(set, row, H5S_ALL, H5S_ALL, H5P_DEFAULT, cells.data());
+        H5Tclose(row);
+        H5Tclose(text);
+        H5Dclose(set);
+        if (result < 0) {
+            throw std::runtime_error("can't read the table of the clock");
+        }
+        std::vector<std::string> locks;
+        for (const auto& cell : cells) {
+            locks.emplace_back(cell.data());
+        }
+        return locks;
+    }
 
 private:
     template <class Read>

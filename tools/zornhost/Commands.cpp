@@ -14,8 +14,12 @@
 
 #include "tools/zornhost/AmplifierCommands.h"
 #include "tools/zornhost/AmplifierState.h"
+#include "tools/zornhost/ClockCommand.h"
 #include "tools/zornhost/InstrumentLock.h"
+#include "tools/zornhost/InstrumentService.h"
 #include "tools/zornhost/Interrupt.h"
+#include "tools/zornhost/LockedStart.h"
+#include "tools/zornhost/PositiveSeconds.h"
 #include "tools/zornhost/PropertyText.h"
 #include "tools/zornhost/RateMath.h"
 #include "tools/zornhost/Rates.h"
@@ -466,11 +470,18 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     const auto refusals = updateAmplifiers(session.tree(), channels);
     checkAmplifiers(refusals);
     session.prepare();
-    if (Interrupt::requested()) {
-        throw std::runtime_error(fmt::format("{}: ended by the user before the recording began", options.file));
-    }
+    const InstrumentService service(session, options.lock, output);
+    LockedStart start(session, service.clock(), output, options.lockTimeoutS);
+    start.awaitReference();
+    const auto checkInterrupt = [&options] {
+        if (Interrupt::requested()) {
+            throw std::runtime_error(fmt::format("{}: ended by the user before the recording began", options.file));
+        }
+    };
+    checkInterrupt();
 
-    Recorder recorder({.file = options.file, .refusals = refusals}, channels, session.host().scheduler());
+    Recorder recorder({.file = options.file, .refusals = refusals, .clock = service.clock()}, channels,
+                      session.host().scheduler());
     auto& sink = recorder.sink();
     if (const auto device = session.tree().deviceFolder()) {
         for (const auto& [attribute, property] :
@@ -482,8 +493,16 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     sink.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
                                               session.host().moduleVersion()));
 
-    session.start();
+    start.start();
+    checkInterrupt();
     checkAmplifiers(amplifierRefusals(channels, refusals));
+    if (const ClockWatch* clock = service.clock(); clock != nullptr && options.strict) {
+        const ClockReport state = clock->report();
+        if (state.lock == Lock::NotLocked || state.lock == Lock::Holding) {
+            throw std::runtime_error(fmt::format("{}: not recorded: --strict, and the clock is not locked to {}: {}",
+                                                 options.file, state.mode, state.obstacle()));
+        }
+    }
     long startUs = -1;
     if (const auto absTime = session.host().absTimeProvider()) {
         absTime->getStartAbsTime(&startUs);
@@ -607,7 +626,10 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     std::set<std::string> told;
     const auto refusals = updateAmplifiers(session.tree(), channels);
     session.prepare();
-    session.start();
+    const InstrumentService service(session, options.lock, output);
+    LockedStart lockedStart(session, service.clock(), output, options.lockTimeoutS);
+    lockedStart.awaitReference();
+    lockedStart.start();
     tellRefusals(output, amplifierRefusals(channels, refusals), told);
     std::vector<Watched> watched;
     for (const auto& entry : channels) {
@@ -684,17 +706,6 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
 
 namespace {
 
-// A number that a clock can reach. (CLI11's own check lets "nan" pass and names a limit of 309 digits.)
-std::string checkSeconds(const std::string& text) {
-    double seconds = 0.0;
-    const bool number = CLI::detail::lexical_cast(text, seconds);
-    return number && std::isfinite(seconds) && seconds > 0.0
-               ? std::string()
-               : fmt::format("\"{}\" is no number of seconds above 0", text);
-}
-
-const CLI::Validator secondsAbove0(checkSeconds, "SECONDS");
-
 std::string commandLine(int argc, char** argv) {
     return fmt::format("zornhost {}", fmt::join(argv + 1, argv + argc, " "));
 }
@@ -707,6 +718,15 @@ void occupyStandardDescriptors() {
             ::open("/dev/null", O_RDONLY);
         }
     }
+}
+
+// The exit code, unless what was to be read got lost.
+int checkOutput(Output& output, int result) {
+    if (!output.good()) {
+        output.message("zornhost: the standard output can't be written");
+        return 1;
+    }
+    return result;
 }
 
 }  // namespace
@@ -784,16 +804,17 @@ int run(int argc, char** argv) {
     rec->add_option("-o,--output", recording.file,
                     "File to write; one that is there is replaced. /dev/null: take the samples and write nothing")
         ->required();
-    rec->add_option("-d,--duration", recording.durationS, "Seconds")->required()->check(secondsAbove0);
+    rec->add_option("-d,--duration", recording.durationS, "Seconds")->required()->check(secondsAbove0());
     rec->add_option("--rate", recording.rate, "Sample rate of the system, S/s");
     rec->add_option("--channel", recording.channels,
                     "Pattern (* and ?) of channels to record, e.g. \"AI 1/*\" (may be repeated)")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    rec->add_flag("--strict", recording.strict, "Don't record with an amplifier that has not taken its settings");
+    rec->add_flag("--strict", recording.strict,
+                  "Don't record with an amplifier that has not taken its settings, or a clock that is not locked");
     auto* mon = app.add_subcommand("monitor", "Live table of the channels");
     mon->add_option("-d,--duration", monitoring.durationS, "Seconds; until Ctrl-C when not given")
-        ->check(secondsAbove0);
+        ->check(secondsAbove0());
     mon->add_option("--interval", monitoring.intervalS, "Seconds between two tables")
         ->check(CLI::Range(0.05, 60.0))
         ->capture_default_str();
@@ -802,6 +823,15 @@ int run(int argc, char** argv) {
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 
+    for (auto [command, timeout] :
+         {std::pair(rec, &recording.lockTimeoutS), std::pair(mon, &monitoring.lockTimeoutS)}) {
+        command
+            ->add_option("--lock-timeout", *timeout,
+                         "Seconds to wait before the start for a clock that follows a reference to lock; 0: none")
+            ->check(CLI::Range(0.0, 1e6))
+            ->capture_default_str();
+    }
+    const ClockCommandLine clock(app);
     const AmplifierCommandLine amplifier(app);
 
     try {
@@ -833,10 +863,22 @@ int run(int argc, char** argv) {
         ensureSimulation(session, argv);
         // Before anything of the instrument is touched, and until all of it has been given back.
         std::optional<InstrumentLock> lock;
-        if (lockOption->count() > 0 || !runsOnSimulation()) {
-            lock.emplace(lockFile, commandLine(argc, argv));
-        }
         Output output(log->count() > 0);
+        if (lockOption->count() > 0 || !runsOnSimulation()) {
+            try {
+                lock.emplace(lockFile, commandLine(argc, argv));
+            } catch (const InstrumentBusy& busy) {
+                if (!clock.parsed() || busy.socket().empty()) {
+                    throw;
+                }
+                if (!session.synchronization.empty() || !session.settings.empty()) {
+                    throw std::runtime_error(
+                        fmt::format("--sync and --set are for a process that holds the instrument: {}", busy.what()));
+                }
+                return checkOutput(output, clock.runOn(busy.socket(), output, session.json));
+            }
+            recording.lock = monitoring.lock = &*lock;
+        }
         Session live(session);
         live.open();
         int result = 0;
@@ -858,15 +900,13 @@ int run(int argc, char** argv) {
             result = record(live, output, session.json, recording);
         } else if (amplifier.parsed()) {
             result = amplifier.run(live, output, session.json);
+        } else if (clock.parsed()) {
+            result = clock.run(live, output, session.json);
         } else if (mon->parsed()) {
             result = monitor(live, output, session.json, monitoring);
         }
         live.close();
-        if (!output.good()) {
-            output.message("zornhost: the standard output can't be written");
-            return 1;
-        }
-        return result;
+        return checkOutput(output, result);
     } catch (const InstrumentBusy& busy) {
         writeError(fmt::format("zornhost: {}\n", busy.what()));
         return instrumentBusy;

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/Output.h"
 #include "tools/zornhost/Session.h"
 
@@ -14,7 +15,9 @@ struct RecordOptions {
     double durationS = 0.0;
     std::optional<int64_t> rate;
     std::vector<std::string> channels;
-    bool strict = false;  // not with an amplifier that has not taken its settings
+    bool strict = false;         // not with an amplifier that has not taken its settings, or a clock that isn't locked
+    double lockTimeoutS = 60.0;  // how long the clock is waited for
+    InstrumentLock* lock = nullptr;  // where others find who tells them of the clock; null: nobody else can ask
 };
 
 struct MonitorOptions {
@@ -22,6 +25,8 @@ struct MonitorOptions {
     double intervalS = 0.5;
     std::optional<int64_t> rate;
     std::vector<std::string> channels;
+    double lockTimeoutS = 60.0;
+    InstrumentLock* lock = nullptr;
 };
 
 // Each command returns the process's exit code: 0 only when all went well. Failures are exceptions.

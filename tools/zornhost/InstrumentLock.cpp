@@ -20,10 +20,13 @@ namespace zornhost {
 
 namespace {
 
-// "pid 4711\nsince 2024-05-01 12:00:00 +0200\ncommand zornhost record ...\n"
+// "pid 4711\nsince 2024-05-01 12:00:00 +0200\ncommand zornhost record ...\nsocket /run/kestrix-4711.sock\n"; the
+// last line when there is one.
 constexpr std::string_view pidMark = "pid ";
 constexpr std::string_view sinceMark = "since ";
 constexpr std::string_view commandMark = "command ";
+constexpr std::string_view socketMark = "socket ";
+constexpr std::string_view socketName = "/kestrix-";  // how the name of a socket begins
 constexpr size_t commandLength = 600;
 constexpr auto introductionTime = std::chrono::milliseconds(500);  // from holding a lock to having written who it is
 
@@ -31,6 +34,7 @@ struct Holder {
     long pid = 0;  // 0: nothing is known
     std::string since;
     std::string command;
+    std::string socket;
 };
 
 std::string readAll(int descriptor) {
@@ -49,6 +53,8 @@ Holder holderOf(const std::string& text) {
             holder.since = line.substr(sinceMark.size());
         } else if (line.starts_with(commandMark)) {
             holder.command = line.substr(commandMark.size());
+        } else if (line.starts_with(socketMark)) {
+            holder.socket = line.substr(socketMark.size());
         }
     }
     return holder;
@@ -73,11 +79,24 @@ std::string shortened(const std::string& text) {
     return text.size() > commandLength ? text.substr(0, commandLength) + " ..." : text;
 }
 
-// Who holds the lock. Where there is no room for it, others are told that somebody does.
-void introduce(int descriptor, const std::string& command) {
+std::string introductionOf(const std::string& command) {
     const auto now = fmt::localtime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
-    const std::string text = fmt::format("{}{}\n{}{:%Y-%m-%d %H:%M:%S %z}\n{}{}\n", pidMark, ::getpid(), sinceMark, now,
-                                         commandMark, shortened(oneLine(command)));
+    return fmt::format("{}{}\n{}{:%Y-%m-%d %H:%M:%S %z}\n{}{}\n", pidMark, ::getpid(), sinceMark, now, commandMark,
+                       shortened(oneLine(command)));
+}
+
+// What a holder that was killed has left behind: nobody listens there any more.
+void removeSocketOf(const Holder& dead) {
+    const size_t slash = dead.socket.rfind('/');
+    struct stat status {};
+    if (slash != std::string::npos && std::string_view(dead.socket).substr(slash).starts_with(socketName) &&
+        ::lstat(dead.socket.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) {
+        ::unlink(dead.socket.c_str());
+    }
+}
+
+// Who holds the lock. Where there is no room for it, others are told that somebody does.
+void introduce(int descriptor, const std::string& text) {
     if (::ftruncate(descriptor, 0) != 0 ||
         ::pwrite(descriptor, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         [[maybe_unused]] const int emptied = ::ftruncate(descriptor, 0);
@@ -118,7 +137,9 @@ InstrumentLock::InstrumentLock(const std::string& file, const std::string& comma
         fail("is no lock file");
     }
     if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0) {
-        introduce(descriptor_, command);
+        removeSocketOf(holderOf(present));
+        introduction_ = introductionOf(command);
+        introduce(descriptor_, introduction_);
         return;
     }
     if (errno != EWOULDBLOCK) {
@@ -130,10 +151,15 @@ InstrumentLock::InstrumentLock(const std::string& file, const std::string& comma
         throw InstrumentBusy(
             fmt::format("another process holds the instrument ({} is locked): wait until it has ended", file));
     }
-    throw InstrumentBusy(fmt::format(
-        "the instrument is held by process {0} since {1} (\"{2}\"): wait until it has ended, or end it with "
-        "\"kill {0}\"",
-        holder.pid, holder.since, holder.command));
+    throw InstrumentBusy(
+        fmt::format("the instrument is held by process {0} since {1} (\"{2}\"): wait until it has ended, or end it "
+                    "with \"kill {0}\"",
+                    holder.pid, holder.since, holder.command),
+        holder.socket);
+}
+
+void InstrumentLock::announce(const std::string& socket) {
+    introduce(descriptor_, fmt::format("{}{}{}\n", introduction_, socketMark, socket));
 }
 
 InstrumentLock::~InstrumentLock() {

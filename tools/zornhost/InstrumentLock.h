@@ -2,13 +2,20 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace zornhost {
 
 // Another process has the instrument. The text says which, since when, and what can be done.
 class InstrumentBusy : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit InstrumentBusy(const std::string& text, std::string socket = {})
+        : std::runtime_error(text), socket_(std::move(socket)) {}
+    // Where that process tells how the instrument stands; empty when it tells nobody.
+    const std::string& socket() const { return socket_; }
+
+private:
+    std::string socket_;
 };
 
 // One process holds the instrument: loading a module switches converters off, leaving it the supply, so that a second
@@ -26,10 +33,14 @@ public:
     InstrumentLock(const InstrumentLock&) = delete;
     InstrumentLock& operator=(const InstrumentLock&) = delete;
 
+    // Others are told to ask there. A failure leaves them untold.
+    void announce(const std::string& socket);
+
 private:
     [[noreturn]] void fail(const std::string& reason) const;
 
     const std::string file_;
+    std::string introduction_;
     int descriptor_ = -1;
 };
 

@@ -14,6 +14,8 @@ public:
     void setStartTime(int64_t) override {}
     void write(size_t, uint64_t, const void*, size_t) override {}
     void putGap(uint64_t, const Gap&) override {}
+    void addClockChange(const ClockChange&, double) override {}
+    void setClock(const std::string&, Lock, Lock) override {}
     void flush() override {}
     void close(const std::string&, bool) override {}
 

@@ -1,6 +1,7 @@
 #include "tools/zornhost/Output.h"
 
 #include <fcntl.h>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -120,6 +121,11 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
         result += line + "\n";
     }
     return result;
+}
+
+std::string isoTime(int64_t microseconds) {
+    const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06d}Z", fmt::gmtime(seconds), microseconds % 1000000);
 }
 
 std::string formatNumber(double value, int digits) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -44,6 +45,9 @@ std::string oneLine(std::string text);
 
 // Columns as wide as their widest cell; numbers right-aligned when the header begins with '>'.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
+
+// "2026-11-25T10:00:00.000000Z".
+std::string isoTime(int64_t microsecondsSince1970);
 
 // "1000", "1.875 M", "46875": a number with at most `digits` significant digits, without trailing zeros.
 std::string formatNumber(double value, int digits = 7);

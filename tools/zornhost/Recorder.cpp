@@ -97,6 +97,18 @@ double RecordingReport::worstFill() const {
     return worst;
 }
 
+std::string ClockHistory::text() const {
+    if (atStart == Lock::FreeRunning) {
+        return fmt::format("Clock {}: free-running.", mode);
+    }
+    if (atStart == Lock::Locked && changes == 0) {
+        return fmt::format("Clock {}: locked throughout.", mode);
+    }
+    return fmt::format("{} ({}): {} at the start, {} at the end, {} in between.",
+                       phaseLost ? "CLOCK NOT LOCKED" : "CLOCK WITHOUT ITS REFERENCE", mode, lockText(atStart),
+                       lockText(atEnd), counted(changes, "change", "changes"));
+}
+
 std::string RecordingReport::verdict() const {
     std::string text = fmt::format("{} {} for {:.1f} s: {}, ", keeps ? "Recorded" : "Acquired",
                                    counted(channels.size(), "channel", "channels"), durationS,
@@ -132,6 +144,9 @@ std::string RecordingReport::verdict() const {
             losers.push_back(channel.label);
             asyncLost += channel.lost;
         }
+    }
+    if (!clock.mode.empty()) {
+        text += " " + clock.text();
     }
     for (const auto& refusal : refusals) {
         text += fmt::format(" SETTINGS NOT TAKEN: {}: {}.", refusal.module, refusal.text());
@@ -206,6 +221,8 @@ void Recorder::start(int64_t startTimeUs) {
     }
     noteRefusals();
     sink_->setStartTime(startTimeUs);
+    startTimeUs_ = startTimeUs;
+    noteClock();
     sink_->flush();
     startTime_ = lastFlush_ = std::chrono::steady_clock::now();
     running_.store(true);
@@ -242,6 +259,7 @@ void Recorder::pass() {
         }
     }
     noteModuleReports();
+    noteClock();
 }
 
 void Recorder::flush() {
@@ -340,6 +358,31 @@ void Recorder::noteModuleReports() {
     addGap(nullptr, Gap{"", 0, 0, nowS, "the module reported lost data", true});
 }
 
+// The first row is how the clock stood at the start, whatever was before.
+void Recorder::noteClock() {
+    if (options_.clock == nullptr) {
+        return;
+    }
+    ClockHistory& history = report_.clock;
+    auto changes = options_.clock->changes(nextClockChange_);
+    const bool first = history.mode.empty();
+    if (first) {
+        history.mode = options_.clock->report().mode;
+        changes.erase(changes.begin(), changes.end() - 1);
+        changes.back().timeUs = startTimeUs_;
+        history.atStart = changes.back().lock;
+    }
+    for (const auto& change : changes) {
+        sink_->addClockChange(change, static_cast<double>(change.timeUs - startTimeUs_) / 1e6);
+        history.atEnd = change.lock;
+        history.phaseLost = history.phaseLost || change.lock == Lock::NotLocked;
+    }
+    history.changes += changes.size() - (first ? 1 : 0);
+    if (!changes.empty()) {
+        sink_->setClock(history.mode, history.atStart, history.atEnd);
+    }
+}
+
 // The first reason for each amplifier stays: what came later may be about what was gone back to. Scale and settings in
 // force stay those of the start, by which the samples were taken.
 void Recorder::noteRefusals() {
@@ -429,6 +472,7 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
             lastModuleRowS_ = -moduleRowIntervalS;
             noteModuleReports();
             noteRefusals();
+            noteClock();
             flush();
         } catch (const std::exception& failure) {
             report_.error = failure.what();

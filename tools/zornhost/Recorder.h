@@ -11,6 +11,7 @@
 
 #include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/ClockCheck.h"
+#include "tools/zornhost/ClockWatch.h"
 #include "tools/zornhost/HostTree.h"
 #include "tools/zornhost/RecordingSink.h"
 #include "tools/zornhost/RingReader.h"
@@ -36,6 +37,18 @@ struct AsyncReport {
     std::string failure;  // why the count is not known; empty when it is
 };
 
+// How the sampling clock stood to its reference.
+struct ClockHistory {
+    std::string mode;  // empty: nothing is known
+    Lock atStart = Lock::NotLocked;
+    Lock atEnd = Lock::NotLocked;
+    size_t changes = 0;      // in between
+    bool phaseLost = false;  // at some moment it was neither locked nor held
+
+    // "Clock PPS: locked throughout."
+    std::string text() const;
+};
+
 struct RecordingReport {
     std::string file;
     double durationS = 0.0;
@@ -43,7 +56,8 @@ struct RecordingReport {
     std::vector<AsyncReport> asyncChannels;
     std::vector<Gap> gapTable;
     std::vector<AmplifierRefusal> refusals;  // settings that amplifiers have not taken, at the start or since
-    uint64_t moduleReports = 0;              // how often the module said that data was lost
+    ClockHistory clock;
+    uint64_t moduleReports = 0;  // how often the module said that data was lost
     double longestWriterStallS = 0.0;
     uint64_t bytes = 0;
     bool keeps = true;  // false: nothing was written, the samples were only taken
@@ -58,7 +72,9 @@ struct RecordingReport {
     // Something came of every channel, and what came is all there: as far as anyone can tell.
     bool lossless() const;
     // Nothing is missing and nothing failed.
-    bool good() const { return error.empty() && stopFailure.empty() && refusals.empty() && lossless(); }
+    bool good() const {
+        return error.empty() && stopFailure.empty() && refusals.empty() && !clock.phaseLost && lossless();
+    }
     // "Recorded 16 channels for 5.0 s: 80000 samples, none lost."
     std::string verdict() const;
 };
@@ -72,6 +88,7 @@ public:
         std::string file;
         int flushMs = 500;                         // a recording that is killed is readable up to the last flush
         std::vector<AmplifierRefusal> refusals{};  // what was asked for in those that stand when it starts
+        const ClockWatch* clock = nullptr;         // must live as long as the recorder; null: nothing is known
     };
 
     // Before the acquisition starts, once the module has been initialized. Takes the channels that are in use. Raises
@@ -121,6 +138,7 @@ private:
     void addGap(Stream* stream, Gap gap);
     void noteModuleReports();
     void noteRefusals();
+    void noteClock();
     void countUnwritten(Stream& stream);
     void askAsyncChannels();
 
@@ -136,6 +154,8 @@ private:
     std::atomic<uint64_t> samplesWritten_{0};
     std::atomic<uint64_t> samplesLost_{0};
     uint64_t moduleReportsSeen_ = 0;
+    size_t nextClockChange_ = 0;  // of the clock's watch
+    int64_t startTimeUs_ = 0;
     double lastModuleRowS_ = 0.0;
     std::chrono::steady_clock::time_point startTime_;
     std::chrono::steady_clock::time_point lastFlush_;

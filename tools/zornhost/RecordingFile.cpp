@@ -1,7 +1,6 @@
 #include "tools/zornhost/RecordingFile.h"
 
 #include <fcntl.h>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <limits>
 
+#include "tools/zornhost/Output.h"
 #include "tools/zornhost/RateMath.h"
 
 using Harvane::RT::Core::SampleDataType;
@@ -22,6 +22,8 @@ namespace {
 
 constexpr size_t channelTextSize = 160;
 constexpr size_t causeTextSize = 96;
+constexpr size_t lockTextSize = 16;
+constexpr uint64_t tableChunk = 64;  // rows
 constexpr size_t verdictTextSize = 1000;
 // Chunks in a leaf of a dataset's index are twice as many: a leaf splits after four minutes of a channel. A process
 // that is killed while a split is written leaves a dataset that can't be read.
@@ -36,6 +38,40 @@ struct GapRow {
     char cause[causeTextSize];
     uint8_t estimated;
 };
+
+struct ClockRowOnDisk {
+    double timeS;
+    int64_t timeUs;
+    char lock[lockTextSize];
+    uint8_t tracking;
+    uint8_t error;
+    double phaseErrorNs;
+};
+
+Hid gapType() {
+    Hid type(H5Tcreate(H5T_COMPOUND, sizeof(GapRow)), H5Tclose);
+    const Hid channelText = fixedText(channelTextSize);
+    const Hid causeText = fixedText(causeTextSize);
+    H5Tinsert(type.get(), "channel", HOFFSET(GapRow, channel), channelText.get());
+    H5Tinsert(type.get(), "first_index", HOFFSET(GapRow, firstIndex), H5T_NATIVE_UINT64);
+    H5Tinsert(type.get(), "length", HOFFSET(GapRow, length), H5T_NATIVE_UINT64);
+    H5Tinsert(type.get(), "time", HOFFSET(GapRow, timeS), H5T_NATIVE_DOUBLE);
+    H5Tinsert(type.get(), "cause", HOFFSET(GapRow, cause), causeText.get());
+    H5Tinsert(type.get(), "estimated", HOFFSET(GapRow, estimated), H5T_NATIVE_UINT8);
+    return type;
+}
+
+Hid clockType() {
+    Hid type(H5Tcreate(H5T_COMPOUND, sizeof(ClockRowOnDisk)), H5Tclose);
+    const Hid lockText = fixedText(lockTextSize);
+    H5Tinsert(type.get(), "time", HOFFSET(ClockRowOnDisk, timeS), H5T_NATIVE_DOUBLE);
+    H5Tinsert(type.get(), "time_us", HOFFSET(ClockRowOnDisk, timeUs), H5T_NATIVE_INT64);
+    H5Tinsert(type.get(), "lock", HOFFSET(ClockRowOnDisk, lock), lockText.get());
+    H5Tinsert(type.get(), "tracking", HOFFSET(ClockRowOnDisk, tracking), H5T_NATIVE_UINT8);
+    H5Tinsert(type.get(), "error", HOFFSET(ClockRowOnDisk, error), H5T_NATIVE_UINT8);
+    H5Tinsert(type.get(), "phase_error_ns", HOFFSET(ClockRowOnDisk, phaseErrorNs), H5T_NATIVE_DOUBLE);
+    return type;
+}
 
 hid_t nativeType(SampleDataType type) {
     switch (type) {
@@ -76,14 +112,6 @@ void setFillValue(hid_t properties, SampleDataType type) {
     }
 }
 
-Hid fixedText(size_t size) {
-    Hid type(H5Tcopy(H5T_C_S1), H5Tclose);
-    H5Tset_size(type.get(), size);
-    H5Tset_strpad(type.get(), H5T_STR_NULLTERM);
-    H5Tset_cset(type.get(), H5T_CSET_UTF8);
-    return type;
-}
-
 // One that is there with the same type is overwritten where it lies.
 bool writeAttribute(hid_t object, const std::string& name, hid_t type, const void* value) {
     if (H5Aexists(object, name.c_str()) > 0) {
@@ -116,11 +144,6 @@ bool writeNumber(hid_t object, const std::string& name, double value) {
 
 bool writeInteger(hid_t object, const std::string& name, int64_t value) {
     return writeAttribute(object, name, H5T_NATIVE_INT64, &value);
-}
-
-std::string isoTime(int64_t microseconds) {
-    const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06d}Z", fmt::gmtime(seconds), microseconds % 1000000);
 }
 
 // HDF5 prints its errors, by a setting of each thread.
@@ -207,24 +230,7 @@ RecordingFile::RecordingFile(const std::string& file) : file_(file) {
         fail("create the file");
     }
 
-    gapType_ = Hid(H5Tcreate(H5T_COMPOUND, sizeof(GapRow)), H5Tclose);
-    const Hid channelText = fixedText(channelTextSize);
-    const Hid causeText = fixedText(causeTextSize);
-    H5Tinsert(gapType_.get(), "channel", HOFFSET(GapRow, channel), channelText.get());
-    H5Tinsert(gapType_.get(), "first_index", HOFFSET(GapRow, firstIndex), H5T_NATIVE_UINT64);
-    H5Tinsert(gapType_.get(), "length", HOFFSET(GapRow, length), H5T_NATIVE_UINT64);
-    H5Tinsert(gapType_.get(), "time", HOFFSET(GapRow, timeS), H5T_NATIVE_DOUBLE);
-    H5Tinsert(gapType_.get(), "cause", HOFFSET(GapRow, cause), causeText.get());
-    H5Tinsert(gapType_.get(), "estimated", HOFFSET(GapRow, estimated), H5T_NATIVE_UINT8);
-    const hsize_t none = 0;
-    const hsize_t unlimited = H5S_UNLIMITED;
-    const hsize_t chunk = 64;
-    const Hid space(H5Screate_simple(1, &none, &unlimited), H5Sclose);
-    const Hid properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
-    H5Pset_chunk(properties.get(), 1, &chunk);
-    gaps_ =
-        Hid(H5Dcreate2(handle_.get(), "gaps", gapType_.get(), space.get(), H5P_DEFAULT, properties.get(), H5P_DEFAULT),
-            H5Dclose);
+    gaps_ = RecordingTable(handle_.get(), "gaps", gapType(), tableChunk);
     if (!gaps_.valid()) {
         fail("create the table of gaps");
     }
@@ -348,20 +354,34 @@ void RecordingFile::putGap(uint64_t number, const Gap& gap) {
     row.estimated = gap.estimated ? 1 : 0;
     keepQuiet();
     errno = 0;
-    const hsize_t start = number;
-    const hsize_t one = 1;
-    if (number >= gapCount_) {
-        const hsize_t size = number + 1;
-        if (H5Dset_extent(gaps_.get(), &size) < 0) {
-            fail("extend the table of gaps");
-        }
-        gapCount_ = size;
-    }
-    const Hid target(H5Dget_space(gaps_.get()), H5Sclose);
-    H5Sselect_hyperslab(target.get(), H5S_SELECT_SET, &start, nullptr, &one, nullptr);
-    const Hid source(H5Screate_simple(1, &one, nullptr), H5Sclose);
-    if (H5Dwrite(gaps_.get(), gapType_.get(), source.get(), target.get(), H5P_DEFAULT, &row) < 0) {
+    if (!gaps_.put(number, &row, 1)) {
         fail("write the table of gaps");
+    }
+}
+
+void RecordingFile::addClockChange(const ClockChange& change, double timeS) {
+    ClockRowOnDisk row{};
+    std::strncpy(row.lock, lockText(change.lock), sizeof row.lock - 1);
+    row.timeS = timeS;
+    row.timeUs = change.timeUs;
+    row.tracking = change.tracking ? 1 : 0;
+    row.error = change.error ? 1 : 0;
+    row.phaseErrorNs = change.phaseErrorNs;
+    keepQuiet();
+    errno = 0;
+    if (!clock_.valid()) {
+        clock_ = RecordingTable(handle_.get(), "clock", clockType(), tableChunk);
+    }
+    if (!clock_.valid() || !clock_.put(clock_.size(), &row, 1)) {
+        fail("write the table of the clock");
+    }
+}
+
+void RecordingFile::setClock(const std::string& mode, Lock atStart, Lock atEnd) {
+    if (!writeText(handle_.get(), "clock_mode", mode) ||
+        !writeText(handle_.get(), "clock_lock_at_start", lockText(atStart), lockTextSize) ||
+        !writeText(handle_.get(), "clock_lock_at_end", lockText(atEnd), lockTextSize)) {
+        fail("describe the clock");
     }
 }
 
@@ -404,7 +424,7 @@ void RecordingFile::close(const std::string& verdict, bool complete) {
     for (auto& channel : channels_) {
         closed = channel.dataset.reset() >= 0 && closed;
     }
-    closed = gaps_.reset() >= 0 && closed;
+    closed = gaps_.close() >= 0 && clock_.close() >= 0 && closed;
     if (handle_.reset() < 0 || !closed) {
         fail("close the file");
     }

@@ -1,13 +1,11 @@
 #pragma once
 
-#include <hdf5.h>
-
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/zornhost/RecordingSink.h"
+#include "tools/zornhost/RecordingTable.h"
 
 // A recording on disk: HDF5, readable by any tool for it.
 //
@@ -21,38 +19,16 @@
 //                              (with the reason; empty when the amplifier has taken all)
 //   /gaps                      table: channel, first_index, length (samples), time (s since the start), cause,
 //                              estimated
+//   /clock                     table: time (s since the start), time_us (since 1970), lock ("locked", "not locked",
+//                              "holding", "free-running"), tracking, error, phase_error_ns; the first row is how the
+//                              clock stood at the start, each further one a change
 //   /                          attributes: manufacturer, model, serial_number, hardware_revision, software,
-//                              start_time, start_time_us, verdict (set at the end), complete (1 after a proper end)
+//                              start_time, start_time_us, clock_mode, clock_lock_at_start,
+//                              clock_lock_at_end, verdict (set at the end), complete (1 after a proper end)
 //
 // A failure is a RecordingError with the file, what was tried and the system's reason; the file stays as the last flush
 // has left it. One thread.
 namespace zornhost {
-
-// An HDF5 identifier that is closed by the function it came with.
-class Hid {
-public:
-    using Close = herr_t (*)(hid_t);
-    Hid() = default;
-    Hid(hid_t id, Close close) : id_(id), close_(close) {}
-    Hid(Hid&& other) noexcept : id_(other.id_), close_(other.close_) { other.id_ = -1; }
-    Hid& operator=(Hid&& other) noexcept {
-        std::swap(id_, other.id_);
-        std::swap(close_, other.close_);
-        return *this;
-    }
-    ~Hid() { reset(); }
-    hid_t get() const { return id_; }
-    bool valid() const { return id_ >= 0; }
-    // What the close answered; 0 when nothing was open.
-    herr_t reset() {
-        const hid_t id = std::exchange(id_, -1);
-        return id >= 0 ? close_(id) : 0;
-    }
-
-private:
-    hid_t id_ = -1;
-    Close close_ = nullptr;
-};
 
 class RecordingFile : public RecordingSink {
 public:
@@ -68,6 +44,8 @@ public:
     // Elements in front of `index` that were never written keep the fill value.
     void write(size_t channel, uint64_t index, const void* samples, size_t count) override;
     void putGap(uint64_t row, const Gap& gap) override;
+    void addClockChange(const ClockChange& change, double timeS) override;
+    void setClock(const std::string& mode, Lock atStart, Lock atEnd) override;
     // After this a killed process leaves all that was written before readable.
     void flush() override;
     void close(const std::string& verdict, bool complete) override;
@@ -88,9 +66,8 @@ private:
 
     std::string file_;
     Hid handle_;
-    Hid gaps_;
-    Hid gapType_;
-    uint64_t gapCount_ = 0;
+    RecordingTable gaps_;
+    RecordingTable clock_;    // only where something is known of it
     bool abandoned_ = false;  // nothing more gets into the file
     std::vector<Channel> channels_;
 };

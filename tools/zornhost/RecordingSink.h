@@ -7,6 +7,8 @@
 
 #include <zorn/structure/channel.h>
 
+#include "tools/zornhost/ClockReport.h"
+
 namespace zornhost {
 
 // Why a recording can't be made or goes no further: the file, what was tried, the system's reason.
@@ -60,6 +62,9 @@ public:
     virtual void write(size_t channel, uint64_t index, const void* samples, size_t count) = 0;
     // Rows are numbered from 0 without a hole; one that is there already is replaced.
     virtual void putGap(uint64_t row, const Gap& gap) = 0;
+    // A row of the clock's table; `timeS` since the start.
+    virtual void addClockChange(const ClockChange& change, double timeS) = 0;
+    virtual void setClock(const std::string& mode, Lock atStart, Lock atEnd) = 0;  // attributes; may be renewed
     virtual void flush() = 0;
     // `complete` is false when the recording ended because it failed.
     virtual void close(const std::string& verdict, bool complete) = 0;

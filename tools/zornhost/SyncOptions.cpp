@@ -69,6 +69,14 @@ std::string SyncOption::value() const {
     return fmt::format("[{}, [{}]]", follows, fmt::join(sources, ", "));
 }
 
+bool SyncOption::isStandalone() const {
+    return follows == standalone;
+}
+
+SyncOption appliedOption(Session& session) {
+    return optionOf(session.tree().dataModule().getPropertyValue<BasePtr>(appliedName));
+}
+
 std::vector<SyncOption> offeredOptions(Session& session) {
     std::vector<SyncOption> options;
     const ListPtr list(session.tree().dataModule().getPropertyValue<BasePtr>("SynchronizationOptions").asPtr<IList>());
@@ -100,7 +108,7 @@ void applyOption(Session& session, const std::string& text) {
 int listOptions(Session& session, Output& output, bool json) {
     const auto module = session.tree().dataModule();
     const SyncOption chosen = optionOf(module.getPropertyValue<BasePtr>(chosenName));
-    const SyncOption applied = optionOf(module.getPropertyValue<BasePtr>(appliedName));
+    const SyncOption applied = appliedOption(session);
     const auto offered = offeredOptions(session);
     Json report = Json::array();
     std::vector<std::vector<std::string>> rows{{">No.", "Name", "Value", "State"}};

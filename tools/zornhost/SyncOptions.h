@@ -15,11 +15,14 @@ struct SyncOption {
 
     std::string name() const;   // "Standalone", "PTP", "IRIG in, PTP out"
     std::string value() const;  // "[6, [14]]"
+    bool isStandalone() const;  // it follows nothing
     bool operator==(const SyncOption&) const = default;
 };
 
 // In the order of their numbers, 1 the first.
 std::vector<SyncOption> offeredOptions(Session& session);
+// What is in force.
+SyncOption appliedOption(Session& session);
 // By name, in any case, or by number. Throws std::runtime_error that tells what there is.
 SyncOption chooseOption(const std::vector<SyncOption>& offered, const std::string& text);
 // Makes it the choice, in force from the next start on.
