@@ -10,6 +10,7 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixDeviceFactory_CP.h"
 #include "modules/daq/objectmodel/DaqObjectFactory.h"
 #include "modules/daq/objectmodel/DaqObjectFactoryManager.h"
+#include "modules/daq/objectmodel/DaqTiming.h"
 #include "modules/daq/objectmodel/GenericDeviceFactory.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
@@ -487,6 +488,9 @@ void askAll(OpenModule& module) {
     ask(&module, &IAbsTimeProvider::getTimingError);
     ask(&module, &IAbsTimeProvider::getIsAbsTimeSynchronized);
     module.daqController.phase();
+    if (const auto timing = module.daqController.timeSources().timing) {
+        timing->getClockState();
+    }
 }
 
 }  // namespace
