@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "simulator/model/CanBus.h"
 #include "simulator/model/PtpDaemon.h"
 #include "simulator/model/Scenario.h"
 
@@ -117,6 +118,10 @@ public:
     void ptpReceive(const std::string& client, const uint8_t* bytes, size_t size);
     std::vector<PtpDatagram> ptpDue();  // replies whose time has come
     bool ptpPending() const;            // whether there will be more
+
+    // The CAN ports: doors and what a test uses.
+    CanBus& can();
+    const CanBus& can() const;
 
     // Fills a folder with the plain files of the instrument (sysfs trees, scripts as real shell files).
     void populateRoot(const std::string& folder) const;
