@@ -36,16 +36,15 @@ Clock::Clock(const Scenario& scenario, std::function<double()> now, bool served)
                   .count();
 }
 
-int64_t Clock::realtime() const {
-    return epoch_ + nanoseconds(seconds()) + realtimeSteps();
+int64_t Clock::realtimeAt(double seconds) const {
+    return epoch_ + nanoseconds(seconds) + realtimeStepsAt(seconds);
 }
 
-int64_t Clock::realtimeSteps() const {
-    const double now = seconds();
+int64_t Clock::realtimeStepsAt(double seconds) const {
     double steps = 0.0;
     const std::lock_guard lock(mutex_);
     for (const ReferenceScenario::Shift& step : steps_) {
-        steps += now >= step.at ? step.byMicroseconds : 0.0;
+        steps += seconds >= step.at ? step.byMicroseconds : 0.0;
     }
     return static_cast<int64_t>(std::llround(steps * 1e3));
 }

@@ -23,8 +23,10 @@ public:
     double programFactor() const { return programFactor_; }
 
     // The computer's real-time clock, nanoseconds since 1970: runs with the instrument's time, and steps.
-    int64_t realtime() const;
-    int64_t realtimeSteps() const;  // what is in it by steps, ns
+    int64_t realtime() const { return realtimeAt(seconds()); }
+    int64_t realtimeAt(double seconds) const;                             // what it showed at a time of the instrument
+    int64_t realtimeSteps() const { return realtimeStepsAt(seconds()); }  // what is in it by steps, ns
+    int64_t realtimeStepsAt(double seconds) const;
     void stepRealtime(double microseconds);
     // What it would read without a step when `seconds` was 0: whole seconds since 1970, and the rest.
     int64_t epochSeconds() const { return epoch_ / 1'000'000'000; }

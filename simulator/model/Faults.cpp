@@ -30,11 +30,15 @@ void Faults::clear() {
 }
 
 std::optional<Fault> Faults::hit(FaultKind kind, int target, uint32_t code, int command) {
-    if (!any_) {
-        return std::nullopt;
-    }
+    return any_ ? find(clock_.seconds(), kind, target, code, command) : std::nullopt;
+}
+
+std::optional<Fault> Faults::hitAt(double seconds, FaultKind kind, int target) {
+    return any_ ? find(seconds, kind, target, 0, 0) : std::nullopt;
+}
+
+std::optional<Fault> Faults::find(double now, FaultKind kind, int target, uint32_t code, int command) {
     const std::lock_guard lock(mutex_);
-    const double now = clock_.seconds();
     for (Entry& entry : entries_) {
         const Fault& fault = entry.fault;
         if (fault.kind != kind || (fault.target != -1 && target != -1 && fault.target != target)) {

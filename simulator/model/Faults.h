@@ -24,6 +24,9 @@ public:
     // none; a fault with target -1, code 0 or command 0 hits all of them.
     std::optional<Fault> hit(FaultKind kind, int target = -1, uint32_t code = 0, int command = 0);
 
+    // The same for an access that happened at a time of its own, s of the instrument.
+    std::optional<Fault> hitAt(double seconds, FaultKind kind, int target);
+
     // Whether a fault of this kind exists, due or not, for the target.
     bool present(FaultKind kind, int target = -1) const;
 
@@ -33,6 +36,8 @@ private:
         uint64_t passed = 0;
         int64_t hits = 0;
     };
+
+    std::optional<Fault> find(double now, FaultKind kind, int target, uint32_t code, int command);
 
     const Clock& clock_;
     std::atomic<bool> any_{false};

@@ -62,7 +62,9 @@ public:
           ptp(clock, faults, scenario.ptp, bus.eeprom().data() + 0xFA, realTimeNs()),
           scripts(
               faults, [this](int megahertz) { fpga.setOscillator(megahertz); },
-              [this](const std::string& role) { ptp.start(role); }) {
+              [this](const std::string& role) { ptp.start(role); }),
+          can(clock, faults, scenario),
+          canCommands(can, faults) {
         for (const Fault& fault : scenario.faults) {
             faults.add(fault);
         }
@@ -150,6 +152,8 @@ public:
     Fpga fpga;
     PtpDaemon ptp;
     Scripts scripts;
+    CanBus can;
+    CanCommands canCommands;
     std::mutex sourceMutex;  // taken behind the amplifiers' and in front of the streams'
     std::array<SignalSource, slotCount> sources;
 
@@ -344,6 +348,14 @@ int64_t Instrument::realtimeSteps() const {
     return implementation_->clock.realtimeSteps();
 }
 
+int64_t Instrument::realtimeAt(double seconds) const {
+    return implementation_->clock.realtimeAt(seconds);
+}
+
+int64_t Instrument::realtimeStepsAt(double seconds) const {
+    return implementation_->clock.realtimeStepsAt(seconds);
+}
+
 double Instrument::seconds() const {
     return implementation_->clock.seconds();
 }
@@ -361,15 +373,31 @@ TimingState Instrument::timingState() const {
 }
 
 bool Instrument::ownsCommand(const std::string& commandLine) const {
-    return Scripts::owns(commandLine);
+    return Scripts::owns(commandLine) || implementation_->canCommands.owns(commandLine);
 }
 
-int Instrument::startCommand() {
-    return implementation_->faults.hit(FaultKind::ScriptFails) ? -ENOMEM : 0;
+int Instrument::startCommand(const std::string& commandLine) {
+    if (Scripts::owns(commandLine)) {
+        return implementation_->faults.hit(FaultKind::ScriptFails) ? -ENOMEM : 0;
+    }
+    const auto fault = implementation_->faults.hit(FaultKind::CanCommandFails);
+    return !fault ? 0 : fault->code != 0 ? -fault->code : -ENOMEM;
 }
 
-std::string Instrument::runCommand(const std::string& commandLine) {
-    return implementation_->scripts.run(commandLine);
+CommandResult Instrument::finishCommand(const std::string& commandLine) {
+    if (Scripts::owns(commandLine)) {
+        return {implementation_->scripts.run(commandLine)};
+    }
+    implementation_->scripts.note(commandLine);
+    return implementation_->canCommands.run(commandLine);
+}
+
+CanBus& Instrument::can() {
+    return implementation_->can;
+}
+
+const CanBus& Instrument::can() const {
+    return implementation_->can;
 }
 
 PtpSocketState Instrument::ptpSocket() const {
@@ -409,7 +437,13 @@ std::vector<std::vector<uint8_t>> Instrument::ptpRequests() const {
 }
 
 void Instrument::populateRoot(const std::string& folder) const {
-    populateRootFolder(folder, implementation_->scenario, implementation_->networkAddress());
+    std::vector<std::string> interfaces;
+    for (int port = 0; port < can().ports(); ++port) {
+        if (const CanPortState state = can().state(port); state.exists) {
+            interfaces.push_back(state.name);
+        }
+    }
+    populateRootFolder(folder, implementation_->scenario, implementation_->networkAddress(), interfaces);
 }
 
 const Scenario& Instrument::scenario() const {

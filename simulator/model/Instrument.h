@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "simulator/model/CanBus.h"
+#include "simulator/model/CanCommands.h"
 #include "simulator/model/PtpDaemon.h"
 #include "simulator/model/Scenario.h"
 
@@ -104,19 +106,26 @@ public:
 
     // The computer's clock on the instrument: real time in nanoseconds since 1970, and seconds since it was made.
     int64_t realtime() const;
-    int64_t realtimeSteps() const;  // what is in it by steps, ns
+    int64_t realtimeSteps() const;             // what is in it by steps, ns
+    int64_t realtimeAt(double seconds) const;  // what they were when the instrument was that old
+    int64_t realtimeStepsAt(double seconds) const;
     double seconds() const;
 
-    // Platform scripts: whether the command line is one of the instrument's, and what it prints.
+    // Platform scripts and the commands of CAN: whether the command line is one of the instrument's, and what it does.
     bool ownsCommand(const std::string& commandLine) const;
-    int startCommand();  // 0 or -errno: whether popen works
-    std::string runCommand(const std::string& commandLine);
+    int startCommand(const std::string& commandLine);  // 0 or -errno: whether popen or system works
+    CommandResult finishCommand(const std::string& commandLine);
+    std::string runCommand(const std::string& commandLine) { return finishCommand(commandLine).output; }
 
     // The PTP daemon's socket: what stands at its path, what comes in there and what goes out.
     PtpSocketState ptpSocket() const;
     void ptpReceive(const std::string& client, const uint8_t* bytes, size_t size);
     std::vector<PtpDatagram> ptpDue();  // replies whose time has come
     bool ptpPending() const;            // whether there will be more
+
+    // The CAN ports: doors and what a test uses.
+    CanBus& can();
+    const CanBus& can() const;
 
     // Fills a folder with the plain files of the instrument (sysfs trees, scripts as real shell files).
     void populateRoot(const std::string& folder) const;
@@ -141,7 +150,7 @@ public:
 
     uint32_t registerWord(uint64_t physicalAddress) const;  // as the hardware has it now
     StreamStatistics statistics(int module, Stream stream) const;
-    std::vector<std::string> commandsRun() const;  // every script command line, in order
+    std::vector<std::string> commandsRun() const;  // every command line that was the instrument's, in order
     // Every request frame that an amplifier took, as "slot: A5 01 67 5A", in order.
     std::vector<std::string> framesReceived() const;
     uint64_t supplySwitches() const;  // changes of EI

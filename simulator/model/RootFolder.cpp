@@ -78,7 +78,8 @@ esac
 
 }  // namespace
 
-void populateRootFolder(const std::string& folder, const Scenario& scenario, const std::string& networkAddress) {
+void populateRootFolder(const std::string& folder, const Scenario& scenario, const std::string& networkAddress,
+                        const std::vector<std::string>& canInterfaces) {
     const fs::path root(folder);
     const bool switchesMissing = std::any_of(scenario.faults.begin(), scenario.faults.end(),
                                              [](const Fault& fault) { return fault.kind == FaultKind::SysfsMissing; });
@@ -108,6 +109,10 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
     writeFile(hwmon / "hwmon2/temp2_input", "51800\n");
     writeFile(hwmon / "hwmon2/temp3_input", "53100\n");
     writeFile(root / "sys/class/net/eth0/address", networkAddress + "\n");
+    for (const std::string& name : canInterfaces) {
+        writeFile(root / "sys/class/net" / name / "type", "280\n");  // ARPHRD_CAN
+        writeFile(root / "sys/class/net" / name / "mtu", "16\n");
+    }
     fs::create_directories(root / "var/run");  // for sockets
     writeScript(root / "opt/harvane/scripts/ptp_control.sh", ptpText);
     writeScript(root / "opt/harvane/scripts/vcxo_control.sh", vcxoText);

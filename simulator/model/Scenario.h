@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "simulator/model/CanFrame.h"
 
 // What is plugged into the simulated instrument and what happens to it. Plain data: the JSON form is read by
 // ScenarioJson, the instrument takes a copy.
@@ -111,6 +114,25 @@ enum class FaultKind {
     PtpTwice,            // the same reply comes twice
     PtpErrorStatus,      // a refusal with the error `code` (0: 0xFFFE) instead of the record
     PtpBadVersion,       // version `code` (0: 1) of the protocol
+    // CAN: `target` is the port, `code` the errno where there is a number in brackets.
+    CanErrorFrame,     // a frame that the port hears is destroyed and sent again; its sockets read an error frame of
+                       // class `code` (0: 0x88), whether they asked for those or not
+    CanBusOff,         // the port goes off the bus at a frame that it hears or sends
+    CanUp,             // `ip link set up` fails, exit status 2
+    CanCommandFails,   // system or popen of a CAN command fails (ENOMEM)
+    CanCommandStatus,  // `ip` does nothing and ends with status `code` (0: 2)
+    CanCommandSilent,  // the command that counts the ports prints nothing
+    CanSocket,         // socket fails (EAFNOSUPPORT)
+    CanIndex,          // if_nametoindex fails (ENODEV)
+    CanFlags,          // fcntl(F_SETFL) fails (EPERM)
+    CanBind,           // bind fails (ENODEV)
+    CanOption,         // setsockopt fails (ENOBUFS)
+    CanWait,           // select or poll fails (ENOMEM)
+    CanRead,           // read fails (EIO)
+    CanShortRead,      // read delivers 8 bytes of a frame
+    CanWrite,          // write fails (EIO)
+    CanShortWrite,     // write takes 8 bytes of a frame and sends nothing
+    CanStamp,          // the time of a frame cannot be had (ENOENT)
 };
 
 struct Fault {
@@ -179,6 +201,47 @@ struct PtpScenario {
     double pathDelayNs = 1234.0;                   // to the next port
 };
 
+// A frame that a node repeats. It has one place for it: what could not be sent by the next time is replaced.
+struct CanCyclicScenario {
+    CanFrame frame{};
+    double periodSeconds = 0.1;
+    double firstSeconds = 0.0;  // of the instrument's time
+    uint64_t count = 0;         // 0: without end
+    bool counter = false;       // the first four bytes are the frame's number, from 0, lowest byte first
+};
+
+// A recording that a node plays, in the format of `candump -L`: frames keep their order, each is sent as early as its
+// time and the bus allow. Times count from the earliest of the file.
+struct CanLogScenario {
+    std::string file{};        // empty: none
+    std::string interface {};  // whose lines; empty: all
+    double atSeconds = 0.0;    // the earliest time of the file in the instrument's
+    bool repeat = false;       // again, a millisecond after its end
+};
+
+struct CanBusScenario {
+    uint32_t bitrate = 500'000;  // of the nodes, 1/s
+    bool acknowledged = true;    // a node acknowledges what ports send; false: the other ports have to
+    std::vector<CanCyclicScenario> cyclic{};
+    CanLogScenario log{};
+};
+
+struct CanInterfaceScenario {
+    std::string name{};  // "can0"; a name that begins with "vcan" needs no bit rate and has none
+    int bus = 0;         // place in the list of buses; those beyond it have no traffic
+    bool present = true;
+    bool starts = true;  // false: `ip link set up` fails
+};
+
+struct CanScenario {
+    // Empty: "can0" and so on, as many as canPorts has bits, each on a bus of its own.
+    std::optional<std::vector<CanInterfaceScenario>> interfaces{};
+    std::vector<CanBusScenario> buses{};
+    // Whether frames are stamped from the start, because something else on the instrument wants stamps. False: only
+    // once a program has asked for one; what came before reads the time of asking.
+    bool stampsFromStart = true;
+};
+
 struct Scenario {
     // Board and identity EEPROM.
     int boardType = 0;  // 0: eight slots, 1: two slots
@@ -209,6 +272,7 @@ struct Scenario {
     uint64_t seed = 1;
 
     PtpScenario ptp{};
+    CanScenario can{};
 
     // Eight modules of all kinds with different sines in physical units: what one sees without a scenario file.
     static Scenario standard();

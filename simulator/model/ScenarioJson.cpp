@@ -17,6 +17,7 @@
 #include <string_view>
 #include <utility>
 
+#include "simulator/model/CanLog.h"
 #include "simulator/model/WavFile.h"
 
 namespace kestrixsim {
@@ -104,6 +105,23 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"ptpTwice", FaultKind::PtpTwice},
     {"ptpErrorStatus", FaultKind::PtpErrorStatus},
     {"ptpBadVersion", FaultKind::PtpBadVersion},
+    {"canErrorFrame", FaultKind::CanErrorFrame},
+    {"canBusOff", FaultKind::CanBusOff},
+    {"canUp", FaultKind::CanUp},
+    {"canCommandFails", FaultKind::CanCommandFails},
+    {"canCommandStatus", FaultKind::CanCommandStatus},
+    {"canCommandSilent", FaultKind::CanCommandSilent},
+    {"canSocket", FaultKind::CanSocket},
+    {"canIndex", FaultKind::CanIndex},
+    {"canFlags", FaultKind::CanFlags},
+    {"canBind", FaultKind::CanBind},
+    {"canOption", FaultKind::CanOption},
+    {"canWait", FaultKind::CanWait},
+    {"canRead", FaultKind::CanRead},
+    {"canShortRead", FaultKind::CanShortRead},
+    {"canWrite", FaultKind::CanWrite},
+    {"canShortWrite", FaultKind::CanShortWrite},
+    {"canStamp", FaultKind::CanStamp},
 });
 
 // What `target` and `code` may be. Kinds that are not here have neither.
@@ -112,6 +130,8 @@ struct FaultNumbers {
     int targets;     // from 0 to below this one
     uint32_t codes;  // from 0 to this one
 };
+
+constexpr int canTargets = 32;
 
 constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::MemMap, 0, std::numeric_limits<uint32_t>::max()},
@@ -134,6 +154,22 @@ constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::PtpOversized, 0, 65000},
     {FaultKind::PtpErrorStatus, 0, 0xFFFF},
     {FaultKind::PtpBadVersion, 0, 15},
+    {FaultKind::CanErrorFrame, canTargets, 0x1FF},
+    {FaultKind::CanBusOff, canTargets, 0},
+    {FaultKind::CanUp, canTargets, 0},
+    {FaultKind::CanCommandFails, 0, 4095},
+    {FaultKind::CanCommandStatus, 0, 255},
+    {FaultKind::CanSocket, 0, 4095},
+    {FaultKind::CanIndex, canTargets, 0},
+    {FaultKind::CanFlags, canTargets, 4095},
+    {FaultKind::CanBind, canTargets, 4095},
+    {FaultKind::CanOption, canTargets, 4095},
+    {FaultKind::CanWait, canTargets, 4095},
+    {FaultKind::CanRead, canTargets, 4095},
+    {FaultKind::CanShortRead, canTargets, 0},
+    {FaultKind::CanWrite, canTargets, 4095},
+    {FaultKind::CanShortWrite, canTargets, 0},
+    {FaultKind::CanStamp, canTargets, 0},
 });
 
 template <typename E, size_t N>
@@ -458,7 +494,7 @@ Fault readFault(Section& section) {
                                       [&](const FaultNumbers& each) { return each.kind == fault.kind; });
     const int targets = numbers != faultNumbers.end() ? numbers->targets : 0;
     const uint32_t codes = numbers != faultNumbers.end() ? numbers->codes : 0;
-    section.readInteger("target", fault.target, -1, 15);
+    section.readInteger("target", fault.target, -1, canTargets - 1);
     if (fault.target >= targets) {
         section.fail("target", "is " + std::to_string(fault.target) + ", " +
                                    (targets == 0 ? "but this kind has none"
@@ -496,6 +532,151 @@ PtpScenario readPtp(Section& section) {
     section.readInteger("offsetNs", ptp.offsetNs, -1'000'000'000, 1'000'000'000);
     section.read("pathDelayNs", ptp.pathDelayNs, 0.0, 1e9);
     return ptp;
+}
+
+// Bytes as text, two hexadecimal digits each.
+void readBytes(Section& section, std::string_view key, CanFrame& frame) {
+    std::string text;
+    section.read(key, text);
+    const bool digits = text.find_first_not_of("0123456789abcdefABCDEF") == text.npos;
+    if (!digits || text.size() > 16 || text.size() % 2 != 0) {
+        section.fail(key, "is \"" + text + "\", must be 0 to 8 bytes, two hexadecimal digits each");
+    }
+    frame.length = static_cast<uint8_t>(text.size() / 2);
+    for (size_t i = 0; i < frame.length; ++i) {
+        std::from_chars(text.data() + 2 * i, text.data() + 2 * i + 2, frame.data[i], 16);
+    }
+}
+
+CanCyclicScenario readCyclic(Section& section) {
+    CanCyclicScenario row;
+    section.require("id");
+    bool extended = false;
+    section.read("extended", extended);
+    section.readInteger("id", row.frame.id, 0, extended ? 0x1FFFFFFF : 0x7FF);
+    row.frame.id |= extended ? CanFrame::extended : 0;
+    readBytes(section, "data", row.frame);
+    bool remote = false;
+    section.read("remote", remote);
+    if (remote && row.frame.length != 0) {
+        section.fail("data", "goes with no remote frame");
+    }
+    row.frame.id |= remote ? CanFrame::remote : 0;
+    section.readInteger("length", row.frame.length, remote ? 0 : row.frame.length, remote ? 8 : row.frame.length);
+    section.read("periodSeconds", row.periodSeconds, 1e-6, 1e6);
+    section.read("firstSeconds", row.firstSeconds, 0.0, 1e9);
+    section.readInteger("count", row.count, 0, std::numeric_limits<uint32_t>::max());
+    section.read("counter", row.counter);
+    if (row.counter && (remote || row.frame.length < 4)) {
+        section.fail("counter", "is true, but there are not four bytes of data");
+    }
+    return row;
+}
+
+CanLogScenario readLog(Section& section, const std::string& folder, bool files) {
+    CanLogScenario log;
+    section.require("file");
+    section.read("file", log.file);
+    section.read("interface", log.interface);
+    section.read("atSeconds", log.atSeconds, 0.0, 1e9);
+    section.read("repeat", log.repeat);
+    if (log.file.empty()) {
+        section.fail("file", "is empty");
+    }
+    if (log.file.front() != '/') {
+        log.file = (std::filesystem::path(folder) / log.file).lexically_normal().string();
+    }
+    if (files) {
+        CanLog::read(log.file);
+    }
+    return log;
+}
+
+CanInterfaceScenario readInterface(Section& section, const std::vector<CanInterfaceScenario>& others) {
+    CanInterfaceScenario interface;
+    section.require("name");
+    section.read("name", interface.name);
+    const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+    if (interface.name.empty() || interface.name.size() > 15 ||
+        interface.name.find_first_not_of(letters) != interface.name.npos) {
+        section.fail("name", "is \"" + interface.name + "\", must be 1 to 15 letters, digits, \"_\" or \"-\"");
+    }
+    for (const CanInterfaceScenario& other : others) {
+        if (other.name == interface.name) {
+            section.fail("name", "is \"" + interface.name + "\", which another interface has already");
+        }
+    }
+    interface.bus = static_cast<int>(others.size());
+    section.readInteger("bus", interface.bus, 0, canTargets - 1);
+    section.read("present", interface.present);
+    section.read("starts", interface.starts);
+    return interface;
+}
+
+CanScenario readCan(Section& section, const std::string& folder, bool files) {
+    CanScenario can;
+    if (section.has("interfaces")) {
+        can.interfaces.emplace();
+    }
+    section.readList("interfaces", [&](Section& inner) {
+        if (can.interfaces->size() == static_cast<size_t>(canTargets)) {
+            inner.fail("name", "is that of one interface more than " + std::to_string(canTargets));
+        }
+        can.interfaces->push_back(readInterface(inner, *can.interfaces));
+    });
+    section.readList("buses", [&](Section& inner) {
+        CanBusScenario bus;
+        inner.readInteger("bitrate", bus.bitrate, 5'000, 1'000'000);
+        inner.read("acknowledged", bus.acknowledged);
+        inner.readList("cyclic", [&](Section& row) { bus.cyclic.push_back(readCyclic(row)); });
+        inner.readSection("log", [&](Section& log) { bus.log = readLog(log, folder, files); });
+        can.buses.push_back(std::move(bus));
+    });
+    section.read("stampsFromStart", can.stampsFromStart);
+    return can;
+}
+
+Json canJson(const CanScenario& can) {
+    Json json = Json::object();
+    if (can.interfaces) {
+        json["interfaces"] = Json::array();
+        for (const CanInterfaceScenario& interface : *can.interfaces) {
+            json["interfaces"].push_back({{"name", interface.name},
+                                          {"bus", interface.bus},
+                                          {"present", interface.present},
+                                          {"starts", interface.starts}});
+        }
+    }
+    json["buses"] = Json::array();
+    for (const CanBusScenario& bus : can.buses) {
+        Json item = {{"bitrate", bus.bitrate}, {"acknowledged", bus.acknowledged}};
+        item["cyclic"] = Json::array();
+        for (const CanCyclicScenario& row : bus.cyclic) {
+            const CanFrame& frame = row.frame;
+            std::string data;
+            for (size_t i = 0; i < frame.length && !frame.isRemote(); ++i) {
+                data += hex(frame.data[i], 2).substr(2);
+            }
+            item["cyclic"].push_back({{"id", hex(frame.id & 0x1FFFFFFF, frame.isExtended() ? 8 : 3)},
+                                      {"extended", frame.isExtended()},
+                                      {"data", data},
+                                      {"remote", frame.isRemote()},
+                                      {"length", frame.length},
+                                      {"periodSeconds", row.periodSeconds},
+                                      {"firstSeconds", row.firstSeconds},
+                                      {"count", row.count},
+                                      {"counter", row.counter}});
+        }
+        if (!bus.log.file.empty()) {
+            item["log"] = {{"file", bus.log.file},
+                           {"interface", bus.log.interface},
+                           {"atSeconds", bus.log.atSeconds},
+                           {"repeat", bus.log.repeat}};
+        }
+        json["buses"].push_back(std::move(item));
+    }
+    json["stampsFromStart"] = can.stampsFromStart;
+    return json;
 }
 
 Scenario readScenario(const Json& json, const std::string& name, const std::string& folder, bool files) {
@@ -538,6 +719,7 @@ Scenario readScenario(const Json& json, const std::string& name, const std::stri
     readShifts(section, "realtimeSteps", scenario.realtimeSteps);
     section.readInteger("seed", scenario.seed, 0, std::numeric_limits<uint64_t>::max());
     section.readSection("ptp", [&](Section& inner) { scenario.ptp = readPtp(inner); });
+    section.readSection("can", [&](Section& inner) { scenario.can = readCan(inner, folder, files); });
     section.finish();
     return scenario;
 }
@@ -634,6 +816,7 @@ std::string ScenarioJson::write(const Scenario& scenario) {
                    {"linkUp", scenario.ptp.linkUp},
                    {"offsetNs", scenario.ptp.offsetNs},
                    {"pathDelayNs", scenario.ptp.pathDelayNs}};
+    json["can"] = canJson(scenario.can);
     json["modules"] = Json::array();
     for (const ModuleScenario& module : scenario.modules) {
         Json waveform;

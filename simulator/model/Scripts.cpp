@@ -61,10 +61,7 @@ std::string Scripts::run(const std::string& commandLine) {
     if (!owns(commandLine)) {
         return {};
     }
-    {
-        const std::lock_guard lock(mutex_);
-        commands_.push_back(commandLine);
-    }
+    note(commandLine);
     if (faults_.hit(FaultKind::ScriptRefuses)) {
         return "ERR:fault\n";
     }
@@ -74,6 +71,11 @@ std::string Scripts::run(const std::string& commandLine) {
     const std::string reply = calls(commandLine, ptpScript) ? ptp(argumentsOf(commandLine, ptpScript.size()))
                                                             : vcxo(argumentsOf(commandLine, vcxoScript.size()));
     return faults_.hit(FaultKind::ScriptUnheard) ? std::string() : reply;
+}
+
+void Scripts::note(const std::string& commandLine) {
+    const std::lock_guard lock(mutex_);
+    commands_.push_back(commandLine);
 }
 
 std::string Scripts::ptp(const std::string& arguments) {

@@ -17,6 +17,8 @@ public:
 
     static bool owns(const std::string& commandLine);
     std::string run(const std::string& commandLine);
+    // A command that others answer, in its place among these.
+    void note(const std::string& commandLine);
     std::vector<std::string> commandsRun() const;
 
 private:

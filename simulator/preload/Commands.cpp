@@ -1,6 +1,7 @@
 #include "simulator/preload/Commands.h"
 
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,17 +17,29 @@ namespace {
 
 constexpr size_t limit = 64;  // streams at one time
 constinit std::atomic<FILE*> streams[limit] = {};
+constinit std::atomic<int> statuses[limit] = {};
 constinit std::atomic<int> openStreams{0};
 
-bool remember(FILE* stream) {
-    for (std::atomic<FILE*>& slot : streams) {
+bool remember(FILE* stream, int status) {
+    for (size_t i = 0; i < limit; ++i) {
         FILE* free = nullptr;
-        if (slot.compare_exchange_strong(free, stream)) {
+        if (streams[i].compare_exchange_strong(free, stream)) {
+            statuses[i].store(status);
             openStreams.fetch_add(1);
             return true;
         }
     }
     return false;
+}
+
+// Does what the command does; its output, and its status as a program gets it from wait(2).
+std::string finish(const char* commandLine, int& status) {
+    const CommandResult result = runtime::get().finishCommand(commandLine);
+    if (!result.errors.empty()) {
+        (void)!next::write(STDERR_FILENO, result.errors.data(), result.errors.size());
+    }
+    status = W_EXITCODE(result.status, 0);
+    return result.output;
 }
 
 }  // namespace
@@ -43,11 +56,12 @@ FILE* Commands::start(const char* commandLine, const char* mode, int& error) {
         error = EINVAL;
         return nullptr;
     }
-    error = -runtime::get().startCommand();
+    error = -runtime::get().startCommand(commandLine);
     if (error != 0) {
         return nullptr;
     }
-    const std::string reply = runtime::get().runCommand(commandLine);
+    int status = 0;
+    const std::string reply = finish(commandLine, status);
     const int fd = memfd_create("kestrix-command", std::strchr(mode, 'e') != nullptr ? MFD_CLOEXEC : 0);
     if (fd < 0) {
         error = errno;
@@ -62,7 +76,7 @@ FILE* Commands::start(const char* commandLine, const char* mode, int& error) {
     if (stream == nullptr) {
         error = errno;
         next::close(fd);
-    } else if (!remember(stream)) {
+    } else if (!remember(stream, status)) {
         error = EMFILE;
         next::fclose(stream);
         stream = nullptr;
@@ -70,13 +84,24 @@ FILE* Commands::start(const char* commandLine, const char* mode, int& error) {
     return stream;
 }
 
-bool Commands::end(FILE* stream) {
+int Commands::run(const char* commandLine) {
+    if (const int error = runtime::get().startCommand(commandLine); error != 0) {
+        return error;
+    }
+    int status = 0;
+    const std::string output = finish(commandLine, status);
+    (void)!next::write(STDOUT_FILENO, output.data(), output.size());
+    return status;
+}
+
+bool Commands::end(FILE* stream, int& status) {
     if (stream == nullptr || openStreams.load() == 0) {
         return false;
     }
-    for (std::atomic<FILE*>& slot : streams) {
+    for (size_t i = 0; i < limit; ++i) {
         FILE* mine = stream;
-        if (slot.load(std::memory_order_relaxed) == stream && slot.compare_exchange_strong(mine, nullptr)) {
+        status = statuses[i].load();
+        if (streams[i].load(std::memory_order_relaxed) == stream && streams[i].compare_exchange_strong(mine, nullptr)) {
             openStreams.fetch_sub(1);
             return true;
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <exception>
 
 namespace kestrixsim {
 
@@ -37,5 +38,16 @@ private:
 
     int errno_;
 };
+
+// Runs the instrument's side of a call. Only a lack of memory throws there, which is an I/O error to the caller.
+template <typename Call>
+auto served(Call&& call) -> decltype(call()) {
+    Entry entry;
+    try {
+        return entry.finish(call());
+    } catch (const std::exception&) {
+        return entry.finish(static_cast<decltype(call())>(-EIO));
+    }
+}
 
 }  // namespace kestrixsim

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <exception>
 
 #include "simulator/preload/DescriptorTable.h"
 #include "simulator/preload/Entry.h"
@@ -20,17 +19,6 @@
 using namespace kestrixsim;
 
 namespace {
-
-// Runs the instrument's side of a call. Only a lack of memory throws there, which is an I/O error to the caller.
-template <typename Call>
-auto served(Call&& call) -> decltype(call()) {
-    Entry entry;
-    try {
-        return entry.finish(call());
-    } catch (const std::exception&) {
-        return entry.finish(static_cast<decltype(call())>(-EIO));
-    }
-}
 
 // After the C library made a descriptor of its own: it cannot be the instrument's any more.
 int ordinary(int fd) {
@@ -118,6 +106,11 @@ int controlDescriptor(int fd, int command, void* argument) {
         const int made = next::fcntl(fd, command, argument);
         return shared != nullptr ? duplicated(*shared, made) : made;
     }
+    if (command == F_SETFL) {
+        if (const int error = served([&] { return file->flagsFault(); }); error != 0) {
+            return error;
+        }
+    }
     const int result = next::fcntl(fd, command, argument);
     if (command == F_SETFL && result == 0) {
         file->setNonBlocking((reinterpret_cast<uintptr_t>(argument) & O_NONBLOCK) != 0);
@@ -139,7 +132,7 @@ int describe(int fd, struct stat* status) {
     ServedFile* file = DescriptorTable::find(fd);
     const int result = next::fstat(fd, status);
     if (file != nullptr && result == 0) {
-        status->st_mode = S_IFCHR | 0660;
+        status->st_mode = file->type();
         status->st_rdev = file->device();
         status->st_size = 0;
         status->st_blocks = 0;

@@ -230,7 +230,8 @@ KESTRIX_HOOK(FILE*, fdopen, (int fd, const char* mode)) {
 }
 
 KESTRIX_HOOK(int, fclose, (FILE * stream)) {
-    Commands::end(stream);
+    int ignored = 0;
+    Commands::end(stream, ignored);
     return next::fclose(stream);
 }
 
@@ -258,8 +259,19 @@ KESTRIX_HOOK(FILE*, popen, (const char* commandLine, const char* mode)) {
 }
 
 KESTRIX_HOOK(int, pclose, (FILE * stream)) {
-    if (Commands::end(stream)) {
-        return next::fclose(stream) == 0 ? 0 : -1;
+    int status = 0;
+    if (Commands::end(stream, status)) {
+        return next::fclose(stream) == 0 ? status : -1;
     }
     return next::pclose(stream);
+}
+
+KESTRIX_HOOK(int, system, (const char* commandLine)) {
+    if (!Entry::inside()) {
+        Entry entry;
+        if (Commands::owns(commandLine)) {
+            return entry.finish(Commands::run(commandLine));
+        }
+    }
+    return next::system(commandLine);
 }

@@ -1,5 +1,6 @@
-// Calls on Unix sockets. An address of the instrument leads into the root folder, and back to its own name where the
-// kernel tells it; other addresses go on as they are. What is on its way to or from the PTP daemon gives it its turn.
+// Calls on sockets. Raw CAN sockets are the instrument's. An address of the instrument leads into the root folder, and
+// back to its own name where the kernel tells it; other addresses go on as they are. What is on its way to or from the
+// PTP daemon gives it its turn.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,6 +14,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "simulator/preload/CanSocketFile.h"
+#include "simulator/preload/DescriptorTable.h"
 #include "simulator/preload/Entry.h"
 #include "simulator/preload/NextFunctions.h"
 #include "simulator/preload/Paths.h"
@@ -132,7 +135,51 @@ ssize_t receive(int fd, void* bytes, size_t size, int flags, sockaddr* address, 
 
 }  // namespace
 
+// CAN there is only on the instrument: no such socket reaches the machine.
+KESTRIX_HOOK(int, socket, (int family, int type, int protocol)) {
+    if (family == AF_CAN && !Entry::inside()) {
+        return served([&] { return CanSocketFile::open(type, protocol); });
+    }
+    const int fd = next::socket(family, type, protocol);
+    if (fd >= 0 && DescriptorTable::count() != 0) {
+        DescriptorTable::forget(fd);
+    }
+    return fd;
+}
+
+KESTRIX_HOOK(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t length)) {
+    ServedFile* file = DescriptorTable::find(fd);
+    return file == nullptr ? next::setsockopt(fd, level, name, value, length)
+                           : served([&] { return file->setOption(level, name, value, length); });
+}
+
+KESTRIX_HOOK(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* length)) {
+    ServedFile* file = DescriptorTable::find(fd);
+    return file == nullptr ? next::getsockopt(fd, level, name, value, length)
+                           : served([&] { return file->getOption(level, name, value, length); });
+}
+
+// Names of CAN interfaces are the instrument's, those of others the machine's.
+KESTRIX_HOOK(unsigned, if_nametoindex, (const char* name)) {
+    int index = 0;
+    if (name != nullptr && !Entry::inside()) {
+        Entry entry;
+        CanBus& bus = runtime::get().can();
+        if (bus.ownsName(name)) {
+            index = bus.indexOf(name);
+            if (index < 0) {
+                entry.fail(-index);
+                return 0;
+            }
+        }
+    }
+    return index != 0 ? static_cast<unsigned>(index) : next::if_nametoindex(name);
+}
+
 KESTRIX_HOOK(int, bind, (int fd, const sockaddr* address, socklen_t length)) {
+    if (ServedFile* file = DescriptorTable::find(fd)) {
+        return served([&] { return file->bind(address, length); });
+    }
     const Address target(address, length);
     return target.pass([&] { return next::bind(fd, target.get(), target.length()); });
 }

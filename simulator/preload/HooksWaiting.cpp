@@ -78,6 +78,11 @@ bool daemonIsDue() {
     return PtpSocket::pending();
 }
 
+// Whether the wait for a descriptor is to fail, which sets errno then.
+bool waitFails(ServedFile& file) {
+    return served([&] { return file.waitFault(); }) != 0;
+}
+
 bool anyServed(const pollfd* fds, nfds_t count) {
     if (DescriptorTable::count() == 0 || fds == nullptr) {
         return false;
@@ -93,7 +98,10 @@ int pollServed(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_
     }
     for (nfds_t i = 0; i < count; ++i) {
         others[i] = fds[i];
-        if (DescriptorTable::find(fds[i].fd) != nullptr) {
+        if (ServedFile* file = DescriptorTable::find(fds[i].fd)) {
+            if (waitFails(*file)) {
+                return -1;
+            }
             others[i].fd = -1;
         }
     }
@@ -166,13 +174,24 @@ int selectServed(int limit, const Sets& sets, const timespec* timeout, const sig
     fd_set mine[3];
     const fd_set others[3] = {split(limit, sets.readable, mine[0]), split(limit, sets.writable, mine[1]),
                               split(limit, sets.exceptional, mine[2])};
+    // Most of such waits are for one descriptor of the instrument, without any time: no call of the kernel in them.
+    bool kernel = timeout == nullptr || signals != nullptr || timeout->tv_sec != 0 || timeout->tv_nsec != 0;
+    for (int fd = 0; fd < limit; ++fd) {
+        if (FD_ISSET(fd, &mine[0]) || FD_ISSET(fd, &mine[1]) || FD_ISSET(fd, &mine[2])) {
+            if (ServedFile* file = DescriptorTable::find(fd); file != nullptr && waitFails(*file)) {
+                return -1;
+            }
+        } else {
+            kernel = kernel || FD_ISSET(fd, &others[0]) || FD_ISSET(fd, &others[1]) || FD_ISSET(fd, &others[2]);
+        }
+    }
     const Deadline deadline(timeout);
     for (int64_t wait = 0;; wait = std::min(slice(), deadline.left())) {
         const bool last = wait == 0 && deadline.left() == 0;
         fd_set result[3] = {others[0], others[1], others[2]};
         const timespec pause{0, wait};
         daemonIsDue();
-        int ready = next::pselect(limit, &result[0], &result[1], &result[2], &pause, signals);
+        int ready = kernel ? next::pselect(limit, &result[0], &result[1], &result[2], &pause, signals) : 0;
         if (ready < 0) {
             return -1;
         }

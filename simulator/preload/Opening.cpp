@@ -48,20 +48,24 @@ int openDevice(const Location& location, int flags) {
         return result;
     }
     file->setOpened(flags, nodeNumber(location));
-    const int fd = memfd_create("kestrix-device", MFD_ALLOW_SEALING | ((flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0));
+    return giveDescriptor(*file, (flags & O_CLOEXEC) != 0);
+}
+
+int giveDescriptor(ServedFile& file, bool closeOnExec) {
+    const int fd = memfd_create("kestrix-device", MFD_ALLOW_SEALING | (closeOnExec ? MFD_CLOEXEC : 0));
     if (fd < 0) {
         const int error = errno;
-        file->release();
+        file.release();
         return -error;
     }
     // A write that is not interposed fails instead of vanishing.
     next::fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE);
-    if ((flags & O_NONBLOCK) != 0) {
+    if (file.nonBlocking()) {
         next::fcntl(fd, F_SETFL, O_NONBLOCK);
     }
-    if (!DescriptorTable::put(fd, *file)) {
+    if (!DescriptorTable::put(fd, file)) {
         next::close(fd);
-        file->release();
+        file.release();
         return -EMFILE;
     }
     return fd;

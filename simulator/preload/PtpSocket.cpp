@@ -38,7 +38,7 @@ void openSocket(const std::string& path) {
         return;
     }
     std::memcpy(address.sun_path, path.data(), path.size());
-    const int low = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int low = next::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     // Far up, where it is in nobody's way.
     const int high = low >= 0 ? next::fcntl(low, F_DUPFD_CLOEXEC, 900) : -1;
     socketFd = high >= 0 ? high : low;

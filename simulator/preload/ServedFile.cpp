@@ -48,6 +48,18 @@ int ServedFile::flush(int) {
     return -ENOTTY;
 }
 
+int ServedFile::bind(const sockaddr*, socklen_t) {
+    return -ENOTSOCK;
+}
+
+int ServedFile::setOption(int, int, const void*, socklen_t) {
+    return -ENOTSOCK;
+}
+
+int ServedFile::getOption(int, int, void*, socklen_t*) {
+    return -ENOTSOCK;
+}
+
 void ServedFile::setNonBlocking(bool on) {
     if (on) {
         flags_.fetch_or(O_NONBLOCK, std::memory_order_relaxed);

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <termios.h>
 
@@ -31,6 +33,18 @@ public:
 
     // Events of poll(2) that hold now.
     virtual short ready();
+
+    // What fstat(2) says that it is.
+    virtual mode_t type() const { return S_IFCHR | 0660; }
+
+    // Whether a wait for it, or F_SETFL, fails: 0 or a negative errno.
+    virtual int waitFault() { return 0; }
+    virtual int flagsFault() { return 0; }
+
+    // Of sockets.
+    virtual int bind(const sockaddr* address, socklen_t length);
+    virtual int setOption(int level, int name, const void* value, socklen_t length);
+    virtual int getOption(int level, int name, void* value, socklen_t* length);
 
     virtual bool isTerminal() const { return false; }
     virtual int getAttributes(termios& settings);

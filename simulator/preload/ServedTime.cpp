@@ -94,6 +94,28 @@ int get(clockid_t clock, timespec* time) {
     return result;
 }
 
+int64_t realtimeAt(const Instrument& instrument, double seconds) {
+    const Settings* settings = current.load(std::memory_order_acquire);
+    if (settings != nullptr && settings->ownRealtime) {
+        return instrument.realtimeAt(seconds);
+    }
+    // The machine's clock, as it was then: the less goes by between the two looks, the better.
+    int64_t shown = 0;
+    int64_t narrowest = second;
+    for (int attempt = 0; attempt < 3 && narrowest > 5'000; ++attempt) {
+        timespec time{};
+        const int64_t before = machineNow();
+        next::clock_gettime(CLOCK_REALTIME, &time);
+        const double age = instrument.seconds() - seconds;
+        const int64_t took = machineNow() - before;
+        if (took < narrowest) {
+            narrowest = took;
+            shown = nanoseconds(time) - static_cast<int64_t>(age / instrument.scenario().timeFactor * 1e9);
+        }
+    }
+    return shown + instrument.realtimeStepsAt(seconds);
+}
+
 int64_t leftUntil(clockid_t clock, const timespec& deadline) {
     timespec now{};
     get(clock, &now);

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "simulator/model/Scenario.h"
+#include "simulator/model/Instrument.h"
 
 // The computer's clocks as programs on the instrument see them. With a time factor all of them run by it, and what a
 // program waits for is as much shorter; otherwise only the real-time clock may differ, by its start and its steps. The
@@ -26,6 +26,8 @@ int64_t toMachine(int64_t nanoseconds);
 
 // As the call, for a program.
 int get(clockid_t clock, timespec* time);
+// What programs were shown as real time when the instrument was `seconds` old, ns since 1970; that was not long ago.
+int64_t realtimeAt(const Instrument& instrument, double seconds);
 // What is left until a deadline on a program's clock, in the machine's nanoseconds; 0 when it has passed.
 int64_t leftUntil(clockid_t clock, const timespec& deadline);
 

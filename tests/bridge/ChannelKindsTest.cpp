@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "modules/daq/bridge/DaqRTOperation.h"
 #include "modules/daq/bridge/DaqStructure.h"
-#include "modules/daq/bridge/RtcClasses.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/AOChannel.h"
 #include "modules/daq/objectmodel/CANChannel.h"
@@ -92,6 +92,8 @@ public:
     std::shared_ptr<CanPorts> can;
 };
 
+class ClassesOfRoutesTest : public testing::Test, protected Bench {};
+
 ConfigurationAction actionOf(const PropertyInfoPtr& info, ConfigurationMode mode, PropertyState state) {
     ConfigurationAction action{};
     checkErrorInfo(info->getConfigurationAction(mode, state, &action));
@@ -106,7 +108,7 @@ class ChannelKindsTest : public testing::Test, protected Bench {
 protected:
     ChannelKindsTest() : device(std::make_shared<ManyKinds>()) { build({device}); }
 
-    const RtcClasses classes;
+    const DaqRTOperation classes{*structure, data};
     std::shared_ptr<ManyKinds> device;
 };
 
@@ -220,23 +222,52 @@ TEST_F(ChannelKindsTest, CounterSettingsStandOnTheFolder) {
     EXPECT_TRUE(channels[2]->resetOnStartMeasure);
 }
 
-// The classes are the process's; they go with the last module that needs them.
-TEST(RtcClassesTest, LiveWithTheModules) {
-    const auto known = [] {
-        size_t count = 0;
-        for (const char* name : {"RTC_CAN", "RTC_CAN_V1", "RTC_AO"}) {
-            count += PropertyObjectManagerPtr::create().findClass(name) ? 1 : 0;
+// The classes are the process's; they go with the last one that needs them, whoever has registered them, and those of
+// others stay.
+TEST_F(ClassesOfRoutesTest, LiveWithTheModules) {
+    using Names = std::vector<std::string>;
+    const auto manager = PropertyObjectManagerPtr::create();
+    const auto known = [&] {
+        Names names;
+        for (const char* name : {"RTC_CAN", "RTC_CAN_V1", "RTC_AO", "RTC_USERS"}) {
+            if (manager.findClass(name)) {
+                names.emplace_back(name);
+            }
         }
-        return count;
+        return names;
     };
-    ASSERT_EQ(known(), 0u);
-    {
-        const RtcClasses first;
-        { const RtcClasses second; }
-        EXPECT_EQ(known(), 3u);
-        EXPECT_EQ(PropertyObjectManagerPtr::create().findClass("RTC_CAN_V1").getParent(), StringPtr("RTC_CAN"));
-    }
-    EXPECT_EQ(known(), 0u);
+    const Names all{"RTC_CAN", "RTC_CAN_V1", "RTC_AO", "RTC_USERS"};
+    using Operation = std::unique_ptr<DaqRTOperation>;
+    const auto join = [&] { return std::make_unique<DaqRTOperation>(*structure, data); };
+    ASSERT_EQ(known(), Names());
+    Operation first = join();
+    Operation second = join();
+    first.reset();
+    EXPECT_EQ(known(), all);
+    // Another library's module holds the same class and knows nothing else of this one's.
+    auto stranger = manager.findClass("RTC_USERS");
+    second.reset();
+    EXPECT_EQ(known(), all);
+    EXPECT_EQ(manager.findClass("RTC_CAN_V1").getParent(), StringPtr("RTC_CAN"));
+    first = join();
+    stranger.release();
+    first.reset();
+    EXPECT_EQ(known(), Names());
+
+    auto foreign = PropertyObjectClassPtr::create();
+    foreign.setName("RTC_AO");
+    manager.addClass(foreign);
+    first = join();
+    second = join();
+    first.reset();
+    // One that somebody has taken away comes back with the next who needs it.
+    manager.removeClass("RTC_CAN_V1");
+    first = join();
+    EXPECT_EQ(known(), all);
+    first.reset();
+    second.reset();
+    EXPECT_EQ(known(), Names{"RTC_AO"});
+    manager.removeClass("RTC_AO");
 }
 
 }  // namespace

@@ -6,11 +6,23 @@
 
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/HostValues.h"
-#include "modules/daq/objectmodel/Log.h"
 
 namespace Harvane::RT::Modules::Daq {
 
 using namespace Core;
+
+namespace {
+
+constexpr LossCount::Words lostSamples{
+    DaqChannelConsts::LostSamplesProp, "has lost",
+    "asynchronous samples in this run: its ring no longer held them when they were to be passed on",
+    "asynchronous samples in this run; its samples are passed on again"};
+
+std::shared_ptr<LossCount> lostIn(const Channel& channel) {
+    return std::make_shared<LossCount>("Channel \"" + channel.name + "\"", lostSamples);
+}
+
+}  // namespace
 
 int64_t toTicks(double value) {
     constexpr double limit = 9.2e18;
@@ -20,18 +32,21 @@ int64_t toTicks(double value) {
 void AsyncExchange::registerLosses(const ChannelsMap& channels, HostHooks& hooks) {
     losses_.clear();
     for (const auto& [channel, hostChannel] : channels) {
-        Count count;
-        if (channel->sampleType == SampleType::Async) {
-            count = std::make_shared<std::atomic<int64_t>>(0);
-            hostChannel.registerProperty(
-                PropertyInfoPtr::create(DaqChannelConsts::LostSamplesProp, CoreType::Func).hidden());
-            hostChannel.setPropertyValue(DaqChannelConsts::LostSamplesProp,
+        if (channel->sampleType != SampleType::Async) {
+            losses_.emplace_back();
+            continue;
+        }
+        losses_.push_back(lostIn(*channel));
+        std::vector<Count> counts = channel->losses;
+        counts.push_back(losses_.back());
+        for (const Count& count : counts) {
+            hostChannel.registerProperty(PropertyInfoPtr::create(count->property(), CoreType::Func).hidden());
+            hostChannel.setPropertyValue(count->property(),
                                          makeFunc(hooks.whileAlive([count](const BasePtr&, BasePtr& result) -> ErrCode {
-                                             result = toValue(count->load(std::memory_order_relaxed));
+                                             result = toValue(count->get());
                                              return Errors::Success;
                                          })));
         }
-        losses_.push_back(std::move(count));
     }
 }
 
@@ -49,9 +64,9 @@ void AsyncExchange::prepare(const ChannelsMap& channels) {
         entry.hostBuffer = hostChannel.getBuffer();
         entry.lost = i < losses_.size() ? losses_[i] : nullptr;
         if (!entry.lost) {
-            entry.lost = std::make_shared<std::atomic<int64_t>>(0);
+            entry.lost = lostIn(*channel);
         }
-        entry.lost->store(0, std::memory_order_relaxed);
+        entry.lost->reset();
         (channel->isControl ? outputs_ : inputs_).push_back(std::move(entry));
     }
 }
@@ -73,29 +88,12 @@ void AsyncExchange::send() {
 
 // What of the missing samples is still there; the rest is lost.
 int64_t AsyncExchange::limit(Entry& entry, int64_t missing, int64_t available) {
-    const int64_t lostBefore = entry.lost->load(std::memory_order_relaxed);
-    const int64_t count = missing - lostBefore;
-    if (count <= available) {
-        if (count > 0 && entry.losing) {
-            entry.losing = false;
-            if (lostBefore != entry.told) {
-                LOG_(0, plog::error) << "Channel \"" << entry.channel->name << "\" has lost " << lostBefore
-                                     << " asynchronous samples in this run; its samples are passed on again";
-                entry.told = lostBefore;
-            }
-        }
-        return std::max<int64_t>(count, 0);
+    const int64_t count = missing - entry.lost->get();
+    if (count > available) {
+        entry.lost->add(count - available);
     }
-    const int64_t lost = lostBefore + count - available;
-    entry.lost->store(lost, std::memory_order_relaxed);
-    if (!entry.losing) {
-        entry.losing = true;
-        entry.told = lost;
-        LOG_(0, plog::error) << "Channel \"" << entry.channel->name << "\" has lost " << lost
-                             << " asynchronous samples in this run: its ring no longer held them when they were to be "
-                                "passed on";
-    }
-    return available;
+    entry.lost->endOfPass(count > 0);
+    return std::clamp<int64_t>(count, 0, available);
 }
 
 void AsyncExchange::receive(Entry& entry) const {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -9,6 +8,7 @@
 #include <zorn/structure/channel.h>
 
 #include "modules/daq/bridge/BridgeState.h"
+#include "modules/daq/objectmodel/LossCount.h"
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -21,7 +21,8 @@ public:
     // Ticks per second of the host's time stamps.
     explicit AsyncExchange(int64_t clockBase) : clockBase_(clockBase) {}
 
-    // Gives the asynchronous input channels of the host their count of losses. Once, when the tree stands.
+    // Gives the asynchronous channels of the host a function for each of their counts of losses: "LostSamples", and
+    // what the device counts besides. Once, when the tree stands.
     void registerLosses(const ChannelsMap& channels, HostHooks& hooks);
     // Before a run: everything that the cycle needs, so that it asks for no interface and allocates nothing.
     void prepare(const ChannelsMap& channels);
@@ -31,14 +32,12 @@ public:
     void send();     // host to device
 
 private:
-    using Count = std::shared_ptr<std::atomic<int64_t>>;
+    using Count = std::shared_ptr<LossCount>;
     struct Entry {
         std::shared_ptr<Channel> channel;
         Core::AsyncChannelPtr host;
         Core::ChannelBufferPtr<Core::IChannelBuffer> hostBuffer;
-        Count lost;           // in this run
-        int64_t told = 0;     // of them, in the log
-        bool losing = false;  // since the last pass that lost none
+        Count lost;
     };
 
     static int64_t limit(Entry& entry, int64_t missing, int64_t available);

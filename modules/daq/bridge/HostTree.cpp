@@ -11,11 +11,11 @@
 #include "modules/daq/amplifier/DaqAmplifier.h"
 #include "modules/daq/amplifier/DefinitionTrial.h"
 #include "modules/daq/bridge/CntProperties.h"
+#include "modules/daq/bridge/DaqRTOperation.h"
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/HostRates.h"
 #include "modules/daq/bridge/HostSynchronization.h"
 #include "modules/daq/bridge/HostValues.h"
-#include "modules/daq/bridge/RtcClasses.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "modules/daq/objectmodel/AIDevice.h"
@@ -437,7 +437,7 @@ void HostTree::addRoute(const ChannelPtr<IChannel>& hostChannel, const char* cla
 }
 
 void HostTree::buildAOChannel(const std::shared_ptr<AOChannel>&, const ChannelPtr<IChannel>& hostChannel) {
-    addRoute(hostChannel, RtcClasses::AOClass);
+    addRoute(hostChannel, DaqRTOperation::AOClass);
 }
 
 void HostTree::buildCntChannel(const std::shared_ptr<CntChannel>& channel, const ChannelPtr<IChannel>& hostChannel) {
@@ -466,7 +466,7 @@ void HostTree::buildCANChannel(const std::shared_ptr<CANChannel>& channel, const
             .values(ListPtr::create({toValue(Consts::ReadOnlyMode), toValue(Consts::ReadWriteMode)})));
     hostChannel.setPropertyValue(Consts::OperationModeProp,
                                  channel->writeEnable != 0 ? Consts::ReadWriteMode : Consts::ReadOnlyMode);
-    addRoute(hostChannel, RtcClasses::CanV1Class);
+    addRoute(hostChannel, DaqRTOperation::CanV1Class);
 }
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -242,7 +242,24 @@ void DaqController::stopAcquisition() {
 }
 
 void DaqController::acquireData() {
-    systemDevice->acquireData();
+    // What fails in one device leaves the samples of the others where they are to be counted.
+    std::exception_ptr failure;
+    try {
+        systemDevice->acquireData();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    try {
+        countSamples();
+    } catch (...) {
+        failure = failure ? failure : std::current_exception();
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+}
+
+void DaqController::countSamples() {
     const auto [least, most, sum] = acquisitionChannels.getSamplesAcquired();
     maxSamplesAcquired = most;
     const auto drift = static_cast<double>(most - least);

@@ -69,8 +69,9 @@ public:
     bool acqInitialized() const { return phase() == AcquisitionPhase::Initialised; }
     // Throws WrongPhaseException with the refusal in words.
     void require(AcquisitionStep step) const;
-    // Throws DataLostException when the fastest and the slowest channel have drifted apart by more than three quarters
-    // of a channel's ring.
+    // Throws the first failure of a device, after all have been asked and their samples been counted, and
+    // DataLostException when the fastest and the slowest channel have drifted apart by more than three quarters of a
+    // channel's ring.
     void acquireData();
     void sendData();
 
@@ -133,6 +134,7 @@ public:
 
 private:
     void setPhase(AcquisitionPhase phase);
+    void countSamples();
     void chooseTimeSources();
     void publishTimeSources();
 

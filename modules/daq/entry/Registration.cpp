@@ -1,6 +1,7 @@
 #include <zorn/objects/property_object_impl.h>
 #include <zorn/structure/property_classes.h>
 
+#include "modules/daq/can/CANSocketDevice.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDevice.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDeviceFactory_CP.h"
 #include "modules/daq/objectmodel/DaqObjectFactory.h"
@@ -27,6 +28,7 @@ void registerObject() {
     registerObject<GenericInterface<FixedInterfaceHelper, FixedInterfacePort>, DaqObjectFactoryType::Interface>();
     registerObject<KestrixDevice, DaqObjectFactoryType::Device>();
     registerObject<GenericDeviceFactory<KestrixDevice, KestrixDeviceFactory_CP>, DaqObjectFactoryType::DeviceFactory>();
+    registerObject<CANSocketDevice, DaqObjectFactoryType::Device>();
     const Core::ErrCode code = Core::SerializerRegistration::instance().code;
     if (Core::failed(code)) {
         Core::rememberStartupFailure(code, "The host refuses the factory of property objects.");

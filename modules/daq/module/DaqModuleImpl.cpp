@@ -183,7 +183,7 @@ void DaqModuleImpl::onAdd(const ModuleAddParamsPtr& params) {
         throw InvalidParameterException("The module needs a data module to build its tree in.");
     }
     try {
-        rtcClasses_ = std::make_unique<RtcClasses>();
+        daqRTOperation = std::make_unique<DaqRTOperation>(daqStructure, data);
         daqController.initialize();
         daqController.scan();
         daqController.initializeHardware();
@@ -194,6 +194,7 @@ void DaqModuleImpl::onAdd(const ModuleAddParamsPtr& params) {
     } catch (...) {
         daqStructure.forget();
         daqController.reset();
+        daqRTOperation.reset();
         throw;
     }
 }
@@ -223,6 +224,28 @@ void DaqModuleImpl::prepare() {
     daqController.operationMode = mode == 2 ? 2 : 1;
     daqController.prepareAcquisition();
     daqStructure.initialize();
+    daqRTOperation->prepareAcquisition(exchangeRate());
+}
+
+// Cycles per second, 0 when nobody knows.
+int DaqModuleImpl::exchangeRate() const {
+    if (daqController.loopDevice) {
+        return daqController.loopDevice->cycleRate;
+    }
+    const long cycleTimeMs = data.getCycleTimeMs();
+    return cycleTimeMs == 0 ? 0 : static_cast<int>(1000 / cycleTimeMs);
+}
+
+// Once more for the coming run: ranges and scales that the routes go by have only come into force now, and a route may
+// have been replaced.
+void DaqModuleImpl::prepareRoutes() {
+    try {
+        daqRTOperation->prepareAcquisition(exchangeRate());
+        daqRTOperation->tellRemarks();
+    } catch (...) {
+        daqController.invalidate();
+        throw;
+    }
 }
 
 // What has been changed since the last set-up counts: everything that depends on it is done anew.
@@ -237,6 +260,7 @@ void DaqModuleImpl::onStart() {
     if (!daqController.acqInitialized() || !daqStructure.isCurrent()) {
         setUpRun();
     }
+    prepareRoutes();
     asyncExchange_.prepare(daqStructure.getChannelsMap());
     timingFaults_.emplace("The timing device");
     daqController.startAcquisition();
@@ -253,11 +277,11 @@ void DaqModuleImpl::onStop() {
 
 // ---- Cycle ----------------------------------------------------------------------------------------------------------
 
-// What fails in one stage is logged, and the stages behind it still run. The exchange over the routes stands behind the
-// samples that come in.
+// What fails in one stage is logged, and the stages behind it still run.
 const DaqModuleImpl::Stage DaqModuleImpl::stages[] = {
     {"Exception in DAQ::acquireData: ", &DaqModuleImpl::acquireData},
     {"Exception while transfering data from DAQ async channels to RT: ", &DaqModuleImpl::receiveAsyncSamples},
+    {"Exception in Daq::processData: ", &DaqModuleImpl::processRoutes, "\n"},
     {"Exception while transfering data from RT async channels to DAQ: ", &DaqModuleImpl::sendAsyncSamples},
     {"Exception in DAQ::sendData: ", &DaqModuleImpl::sendData},
 };
@@ -271,7 +295,7 @@ void DaqModuleImpl::onProcessData() {
         try {
             (this->*stage.run)();
         } catch (const std::exception& exception) {
-            LOG_(0, plog::error) << stage.failure << textOf(exception);
+            LOG_(0, plog::error) << stage.failure << textOf(exception) << stage.end;
         }
     }
 }
@@ -282,6 +306,10 @@ void DaqModuleImpl::acquireData() {
 
 void DaqModuleImpl::receiveAsyncSamples() {
     asyncExchange_.receive();
+}
+
+void DaqModuleImpl::processRoutes() {
+    daqRTOperation->processData();
 }
 
 void DaqModuleImpl::sendAsyncSamples() {

@@ -7,8 +7,8 @@
 
 #include "libraries/utils/FaultReport.h"
 #include "modules/daq/bridge/AsyncExchange.h"
+#include "modules/daq/bridge/DaqRTOperation.h"
 #include "modules/daq/bridge/DaqStructure.h"
-#include "modules/daq/bridge/RtcClasses.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/module/GenericModuleImpl.h"
 
@@ -55,8 +55,9 @@ protected:
     // The controller dies first and leaves the device tree to the bridge's maps: devices don't refer to it.
     DaqStructure daqStructure;
     DaqController daqController;
-    Core::ObjectPtr<Core::IProcObject> loopProc;  // given to startLoop
-    std::atomic<bool> tracking{true};             // as last read from the timing device
+    std::unique_ptr<DaqRTOperation> daqRTOperation;  // from add on: the tree has objects of its classes
+    Core::ObjectPtr<Core::IProcObject> loopProc;     // given to startLoop
+    std::atomic<bool> tracking{true};                // as last read from the timing device
     std::atomic<bool> timingError{false};
     int64_t clockBase = 1000000000;  // ticks per second of all clock values
 
@@ -65,6 +66,7 @@ private:
     struct Stage {
         const char* failure;
         void (DaqModuleImpl::*run)();
+        const char* end = "";
     };
     static const Stage stages[];
 
@@ -72,14 +74,16 @@ private:
     DaqController& controller() { return daqController; }
     void prepare();
     void setUpRun();
+    int exchangeRate() const;
+    void prepareRoutes();
     void forceRefreshTrackingAndErrorStatus();
     int64_t readAbsTime(DaqTiming& timing);
     void acquireData();
     void receiveAsyncSamples();
+    void processRoutes();
     void sendAsyncSamples();
     void sendData();
 
-    std::unique_ptr<RtcClasses> rtcClasses_;  // from add on: the tree has objects of these classes
     AsyncExchange asyncExchange_{clockBase};
     std::optional<Utils::FaultReport> timingFaults_;  // of this run; cycle thread
 };

@@ -5,12 +5,14 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "modules/daq/objectmodel/ChannelBuffer.h"
 #include "modules/daq/objectmodel/ChannelRate.h"
 #include "modules/daq/objectmodel/DaqException.h"
 #include "modules/daq/objectmodel/DynArrayPositionIndex.h"
 #include "modules/daq/objectmodel/IChannelBuffer.h"
+#include "modules/daq/objectmodel/LossCount.h"
 #include "modules/daq/objectmodel/SampleCounter.h"
 #include "modules/daq/objectmodel/SampleType.h"
 
@@ -124,6 +126,8 @@ public:
     int phaseDelay = 0;                   // Samples.
     bool isControl = false;               // Output channel: data flows from the host to the device.
     bool noReserve = false;               // The host is not to reserve memory.
+    // What the device counts of samples that don't get through; asynchronous channels only. The device resets them.
+    std::vector<std::shared_ptr<LossCount>> losses;
 
 protected:
     // Sample buffer of an analog channel: the smallest type that holds the bits; float or double with isFloat. Throws

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -14,6 +15,7 @@ public:
 class DataLostException : public DaqException {
 public:
     DataLostException() : DaqException("Data lost") {}
+    explicit DataLostException(const std::string& cause) : DaqException("Data lost: " + cause) {}
 };
 
 // A type that doesn't fit: an unknown class, a sample of another size than the buffer's, an impossible resolution.
@@ -26,6 +28,7 @@ public:
 class NotActiveChannelException : public DaqException {
 public:
     NotActiveChannelException() : DaqException("Not active channel") {}
+    explicit NotActiveChannelException(const std::string& cause) : DaqException("Not active channel: " + cause) {}
 };
 
 // An operation that this kind of object hasn't got.

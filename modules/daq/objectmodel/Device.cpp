@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 
 #include "modules/daq/objectmodel/Channel.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"
@@ -117,10 +118,21 @@ void Device::abortAcquisition() noexcept {
     }
 }
 
+// A child that fails must not cost the others their samples.
 void Device::acquireData() {
     channels.beforeAcquireData();
-    forEachChild([&](Device& child) { child.acquireData(); });
+    std::exception_ptr firstFailure;
+    forEachChild([&](Device& child) {
+        try {
+            child.acquireData();
+        } catch (...) {
+            firstFailure = firstFailure ? firstFailure : std::current_exception();
+        }
+    });
     channels.afterAcquireData();
+    if (firstFailure) {
+        std::rethrow_exception(firstFailure);
+    }
 }
 
 void Device::sendData() {

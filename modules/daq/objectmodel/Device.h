@@ -20,8 +20,9 @@ class ChannelFolder;
 
 // A node with channels that takes part in the acquisition's walk down the tree. Each step of an acquisition is one
 // virtual operation; the base runs it on its own channels and on the child devices, a subclass calls its base and adds
-// its own. Walks catch nothing: an exception of a child leaves out the children behind it. No lock: all walks run on
-// one thread at a time. Rates are in Hz. Devices don't refer to the controller, which they may outlive.
+// its own. Walks catch nothing: an exception of a child leaves out the children behind it, but for acquireData, which
+// goes to all of them and then throws the first one's. No lock: all walks run on one thread at a time. Rates are in Hz.
+// Devices don't refer to the controller, which they may outlive.
 class Device : public TopologyElement {
 public:
     static constexpr int noMaxRate = std::numeric_limits<int>::max();

@@ -2,6 +2,7 @@
 
 #include "libraries/devices/embedded/I2cRegisterAccess.h"
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
+#include "modules/daq/can/CanSocketSubDevice.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDaqClock.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDaqTiming.h"
@@ -90,6 +91,10 @@ std::shared_ptr<AIDevice> KestrixDevice::createAIDevice() {
     auto analogInputs = std::make_shared<KestrixAI>(memoryAccess_, identity_);
     onBaseClockChanged();
     return analogInputs;
+}
+
+std::shared_ptr<CANDevice> KestrixDevice::createCANDevice() {
+    return std::make_shared<CanSocketSubDevice>(identity_.canPorts);
 }
 
 void KestrixDevice::onBaseClockChanged() {
