@@ -486,6 +486,11 @@ ObjectPtr<IModule> ModuleHost::module() const {
     return state_->module;
 }
 
+void ModuleHost::outsideOfCycles(const std::function<void()>& action) {
+    const SyncGuard guard(state_->sync);
+    action();
+}
+
 Scheduler& ModuleHost::scheduler() {
     return state_->scheduler;
 }

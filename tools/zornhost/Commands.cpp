@@ -14,6 +14,7 @@
 
 #include "tools/zornhost/AmplifierCommands.h"
 #include "tools/zornhost/AmplifierState.h"
+#include "tools/zornhost/CanCommands.h"
 #include "tools/zornhost/ClockCommand.h"
 #include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/InstrumentService.h"
@@ -24,6 +25,7 @@
 #include "tools/zornhost/RateMath.h"
 #include "tools/zornhost/Rates.h"
 #include "tools/zornhost/Recorder.h"
+#include "tools/zornhost/Routes.h"
 #include "tools/zornhost/SyncOptions.h"
 
 using namespace Harvane::RT::Core;
@@ -57,7 +59,8 @@ void applyRate(Session& session, Output& output, const std::optional<int64_t>& r
     }
 }
 
-// Only the chosen channels are used. Channels without hardware are left out, and said so when they were named.
+// Only the chosen channels are used. Channels without hardware are left out, and said so when they were named; outputs
+// are used where they are named.
 std::vector<ChannelEntry> chooseChannels(Session& session, Output& output, const std::vector<std::string>& patterns) {
     const auto tree = session.tree();
     const auto chosen = tree.channels(patterns);
@@ -65,7 +68,9 @@ std::vector<ChannelEntry> chooseChannels(Session& session, Output& output, const
     for (const auto& entry : tree.channels()) {
         const bool wanted = std::any_of(chosen.begin(), chosen.end(),
                                         [&](const ChannelEntry& other) { return other.path == entry.path; });
-        const bool enabled = !entry.channel.hasProperty("Enabled") || entry.channel.getPropertyValue<bool>("Enabled");
+        const bool enabled =
+            (!entry.channel.hasProperty("Enabled") || entry.channel.getPropertyValue<bool>("Enabled")) &&
+            !(patterns.empty() && isCanOutput(entry.channel));
         if (wanted && !enabled && !patterns.empty()) {
             output.message(fmt::format("zornhost: \"{}\" has no amplifier and is left out", entry.label));
         }
@@ -138,6 +143,14 @@ Json reportJson(const RecordingReport& report) {
     json["asyncChannels"] = Json::array();
     for (const auto& channel : report.asyncChannels) {
         Json item{{"channel", channel.label}, {"path", channel.path}, {"lost", channel.lost}};
+        if (channel.can) {
+            item["frames"] = channel.frames;
+            item["notSent"] = channel.unsent;
+            item["counts"] = Json::object();
+            for (const auto& count : channel.counts) {
+                item["counts"][count.property] = count.value;
+            }
+        }
         if (!channel.failure.empty()) {
             item["lost"] = nullptr;
             item["failure"] = channel.failure;
@@ -456,7 +469,8 @@ int setProperty(Session& session, Output& output, bool json, const std::string& 
 
 int record(Session& session, Output& output, bool json, const RecordOptions& options) {
     applyRate(session, output, options.rate);
-    const auto channels = chooseChannels(session, output, options.channels);
+    auto channels = chooseChannels(session, output, options.channels);
+    applyRoutes(session, options.routes, channels);
     std::set<std::string> told;
     const auto checkAmplifiers = [&](const std::vector<AmplifierRefusal>& refusals) {
         tellRefusals(output, refusals, told);
@@ -546,8 +560,8 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
                             fmt::format("{}", channel.lost), fmt::format("{:.0f}", 100.0 * channel.worstFill)});
         }
         for (const auto& channel : report.asyncChannels) {
-            rows.push_back(
-                {channel.label, "-", "-", channel.failure.empty() ? fmt::format("{}", channel.lost) : "?", "-"});
+            rows.push_back({channel.label, "-", channel.can ? fmt::format("{}", channel.frames) : "-",
+                            channel.failure.empty() ? fmt::format("{}", channel.lost) : "?", "-"});
         }
         output.data(formatTable(rows));
         output.line(report.verdict());
@@ -622,7 +636,8 @@ void drain(Watched& watched) {
 
 int monitor(Session& session, Output& output, bool json, const MonitorOptions& options) {
     applyRate(session, output, options.rate);
-    const auto channels = chooseChannels(session, output, options.channels);
+    auto channels = chooseChannels(session, output, options.channels);
+    applyRoutes(session, options.routes, channels);
     std::set<std::string> told;
     const auto refusals = updateAmplifiers(session.tree(), channels);
     session.prepare();
@@ -823,6 +838,17 @@ int run(int argc, char** argv) {
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 
+    for (auto [command, routes] : {std::pair(rec, &recording.routes), std::pair(mon, &monitoring.routes)}) {
+        command
+            ->add_option(
+                "--route", *routes,
+                "\"AI 1/Raw input -> CAN Port 1 id 0x123 every 10\": the newest sample goes out on every tenth "
+                "cycle, scaled, in the source's unit, as a 32 bit float in a message that always has the extended "
+                "format. \"AI 1/Raw input -> AO 1 [from range]\": as the value of an analog output. May be "
+                "repeated")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    }
     for (auto [command, timeout] :
          {std::pair(rec, &recording.lockTimeoutS), std::pair(mon, &monitoring.lockTimeoutS)}) {
         command
@@ -832,6 +858,7 @@ int run(int argc, char** argv) {
             ->capture_default_str();
     }
     const ClockCommandLine clock(app);
+    const CanCommandLine can(app);
     const AmplifierCommandLine amplifier(app);
 
     try {
@@ -859,6 +886,10 @@ int run(int argc, char** argv) {
         if (amplifier.checks()) {
             Output output(false);
             return amplifier.runCheck(output, session.json);
+        }
+        if (can.exports()) {
+            Output output(false);
+            return checkOutput(output, can.runExport(output));
         }
         ensureSimulation(session, argv);
         // Before anything of the instrument is touched, and until all of it has been given back.
@@ -900,6 +931,8 @@ int run(int argc, char** argv) {
             result = record(live, output, session.json, recording);
         } else if (amplifier.parsed()) {
             result = amplifier.run(live, output, session.json);
+        } else if (can.parsed()) {
+            result = can.run(live, output, session.json);
         } else if (clock.parsed()) {
             result = clock.run(live, output, session.json);
         } else if (mon->parsed()) {

@@ -15,6 +15,7 @@ struct RecordOptions {
     double durationS = 0.0;
     std::optional<int64_t> rate;
     std::vector<std::string> channels;
+    std::vector<std::string> routes;  // see Route
     bool strict = false;         // not with an amplifier that has not taken its settings, or a clock that isn't locked
     double lockTimeoutS = 60.0;  // how long the clock is waited for
     InstrumentLock* lock = nullptr;  // where others find who tells them of the clock; null: nobody else can ask
@@ -25,6 +26,7 @@ struct MonitorOptions {
     double intervalS = 0.5;
     std::optional<int64_t> rate;
     std::vector<std::string> channels;
+    std::vector<std::string> routes;  // see Route
     double lockTimeoutS = 60.0;
     InstrumentLock* lock = nullptr;
 };

@@ -14,6 +14,8 @@ public:
     void setStartTime(int64_t) override {}
     void write(size_t, uint64_t, const void*, size_t) override {}
     void putGap(uint64_t, const Gap&) override {}
+    size_t addCanTable(const ChannelInfo&, const std::string&) override { return canTables_++; }
+    void addCanRows(size_t, const CanRow*, size_t) override {}
     void addClockChange(const ClockChange&, double) override {}
     void setClock(const std::string&, Lock, Lock) override {}
     void flush() override {}
@@ -21,6 +23,7 @@ public:
 
 private:
     size_t channels_ = 0;
+    size_t canTables_ = 0;
 };
 
 }  // namespace zornhost

@@ -52,6 +52,29 @@ std::string named(const std::vector<std::string>& labels) {
     return labels.size() > shown ? fmt::format("{} and {} more", text, labels.size() - shown) : text;
 }
 
+// " CAN: 1000 frames of 2 channels." and what happened besides.
+std::string canText(const std::vector<AsyncReport>& channels) {
+    uint64_t frames = 0;
+    size_t count = 0;
+    std::string besides;
+    for (const auto& channel : channels) {
+        if (!channel.can) {
+            continue;
+        }
+        ++count;
+        frames += channel.frames;
+        for (const auto& each : channel.counts) {
+            const char* const kind = each.kind == CanCount::Kind::Loss     ? " LOST"
+                                     : each.kind == CanCount::Kind::Unsent ? " NOT SENT:"
+                                                                           : "";
+            besides += fmt::format(" {}:{} {} {}.", channel.label, kind, each.value, each.text);
+        }
+    }
+    return count == 0 ? std::string()
+                      : fmt::format(" CAN: {} of {}.{}", counted(frames, "frame", "frames"),
+                                    counted(count, "channel", "channels"), besides);
+}
+
 // A channel whose samples go elsewhere has no ring and brings nothing.
 bool reservesMemory(const ChannelPtr<>& channel) {
     return channel.getPropertyValue<bool>(ChannelPropertyClass::ShouldReserveMemoryProp);
@@ -74,6 +97,14 @@ uint64_t RecordingReport::lost() const {
     }
     for (const auto& channel : asyncChannels) {
         sum += channel.lost;
+    }
+    return sum;
+}
+
+uint64_t RecordingReport::unsent() const {
+    uint64_t sum = 0;
+    for (const auto& channel : asyncChannels) {
+        sum += channel.unsent;
     }
     return sum;
 }
@@ -140,7 +171,7 @@ std::string RecordingReport::verdict() const {
         if (!channel.failure.empty()) {
             unknown.push_back(channel.label);
             whyUnknown = channel.failure;
-        } else if (channel.lost > 0) {
+        } else if (channel.lost > 0 && !channel.can) {
             losers.push_back(channel.label);
             asyncLost += channel.lost;
         }
@@ -148,6 +179,7 @@ std::string RecordingReport::verdict() const {
     if (!clock.mode.empty()) {
         text += " " + clock.text();
     }
+    text += canText(asyncChannels);
     for (const auto& refusal : refusals) {
         text += fmt::format(" SETTINGS NOT TAKEN: {}: {}.", refusal.module, refusal.text());
     }
@@ -182,6 +214,9 @@ Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, c
         if (entry.channel.getType() == 0) {
             anyRing = anyRing || reservesMemory(entry.channel);
             streams_.emplace_back(std::make_unique<Stream>())->entry = entry;
+        } else if (isCanChannel(entry.channel)) {
+            anyRing = true;
+            canStreams_.emplace_back(std::make_unique<CanStream>())->entry = entry;
         } else if (entry.channel.hasProperty(lostSamplesName)) {
             asyncChannels_.push_back(entry);
         }
@@ -197,6 +232,9 @@ Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, c
         stream->staging.resize(chunkSamples(info) * info.sampleSize);
         stream->report.label = stream->entry.label;
         stream->report.path = stream->entry.path;
+    }
+    for (auto& stream : canStreams_) {
+        stream->table = sink_->addCanTable(describe(stream->entry), interfaceOf(stream->entry));
     }
     report_.file = options_.file;
     report_.keeps = sink_->keeps();
@@ -218,6 +256,9 @@ void Recorder::start(int64_t startTimeUs) {
         stream->clock = ClockCheck(stream->rate);
         stream->report.sampleRate = stream->info.sampleRate;
         stream->flushed = stream->report;
+    }
+    for (const auto& stream : canStreams_) {
+        stream->reader.emplace(stream->entry, scheduler_);
     }
     noteRefusals();
     sink_->setStartTime(startTimeUs);
@@ -258,8 +299,31 @@ void Recorder::pass() {
             flush();
         }
     }
+    for (auto& stream : canStreams_) {
+        drain(*stream);
+    }
     noteModuleReports();
     noteClock();
+}
+
+void Recorder::drain(CanStream& stream) {
+    stream.fresh.clear();
+    const uint64_t lost = stream.reader->read(stream.fresh);
+    stream.rows.clear();
+    for (const auto& [frame, timeNs] : stream.fresh) {
+        CanRow row{static_cast<double>(timeNs) / 1e9, frame.id, frame.length, {}};
+        std::copy(frame.data.begin(), frame.data.end(), row.data);
+        stream.rows.push_back(row);
+    }
+    if (!stream.rows.empty()) {
+        sink_->addCanRows(stream.table, stream.rows.data(), stream.rows.size());
+        stream.frames += stream.rows.size();
+    }
+    if (lost > 0) {
+        const double timeS = stream.rows.empty() ? elapsedS() : stream.rows.front().timeS;
+        stream.lost += lost;
+        addGap(nullptr, Gap{stream.entry.path, stream.frames, lost, timeS, "the writer could not keep up", false});
+    }
 }
 
 void Recorder::flush() {
@@ -426,10 +490,39 @@ void Recorder::countUnwritten(Stream& stream) {
     report_.gapTable.push_back(gap);
 }
 
+// What did not come through a CAN port, by its causes. Their places nobody has seen.
+void Recorder::askCanChannels() {
+    for (const auto& stream : canStreams_) {
+        AsyncReport report;
+        report.label = stream->entry.label;
+        report.path = stream->entry.path;
+        report.can = true;
+        report.frames = stream->frames;
+        report.lost = stream->lost;
+        try {
+            report.counts = canCounts(stream->entry.channel);
+        } catch (const std::exception& failure) {
+            report.failure = failure.what();
+        }
+        for (const auto& count : report.counts) {
+            if (count.kind == CanCount::Kind::Loss) {
+                report.lost += count.value;
+                report_.gapTable.push_back(
+                    Gap{report.path, 0, count.value, 0.0, fmt::format("frames {}", count.text), false});
+            } else if (count.kind == CanCount::Kind::Unsent) {
+                report.unsent += count.value;
+            }
+        }
+        report_.asyncChannels.push_back(std::move(report));
+    }
+}
+
 // What they have lost nobody has seen the place of.
 void Recorder::askAsyncChannels() {
     for (const auto& entry : asyncChannels_) {
-        AsyncReport report{entry.label, entry.path, 0, {}};
+        AsyncReport report;
+        report.label = entry.label;
+        report.path = entry.path;
         try {
             const auto function = entry.channel.getPropertyValue<BasePtr>(lostSamplesName).asPtr<IFuncObject>();
             report.lost = static_cast<uint64_t>(std::max<int64_t>(fromValue<int64_t>(executeFunc(function, {})), 0));
@@ -453,8 +546,18 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
     report_.interrupted = interrupted;
     report_.stopFailure = stopFailure;
     report_.moduleReports = moduleReports_.load();
+    if (report_.error.empty()) {
+        try {
+            for (auto& stream : canStreams_) {
+                drain(*stream);
+            }
+        } catch (const std::exception& failure) {
+            report_.error = failure.what();
+        }
+    }
     const size_t told = report_.gapTable.size();
     askAsyncChannels();
+    askCanChannels();
     if (report_.error.empty()) {
         try {
             for (size_t row = told; row < report_.gapTable.size(); ++row) {

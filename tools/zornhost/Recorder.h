@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/zornhost/AmplifierState.h"
+#include "tools/zornhost/CanPorts.h"
 #include "tools/zornhost/ClockCheck.h"
 #include "tools/zornhost/ClockWatch.h"
 #include "tools/zornhost/HostTree.h"
@@ -29,12 +30,16 @@ struct ChannelReport {
     bool silent = false;     // not a single sample has come
 };
 
-// An asynchronous channel that counts what it loses. Its samples are not recorded.
+// An asynchronous channel that counts what it loses. Frames of CAN channels are recorded, other samples are not.
 struct AsyncReport {
     std::string label;
     std::string path;
     uint64_t lost = 0;
-    std::string failure;  // why the count is not known; empty when it is
+    std::string failure;           // why the count is not known; empty when it is
+    bool can = false;              // its samples are CAN frames
+    uint64_t frames = 0;           // written
+    uint64_t unsent = 0;           // messages of an output channel
+    std::vector<CanCount> counts;  // what makes up `lost` and `unsent`, and what is told besides
 };
 
 // How the sampling clock stood to its reference.
@@ -67,13 +72,15 @@ struct RecordingReport {
 
     uint64_t samples() const;
     uint64_t lost() const;
+    uint64_t unsent() const;  // messages that routes or others wanted to go out
     uint64_t gaps() const;
     double worstFill() const;
     // Something came of every channel, and what came is all there: as far as anyone can tell.
     bool lossless() const;
     // Nothing is missing and nothing failed.
     bool good() const {
-        return error.empty() && stopFailure.empty() && refusals.empty() && !clock.phaseLost && lossless();
+        return error.empty() && stopFailure.empty() && refusals.empty() && !clock.phaseLost && unsent() == 0 &&
+               lossless();
     }
     // "Recorded 16 channels for 5.0 s: 80000 samples, none lost."
     std::string verdict() const;
@@ -129,8 +136,20 @@ private:
         uint64_t flushedEnd = 0;  // index behind the last sample of it
     };
 
+    // A CAN channel.
+    struct CanStream {
+        ChannelEntry entry;
+        size_t table = 0;
+        std::optional<CanReader> reader;
+        std::vector<CanReader::Record> fresh;
+        std::vector<CanRow> rows;
+        uint64_t frames = 0;
+        uint64_t lost = 0;  // that the ring no longer held
+    };
+
     void run();
     void pass();
+    void drain(CanStream& stream);
     void flush();
     bool drain(Stream& stream);
     void checkClock(Stream& stream);
@@ -141,11 +160,13 @@ private:
     void noteClock();
     void countUnwritten(Stream& stream);
     void askAsyncChannels();
+    void askCanChannels();
 
     Options options_;
     const Harvane::RT::Core::Scheduler& scheduler_;
     std::unique_ptr<RecordingSink> sink_;
     std::vector<std::unique_ptr<Stream>> streams_;
+    std::vector<std::unique_ptr<CanStream>> canStreams_;
     std::vector<ChannelEntry> asyncChannels_;
     std::thread thread_;
     std::atomic<bool> stop_{false};

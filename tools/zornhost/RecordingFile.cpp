@@ -24,6 +24,7 @@ constexpr size_t channelTextSize = 160;
 constexpr size_t causeTextSize = 96;
 constexpr size_t lockTextSize = 16;
 constexpr uint64_t tableChunk = 64;  // rows
+constexpr uint64_t canChunk = 4096;
 constexpr size_t verdictTextSize = 1000;
 // Chunks in a leaf of a dataset's index are twice as many: a leaf splits after four minutes of a channel. A process
 // that is killed while a split is written leaves a dataset that can't be read.
@@ -359,6 +360,25 @@ void RecordingFile::putGap(uint64_t number, const Gap& gap) {
     }
 }
 
+size_t RecordingFile::addCanTable(const ChannelInfo& info, const std::string& interface) {
+    RecordingTable table(handle_.get(), info.path.c_str(), canRowType(), canChunk);
+    if (!table.valid() || !writeText(table.id(), "name", info.name) || !writeText(table.id(), "node_id", info.nodeId) ||
+        !writeText(table.id(), canInterfaceName, interface)) {
+        fail(fmt::format("create the table of channel \"{}\"", info.path));
+    }
+    canTables_.push_back(std::move(table));
+    return canTables_.size() - 1;
+}
+
+void RecordingFile::addCanRows(size_t number, const CanRow* rows, size_t count) {
+    keepQuiet();
+    errno = 0;
+    RecordingTable& table = canTables_[number];
+    if (!table.put(table.size(), rows, count)) {
+        fail("write CAN frames");
+    }
+}
+
 void RecordingFile::addClockChange(const ClockChange& change, double timeS) {
     ClockRowOnDisk row{};
     std::strncpy(row.lock, lockText(change.lock), sizeof row.lock - 1);
@@ -423,6 +443,9 @@ void RecordingFile::close(const std::string& verdict, bool complete) {
     bool closed = true;
     for (auto& channel : channels_) {
         closed = channel.dataset.reset() >= 0 && closed;
+    }
+    for (auto& table : canTables_) {
+        closed = table.close() >= 0 && closed;
     }
     closed = gaps_.close() >= 0 && clock_.close() >= 0 && closed;
     if (handle_.reset() < 0 || !closed) {

@@ -17,6 +17,9 @@
 //                              (64 bit integers, in lowest terms), start_time (ISO 8601, UTC), start_time_us (since
 //                              1970), node_id; of a channel with an amplifier settings_in_force and settings_refused
 //                              (with the reason; empty when the amplifier has taken all)
+//   /<path of a CAN channel>   table of its frames: time (s since the start), id, length, data; attributes name,
+//   node_id
+//                              and interface (how logs name the port)
 //   /gaps                      table: channel, first_index, length (samples), time (s since the start), cause,
 //                              estimated
 //   /clock                     table: time (s since the start), time_us (since 1970), lock ("locked", "not locked",
@@ -44,6 +47,8 @@ public:
     // Elements in front of `index` that were never written keep the fill value.
     void write(size_t channel, uint64_t index, const void* samples, size_t count) override;
     void putGap(uint64_t row, const Gap& gap) override;
+    size_t addCanTable(const ChannelInfo& info, const std::string& interface) override;
+    void addCanRows(size_t table, const CanRow* rows, size_t count) override;
     void addClockChange(const ClockChange& change, double timeS) override;
     void setClock(const std::string& mode, Lock atStart, Lock atEnd) override;
     // After this a killed process leaves all that was written before readable.
@@ -70,6 +75,7 @@ private:
     RecordingTable clock_;    // only where something is known of it
     bool abandoned_ = false;  // nothing more gets into the file
     std::vector<Channel> channels_;
+    std::vector<RecordingTable> canTables_;
 };
 
 }  // namespace zornhost

@@ -7,6 +7,7 @@
 
 #include <zorn/structure/channel.h>
 
+#include "tools/zornhost/CanTable.h"
 #include "tools/zornhost/ClockReport.h"
 
 namespace zornhost {
@@ -62,6 +63,9 @@ public:
     virtual void write(size_t channel, uint64_t index, const void* samples, size_t count) = 0;
     // Rows are numbered from 0 without a hole; one that is there already is replaced.
     virtual void putGap(uint64_t row, const Gap& gap) = 0;
+    // Tables of CAN frames are numbered in the order of adding. `interface`: how logs name the port.
+    virtual size_t addCanTable(const ChannelInfo& info, const std::string& interface) = 0;
+    virtual void addCanRows(size_t table, const CanRow* rows, size_t count) = 0;
     // A row of the clock's table; `timeS` since the start.
     virtual void addClockChange(const ClockChange& change, double timeS) = 0;
     virtual void setClock(const std::string& mode, Lock atStart, Lock atEnd) = 0;  // attributes; may be renewed

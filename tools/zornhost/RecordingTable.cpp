@@ -11,7 +11,10 @@ RecordingTable::RecordingTable(hid_t file, const char* name, Hid type, uint64_t 
     const Hid space(H5Screate_simple(1, &none, &unlimited), H5Sclose);
     const Hid properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     H5Pset_chunk(properties.get(), 1, &together);
-    set_ = Hid(H5Dcreate2(file, name, type_.get(), space.get(), H5P_DEFAULT, properties.get(), H5P_DEFAULT), H5Dclose);
+    const Hid links(H5Pcreate(H5P_LINK_CREATE), H5Pclose);
+    H5Pset_create_intermediate_group(links.get(), 1);
+    H5Pset_char_encoding(links.get(), H5T_CSET_UTF8);
+    set_ = Hid(H5Dcreate2(file, name, type_.get(), space.get(), links.get(), properties.get(), H5P_DEFAULT), H5Dclose);
 }
 
 bool RecordingTable::put(uint64_t first, const void* rows, uint64_t count) {

@@ -38,10 +38,11 @@ private:
 class RecordingTable {
 public:
     RecordingTable() = default;
-    // `type` is taken over; `chunk`: rows that are written together.
+    // `name` may be a path. `type` is taken over; `chunk`: rows that are written together.
     RecordingTable(hid_t file, const char* name, Hid type, uint64_t chunk);
 
     bool valid() const { return set_.valid(); }
+    hid_t id() const { return set_.get(); }
     uint64_t size() const { return size_; }
     // Rows from `first` on, which may be one behind the last.
     bool put(uint64_t first, const void* rows, uint64_t count);

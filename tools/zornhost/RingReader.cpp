@@ -12,7 +12,7 @@ constexpr int cycleEndTimeoutMs = 1000;
 }
 
 RingReader::RingReader(const ChannelPtr<>& channel, const Scheduler& scheduler)
-    : channel_(channel), scheduler_(scheduler) {
+    : channel_(channel), stamped_(channel.asPtrOrNull<IAsyncChannel>()), scheduler_(scheduler) {
     const auto buffer = channel.getBuffer();
     data_ = static_cast<const unsigned char*>(buffer.getData());
     capacity_ = buffer.getCapacity();
@@ -27,7 +27,7 @@ double RingReader::fill() const {
     return capacity_ == 0 ? 0.0 : static_cast<double>(acquired() - next_) / static_cast<double>(capacity_);
 }
 
-RingReader::Result RingReader::read(void* target, size_t maximum) {
+RingReader::Result RingReader::read(void* target, long* stamps, size_t maximum) {
     Result result;
     result.firstIndex = next_;
     if (capacity_ == 0) {
@@ -53,6 +53,9 @@ RingReader::Result RingReader::read(void* target, size_t maximum) {
             return result;
         }
         std::memcpy(target, data_ + slot * sampleSize_, count * sampleSize_);
+        for (size_t i = 0; stamps != nullptr && i < count; ++i) {
+            checkErrorInfo(stamped_->getTimestampAtPos(slot + i, &stamps[i]));
+        }
 
         if (!scheduler_.waitForCycleEnd(cycleEndTimeoutMs)) {
             return result;  // a cycle that hangs may be writing there: what was copied can't be trusted yet

@@ -9,7 +9,7 @@
 
 namespace zornhost {
 
-// Takes the samples of one synchronous host channel out of its ring, from a thread of its own, without ever holding the
+// Takes the samples of one host channel out of its ring, from a thread of its own, without ever holding the
 // cycle up. The module writes into the ring's memory while this reads; that what was copied is what was written is
 // checked afterwards: once no cycle is in progress any more, the writer must not have come round to the copied slots.
 class RingReader {
@@ -25,7 +25,9 @@ public:
 
     // Copies at most `maximum` samples. Bounded: waits for the end of a cycle only after the copy, at most 1 s, and
     // gives nothing when the cycle has not ended by then: the samples stay to be read.
-    Result read(void* target, size_t maximum);
+    Result read(void* target, size_t maximum) { return read(target, nullptr, maximum); }
+    // Of an asynchronous channel with the time of each sample, in ns since the start.
+    Result read(void* target, long* stamps, size_t maximum);
 
     size_t sampleSize() const { return sampleSize_; }
     size_t capacity() const { return capacity_; }
@@ -36,6 +38,7 @@ public:
 
 private:
     Harvane::RT::Core::ChannelPtr<> channel_;
+    Harvane::RT::Core::AsyncChannelPtr stamped_;  // the same, where samples have stamps
     const Harvane::RT::Core::Scheduler& scheduler_;
     const unsigned char* data_ = nullptr;
     size_t capacity_ = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -58,6 +59,9 @@ public:
     DataModulePtr dataModule() const;
     ObjectPtr<IModule> module() const;
     Scheduler& scheduler();
+    // Runs the action while no cycle does, so that it may add samples to channels that the module takes them from. Must
+    // be short: the cycle waits for it.
+    void outsideOfCycles(const std::function<void()>& action);
     ObjectPtr<IClockProvider> clockProvider() const;      // empty before configure
     ObjectPtr<IAbsTimeProvider> absTimeProvider() const;  // empty when the module offers none
 
