@@ -1,3 +1,6 @@
+#include <algorithm>
+
+#include "modules/daq/objectmodel/CANDevice.h"
 #include "modules/daq/objectmodel/DaqClock.h"
 #include "shared/libraries/kestrix/src/registers/RegistersAddress.h"
 #include "tests/kestrix/KestrixFixture.h"
@@ -98,6 +101,22 @@ TEST_F(KestrixDeviceTest, BoardDecidesOnTheInputsForSynchronisation) {
             expected.insert({SynchronizationMode::Irig, {}});
         }
         EXPECT_EQ(KestrixDevice().getSynchronizationOptions(), expected);
+    }
+}
+
+TEST_F(KestrixDeviceTest, MemoryDecidesOnTheCanPorts) {
+    Scenario scenario = warmScenario(8);
+    scenario.can.interfaces = {{"can0"}, {"can1", 1}, {"can2", 2}};
+    scenario.canPorts = 0x6000;
+    for (const bool valid : {true, false}) {
+        scenario.eepromKeyValid = valid;
+        bringUp(scenario);
+        ASSERT_NE(device().canDevice, nullptr);
+        const auto ports = kestrixsim::instrument().commandsRun();
+        const bool opened = std::find(ports.begin(), ports.end(), "ip link set up can0") != ports.end();
+        EXPECT_EQ(opened, !valid);
+        EXPECT_EQ(device().canDevice->channels.size(), valid ? 4u : 2u);
+        EXPECT_EQ(device().back(), device().canDevice);
     }
 }
 

@@ -181,6 +181,33 @@ TEST_F(Controller, AStepThatFailsLeavesNothingOn) {
     EXPECT_EQ(second->aborts, 1);
 }
 
+// Of the devices that fail in a cycle the first one is told of, and what the others have brought counts.
+TEST_F(Controller, ADeviceThatFailsCostsTheOthersNoSamples) {
+    auto first = add("first", ptpOptions, 1, 1000);
+    auto second = add("second", ptpOptions, 1, 1000);
+    const auto early = channel(*first, "early");
+    const auto late = channel(*second, "late");
+    early->used = late->used = true;
+    build();
+    controller.initializeHardware();
+    initializeAcquisition();
+    controller.startAcquisition();
+    take();
+    late->samplesAcquired = 100;
+    early->samplesAcquired = 70;
+    first->failing = second->failing = "acquire";
+    EXPECT_EQ(failureOf([&] { controller.acquireData(); }), "first fails");
+    EXPECT_EQ(take(),
+              (Steps{"first.acquire", "early.before", "early.after", "second.acquire", "late.before", "late.after"}));
+    EXPECT_EQ(controller.maxSamplesAcquired, 100u);
+    EXPECT_EQ(early->samplesBehind, 30u);
+    late->samplesAcquired = 10000;  // so far apart that data is lost: the device's failure is the first
+    EXPECT_EQ(failureOf([&] { controller.acquireData(); }), "first fails");
+    first->failing.clear();
+    second->failing.clear();
+    EXPECT_THROW(controller.acquireData(), DataLostException);
+}
+
 TEST_F(Controller, EachScanMakesATreeOfItsOwn) {
     controller.interfaces.push_back(std::make_shared<GenericInterface<FixedInterfaceHelper, FixedInterfacePort>>());
     controller.interfaces.initialize();

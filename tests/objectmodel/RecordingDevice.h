@@ -38,7 +38,12 @@ public:
         note("finalize", recursive), Base::finalizeAcquisition(recursive);
     }
     void setUsedChannels(bool recursive) override { note("used", recursive), Base::setUsedChannels(recursive); }
-    void acquireData() override { note("acquire"), Base::acquireData(); }
+    void acquireData() override {
+        note("acquire"), Base::acquireData();
+        if (failing == "acquire") {
+            throw std::runtime_error(id + " fails");
+        }
+    }
     void sendData() override { note("send"), Base::sendData(); }
     std::vector<std::string> checkHardware() override { return faults.empty() ? Base::checkHardware() : faults; }
 

@@ -251,9 +251,9 @@ double InstrumentTime::now() const {
 }
 
 void InstrumentTime::hold() {
-    const double at = now();
+    // In one go: whoever asks in between would see the time go back, and the clock's count seem to have wrapped.
     const std::lock_guard lock(mutex_);
-    heldAt_ = at;
+    heldAt_ = held_ ? heldAt_ : elapsed() + ahead_;
     held_ = true;
 }
 

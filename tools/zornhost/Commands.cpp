@@ -709,7 +709,8 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     }
     std::vector<std::string> silent;
     for (const auto& channel : watched) {
-        if (channel.reader.acquired() == 0) {
+        // An asynchronous channel says nothing as long as nothing happens.
+        if (channel.reader.acquired() == 0 && channel.entry.channel.getType() == 0) {
             silent.push_back(channel.entry.label);
         }
     }

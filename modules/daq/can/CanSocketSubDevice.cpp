@@ -239,6 +239,9 @@ void CanSocketSubDevice::synchronizeClocks() {
 
 void CanSocketSubDevice::acquireData() {
     CANDevice::acquireData();
+    if (ports.empty()) {
+        return;
+    }
     std::exception_ptr failure;
     try {
         synchronizeClocks();
@@ -267,9 +270,7 @@ void CanSocketSubDevice::acquireData() {
             count->endOfPass(flowed);
         }
     }
-    if (clockSteps_) {
-        clockSteps_->endOfPass(true);
-    }
+    clockSteps_->endOfPass(true);
     if (failure) {
         std::rethrow_exception(failure);
     }

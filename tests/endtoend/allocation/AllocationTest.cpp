@@ -28,6 +28,7 @@ TEST(Allocation, CycleTakesNothingFromTheHeap) {
     auto scenario = kestrixsim::Scenario::counters(2);
     scenario.slots = 2;
     scenario.supplyOn = true;
+    scenario.canPorts = 0;  // their clock is a register, and the simulated page of one comes from the heap
     // The test's own time: supply, clear and streams go by it.
     kestrixsim::reset(scenario, [] { return nowS.load(); });
     std::jthread ticking(tick);

@@ -1,6 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "modules/daq/can/CANSocketDevice.h"
 #include "modules/daq/module/DaqModuleImpl.h"
+#include "modules/daq/objectmodel/CANDevice.h"
+#include "simulator/preload/Control.h"
 #include "tests/bridge/Bench.h"
 #include "tests/endtoend/allocation/HeapCounter.h"
 
@@ -95,6 +102,72 @@ TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     }
     EXPECT_EQ(device->async->output->samplesAcquired.get(), 200u);
     EXPECT_EQ(channel("Raw 1").getSamplesAcquired(), 2000);
+    checkErrorInfo(module->stop());
+    config.release();
+    made<IModuleConfig>(createModuleConfig, data.get());
+}
+
+namespace {
+
+// A port with frames waiting, one that isn't open, and a number that a route sends over the latter.
+class CanAndNumbers : public CANSocketDevice {
+public:
+    std::shared_ptr<SubDevice> createCntDevice() override {
+        async = std::make_shared<TestAsync>();
+        async->onAcquire = [this] { async->input->addSample(7, 0.5); };
+        return async;
+    }
+
+    std::shared_ptr<TestAsync> async;
+};
+
+}  // namespace
+
+TEST_F(Exchange, NorDoCanFramesAndRoutes) {
+    static std::atomic<double> now{0.0};
+    kestrixsim::Scenario scenario;
+    scenario.can.interfaces = {{"can0"}, {"vcan0", 1}};
+    kestrixsim::reset(scenario, [] { return now.load(); });
+    const auto device = std::make_shared<CanAndNumbers>();
+    plug({device});
+    auto* const impl = new OpenModule();
+    const auto module = ObjectPtr<IModule>::take(impl);
+    const auto params = made<IModuleAddParams>(createModuleAddParams, data.get(), dataModule.get(), sync.get());
+    checkErrorInfo(module->add(params.get()));
+    auto config = made<IModuleConfig>(createModuleConfig, data.get());
+    checkErrorInfo(module->configure(config.get()));
+    data.setPropertyValue("OperationMode", 2);
+    const auto second = channel("CAN Port 2 Input");
+    const auto source = toValue(channel("Async in").getNodeId());
+    second.setPropertyValue("RTC.Messages", ListPtr::create({asBase(ListPtr::create({toValue(5), source}))}));
+    second.setPropertyValue("RTC.OutputRate", 100);
+    second.setPropertyValue("RTC.Enabled", true);
+    checkErrorInfo(module->initialize());
+    reserveMemory(impl->daqStructure, {"Async in", "CAN Port 1 Input", "CAN Port 2 Output"});
+    checkErrorInfo(module->start());
+    const auto cycle = [&] { checkErrorInfo(module->processData()); };
+    cycle();
+    auto& can = kestrixsim::instrument().can();
+    for (unsigned i = 0; i < 300; ++i) {
+        kestrixsim::CanFrame frame;
+        frame.id = i;
+        can.transmit(0, frame, 0.0);
+    }
+    // All of them are in the socket before the module looks, with stamps that lie in the run.
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    now = now + 0.2;
+    ASSERT_EQ(can.state(0).received, 300u);
+    const auto input = channel("CAN Port 1 Input");
+    EXPECT_EQ(heapUseOf([&] { cycle(); }), 0u);
+    EXPECT_EQ(input.getSamplesAcquired(), 300);
+    EXPECT_EQ(heapUseOf([&] {
+                  for (int i = 0; i < 99; ++i) {
+                      cycle();
+                  }
+              }),
+              0u);
+    EXPECT_EQ(device->canDevice->channels[3]->samplesAcquired.get(), 101u);
+    EXPECT_EQ(fromValue<int>(executeFunc(functionOf(channel("CAN Port 2 Output"), "NotSentClosed"), nullptr)), 101);
     checkErrorInfo(module->stop());
     config.release();
     made<IModuleConfig>(createModuleConfig, data.get());
