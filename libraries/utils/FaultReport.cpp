@@ -15,7 +15,10 @@ std::string failures(uint64_t count) {
 
 }  // namespace
 
-FaultReport::FaultReport(std::string subject) : subject_(std::move(subject)) {}
+FaultReport::FaultReport(const std::string& subject) : FaultReport(subject + " failed: ", subject) {}
+
+FaultReport::FaultReport(std::string failing, std::string subject)
+    : failing_(std::move(failing)), subject_(std::move(subject)) {}
 
 std::string FaultReport::after(const std::string& failure, Clock::time_point now) {
     if (!failure.empty()) {
@@ -28,7 +31,7 @@ std::string FaultReport::after(const std::string& failure, Clock::time_point now
     if (failure.empty()) {
         return subject_ + " works again after " + failures(std::exchange(failures_, 0));
     }
-    std::string text = subject_ + " failed: " + failure;
+    std::string text = failing_ + failure;
     if (failures_ > 1) {
         text += " (" + failures(failures_) + " so far)";
     }

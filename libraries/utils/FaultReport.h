@@ -14,8 +14,10 @@ class FaultReport {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // `subject` begins every text: "callback failed: no such register".
-    explicit FaultReport(std::string subject);
+    // `subject` begins every text: "callback failed: no such register", "callback works again after 3 failures".
+    explicit FaultReport(const std::string& subject);
+    // In one's own words: `failing` stands in front of a reason, `subject` in front of "works again".
+    FaultReport(std::string failing, std::string subject);
 
     // After each try; `failure` says why it failed and is empty when it worked. Returns the text, empty for none.
     std::string after(const std::string& failure, Clock::time_point now);
@@ -25,6 +27,7 @@ public:
 private:
     bool mayTell(Clock::time_point now);
 
+    const std::string failing_;
     const std::string subject_;
     std::string told_;  // the failure that was told last; empty: that it works
     uint64_t failures_ = 0;

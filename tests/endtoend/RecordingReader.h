@@ -33,6 +33,7 @@ public:
                 return 0;
             },
             &paths, H5O_INFO_BASIC);
+        std::erase_if(paths, [this](const std::string& path) { return isTable(path); });
         return paths;
     }
 
@@ -105,6 +106,14 @@ public:
     }
 
 private:
+    bool isTable(const std::string& path) const {
+        const hid_t set = open(path);
+        const hid_t type = H5Dget_type(set);
+        const bool result = H5Tget_class(type) == H5T_COMPOUND;
+        H5Tclose(type);
+        H5Dclose(set);
+        return result;
+    }
     template <class Read>
     void read(const std::string& path, const std::string& attribute, Read&& value) const {
         const hid_t set = path.empty() ? H5Gopen2(file_, "/", H5P_DEFAULT) : open(path);

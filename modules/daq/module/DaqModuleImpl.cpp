@@ -263,6 +263,9 @@ void DaqModuleImpl::onStart() {
     prepareRoutes();
     asyncExchange_.prepare(daqStructure.getChannelsMap());
     timingFaults_.emplace("The timing device");
+    for (size_t i = 0; i < stageCount; ++i) {
+        stageFaults_[i].emplace(stages[i].failure, stages[i].name);
+    }
     daqController.startAcquisition();
 }
 
@@ -278,12 +281,14 @@ void DaqModuleImpl::onStop() {
 // ---- Cycle ----------------------------------------------------------------------------------------------------------
 
 // What fails in one stage is logged, and the stages behind it still run.
-const DaqModuleImpl::Stage DaqModuleImpl::stages[] = {
-    {"Exception in DAQ::acquireData: ", &DaqModuleImpl::acquireData},
-    {"Exception while transfering data from DAQ async channels to RT: ", &DaqModuleImpl::receiveAsyncSamples},
-    {"Exception in Daq::processData: ", &DaqModuleImpl::processRoutes, "\n"},
-    {"Exception while transfering data from RT async channels to DAQ: ", &DaqModuleImpl::sendAsyncSamples},
-    {"Exception in DAQ::sendData: ", &DaqModuleImpl::sendData},
+const DaqModuleImpl::Stage DaqModuleImpl::stages[stageCount] = {
+    {"DAQ::acquireData", "Exception in DAQ::acquireData: ", &DaqModuleImpl::acquireData},
+    {"The transfer of data from DAQ async channels to RT",
+     "Exception while transfering data from DAQ async channels to RT: ", &DaqModuleImpl::receiveAsyncSamples},
+    {"Daq::processData", "Exception in Daq::processData: ", &DaqModuleImpl::processRoutes, "\n"},
+    {"The transfer of data from RT async channels to DAQ",
+     "Exception while transfering data from RT async channels to DAQ: ", &DaqModuleImpl::sendAsyncSamples},
+    {"DAQ::sendData", "Exception in DAQ::sendData: ", &DaqModuleImpl::sendData},
 };
 
 void DaqModuleImpl::onProcessData() {
@@ -291,12 +296,24 @@ void DaqModuleImpl::onProcessData() {
     if (daqController.daqTiming) {
         forceRefreshTrackingAndErrorStatus();
     }
-    for (const Stage& stage : stages) {
+    for (size_t i = 0; i < stageCount; ++i) {
         try {
-            (this->*stage.run)();
+            (this->*stages[i].run)();
+            if (stageFaults_[i]->isFailing()) {
+                tellStage(i, {});
+            }
         } catch (const std::exception& exception) {
-            LOG_(0, plog::error) << stage.failure << textOf(exception) << stage.end;
+            const std::string text = textOf(exception);
+            tellStage(i, text.empty() ? "without a text" : text);
         }
+    }
+}
+
+// A stage that fails in every cycle would fill the log, so that changes are told.
+void DaqModuleImpl::tellStage(size_t stage, const std::string& failure) {
+    const std::string text = stageFaults_[stage]->after(failure, Utils::FaultReport::Clock::now());
+    if (!text.empty()) {
+        LOG_(0, plog::error) << text << (failure.empty() ? "" : stages[stage].end);
     }
 }
 

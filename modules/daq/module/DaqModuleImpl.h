@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -62,13 +63,15 @@ protected:
     int64_t clockBase = 1000000000;  // ticks per second of all clock values
 
 private:
-    // One step of the cycle, and what the log says in front of a failure's own text.
+    // One step of the cycle, and what the log says in front of a failure's own text and of the end of it.
     struct Stage {
+        const char* name;
         const char* failure;
         void (DaqModuleImpl::*run)();
         const char* end = "";
     };
-    static const Stage stages[];
+    static constexpr size_t stageCount = 5;
+    static const Stage stages[stageCount];
 
     // For the bridge, which takes the address of the controller before that is built.
     DaqController& controller() { return daqController; }
@@ -78,6 +81,7 @@ private:
     void prepareRoutes();
     void forceRefreshTrackingAndErrorStatus();
     int64_t readAbsTime(DaqTiming& timing);
+    void tellStage(size_t stage, const std::string& failure);
     void acquireData();
     void receiveAsyncSamples();
     void processRoutes();
@@ -85,7 +89,9 @@ private:
     void sendData();
 
     AsyncExchange asyncExchange_{clockBase};
-    std::optional<Utils::FaultReport> timingFaults_;  // of this run; cycle thread
+    // Of this run; cycle thread.
+    std::optional<Utils::FaultReport> timingFaults_;
+    std::array<std::optional<Utils::FaultReport>, stageCount> stageFaults_;
 };
 
 }  // namespace Harvane::RT::Modules::Daq

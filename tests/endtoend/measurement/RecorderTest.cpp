@@ -69,7 +69,7 @@ TEST(Recorder, StreamsThatNeverComeAreLost) {
     // A channel that keeps no memory for samples is in use all the same; with nothing else there is no recording.
     bench.use();
     bench.session().prepare();
-    const auto channels = bench.session().tree().channels();
+    const auto channels = bench.session().tree().channels({"AI 1/*"});
     channels[0].channel.setPropertyValue("ShouldReserveMemory", false);
     zornhost::Recorder recorder({"/dev/null"}, channels, bench.session().host().scheduler());
     EXPECT_EQ(recorder.channelCount(), 2u);

@@ -186,7 +186,7 @@ TEST(Zornhost, RecordsAndReports) {
 // Whatever the instrument follows, the first sample is the first one and all others come after it.
 TEST(Zornhost, EachSynchronizationDeliversTheSameSamples) {
     const Folder folder;
-    folder.write("counters.json", R"({"slots": 1, "supplyOn": true, "oscillatorErrorPpm": 12.0,
+    folder.write("counters.json", R"({"slots": 1, "supplyOn": true, "timeFactor": 4, "oscillatorErrorPpm": 12.0,
         "modules": [{"slot": 0, "waveform": {"kind": "counter"}}]})");
     const std::string simulate = "--simulate=" + folder.path("counters.json");
     const auto list = Process::run({KESTRIX_ZORNHOST, simulate, "--json", "sync", "list"});
