@@ -281,6 +281,7 @@ TEST_F(Can, QueuesAreTheKernels) {
     bus().close(beside);                // and what it wrote still goes out
     wait(1.0);
     EXPECT_EQ(284u, bus().state(0).sent);
+    EXPECT_EQ(0u, memory(early, 2));  // all given back
 
     // Taken down with frames on their way: gone, and every socket of the port is told once.
     const int fresh = onPort(0);
@@ -401,6 +402,28 @@ TEST_F(Can, TablesAndRecordingsArePlayed) {
     EXPECT_NEAR(3600.0 / (2e-6 * (frame(1).bits() + 3)), static_cast<double>(bus().state(2).received), 1e6);
     wait(0.011);
     EXPECT_EQ(2u, drain(sockets[1]).size());
+}
+
+// A node that gets the bus late sends what its table holds by then, and not what it held when it began to wait.
+TEST_F(Can, ALateFrameIsTheNewestOfItsRow) {
+    make({.buses = {{.cyclic = {{frame(1), 0.0002}, {frame(2, {0, 0, 0, 0}), 0.0001, 0.0, 0, true}}}}});
+    up(0);
+    const int socket = onPort(0);
+    wait(0.05);
+    int late = 0;
+    int64_t before = -1;
+    for (can_frame raw{}; bus().read(socket, &raw, sizeof raw) > 0;) {
+        if (raw.can_id == 2) {
+            double at = 0.0;
+            EXPECT_EQ(0, bus().stamp(socket, at));
+            const int64_t number = raw.data[0] + 256 * raw.data[1];
+            const double began = at - 2e-6 * frame(2, {raw.data[0], raw.data[1], 0, 0}).bits();
+            EXPECT_NEAR(began, 0.0001 * (static_cast<double>(number) + 0.5), 0.000051);
+            late += number > before + 1 ? 1 : 0;
+            before = number;
+        }
+    }
+    EXPECT_GT(late, 50);
 }
 
 TEST_F(Can, FaultsHitWhatTheyName) {

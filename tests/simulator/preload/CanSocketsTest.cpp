@@ -303,6 +303,14 @@ TEST_F(CanSockets, AForkedChildLeavesItsParentsSocketsAlone) {
     EXPECT_EQ(0, status);
     can_frame raw{};
     EXPECT_EQ(16, ::write(fd, &raw, sizeof raw));
+    // Nothing piles up for a socket that is closed.
+    fd.reset();
+    for (int i = 0; i < 300; ++i) {
+        instrument().can().transmit(0, {1, 0, {}}, 0.0);
+    }
+    while (instrument().can().state(0).received < 300) {
+    }
+    EXPECT_EQ(0u, instrument().can().state(0).dropped);
 }
 
 // The delivered example says what the keys mean; every one comes back.
