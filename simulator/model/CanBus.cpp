@@ -34,7 +34,7 @@ constexpr uint32_t fastest = 1'000'000;  // 1/s, of the controllers
 constexpr uint32_t slowest = 5'000;
 constexpr int firstIndex = 3;          // behind the loopback and the network card
 constexpr size_t smallestAddress = 8;  // of bind: family and interface
-constexpr double nowNan = std::numeric_limits<double>::quiet_NaN();
+constexpr double byNow = std::numeric_limits<double>::quiet_NaN();
 
 static_assert(sizeof(can_frame) == CAN_MTU);
 
@@ -229,7 +229,7 @@ public:
             }
             const int64_t next = wire.flight ? wire.flight->end : startOfNext(wire);
             if (Port* port = firstRestart(wire, std::min(next, until))) {
-                restart(*port, wire);
+                restart(*port);
             } else if (next > until) {
                 break;
             } else if (wire.flight) {
@@ -387,9 +387,9 @@ public:
     // A bus that nobody has looked at for long, and whose frames nobody would have had room for, is not played frame
     // by frame up to its last second.
     void skip(Wire& wire, int64_t until) {
-        constexpr int64_t long_ = 10 * second;
+        constexpr int64_t longAgo = 10 * second;
         const int64_t target = until - second;
-        if (target - wire.simulated < long_ || faults_.present(FaultKind::CanErrorFrame) ||
+        if (target - wire.simulated < longAgo || faults_.present(FaultKind::CanErrorFrame) ||
             faults_.present(FaultKind::CanBusOff)) {
             return;
         }
@@ -464,7 +464,7 @@ public:
         return first;
     }
 
-    void restart(Port& port, Wire&) {
+    void restart(Port& port) {
         port.since = std::exchange(port.restartAt, never);
         port.off = false;
         report(port, errorFrame(CAN_ERR_RESTARTED), port.since, false);
@@ -840,7 +840,7 @@ int CanBus::stamp(int socket, double& at) {
     if (found->stamp == CanRawSocket::Stamp::Never) {
         return -ENOENT;
     }
-    at = found->stamp == CanRawSocket::Stamp::Taken ? inSeconds(found->stampAt) : nowNan;
+    at = found->stamp == CanRawSocket::Stamp::Taken ? inSeconds(found->stampAt) : byNow;
     return 0;
 }
 
