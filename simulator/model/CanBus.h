@@ -16,6 +16,8 @@
 
 namespace kestrixsim {
 
+class CanNetwork;
+
 struct CanRecord {
     CanFrame frame;
     double at;  // s of the instrument's time: end of the frame on the wire
@@ -89,8 +91,7 @@ public:
     int getOption(int socket, int level, int name, void* value, size_t& size);
 
 private:
-    class Implementation;
-    std::unique_ptr<Implementation> implementation_;
+    std::unique_ptr<CanNetwork> network_;
 };
 
 }  // namespace kestrixsim

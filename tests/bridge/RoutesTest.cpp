@@ -25,10 +25,10 @@ namespace {
 class TestAO : public SubDevice {
 public:
     TestAO() {
+        add("Out double", 64, true);
         add("Out 16", 16, false);
         add("Out 32", 32, false);
         add("Out float", 32, true);
-        add("Out double", 64, true);
     }
     std::string getDisplayName() const override { return "Analog outputs"; }
 
@@ -306,7 +306,7 @@ TEST_F(RoutesTest, AnalogOutputsOfEachType) {
         device->fresh = false;
         cycles(2);
         EXPECT_EQ(countOf("Out 16"), 3);  // the same again in each cycle
-        EXPECT_EQ(device->ao->channels[0]->samplesAcquired.get(), 3u);
+        EXPECT_EQ(device->ao->channels[1]->samplesAcquired.get(), 3u);
         EXPECT_EQ(newestRaw("Out 16"), row.out16);
         EXPECT_EQ(newestRaw("Out 32"), row.out32);
         const double outFloat = newestRaw("Out float");

@@ -244,7 +244,7 @@ TEST_F(CanPortsTest, AStartConfiguresThePorts) {
 // Frames on a bus, and their times against the end of each frame on the wire, with a clock that drifts and cycles that
 // don't come regularly. `uptime`: for so many seconds the clocks have been running.
 TEST_F(CanPortsTest, TimesAreThoseOfTheWire) {
-    for (const double drift : {0.0, 100e-6, -100e-6}) {
+    for (const double drift : {0.0, 400e-6, -400e-6}) {
         for (const double running : {0.0, 1e6}) {
             SCOPED_TRACE(std::to_string(drift) + " " + std::to_string(running));
             auto scenario = withPorts(1);
@@ -306,13 +306,14 @@ TEST_F(CanPortsTest, StepsOfTheSystemClock) {
             ends.push_back(masterAt(at + frame.bits() / 500000.0, 0.0));
         }
         cycles(0.1);
+        wait(0.006);  // some wait already, with the old stamps
         instrument().stepRealtime(stepMicroseconds);
         cycles(0.4);
         const auto dropped = port(0).atClockSteps->get();
         EXPECT_EQ(countsOf(input(0)),
                   (dropped > 0 ? Texts{"FramesAtClockSteps " + std::to_string(dropped), "ClockSteps 1"}
                                : Texts{"ClockSteps 1"}));
-        EXPECT_LE(dropped, 12);  // two cycles
+        EXPECT_LE(dropped, 15);  // what waited for a cycle
         ASSERT_EQ(input(0).samplesAcquired.get() + static_cast<std::uint64_t>(dropped),
                   static_cast<std::uint64_t>(count));
         for (std::uint64_t i = 0; i < input(0).samplesAcquired.get(); ++i) {
@@ -356,11 +357,24 @@ TEST_F(CanPortsTest, WhatComesBeforeItsTimeIsCounted) {
     EXPECT_EQ(failureOfCycle(), "no clock");
     EXPECT_EQ(takeIds(0), Ids{7});
     device->clock->fails = false;
-    // The next run counts from 0.
+    // The next run counts from 0. Its system clock is set back before the master clock has given a time.
     device->finalizeAcquisition(true);
     device->clock->time = [] { return -1.0; };
     start();
     EXPECT_EQ(countsOf(input(0)), Texts());
+    instrument().stepRealtime(-5e6);
+    transmit(0, frameOf(8));
+    wait(0.002);
+    EXPECT_EQ(failureOfCycle(), "");
+    EXPECT_EQ(countsOf(input(0)), Texts{"FramesBeforeStart 1"});
+    device->clock->time = [this] { return masterAt(instrument().seconds(), 0.0); };
+    EXPECT_EQ(failureOfCycle(), "");
+    transmit(0, frameOf(9));
+    wait(0.002);
+    EXPECT_EQ(failureOfCycle(), "");
+    EXPECT_EQ(countsOf(input(0)), (Texts{"FramesBeforeStart 1", "ClockSteps 1"}));
+    EXPECT_EQ(takeIds(0), Ids{9});
+    EXPECT_NEAR(input(0).getTimeAtPos(0), masterAt(instrument().seconds(), 0.0), 0.05);
 }
 
 TEST_F(CanPortsTest, OnePortsTroubleIsNoOthers) {
@@ -404,18 +418,26 @@ TEST_F(CanPortsTest, OnePortsTroubleIsNoOthers) {
 
 TEST_F(CanPortsTest, WhatTheKernelDropsIsCounted) {
     bringUp(withPorts(1));
+    const auto flood = [] {
+        for (int i = 0; i < 1000; ++i) {
+            transmit(0, frameOf(static_cast<uint32_t>(i) & 0x7FF));
+        }
+        wait(0.3);
+    };
+    start();
+    flood();  // of no run
+    device->finalizeAcquisition(true);
     startWithClock();
     cycles(0.15);
-    for (int i = 0; i < 1000; ++i) {
-        transmit(0, frameOf(static_cast<uint32_t>(i) & 0x7FF));
-    }
-    wait(0.3);
+    EXPECT_EQ(port(0).kernelDrops->get(), 0);
+    flood();
     ASSERT_EQ(failureOfCycle(), "");
     const auto held = static_cast<std::int64_t>(input(0).samplesAcquired.get());
     EXPECT_GT(held, 100);
+    EXPECT_LT(held, 1000);
     cycles(0.15);
     EXPECT_EQ(port(0).kernelDrops->get(), 1000 - held);
-    EXPECT_EQ(countsOf(input(0)), Texts{"KernelDrops " + std::to_string(1000 - held)});
+    EXPECT_EQ(port(0).atClockSteps->get(), 0);
 }
 
 TEST_F(CanPortsTest, OutputIsSentInOrder) {

@@ -184,6 +184,24 @@ TEST_F(Can, WhoHearsWhom) {
     }
 }
 
+TEST_F(Can, WhoComesLateHearsNoHalfFrame) {
+    makeShared();
+    up(0);
+    const int socket = onPort(0);
+    bus().transmit(0, frame(1), 0.0);
+    bus().transmit(0, frame(2), 0.001);
+    wait(0.00005);
+    up(1);
+    EXPECT_EQ(0, bindTo(onPort(1), bus().indexOf("can1")));
+    wait(0.01);
+    // What a socket has heard stays its own when it goes to another port.
+    EXPECT_EQ(0, bindTo(socket, bus().indexOf("can1")));
+    EXPECT_EQ(1u, bus().state(1).received);
+    bus().transmit(0, frame(3), 0.0);
+    wait(0.01);
+    EXPECT_EQ((Ids{1, 2, 3}), drain(socket));
+}
+
 TEST_F(Can, CommandsHaveTheKernelsRules) {
     make({.interfaces = {{{"can0", 0}, {"can1", 1, false}, {"vcan0", 2}, {"can3", 3, true, false}}}});
     const std::tuple<const char*, int, const char*> steps[] = {
@@ -265,6 +283,12 @@ TEST_F(Can, QueuesAreTheKernels) {
         EXPECT_EQ((Ids{0x10, 0x11, 0x12, 0x13, 0x14}), drain(socket));
     }
 
+    EXPECT_EQ(0, option(early, SOL_CAN_RAW, CAN_RAW_LOOPBACK, 0));
+    EXPECT_EQ(16, write(early, 0x15));
+    wait(0.1);
+    EXPECT_EQ(Ids{0x15}, drain(listener));
+    EXPECT_EQ(Ids{}, drain(beside));
+
     // A long queue: the socket's own memory is what ends, 212992 bytes of 768 each.
     EXPECT_EQ(0, ip("can0 txqueuelen 1000"));
     const auto fill = [&](int socket) {
@@ -280,7 +304,8 @@ TEST_F(Can, QueuesAreTheKernels) {
     EXPECT_EQ(16, write(early, 0x20));  // it has its own
     bus().close(beside);                // and what it wrote still goes out
     wait(1.0);
-    EXPECT_EQ(284u, bus().state(0).sent);
+    EXPECT_EQ(285u, bus().state(0).sent);
+    EXPECT_EQ(0u, memory(early, 2));  // all given back
 
     // Taken down with frames on their way: gone, and every socket of the port is told once.
     const int fresh = onPort(0);
@@ -292,7 +317,7 @@ TEST_F(Can, QueuesAreTheKernels) {
     EXPECT_EQ(-ENETDOWN, write(fresh, 1));
     EXPECT_EQ(16, write(fresh, 1));
     wait(0.1);
-    EXPECT_EQ(285u, bus().state(0).sent);
+    EXPECT_EQ(286u, bus().state(0).sent);
 }
 
 TEST_F(Can, BusOffEndsByItselfOrByHand) {
@@ -401,6 +426,45 @@ TEST_F(Can, TablesAndRecordingsArePlayed) {
     EXPECT_NEAR(3600.0 / (2e-6 * (frame(1).bits() + 3)), static_cast<double>(bus().state(2).received), 1e6);
     wait(0.011);
     EXPECT_EQ(2u, drain(sockets[1]).size());
+}
+
+// A node that gets the bus late sends what its table holds by then, and not what it held when it began to wait.
+TEST_F(Can, ALateFrameIsTheNewestOfItsRow) {
+    make({.buses = {{.cyclic = {{frame(1), 0.0001, 0.0, 100}, {frame(2, {0, 0, 0, 0}), 0.0003, 0.0, 0, true}}}}});
+    up(0);
+    const int socket = onPort(0);
+    wait(0.05);
+    std::vector<int> numbers;
+    for (can_frame raw{}; bus().read(socket, &raw, sizeof raw) > 0;) {
+        if (raw.can_id == 2) {
+            double at = 0.0;
+            EXPECT_EQ(0, bus().stamp(socket, at));
+            numbers.push_back(raw.data[0]);
+            const double began = at - 2e-6 * frame(2, {raw.data[0], 0, 0, 0}).bits();
+            EXPECT_NEAR(began, 0.0003 * (raw.data[0] + 0.5), 0.000151);
+        }
+    }
+    ASSERT_FALSE(numbers.empty());
+    EXPECT_GE(numbers.front(), 33);  // 10 ms and more belonged to the stronger one
+    EXPECT_EQ(numbers.size(), static_cast<size_t>(167 - numbers.front()));
+}
+
+// What a test may look back at is bounded: the last ones.
+TEST_F(Can, RecordsOfDaysEndWithTheNewest) {
+    make();
+    up(0, 500000, " txqueuelen 300");
+    const int socket = onPort(0);
+    constexpr uint32_t all = 262'144 + 100;
+    for (uint32_t i = 0; i < all; ++i) {
+        ASSERT_EQ(16, write(socket, ext | i));
+        wait(i % 250 == 249 ? 0.1 : 0.0);
+    }
+    wait(0.1);
+    const auto records = bus().sent(0);
+    EXPECT_EQ(all, bus().state(0).sent);
+    ASSERT_EQ(262'144u, records.size());
+    EXPECT_EQ(ext | 100U, records.front().frame.id);
+    EXPECT_EQ(ext | (all - 1), records.back().frame.id);
 }
 
 TEST_F(Can, FaultsHitWhatTheyName) {

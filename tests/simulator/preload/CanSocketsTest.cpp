@@ -303,6 +303,14 @@ TEST_F(CanSockets, AForkedChildLeavesItsParentsSocketsAlone) {
     EXPECT_EQ(0, status);
     can_frame raw{};
     EXPECT_EQ(16, ::write(fd, &raw, sizeof raw));
+    // Nothing piles up for a socket that is closed.
+    fd.reset();
+    for (int i = 0; i < 300; ++i) {
+        instrument().can().transmit(0, {1, 0, {}}, 0.0);
+    }
+    while (instrument().can().state(0).received < 300) {
+    }
+    EXPECT_EQ(0u, instrument().can().state(0).dropped);
 }
 
 // The delivered example says what the keys mean; every one comes back.
@@ -316,6 +324,10 @@ TEST(CanScenarios, TheExampleReadsAndWritesAlike) {
     full.can.stampsFromStart = false;
     full.can.interfaces->push_back({"vcan7", 3, false, false});
     full.can.buses.push_back({12345, false, {{{CanFrame::remote | 5, 8, {}}, 0.25, 1.5, 7, false}}, {}});
+    for (int kind = static_cast<int>(FaultKind::CanErrorFrame); kind <= static_cast<int>(FaultKind::CanStamp); ++kind) {
+        full.faults.push_back({.kind = static_cast<FaultKind>(kind)});
+    }
+    full.faults.push_back({.kind = FaultKind::CanRead, .target = 31, .code = 5});
     const std::string text = ScenarioJson::write(full);
     const Scenario back = ScenarioJson::parse(text, "full");
     EXPECT_EQ(text, ScenarioJson::write(back));
@@ -323,6 +335,10 @@ TEST(CanScenarios, TheExampleReadsAndWritesAlike) {
     EXPECT_EQ(full.can.buses[0].cyclic[0].frame, back.can.buses[0].cyclic[0].frame);
     EXPECT_EQ(3, back.can.interfaces->back().bus);
     EXPECT_FALSE(back.can.stampsFromStart);
+    ASSERT_EQ(full.faults.size(), back.faults.size());
+    for (size_t i = 0; i < back.faults.size(); ++i) {
+        EXPECT_EQ(full.faults[i].kind, back.faults[i].kind);
+    }
 }
 
 TEST(CanScenarios, MistakesAreNamed) {
