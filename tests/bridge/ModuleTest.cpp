@@ -308,7 +308,7 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
     // What is no std::exception ends the cycle as a failure.
     device->ai->onAcquire = [] { throw 5; };
     EXPECT_EQ(module->processData(), Errors::GeneralError);
-    EXPECT_EQ(device->ai->sendCount, 3);
+    EXPECT_EQ(device->ai->sendCount, 4);
     checkErrorInfo(module->stop());
 }
 
