@@ -36,6 +36,19 @@ std::string describe(const CanCount& count) {
     return fmt::format("{} {}", count.value, count.text);
 }
 
+void setBitRate(Session& session, const CanPort& port, int bitRate) {
+    const ListPtr choices = port.input.channel.getPropertyInfo("BaudRate").getValuesAsList();
+    std::vector<int> rates;
+    for (size_t i = 0, n = choices.getCount(); i < n; ++i) {
+        rates.push_back(fromValue<int>(choices.getItemAt(i)));
+    }
+    if (std::find(rates.begin(), rates.end(), bitRate) == rates.end()) {
+        throw std::runtime_error(
+            fmt::format("{}: {} bit/s can't be had; there are {}", port.name(), bitRate, fmt::join(rates, ", ")));
+    }
+    session.set(session.tree().property(port.input.path + "/BaudRate"), std::to_string(bitRate));
+}
+
 // A run of CAN ports alone, which ends with this.
 class CanRun {
 public:
@@ -52,7 +65,7 @@ public:
                 port.output->channel.setUsed(direction == Direction::Send);
             }
             if (bitRate) {
-                session.set(session.tree().property(port.input.path + "/BaudRate"), std::to_string(*bitRate));
+                setBitRate(session, port, *bitRate);
             }
             session.set(session.tree().property(port.input.path + "/OperationMode"),
                         direction == Direction::Send ? "ReadWriteAcq" : "ReadOnly");
