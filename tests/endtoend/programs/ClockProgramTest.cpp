@@ -120,7 +120,8 @@ TEST_F(ClockProgram, AHolderTellsOthersAndItsFileTellsOfTheClock) {
     ASSERT_TRUE(await([&] { return holder.errors().find("recording: 101 of") != std::string::npos; }));
     holder.signal(SIGINT);
     const auto ended = holder.wait();
-    EXPECT_EQ(ended.exitCode, 0) << ended.err << ended.out;
+    // At twenty times the speed a loaded machine may lose samples. What the clock did is no failure.
+    EXPECT_EQ(ended.exitCode == 0, ended.out.find("none lost") != std::string::npos) << ended.err << ended.out;
     EXPECT_NE(ended.out.find("CLOCK WITHOUT ITS REFERENCE (PPS): locked at the start, locked at the end, 2 changes"),
               std::string::npos)
         << ended.out;
