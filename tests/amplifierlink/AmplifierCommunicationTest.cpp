@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "libraries/devices/embedded/I2cRegisterAccess.h"
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
@@ -25,8 +23,7 @@ using kestrixsim::AmplifierKind;
 using kestrixtest::failureOf;
 using kestrixtest::LogCapture;
 
-class AmplifierLink : public testing::Test {
-protected:
+struct AmplifierLink : testing::Test {
     ~AmplifierLink() override { RegistersAddress::deviceType = 0; }
 
     static kestrixsim::Scenario scenarioWith(const std::vector<std::pair<int, AmplifierKind>>& modules) {

@@ -15,10 +15,6 @@
 #include <memory>
 #include <set>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "shared/libraries/kestrix/src/AmplifierCommands.h"
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
@@ -45,8 +41,7 @@ std::string withData(const std::string& bytes) {
     return bytes.empty() ? ok : ScriptedModule::frame("00 " + bytes);
 }
 
-class AmplifierProtocol : public testing::Test {
-protected:
+struct AmplifierProtocol : testing::Test {
     AmplifierProtocol() {
         kestrixsim::reset(kestrixsim::Scenario{});
         auto uart = std::make_shared<AmplifierProperties::Uart>(module.path(), B38400, 200);
@@ -429,10 +424,7 @@ TEST_F(AmplifierProtocol, replyOfAnotherLengthIsAFailureOfItsOwn) {
 }
 
 TEST_F(AmplifierProtocol, frameIsFoundInWhatArrives) {
-    struct {
-        const char* name;
-        std::string reply;
-    } const cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"noise in front", "FF FF A5 02 00 5B 5A"},
         {"key in front that leads nowhere", "A5 03 11 A5 02 00 5B 5A"},
         {"key in front whose length leaves the buffer", "A5 F0 A5 02 00 5B 5A"},
@@ -449,9 +441,9 @@ TEST_F(AmplifierProtocol, frameIsFoundInWhatArrives) {
          }()},
     };
     LogCapture log;
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.name);
-        module.script({entry.reply});
+    for (const auto& [name, reply] : cases) {
+        SCOPED_TRACE(name);
+        module.script({reply});
         EXPECT_EQ(amplifier->readRange(), 0x5B);
         EXPECT_EQ(module.takeRequests().size(), 1u);
     }
@@ -465,19 +457,17 @@ TEST_F(AmplifierProtocol, frameIsFoundInWhatArrives) {
 }
 
 TEST_F(AmplifierProtocol, onlyWhatTheModuleSentIsCopied) {
-    struct {
-        size_t sent;
-        unsigned char asked;
-    } const cases[] = {{4, 16}, {16, 4}, {124, 124}};  // the last one fills the receive buffer
-    for (const auto& entry : cases) {
+    const std::pair<size_t, unsigned char> cases[] = {
+        {4, 16}, {16, 4}, {124, 124}};  // the last one fills the receive buffer
+    for (const auto& [sent, asked] : cases) {
         std::string data = "11";
-        for (size_t n = 1; n < entry.sent; ++n) {
+        for (size_t n = 1; n < sent; ++n) {
             data += " 11";
         }
         module.script({withData(data)});
         Bytes buffer(125, 0xEE);
-        EXPECT_EQ(amplifier->readCalibrationData(0, buffer.data(), entry.asked), static_cast<short>(entry.sent + 1));
-        Bytes expected(std::min<size_t>(entry.sent, entry.asked), 0x11);
+        EXPECT_EQ(amplifier->readCalibrationData(0, buffer.data(), asked), static_cast<short>(sent + 1));
+        Bytes expected(std::min<size_t>(sent, asked), 0x11);
         expected.resize(125, 0xEE);
         EXPECT_EQ(buffer, expected);
     }
@@ -503,13 +493,7 @@ TEST_F(AmplifierProtocol, failedAttemptsAreLoggedAndTriedThreeTimes) {
         return fmt::format("{} Amplifier index 3 error: {} failed! Command 208!", level, text);
     };
     const std::string end = "Amplifier index 3 retransmit error!";
-    struct {
-        const char* name;
-        Strings replies;
-        bool quiet;
-        short result;
-        Strings lines;
-    } const cases[] = {
+    const std::tuple<const char*, Strings, bool, short, Strings> cases[] = {
         {"refusal", Strings(3, refused), false, -1, Strings(3, line(5, "Command failed"))},
         {"quiet refusal", Strings(3, refused), true, -1, Strings(3, line(2, "Command failed"))},
         {"silence", Strings(3, silent), false, -1, Strings(3, line(5, "Timeout"))},
@@ -520,20 +504,20 @@ TEST_F(AmplifierProtocol, failedAttemptsAreLoggedAndTriedThreeTimes) {
          2,
          {line(5, "Timeout"), line(5, "Command failed")}},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.name);
+    for (const auto& [name, replies, quiet, result, lines] : cases) {
+        SCOPED_TRACE(name);
         LogCapture log;
-        module.script(entry.replies);
+        module.script(replies);
         const auto start = std::chrono::steady_clock::now();
         unsigned char byte = 0;
-        EXPECT_EQ(amplifier->sendReplyCommand(0xD0, &byte, 1, 400, entry.quiet), entry.result);
-        if (entry.replies.front() == silent) {
+        EXPECT_EQ(amplifier->sendReplyCommand(0xD0, &byte, 1, 400, quiet), result);
+        if (replies.front() == silent) {
             EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3 * 400));
         }
         EXPECT_EQ(module.takeRequests().size(), 3u);
-        Strings expected = entry.lines;
-        if (entry.result < 0) {
-            expected.push_back((entry.quiet ? "2 " : "5 ") + end);
+        Strings expected = lines;
+        if (result < 0) {
+            expected.push_back((quiet ? "2 " : "5 ") + end);
         }
         EXPECT_EQ(log.lines(), expected);
     }

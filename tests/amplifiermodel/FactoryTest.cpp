@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <sys/stat.h>
-
-#include <algorithm>
-#include <filesystem>
 
 #include <zorn/objects/property_object.h>
 
@@ -20,8 +15,7 @@ PropertyObjectClassPtr hostClass(const char* name) {
     return PropertyObjectManagerPtr::create().findClass(name);
 }
 
-class FactoryTest : public testing::Test {
-protected:
+struct FactoryTest : testing::Test {
     // Registers the folder and gives what was printed meanwhile.
     std::string registerFolder(DaqAmplifiersFactory& factory, const std::string& directory) const {
         testing::internal::CaptureStdout();

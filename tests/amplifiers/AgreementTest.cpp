@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,8 +39,7 @@ const Delivered amplifiers[] = {
     {AmplifierKind::HighVoltage, "high-voltage.json", {{"Voltage", "V", false, true}}},
 };
 
-class Agreement : public testing::TestWithParam<Delivered> {
-protected:
+struct Agreement : testing::TestWithParam<Delivered> {
     Agreement()
         : definition(std::filesystem::path(KESTRIX_AMPLIFIERS) / GetParam().file),
           firmware(moduleOf(GetParam().kind), 1, 1) {}

@@ -21,8 +21,7 @@
 namespace Harvane::RT::Modules::Daq::Test {
 
 template <class T>
-class TestChannel : public Channel {
-public:
+struct TestChannel : Channel {
     TestChannel(int number, const std::string& channelName, SampleType type) : Channel(number) {
         name = channelName;
         sampleType = type;
@@ -40,8 +39,7 @@ inline int divisorAtOrBelow(int rate, int clock) {
     return 10;
 }
 
-class TestAI : public AIDevice {
-public:
+struct TestAI : AIDevice {
     TestAI() {
         baseClocks = {15000000, 10000000};
         baseClock = 15000000;
@@ -131,8 +129,7 @@ public:
 };
 
 // Asynchronous channels: an input, an output and a single value, which has no place in the host's tree.
-class TestAsync : public SubDevice {
-public:
+struct TestAsync : SubDevice {
     TestAsync() {
         input = std::make_shared<TestChannel<int>>(0, "Async in", SampleType::Async);
         output = std::make_shared<TestChannel<int>>(1, "Async out", SampleType::Async);
@@ -157,8 +154,7 @@ public:
     std::function<void()> onAcquire;
 };
 
-class TestTiming : public DaqTiming {
-public:
+struct TestTiming : DaqTiming {
     std::int64_t getStartTime() override { return 1111; }
     std::int64_t getCurrentTime(bool& tracking, bool& error) override {
         ++queries;
@@ -176,8 +172,7 @@ public:
     bool fail = false;
 };
 
-class TestLoop : public DaqLoop {
-public:
+struct TestLoop : DaqLoop {
     TestLoop() {
         minCycleRate = 2;
         maxCycleRate = 400;
@@ -192,8 +187,7 @@ public:
     std::function<void()> cycle;
 };
 
-class TestDevice : public DaqDevice {
-public:
+struct TestDevice : DaqDevice {
     TestDevice() {
         model = "Bench 8";
         manufacturer = "Maker";

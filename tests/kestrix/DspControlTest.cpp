@@ -1,6 +1,7 @@
 #include "modules/daq/daqdevices/kestrix/src/DspControl.h"
 
 #include <gtest/gtest.h>
+
 #include <algorithm>
 
 #include "tests/registers/FailureOf.h"
@@ -14,8 +15,7 @@ namespace {
 
 using Stores = std::vector<FakeAccess::Store>;
 
-class DspControlTest : public testing::Test {
-protected:
+struct DspControlTest : testing::Test {
     static constexpr uint64_t base = 0xA0030000;
     static constexpr uint64_t filterType = base + 0x90;
     static constexpr uint64_t rspLo = base + 0x100;

@@ -1,4 +1,3 @@
-
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -14,8 +13,7 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-class KestrixAITest : public KestrixFixture {
-protected:
+struct KestrixAITest : KestrixFixture {
     static std::shared_ptr<KestrixAI> makeAI() {
         const kestrixsim::Scenario& board = kestrixsim::instrument().scenario();
         BoardIdentity identity;
@@ -64,17 +62,14 @@ TEST_F(KestrixAITest, SmallBoardHasNoSupplyToSwitchOn) {
 }
 
 TEST_F(KestrixAITest, FailedConstructionSwitchesOffAndClosesEverything) {
-    struct {
-        kestrixsim::Fault fault;
-        const char* text;
-    } const cases[] = {
+    const std::pair<kestrixsim::Fault, const char*> cases[] = {
         {{.kind = FaultKind::DmaOpen, .target = 5}, "Cannot open device file"},
         {{.kind = FaultKind::DmaIoctl, .target = 3}, "SET_BD_CNT ioctl error"},
     };
-    for (const auto& expected : cases) {
+    for (const auto& [fault, text] : cases) {
         kestrixsim::reset(warmScenario(8));
-        inject(expected.fault);
-        EXPECT_EQ(failureOf([] { makeAI(); }), expected.text);
+        inject(fault);
+        EXPECT_EQ(failureOf([] { makeAI(); }), text);
         EXPECT_EQ(supply(), 0u);
         EXPECT_EQ(kestrixsim::openDescriptors(), 0);
     }

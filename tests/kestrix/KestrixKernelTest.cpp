@@ -12,8 +12,7 @@ using kestrixtest::failureOf;
 
 namespace {
 
-class KestrixKernelTest : public KestrixFixture {
-protected:
+struct KestrixKernelTest : KestrixFixture {
     KestrixKernelTest() { kestrixsim::reset(warmScenario(8)); }
 };
 

@@ -42,8 +42,7 @@ void removeFile(const std::string& path) {
     std::remove((kestrixsim::rootFolder() + path).c_str());
 }
 
-class PlatformTest : public KestrixFixture {
-protected:
+struct PlatformTest : KestrixFixture {
     PlatformTest() { kestrixsim::reset(Scenario{}); }
 
     static std::vector<std::string> commands() { return kestrixsim::instrument().commandsRun(); }
@@ -159,10 +158,7 @@ TEST_F(PlatformTest, IrigLinesAreSwitchedInTheOrderOfTheState) {
 
 TEST_F(PlatformTest, StatusRepliesTellTheState) {
     using P = PlatformPtpControl;
-    struct {
-        const char* reply;
-        P::STATE state;
-    } const cases[] = {
+    const std::pair<const char*, P::STATE> cases[] = {
         {"OK:", P::PTP_STATE_UNKNOWN},
         {"ERR:mode=slave", P::PTP_STATE_UNKNOWN},
         {"log line\nOK:mode=slave", P::PTP_STATE_UNKNOWN},
@@ -177,8 +173,8 @@ TEST_F(PlatformTest, StatusRepliesTellTheState) {
         {"OK:mode=", P::PTP_STATE_UNKNOWN},
         {"OK:mode", P::PTP_STATE_UNKNOWN},
     };
-    for (const auto& expected : cases) {
-        EXPECT_EQ(P::stateOf(expected.reply), expected.state) << expected.reply;
+    for (const auto& [reply, state] : cases) {
+        EXPECT_EQ(P::stateOf(reply), state) << reply;
     }
 }
 

@@ -37,15 +37,13 @@ std::string failureOf(Call&& call) {
     }
 }
 
-class TestClock : public DaqClock {
-public:
+struct TestClock : DaqClock {
     explicit TestClock(double time) : time(time) {}
     double getCurrentTime(bool) override { return time; }
     double time;
 };
 
-class TestDevice : public Recorded<DaqDevice> {
-public:
+struct TestDevice : Recorded<DaqDevice> {
     TestDevice(Steps& steps, const std::string& id, const SynchronizationOptions& options)
         : Recorded(steps, id), options(options) {}
     SynchronizationOptions getSynchronizationOptions() override { return options; }
@@ -59,8 +57,7 @@ struct At10 {
     std::string connectionPointName = "ID_10";
 };
 
-class Controller : public testing::Test {
-protected:
+struct Controller : testing::Test {
     std::shared_ptr<TestDevice> add(const std::string& id, const SynchronizationOptions& options = plainOptions,
                                     int minRate = 0, int maxRate = Device::noMaxRate) {
         auto device = std::make_shared<TestDevice>(steps, id, options);

@@ -1,5 +1,3 @@
-#include <vector>
-
 #include "tests/seams/Station.h"
 
 using namespace Harvane::RT::Core;
@@ -15,8 +13,7 @@ constexpr int startRequest = 0x40064C08;
 constexpr int stopRequest = 0x40064C09;
 constexpr uint64_t adcEnableWord = 0xA0200000;
 
-class SeamFaultTest : public testing::Test, protected Station {
-protected:
+struct SeamFaultTest : testing::Test, protected Station {
     SeamFaultTest() {
         EXPECT_EQ(add(), "");
         use({raw(1), filtered(1), raw(2), filtered(2)});
@@ -88,8 +85,7 @@ TEST_F(SeamFaultTest, AFailedStopStopsTheRest) {
     }
 }
 
-class OneSlotTest : public testing::Test, protected Station {
-protected:
+struct OneSlotTest : testing::Test, protected Station {
     OneSlotTest() : Station(slots(1)) {
         EXPECT_EQ(add(), "");
         EXPECT_EQ(initialize(), "");

@@ -7,9 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,8 +17,6 @@
 #include <zorn/types/object_impl.h>
 
 #include "modules/daq/bridge/DaqStructure.h"
-#include "modules/daq/objectmodel/Channel.h"
-#include "modules/daq/objectmodel/DaqDevice.h"
 #include "tests/seams/Station.h"
 
 using namespace Harvane::RT::Core;

@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "tests/seams/Station.h"
 
 using namespace Harvane::RT::Core;
@@ -8,8 +6,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
 
-class SeamRateTest : public testing::Test, protected Station {
-protected:
+struct SeamRateTest : testing::Test, protected Station {
     SeamRateTest() : Station(board()) { EXPECT_EQ(add(), ""); }
     // Its modules are always on: a change of the clock doesn't wait for their supply.
     static kestrixsim::Scenario board() {

@@ -8,6 +8,7 @@
 #include <numbers>
 #include <utility>
 
+#include "tests/endtoend/Definition.h"
 #include "tests/endtoend/measurement/Bench.h"
 #include "tools/zornhost/AmplifierCommands.h"
 #include "tools/zornhost/Commands.h"
@@ -20,17 +21,7 @@ using namespace Harvane::RT::Core;
 namespace {
 
 Waveform physical(WaveformKind kind, double amplitude, double offset, double hz) {
-    Waveform waveform;
-    waveform.kind = kind;
-    waveform.frequencyHz = hz;
-    waveform.amplitude = amplitude;
-    waveform.offset = offset;
-    waveform.unit = WaveformUnit::Physical;
-    return waveform;
-}
-
-Waveform physicalSine(double amplitude, double offset, double hz) {
-    return physical(WaveformKind::Sine, amplitude, offset, hz);
+    return {kind, hz, amplitude, offset, 0.0, {}, WaveformUnit::Physical};
 }
 
 Waveform constant(double value) {
@@ -38,30 +29,20 @@ Waveform constant(double value) {
 }
 
 ModuleScenario plugged(int slot, AmplifierKind kind, const Waveform& waveform = constant(0.0)) {
-    ModuleScenario module;
-    module.slot = slot;
-    module.kind = kind;
-    module.waveform = waveform;
-    return module;
-}
-
-Scenario with(std::vector<ModuleScenario> modules) {
-    Scenario scenario;
-    scenario.modules = std::move(modules);
-    return scenario;
+    return {.slot = slot, .kind = kind, .waveform = waveform};
 }
 
 // One of each kind, in the order of the constants below.
 Scenario allKinds() {
-    return with({plugged(0, AmplifierKind::Voltage), plugged(1, AmplifierKind::Bridge), plugged(2, AmplifierKind::Iepe),
-                 plugged(3, AmplifierKind::HighVoltage)});
+    return {.modules = {plugged(0, AmplifierKind::Voltage), plugged(1, AmplifierKind::Bridge),
+                        plugged(2, AmplifierKind::Iepe), plugged(3, AmplifierKind::HighVoltage)},
+            .faults = {}};
 }
 constexpr int voltage = 0;
 constexpr int bridge = 1;
 constexpr int iepe = 2;
 
-class Amplified : public Bench {
-public:
+struct Amplified : Bench {
     explicit Amplified(const Scenario& scenario, const std::string& definitions = KESTRIX_AMPLIFIERS)
         : Bench(scenario, {"SampleRate=10000"}, definitions) {
         session().open();
@@ -83,6 +64,11 @@ public:
         return executeFunc(channel(slot).getPropertyValue<BasePtr>(function).asPtr<IFuncObject>(), argument);
     }
     int64_t number(int slot, const char* property) { return channel(slot).getPropertyValue<int64_t>(property); }
+    // Measurement and range that the amplifier works by.
+    std::pair<int64_t, int64_t> inForce(int slot) {
+        const auto state = instrument().amplifierState(slot);
+        return {state.measurement, state.range};
+    }
 
     // Commands with their payload that the slot's amplifier has taken: "BC 02".
     std::vector<std::string> sent(int slot) {
@@ -105,9 +91,9 @@ struct Sine {
     double mean;
 };
 
-template <class T>
-Sine sineOf(const RecordingReader& file, const std::string& path, double hz) {
-    const auto samples = file.samples<T>(path);
+Sine sineOf(const RecordingReader& file, int slot, bool filtered, double hz) {
+    const auto path = channelPath(slot, filtered);
+    const auto samples = filtered ? file.numbers<int32_t>(path) : file.numbers<int16_t>(path);
     const double scale = file.number(path, "scale");
     const double offset = file.number(path, "offset");
     const double rate = file.number(path, "sample_rate");
@@ -120,7 +106,7 @@ Sine sineOf(const RecordingReader& file, const std::string& path, double hz) {
     std::complex<double> turn;
     double sum = 0.0;
     for (size_t i = settled; i < settled + count; ++i) {
-        const double value = static_cast<double>(samples[i]) * scale + offset;
+        const double value = samples[i] * scale + offset;
         sum += value;
         turn += value * std::polar(1.0, -2.0 * std::numbers::pi * hz * static_cast<double>(i) / rate);
     }
@@ -186,10 +172,8 @@ TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsBack) {
             channel.setPropertyValue("Range", cell.range);
             ASSERT_EQ(bench.update(slot, true), Errors::Success);
             EXPECT_EQ(bench.number(slot, "Range"), cell.range);
-            const auto state = bench.instrument().amplifierState(slot);
-            EXPECT_EQ(state.measurement, cell.measurement);
-            EXPECT_EQ(state.range, cell.range);
-            bench.instrument().setWaveform(slot, physicalSine(share * cell.full, mean * cell.full, hz));
+            EXPECT_EQ(bench.inForce(slot), std::pair(cell.measurement, cell.range));
+            bench.instrument().setWaveform(slot, physical(WaveformKind::Sine, share * cell.full, mean * cell.full, hz));
         }
         const std::string name = "ranges" + std::to_string(run) + ".h5";
         const auto report = bench.record(name, 0.35);
@@ -208,8 +192,8 @@ TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsBack) {
             const bool direct = fromValue<std::string>(channel.getPropertyEnum("HPFilter")) == "DC";
             const double amplitudeIn = share * cell.full;
             const double meanIn = direct ? mean * cell.full : 0.0;
-            const Sine raw = sineOf<int16_t>(file, channelPath(slot, false), hz);
-            const Sine filtered = sineOf<int32_t>(file, channelPath(slot, true), hz);
+            const Sine raw = sineOf(file, slot, false, hz);
+            const Sine filtered = sineOf(file, slot, true, hz);
             table.push_back({channel.getClassName().toStdString(), cell.name, zornhost::formatNumber(cell.full),
                              cell.unit, zornhost::formatNumber(amplitudeIn), zornhost::formatNumber(raw.amplitude),
                              zornhost::formatNumber(filtered.amplitude), zornhost::formatNumber(meanIn),
@@ -311,18 +295,16 @@ TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
                                     {0, 3, 1.0, "mV/V", "Measurement: Bridge; Range: 1 mV/V;"}};
     enum class By { Update, Command, Start };  // UpdateAmplifier; the command `record`; a start of any other host
     constexpr double played = 0.8;             // in the unit of what is in force
-    Amplified bench(with({plugged(0, AmplifierKind::Bridge, constant(played))}));
+    Amplified bench({.modules = {plugged(0, AmplifierKind::Bridge, constant(played))}, .faults = {}});
     auto channel = bench.channel(0);
     const auto ask = [&](const Request& request) {
         channel.setPropertyValue("Measurement", request.measurement);
         channel.setPropertyValue("Range", request.range);
     };
     const auto expectInForce = [&](const Request& expected) {
-        const auto state = bench.instrument().amplifierState(0);
-        EXPECT_EQ(state.measurement, expected.measurement);
-        EXPECT_EQ(state.range, expected.range);
-        EXPECT_EQ(bench.number(0, "Measurement"), expected.measurement);
-        EXPECT_EQ(bench.number(0, "Range"), expected.range);
+        const std::pair wanted(expected.measurement, expected.range);
+        EXPECT_EQ(bench.inForce(0), wanted);
+        EXPECT_EQ(std::pair(bench.number(0, "Measurement"), bench.number(0, "Range")), wanted);
         EXPECT_TRUE(channel.getPropertyValue<std::string>("SettingsInForce").starts_with(expected.inForce));
     };
     const auto recorded = [&](By by) -> Said {
@@ -413,9 +395,7 @@ TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
                     const double quantum = 2.0 * end.full / (filtered ? 4294967296.0 : 65536.0);
                     EXPECT_NEAR(file.number(path, "scale") / quantum, state.scale, 1e-9);
                     EXPECT_NEAR(file.number(path, "offset"), state.offset * state.scale / 1000.0, 1e-9);
-                    const double mean =
-                        filtered ? sineOf<int32_t>(file, path, 100.0).mean : sineOf<int16_t>(file, path, 100.0).mean;
-                    EXPECT_NEAR(mean, played, 0.001 * played);
+                    EXPECT_NEAR(sineOf(file, 0, filtered, 100.0).mean, played, 0.001 * played);
                 }
                 if (refused) {
                     EXPECT_NE(said.refused.find(trouble.failure), std::string::npos) << said.refused;
@@ -456,11 +436,7 @@ TEST(Balancing, BeforeAndDuringARecording) {
     Amplified bench(allKinds());
     const auto balance = [&] {
         EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")) &&
-               std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        EXPECT_TRUE(eventually([&] { return !fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")); }));
     };
     // What a recording of a steady input holds, of both streams.
     const auto recorded = [&](const std::string& name, double expected, const std::function<void()>& during = {}) {
@@ -469,8 +445,8 @@ TEST(Balancing, BeforeAndDuringARecording) {
         EXPECT_TRUE(report.good()) << report.verdict();
         const RecordingReader file(bench.file(name + ".h5"));
         EXPECT_EQ(file.text(channelPath(bridge, false), "unit"), "mV/V");
-        EXPECT_NEAR(sineOf<int16_t>(file, channelPath(bridge, false), 100.0).mean, expected, 0.00125);
-        EXPECT_NEAR(sineOf<int32_t>(file, channelPath(bridge, true), 100.0).mean, expected, 0.00125);
+        EXPECT_NEAR(sineOf(file, bridge, false, 100.0).mean, expected, 0.00125);
+        EXPECT_NEAR(sineOf(file, bridge, true, 100.0).mean, expected, 0.00125);
     };
     const auto offset = [&] {
         EXPECT_EQ(bench.update(bridge), Errors::Success);
@@ -502,10 +478,7 @@ TEST(Balancing, ModuleUnloadsWhileItRuns) {
     bench.session().prepare();
     bench.session().start();
     auto channel = bench.channel(bridge);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (channel.getSamplesAcquired() < 1000 && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    EXPECT_TRUE(eventually([&] { return channel.getSamplesAcquired() >= 1000; }));
     EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const auto begin = std::chrono::steady_clock::now();
@@ -520,13 +493,6 @@ TEST(Balancing, ModuleUnloadsWhileItRuns) {
 }
 
 namespace {
-
-std::string definition(const std::string& name, const std::string& identifier, const std::string& more = "") {
-    return R"({"__type": "PropertyObjectClass", "name": ")" + name + R"(", "properties": [
-  {"name": "ModuleName", "type": "string", "readOnly": true, "readOnlyValue": "Mine"},
-  {"name": "AmplifierID", "type": "string", "readOnly": true, "readOnlyValue": ")" +
-           identifier + "\"}" + more + "]}";
-}
 
 std::string range(const std::string& name) {
     return R"(, {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "V", "values": [
@@ -610,7 +576,7 @@ TEST(Definitions, TheCheckAndTheModuleAgree) {
                 counts = report.className;
             }
         }
-        Amplified bench(with({plugged(0, AmplifierKind::Voltage)}), folder.string());
+        Amplified bench({.modules = {plugged(0, AmplifierKind::Voltage)}, .faults = {}}, folder.string());
         std::filesystem::remove_all(folder);
         EXPECT_EQ(bench.channel(0).getClassName(), counts) << problems;
         EXPECT_TRUE(*row.shown == 0 || counts == row.shown) << counts << problems;

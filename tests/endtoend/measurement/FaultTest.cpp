@@ -120,21 +120,3 @@ TEST(Faults, CycleThatStandsStillShowsAsAGap) {
     EXPECT_FALSE(report.good()) << report.verdict();
     EXPECT_GT(report.lost(), 0u) << report.verdict();
 }
-
-TEST(Faults, RefusedClockChangeCanBeRepeated) {
-    Bench bench(Scenario::counters(1));
-    auto& session = bench.session();
-    session.open();
-    const auto clock = session.tree().property("KESTRIX/BaseClock");
-    bench.instrument().inject({.kind = FaultKind::ScriptRefuses, .times = 1});
-    LogCapture log;
-    session.set(clock, "1");
-    EXPECT_EQ(bench.instrument().registerWord(0xB0000000) >> 1 & 3, 0u);
-    EXPECT_GT(log.count("KestrixAI::configureClock failed"), 0u) << log.text();
-    session.set(clock, "1");
-    EXPECT_EQ(session.tree().property("KESTRIX/BaseClock").owner.node.getPropertyValue<int>("BaseClock"), 1);
-    session.set(session.tree().property("SampleRate"), "16000");
-    const auto report = bench.record("ten.h5", 1.2);
-    EXPECT_TRUE(report.good()) << report.verdict();
-    EXPECT_NEAR(static_cast<double>(report.channels[1].samples), 16000 * report.durationS, 16000 * 0.25);
-}

@@ -2,9 +2,6 @@
 
 #include <cmath>
 #include <limits>
-#include <string>
-
-#include <zorn/types/values.h>
 
 #include "tests/host/Made.h"
 

@@ -1,12 +1,9 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <iterator>
-#include <string>
 #include <vector>
 
 #include <zorn/objects/property_object.h>
-#include <zorn/structure/module.h>
 
 #include "tests/module/ModuleFile.h"
 
@@ -68,8 +65,7 @@ ZORN_FUNCTION ErrCode createProperyObjectClassWithName(IPropertyObjectClass** ob
 
 namespace {
 
-class HostVersionTest : public testing::Test {
-protected:
+struct HostVersionTest : testing::Test {
     HostVersionTest() { host = HostVersions(); }
     ~HostVersionTest() override { refuseClasses = false; }
 

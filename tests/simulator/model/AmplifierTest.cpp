@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cmath>
 
 #include "tests/simulator/model/Rig.h"
 
@@ -28,8 +27,7 @@ Bytes bytesOf(const std::string& text) {
 }
 
 // One of each kind, in the order of AmplifierKind.
-class Amplifier : public testing::Test {
-protected:
+struct Amplifier : testing::Test {
     Amplifier() { plugIn(); }
 
     void plugIn() {
@@ -50,11 +48,7 @@ protected:
 
 TEST_F(Amplifier, answersAreThoseOfTheFirmware) {
     // What is asked and what is answered, in this order.
-    const struct {
-        const char* name;
-        int slot;
-        std::vector<std::pair<const char*, const char*>> lines;
-    } dialogues[] = {
+    const std::tuple<const char*, int, std::vector<std::pair<const char*, const char*>>> dialogues[] = {
         {"everySettingIsReadBackByItsOwnCode",
          1,
          {{"60 02", "00"}, {"BC 01", "00"}, {"C8 03", "00"}, {"C3 04", "00"}, {"C9 02", "00"},
@@ -210,16 +204,14 @@ TEST_F(Amplifier, replyComesByteByByteFromTheSelectedSlotOnly) {
 }
 
 TEST_F(Amplifier, faults) {
-    const struct {
-        FaultKind kind;
-        int code;
-        const char* reply;  // to "which type are you"
-    } cases[] = {{FaultKind::AmplifierSilent, 0, ""},
-                 {FaultKind::AmplifierGarbage, 0, "FF 3C A5 F0 00 A5 02 00 01 5A"},
-                 {FaultKind::AmplifierBadStatus, 0, "A5 01 03 5A"},
-                 {FaultKind::AmplifierBadStatus, 7, "A5 01 07 5A"},
-                 {FaultKind::AmplifierHalfFrame, 0, "A5 02"},
-                 {FaultKind::AmplifierLate, 300, "A5 02 00 01 5A"}};
+    // reply: to "which type are you".
+    const std::tuple<FaultKind, int, const char*> cases[] = {
+        {FaultKind::AmplifierSilent, 0, ""},
+        {FaultKind::AmplifierGarbage, 0, "FF 3C A5 F0 00 A5 02 00 01 5A"},
+        {FaultKind::AmplifierBadStatus, 0, "A5 01 03 5A"},
+        {FaultKind::AmplifierBadStatus, 7, "A5 01 07 5A"},
+        {FaultKind::AmplifierHalfFrame, 0, "A5 02"},
+        {FaultKind::AmplifierLate, 300, "A5 02 00 01 5A"}};
     for (const auto& [kind, code, reply] : cases) {
         rig->instrument.inject({.kind = kind, .target = 0, .code = code});
         const double before = rig->now;

@@ -66,8 +66,7 @@ TEST(Streams, descriptorIsReadyWhenItsLastSampleIs) {
 }
 
 // One raw stream of 1 kHz with descriptors of 100 samples, converting.
-class RawStream : public testing::Test {
-protected:
+struct RawStream : testing::Test {
     void prepare(Scenario scenario = Scenario::counters(1)) {
         rig = std::make_unique<Rig>(std::move(scenario));
         rig->raw(0, 15000);
