@@ -50,30 +50,6 @@ TEST_F(AmplifierLink, whatCannotBeOpenedPassesUpAndLeavesNothingOpen) {
     EXPECT_EQ(kestrixsim::openDescriptors(), 0);
 }
 
-TEST_F(AmplifierLink, readsTheIdentityOfWhatIsPluggedIn) {
-    kestrixsim::reset(scenarioWith({{0, AmplifierKind::Voltage}, {2, AmplifierKind::Bridge}}));
-    LogCapture log(7);
-    AmplifierCommunication link(4);
-    EXPECT_TRUE(link.getAmplifier(0)->readProperties());
-    EXPECT_EQ(link.getAmplifier(0)->getId(), "1.0.1.1");
-    EXPECT_EQ(kestrixsim::instrument().framesReceived().front(), "0: A5 01 A7 5A");
-    EXPECT_TRUE(link.getAmplifier(2)->readProperties());
-    EXPECT_EQ(link.getAmplifier(2)->getId(), "2.1.3.2");
-    EXPECT_EQ(link.getAmplifier(2)->getSerial(), "00001002");
-    EXPECT_FALSE(link.getAmplifier(1)->readProperties());
-    EXPECT_FALSE(link.getAmplifier(1)->isAmplifierDefined());
-
-    const auto bridge = link.getAmplifier(2);
-    const double before = bridge->getDaqScale();
-    EXPECT_GT(bridge->setRange(2), 0);
-    EXPECT_GT(bridge->setExcitationValue(5.0f), 0);
-    EXPECT_TRUE(bridge->updateProperties());
-    EXPECT_EQ(bridge->readRange(), 2);
-    EXPECT_EQ(bridge->readExcitationValue(), 5.0f);
-    EXPECT_NE(bridge->getDaqScale(), before) << "the scale belongs to the new range";
-    EXPECT_NEAR(bridge->getDaqScale(), 1.0, 0.01);
-}
-
 // Two modules share one port and one multiplexer: an exchange must not be cut by another thread's.
 TEST_F(AmplifierLink, exchangesOfSeveralThreadsDoNotMix) {
     kestrixsim::reset(scenarioWith({{0, AmplifierKind::Voltage}, {1, AmplifierKind::Bridge}}));

@@ -246,11 +246,11 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
         const char* what() const noexcept override { return nullptr; }
     };
     device->ai->onAcquire = [] { throw Silent(); };
-    device->ai->onSend = nullptr;
+    device->ai->onSend = [] {};
     EXPECT_EQ(module->processData(), Errors::Success);
     EXPECT_EQ(log.take(), Texts{"Exception in DAQ::acquireData: (null)"});
 
-    device->ai->onAcquire = nullptr;
+    device->ai->onAcquire = [] {};
     // An output whose ring is full already.
     int value = 1;
     checkErrorInfo(async("Async out")->addSample(1, &value));
@@ -277,7 +277,7 @@ struct AsyncTest : ModuleTest {
             }
         };
         checkErrorInfo(module->processData());
-        device->async->onAcquire = nullptr;
+        device->async->onAcquire = [] {};
     }
     void addToHost(const char* name, int count) {
         for (int i = 0; i < count; ++i, ++next) {

@@ -124,7 +124,7 @@ TEST_F(RateTest, ExceptionsInHandlersAreLogged) {
     EXPECT_EQ(rateOf(dataModule), 5000);
     EXPECT_EQ(controller->sampleRate, 1000);
 
-    device->ai->onCheck = nullptr;
+    device->ai->onCheck = [] {};
     setRate(dataModule, 2000);
     expectRates({2000, 2000, 2000, 1});
 }
@@ -306,7 +306,7 @@ TEST_F(BuildingTest, KeepsTheHandlersQuiet) {
         }
     };
     structure->buildDeviceTree(controller->systemDevice, dataModule.getRootFolder(), sync);
-    second->onName = nullptr;
+    second->onName = [] {};
     EXPECT_GT(calls, 0);
     EXPECT_EQ(first->ai->channels[0]->getRate(), 1000);
     EXPECT_EQ(controller->sampleRate, 1000);

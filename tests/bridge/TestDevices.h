@@ -31,12 +31,11 @@ struct TestChannel : Channel {
 
 // Rates of a clock: its whole divisors from 10 on.
 inline int divisorAtOrBelow(int rate, int clock) {
-    for (int candidate = std::min(rate, clock); candidate > 10; --candidate) {
-        if (clock % candidate == 0) {
-            return candidate;
-        }
+    int found = std::min(rate, clock);
+    while (found > 10 && clock % found != 0) {
+        --found;
     }
-    return 10;
+    return std::max(found, 10);
 }
 
 struct TestAI : AIDevice {
@@ -66,9 +65,7 @@ struct TestAI : AIDevice {
 
     using Device::checkRate;
     int checkRate(int requested) const override {
-        if (onCheck) {
-            onCheck();
-        }
+        onCheck();
         const int found = divisorAtOrBelow(requested, baseClock);
         return found == impossibleRate ? divisorAtOrBelow(found - 1, baseClock) : found;
     }
@@ -84,9 +81,7 @@ struct TestAI : AIDevice {
         for (const auto& channel : channels) {
             channel->maxRate = baseClock;
         }
-        if (baseClock == 10000000) {
-            channels[1]->maxRate = std::min(baseClock, filteredMaxAt10MHz);
-        }
+        channels[1]->maxRate = baseClock == 10000000 ? filteredMaxAt10MHz : baseClock;
         maxRate = baseClock;
         if (auto owner = getDevice()) {
             owner->maxRate = baseClock;
@@ -95,11 +90,9 @@ struct TestAI : AIDevice {
     void buildChannelView() override {
         channelView = std::make_shared<ChannelFolder>("Analog", false);
         auto shared = std::make_shared<ChannelFolder>("Slot 1", true);
-        shared->addChannel(channels[0]);
-        shared->addChannel(channels[1]);
         auto plain = std::make_shared<ChannelFolder>("Others", false);
-        for (size_t i = 2; i < channels.size(); ++i) {
-            plain->addChannel(channels[i]);
+        for (size_t i = 0; i < channels.size(); ++i) {
+            (i < 2 ? shared : plain)->addChannel(channels[i]);
         }
         channelView->push_back(shared);
         channelView->push_back(plain);
@@ -108,23 +101,19 @@ struct TestAI : AIDevice {
     void initializeHardware() override { SubDevice::initializeHardware(); }
     void acquireData() override {
         AIDevice::acquireData();
-        if (onAcquire) {
-            onAcquire();
-        }
+        onAcquire();
     }
     void sendData() override {
         ++sendCount;
         AIDevice::sendData();
-        if (onSend) {
-            onSend();
-        }
+        onSend();
     }
 
-    std::function<void()> onCheck;
+    std::function<void()> onCheck = [] {};
     int impossibleRate = 0;
     int filteredMaxAt10MHz = 10000000;
-    std::function<void()> onAcquire;
-    std::function<void()> onSend;
+    std::function<void()> onAcquire = [] {};
+    std::function<void()> onSend = [] {};
     int sendCount = 0;
 };
 
@@ -144,14 +133,12 @@ struct TestAsync : SubDevice {
     std::string getDisplayName() const override { return "Messages and numbers"; }
     void acquireData() override {
         SubDevice::acquireData();
-        if (onAcquire) {
-            onAcquire();
-        }
+        onAcquire();
     }
 
     std::shared_ptr<Channel> input;
     std::shared_ptr<Channel> output;
-    std::function<void()> onAcquire;
+    std::function<void()> onAcquire = [] {};
 };
 
 struct TestTiming : DaqTiming {
@@ -204,9 +191,7 @@ struct TestDevice : DaqDevice {
     ~TestDevice() override { ++destroyed; }
 
     std::string getDisplayName() const override {
-        if (onName) {
-            onName();
-        }
+        onName();
         return DaqDevice::getDisplayName();
     }
     std::shared_ptr<AIDevice> createAIDevice() override { return ai = std::make_shared<TestAI>(); }
@@ -226,7 +211,7 @@ struct TestDevice : DaqDevice {
         return command == 1;
     }
 
-    std::function<void()> onName;
+    std::function<void()> onName = [] {};
     std::shared_ptr<TestAI> ai;
     std::shared_ptr<TestAsync> async;
     std::shared_ptr<TestTiming> timing;

@@ -58,25 +58,6 @@ TEST_F(AcquisitionTest, ChannelOfAnEmptySlotIsPassedOver) {
     stop();
 }
 
-TEST_F(AcquisitionTest, DspChainFollowsRatesAndUse) {
-    bringUp(warmScenario(3));
-    use({0, 3, 4});
-    controller->setSampleRate(50000);
-    channel(4).setSRDiv(7);
-    EXPECT_EQ(channel(4).getRate(), 7142);
-    prepare();
-    EXPECT_EQ(dspWord(0, 0x10C), 300u);
-    EXPECT_EQ(dspWord(0, 0x130), 0xFFFFFFFFu);
-    EXPECT_EQ(dspWord(0, 0x124) & 3, 2u);
-    EXPECT_EQ(dspWord(1, 0x104) & 63, 11u);  // the ratio's upper bits
-    EXPECT_EQ(dspWord(1, 0x108) & 31, 6u);
-    EXPECT_EQ(dspWord(1, 0x124) & 3, 1u);
-    EXPECT_EQ(channel(3).phaseDelay, 41);  // 0.82101 ms
-    EXPECT_EQ(channel(0).phaseDelay, 0);
-    EXPECT_EQ(dspWord(2, 0x10C), 2100u);  // of the divider, not of the truncated rate
-    stop();
-}
-
 // From what stands in the FPGA: the taps at odd distance from the centre, the farthest one first, and the centre.
 TEST_F(AcquisitionTest, WrittenFilterPassesAndStopsAsAHalfBand) {
     bringUp(warmScenario(1));

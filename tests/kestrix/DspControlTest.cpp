@@ -55,12 +55,6 @@ TEST_F(DspControlTest, EachStreamTakesWhatItsRateNeeds) {
     EXPECT_EQ(failureOf([&] { dsp.configureDspLogic(10000000, 0, 3000); }), "DspControl::calculateRatioValue failed");
 }
 
-TEST_F(DspControlTest, CoefficientsAreTwentySevenBits) {
-    dsp.setFilterCoefficients();
-    ASSERT_EQ(access->stores.size(), 33u);
-    EXPECT_EQ(access->word(base + 0x08), 0x7FFFC58u);
-}
-
 TEST_F(DspControlTest, ClearIsRequestedAwaitedAndAcknowledged) {
     int pollsLeft = 3;
     access->beforeRead = [&](uint64_t address) {

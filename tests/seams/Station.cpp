@@ -101,23 +101,11 @@ ModuleInHost::~ModuleInHost() {
 }
 
 std::string ModuleInHost::take(Step step) {
-    switch (step) {
-        case Step::Add:
-            return add();
-        case Step::Configure:
-            return configure();
-        case Step::Initialize:
-            return initialize();
-        case Step::BeforeStart:
-            return beforeStart();
-        case Step::Start:
-            return start();
-        case Step::Cycle:
-            return cycle();
-        case Step::Stop:
-            return stop();
-    }
-    return "no such step";
+    const std::function<std::string()> calls[] = {[&] { return add(); },        [&] { return configure(); },
+                                                  [&] { return initialize(); }, [&] { return beforeStart(); },
+                                                  [&] { return start(); },      [&] { return cycle(); },
+                                                  [&] { return stop(); }};
+    return calls[static_cast<size_t>(step)]();
 }
 
 std::string ModuleInHost::addTo(const DataModulePtr& place) const {

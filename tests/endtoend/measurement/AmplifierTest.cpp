@@ -233,42 +233,42 @@ namespace {
 // What goes wrong while an amplifier is asked for something new, and what is so right after a first round of it.
 struct Trouble {
     const char* name;
-    std::vector<Fault> faults;
-    bool refused;         // what was in force stays; otherwise the next round brings the request
     const char* failure;  // the end of it after the first round; "": none
-    bool stops = false;   // the round ends with an exception
+    bool refused;         // what was in force stays; otherwise the next round brings the request
+    std::vector<Fault> faults;
+    bool stops = false;  // the round ends with an exception
 };
 
 const Trouble troubles[] = {
     {"setting refused",
-     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC}},
+     "Range: refused with status 3",
      true,
-     "Range: refused with status 3"},
+     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC}}},
     {"update refused",
-     {{.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67}},
+     "Update: refused with status 7",
      true,
-     "Update: refused with status 7"},
+     {{.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67}}},
     {"scale refused",
-     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFA}},
+     "Scaling: refused with status 3",
      false,
-     "Scaling: refused with status 3"},
-    {"offset is no number", {{.kind = FaultKind::AmplifierNan, .command = 0xFB}}, false, "Scaling: not a number"},
-    {"bus error", {{.kind = FaultKind::MuxError}}, false, "Selection: bus error: Input/output error"},
-    {"port error", {{.kind = FaultKind::UartRead, .times = 3}}, false, ": bus error: Error: read() failed."},
+     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFA}}},
+    {"offset is no number", "Scaling: not a number", false, {{.kind = FaultKind::AmplifierNan, .command = 0xFB}}},
+    {"bus error", "Selection: bus error: Input/output error", false, {{.kind = FaultKind::MuxError}}},
+    {"port error", ": bus error: Error: read() failed.", false, {{.kind = FaultKind::UartRead, .times = 3}}},
     {"stuck multiplexer",
-     {{.kind = FaultKind::MuxReadsBack, .times = 32}},
-     false,
      "Selection: bus error: unable to set amplifiers UART mux",
+     false,
+     {{.kind = FaultKind::MuxReadsBack, .times = 32}},
      true},
-    {"no answer", {{.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}}, false, "Range: no answer"},
-    {"answer lost", {{.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67}}, false, "Update: no answer"},
-    {"late answer", {{.kind = FaultKind::AmplifierLate, .code = 607, .command = 0x67}}, false, ""},
+    {"no answer", "Range: no answer", false, {{.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}}},
+    {"answer lost", "Update: no answer", false, {{.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67}}},
+    {"late answer", "", false, {{.kind = FaultKind::AmplifierLate, .code = 607, .command = 0x67}}},
     // The answer to the range must not be taken for that to the update.
     {"late answer, update refused",
-     {{.kind = FaultKind::AmplifierLate, .code = 203, .command = 0xBC},
-      {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = -1, .command = 0x67}},
+     "Update: refused with status 7",
      true,
-     "Update: refused with status 7"},
+     {{.kind = FaultKind::AmplifierLate, .code = 203, .command = 0xBC},
+      {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = -1, .command = 0x67}}},
 };
 
 // What a recording says of itself.
@@ -510,88 +510,68 @@ const std::string balance = R"(, {"name": "StartSensorBalance", "type": "proc"},
 
 // What the check says of a folder is what the module does with it.
 TEST(Definitions, TheCheckAndTheModuleAgree) {
+    using Files = std::vector<std::string>;
     const std::string mine = "1.0.1.1";
-    struct Row {
-        const char* what;
-        std::vector<std::string> files;
-        const char* shown;  // class of the amplifier; "": the one that the check says counts
-        bool mistake;
-        std::vector<int> failing;  // measurements
-    };
-    const Row rows[] = {
-        {"a plus", {definition("ampl_a", mine, measurements + range("+10") + balance)}, "ampl_a", false, {}},
-        {"no number", {definition("ampl_a", mine, measurements + range("ten") + balance)}, "ampl_a", true, {}},
-        {"the unknown amplifier's name", {definition("Ampl_Unknown", mine)}, "ampl_unknown", true, {}},
-        {"the unknown amplifier itself", {definition("ampl_unknown", "0.0.0.0")}, "ampl_unknown", true, {}},
-        {"leading zero", {definition("ampl_a", "01.0.1.1")}, "ampl_unknown", true, {}},
-        {"a channel's property",
-         {definition("ampl_a", mine, R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true, "readOnlyValue":
+    const auto one = [&](const std::string& more = "") { return Files{definition("ampl_a", mine, more)}; };
+    // The class of the amplifier; "": the one that the check says counts. Then whether there is a mistake, the
+    // measurement that fails, and the files.
+    const std::tuple<const char*, const char*, bool, int, Files> rows[] = {
+        {"a plus", "ampl_a", false, -1, one(measurements + range("+10") + balance)},
+        {"no number", "ampl_a", true, -1, one(measurements + range("ten") + balance)},
+        {"the unknown amplifier's name", "ampl_unknown", true, -1, {definition("Ampl_Unknown", mine)}},
+        {"the unknown amplifier itself", "ampl_unknown", true, -1, {definition("ampl_unknown", "0.0.0.0")}},
+        {"leading zero", "ampl_unknown", true, -1, {definition("ampl_a", "01.0.1.1")}},
+        {"a channel's property", "ampl_a", false, -1,
+         one(R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true, "readOnlyValue":
            {"__type": "Eval", "expr": "if($Enabled, $PhaseDelay, 1)"}})json")},
-         "ampl_a",
-         false,
-         {}},
-        {"a mistake at first sight",
-         {definition("ampl_a", mine, R"(, {"name": "Short", "type": "bool", "enabled": false})")},
-         "ampl_unknown",
-         true,
-         {}},
-        {"a mistake in another measurement",
-         {definition("ampl_a", mine, measurements + R"json(, {"name": "Range", "type": "reference", "reference":
+        {"a mistake at first sight", "ampl_unknown", true, -1,
+         one(R"(, {"name": "Short", "type": "bool", "enabled": false})")},
+        {"a mistake in another measurement", "ampl_unknown", true, -1,
+         one(measurements + R"json(, {"name": "Range", "type": "reference", "reference":
            {"__type": "Eval", "expr": "switch($Measurement, 0, %ModuleName)"}})json")},
-         "ampl_unknown",
-         true,
-         {}},
-        {"a mistake in the second measurement",
-         {definition("ampl_a", mine, measurements + R"json(, {"name": "InputType", "type": "int", "selection": true,
+        {"a mistake in the second measurement", "ampl_a", true, 1,
+         one(measurements + R"json(, {"name": "InputType", "type": "int", "selection": true,
            "default": 0, "values": {"__type": "Eval", "expr": "if($Measurement == 0, $Texts, $ModuleName)"}},
            {"name": "Texts", "type": "list", "default": ["Differential"]})json")},
-         "ampl_a",
-         true,
-         {1}},
-        {"two of one amplifier", {definition("ampl_a", mine), definition("ampl_b", mine)}, "", true, {}},
-        {"two of one class", {definition("ampl_a", mine), definition("AMPL_A", "1.0.1.2")}, "", true, {}},
-        {"twice the same", {definition("ampl_a", mine), definition("ampl_a", mine)}, "ampl_a", true, {}},
+        {"two of one amplifier", "", true, -1, {definition("ampl_a", mine), definition("ampl_b", mine)}},
+        {"two of one class", "", true, -1, {definition("ampl_a", mine), definition("AMPL_A", "1.0.1.2")}},
+        {"twice the same", "ampl_a", true, -1, {definition("ampl_a", mine), definition("ampl_a", mine)}},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [what, shown, wrong, failing, files] : rows) {
+        SCOPED_TRACE(what);
         const auto folder = std::filesystem::temp_directory_path() / ("kestrix-agree-" + std::to_string(::getpid()));
         std::filesystem::create_directories(folder);
-        for (size_t i = 0; i < row.files.size(); ++i) {
-            std::ofstream(folder / ("file" + std::to_string(i) + ".json")) << row.files[i];
+        for (size_t i = 0; i < files.size(); ++i) {
+            std::ofstream(folder / ("file" + std::to_string(i) + ".json")) << files[i];
         }
         std::string counts = "ampl_unknown";
         bool mistake = false;
         std::string problems;
         for (const auto& report : zornhost::checkDefinitions(folder.string())) {
             mistake = mistake || report.hasErrors();
-            bool another = false;
+            bool another =
+                report.outcome != zornhost::DefinitionReport::Outcome::Registered || report.identifier != mine;
             for (const auto& problem : report.problems) {
                 problems += problem.text + "\n";
                 const size_t end = problem.text.find("\" counts");
                 another = another || problem.text.find("nothing of this file counts") != std::string::npos ||
                           (end != std::string::npos && !problem.text.substr(0, end).ends_with("\"" + report.file));
             }
-            if (report.outcome == zornhost::DefinitionReport::Outcome::Registered && report.identifier == mine &&
-                !another) {
-                counts = report.className;
-            }
+            counts = another ? counts : report.className;
         }
         Amplified bench({.modules = {plugged(0, AmplifierKind::Voltage)}, .faults = {}}, folder.string());
         std::filesystem::remove_all(folder);
         EXPECT_EQ(bench.channel(0).getClassName(), counts) << problems;
-        EXPECT_TRUE(*row.shown == 0 || counts == row.shown) << counts << problems;
-        EXPECT_EQ(mistake, row.mistake) << problems;
+        EXPECT_TRUE(*shown == 0 || counts == shown) << counts << problems;
+        EXPECT_EQ(mistake, wrong) << problems;
         if (!bench.channel(0).hasProperty("Measurement") || counts == "ampl_unknown") {
             continue;
         }
-        for (int i = 0; i < 2; ++i) {
-            bench.channel(0).setPropertyValue("Measurement", i);
-            const bool fails = std::count(row.failing.begin(), row.failing.end(), i) > 0;
-            EXPECT_EQ(failed(bench.update(0, true)), fails) << i;
-            EXPECT_EQ(problems.find(i == 0 ? "InputType\": in the measurement \"Bridge"
-                                           : "in the measurement \"Voltage") != std::string::npos,
-                      fails)
-                << problems;
+        for (const auto& [place, words] :
+             {std::pair{0, "InputType\": in the measurement \"Bridge"}, {1, "in the measurement \"Voltage"}}) {
+            bench.channel(0).setPropertyValue("Measurement", place);
+            EXPECT_EQ(failed(bench.update(0, true)), place == failing) << place;
+            EXPECT_EQ(problems.find(words) != std::string::npos, place == failing) << problems;
         }
     }
 }

@@ -63,20 +63,6 @@ INSTANTIATE_TEST_SUITE_P(
         OpenFault{"MuxStuck", {.kind = FaultKind::MuxReadsBack, .times = -1}, "unable to set amplifiers UART mux"}),
     nameOf);
 
-// A slot whose amplifier can't be talked to is an empty slot; the others measure.
-TEST(Faults, AmplifiersThatDoNotAnswerProperlyAreAbsent) {
-    for (const auto kind : {FaultKind::AmplifierSilent, FaultKind::AmplifierBadStatus, FaultKind::AmplifierHalfFrame}) {
-        auto scenario = Scenario::counters(2);
-        scenario.faults = {{.kind = kind, .target = 0, .times = -1}};
-        Bench bench(scenario, {"SampleRate=10000"});
-        bench.session().open();
-        const auto channels = bench.session().tree().channels();
-        EXPECT_FALSE(channels[0].channel.getPropertyValue<bool>("Enabled"));
-        EXPECT_TRUE(channels[2].channel.getPropertyValue<bool>("Enabled"));
-        EXPECT_TRUE(bench.record("rest.h5", 0.4).good());
-    }
-}
-
 // One failing read is logged and costs nothing: the samples are still in the driver's ring.
 TEST(Faults, FailingReadIsLoggedAndTheCycleGoesOn) {
     LogCapture log;
