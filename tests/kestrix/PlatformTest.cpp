@@ -87,12 +87,8 @@ TEST_F(PlatformTest, StreamsAreOpenedSoThatAReadNeverWaits) {
 
 TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {
     using P = PlatformPtpControl;
-    struct {
-        P::STATE state;
-        const char* arguments;
-        std::string lines;  // IRIG in and out
-        P::STATE readBack;
-    } const cases[] = {
+    // irig: the lines in and out.
+    const std::tuple<P::STATE, const char*, std::string, P::STATE> cases[] = {
         {P::PTP_STATE_MASTER, "master", "00", P::PTP_STATE_MASTER},
         {P::PTP_STATE_MASTER_PPS, "master pps", "10", P::PTP_STATE_MASTER_PPS},
         {P::PTP_STATE_MASTER_STANDALONE, "master standalone", "00", P::PTP_STATE_MASTER_STANDALONE},
@@ -108,23 +104,23 @@ TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {
     const std::string script = "/opt/harvane/scripts/ptp_control.sh ";
     P control;
     std::vector<std::string> expected = commands();
-    for (const auto& entry : cases) {
+    for (const auto& [state, arguments, irig, readBack] : cases) {
         setContents(timingFolder + "irig_in_enabled", "?");
         setContents(timingFolder + "irig_out_enabled", "?");
         for (const FaultKind kind : {FaultKind::ScriptRefuses, FaultKind::ScriptSilent}) {
             inject({.kind = kind, .times = -1});
-            EXPECT_FALSE(control.setActiveState(entry.state));
-            EXPECT_FALSE(control.setConfiguredState(entry.state));
+            EXPECT_FALSE(control.setActiveState(state));
+            EXPECT_FALSE(control.setConfiguredState(state));
             EXPECT_EQ(control.getState(), P::PTP_STATE_UNKNOWN);
             clearFaults();
         }
         expected = commands();
-        EXPECT_TRUE(control.setConfiguredState(entry.state));
+        EXPECT_TRUE(control.setConfiguredState(state));
         EXPECT_EQ(lines(), "??");
-        EXPECT_TRUE(control.setActiveState(entry.state));
-        EXPECT_EQ(lines(), entry.lines);
-        EXPECT_EQ(control.getState(), entry.readBack) << entry.arguments;
-        for (const char* argument : {entry.arguments, entry.arguments, "restart", "status"}) {
+        EXPECT_TRUE(control.setActiveState(state));
+        EXPECT_EQ(lines(), irig);
+        EXPECT_EQ(control.getState(), readBack) << arguments;
+        for (const char* argument : {arguments, arguments, "restart", "status"}) {
             expected.push_back(script + argument);
         }
         EXPECT_EQ(commands(), expected);

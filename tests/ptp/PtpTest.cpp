@@ -209,10 +209,7 @@ TEST_F(Ptp, ADaemonThatStandsStillHoldsNobodyUp) {
 // ---- Faults of the daemon ------------------------------------------------------------------------------------------
 
 TEST_F(Ptp, EachFaultIsOneErrorAndNoMore) {
-    const struct {
-        Fault fault;
-        const char* told;
-    } cases[] = {
+    const std::pair<Fault, const char*> cases[] = {
         {{.kind = FaultKind::PtpLost}, "timeout"},
         {{.kind = FaultKind::PtpGarbled}, "parse_error"},
         {{.kind = FaultKind::PtpWrongId}, "parse_error"},
@@ -224,13 +221,13 @@ TEST_F(Ptp, EachFaultIsOneErrorAndNoMore) {
         {{.kind = FaultKind::PtpBadVersion, .code = 3}, "parse_error"},
     };
     PTPApi api({});
-    for (const auto& each : cases) {
-        SCOPED_TRACE(testing::Message() << static_cast<int>(each.fault.kind) << " " << each.fault.code);
-        instrument_.inject(each.fault);
-        EXPECT_EQ(told(api.port_state()), each.told);
+    for (const auto& [fault, words] : cases) {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(fault.kind) << " " << fault.code);
+        instrument_.inject(fault);
+        EXPECT_EQ(told(api.port_state()), words);
         EXPECT_EQ(told(api.gm_identity()), "021122.33ff.fe4455");
-        instrument_.inject(each.fault);
-        EXPECT_EQ(told(api.gm_identity()), each.told);
+        instrument_.inject(fault);
+        EXPECT_EQ(told(api.gm_identity()), words);
         EXPECT_EQ(told(api.port_state()), "SLAVE");
         instrument_.clearFaults();
     }

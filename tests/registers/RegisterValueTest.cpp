@@ -81,22 +81,16 @@ TEST_F(WordField, constructionIsRefusedInTheOrderOfTheChecks) {
     EXPECT_EQ(failureOf([&] { RegisterValue<bool>(nullptr, 0, 0, 0, "", false); }), "Wrong bit(s) size");
     EXPECT_EQ(failureOf([&] { RegisterValue<unsigned char>(&block, 4, 8, 9, "", false); }), "Wrong bit(s) size");
     EXPECT_EQ(failureOf([&] { RegisterValue<bool>(nullptr, 4, 8, 1, "", false); }), "Device is not assiged");
-    struct {
-        uint64_t address;
-        uint64_t bit;
-        uint64_t bits;
-        bool overlaps;
-    } const cases[] = {
+    const std::tuple<uint64_t, uint64_t, uint64_t, bool> cases[] = {
         {4, 8, 8, true},   {4, 15, 8, true}, {4, 1, 8, true},  {4, 4, 16, true}, {4, 10, 2, true},
         {4, 16, 8, false}, {4, 0, 8, false}, {0, 8, 8, false}, {8, 8, 8, false},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.bit);
-        EXPECT_EQ(failureOf([&] {
-                      RegisterValue<unsigned short>(&block, entry.address, entry.bit, entry.bits, "", false);
-                      block.getRegisters().pop_back();
-                  }),
-                  entry.overlaps ? "Overlapping register value" : "no failure");
+    for (const auto& [address, bit, bits, overlaps] : cases) {
+        const auto make = [&, at = address, first = bit, count = bits] {
+            RegisterValue<unsigned short>(&block, at, first, count, "", false);
+            block.getRegisters().pop_back();
+        };
+        EXPECT_EQ(failureOf(make), overlaps ? "Overlapping register value" : "no failure") << bit;
     }
     EXPECT_EQ(block.getRegisters(), std::vector<IRegisterValue*>{&first});
     EXPECT_EQ(block.FindRegisterValueInRange(4, 15, 1), &first);

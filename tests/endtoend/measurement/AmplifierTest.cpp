@@ -239,36 +239,32 @@ struct Trouble {
     bool stops = false;  // the round ends with an exception
 };
 
+// Of the answers to a command.
+Fault of(FaultKind kind, int command, int64_t times = 1, int code = 0) {
+    return {.kind = kind, .code = code, .times = times, .command = command};
+}
+
+using enum FaultKind;
 const Trouble troubles[] = {
-    {"setting refused",
-     "Range: refused with status 3",
-     true,
-     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC}}},
-    {"update refused",
-     "Update: refused with status 7",
-     true,
-     {{.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67}}},
-    {"scale refused",
-     "Scaling: refused with status 3",
-     false,
-     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFA}}},
-    {"offset is no number", "Scaling: not a number", false, {{.kind = FaultKind::AmplifierNan, .command = 0xFB}}},
-    {"bus error", "Selection: bus error: Input/output error", false, {{.kind = FaultKind::MuxError}}},
-    {"port error", ": bus error: Error: read() failed.", false, {{.kind = FaultKind::UartRead, .times = 3}}},
-    {"stuck multiplexer",
+    {"setting refused", "Range: refused with status 3", true, {of(AmplifierBadStatus, 0xBC, 3)}},
+    {"update refused", "Update: refused with status 7", true, {of(AmplifierBadStatus, 0x67, 3, 7)}},
+    {"scale refused", "Scaling: refused with status 3", false, {of(AmplifierBadStatus, 0xFA, 3)}},
+    {"offset is no number", "Scaling: not a number", false, {of(AmplifierNan, 0xFB)}},
+    {"bus error", "Selection: bus error: Input/output error", false, {{.kind = MuxError}}},
+    {"port error", ": bus error: Error: read() failed.", false, {{.kind = UartRead, .times = 3}}},
+    {"stuck",
      "Selection: bus error: unable to set amplifiers UART mux",
      false,
-     {{.kind = FaultKind::MuxReadsBack, .times = 32}},
+     {{.kind = MuxReadsBack, .times = 32}},
      true},
-    {"no answer", "Range: no answer", false, {{.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}}},
-    {"answer lost", "Update: no answer", false, {{.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67}}},
-    {"late answer", "", false, {{.kind = FaultKind::AmplifierLate, .code = 607, .command = 0x67}}},
+    {"no answer", "Range: no answer", false, {of(AmplifierSilent, 0xBC, 3)}},
+    {"answer lost", "Update: no answer", false, {of(AmplifierHalfFrame, 0x67, 3)}},
+    {"late answer", "", false, {of(AmplifierLate, 0x67, 1, 607)}},
     // The answer to the range must not be taken for that to the update.
     {"late answer, update refused",
      "Update: refused with status 7",
      true,
-     {{.kind = FaultKind::AmplifierLate, .code = 203, .command = 0xBC},
-      {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = -1, .command = 0x67}}},
+     {of(AmplifierLate, 0xBC, 1, 203), of(AmplifierBadStatus, 0x67, -1, 7)}},
 };
 
 // What a recording says of itself.

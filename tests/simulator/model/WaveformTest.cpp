@@ -176,35 +176,32 @@ TEST(Waveforms, squareAndRampOnTheRawStream) {
 
 // In the pass band each has its own amplitude; the next ones are stopped before they could fold.
 TEST(Waveforms, harmonicsAreThereAndNoAliases) {
-    const struct {
-        const char* name;
-        WaveformKind kind;
-        int cycles;      // in 5000 samples
-        double lowPass;  // of the amplifier, in Hz; 0: none
-    } cases[] = {{"square", WaveformKind::Square, 200, 0.0},
-                 {"square of few samples", WaveformKind::Square, 700, 0.0},
-                 {"square low-passed", WaveformKind::Square, 200, 50000.0},
-                 {"ramp", WaveformKind::Ramp, 100, 0.0},
-                 {"ramp of few samples", WaveformKind::Ramp, 1010, 0.0}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
+    // periods: in 5000 samples; lowPass: of the amplifier, in Hz, 0 is none.
+    const std::tuple<const char*, WaveformKind, int, double> cases[] = {
+        {"square", WaveformKind::Square, 200, 0.0},
+        {"square of few samples", WaveformKind::Square, 700, 0.0},
+        {"square low-passed", WaveformKind::Square, 200, 50000.0},
+        {"ramp", WaveformKind::Ramp, 100, 0.0},
+        {"ramp of few samples", WaveformKind::Ramp, 1010, 0.0}};
+    for (const auto& [name, kind, periods, lowPass] : cases) {
+        SCOPED_TRACE(name);
         const StreamFormat format = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter);
-        const double hertz = p.cycles * 200.0;
+        const double hertz = periods * 200.0;
         // The second never repeats exactly and takes the other way through the code.
         for (const double deviation : {0.0, 1e-7}) {
-            SignalSource wave = source(p.kind, hertz + deviation, 10000.0);
+            SignalSource wave = source(kind, hertz + deviation, 10000.0);
             wave.waveform.unit = WaveformUnit::Physical;
-            wave.frontEnd.lowPassHz = p.lowPass;
+            wave.frontEnd.lowPassHz = lowPass;
             const auto samples = samplesOf<int32_t>(Signal(wave, format), 1000, 5000);
             std::vector<double> expected(2501, 0.0);
-            const bool square = p.kind == WaveformKind::Square;
-            for (int k = 1; k * p.cycles <= 2250; k += square ? 2 : 1) {
-                const double corner = p.lowPass > 0.0 ? k * hertz / p.lowPass : 0.0;
-                expected[static_cast<size_t>(k * p.cycles)] =
+            const bool square = kind == WaveformKind::Square;
+            for (int k = 1; k * periods <= 2250; k += square ? 2 : 1) {
+                const double corner = lowPass > 0.0 ? k * hertz / lowPass : 0.0;
+                expected[static_cast<size_t>(k * periods)] =
                     (square ? 4.0 : 2.0) / std::numbers::pi * 10000.0 / k / std::sqrt(1.0 + std::pow(corner, 4));
             }
-            const int step = p.cycles > 400 ? 1 : p.cycles / 20;
-            for (int cycles = 1; cycles < 2500; cycles += cycles % p.cycles == 0 ? 1 : step) {
+            const int step = periods > 400 ? 1 : periods / 20;
+            for (int cycles = 1; cycles < 2500; cycles += cycles % periods == 0 ? 1 : step) {
                 const bool stopped = cycles > 2250;
                 const double want = expected[static_cast<size_t>(cycles)];
                 const double found = std::abs(amplitudeOf(samples, cycles / 5000.0)) / 65536.0;
