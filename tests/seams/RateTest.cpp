@@ -79,6 +79,20 @@ TEST_F(SeamRateTest, InitializeTellsTheDelayOfTheRateInForce) {
     }
 }
 
+// A clock that can't be had is told and not shown; asked for again it comes.
+TEST_F(SeamRateTest, ARefusedClockCanBeAskedForAgain) {
+    for (const bool refused : {true, false}) {
+        if (refused) {
+            inject({.kind = FaultKind::ScriptRefuses});
+        }
+        log.take();
+        asUser(device(), "BaseClock", 1);
+        EXPECT_EQ(device().getPropertyValue<int>("BaseClock"), refused ? 0 : 1);
+        EXPECT_EQ(log.take().size(), refused ? 1u : 0u);
+    }
+    EXPECT_TRUE(goodRun());
+}
+
 // A host of another make, whose tree doesn't know of setups that are being loaded.
 TEST_F(SeamRateTest, AHostThatNeverLoadsASetup) {
     const auto top = ChannelFolderPtr::create("Top");
