@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <zorn/logger/logger.h>
 #include <zorn/structure/module.h>
@@ -28,8 +25,7 @@ constexpr int warning = 3;
 constexpr int error = 4;
 
 // Keeps what the module's logger gets.
-class LogCapture : public Core::ILogSink {
-public:
+struct LogCapture : Core::ILogSink {
     LogCapture();
     ~LogCapture() override;
     void write(const Core::LogRecord& record) override;
@@ -46,14 +42,17 @@ public:
 };
 
 // A host's data with the place for one module.
-class HostData {
-public:
+struct HostData {
     HostData();
     ~HostData();
     // What the next scan finds, in this order.
     static void plug(const std::vector<std::shared_ptr<Device>>& devices);
     // What the host does between initialize and start; the channels of these names are used.
     static void reserveMemory(DaqStructure& structure, const Texts& used);
+    // The first calls to a module. What it registers for the time is held until the next configuration.
+    Core::ErrCode add(Core::IModule& module, const Core::DataModulePtr& place) const;
+    void configure(Core::IModule& module);
+    void forgetProviders();
     Core::ChannelPtr<> channel(const std::string& name) const;
     Core::ChannelFolderPtr folder(const std::string& name) const;
 
@@ -61,11 +60,13 @@ public:
     Core::DataModulePtr dataModule;
     Core::AcquisitionSyncPtr sync;
     LogCapture log;
+    Core::ObjectPtr<Core::IClockProvider> clock;  // from configure on, as those below
+    Core::ObjectPtr<Core::ILoopProvider> loop;
+    Core::ObjectPtr<Core::IAbsTimeProvider> absTime;
 };
 
 // With a module's bridge in it, without the module object.
-class Bench : public HostData {
-public:
+struct Bench : HostData {
     Bench();
     ~Bench();
     // Makes the controller's tree of these devices.

@@ -12,7 +12,6 @@
 #include "modules/daq/objectmodel/FixedInterfacePort.h"
 #include "modules/daq/objectmodel/GenericDeviceFactory.h"
 #include "modules/daq/objectmodel/GenericInterface.h"
-#include "modules/daq/objectmodel/SystemDevice.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 
 #if defined(__SANITIZE_THREAD__)

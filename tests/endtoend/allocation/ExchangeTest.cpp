@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "modules/daq/module/DaqModuleImpl.h"
 #include "tests/bridge/Bench.h"
 #include "tests/endtoend/allocation/HeapCounter.h"
@@ -11,8 +9,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 namespace {
 
 // Sixteen synchronous channels that count through, sixteen asynchronous ones with three samples a cycle, and an output.
-class WideDevice : public TestDevice {
-public:
+struct WideDevice : TestDevice {
     std::shared_ptr<AIDevice> createAIDevice() override {
         ai = std::make_shared<TestAI>();
         for (int i = 0; i < 11; ++i) {
@@ -49,8 +46,7 @@ public:
     std::vector<std::shared_ptr<Channel>> inputs;
 };
 
-class OpenModule : public DaqModuleImpl {
-public:
+struct OpenModule : DaqModuleImpl {
     using DaqModuleImpl::daqStructure;
 };
 
@@ -63,10 +59,8 @@ TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     plug({device});
     auto* const impl = new OpenModule();
     const auto module = ObjectPtr<IModule>::take(impl);
-    const auto params = made<IModuleAddParams>(createModuleAddParams, data.get(), dataModule.get(), sync.get());
-    checkErrorInfo(module->add(params.get()));
-    auto config = made<IModuleConfig>(createModuleConfig, data.get());
-    checkErrorInfo(module->configure(config.get()));
+    checkErrorInfo(add(*impl, dataModule));
+    configure(*impl);
     checkErrorInfo(module->initialize());
     Texts used{"Async out"};
     for (const auto& channels : {device->ai->channels, device->async->channels}) {
@@ -96,6 +90,5 @@ TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     EXPECT_EQ(device->async->output->samplesAcquired.get(), 200u);
     EXPECT_EQ(channel("Raw 1").getSamplesAcquired(), 2000);
     checkErrorInfo(module->stop());
-    config.release();
-    made<IModuleConfig>(createModuleConfig, data.get());
+    forgetProviders();
 }
