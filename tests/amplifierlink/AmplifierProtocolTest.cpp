@@ -27,7 +27,6 @@
 namespace {
 
 using namespace Harvane::Shared::Kestrix;
-using kestrixtest::failureOf;
 using kestrixtest::LogCapture;
 using kestrixtest::ScriptedModule;
 using Strings = std::vector<std::string>;
@@ -112,7 +111,7 @@ auto into(size_t size, Call call) {
     };
 }
 template <class Call>
-auto from(Bytes bytes, Call call) {
+auto from(const Bytes& bytes, Call call) {
     return [=](A& a) { return call(a, bytes.data()); };
 }
 using Data = unsigned char*;

@@ -101,7 +101,7 @@ void setRate(const Core::PropertyObjectPtr<I>& object, int64_t value) {
 template <class T, class Object, class I>
 T ask(Object* object, Core::ErrCode (I::*getter)(T*)) {
     T value;
-    std::memset(&value, 0x55, sizeof value);
+    std::memset(&value, 0x55, sizeof(T));
     Core::checkErrorInfo((object->*getter)(&value));
     return value;
 }

@@ -21,8 +21,8 @@ struct ModuleTest : testing::Test, protected HostData {
     ModuleTest() : impl(new OpenModule()), module(ObjectPtr<IModule>::take(impl)) {}
     ~ModuleTest() override { forgetProviders(); }
 
-    ErrCode add() { return HostData::add(*module.get(), dataModule); }
-    void configure() { HostData::configure(*module.get()); }
+    ErrCode add() { return HostData::add(*module, dataModule); }
+    void configure() { HostData::configure(*module); }
     // A module with this device, ready to be initialized.
     std::shared_ptr<TestDevice> addDevice(const std::shared_ptr<TestDevice>& device = std::make_shared<TestDevice>()) {
         plug({device});

@@ -7,7 +7,6 @@
 
 using namespace Harvane::RT::Modules::Daq;
 using kestrixsim::FaultKind;
-using kestrixsim::Stream;
 using kestrixtest::failureOf;
 
 namespace {

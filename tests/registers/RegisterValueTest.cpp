@@ -87,7 +87,7 @@ TEST_F(WordField, constructionIsRefusedInTheOrderOfTheChecks) {
     };
     for (const auto& [address, bit, bits, overlaps] : cases) {
         const auto make = [&, at = address, first = bit, count = bits] {
-            RegisterValue<unsigned short>(&block, at, first, count, "", false);
+            const RegisterValue<unsigned short> value(&block, at, first, count, "", false);
             block.getRegisters().pop_back();
         };
         EXPECT_EQ(failureOf(make), overlaps ? "Overlapping register value" : "no failure") << bit;
