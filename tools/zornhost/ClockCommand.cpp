@@ -106,7 +106,7 @@ public:
 
 private:
     Json ask(const std::string& request) const {
-        const Json json = Json::parse(InstrumentSocket::ask(socket_, request), nullptr, false);
+        Json json = Json::parse(InstrumentSocket::ask(socket_, request), nullptr, false);
         if (!json.is_object() || !json.contains("clock")) {
             throw std::runtime_error(fmt::format("{}: what is answered there is no report of a clock", socket_));
         }
@@ -147,7 +147,7 @@ ClockCommandLine::ClockCommandLine(CLI::App& app) {
 }
 
 int ClockCommandLine::run(Session& session, InstrumentLock* lock, Output& output, bool json) const {
-    std::for_each(plots_.begin(), plots_.end(), checkPlotName);
+    std::for_each(plots_.begin(), plots_.end(), checkPlotFile);
     const auto begin = Clock::now();
     // Some channel has to run for the instrument to be started.
     bool used = false;
@@ -175,7 +175,7 @@ int ClockCommandLine::run(Session& session, InstrumentLock* lock, Output& output
 }
 
 int ClockCommandLine::runOn(const std::string& socket, Output& output, bool json) const {
-    std::for_each(plots_.begin(), plots_.end(), checkPlotName);
+    std::for_each(plots_.begin(), plots_.end(), checkPlotFile);
     OtherProcess source(socket);
     return runWith(source, Clock::now(), output, json);
 }

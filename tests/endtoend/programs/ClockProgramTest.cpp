@@ -85,6 +85,7 @@ TEST_F(ClockProgram, TakesTheInstrumentAndWaitsForTheLock) {
          "{}",
          "it is locked, with an error of up to"},
         {{"--sync", "PPS", "clock", "--plot", "x.gif"}, "{}", ".png or .svg"},
+        {{"--sync", "PPS", "clock", "-d", "600", "--plot", "/nowhere/x.png"}, "{}", "cannot be written: No such file"},
     };
     for (const Case& each : cases) {
         const auto result = Process::run(onInstrument(each.arguments, each.reference));
