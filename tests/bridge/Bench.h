@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
+#include <span>
 
 #include <zorn/logger/logger.h>
 #include <zorn/structure/module.h>
@@ -101,7 +104,7 @@ void setRate(const Core::PropertyObjectPtr<I>& object, int64_t value) {
 template <class T, class Object, class I>
 T ask(Object* object, Core::ErrCode (I::*getter)(T*)) {
     T value;
-    std::memset(&value, 0x55, sizeof(T));
+    std::ranges::fill(std::as_writable_bytes(std::span(&value, 1)), std::byte{0x55});
     Core::checkErrorInfo((object->*getter)(&value));
     return value;
 }

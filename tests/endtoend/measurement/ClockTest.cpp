@@ -205,7 +205,6 @@ TEST(InstrumentSocket, AnswersWhoAsksAndLeavesWhoDoesNot) {
     EXPECT_NE(failure(file, "clock").find("nobody answers there"), std::string::npos);
     {
         // One that a killed process has left is replaced; a file is not.
-        InstrumentSocket(file, answer);
         const int left = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{AF_UNIX, {}};
         std::strncpy(address.sun_path, file.c_str(), sizeof address.sun_path - 1);
