@@ -111,11 +111,11 @@ std::string ModuleInHost::take(Step step) {
 }
 
 std::string ModuleInHost::addTo(const DataModulePtr& place) const {
-    return failure([&] { checkErrorInfo(HostData::add(*module.get(), place)); });
+    return failure([&] { checkErrorInfo(HostData::add(*module, place)); });
 }
 
 std::string ModuleInHost::configure() {
-    return failure([&] { HostData::configure(*module.get()); });
+    return failure([&] { HostData::configure(*module); });
 }
 
 std::string ModuleInHost::initialize() {
