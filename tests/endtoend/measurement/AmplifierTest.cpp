@@ -322,7 +322,10 @@ TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
             thrown = failure.what();
         }
         const std::string words = testing::internal::GetCapturedStderr();
-        const auto json = nlohmann::json::parse(testing::internal::GetCapturedStdout(), nullptr, false);
+        // What the module prints each second may come before the command's report or behind it.
+        const std::string printed = testing::internal::GetCapturedStdout();
+        const size_t begin = std::min(printed.find('{'), printed.size());
+        const auto json = nlohmann::json::parse(printed.substr(begin, printed.rfind('}') + 1 - begin), nullptr, false);
         if (!thrown.empty()) {
             throw std::runtime_error(thrown);
         }
