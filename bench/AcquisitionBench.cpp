@@ -62,7 +62,7 @@ public:
         host_.add();
         host_.dataModule().setPropertyValue("SampleRate", Ratio{rate, 1});
         size_t place = 0;
-        for (auto channel : host_.channels()) {
+        for (const auto& channel : host_.channels()) {
             channel.setUsed(place < used);
             if (rate != usualRate && place % 2 == 1) {
                 channel.setPropertyValue("SampleRate", Ratio{rate / 2, 1});

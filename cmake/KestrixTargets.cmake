@@ -54,5 +54,7 @@ function(kestrix_test target)
   target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/host/include)
   target_link_libraries(${target} PRIVATE ${A_LINK} GTest::gmock GTest::gtest_main)
   kestrix_instrument(${target})
-  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${A_TIMEOUT} RUN_SERIAL ${A_ALONE})
+  # Also of the programs that a test starts.
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${A_TIMEOUT} RUN_SERIAL ${A_ALONE}
+    ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/cmake/leaks.supp:print_suppressions=0")
 endfunction()

@@ -49,7 +49,8 @@ double Oscillator::pullOf(double second) const {
 }
 
 void Oscillator::advance(double instant) const {
-    for (double next = std::floor(since_) + 1.0; next <= instant; next += 1.0) {
+    while (std::floor(since_) + 1.0 <= instant) {
+        const double next = std::floor(since_) + 1.0;
         own_ += (next - since_) * pull_;
         since_ = next;
         pull_ = pullOf(next);

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "libraries/devices/embedded/I2cRegisterAccess.h"
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
@@ -25,8 +23,7 @@ using kestrixsim::AmplifierKind;
 using kestrixtest::failureOf;
 using kestrixtest::LogCapture;
 
-class AmplifierLink : public testing::Test {
-protected:
+struct AmplifierLink : testing::Test {
     ~AmplifierLink() override { RegistersAddress::deviceType = 0; }
 
     static kestrixsim::Scenario scenarioWith(const std::vector<std::pair<int, AmplifierKind>>& modules) {
@@ -51,30 +48,6 @@ TEST_F(AmplifierLink, whatCannotBeOpenedPassesUpAndLeavesNothingOpen) {
     kestrixsim::instrument().inject({.kind = kestrixsim::FaultKind::UartOpen, .times = -1});
     EXPECT_EQ(failureOf([] { AmplifierCommunication link(8); }), "Cannot open file\n");
     EXPECT_EQ(kestrixsim::openDescriptors(), 0);
-}
-
-TEST_F(AmplifierLink, readsTheIdentityOfWhatIsPluggedIn) {
-    kestrixsim::reset(scenarioWith({{0, AmplifierKind::Voltage}, {2, AmplifierKind::Bridge}}));
-    LogCapture log(7);
-    AmplifierCommunication link(4);
-    EXPECT_TRUE(link.getAmplifier(0)->readProperties());
-    EXPECT_EQ(link.getAmplifier(0)->getId(), "1.0.1.1");
-    EXPECT_EQ(kestrixsim::instrument().framesReceived().front(), "0: A5 01 A7 5A");
-    EXPECT_TRUE(link.getAmplifier(2)->readProperties());
-    EXPECT_EQ(link.getAmplifier(2)->getId(), "2.1.3.2");
-    EXPECT_EQ(link.getAmplifier(2)->getSerial(), "00001002");
-    EXPECT_FALSE(link.getAmplifier(1)->readProperties());
-    EXPECT_FALSE(link.getAmplifier(1)->isAmplifierDefined());
-
-    const auto bridge = link.getAmplifier(2);
-    const double before = bridge->getDaqScale();
-    EXPECT_GT(bridge->setRange(2), 0);
-    EXPECT_GT(bridge->setExcitationValue(5.0f), 0);
-    EXPECT_TRUE(bridge->updateProperties());
-    EXPECT_EQ(bridge->readRange(), 2);
-    EXPECT_EQ(bridge->readExcitationValue(), 5.0f);
-    EXPECT_NE(bridge->getDaqScale(), before) << "the scale belongs to the new range";
-    EXPECT_NEAR(bridge->getDaqScale(), 1.0, 0.01);
 }
 
 // Two modules share one port and one multiplexer: an exchange must not be cut by another thread's.

@@ -15,10 +15,6 @@
 #include <memory>
 #include <set>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "shared/libraries/kestrix/src/AmplifierCommands.h"
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
@@ -31,7 +27,6 @@
 namespace {
 
 using namespace Harvane::Shared::Kestrix;
-using kestrixtest::failureOf;
 using kestrixtest::LogCapture;
 using kestrixtest::ScriptedModule;
 using Strings = std::vector<std::string>;
@@ -41,12 +36,15 @@ const std::string ok = ScriptedModule::acknowledge();
 const std::string refused = ScriptedModule::refuse();
 const std::string silent;
 
+std::string repeated(const std::string& text, size_t times) {
+    return times == 0 ? "" : text + repeated(text, times - 1);
+}
+
 std::string withData(const std::string& bytes) {
     return bytes.empty() ? ok : ScriptedModule::frame("00 " + bytes);
 }
 
-class AmplifierProtocol : public testing::Test {
-protected:
+struct AmplifierProtocol : testing::Test {
     AmplifierProtocol() {
         kestrixsim::reset(kestrixsim::Scenario{});
         auto uart = std::make_shared<AmplifierProperties::Uart>(module.path(), B38400, 200);
@@ -113,7 +111,7 @@ auto into(size_t size, Call call) {
     };
 }
 template <class Call>
-auto from(Bytes bytes, Call call) {
+auto from(const Bytes& bytes, Call call) {
     return [=](A& a) { return call(a, bytes.data()); };
 }
 using Data = unsigned char*;
@@ -363,9 +361,7 @@ TEST_F(AmplifierProtocol, threeRecordsOfTheSettings) {
         FAIL() << "was refused";
     } catch (const SettingFailure& failure) {
         EXPECT_STREQ(failure.what(), "LP filter index");
-        EXPECT_TRUE(failure.failure.refused);
-        EXPECT_EQ(failure.failure.status, 3);
-        EXPECT_FALSE(failure.failure.mayBeDone);
+        EXPECT_TRUE(failure.failure.refused && failure.failure.status == 3 && !failure.failure.mayBeDone);
         EXPECT_EQ(failure.failure.reason, "refused with status 3");
     }
     EXPECT_EQ(amplifier->getUserProperties().lpFilter, 7);
@@ -418,40 +414,27 @@ TEST_F(AmplifierProtocol, replyOfAnotherLengthIsAFailureOfItsOwn) {
         EXPECT_FALSE(amplifier->getRawMode()) << data;
     }
     unsigned short size = 0;
-    module.script({withData("00 01 00")});
+    module.script({withData("00 01 00"), withData("11 22")});
     EXPECT_FALSE(amplifier->getCalibrationDataSize(size));
-    unsigned char second = 0;
-    unsigned char first = 0;
-    module.script({withData("11 22")});
-    amplifier->getCmrSetting(0, second, first);
-    EXPECT_EQ(first, 0x11);
-    EXPECT_EQ(second, 0x22);
+    Bytes pair(2);
+    amplifier->getCmrSetting(0, pair[1], pair[0]);
+    EXPECT_EQ(pair, (Bytes{0x11, 0x22}));
 }
 
 TEST_F(AmplifierProtocol, frameIsFoundInWhatArrives) {
-    struct {
-        const char* name;
-        std::string reply;
-    } const cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"noise in front", "FF FF A5 02 00 5B 5A"},
         {"key in front that leads nowhere", "A5 03 11 A5 02 00 5B 5A"},
         {"key in front whose length leaves the buffer", "A5 F0 A5 02 00 5B 5A"},
         {"two parts", "A5 02 / 00 5B 5A"},
         {"byte by byte", "A5 / 02 / 00 / 5B / 5A"},
         {"more behind it", "A5 02 00 5B 5A A5 02 00 11 5A"},
-        {"noise longer than one read",
-         [] {
-             std::string text;
-             for (int n = 0; n < 100; ++n) {
-                 text += "A5 ";
-             }
-             return text + "A5 02 00 5B 5A";
-         }()},
+        {"noise longer than one read", repeated("A5 ", 100) + "A5 02 00 5B 5A"},
     };
     LogCapture log;
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.name);
-        module.script({entry.reply});
+    for (const auto& [name, reply] : cases) {
+        SCOPED_TRACE(name);
+        module.script({reply});
         EXPECT_EQ(amplifier->readRange(), 0x5B);
         EXPECT_EQ(module.takeRequests().size(), 1u);
     }
@@ -465,19 +448,13 @@ TEST_F(AmplifierProtocol, frameIsFoundInWhatArrives) {
 }
 
 TEST_F(AmplifierProtocol, onlyWhatTheModuleSentIsCopied) {
-    struct {
-        size_t sent;
-        unsigned char asked;
-    } const cases[] = {{4, 16}, {16, 4}, {124, 124}};  // the last one fills the receive buffer
-    for (const auto& entry : cases) {
-        std::string data = "11";
-        for (size_t n = 1; n < entry.sent; ++n) {
-            data += " 11";
-        }
-        module.script({withData(data)});
+    const std::pair<size_t, unsigned char> cases[] = {
+        {4, 16}, {16, 4}, {124, 124}};  // the last one fills the receive buffer
+    for (const auto& [sent, asked] : cases) {
+        module.script({withData(repeated("11 ", sent))});
         Bytes buffer(125, 0xEE);
-        EXPECT_EQ(amplifier->readCalibrationData(0, buffer.data(), entry.asked), static_cast<short>(entry.sent + 1));
-        Bytes expected(std::min<size_t>(entry.sent, entry.asked), 0x11);
+        EXPECT_EQ(amplifier->readCalibrationData(0, buffer.data(), asked), static_cast<short>(sent + 1));
+        Bytes expected(std::min<size_t>(sent, asked), 0x11);
         expected.resize(125, 0xEE);
         EXPECT_EQ(buffer, expected);
     }
@@ -495,45 +472,36 @@ TEST_F(AmplifierProtocol, whatCannotFitIsNotSent) {
 }
 
 TEST_F(AmplifierProtocol, failedAttemptsAreLoggedAndTriedThreeTimes) {
-    std::string noise;
-    for (int n = 0; n < 140; ++n) {
-        noise += "11 ";
-    }
     const auto line = [](int level, const char* text) {
         return fmt::format("{} Amplifier index 3 error: {} failed! Command 208!", level, text);
     };
     const std::string end = "Amplifier index 3 retransmit error!";
-    struct {
-        const char* name;
-        Strings replies;
-        bool quiet;
-        short result;
-        Strings lines;
-    } const cases[] = {
+    const std::tuple<const char*, Strings, bool, short, Strings> cases[] = {
         {"refusal", Strings(3, refused), false, -1, Strings(3, line(5, "Command failed"))},
         {"quiet refusal", Strings(3, refused), true, -1, Strings(3, line(2, "Command failed"))},
         {"silence", Strings(3, silent), false, -1, Strings(3, line(5, "Timeout"))},
-        {"endless noise, never quiet", Strings(3, noise), true, -1, Strings(3, line(5, "UART received data overflow"))},
-        {"half a frame, a refusal, a reply",
+        {"endless noise, never quiet", Strings(3, repeated("11 ", 140)), true, -1,
+         Strings(3, line(5, "UART received data overflow"))},
+        {"half a frame, then a refusal",
          {"A5 02 00", refused, withData("04")},
          false,
          2,
          {line(5, "Timeout"), line(5, "Command failed")}},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.name);
+    for (const auto& [name, replies, quiet, result, lines] : cases) {
+        SCOPED_TRACE(name);
         LogCapture log;
-        module.script(entry.replies);
+        module.script(replies);
         const auto start = std::chrono::steady_clock::now();
         unsigned char byte = 0;
-        EXPECT_EQ(amplifier->sendReplyCommand(0xD0, &byte, 1, 400, entry.quiet), entry.result);
-        if (entry.replies.front() == silent) {
+        EXPECT_EQ(amplifier->sendReplyCommand(0xD0, &byte, 1, 400, quiet), result);
+        if (replies.front() == silent) {
             EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3 * 400));
         }
         EXPECT_EQ(module.takeRequests().size(), 3u);
-        Strings expected = entry.lines;
-        if (entry.result < 0) {
-            expected.push_back((entry.quiet ? "2 " : "5 ") + end);
+        Strings expected = lines;
+        if (result < 0) {
+            expected.push_back((quiet ? "2 " : "5 ") + end);
         }
         EXPECT_EQ(log.lines(), expected);
     }
@@ -616,12 +584,13 @@ TEST_F(AmplifierProtocol, settingsReachTheModuleOnlyWhenTheyDiffer) {
 }
 
 TEST_F(AmplifierProtocol, textsThatAreNoNumbers) {
-    EXPECT_EQ(amplifier->setHwVersion("1.2.3"), -1);
-    EXPECT_EQ(amplifier->setHwVersion("1.2.3.4.5"), -1);
-    EXPECT_EQ(failureOf<std::invalid_argument>([&] { amplifier->setSerial("xyz"); }), "stoull");
-    EXPECT_EQ(failureOf<std::out_of_range>([&] { amplifier->setSerial("12345678901234567"); }), "stoull");
-    EXPECT_EQ(failureOf<std::invalid_argument>([&] { amplifier->setHwVersion("1.2.x.4"); }), "stoi");
-    EXPECT_EQ(failureOf<std::out_of_range>([&] { amplifier->setHwVersion("1.2.99999999999.4"); }), "stoi");
+    for (const char* text : {"1.2.3", "1.2.3.4.5"}) {
+        EXPECT_EQ(amplifier->setHwVersion(text), -1);
+    }
+    EXPECT_THROW(amplifier->setSerial("xyz"), std::invalid_argument);
+    EXPECT_THROW(amplifier->setSerial("12345678901234567"), std::out_of_range);
+    EXPECT_THROW(amplifier->setHwVersion("1.2.x.4"), std::invalid_argument);
+    EXPECT_THROW(amplifier->setHwVersion("1.2.99999999999.4"), std::out_of_range);
     EXPECT_EQ(module.takeRequests(), Strings{});
 }
 
@@ -635,10 +604,9 @@ TEST_F(AmplifierProtocol, identityIsReadInOrder) {
                        "A5 01 63 5A", "A5 01 66 5A", "A5 01 FA 5A", "A5 01 FB 5A"}));
     EXPECT_TRUE(amplifier->isAmplifierDefined());
     EXPECT_EQ(amplifier->getModuleType(), 2);
-    EXPECT_EQ(amplifier->getId(), "2.1.3.2");
-    EXPECT_EQ(amplifier->getFwVersion(), "3.1");
-    EXPECT_EQ(amplifier->getHwVersion(), "2.0.0.0");
-    EXPECT_EQ(amplifier->getSerial(), "800000000000002A");
+    EXPECT_EQ(
+        (Strings{amplifier->getId(), amplifier->getFwVersion(), amplifier->getHwVersion(), amplifier->getSerial()}),
+        (Strings{"2.1.3.2", "3.1", "2.0.0.0", "800000000000002A"}));
     EXPECT_EQ(amplifier->getCalibrationDate(), 0x69558A80);
     ::setenv("TZ", "UTC-2", 1);
     ::tzset();
@@ -656,8 +624,7 @@ TEST_F(AmplifierProtocol, identityIsReadInOrder) {
     amplifier->clearDeviceProperties();
     EXPECT_FALSE(amplifier->isAmplifierDefined());
     EXPECT_EQ(amplifier->getModuleType(), 2);
-    EXPECT_EQ(amplifier->getDaqScale(), 1.0);
-    EXPECT_EQ(amplifier->getDaqOffset(), 0.0);
+    EXPECT_EQ(std::pair(amplifier->getDaqScale(), amplifier->getDaqOffset()), std::pair(1.0, 0.0));
 
     // A short serial number has eight digits all the same.
     EXPECT_EQ(amplifier->setSerial(0x2Aul), 1);
@@ -691,12 +658,7 @@ TEST_F(AmplifierProtocol, identityStopsAtTheFirstFailure) {
 }
 
 TEST_F(AmplifierProtocol, scalingTakesOnlyNumbers) {
-    struct {
-        Strings replies;
-        bool updated;
-        double daqScale;
-        double daqOffset;
-    } const cases[] = {
+    const std::tuple<Strings, bool, double, double> cases[] = {
         {{withData(two), withData(fiveHundred)}, true, 2.0, 1.0},
         {{withData(notANumber), withData(fiveHundred)}, true, 1.0, 0.0},
         {{withData(two), withData(notANumber)}, true, 1.0, 0.0},
@@ -705,14 +667,13 @@ TEST_F(AmplifierProtocol, scalingTakesOnlyNumbers) {
         {{refused, refused, refused, withData(one)}, false, 2.0, 1.0},
         {{withData(one), refused, refused, refused}, false, 2.0, 1.0},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(&entry - cases);
+    for (const auto& [replies, updated, daqScale, daqOffset] : cases) {
+        SCOPED_TRACE(replies[0] + ", " + replies[1]);
         module.script({withData(two), withData(fiveHundred)});
         ASSERT_TRUE(amplifier->updateScaling());
-        module.script(entry.replies);
-        EXPECT_EQ(amplifier->updateScaling(), entry.updated);
-        EXPECT_EQ(amplifier->getDaqScale(), entry.daqScale);
-        EXPECT_EQ(amplifier->getDaqOffset(), entry.daqOffset);
+        module.script(replies);
+        EXPECT_EQ(amplifier->updateScaling(), updated);
+        EXPECT_EQ(std::pair(amplifier->getDaqScale(), amplifier->getDaqOffset()), std::pair(daqScale, daqOffset));
     }
 }
 

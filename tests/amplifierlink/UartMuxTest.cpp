@@ -10,7 +10,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <utility>
-#include <vector>
 
 #include "simulator/preload/Control.h"
 #include "tests/registers/FailureOf.h"
@@ -65,8 +64,7 @@ using Strings = std::vector<std::string>;
 
 constexpr const char* bus = "/dev/i2c-1";
 
-class UartMuxTest : public testing::Test {
-protected:
+struct UartMuxTest : testing::Test {
     UartMuxTest() { recording = true; }
     ~UartMuxTest() override { recording = false; }
 
@@ -81,13 +79,7 @@ protected:
 };
 
 TEST_F(UartMuxTest, writesZeroAndValueInOneTransactionAndReadsItBack) {
-    struct {
-        board_t board;
-        int channel;
-        const char* write;
-        const char* read;
-        const char* line;
-    } const cases[] = {
+    const std::tuple<board_t, int, const char*, const char*, const char*> cases[] = {
         {board_t::eightChannels, 0, "4D<0000 4F<0000 4D<0001 4F<0001", "4D>01 4F>01",
          "2 selecting channel 0 of the 8CH board"},
         {board_t::eightChannels, 7, "4D<0000 4F<0000 4D<0080 4F<0080", "4D>80 4F>80",
@@ -95,14 +87,14 @@ TEST_F(UartMuxTest, writesZeroAndValueInOneTransactionAndReadsItBack) {
         {board_t::twoChannels, 1, "4F<0000 4F<0022", "4F>22", "2 selecting channel 1 of the 2CH board"},
         {board_t::twoChannels, 7, "4F<0000 4F<0080", "4F>80", "2 selecting channel 7 of the 2CH board"},
     };
-    for (const auto& entry : cases) {
-        resetInstrument(entry.board);
+    for (const auto& [board, channel, write, read, line] : cases) {
+        resetInstrument(board);
         LogCapture log;
-        UartMux mux(bus, entry.board);
-        mux.selectChannel(entry.channel);
-        mux.selectChannel(entry.channel);  // runs in full
-        EXPECT_EQ(transactions, (Strings{entry.write, entry.read, entry.write, entry.read}));
-        EXPECT_EQ(log.all(), (Strings{"1 opening i2c device /dev/i2c-1", entry.line, entry.line}));
+        UartMux mux(bus, board);
+        mux.selectChannel(channel);
+        mux.selectChannel(channel);  // runs in full
+        EXPECT_EQ(transactions, (Strings{write, read, write, read}));
+        EXPECT_EQ(log.all(), (Strings{"1 opening i2c device /dev/i2c-1", line, line}));
     }
 }
 

@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <chrono>
 
 #include <zorn/types/object_impl.h>
 
 #include "modules/daq/amplifier/AmplifierBridgeBalancer.h"
 #include "modules/daq/objectmodel/AIChannel.h"
-#include "modules/daq/objectmodel/AIDevice.h"
 #include "tests/amplifiermodel/TestAmplifiers.h"
 
 using namespace Harvane::RT::Core;
@@ -43,8 +40,7 @@ private:
 
 // With an excitation of 1 V the device ranges reach to 10000 and 1000 around the offset; the chosen one is +-900, so
 // that the small range fits for offsets up to 100.
-class BalancerTest : public testing::Test {
-protected:
+struct BalancerTest : testing::Test {
     BalancerTest() { plugIn(); }
     void plugIn() {
         amplifier = std::make_shared<TestAmplifier>();
@@ -172,11 +168,7 @@ TEST_F(BalancerTest, LiveValueIsTheNewestSampleByTheAmplifiersScale) {
 
 // Whatever is wrong ends the balancing with a line and changes nothing; the lock is free again, and so is the next try.
 TEST_F(BalancerTest, FailuresStayInTheThread) {
-    struct Row {
-        const char* text;
-        std::function<void()> spoil;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, std::function<void()>> rows[] = {
         {"failed (AI 2/Raw input): none of its channels has samples.",
          [&] { channel(0)->active = channel(1)->active = false; }},
         {"none of its channels has samples.",
@@ -200,17 +192,17 @@ TEST_F(BalancerTest, FailuresStayInTheThread) {
         {"can't unlock", [&] { lock->failUnlock = true; }},
         {"an unknown failure.", [&] { amplifier->onScale = [] { throw 17; }; }},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.text);
+    for (const auto& [text, spoil] : rows) {
+        SCOPED_TRACE(text);
         plugIn();
-        row.spoil();
+        spoil();
         log.entries.clear();
         auto one = balancer();
         one.setChannelName("AI 2/Raw input");
         runToItsEnd(one);
         const auto messages = log.take();
         ASSERT_EQ(messages.size(), 1u);
-        EXPECT_NE(messages[0].find(row.text), std::string::npos) << messages[0];
+        EXPECT_NE(messages[0].find(text), std::string::npos) << messages[0];
         EXPECT_EQ(amplifier->bridgeOffset, 0.0);
         lock->failLock = false;
         EXPECT_EQ(lock->lock(), Errors::Success);

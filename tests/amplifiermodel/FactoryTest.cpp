@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <sys/stat.h>
-
-#include <algorithm>
-#include <filesystem>
 
 #include <zorn/objects/property_object.h>
 
@@ -20,8 +15,7 @@ PropertyObjectClassPtr hostClass(const char* name) {
     return PropertyObjectManagerPtr::create().findClass(name);
 }
 
-class FactoryTest : public testing::Test {
-protected:
+struct FactoryTest : testing::Test {
     // Registers the folder and gives what was printed meanwhile.
     std::string registerFolder(DaqAmplifiersFactory& factory, const std::string& directory) const {
         testing::internal::CaptureStdout();
@@ -49,22 +43,16 @@ TEST_F(FactoryTest, EveryFolderGivesTheUnknownAmplifier) {
 }
 
 TEST_F(FactoryTest, FilesOfAFolder) {
-    struct Row {
-        const char* file;
-        std::string text;
-        const char* id;
-        const char* className;  // of this identifier afterwards
-    };
-    const std::string noText;
-    const Row rows[] = {
+    // Then the class of this identifier; none: the unknown one.
+    const std::tuple<const char*, std::string, const char*, const char*> rows[] = {
         {"good.json", definition("ampl_good", "1.1.1.1"), "1.1.1.1", "ampl_good"},
         {"more.dots.json", definition("ampl_dots", "1.1.1.2"), "1.1.1.2", "ampl_dots"},
         {"upper.JSON", definition("ampl_upper", "1.1.1.3"), "1.1.1.3", nullptr},
         {"saved.json.bak", definition("ampl_saved", "1.1.1.4"), "1.1.1.4", nullptr},
         {"below/below.json", definition("ampl_below", "1.1.1.5"), "1.1.1.5", nullptr},
         {"broken.json", definition("ampl_broken", "1.1.1.6").substr(5), "1.1.1.6", nullptr},
-        {"empty.json", noText, "", nullptr},
-        {"folder.json/readme", noText, "", nullptr},
+        {"empty.json", "", "", nullptr},
+        {"folder.json/readme", "", "", nullptr},
         {"noclass.json", R"({"className": "RangeItem", "propValues": {"DisplayName": "10"}})", "", nullptr},
         {"list.json", "[1, 2]", "", nullptr},
         {"noid.json", definitionOf("ampl_noid", ""), "", nullptr},
@@ -77,28 +65,23 @@ TEST_F(FactoryTest, FilesOfAFolder) {
         {"noname.json", definition("", "1.1.1.8"), "1.1.1.8", nullptr},
         {"channel.json", definition("CHANNEL", "1.1.1.9"), "1.1.1.9", nullptr},
     };
-    for (const Row& row : rows) {
-        folder.write(row.file, row.text);
+    for (const auto& [file, text, id, className] : rows) {
+        folder.write(file, text);
     }
     // Opening this one would wait for ever.
     ASSERT_EQ(mkfifo((folder.path / "pipe.json").c_str(), 0600), 0);
 
     EXPECT_EQ(registerFolder(factory, folder.path.string() + "/"), "");
-    for (const Row& row : rows) {
-        EXPECT_EQ(factory.getAmplifierClassName(row.id), row.className == nullptr ? "ampl_unknown" : row.className)
-            << row.file;
-    }
-    // What is of no use says why, and what was not read isn't there.
-    size_t read = 0;
+    std::map<std::string, bool> registered;  // what is of no use says why, and what was not read isn't there
     for (const auto& file : factory.files()) {
-        const std::string name = std::filesystem::path(file.path).filename();
-        const auto row = std::find_if(std::begin(rows), std::end(rows),
-                                      [&](const Row& candidate) { return name == candidate.file; });
-        if (row != std::end(rows)) {
-            ++read;
-            EXPECT_EQ(file.registered, row->className != nullptr) << name;
-            EXPECT_EQ(file.definition.reason.empty(), file.registered) << name;
-        }
+        registered[std::filesystem::path(file.path).filename()] = file.registered;
+        EXPECT_EQ(file.definition.reason.empty(), file.registered) << file.path;
+    }
+    size_t read = 0;
+    for (const auto& [file, text, id, className] : rows) {
+        EXPECT_EQ(factory.getAmplifierClassName(id), className == nullptr ? "ampl_unknown" : className) << file;
+        read += registered.count(file);
+        EXPECT_EQ(registered[file], className != nullptr) << file;
     }
     EXPECT_EQ(read, 11u);
     // Whatever a file says of its parent, it is a channel.

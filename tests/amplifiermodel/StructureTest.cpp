@@ -1,15 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <set>
-#include <string>
 
 #include "modules/daq/amplifier/DefinitionTrial.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/AIChannel.h"
-#include "modules/daq/objectmodel/AIDevice.h"
-#include "modules/daq/objectmodel/DaqDevice.h"
 #include "tests/amplifiermodel/TestAmplifiers.h"
 
 using namespace Harvane::RT::Core;
@@ -19,8 +13,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 namespace {
 
 // Two channels with one amplifier, then one channel that nothing is plugged into.
-class PairedInputs : public AIDevice {
-public:
+struct PairedInputs : AIDevice {
     PairedInputs() { channels.maxChannels = 3; }
     std::shared_ptr<Amplifier> createAmplifier(int place) override {
         return place < 2 ? amplifier : AIDevice::createAmplifier(place);
@@ -28,8 +21,7 @@ public:
     std::shared_ptr<TestAmplifier> amplifier = std::make_shared<TestAmplifier>();
 };
 
-class PairedDevice : public DaqDevice {
-public:
+struct PairedDevice : DaqDevice {
     PairedDevice() {
         model = "Pair";
         minRate = 10;
@@ -52,8 +44,7 @@ private:
     std::filesystem::path before_;
 };
 
-class AmplifierBench : protected Definitions, public Bench {
-public:
+struct AmplifierBench : protected Definitions, Bench {
     explicit AmplifierBench(const std::string& properties) : Definitions(properties) {
         build({device});
         controller->operationMode = 1;
@@ -70,8 +61,7 @@ public:
 const std::string bridgeSettings =
     choice("Measurement", R"("Bridge")") + rangeList + plain("BridgeOffset", "float", "0.0") + balanceSlots;
 
-class AmplifierTreeTest : public testing::Test, protected AmplifierBench {
-protected:
+struct AmplifierTreeTest : testing::Test, protected AmplifierBench {
     AmplifierTreeTest() : AmplifierBench(bridgeSettings) { amplifier().journal.take(); }
 };
 
@@ -105,20 +95,19 @@ TEST_F(AmplifierTreeTest, AStartCarriesSettingsAndScales) {
     amplifier().bridgeOffset = 0.5;
     prepareStart();
     // Before the acquisition, by each of its two channels, and for the host's scales.
-    EXPECT_EQ(amplifier().journal.take(), (Texts{"update", "update", "update", "update"}));
+    EXPECT_EQ(amplifier().journal.take(), Texts(4, "update"));
     EXPECT_EQ(amplifier().settings()->rangeIndex, 1);
-    for (const char* name : {"AI 1", "AI 2"}) {
-        const auto hostChannel = channel(name);
-        EXPECT_DOUBLE_EQ(hostChannel.getScale(), 5.0 / 4294967296.0) << name;
-        EXPECT_EQ(hostChannel.getOffset(), 0.5) << name;
-        EXPECT_EQ(hostChannel.getMinValue(), -2.0) << name;
-        EXPECT_EQ(hostChannel.getMaxValue(), 3.0) << name;
-        EXPECT_EQ(hostChannel.getUnit(), "mV/V") << name;
-    }
+    const auto expectScale = [&](const char* name, double offset, double lowest, double highest, const char* unit) {
+        const auto found = channel(name);
+        EXPECT_EQ((std::vector{found.getOffset(), found.getMinValue(), found.getMaxValue()}),
+                  (std::vector{offset, lowest, highest}));
+        EXPECT_EQ(found.getUnit(), unit);
+    };
+    expectScale("AI 1", 0.5, -2.0, 3.0, "mV/V");
+    expectScale("AI 2", 0.5, -2.0, 3.0, "mV/V");
+    expectScale("AI 3", 0.0, -10.0, 10.0, "V");
+    EXPECT_DOUBLE_EQ(channel("AI 2").getScale(), 5.0 / 4294967296.0);
     EXPECT_EQ(channel("AI 1").getPropertyValue<double>("BridgeOffset"), 0.5);
-    EXPECT_EQ(channel("AI 3").getMinValue(), -10.0);
-    EXPECT_EQ(channel("AI 3").getMaxValue(), 10.0);
-    EXPECT_EQ(channel("AI 3").getUnit(), "V");
 
     // A failing property ends the start.
     amplifier().onUpdate = [](TestAmplifier&) { throw InvalidValueException("broken"); };
@@ -204,11 +193,8 @@ TEST(LaterMeasurementTest, WhatItWouldFailOnIsLogged) {
 
 // A definition that can be read but not evaluated must not keep the whole instrument from being added.
 TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
-    struct Row {
-        std::string properties;
-        const char* reason;  // none: the definition is good
-    };
-    const Row rows[] = {
+    // Without a reason the definition is good.
+    const std::pair<std::string, const char*> rows[] = {
         {R"json(, {"name": "Measurement", "type": "int", "default": 0},
               {"name": "Range", "type": "reference",
                "reference": {"__type": "Eval", "expr": "switch($Measurement, 1, %Other)"}})json",
@@ -224,20 +210,20 @@ TEST(UnusableDefinitionTest, CostsItsOwnAmplifierOnly) {
                                  "expr": "if($Used && $ExactSampleRate > 0, $PhaseDelay, $BufferSizeIsMultipleOf)"}})json",
          nullptr},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.properties);
-        AmplifierBench bench(row.properties);
+    for (const auto& [properties, reason] : rows) {
+        SCOPED_TRACE(properties);
+        AmplifierBench bench(properties);
         const auto hostChannel = bench.channel("AI 1");
-        EXPECT_EQ(hostChannel.getClassName(), row.reason == nullptr ? "ampl_bench" : "ampl_unknown");
+        EXPECT_EQ(hostChannel.getClassName(), reason == nullptr ? "ampl_bench" : "ampl_unknown");
         // The try doesn't reach the hardware.
         EXPECT_EQ(bench.amplifier().journal.take(), (Texts{"notifyLeaveChSetup", "notifyLeaveChSetup", "update"}));
-        if (row.reason == nullptr) {
+        if (reason == nullptr) {
             EXPECT_TRUE(bench.buildErrors.empty());
             continue;
         }
         ASSERT_EQ(bench.buildErrors.size(), 1u);
         for (const char* part :
-             {"/amplifiers/bench.json\" can't be used", "Channel \"Analog inputs/AI 1\", ", row.reason}) {
+             {"/amplifiers/bench.json\" can't be used", "Channel \"Analog inputs/AI 1\", ", reason}) {
             EXPECT_NE(bench.buildErrors[0].find(part), std::string::npos) << bench.buildErrors[0];
         }
         EXPECT_EQ(hostChannel.getPropertyValue<std::string>("ModuleName"), "Unknown");

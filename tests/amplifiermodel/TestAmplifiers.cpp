@@ -2,14 +2,11 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <numeric>
-#include <stdexcept>
 #include <thread>
 
 #include "modules/daq/objectmodel/AIChannel.h"
-#include "modules/daq/objectmodel/AIDevice.h"
 
 namespace Harvane::RT::Modules::Daq::Test {
 

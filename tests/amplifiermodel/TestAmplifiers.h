@@ -2,7 +2,6 @@
 
 #include <deque>
 #include <filesystem>
-#include <functional>
 #include <mutex>
 
 #include "modules/daq/objectmodel/Amplifier.h"
@@ -15,8 +14,7 @@ class AIDevice;
 namespace Harvane::RT::Modules::Daq::Test {
 
 // A folder of its own, gone with the object.
-class TempFolder {
-public:
+struct TempFolder {
     TempFolder();
     ~TempFolder() { std::filesystem::remove_all(path); }
     std::string write(const std::string& name, const std::string& text) const;

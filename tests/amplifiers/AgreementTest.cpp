@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,8 +39,7 @@ const Delivered amplifiers[] = {
     {AmplifierKind::HighVoltage, "high-voltage.json", {{"Voltage", "V", false, true}}},
 };
 
-class Agreement : public testing::TestWithParam<Delivered> {
-protected:
+struct Agreement : testing::TestWithParam<Delivered> {
     Agreement()
         : definition(std::filesystem::path(KESTRIX_AMPLIFIERS) / GetParam().file),
           firmware(moduleOf(GetParam().kind), 1, 1) {}
@@ -71,24 +69,28 @@ protected:
 
     ListPtr choices(const char* name) { return definition.channel.getPropertyInfo(name).getValuesAsList(); }
 
+    // A setting by its place, or by its bytes, and the update: 0, or the status of what was refused.
+    int apply(uint8_t command, const std::vector<uint8_t>& payload) {
+        const int staged = send(command, payload);
+        return staged != 0 ? staged : send(0x67);
+    }
+    int apply(uint8_t command, size_t place) { return apply(command, std::vector{static_cast<uint8_t>(place)}); }
+
     // Every place of a list is taken, the one behind it refused, by the setting or by the update.
     void walk(uint8_t command, const char* name) {
         const size_t count = choices(name).getCount();
         for (size_t i = 0; i < count; ++i) {
-            EXPECT_EQ(0, send(command, {static_cast<uint8_t>(i)})) << name << i;
-            EXPECT_EQ(0, send(0x67)) << name << i;
+            EXPECT_EQ(0, apply(command, i)) << name << i;
         }
-        EXPECT_FALSE(send(command, {static_cast<uint8_t>(count)}) == 0 && send(0x67) == 0) << name;
-        EXPECT_EQ(0, send(command, {0}));
-        EXPECT_EQ(0, send(0x67));
+        EXPECT_NE(0, apply(command, count)) << name;
+        EXPECT_EQ(0, apply(command, size_t{0}));
     }
 
     int excite(double value) {
         const auto number = static_cast<float>(value);
         std::vector<uint8_t> bytes(4);
         std::memcpy(bytes.data(), &number, 4);
-        const int staged = send(0xB9, bytes);
-        return staged != 0 ? staged : send(0x67);
+        return apply(0xB9, bytes);
     }
 
     DefinitionFile definition;
@@ -101,8 +103,7 @@ TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
     ASSERT_EQ(GetParam().modes.size(), measurements);
     EXPECT_NE(0, send(0x60, {static_cast<uint8_t>(measurements)}));
     for (size_t m = 0; m < measurements; ++m) {
-        EXPECT_EQ(0, send(0x60, {static_cast<uint8_t>(m)}));
-        EXPECT_EQ(0, send(0x67));
+        EXPECT_EQ(0, apply(0x60, m));
         definition.channel.setPropertyValue("Measurement", static_cast<int64_t>(m));
         const Mode& mode = GetParam().modes[m];
         EXPECT_EQ(mode.measurement, fromValue<std::string>(choices("Measurement").getItemAt(m)));
@@ -120,8 +121,7 @@ TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
         }
         const ListPtr ranges = choices("Range");
         for (size_t i = 0; i < ranges.getCount(); ++i) {
-            EXPECT_EQ(0, send(0xBC, {static_cast<uint8_t>(i)}));
-            EXPECT_EQ(0, send(0x67));
+            EXPECT_EQ(0, apply(0xBC, i));
             const GenericPropertyObjectPtr item = ranges.getItemAt(i).asPtr<IPropertyObject>();
             const auto end = item.getPropertyValue<double>("Max");
             EXPECT_EQ(-end, item.getPropertyValue<double>("Min")) << m << i;
@@ -135,8 +135,7 @@ TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
         // The text of a coupling says whether it lets a constant pass.
         const ListPtr couplings = choices("HPFilter");
         for (size_t i = 0; i < couplings.getCount(); ++i) {
-            EXPECT_EQ(0, send(0xC3, {static_cast<uint8_t>(i)}));
-            EXPECT_EQ(0, send(0x67));
+            EXPECT_EQ(0, apply(0xC3, i));
             const std::string text = fromValue<std::string>(couplings.getItemAt(i));
             const double hertz = text == "DC" ? 0.0 : std::stod(text.substr(3));
             EXPECT_EQ(hertz, firmware.frontEnd().highPassHz) << text;
@@ -146,8 +145,7 @@ TEST_P(Agreement, everyChoiceIsTakenAndNoMore) {
     // Filters say their corner, but for the first.
     const ListPtr filters = choices("LPFilter");
     for (size_t i = 1; i < filters.getCount(); ++i) {
-        EXPECT_EQ(0, send(0xC8, {static_cast<uint8_t>(i)}));
-        EXPECT_EQ(0, send(0x67));
+        EXPECT_EQ(0, apply(0xC8, i));
         const std::string text = fromValue<std::string>(filters.getItemAt(i));
         const double factor = text.ends_with("MHz") ? 1e6 : text.ends_with("kHz") ? 1e3 : 1.0;
         EXPECT_EQ(std::stod(text) * factor, firmware.frontEnd().lowPassHz) << text;

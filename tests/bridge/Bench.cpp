@@ -1,7 +1,5 @@
 #include "tests/bridge/Bench.h"
 
-#include <algorithm>
-
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/module/LoggerConnection.h"
@@ -19,8 +17,7 @@ using namespace Core;
 
 namespace {
 
-class TestDeviceFactory : public DeviceFactory {
-public:
+struct TestDeviceFactory : DeviceFactory {
     std::vector<std::string> supportsInterfaces() const override { return {"FixedInterface"}; }
     std::shared_ptr<Device> createDevice(const std::shared_ptr<ConnectionPoint>& connectionPoint) override {
         const auto found = devicesToFind().find(connectionPoint->name);
@@ -112,6 +109,29 @@ void HostData::reserveMemory(DaqStructure& structure, const Texts& used) {
         hostChannel.setUsed(std::find(used.begin(), used.end(), channel->name) != used.end());
         checkErrorInfo(hostChannel->initializeAcquisition());
     }
+}
+
+ErrCode HostData::add(IModule& module, const DataModulePtr& place) const {
+    return module.add(made<IModuleAddParams>(createModuleAddParams, data.get(), place.get(), sync.get()).get());
+}
+
+void HostData::configure(IModule& module) {
+    const auto config = made<IModuleConfig>(createModuleConfig, data.get());
+    checkErrorInfo(module.configure(config.get()));
+    IClockProvider* newClock = nullptr;
+    ILoopProvider* newLoop = nullptr;
+    IAbsTimeProvider* newAbsTime = nullptr;
+    checkErrorInfo(zornGetRegisteredProviders(config.get(), &newClock, &newLoop, &newAbsTime));
+    clock = ObjectPtr<IClockProvider>::take(newClock);
+    loop = ObjectPtr<ILoopProvider>::take(newLoop);
+    absTime = ObjectPtr<IAbsTimeProvider>::take(newAbsTime);
+}
+
+void HostData::forgetProviders() {
+    made<IModuleConfig>(createModuleConfig, data.get());
+    clock.release();
+    loop.release();
+    absTime.release();
 }
 
 ChannelPtr<> HostData::channel(const std::string& name) const {

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
+#include <span>
 
 #include <zorn/logger/logger.h>
 #include <zorn/structure/module.h>
@@ -28,8 +28,7 @@ constexpr int warning = 3;
 constexpr int error = 4;
 
 // Keeps what the module's logger gets.
-class LogCapture : public Core::ILogSink {
-public:
+struct LogCapture : Core::ILogSink {
     LogCapture();
     ~LogCapture() override;
     void write(const Core::LogRecord& record) override;
@@ -46,14 +45,17 @@ public:
 };
 
 // A host's data with the place for one module.
-class HostData {
-public:
+struct HostData {
     HostData();
     ~HostData();
     // What the next scan finds, in this order.
     static void plug(const std::vector<std::shared_ptr<Device>>& devices);
     // What the host does between initialize and start; the channels of these names are used.
     static void reserveMemory(DaqStructure& structure, const Texts& used);
+    // The first calls to a module. What it registers for the time is held until the next configuration.
+    Core::ErrCode add(Core::IModule& module, const Core::DataModulePtr& place) const;
+    void configure(Core::IModule& module);
+    void forgetProviders();
     Core::ChannelPtr<> channel(const std::string& name) const;
     Core::ChannelFolderPtr folder(const std::string& name) const;
 
@@ -61,11 +63,13 @@ public:
     Core::DataModulePtr dataModule;
     Core::AcquisitionSyncPtr sync;
     LogCapture log;
+    Core::ObjectPtr<Core::IClockProvider> clock;  // from configure on, as those below
+    Core::ObjectPtr<Core::ILoopProvider> loop;
+    Core::ObjectPtr<Core::IAbsTimeProvider> absTime;
 };
 
 // With a module's bridge in it, without the module object.
-class Bench : public HostData {
-public:
+struct Bench : HostData {
     Bench();
     ~Bench();
     // Makes the controller's tree of these devices.
@@ -100,7 +104,7 @@ void setRate(const Core::PropertyObjectPtr<I>& object, int64_t value) {
 template <class T, class Object, class I>
 T ask(Object* object, Core::ErrCode (I::*getter)(T*)) {
     T value;
-    std::memset(&value, 0x55, sizeof value);
+    std::ranges::fill(std::as_writable_bytes(std::span(&value, 1)), std::byte{0x55});
     Core::checkErrorInfo((object->*getter)(&value));
     return value;
 }

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "modules/daq/bridge/DaqRTOperation.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
@@ -19,8 +13,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 namespace {
 
 // Analog outputs, counters and CAN ports of a device that has all three.
-class Outputs : public SubDevice {
-public:
+struct Outputs : SubDevice {
     Outputs() {
         auto output = std::make_shared<AOChannel>(0);
         output->name = "Out 1";
@@ -30,8 +23,7 @@ public:
     std::string getDisplayName() const override { return "Analog outputs"; }
 };
 
-class CanPorts : public SubDevice {
-public:
+struct CanPorts : SubDevice {
     CanPorts() {
         for (int number = 0; number < 4; ++number) {
             auto channel = std::make_shared<CANChannel>(number);
@@ -49,8 +41,7 @@ public:
 };
 
 // A folder for each counter, as a counter's settings belong to all its channels.
-class Counters : public SubDevice {
-public:
+struct Counters : SubDevice {
     Counters() {
         for (int counter = 0; counter < 2; ++counter) {
             for (const char* name : {"Count", "Frequency"}) {
@@ -77,8 +68,7 @@ public:
     std::vector<std::shared_ptr<CntChannel>> all;
 };
 
-class ManyKinds : public TestDevice {
-public:
+struct ManyKinds : TestDevice {
     std::shared_ptr<AIDevice> createAIDevice() override { return nullptr; }
     std::shared_ptr<SubDevice> createAODevice() override { return std::make_shared<Outputs>(); }
     std::shared_ptr<SubDevice> createCntDevice() override { return counters = std::make_shared<Counters>(); }
@@ -104,8 +94,7 @@ std::string choicesOf(const PropertyInfoPtr& info) {
     return textOf(asBase(info.getValuesAsList()));
 }
 
-class ChannelKindsTest : public testing::Test, protected Bench {
-protected:
+struct ChannelKindsTest : testing::Test, protected Bench {
     ChannelKindsTest() : device(std::make_shared<ManyKinds>()) { build({device}); }
 
     const DaqRTOperation classes{*structure, data};

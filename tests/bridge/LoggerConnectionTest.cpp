@@ -1,19 +1,12 @@
 #include "modules/daq/module/LoggerConnection.h"
 
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "libraries/utils/ThreadEx.h"
 #include "tests/bridge/Bench.h"
 
 namespace {
 
 TEST(LoggerConnection, threadsOfTheModuleReportToTheHost) {
-    class Failing : public Harvane::Utils::Threading::ThreadEx {
-    public:
+    struct Failing : Harvane::Utils::Threading::ThreadEx {
         Failing() : ThreadEx("phaseTimer") {}
         void execute() override { throw std::runtime_error("no such register"); }
     };

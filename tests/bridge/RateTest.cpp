@@ -1,11 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
 #include "modules/daq/objectmodel/SystemDevice.h"
@@ -17,8 +9,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
 
-class RateTest : public testing::Test, protected Bench {
-protected:
+struct RateTest : testing::Test, protected Bench {
     RateTest() : device(std::make_shared<TestDevice>()) {
         build({device});
         deviceFolder = folder("Bench 8");
@@ -26,17 +17,19 @@ protected:
 
     void chooseClock(int index) { deviceFolder.setPropertyValue("BaseClock", index); }
     void loadSetup(bool on) { data.setPropertyValue("isUpdatingFromConfiguration", on); }
-    // A rate of the device and its first channel, in the tree and in the host.
-    void expectRate(int expected) const {
-        EXPECT_EQ(device->getRate(), expected);
-        EXPECT_EQ(rateOf(deviceFolder), expected);
-        EXPECT_EQ(device->ai->channels[0]->getRate(), expected);
-        EXPECT_EQ(rateOf(channel("Raw 1")), expected);
+    // System, device and "Raw 1" in Hz, and the place of the clock: as the host shows them, and as they are in force.
+    using Rates = std::vector<int>;
+    Rates shown() const {
+        return {rateOf(dataModule), rateOf(deviceFolder), rateOf(channel("Raw 1")),
+                deviceFolder.getPropertyValue<int>("BaseClock")};
     }
-    void expectSystemRate(int expected) const {
-        EXPECT_EQ(controller->sampleRate, expected);
-        EXPECT_EQ(rateOf(dataModule), expected);
-        expectRate(expected);
+    Rates inForce() const {
+        return {controller->sampleRate, device->getRate(), device->ai->channels[0]->getRate(),
+                device->ai->baseClock == device->ai->baseClocks[0] ? 0 : 1};
+    }
+    void expectRates(const Rates& expected) const {
+        EXPECT_EQ(shown(), expected);
+        EXPECT_EQ(inForce(), expected);
     }
 
     std::shared_ptr<TestDevice> device;
@@ -53,38 +46,31 @@ TEST_F(RateTest, SystemRate) {
     for (const auto& [wanted, expected] : rows) {
         SCOPED_TRACE(wanted);
         setRate(dataModule, wanted);
-        expectSystemRate(expected);
+        expectRates({expected, expected, expected, 0});
         EXPECT_EQ(log.take(), wanted == expected ? Texts() : adjusted("Sample rate", wanted, expected));
     }
     EXPECT_EQ(rateOf(channel("Async in")), 8);
     // Beyond the width of a rate: the fastest.
     setRate(dataModule, int64_t{5} << 32);
-    expectSystemRate(15000000);
+    expectRates({15000000, 15000000, 15000000, 0});
     log.entries.clear();
     // A clear has no value to set: what the property then shows counts.
     dataModule.clearProperty("SampleRate");
-    expectSystemRate(1000);
+    expectRates({1000, 1000, 1000, 0});
     EXPECT_TRUE(log.take().empty());
 }
 
+// No device is faster than the system, and without a divider it stays where it is.
 TEST_F(RateTest, DeviceRate) {
-    struct Row {
-        int system;
-        int wanted;
-        int expected;
-    };
-    for (const Row& row :
-         {Row{1000, 500, 500}, Row{1000, 300, 250}, Row{1000, 5000, 1000},  // no device is faster than the system
-          Row{25, 11, 25}}) {                                               // without a divider it stays where it is
-        SCOPED_TRACE(row.wanted);
-        if (controller->sampleRate != row.system) {
-            setRate(dataModule, row.system);
+    const std::tuple<int, int, int> rows[] = {{1000, 500, 500}, {1000, 300, 250}, {1000, 5000, 1000}, {25, 11, 25}};
+    for (const auto& [system, wanted, expected] : rows) {
+        SCOPED_TRACE(wanted);
+        if (controller->sampleRate != system) {
+            setRate(dataModule, system);
         }
-        setRate(deviceFolder, row.wanted);
-        expectRate(row.expected);
-        EXPECT_EQ(rateOf(dataModule), row.system);
-        EXPECT_EQ(log.take(),
-                  row.wanted == row.expected ? Texts() : adjusted("Daq Device Sample rate", row.wanted, row.expected));
+        setRate(deviceFolder, wanted);
+        expectRates({system, expected, expected, 0});
+        EXPECT_EQ(log.take(), wanted == expected ? Texts() : adjusted("Daq Device Sample rate", wanted, expected));
     }
 }
 
@@ -118,60 +104,46 @@ TEST_F(RateTest, NothingChangesWhileAcquisitionRuns) {
     setRate(deviceFolder, 300);
     setRate(channel("Raw 1"), 300);
     chooseClock(1);
-    EXPECT_EQ(rateOf(dataModule), 48000);
-    EXPECT_EQ(rateOf(deviceFolder), 300);
-    EXPECT_EQ(rateOf(channel("Raw 1")), 300);
-    EXPECT_EQ(deviceFolder.getPropertyValue<int>("BaseClock"), 1);
-    EXPECT_EQ(controller->sampleRate, 1000);
-    EXPECT_EQ(device->getRate(), 1000);
-    EXPECT_EQ(device->ai->channels[0]->getRate(), 1000);
-    EXPECT_EQ(device->ai->baseClock, 15000000);
+    EXPECT_EQ(shown(), (Rates{48000, 300, 300, 1}));
+    EXPECT_EQ(inForce(), (Rates{1000, 1000, 1000, 0}));
     EXPECT_TRUE(log.entries.empty());
 }
 
 // The host never sees a failure inside: it is logged, the property keeps its value, and the next change works.
 TEST_F(RateTest, ExceptionsInHandlersAreLogged) {
-    const auto failure = [](const std::string& handler) {
-        return Texts{"Error executing DaqStructure::" + handler + ": rate check failed"};
-    };
     device->ai->onCheck = [] { throw std::runtime_error("rate check failed"); };
     setRate(dataModule, 5000);
-    EXPECT_EQ(log.take(), failure("onSampleRateChanged"));
     setRate(deviceFolder, 500);
-    EXPECT_EQ(log.take(), failure("onDaqDeviceSampleRateChanged"));
     setRate(channel("Raw 1"), 500);
-    EXPECT_EQ(log.take(), failure("onChannelSampleRateChanged"));
     chooseClock(1);
-    EXPECT_EQ(log.take(), failure("onDaqDeviceBaseClockChanged"));
+    Texts expected;
+    for (const char* name : {"SampleRate", "DaqDeviceSampleRate", "ChannelSampleRate", "DaqDeviceBaseClock"}) {
+        expected.push_back("Error executing DaqStructure::on" + std::string(name) + "Changed: rate check failed");
+    }
+    EXPECT_EQ(log.take(), expected);
     EXPECT_EQ(rateOf(dataModule), 5000);
     EXPECT_EQ(controller->sampleRate, 1000);
 
-    device->ai->onCheck = nullptr;
+    device->ai->onCheck = [] {};
     setRate(dataModule, 2000);
-    expectSystemRate(2000);
+    expectRates({2000, 2000, 2000, 1});
 }
 
 TEST_F(RateTest, ChoosingAClock) {
     setRate(dataModule, 5000);
-    chooseClock(1);
-    EXPECT_EQ(device->ai->baseClock, 10000000);
-    EXPECT_EQ(rateOf(channel("Raw 1"), "MaxSampleRate"), 10000000);
-    EXPECT_EQ(rateOf(deviceFolder, "MaxSampleRate"), 10000000);
-    EXPECT_EQ(rateOf(dataModule, "MaxSampleRate"), 10000000);
-    expectSystemRate(5000);  // suits both clocks
-    EXPECT_TRUE(log.take().empty());
-
     // Neither the clock in force nor one that doesn't exist changes anything; the property shows the one in force.
-    for (const int index : {1, 2, -1}) {
+    for (const int index : {1, 1, 2, -1}) {
         chooseClock(index);
-        EXPECT_EQ(deviceFolder.getPropertyValue<int>("BaseClock"), 1) << index;
-        EXPECT_EQ(device->ai->baseClock, 10000000) << index;
+        expectRates({5000, 5000, 5000, 1});  // suits both clocks
+        EXPECT_EQ(rateOf(channel("Raw 1"), "MaxSampleRate"), 10000000);
+        EXPECT_EQ(rateOf(deviceFolder, "MaxSampleRate"), 10000000);
+        EXPECT_EQ(rateOf(dataModule, "MaxSampleRate"), 10000000);
     }
-
+    EXPECT_TRUE(log.take().empty());
     // A rate that the new clock can't do would fail the next start; it moves, and all that was derived from it.
     setRate(dataModule, 10000000);
     chooseClock(0);
-    expectSystemRate(7500000);
+    expectRates({7500000, 7500000, 7500000, 0});
     EXPECT_EQ(log.take(), adjusted("Sample rate", 10000000, 7500000));
 }
 
@@ -183,9 +155,7 @@ TEST_F(RateTest, OwnRatesSurviveAClockChange) {
     ASSERT_EQ(rateOf(channel("Filtered 1")), 71);  // 500 / 7
     log.entries.clear();
     chooseClock(1);
-    ASSERT_EQ(device->ai->baseClock, 10000000);
-    EXPECT_EQ(rateOf(deviceFolder), 500);
-    EXPECT_EQ(rateOf(channel("Raw 1")), 250);
+    expectRates({1000, 500, 250, 1});
     EXPECT_EQ(rateOf(channel("Filtered 1")), 71);
     EXPECT_TRUE(log.take().empty());
 }
@@ -197,14 +167,13 @@ TEST_F(RateTest, OwnRatesThatTheNewClockCannotDo) {
     EXPECT_EQ(rateOf(channel("Filtered 1"), "MaxSampleRate"), 100);
     EXPECT_EQ(rateOf(channel("Filtered 1")), 100);
     EXPECT_EQ(device->ai->channels[1]->getRate(), 100);
-    expectSystemRate(1000);
+    expectRates({1000, 1000, 1000, 1});
     EXPECT_EQ(log.take(), adjusted("Channel rate", 1000, 100));
 
     setRate(deviceFolder, 500);
     device->ai->impossibleRate = 500;
     chooseClock(0);
-    EXPECT_EQ(rateOf(dataModule), 1000);
-    expectRate(250);
+    expectRates({1000, 250, 250, 0});
     EXPECT_EQ(log.take(), adjusted("Daq Device Sample rate", 500, 250));
 }
 
@@ -212,35 +181,31 @@ TEST_F(RateTest, OwnRatesThatTheNewClockCannotDo) {
 TEST_F(RateTest, OnlyASetupMovesTheClock) {
     chooseClock(1);
     setRate(dataModule, 46875);
-    expectSystemRate(40000);
-    EXPECT_EQ(device->ai->baseClock, 10000000);
+    expectRates({40000, 40000, 40000, 1});
     log.entries.clear();
 
     loadSetup(true);
     setRate(dataModule, 46875);
-    EXPECT_EQ(device->ai->baseClock, 15000000);
-    EXPECT_EQ(deviceFolder.getPropertyValue<int>("BaseClock"), 0);
-    expectSystemRate(46875);
+    expectRates({46875, 46875, 46875, 0});
     EXPECT_EQ(log.take(warning), Texts{"Device base clock will be changed to 15000000, based on SR: 46875"});
 
     // A device's rate does it too: the system's has to follow, and no device is faster than the system.
     setRate(dataModule, 3000);
     setRate(deviceFolder, 200000);  // suits 15 MHz as well
-    EXPECT_EQ(device->ai->baseClock, 15000000);
+    EXPECT_EQ(inForce().back(), 0);
     setRate(deviceFolder, 2000000);
-    EXPECT_EQ(device->ai->baseClock, 10000000);
-    expectSystemRate(2500);
+    expectRates({2500, 2500, 2500, 1});
 
     // A data module that hangs nowhere has nobody who loads a setup.
     const DataModulePtr alone(made<IDataModule>(createDataModule, StringPtr("Alone").get()));
     structure->buildDataModuleProps(alone);
     setRate(alone, 46875);
     EXPECT_EQ(rateOf(alone), 40000);
-    EXPECT_EQ(device->ai->baseClock, 10000000);
+    EXPECT_EQ(inForce().back(), 1);
 }
 
 // As a host stores a setup and loads it again.
-std::string stored(const ObjectPtr<IPropertyObject>& object) {
+std::string textOfSetup(const ObjectPtr<IPropertyObject>& object) {
     const auto serializer = made<ISerializer>(createJsonSerializer);
     checkErrorInfo(object->serialize(serializer.get()));
     return StringPtr(made<IString>([&](IString** text) { return serializer->getOutput(text); })).toStdString();
@@ -255,30 +220,26 @@ void load(const ObjectPtr<IPropertyObject>& object, const std::string& text) {
 
 // A stored setup brings clock and rates back, whatever clock is in force when it is loaded.
 TEST_F(RateTest, RatesComeBackFromASetup) {
-    struct Row {
-        int storedClock;
-        int systemRate;
-        int deviceRate;
-        int channelRate;
-        int clockAtLoad;
-    };
-    for (const Row& row : {Row{0, 46875, 15625, 3125, 1}, Row{1, 400000, 200000, 50000, 0},
-                           Row{1, 2000000, 1000000, 1000000, 0}, Row{0, 1000, 500, 100, 0}}) {
-        SCOPED_TRACE(row.systemRate);
-        chooseClock(row.storedClock);
-        setRate(dataModule, row.systemRate);
-        setRate(deviceFolder, row.deviceRate);
-        setRate(channel("Raw 1"), row.channelRate);
+    const std::pair<Rates, int> rows[] = {{{46875, 15625, 3125, 0}, 1},
+                                          {{400000, 200000, 50000, 1}, 0},
+                                          {{2000000, 1000000, 1000000, 1}, 0},
+                                          {{1000, 500, 100, 0}, 0}};
+    for (const auto& [stored, clockAtLoad] : rows) {
+        SCOPED_TRACE(stored[0]);
+        chooseClock(stored[3]);
+        setRate(dataModule, stored[0]);
+        setRate(deviceFolder, stored[1]);
+        setRate(channel("Raw 1"), stored[2]);
         const ObjectPtr<IPropertyObject> objects[] = {dataModule.get(), deviceFolder.get(), channel("Raw 1").get()};
         Texts texts;
         for (const auto& object : objects) {
-            texts.push_back(stored(object));
+            texts.push_back(textOfSetup(object));
         }
         // As after a start of the host.
         for (const auto& object : objects) {
             checkErrorInfo(object->clearProperty(StringPtr("SampleRate").get()));
         }
-        chooseClock(row.clockAtLoad);
+        chooseClock(clockAtLoad);
         setRate(dataModule, 1000);
         log.entries.clear();
         loadSetup(true);
@@ -286,12 +247,7 @@ TEST_F(RateTest, RatesComeBackFromASetup) {
             load(objects[i], texts[i]);
         }
         loadSetup(false);
-        EXPECT_EQ(device->ai->baseClock, device->ai->baseClocks[static_cast<size_t>(row.storedClock)]);
-        EXPECT_EQ(deviceFolder.getPropertyValue<int>("BaseClock"), row.storedClock);
-        EXPECT_EQ(rateOf(dataModule), row.systemRate);
-        EXPECT_EQ(rateOf(deviceFolder), row.deviceRate);
-        EXPECT_EQ(rateOf(channel("Raw 1")), row.channelRate);
-        EXPECT_EQ(device->ai->channels[0]->getRate(), row.channelRate);
+        expectRates(stored);
         EXPECT_TRUE(log.take().empty());
     }
 }
@@ -310,22 +266,17 @@ TEST_F(RateTest, WritesWithinAHandlerAreLeftAlone) {
     listen(raw, [&] { seen.emplace_back(rateOf(raw), device->ai->channels[0]->getRate()); });
     bool answered = false;
     listen(deviceFolder, [&] {
-        if (!answered) {
-            answered = true;
+        if (!std::exchange(answered, true)) {
             setRate(deviceFolder, 300);
             setRate(dataModule, 48000);
             setRate(channel("Filtered 1"), 300);
-            deviceFolder.setPropertyValue("BaseClock", 1);
+            chooseClock(1);
         }
     });
     setRate(dataModule, 5100);
     EXPECT_EQ(log.take(), Texts{"Sample rate was set to 5100, adjusted to 5000"});
-    EXPECT_EQ(controller->sampleRate, 5000);
-    EXPECT_EQ(device->getRate(), 5000);
-    EXPECT_EQ(device->ai->baseClock, 15000000);
-    EXPECT_EQ(deviceFolder.getPropertyValue<int>("BaseClock"), 1);
-    EXPECT_EQ(rateOf(deviceFolder), 300);
-    EXPECT_EQ(rateOf(dataModule), 48000);
+    EXPECT_EQ(inForce(), (Rates{5000, 5000, 5000, 0}));
+    EXPECT_EQ(shown(), (Rates{48000, 300, 5000, 1}));
     EXPECT_EQ(device->ai->channels[1]->getRate(), 5000);
     EXPECT_EQ(seen.size(), 2u);  // the rate and, beside it, the exact one
 
@@ -355,7 +306,7 @@ TEST_F(BuildingTest, KeepsTheHandlersQuiet) {
         }
     };
     structure->buildDeviceTree(controller->systemDevice, dataModule.getRootFolder(), sync);
-    second->onName = nullptr;
+    second->onName = [] {};
     EXPECT_GT(calls, 0);
     EXPECT_EQ(first->ai->channels[0]->getRate(), 1000);
     EXPECT_EQ(controller->sampleRate, 1000);

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <memory>
-#include <string>
-
 #include "modules/daq/bridge/DaqChannelBuffer.h"
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
@@ -15,8 +9,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
 
-class StartTest : public testing::Test, protected Bench {
-protected:
+struct StartTest : testing::Test, protected Bench {
     StartTest() : device(std::make_shared<TestDevice>()) {
         build({device});
         controller->operationMode = 1;
@@ -63,19 +56,14 @@ TEST_F(StartTest, RingThatWasNotReservedAgainIsRefused) {
     reserve({"Raw 1"});
     structure->beforeStart();
     device->ai->channels[0]->buffer->incrementSamplePosition(30);
-    try {
-        structure->beforeStart();
-        ADD_FAILURE() << "no exception";
-    } catch (const InvalidStateException& exception) {
-        EXPECT_NE(std::string(exception.what()).find("Raw 1"), std::string::npos) << exception.what();
-    }
+    const std::string text = Harvane::RT::Core::Testing::failure([&] { structure->beforeStart(); });
+    EXPECT_TRUE(text.starts_with("80000029 ") && text.find("Raw 1") != std::string::npos) << text;
     EXPECT_FALSE(controller->acqRunning());
     reserve({"Raw 1"});
     EXPECT_NO_THROW(structure->beforeStart());
 }
 
-class DaqChannelBufferTest : public testing::Test {
-protected:
+struct DaqChannelBufferTest : testing::Test {
     DaqChannelBufferTest() {
         channel.setUsed(true);
         channel.setSampleRate(Ratio{5, 1});  // a ring of 10
@@ -86,26 +74,21 @@ protected:
         made<IChannel>(createSyncChannel, StringPtr("0").get(), static_cast<int>(SampleDataType::Int16), 0.0);
 };
 
-// What is added goes to the host's own memory, and the host's position wraps it.
+// What is added goes to the host's own memory, and the host's position wraps it, whoever moves it.
 TEST_F(DaqChannelBufferTest, WritesIntoTheRingOfTheHost) {
     DaqChannelBuffer buffer(channel);
-    ASSERT_EQ(buffer.getCapacity(), 10u);
-    EXPECT_EQ(buffer.getSampleSize(), 2u);
     EXPECT_TRUE(buffer.isEmpty());
     for (short value = 1; value <= 12; ++value) {
         buffer.addSample(&value);
     }
-    EXPECT_EQ(buffer.getPosition(), 2u);
-    EXPECT_EQ(buffer.getSize(), 10u);
     EXPECT_FALSE(buffer.isEmpty());
+    EXPECT_EQ(buffer.getSize(), 10u);
     const short expected[] = {11, 12, 3, 4, 5, 6, 7, 8, 9, 10};
     EXPECT_EQ(std::memcmp(channel.getBuffer().getData(), expected, sizeof expected), 0);
     EXPECT_EQ(channel.getSamplesAcquired(), 12);
     EXPECT_EQ(*static_cast<short*>(buffer.getSample(1)), 12);
     EXPECT_EQ(buffer.getSampleInDouble(9), 10.0);
     EXPECT_THROW(buffer.getSample(10), OutOfRangeException);
-
-    // Who moves it doesn't matter.
     checkErrorInfo(channel->incrementSamplePosition(7));
     EXPECT_EQ(buffer.getPosition(), 9u);
     buffer.incrementSamplePosition(5);

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
 #include "tests/bridge/Bench.h"
@@ -17,8 +11,7 @@ namespace {
 using enum SynchronizationMode;
 
 // Offers what the instrument offers.
-class SyncDevice : public TestDevice {
-public:
+struct SyncDevice : TestDevice {
     SynchronizationOptions getSynchronizationOptions() override {
         return {{Standalone, {}}, {Standalone, {Ptp}}, {Ptp, {}}, {Pps, {}}, {Irig, {}}};
     }
@@ -28,8 +21,7 @@ BasePtr option(int mode, const std::vector<int>& sources) {
     return asBase(ListPtr::create({toValue(mode), listOf(sources)}));
 }
 
-class SynchronizationTest : public testing::Test, protected Bench {
-protected:
+struct SynchronizationTest : testing::Test, protected Bench {
     ErrCode write(const BasePtr& value) {
         return dataModule->setProperty(StringPtr("Synchronization").get(), value.get());
     }

@@ -21,8 +21,7 @@
 namespace Harvane::RT::Modules::Daq::Test {
 
 template <class T>
-class TestChannel : public Channel {
-public:
+struct TestChannel : Channel {
     TestChannel(int number, const std::string& channelName, SampleType type) : Channel(number) {
         name = channelName;
         sampleType = type;
@@ -32,16 +31,14 @@ public:
 
 // Rates of a clock: its whole divisors from 10 on.
 inline int divisorAtOrBelow(int rate, int clock) {
-    for (int candidate = std::min(rate, clock); candidate > 10; --candidate) {
-        if (clock % candidate == 0) {
-            return candidate;
-        }
+    int found = std::min(rate, clock);
+    while (found > 10 && clock % found != 0) {
+        --found;
     }
-    return 10;
+    return std::max(found, 10);
 }
 
-class TestAI : public AIDevice {
-public:
+struct TestAI : AIDevice {
     TestAI() {
         baseClocks = {15000000, 10000000};
         baseClock = 15000000;
@@ -68,9 +65,7 @@ public:
 
     using Device::checkRate;
     int checkRate(int requested) const override {
-        if (onCheck) {
-            onCheck();
-        }
+        onCheck();
         const int found = divisorAtOrBelow(requested, baseClock);
         return found == impossibleRate ? divisorAtOrBelow(found - 1, baseClock) : found;
     }
@@ -86,9 +81,7 @@ public:
         for (const auto& channel : channels) {
             channel->maxRate = baseClock;
         }
-        if (baseClock == 10000000) {
-            channels[1]->maxRate = std::min(baseClock, filteredMaxAt10MHz);
-        }
+        channels[1]->maxRate = baseClock == 10000000 ? filteredMaxAt10MHz : baseClock;
         maxRate = baseClock;
         if (auto owner = getDevice()) {
             owner->maxRate = baseClock;
@@ -97,11 +90,9 @@ public:
     void buildChannelView() override {
         channelView = std::make_shared<ChannelFolder>("Analog", false);
         auto shared = std::make_shared<ChannelFolder>("Slot 1", true);
-        shared->addChannel(channels[0]);
-        shared->addChannel(channels[1]);
         auto plain = std::make_shared<ChannelFolder>("Others", false);
-        for (size_t i = 2; i < channels.size(); ++i) {
-            plain->addChannel(channels[i]);
+        for (size_t i = 0; i < channels.size(); ++i) {
+            (i < 2 ? shared : plain)->addChannel(channels[i]);
         }
         channelView->push_back(shared);
         channelView->push_back(plain);
@@ -110,29 +101,24 @@ public:
     void initializeHardware() override { SubDevice::initializeHardware(); }
     void acquireData() override {
         AIDevice::acquireData();
-        if (onAcquire) {
-            onAcquire();
-        }
+        onAcquire();
     }
     void sendData() override {
         ++sendCount;
         AIDevice::sendData();
-        if (onSend) {
-            onSend();
-        }
+        onSend();
     }
 
-    std::function<void()> onCheck;
+    std::function<void()> onCheck = [] {};
     int impossibleRate = 0;
     int filteredMaxAt10MHz = 10000000;
-    std::function<void()> onAcquire;
-    std::function<void()> onSend;
+    std::function<void()> onAcquire = [] {};
+    std::function<void()> onSend = [] {};
     int sendCount = 0;
 };
 
 // Asynchronous channels: an input, an output and a single value, which has no place in the host's tree.
-class TestAsync : public SubDevice {
-public:
+struct TestAsync : SubDevice {
     TestAsync() {
         input = std::make_shared<TestChannel<int>>(0, "Async in", SampleType::Async);
         output = std::make_shared<TestChannel<int>>(1, "Async out", SampleType::Async);
@@ -147,18 +133,15 @@ public:
     std::string getDisplayName() const override { return "Messages and numbers"; }
     void acquireData() override {
         SubDevice::acquireData();
-        if (onAcquire) {
-            onAcquire();
-        }
+        onAcquire();
     }
 
     std::shared_ptr<Channel> input;
     std::shared_ptr<Channel> output;
-    std::function<void()> onAcquire;
+    std::function<void()> onAcquire = [] {};
 };
 
-class TestTiming : public DaqTiming {
-public:
+struct TestTiming : DaqTiming {
     std::int64_t getStartTime() override { return 1111; }
     std::int64_t getCurrentTime(bool& tracking, bool& error) override {
         ++queries;
@@ -176,8 +159,7 @@ public:
     bool fail = false;
 };
 
-class TestLoop : public DaqLoop {
-public:
+struct TestLoop : DaqLoop {
     TestLoop() {
         minCycleRate = 2;
         maxCycleRate = 400;
@@ -192,8 +174,7 @@ public:
     std::function<void()> cycle;
 };
 
-class TestDevice : public DaqDevice {
-public:
+struct TestDevice : DaqDevice {
     TestDevice() {
         model = "Bench 8";
         manufacturer = "Maker";
@@ -210,9 +191,7 @@ public:
     ~TestDevice() override { ++destroyed; }
 
     std::string getDisplayName() const override {
-        if (onName) {
-            onName();
-        }
+        onName();
         return DaqDevice::getDisplayName();
     }
     std::shared_ptr<AIDevice> createAIDevice() override { return ai = std::make_shared<TestAI>(); }
@@ -232,7 +211,7 @@ public:
         return command == 1;
     }
 
-    std::function<void()> onName;
+    std::function<void()> onName = [] {};
     std::shared_ptr<TestAI> ai;
     std::shared_ptr<TestAsync> async;
     std::shared_ptr<TestTiming> timing;

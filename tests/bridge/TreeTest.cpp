@@ -1,10 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "modules/daq/bridge/DaqStructure.h"
 #include "modules/daq/controller/DaqController.h"
@@ -73,23 +67,17 @@ TEST_F(TreeTest, MirrorsDevicesFoldersAndChannels) {
 
 TEST_F(TreeTest, ChannelTypesFollowTheSamples) {
     build({std::make_shared<TestDevice>()});
-    struct Row {
-        const char* name;
-        SampleDataType dataType;
-        size_t dimension;
-        int type;
-        const char* id;
-    };
-    for (const Row& row :
-         {Row{"Raw 1", SampleDataType::Int16, 1, 0, "0"}, Row{"Filtered 1", SampleDataType::Int32, 1, 0, "1"},
-          Row{"Byte", SampleDataType::Int8, 1, 0, "2"}, Row{"Single", SampleDataType::Float32, 1, 0, "3"},
-          Row{"Double", SampleDataType::Float64, 1, 0, "4"}, Row{"Record", SampleDataType::Opaque, 16, 0, "5"},
-          Row{"Async in", SampleDataType::Int32, 1, 1, "0"}, Row{"Messages", SampleDataType::Opaque, 16, 1, "3"}}) {
-        const auto hostChannel = channel(row.name);
-        EXPECT_EQ(hostChannel.getSampleDataType(), row.dataType) << row.name;
-        EXPECT_EQ(hostChannel.getDimension(), row.dimension) << row.name;
-        EXPECT_EQ(hostChannel.getType(), row.type) << row.name;
-        EXPECT_EQ(hostChannel.getPropertyValue<std::string>("ChannelId"), row.id) << row.name;
+    const std::tuple<const char*, SampleDataType, size_t, int, const char*> rows[] = {
+        {"Raw 1", SampleDataType::Int16, 1, 0, "0"},    {"Filtered 1", SampleDataType::Int32, 1, 0, "1"},
+        {"Byte", SampleDataType::Int8, 1, 0, "2"},      {"Single", SampleDataType::Float32, 1, 0, "3"},
+        {"Double", SampleDataType::Float64, 1, 0, "4"}, {"Record", SampleDataType::Opaque, 16, 0, "5"},
+        {"Async in", SampleDataType::Int32, 1, 1, "0"}, {"Messages", SampleDataType::Opaque, 16, 1, "3"}};
+    for (const auto& [name, dataType, dimension, type, id] : rows) {
+        const auto hostChannel = channel(name);
+        EXPECT_EQ(hostChannel.getSampleDataType(), dataType) << name;
+        EXPECT_EQ(hostChannel.getDimension(), dimension) << name;
+        EXPECT_EQ(hostChannel.getType(), type) << name;
+        EXPECT_EQ(hostChannel.getPropertyValue<std::string>("ChannelId"), id) << name;
     }
     // A numeric read without samples gives the NaN that the channel was made with.
     EXPECT_TRUE(std::isnan(ask(channel("Raw 1").get(), &IChannel::getCurrentSample)));
@@ -174,17 +162,15 @@ TEST_F(TreeTest, Functions) {
     build({device});
     const auto deviceFolder = folder("Bench 8");
     const auto deviceCheck = functionOf(deviceFolder, "CheckRate");
-    struct Row {
-        ObjectPtr<IFuncObject> function;
-        BasePtr argument;
-        int expected;
-    };
-    for (const Row& row : {Row{functionOf(dataModule, "CheckSampleRate"), rate(48000), 46875},
-                           Row{functionOf(dataModule, "CheckSampleRate"), rate(1 << 30), 15000000},
-                           Row{deviceCheck, rates(1000, 300), 250}, Row{deviceCheck, rates(12, 11), -1},
-                           Row{functionOf(channel("Filtered 1"), "CheckRate"), rates(1000, 300), 250},
-                           Row{functionOf(channel("Async in"), "CheckRate"), rates(1000, 300), 300}}) {
-        EXPECT_EQ(fromValue<Ratio>(executeFunc(row.function, row.argument)), (Ratio{row.expected, 1}));
+    const std::tuple<ObjectPtr<IFuncObject>, BasePtr, int> rows[] = {
+        {functionOf(dataModule, "CheckSampleRate"), rate(48000), 46875},
+        {functionOf(dataModule, "CheckSampleRate"), rate(1 << 30), 15000000},
+        {deviceCheck, rates(1000, 300), 250},
+        {deviceCheck, rates(12, 11), -1},
+        {functionOf(channel("Filtered 1"), "CheckRate"), rates(1000, 300), 250},
+        {functionOf(channel("Async in"), "CheckRate"), rates(1000, 300), 300}};
+    for (const auto& [function, argument, expected] : rows) {
+        EXPECT_EQ(fromValue<Ratio>(executeFunc(function, argument)), (Ratio{expected, 1}));
     }
     // Nothing has changed.
     EXPECT_EQ(controller->sampleRate, 1000);

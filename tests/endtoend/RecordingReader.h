@@ -53,6 +53,12 @@ public:
         return values;
     }
 
+    template <class T>
+    std::vector<double> numbers(const std::string& path) const {
+        const auto values = samples<T>(path);
+        return {values.begin(), values.end()};
+    }
+
     size_t count(const std::string& path) const {
         const hid_t set = open(path);
         const size_t result = length(set);

@@ -1,6 +1,3 @@
-#include <string>
-#include <vector>
-
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
 #include "shared/libraries/kestrix/src/AmplifierProperties.h"
@@ -41,8 +38,7 @@ AmplifierSettings bridgeSettings(int measurement, int range, double excitation =
     return settings;
 }
 
-class AmplifierInForce : public KestrixFixture {
-protected:
+struct AmplifierInForce : KestrixFixture {
     void plug() {
         Scenario scenario = warmScenario(1);
         scenario.modules.at(0).kind = kestrixsim::AmplifierKind::Bridge;

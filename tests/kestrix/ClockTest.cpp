@@ -20,8 +20,7 @@ constexpr int globalPage = static_cast<int>(0xA6000000);
 constexpr int pllPage = static_cast<int>(0xB0000000);
 const std::string unknownClock = "The sampling clock is unknown: a base clock has to be chosen before a start.";
 
-class ClockTest : public KestrixFixture {
-protected:
+struct ClockTest : KestrixFixture {
     // One module. The modules of the small board are always on, so that a change takes no time there.
     static Scenario scenario(int boardType) {
         Scenario scenario = warmScenario(1);
@@ -82,27 +81,23 @@ protected:
 };
 
 TEST_F(ClockTest, IsTakenFromThePllsAndSetWhereTheyHoldNone) {
-    struct {
-        kestrixsim::PllScenario pll;
-        int clock;
-        Strings steps;
-    } const cases[] = {
+    const std::tuple<kestrixsim::PllScenario, int, Strings> cases[] = {
         {{.selection = 1}, clock10, {}},
         {{.selection = 0}, clock15, {}},
         {{.selection = 2}, clock15, {"supply 0", "oscillator 15", "pll 0", "supply 255"}},
         {{.selection = 1, .lock0 = false}, clock15, {"supply 0", "oscillator 15", "pll 0", "supply 255"}},
         {{.selection = 0, .lock1 = false}, clock15, {"supply 0", "oscillator 15", "pll 0", "supply 255"}},
     };
-    for (const auto& expected : cases) {
+    for (const auto& [pll, clock, steps] : cases) {
         Scenario board = scenario(0);
-        board.pll = expected.pll;
+        board.pll = pll;
         bringUp(board);
-        expectClock(expected.clock, expected.clock);
-        EXPECT_EQ(clockSteps(), expected.steps);
+        expectClock(clock, clock);
+        EXPECT_EQ(clockSteps(), steps);
         expectGoodRun();
         // A channel's rates are those of this clock, too.
-        EXPECT_EQ(controller->checkSampleRate(48000), expected.clock == clock10 ? 40000 : 46875);
-        EXPECT_EQ(ai().checkChannelRate(1, 8000000, 8000000), expected.clock == clock10 ? 2000000 : 1600000);
+        EXPECT_EQ(controller->checkSampleRate(48000), clock == clock10 ? 40000 : 46875);
+        EXPECT_EQ(ai().checkChannelRate(1, 8000000, 8000000), clock == clock10 ? 2000000 : 1600000);
     }
 }
 
@@ -202,19 +197,10 @@ TEST_F(ClockTest, GoesBackFromEachAccessToThePlls) {
     clockSteps();
 }
 
-TEST_F(ClockTest, RequestFinishesWhatAChangeLeftUndone) {
+TEST_F(ClockTest, AnAmplifierThatWasTakenOutIsToldOnce) {
     bringUp(scenario(1));
-    inject({.kind = FaultKind::MuxReadsBack, .code = 0x4F, .times = -1});
-    EXPECT_EQ(request(clock10), "unable to set amplifiers UART mux");
-    EXPECT_EQ(failureOf([&] { prepare(); }), "unable to set amplifiers UART mux");
-    EXPECT_EQ(request(clock10), "unable to set amplifiers UART mux");
-    expectClock(clock10, clock10);
-    clearFaults();
-    EXPECT_EQ(request(clock10), "no failure");
-    EXPECT_TRUE(isDetected(ai(), 0));
-    // An amplifier that was taken out is told once and doesn't hold up the others.
     kestrixsim::instrument().unplug(0);
-    EXPECT_EQ(request(clock15), "The amplifier in slot 1 doesn't answer any more.");
+    EXPECT_EQ(request(clock10), "The amplifier in slot 1 doesn't answer any more.");
     EXPECT_EQ(failureOf([&] { prepare(); }), "no failure");
 }
 

@@ -1,4 +1,3 @@
-
 #include "libraries/devices/embedded/MmapRegisterAccess.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixAmplifier.h"
 #include "modules/daq/objectmodel/AIChannel.h"
@@ -14,8 +13,7 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-class KestrixAITest : public KestrixFixture {
-protected:
+struct KestrixAITest : KestrixFixture {
     static std::shared_ptr<KestrixAI> makeAI() {
         const kestrixsim::Scenario& board = kestrixsim::instrument().scenario();
         BoardIdentity identity;
@@ -43,9 +41,8 @@ TEST_F(KestrixAITest, SupplyIsSteppedUpSlotBySlot) {
         const auto ai = makeAI();
         EXPECT_EQ(kestrixsim::instrument().supplySwitches(), 2u);  // 127 and 255
         EXPECT_EQ(supply(), 255u);
-        EXPECT_EQ(word(0xA6000004) & 1, 0u);
-        EXPECT_EQ(word(0xA6000008) & 63, 21u);
-        EXPECT_EQ(word(0xA600000C) & 63, 3u);
+        EXPECT_EQ((std::vector{word(0xA6000004) & 1, word(0xA6000008) & 63, word(0xA600000C) & 63}),
+                  (std::vector{0u, 21u, 3u}));
         ai->enableSupply();  // up already
         EXPECT_EQ(kestrixsim::instrument().supplySwitches(), 2u);
         EXPECT_TRUE(isDetected(*ai, 1));
@@ -64,17 +61,14 @@ TEST_F(KestrixAITest, SmallBoardHasNoSupplyToSwitchOn) {
 }
 
 TEST_F(KestrixAITest, FailedConstructionSwitchesOffAndClosesEverything) {
-    struct {
-        kestrixsim::Fault fault;
-        const char* text;
-    } const cases[] = {
+    const std::pair<kestrixsim::Fault, const char*> cases[] = {
         {{.kind = FaultKind::DmaOpen, .target = 5}, "Cannot open device file"},
         {{.kind = FaultKind::DmaIoctl, .target = 3}, "SET_BD_CNT ioctl error"},
     };
-    for (const auto& expected : cases) {
+    for (const auto& [fault, text] : cases) {
         kestrixsim::reset(warmScenario(8));
-        inject(expected.fault);
-        EXPECT_EQ(failureOf([] { makeAI(); }), expected.text);
+        inject(fault);
+        EXPECT_EQ(failureOf([] { makeAI(); }), text);
         EXPECT_EQ(supply(), 0u);
         EXPECT_EQ(kestrixsim::openDescriptors(), 0);
     }
@@ -95,10 +89,9 @@ TEST_F(KestrixAITest, ModulesShowAsPairsOfChannels) {
         const auto channel = ai().getAIChannel(number);
         const bool filtered = number % 2 == 1;
         EXPECT_EQ(channel->name, filtered ? "Filtered input" : "Raw input");
-        EXPECT_EQ(channel->buffer->getSampleSize(), filtered ? 4u : 2u);
-        EXPECT_EQ(channel->bufferGranularity, filtered ? 16u : 32u);
-        EXPECT_EQ(channel->minRate, 100);
-        EXPECT_EQ(channel->maxRate, filtered ? 1875000 : 15000000);
+        EXPECT_EQ((std::vector<unsigned long>{channel->buffer->getSampleSize(), channel->bufferGranularity}),
+                  (filtered ? std::vector<unsigned long>{4, 16} : std::vector<unsigned long>{2, 32}));
+        EXPECT_EQ(std::pair(channel->minRate, channel->maxRate), std::pair(100, filtered ? 1875000 : 15000000));
         EXPECT_EQ(channel->enabled, number / 2 != 1) << number;
         EXPECT_EQ(channel->amplifier, ai().getAIChannel(number / 2 * 2)->amplifier);
         EXPECT_EQ(channel->amplifier->settings()->ranges.size(), 1u);
@@ -106,12 +99,9 @@ TEST_F(KestrixAITest, ModulesShowAsPairsOfChannels) {
     const auto present = std::dynamic_pointer_cast<KestrixAmplifier>(ai().getAIChannel(4)->amplifier);
     ASSERT_NE(present, nullptr);
     EXPECT_EQ(present->getAmplifier(), ai().getAmplifierCommunication()->getAmplifier(2));
-    EXPECT_GT(present->getModuleType(), 0);
-    EXPECT_FALSE(present->serialNumber.empty());
-
+    EXPECT_TRUE(present->getModuleType() > 0 && !present->serialNumber.empty());
     const auto absent = ai().getAIChannel(2)->amplifier;
-    EXPECT_EQ(absent->getModuleType(), 0);
-    EXPECT_EQ(absent->serialNumber, "");
+    EXPECT_TRUE(absent->getModuleType() == 0 && absent->serialNumber.empty());
     takeFrames();
     EXPECT_TRUE(absent->update());
     EXPECT_EQ(takeFrames(), Strings{});
@@ -121,9 +111,7 @@ TEST_F(KestrixAITest, ModulesShowAsPairsOfChannels) {
     const auto folder = std::dynamic_pointer_cast<ChannelFolder>(ai().channelView->at(1));
     EXPECT_EQ(folder->name, "AI 2");
     EXPECT_TRUE(folder->sharedInputs);
-    ASSERT_EQ(folder->channels.size(), 2u);
-    EXPECT_EQ(folder->channels[0]->number, 2);
-    EXPECT_EQ(folder->channels[1]->number, 3);
+    EXPECT_EQ(folder->channels, (std::vector<std::shared_ptr<Channel>>{ai().channels[2], ai().channels[3]}));
 }
 
 }  // namespace

@@ -7,22 +7,16 @@
 
 using namespace Harvane::RT::Modules::Daq;
 using kestrixsim::FaultKind;
-using kestrixsim::Stream;
 using kestrixtest::failureOf;
 
 namespace {
 
-class KestrixKernelTest : public KestrixFixture {
-protected:
+struct KestrixKernelTest : KestrixFixture {
     KestrixKernelTest() { kestrixsim::reset(warmScenario(8)); }
 };
 
 TEST_F(KestrixKernelTest, EachModeHasItsOwnRequests) {
-    struct {
-        int code;
-        const char* text;
-        std::function<void(KestrixKernel&)> action;
-    } const cases[] = {
+    const std::tuple<int, const char*, std::function<void(KestrixKernel&)>> cases[] = {
         {0x40064C05, "RESERVE_BD_MEM ioctl error", [](KestrixKernel& kernel) { kernel.updateConfiguration(false); }},
         {0x40064C08, "START_TRANSFER ioctl error", [](KestrixKernel& kernel) { kernel.startTransfer(false); }},
         {0x40064C09, "STOP_TRANSFER ioctl error", [](KestrixKernel& kernel) { kernel.stopTransfer(false); }},
@@ -31,11 +25,11 @@ TEST_F(KestrixKernelTest, EachModeHasItsOwnRequests) {
         {0x00064C0D, "STOP_TRANSFER ioctl error", [](KestrixKernel& kernel) { kernel.stopTransfer(true); }},
     };
     KestrixKernel kernel(1);
-    for (const auto& expected : cases) {
-        inject({.kind = FaultKind::DmaIoctl, .code = expected.code});
-        EXPECT_EQ(failureOf([&] { expected.action(kernel); }), expected.text) << std::hex << expected.code;
+    for (const auto& [code, text, action] : cases) {
+        inject({.kind = FaultKind::DmaIoctl, .code = code});
+        EXPECT_EQ(failureOf([&, act = action] { act(kernel); }), text) << std::hex << code;
         clearFaults();
-        EXPECT_EQ(failureOf([&] { expected.action(kernel); }), "no failure") << std::hex << expected.code;
+        EXPECT_EQ(failureOf([&, act = action] { act(kernel); }), "no failure") << std::hex << code;
     }
 }
 

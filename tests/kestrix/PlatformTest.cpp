@@ -42,8 +42,7 @@ void removeFile(const std::string& path) {
     std::remove((kestrixsim::rootFolder() + path).c_str());
 }
 
-class PlatformTest : public KestrixFixture {
-protected:
+struct PlatformTest : KestrixFixture {
     PlatformTest() { kestrixsim::reset(Scenario{}); }
 
     static std::vector<std::string> commands() { return kestrixsim::instrument().commandsRun(); }
@@ -88,12 +87,8 @@ TEST_F(PlatformTest, StreamsAreOpenedSoThatAReadNeverWaits) {
 
 TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {
     using P = PlatformPtpControl;
-    struct {
-        P::STATE state;
-        const char* arguments;
-        std::string lines;  // IRIG in and out
-        P::STATE readBack;
-    } const cases[] = {
+    // irig: the lines in and out.
+    const std::tuple<P::STATE, const char*, std::string, P::STATE> cases[] = {
         {P::PTP_STATE_MASTER, "master", "00", P::PTP_STATE_MASTER},
         {P::PTP_STATE_MASTER_PPS, "master pps", "10", P::PTP_STATE_MASTER_PPS},
         {P::PTP_STATE_MASTER_STANDALONE, "master standalone", "00", P::PTP_STATE_MASTER_STANDALONE},
@@ -109,23 +104,23 @@ TEST_F(PlatformTest, PtpStatesRunTheirScriptsAndSwitchTheLines) {
     const std::string script = "/opt/harvane/scripts/ptp_control.sh ";
     P control;
     std::vector<std::string> expected = commands();
-    for (const auto& entry : cases) {
+    for (const auto& [state, arguments, irig, readBack] : cases) {
         setContents(timingFolder + "irig_in_enabled", "?");
         setContents(timingFolder + "irig_out_enabled", "?");
         for (const FaultKind kind : {FaultKind::ScriptRefuses, FaultKind::ScriptSilent}) {
             inject({.kind = kind, .times = -1});
-            EXPECT_FALSE(control.setActiveState(entry.state));
-            EXPECT_FALSE(control.setConfiguredState(entry.state));
+            EXPECT_FALSE(control.setActiveState(state));
+            EXPECT_FALSE(control.setConfiguredState(state));
             EXPECT_EQ(control.getState(), P::PTP_STATE_UNKNOWN);
             clearFaults();
         }
         expected = commands();
-        EXPECT_TRUE(control.setConfiguredState(entry.state));
+        EXPECT_TRUE(control.setConfiguredState(state));
         EXPECT_EQ(lines(), "??");
-        EXPECT_TRUE(control.setActiveState(entry.state));
-        EXPECT_EQ(lines(), entry.lines);
-        EXPECT_EQ(control.getState(), entry.readBack) << entry.arguments;
-        for (const char* argument : {entry.arguments, entry.arguments, "restart", "status"}) {
+        EXPECT_TRUE(control.setActiveState(state));
+        EXPECT_EQ(lines(), irig);
+        EXPECT_EQ(control.getState(), readBack) << arguments;
+        for (const char* argument : {arguments, arguments, "restart", "status"}) {
             expected.push_back(script + argument);
         }
         EXPECT_EQ(commands(), expected);
@@ -159,10 +154,7 @@ TEST_F(PlatformTest, IrigLinesAreSwitchedInTheOrderOfTheState) {
 
 TEST_F(PlatformTest, StatusRepliesTellTheState) {
     using P = PlatformPtpControl;
-    struct {
-        const char* reply;
-        P::STATE state;
-    } const cases[] = {
+    const std::pair<const char*, P::STATE> cases[] = {
         {"OK:", P::PTP_STATE_UNKNOWN},
         {"ERR:mode=slave", P::PTP_STATE_UNKNOWN},
         {"log line\nOK:mode=slave", P::PTP_STATE_UNKNOWN},
@@ -177,8 +169,8 @@ TEST_F(PlatformTest, StatusRepliesTellTheState) {
         {"OK:mode=", P::PTP_STATE_UNKNOWN},
         {"OK:mode", P::PTP_STATE_UNKNOWN},
     };
-    for (const auto& expected : cases) {
-        EXPECT_EQ(P::stateOf(expected.reply), expected.state) << expected.reply;
+    for (const auto& [reply, state] : cases) {
+        EXPECT_EQ(P::stateOf(reply), state) << reply;
     }
 }
 

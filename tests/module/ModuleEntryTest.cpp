@@ -6,11 +6,9 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <vector>
 
 #include <zorn/logger/logger.h>
-#include <zorn/structure/module.h>
 
 #include "modules/daq/objectmodel/IChannelBuffer.h"
 #include "tests/host/Made.h"
@@ -23,8 +21,7 @@ namespace {
 
 constexpr const char* counterSymbol = "_ZN7Harvane2RT4Core24zornSharedLibObjectCountE";
 
-class ModuleEntryTest : public testing::Test {
-protected:
+struct ModuleEntryTest : testing::Test {
     ObjectPtr<IModuleDriver> createDriver(const char* entryPoint = "createDaqModuleDriver") const {
         return made<IModuleDriver>([&](IModuleDriver** driver) { return module.call(entryPoint, driver); });
     }

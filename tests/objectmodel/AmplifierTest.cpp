@@ -10,8 +10,7 @@ using namespace Harvane::RT::Modules::Daq;
 namespace {
 
 // An amplifier whose scalings are switched on.
-class ScalingAmplifier : public Amplifier {
-public:
+struct ScalingAmplifier : Amplifier {
     explicit ScalingAmplifier(const std::string& measurement) { addMeasurementValue(measurement); }
     bool isBridgeExcScalingEnabled() const override { return true; }
     bool isCurrentScalingEnabled() const override { return true; }

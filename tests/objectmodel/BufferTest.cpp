@@ -81,8 +81,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-class Fifo : public testing::Test {
-protected:
+struct Fifo : testing::Test {
     void fillAt(unsigned long readPos, unsigned long count) {
         fifo.setCapacity(10);
         fifo.incrementWritePosition(readPos);

@@ -8,8 +8,7 @@ using namespace Harvane::RT::Modules::Daq;
 namespace {
 
 // A device with the generic clock and one part that has the channels.
-class Clock : public testing::Test {
-protected:
+struct Clock : testing::Test {
     Clock() {
         device->push_back(part);
         device->initialize();

@@ -37,15 +37,13 @@ std::string failureOf(Call&& call) {
     }
 }
 
-class TestClock : public DaqClock {
-public:
+struct TestClock : DaqClock {
     explicit TestClock(double time) : time(time) {}
     double getCurrentTime(bool) override { return time; }
     double time;
 };
 
-class TestDevice : public Recorded<DaqDevice> {
-public:
+struct TestDevice : Recorded<DaqDevice> {
     TestDevice(Steps& steps, const std::string& id, const SynchronizationOptions& options)
         : Recorded(steps, id), options(options) {}
     SynchronizationOptions getSynchronizationOptions() override { return options; }
@@ -59,8 +57,7 @@ struct At10 {
     std::string connectionPointName = "ID_10";
 };
 
-class Controller : public testing::Test {
-protected:
+struct Controller : testing::Test {
     std::shared_ptr<TestDevice> add(const std::string& id, const SynchronizationOptions& options = plainOptions,
                                     int minRate = 0, int maxRate = Device::noMaxRate) {
         auto device = std::make_shared<TestDevice>(steps, id, options);
@@ -294,51 +291,41 @@ TEST_F(Controller, AnOptionIsChosenForAllDevicesTogether) {
     const auto pps = option(Mode::Pps);
     const auto irig = option(Mode::Irig);
     const auto soft = option(Mode::SoftSync);
-    struct Case {
-        const char* what;
-        std::vector<SynchronizationOptions> offered;
-        SynchronizationOptions common;
-        SynchronizationOption wanted, stored;
-        std::vector<SynchronizationOption> chosen;
-    };
-    for (const auto& c :
-         {Case{"no device", {}, plainOptions, alone, alone, {}},
-          Case{"no device that sources", {}, plainOptions, source, refused, {}},
-          Case{"one device", {instrumentOptions}, instrumentOptions, pps, pps, {pps}},
-          Case{"more sources than asked for", {ptpOptions}, ptpOptions, alone, source, {source}},
-          Case{"a source that is missing", {plainOptions}, plainOptions, source, refused, {refused}},
-          Case{"a mode that is missing", {ptpOptions}, ptpOptions, pps, refused, {refused}},
-          Case{"options that leave one out", {instrumentOptions, ptpOptions}, ptpOptions, alone, source, {source, ptp}},
-          Case{"only the second can",
-               {canOptions, instrumentOptions},
-               {alone, source, soft, irig, pps, ptp},
-               irig,
-               irig,
-               {soft, irig}},
-          Case{"nobody goes with a device that follows in software",
-               {canOptions, ptpOptions},
-               {source, soft, ptp},
-               soft,
-               refused,
-               {refused, refused}},
-          Case{"in no way", {plainOptions, plainOptions}, {}, alone, refused, {refused, refused}}}) {
-        SCOPED_TRACE(c.what);
+    using Offered = std::vector<SynchronizationOptions>;
+    using Chosen = std::vector<SynchronizationOption>;
+    const SynchronizationOptions five{alone, source, soft, irig, pps, ptp};
+    const SynchronizationOptions three{source, soft, ptp};
+    // What the devices offer, what they have in common, what is wanted and becomes of it, and what each one has then.
+    const std::tuple<const char*, Offered, SynchronizationOptions, SynchronizationOption, SynchronizationOption, Chosen>
+        cases[] = {
+            {"no device", {}, plainOptions, alone, alone, {}},
+            {"no device that sources", {}, plainOptions, source, refused, {}},
+            {"one device", {instrumentOptions}, instrumentOptions, pps, pps, {pps}},
+            {"more sources than asked for", {ptpOptions}, ptpOptions, alone, source, {source}},
+            {"a source that is missing", {plainOptions}, plainOptions, source, refused, {refused}},
+            {"a mode that is missing", {ptpOptions}, ptpOptions, pps, refused, {refused}},
+            {"options that leave one out", {instrumentOptions, ptpOptions}, ptpOptions, alone, source, {source, ptp}},
+            {"only the second can", {canOptions, instrumentOptions}, five, irig, irig, {soft, irig}},
+            {"nobody goes with one that follows", {canOptions, ptpOptions}, three, soft, refused, {refused, refused}},
+            {"in no way", {plainOptions, plainOptions}, {}, alone, refused, {refused, refused}}};
+    for (const auto& [what, offered, common, wanted, stored, chosen] : cases) {
+        SCOPED_TRACE(what);
         devices.clear();
-        for (const auto& options : c.offered) {
+        for (const auto& options : offered) {
             add("d", options);
         }
         build();
         controller.synchronization = refused;
-        EXPECT_EQ(controller.getSynchronizationOptions(), c.common);
-        EXPECT_EQ(failureOf([&] { controller.setSynchronization(c.wanted); }),
-                  c.stored == refused ? "not valid synchronization" : "");
-        if (c.common.empty()) {
+        EXPECT_EQ(controller.getSynchronizationOptions(), common);
+        EXPECT_EQ(failureOf([&, option = wanted] { controller.setSynchronization(option); }),
+                  stored == refused ? "not valid synchronization" : "");
+        if (common.empty()) {
             EXPECT_EQ(failureOf([&] { controller.initializeHardware(); }), "No valid sync option");
         }
-        EXPECT_EQ(controller.synchronization, c.stored);
-        for (size_t i = 0; i < devices.size(); ++i) {
-            EXPECT_EQ(devices[i]->chosen(), c.chosen[i]) << i;
-        }
+        EXPECT_EQ(controller.synchronization, stored);
+        Chosen found;
+        std::ranges::transform(devices, std::back_inserter(found), [](const auto& each) { return each->chosen(); });
+        EXPECT_EQ(found, chosen);
     }
 }
 

@@ -15,8 +15,7 @@ namespace {
 
 class FoundDevice : public Device {};
 class SecondDevice : public Device {};
-class RootDevice : public SystemDevice {
-public:
+struct RootDevice : SystemDevice {
     std::string getDisplayName() const override { return "Own root"; }
 };
 
@@ -37,12 +36,10 @@ struct Right : Left {
 };
 
 // A port with two connection points, which no fixed port has.
-class WideHelper : public StaticInterfaceHelper {
-public:
+struct WideHelper : StaticInterfaceHelper {
     WideHelper() : StaticInterfaceHelper("Wide", {"port"}) {}
 };
-class WidePort : public GenericInterfacePort<WideHelper, GenericConnectionPoint<WideHelper>> {
-public:
+struct WidePort : GenericInterfacePort<WideHelper, GenericConnectionPoint<WideHelper>> {
     using GenericInterfacePort::GenericInterfacePort;
     std::vector<std::string> enumConnectionPoints() const override { return {"left", "right"}; }
 };

@@ -10,8 +10,7 @@ using namespace Harvane::RT::Modules::Daq;
 namespace {
 
 // Runs at whole fractions of its clock only and knows nothing below 10 Hz, like the instrument's analog part.
-class FractionDevice : public DaqDevice {
-public:
+struct FractionDevice : DaqDevice {
     explicit FractionDevice(int clock) : clock(clock) {
         minRate = 1;
         maxRate = clock;

@@ -5,7 +5,6 @@
 #include <deque>
 #include <future>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <utility>
 
@@ -25,8 +24,7 @@ using Calls = std::vector<std::tuple<int, unsigned long, int>>;  // id, length, 
 constexpr auto failed = static_cast<unsigned long>(-1);
 
 // A receiver thread with reads of these sizes, of a stream that counts up from 0; the read after the last times out.
-class Receiver {
-public:
+struct Receiver {
     explicit Receiver(const Sizes& sizes) : reads(sizes) {
         thread.blockSize = 100;
         thread.timeout = 5;
@@ -203,8 +201,7 @@ TEST(SyncDataReceiverThread, WhatAReadBringsAfterTheStopIsDropped) {
 namespace {
 
 // Takes its time before it is ready to read.
-class SlowReceiver : public DataReceiverThread {
-public:
+struct SlowReceiver : DataReceiverThread {
     ~SlowReceiver() override { stop(); }
     void execute() override {
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -219,8 +216,7 @@ public:
 };
 
 // Has four bytes ready at any time.
-class EndlessPoint : public FixedConnectionPoint {
-public:
+struct EndlessPoint : FixedConnectionPoint {
     EndlessPoint() : FixedConnectionPoint("endless", std::make_shared<FixedInterfaceHelper>()) {}
     unsigned long readData(int, unsigned char* data, unsigned long length, int) override {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -352,8 +348,7 @@ TEST(SubDevice, ReceiverThreadEndsInWhateverOrderTheStepsCome) {
 
 // What a run in progress works with must not change under it, whoever sets it up.
 TEST(SubDevice, SetUpOfARunningReceiverEndsItFirst) {
-    class OwnNumbers : public SubDevice {
-    public:
+    struct OwnNumbers : SubDevice {
         void initializeReceiverThread() override {
             startedAtSetUp = receiverThread->getStarted();
             if (!startedAtSetUp) {

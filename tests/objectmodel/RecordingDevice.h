@@ -86,14 +86,12 @@ private:
     std::string id;
 };
 
-class PlainTiming : public DaqTiming {
-public:
+struct PlainTiming : DaqTiming {
     std::int64_t getStartTime() override { return -1; }
     std::int64_t getCurrentTime(bool&, bool&) override { return -1; }
 };
 
-class PlainLoop : public DaqLoop {
-public:
+struct PlainLoop : DaqLoop {
     int checkCycleRate(int requested) const override { return requested; }
     int checkCycleRate(int requested, const std::vector<int>&) const override { return requested; }
     void setCycleFunction(const std::function<void()>&) override {}

@@ -78,8 +78,7 @@ TEST(Interfaces, ScanBuildsOneConnectionPointAPort) {
 
 namespace {
 
-class SpyHelper : public StaticInterfaceHelper {
-public:
+struct SpyHelper : StaticInterfaceHelper {
     SpyHelper() : StaticInterfaceHelper("Spy", {}) {}
     void sendCommand(const std::string& id, int command, const unsigned char*, unsigned long length,
                      unsigned char* answer, unsigned long& answerLength, int timeout) override {
@@ -157,8 +156,7 @@ namespace {
 
 // parent -> child, each with one channel.
 template <class Base>
-class Walk {
-public:
+struct Walk {
     Walk()
         : parent(std::make_shared<Recorded<Base>>(steps, "p")), child(std::make_shared<Recorded<Device>>(steps, "c")) {
         parent->channels.push_back(std::make_shared<RecordedChannel>(steps, 0, "pc"));
@@ -292,8 +290,7 @@ TEST(AIDevice, MakesChannelsWithTheirAmplifiers) {
 }
 
 TEST(AIDevice, TakesOnlyANewClockOfItsList) {
-    class ClockedAI : public AIDevice {
-    public:
+    struct ClockedAI : AIDevice {
         void onBaseClockChanged() override { changes.push_back(baseClock); }
         std::vector<int> changes;
     };

@@ -40,8 +40,7 @@ const std::string ones8 = "FF FF FF FF FF FF FF FF ";
 
 // ---- Requests ------------------------------------------------------------------------------------------------------
 
-class Requests : public testing::Test {
-protected:
+struct Requests : testing::Test {
     Requests() : instrument_(kestrixsim::reset({})) {
         for (const char* argument : {"slave", "restart"}) {
             instrument_.runCommand(std::string("/opt/harvane/scripts/ptp_control.sh ") + argument);
@@ -206,25 +205,21 @@ TEST(Replies, AreTakenApartWithinWhatArrived) {
 TEST(Settings, HaveSectionsRangesAndTypes) {
     const std::unique_ptr<config, decltype(&config_destroy)> settings(config_create(), &config_destroy);
     config* all = settings.get();
-    const struct {
-        const char* name;
-        int usual;
-        int highest;
-    } items[] = {{"verbose", 0, 1},
-                 {"use_syslog", 1, 1},
-                 {"logging_level", 6, 7},
-                 {"domainNumber", 0, 127},
-                 {"transportSpecific", 0, 15}};
-    for (const auto& item : items) {
-        SCOPED_TRACE(item.name);
-        EXPECT_EQ(config_get_int(all, nullptr, item.name), item.usual);
-        EXPECT_EQ(config_set_section_int(all, nullptr, item.name, item.highest + 1), -1);
-        EXPECT_EQ(config_set_section_int(all, nullptr, item.name, -1), -1);
-        EXPECT_EQ(config_get_int(all, "global", item.name), item.usual);
-        EXPECT_EQ(config_set_section_int(all, "eth0", item.name, item.highest), 0);
-        EXPECT_EQ(config_get_int(all, nullptr, item.name), item.usual);
-        EXPECT_EQ(config_get_int(all, "eth0", item.name), item.highest);
-        EXPECT_EQ(config_get_int(all, "eth1", item.name), item.usual);
+    const std::tuple<const char*, int, int> items[] = {{"verbose", 0, 1},
+                                                       {"use_syslog", 1, 1},
+                                                       {"logging_level", 6, 7},
+                                                       {"domainNumber", 0, 127},
+                                                       {"transportSpecific", 0, 15}};
+    for (const auto& [name, usual, highest] : items) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(config_get_int(all, nullptr, name), usual);
+        EXPECT_EQ(config_set_section_int(all, nullptr, name, highest + 1), -1);
+        EXPECT_EQ(config_set_section_int(all, nullptr, name, -1), -1);
+        EXPECT_EQ(config_get_int(all, "global", name), usual);
+        EXPECT_EQ(config_set_section_int(all, "eth0", name, highest), 0);
+        EXPECT_EQ(config_get_int(all, nullptr, name), usual);
+        EXPECT_EQ(config_get_int(all, "eth0", name), highest);
+        EXPECT_EQ(config_get_int(all, "eth1", name), usual);
     }
     EXPECT_STREQ(config_get_string(all, "eth0", "uds_address"), "/var/run/ptp4l");
     EXPECT_DEATH(config_get_int(all, nullptr, "nothing"), "bug: config option nothing missing!");

@@ -62,8 +62,7 @@ std::string told(const PTPApi::Result<T>& result) {
 }
 
 // The daemon of a fresh instrument whose time is moved by hand, as a slave that has settled.
-class Ptp : public testing::Test {
-protected:
+struct Ptp : testing::Test {
     Ptp() : instrument_(reset(scenario(), [this] { return now_.load(); })) {
         script("slave");
         pass(10.0);
@@ -104,19 +103,17 @@ TEST_F(Ptp, RolesTimeAndNetworkMakeTheAnswers) {
                told(api.gm_present());
     };
     EXPECT_EQ(all(), "SLAVE " + own + "-1 " + foreign + " yes");
-    const struct {
-        const char* role;
-        double seconds;  // since the restart
-        const char* state;
-    } steps[] = {{"slave", 0.5, "LISTENING"},         {"slave", 1.5, "UNCALIBRATED"}, {"slave", 3.5, "SLAVE"},
-                 {"master", 0.5, "PRE_MASTER"},       {"master", 1.5, "MASTER"},      {"master pps", 0.5, "PRE_MASTER"},
-                 {"master standalone", 1.5, "MASTER"}};
-    for (const auto& step : steps) {
-        script(step.role);
-        pass(step.seconds);
-        const bool follows = std::string(step.role) == "slave" && step.seconds > 1.0;
-        EXPECT_EQ(all(), std::string(step.state) + " " + own + "-1 " + (follows ? foreign + " yes" : own + " no"))
-            << step.role << " after " << step.seconds << " s";
+    // seconds: since the restart.
+    const std::tuple<const char*, double, const char*> steps[] = {
+        {"slave", 0.5, "LISTENING"},         {"slave", 1.5, "UNCALIBRATED"}, {"slave", 3.5, "SLAVE"},
+        {"master", 0.5, "PRE_MASTER"},       {"master", 1.5, "MASTER"},      {"master pps", 0.5, "PRE_MASTER"},
+        {"master standalone", 1.5, "MASTER"}};
+    for (const auto& [role, seconds, state] : steps) {
+        script(role);
+        pass(seconds);
+        const bool follows = std::string(role) == "slave" && seconds > 1.0;
+        EXPECT_EQ(all(), std::string(state) + " " + own + "-1 " + (follows ? foreign + " yes" : own + " no"))
+            << role << " after " << seconds << " s";
     }
     script("slave");
     pass(10.0);
@@ -147,21 +144,18 @@ TEST(PtpTexts, OfAllNumbers) {
 }
 
 TEST_F(Ptp, WhatIsLoggedStaysWithinTheLevels) {
-    const struct {
-        PTPApi::Config config;
-        const char* printed;
-    } cases[] = {{{1, 9}, "ptp: debug\nptp: error\n"},
-                 {{1, 6}, "ptp: error\n"},
-                 {{1, -1}, ""},
-                 {{0, 7}, ""},
-                 {{-5, 3}, "ptp: error\n"}};
-    for (const auto& each : cases) {
-        PTPApi api(each.config);
+    const std::pair<PTPApi::Config, const char*> cases[] = {{{1, 9}, "ptp: debug\nptp: error\n"},
+                                                            {{1, 6}, "ptp: error\n"},
+                                                            {{1, -1}, ""},
+                                                            {{0, 7}, ""},
+                                                            {{-5, 3}, "ptp: error\n"}};
+    for (const auto& [config, printed] : cases) {
+        PTPApi api(config);
         testing::internal::CaptureStdout();
         Harvane::Ptp::print(8, "nothing");
         Harvane::Ptp::print(7, "debug");
         Harvane::Ptp::print(3, "error");
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), each.printed);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), printed);
     }
 }
 
@@ -215,10 +209,7 @@ TEST_F(Ptp, ADaemonThatStandsStillHoldsNobodyUp) {
 // ---- Faults of the daemon ------------------------------------------------------------------------------------------
 
 TEST_F(Ptp, EachFaultIsOneErrorAndNoMore) {
-    const struct {
-        Fault fault;
-        const char* told;
-    } cases[] = {
+    const std::pair<Fault, const char*> cases[] = {
         {{.kind = FaultKind::PtpLost}, "timeout"},
         {{.kind = FaultKind::PtpGarbled}, "parse_error"},
         {{.kind = FaultKind::PtpWrongId}, "parse_error"},
@@ -230,13 +221,13 @@ TEST_F(Ptp, EachFaultIsOneErrorAndNoMore) {
         {{.kind = FaultKind::PtpBadVersion, .code = 3}, "parse_error"},
     };
     PTPApi api({});
-    for (const auto& each : cases) {
-        SCOPED_TRACE(testing::Message() << static_cast<int>(each.fault.kind) << " " << each.fault.code);
-        instrument_.inject(each.fault);
-        EXPECT_EQ(told(api.port_state()), each.told);
+    for (const auto& [fault, words] : cases) {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(fault.kind) << " " << fault.code);
+        instrument_.inject(fault);
+        EXPECT_EQ(told(api.port_state()), words);
         EXPECT_EQ(told(api.gm_identity()), "021122.33ff.fe4455");
-        instrument_.inject(each.fault);
-        EXPECT_EQ(told(api.gm_identity()), each.told);
+        instrument_.inject(fault);
+        EXPECT_EQ(told(api.gm_identity()), words);
         EXPECT_EQ(told(api.port_state()), "SLAVE");
         instrument_.clearFaults();
     }

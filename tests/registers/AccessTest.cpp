@@ -10,8 +10,6 @@
 #include <cstdarg>
 #include <exception>
 #include <functional>
-#include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -68,8 +66,7 @@ Bytes takeFrom(int pipe) {
 }
 
 // A pipe gives back what was written to it, in order.
-class Pipe : public testing::Test {
-protected:
+struct Pipe : testing::Test {
     Pipe() {
         std::array<int, 2> ends{};
         EXPECT_EQ(::pipe2(ends.data(), O_NONBLOCK), 0);

@@ -2,8 +2,6 @@
 
 #include <chrono>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
 #include "shared/libraries/kestrix/src/registers/PllControlRegister.h"
@@ -80,18 +78,16 @@ TEST(Eeprom, takesTenMillisecondsForEachByte) {
 }
 
 TEST(Tmp100, temperatureOfTheSensorsWord) {
-    struct {
-        unsigned int word;  // first byte on the bus high
-        float celsius;
-    } const cases[] = {
+    // word: first byte on the bus high.
+    const std::pair<unsigned int, float> cases[] = {
         {0x0000, 0.0f},   {0x0010, 0.0625f},    {0x7FF0, 127.9375f}, {0xFF00, -1.0f}, {0xFFF0, -0.0625f},
         {0xC900, -55.0f}, {0x8010, -127.9375f}, {0x8000, 128.0f},  // beyond the sensor; stays as it is
     };
     const auto access = std::make_shared<FakeAccess>();
     Tmp100Register sensor(access, 0x48, true, true);
-    for (const auto& entry : cases) {
-        access->setCell(0x48, {static_cast<unsigned char>(entry.word >> 8), static_cast<unsigned char>(entry.word)});
-        EXPECT_EQ(sensor.getTemperature(), entry.celsius) << std::hex << entry.word;
+    for (const auto& [word, celsius] : cases) {
+        access->setCell(0x48, {static_cast<unsigned char>(word >> 8), static_cast<unsigned char>(word)});
+        EXPECT_EQ(sensor.getTemperature(), celsius) << std::hex << word;
     }
 }
 

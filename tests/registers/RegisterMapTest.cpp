@@ -3,7 +3,6 @@
 #include <bit>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "libraries/utils/StringHelper.h"
 #include "shared/libraries/kestrix/src/registers/AdcControlRegister.h"

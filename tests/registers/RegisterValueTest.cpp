@@ -18,33 +18,24 @@ using Accesses = std::vector<FakeAccess::Access>;
 using Bytes = std::vector<unsigned char>;
 
 template <typename T>
-class Block final : public RegisterDevice<T> {
-public:
+struct Block final : RegisterDevice<T> {
     Block(bool endianness, bool isRegisterValueType, std::shared_ptr<IRegisterAccess> access)
         : RegisterDevice<T>(0x100, endianness, isRegisterValueType, std::move(access)) {}
 };
 
-class WordField : public testing::Test {
-protected:
+struct WordField : testing::Test {
     std::shared_ptr<FakeAccess> access = std::make_shared<FakeAccess>();
     Block<unsigned int> block{true, false, access};
 };
 
-class ByteField : public testing::Test {
-protected:
+struct ByteField : testing::Test {
     std::shared_ptr<FakeAccess> access = std::make_shared<FakeAccess>();
     Block<unsigned char> block{false, false, access};
 };
 
 TEST_F(WordField, writeChangesItsBitsAndNoOthers) {
-    struct {
-        uint64_t bit;
-        uint64_t bits;
-        uint32_t value;
-        uint32_t before;
-        uint32_t after;
-        size_t reads;  // one for each end that lies inside the word
-    } const cases[] = {
+    // reads: one for each end that lies inside the word.
+    const std::tuple<uint64_t, uint64_t, uint32_t, uint32_t, uint32_t, size_t> cases[] = {
         {0, 32, 0x12345678, 0xFFFFFFFF, 0x12345678, 0},
         {31, 1, 1, 0xFFFFFFFE, 0xFFFFFFFF, 1},
         {31, 1, 0, 0xFFFFFFFF, 0xFFFFFFFE, 1},
@@ -58,20 +49,20 @@ TEST_F(WordField, writeChangesItsBitsAndNoOthers) {
         {16, 16, 0xBEEF, 0xFFFF0000, 0xFFFFBEEF, 1},
         {1, 31, 0x7FFFFFFF, 0x00000000, 0x7FFFFFFF, 1},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(std::to_string(entry.bit) + " " + std::to_string(entry.bits));
-        RegisterValue<unsigned int> field(&block, 8, entry.bit, entry.bits, "", false);
-        access->setWord(0x108, entry.before);
+    for (const auto& [bit, bits, value, before, after, reads] : cases) {
+        SCOPED_TRACE(std::to_string(bit) + " " + std::to_string(bits));
+        RegisterValue<unsigned int> field(&block, 8, bit, bits, "", false);
+        access->setWord(0x108, before);
         access->accesses.clear();
-        field.write(entry.value);
-        EXPECT_EQ(access->word(0x108), entry.after);
-        Accesses expected(entry.reads, {false, 0x108, 4});
+        field.write(value);
+        EXPECT_EQ(access->word(0x108), after);
+        Accesses expected(reads, {false, 0x108, 4});
         expected.push_back({true, 0x108, 4});
         EXPECT_EQ(access->accesses, expected);
-        const auto mask = static_cast<uint32_t>((1ull << entry.bits) - 1);
-        EXPECT_EQ(field.read(), entry.value & mask);
-        access->setWord(0x108, ~entry.after);
-        EXPECT_EQ(field.read(), ~entry.value & mask);
+        const auto mask = static_cast<uint32_t>((1ull << bits) - 1);
+        EXPECT_EQ(field.read(), value & mask);
+        access->setWord(0x108, ~after);
+        EXPECT_EQ(field.read(), ~value & mask);
         block.getRegisters().clear();
     }
 }
@@ -90,22 +81,16 @@ TEST_F(WordField, constructionIsRefusedInTheOrderOfTheChecks) {
     EXPECT_EQ(failureOf([&] { RegisterValue<bool>(nullptr, 0, 0, 0, "", false); }), "Wrong bit(s) size");
     EXPECT_EQ(failureOf([&] { RegisterValue<unsigned char>(&block, 4, 8, 9, "", false); }), "Wrong bit(s) size");
     EXPECT_EQ(failureOf([&] { RegisterValue<bool>(nullptr, 4, 8, 1, "", false); }), "Device is not assiged");
-    struct {
-        uint64_t address;
-        uint64_t bit;
-        uint64_t bits;
-        bool overlaps;
-    } const cases[] = {
+    const std::tuple<uint64_t, uint64_t, uint64_t, bool> cases[] = {
         {4, 8, 8, true},   {4, 15, 8, true}, {4, 1, 8, true},  {4, 4, 16, true}, {4, 10, 2, true},
         {4, 16, 8, false}, {4, 0, 8, false}, {0, 8, 8, false}, {8, 8, 8, false},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.bit);
-        EXPECT_EQ(failureOf([&] {
-                      RegisterValue<unsigned short>(&block, entry.address, entry.bit, entry.bits, "", false);
-                      block.getRegisters().pop_back();
-                  }),
-                  entry.overlaps ? "Overlapping register value" : "no failure");
+    for (const auto& [address, bit, bits, overlaps] : cases) {
+        const auto make = [&, at = address, first = bit, count = bits] {
+            const RegisterValue<unsigned short> value(&block, at, first, count, "", false);
+            block.getRegisters().pop_back();
+        };
+        EXPECT_EQ(failureOf(make), overlaps ? "Overlapping register value" : "no failure") << bit;
     }
     EXPECT_EQ(block.getRegisters(), std::vector<IRegisterValue*>{&first});
     EXPECT_EQ(block.FindRegisterValueInRange(4, 15, 1), &first);
@@ -183,25 +168,20 @@ TEST(ValueTypeBlock, wordsHaveTheSizeOfTheValue) {
 
 // Without value-type words the block's own word is swapped, with them what was asked for; odd sizes are left alone.
 TEST(Endianness, swapsSoManyBytesOfAnAccess) {
-    struct {
-        bool endianness;
-        bool isRegisterValueType;
-        size_t size;
-        size_t swapped;
-    } const cases[] = {
+    const std::tuple<bool, bool, size_t, size_t> cases[] = {
         {true, false, 8, 2}, {true, false, 2, 2}, {true, true, 2, 2},  {true, true, 3, 0},
         {true, true, 4, 4},  {true, true, 8, 8},  {false, true, 8, 0},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.size);
+    for (const auto& [endianness, isRegisterValueType, size, swapped] : cases) {
+        SCOPED_TRACE(size);
         auto access = std::make_shared<FakeAccess>();
-        Block<unsigned short> block(entry.endianness, entry.isRegisterValueType, access);
+        Block<unsigned short> block(endianness, isRegisterValueType, access);
         Bytes data{1, 2, 3, 4, 5, 6, 7, 8};
         Bytes expected = data;
-        std::reverse(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(entry.swapped));
-        block.write(0, data.data(), entry.size);
-        expected.resize(entry.size);
-        EXPECT_EQ(access->cell(0x100, entry.size), expected);
+        std::reverse(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(swapped));
+        block.write(0, data.data(), size);
+        expected.resize(size);
+        EXPECT_EQ(access->cell(0x100, size), expected);
     }
 }
 

@@ -1,5 +1,3 @@
-#include <functional>
-
 #include "modules/daq/objectmodel/AOChannel.h"
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "tests/seams/Station.h"
@@ -14,8 +12,7 @@ constexpr uint64_t triggerWord = 0xA0200004;
 
 // ---- Steps ----
 
-class PhaseTest : public testing::Test, protected Station {
-protected:
+struct PhaseTest : testing::Test, protected Station {
     PhaseTest() : Station(slots(1)) {}
 
     // From any phase but Empty; Scanned is behind once anything was prepared.
@@ -100,8 +97,7 @@ TEST_F(PhaseTest, RefusedAddKeepsTheTree) {
 
 // ---- What runs is what is shown ----
 
-class SeamTest : public testing::Test, protected Station {
-protected:
+struct SeamTest : testing::Test, protected Station {
     SeamTest() {
         EXPECT_EQ(add(), "");
         use({raw(1), filtered(1), filtered(2)});
@@ -114,11 +110,8 @@ protected:
 
 TEST_F(SeamTest, AChangeBetweenBeforeStartAndStartCounts) {
     const Ratio slow{10000, 1};
-    struct {
-        const char* what;
-        std::function<std::string()> make;
-        bool fitsOldRings;  // no used channel gets faster, and the host takes none in or out
-    } const changes[] = {
+    // fitsOldRings: no used channel gets faster, and the host takes none in or out.
+    const std::tuple<const char*, std::function<std::string()>, bool> changes[] = {
         {"slower system", [&] { return askFor(dataModule, 10000); }, true},
         {"faster system", [&] { return askFor(dataModule, 40000); }, false},
         {"device", [&] { return askFor(device(), 20000); }, true},
@@ -132,13 +125,13 @@ TEST_F(SeamTest, AChangeBetweenBeforeStartAndStartCounts) {
         {"clock", [&] { return asUser(device(), "BaseClock", 1); }, true},
         {"rate of the new clock", [&] { return askFor(dataModule, 16000); }, false},
     };
-    for (const auto& change : changes) {
-        SCOPED_TRACE(change.what);
+    for (const auto& [what, make, fitsOldRings] : changes) {
+        SCOPED_TRACE(what);
         EXPECT_EQ(beforeStart(), "");
         EXPECT_EQ(phase(), Phase::Initialised);
-        EXPECT_EQ(change.make(), "");
+        EXPECT_EQ(make(), "");
         EXPECT_EQ(phase(), Phase::Prepared);
-        EXPECT_EQ(start(change.fitsOldRings ? Rings::Old : Rings::New), "");
+        EXPECT_EQ(start(fitsOldRings ? Rings::Old : Rings::New), "");
         EXPECT_TRUE(deliversWhatItShows(1.5));
         EXPECT_EQ(stop(), "");
     }
@@ -269,10 +262,8 @@ TEST_F(SeamTest, ARunUsesTheOptionThatWasApplied) {
 
 // ---- Devices that the instrument hasn't got ----
 
-class OtherParts : public TestDevice {
-public:
-    class Parts : public SubDevice {
-    public:
+struct OtherParts : TestDevice {
+    struct Parts : SubDevice {
         Parts() {
             auto output = std::make_shared<AOChannel>(0);
             output->name = "Out";
@@ -294,8 +285,7 @@ public:
     int applications = 0;
 };
 
-class OtherPartsTest : public testing::Test, protected ModuleInHost {
-protected:
+struct OtherPartsTest : testing::Test, protected ModuleInHost {
     OtherPartsTest() {
         devicesToFind()["ID_10"] = device;
         EXPECT_EQ(add(), "");
@@ -308,10 +298,7 @@ protected:
 };
 
 TEST_F(OtherPartsTest, SettingsOfPortsAndRoutesTakeThePreparationBack) {
-    struct {
-        const char* what;
-        std::function<std::string()> make;
-    } const changes[] = {
+    const std::pair<const char*, std::function<std::string()>> changes[] = {
         {"baud rate", [&] { return asUser(channel("CAN"), "BaudRate", 250000); }},
         {"mode of the port", [&] { return asUser(channel("CAN"), "OperationMode", "ReadWriteAcq"); }},
         {"route", [&] { return asUser(routeOf("Out"), "Enabled", true); }},
@@ -319,11 +306,11 @@ TEST_F(OtherPartsTest, SettingsOfPortsAndRoutesTakeThePreparationBack) {
         {"another route", [&] { return asHost(channel("Out"), "RTC", routeOf("CAN")); }},
     };
     EXPECT_EQ(initialize(), "");
-    for (const auto& change : changes) {
+    for (const auto& [what, make] : changes) {
         EXPECT_EQ(beforeStart(), "");
         EXPECT_EQ(phase(), Phase::Initialised);
-        EXPECT_EQ(change.make(), "") << change.what;
-        EXPECT_EQ(phase(), Phase::Prepared) << change.what;
+        EXPECT_EQ(make(), "") << what;
+        EXPECT_EQ(phase(), Phase::Prepared) << what;
     }
 }
 

@@ -7,9 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,8 +17,6 @@
 #include <zorn/types/object_impl.h>
 
 #include "modules/daq/bridge/DaqStructure.h"
-#include "modules/daq/objectmodel/Channel.h"
-#include "modules/daq/objectmodel/DaqDevice.h"
 #include "tests/seams/Station.h"
 
 using namespace Harvane::RT::Core;
@@ -101,20 +97,18 @@ private:
     }
 
     void move() {
-        static constexpr struct {
-            int weight;
-            void (Walk::*make)();
-        } moves[] = {{40, &Walk::step}, {12, &Walk::cycles}, {12, &Walk::rate},       {6, &Walk::use},
-                     {2, &Walk::clock}, {6, &Walk::option},  {5, &Walk::amplifier},   {3, &Walk::usb},
-                     {5, &Walk::any},   {10, &Walk::fault},  {6, &Walk::clearFaults}, {4, &Walk::otherCall},
-                     {2, &Walk::pause}};
+        // Behind a step of any kind come those that need a tree.
+        static constexpr std::tuple<int, void (Walk::*)(), bool> moves[] = {
+            {40, &Walk::step, false},    {12, &Walk::cycles, false},     {12, &Walk::rate, true},
+            {6, &Walk::use, true},       {2, &Walk::clock, true},        {6, &Walk::option, true},
+            {5, &Walk::amplifier, true}, {3, &Walk::usb, true},          {5, &Walk::any, true},
+            {10, &Walk::fault, false},   {6, &Walk::clearFaults, false}, {4, &Walk::otherCall, false},
+            {2, &Walk::pause, false}};
         int place = below(113);
-        for (const auto& each : moves) {
-            place -= each.weight;
-            if (place < 0) {
-                (this->*each.make)();
-                return;
-            }
+        const auto chosen =
+            std::ranges::find_if(moves, [&](const auto& each) { return (place -= std::get<0>(each)) < 0; });
+        if (const auto& [weight, make, needsTree] = *chosen; !needsTree || hasTree()) {
+            (this->*make)();
         }
     }
 
@@ -189,14 +183,10 @@ private:
         return chance(50) ? station_->raw(slot) : station_->filtered(slot);
     }
     GenericPropertyObjectPtr anyObject() {
-        switch (below(4)) {
-            case 0:
-                return station_->dataModule.asPtr<IPropertyObject>();
-            case 1:
-                return station_->device().asPtr<IPropertyObject>();
-            default:
-                return anyChannel().asPtr<IPropertyObject>();
-        }
+        const int which = below(4);
+        return which == 0   ? station_->dataModule.asPtr<IPropertyObject>()
+               : which == 1 ? station_->device().asPtr<IPropertyObject>()
+                            : anyChannel().asPtr<IPropertyObject>();
     }
     template <class T>
     void edit(const GenericPropertyObjectPtr& object, const std::string& name, const T& value, int userPercent = 70) {
@@ -210,9 +200,6 @@ private:
     }
 
     void rate() {
-        if (!hasTree()) {
-            return;
-        }
         if (chance(10)) {
             tell("clears SampleRate");
             failure([&] { station_->dataModule.clearProperty("SampleRate"); });
@@ -221,28 +208,15 @@ private:
         edit(anyObject(), "SampleRate",
              Ratio{oneOf({0, 7, 100, 142, 150, 333, 1000, 1001, 4834, 5000, 16000, 20000, 46875, 48000, 100000}), 1});
     }
-    void use() {
-        if (hasTree()) {
-            edit(anyChannel().asPtr<IPropertyObject>(), "Used", chance(60));
-        }
-    }
-    void clock() {
-        if (hasTree()) {
-            edit(station_->device().asPtr<IPropertyObject>(), "BaseClock", oneOf({0, 1, 1, 7}));
-        }
-    }
+    void use() { edit(anyChannel().asPtr<IPropertyObject>(), "Used", chance(60)); }
+    void clock() { edit(station_->device().asPtr<IPropertyObject>(), "BaseClock", oneOf({0, 1, 1, 7})); }
     void option() {
-        if (hasTree()) {
-            const int mode = oneOf({1, 1, 1, 14, 12, 6, 2});
-            const std::vector<int> sources = chance(30) ? std::vector<int>{14} : std::vector<int>{};
-            const std::string words = station_->choose(mode, sources);
-            tell("chooses " + station_->chosen() + (words.empty() ? "" : ": " + words));
-        }
+        const int mode = oneOf({1, 1, 1, 14, 12, 6, 2});
+        const std::vector<int> sources = chance(30) ? std::vector<int>{14} : std::vector<int>{};
+        const std::string words = station_->choose(mode, sources);
+        tell("chooses " + station_->chosen() + (words.empty() ? "" : ": " + words));
     }
     void amplifier() {
-        if (!hasTree()) {
-            return;
-        }
         const auto channel = station_->raw(1 + below(slots_));
         if (chance(20)) {
             tell("UpdateAmplifier");
@@ -255,31 +229,19 @@ private:
              below(4), 100);
     }
     void usb() {
-        if (hasTree()) {
-            const char* mode = oneOf({"On", "Off"});
-            tell(std::string("USB mode ") + mode + ": " + station_->ioctl(1, mode));
-        }
+        const char* mode = oneOf({"On", "Off"});
+        tell(std::string("USB mode ") + mode + ": " + station_->ioctl(1, mode));
     }
     void any() {
-        if (!hasTree()) {
-            return;
-        }
         const auto object = anyObject();
         const std::string name = oneOf(object.enumProperties()).getName().toStdString();
         // What the host alone reckons the rings' length by, what takes seconds, and what these tests look for.
         if (name == "BufferSizeIsMultipleOf" || name == "BaseClock" || name == "Name") {
             return;
         }
-        switch (below(4)) {
-            case 0:
-                return edit(object, name, below(3), 100);
-            case 1:
-                return edit(object, name, chance(50), 100);
-            case 2:
-                return edit(object, name, Ratio{int64_t{1000} * (1 + below(5)), 1}, 100);
-            default:
-                return edit(object, name, "word", 100);
-        }
+        const BasePtr values[] = {toValue(below(3)), toValue(chance(50)),
+                                  toValue(Ratio{int64_t{1000} * (1 + below(5)), 1}), toValue("word")};
+        edit(object, name, values[below(4)], 100);
     }
 
     // ---- Faults ----
@@ -302,19 +264,14 @@ private:
                                    TimingRead,   TimingSilent,    TimingShortRead,
                                    SyncHeld,     OscillatorSilent});
         fault.target = fault.kind == AmplifierSilent ? below(slots_) : oneOf({-1, below(2 * slots_)});
-        if (fault.kind == DmaIoctl) {
-            fault.code = requests[below(std::size(requests))];
-        } else if (fault.kind == DmaShortRead) {
-            fault.code = below(2);
-        } else if (fault.kind == ClearLate) {
-            fault.code = 50;
-        } else if (fault.kind == TimingRead) {
-            fault.code = oneOf({0, ENODEV});
-        } else if (fault.kind == MemMap) {
-            // Of one block as a rule: the timing core's is read all the time and would take every fault of any.
-            constexpr uint32_t blocks[] = {0xA0000000, 0xA0010000, 0xA0200000, 0xA6000000, 0xB0000000, 0xA3000000, 0};
-            fault.code = static_cast<int>(blocks[below(std::size(blocks))]);
-        }
+        // A map's fault is of one block as a rule: the timing core's is read all the time and would take any.
+        constexpr uint32_t blocks[] = {0xA0000000, 0xA0010000, 0xA0200000, 0xA6000000, 0xB0000000, 0xA3000000, 0};
+        fault.code = fault.kind == DmaIoctl       ? requests[below(std::size(requests))]
+                     : fault.kind == DmaShortRead ? below(2)
+                     : fault.kind == ClearLate    ? 50
+                     : fault.kind == TimingRead   ? oneOf({0, ENODEV})
+                     : fault.kind == MemMap       ? static_cast<int>(blocks[below(std::size(blocks))])
+                                                  : 0;
         fault.afterCount = static_cast<uint64_t>(fault.kind == MemMap ? below(400) : below(6));
         fault.times = slow ? 1 : oneOf({1, 1, 2, 5, -1});
         tell("fault " + std::to_string(static_cast<int>(fault.kind)) + " at " + std::to_string(fault.target) +

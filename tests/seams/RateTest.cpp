@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "tests/seams/Station.h"
 
 using namespace Harvane::RT::Core;
@@ -8,8 +6,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
 
-class SeamRateTest : public testing::Test, protected Station {
-protected:
+struct SeamRateTest : testing::Test, protected Station {
     SeamRateTest() : Station(board()) { EXPECT_EQ(add(), ""); }
     // Its modules are always on: a change of the clock doesn't wait for their supply.
     static kestrixsim::Scenario board() {
@@ -80,6 +77,20 @@ TEST_F(SeamRateTest, InitializeTellsTheDelayOfTheRateInForce) {
         EXPECT_EQ(initialize(), "");
         EXPECT_EQ(filtered(1).getPropertyValue<int>("PhaseDelay"), delay) << rate;
     }
+}
+
+// A clock that can't be had is told and not shown; asked for again it comes.
+TEST_F(SeamRateTest, ARefusedClockCanBeAskedForAgain) {
+    for (const bool refused : {true, false}) {
+        if (refused) {
+            inject({.kind = FaultKind::ScriptRefuses});
+        }
+        log.take();
+        asUser(device(), "BaseClock", 1);
+        EXPECT_EQ(device().getPropertyValue<int>("BaseClock"), refused ? 0 : 1);
+        EXPECT_EQ(log.take().size(), refused ? 1u : 0u);
+    }
+    EXPECT_TRUE(goodRun());
 }
 
 // A host of another make, whose tree doesn't know of setups that are being loaded.

@@ -1,16 +1,11 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <ostream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "modules/daq/controller/AcquisitionPhase.h"
 #include "modules/daq/module/DaqModuleImpl.h"
@@ -30,8 +25,7 @@ using Core::Testing::failure;
 using kestrixsim::FaultKind;
 using Phase = AcquisitionPhase;
 
-class OpenModule : public DaqModuleImpl {
-public:
+struct OpenModule : DaqModuleImpl {
     using DaqModuleImpl::daqController;
     using DaqModuleImpl::daqStructure;
     using DaqModuleImpl::dataModule;
@@ -39,7 +33,7 @@ public:
 
 // The module object in a host's tree, driven through its interfaces only, as a host drives it. What a step answers is
 // "" or the code and the text of its failure, as in "80000029 The acquisition is running".
-class ModuleInHost {
+class ModuleInHost : public HostData {
 public:
     ModuleInHost();
     ~ModuleInHost();
@@ -52,7 +46,7 @@ public:
     std::string take(Step step);
 
     std::string add() { return addTo(dataModule); }
-    std::string addTo(const Core::DataModulePtr& place);
+    std::string addTo(const Core::DataModulePtr& place) const;
     std::string configure();
     std::string initialize();
     // A host reserves its rings anew for both, unless it takes the module to be running. Old ones are those of some
@@ -71,8 +65,7 @@ public:
 
     void use(const std::vector<Core::ChannelPtr<>>& wanted) const;
     std::vector<Core::ChannelPtr<>> channels() const;
-    Core::ChannelPtr<> channel(const std::string& name) const;  // the first one of that name
-    Core::ChannelFolderPtr device() const;                      // the first one's folder
+    Core::ChannelFolderPtr device() const;  // the first one's folder
 
     // A synchronisation option: chosen for the next configuration, and in force. Shown as "[1, [14]]".
     std::string choose(int mode, const std::vector<int>& sources = {}) const;
@@ -80,14 +73,8 @@ public:
     std::string applied() const { return textOf(dataModule.getPropertyValue("AppliedSynchronization")); }
     std::string ioctl(int command, const char* argument) const;
 
-    const Core::DataPtr data;
-    const Core::DataModulePtr dataModule;
-    const Core::AcquisitionSyncPtr sync;
-    LogCapture log;
     OpenModule* impl;
     Core::ObjectPtr<Core::IModule> module;
-    Core::ObjectPtr<Core::IClockProvider> clock;      // from the last configure on
-    Core::ObjectPtr<Core::IAbsTimeProvider> absTime;  // the same; empty without a timing device
 
 private:
     bool running_ = false;  // as the host sees it

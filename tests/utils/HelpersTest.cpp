@@ -21,29 +21,6 @@ TEST(StringHelper, formatGrowsUntilTheTextFits) {
     }
 }
 
-TEST(StringHelper, caseIsMappedForLettersOnly) {
-    EXPECT_EQ(StringHelper::toUppercase("aZ9_\xE4"), "AZ9_\xE4");
-    EXPECT_EQ(StringHelper::toLowercase("aZ9_\xC4"), "az9_\xC4");
-    EXPECT_TRUE(StringHelper::areSame("Pps", "pPS"));
-    EXPECT_FALSE(StringHelper::areSame("Pps", "Pps "));
-}
-
-TEST(StringHelper, replaceAll) {
-    EXPECT_EQ(StringHelper::replaceAll("a.b.c", ".", "::"), "a::b::c");
-    EXPECT_EQ(StringHelper::replaceAll("aaa", "aa", "b"), "ba");
-    EXPECT_EQ(StringHelper::replaceAll("a", "a", "aa"), "aa");  // what was inserted is not searched again
-    EXPECT_EQ(StringHelper::replaceAll("abc", "", "x"), "abc");
-    EXPECT_EQ(StringHelper::replaceAll("abc", "c", ""), "ab");
-}
-
-TEST(StringHelper, trim) {
-    EXPECT_EQ(StringHelper::lTrim(" \t a b \r\n"), "a b \r\n");
-    EXPECT_EQ(StringHelper::rTrim(" \t a b \r\n"), " \t a b");
-    EXPECT_EQ(StringHelper::trim(" \t a b \r\n"), "a b");
-    EXPECT_EQ(StringHelper::trim(" \n\t"), "");
-    EXPECT_EQ(StringHelper::trim("ab"), "ab");
-}
-
 TEST(StringHelper, tokenize) {
     EXPECT_EQ(StringHelper::tokenize("a;b;c", ';'), (Strings{"a", "b", "c"}));
     EXPECT_EQ(StringHelper::tokenize(";a;;b", ';'), (Strings{"", "a", "", "b"}));
@@ -52,9 +29,27 @@ TEST(StringHelper, tokenize) {
     EXPECT_EQ(StringHelper::tokenize("", ';'), Strings{});
 }
 
-TEST(StringHelper, serialNumberShowsSixteenDigits) {
-    EXPECT_EQ(StringHelper::serialNumberToStr(0x2A), "000000000000002A");
-    EXPECT_EQ(StringHelper::serialNumberToStr(0xFEDCBA9876543210), "FEDCBA9876543210");
+TEST(StringHelper, changesTexts) {
+    const std::pair<std::string, const char*> cases[] = {
+        {StringHelper::toUppercase("aZ9_\xE4"), "AZ9_\xE4"},  // letters only
+        {StringHelper::toLowercase("aZ9_\xC4"), "az9_\xC4"},
+        {StringHelper::replaceAll("a.b.c", ".", "::"), "a::b::c"},
+        {StringHelper::replaceAll("aaa", "aa", "b"), "ba"},
+        {StringHelper::replaceAll("a", "a", "aa"), "aa"},  // what was inserted is not searched again
+        {StringHelper::replaceAll("abc", "", "x"), "abc"},
+        {StringHelper::replaceAll("abc", "c", ""), "ab"},
+        {StringHelper::lTrim(" \t a b \r\n"), "a b \r\n"},
+        {StringHelper::rTrim(" \t a b \r\n"), " \t a b"},
+        {StringHelper::trim(" \t a b \r\n"), "a b"},
+        {StringHelper::trim(" \n\t"), ""},
+        {StringHelper::serialNumberToStr(0x2A), "000000000000002A"},
+        {StringHelper::serialNumberToStr(0xFEDCBA9876543210), "FEDCBA9876543210"},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(text, expected);
+    }
+    EXPECT_TRUE(StringHelper::areSame("Pps", "pPS"));
+    EXPECT_FALSE(StringHelper::areSame("Pps", "Pps "));
 }
 
 TEST(Timer, countsSecondsFromTheLastReset) {

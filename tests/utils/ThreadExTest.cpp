@@ -33,8 +33,7 @@ void runUntilTerminated(FunctionThread& thread) {
     }
 }
 
-class Collector : public ThreadExceptionAdapter {
-public:
+struct Collector : ThreadExceptionAdapter {
     void handleException(const std::string& text) override {
         texts.push_back(text);
         if (failItself) {
@@ -90,8 +89,7 @@ TEST(ThreadEx, secondStartIsRefusedUntilTheThreadIsJoined) {
 }
 
 // What the process's reporter hears while this lives, as "thread: text".
-class Reports {
-public:
+struct Reports {
     explicit Reports(bool failItself = false) {
         ThreadEx::setReporter([this, failItself](const char* thread, const std::string& text) {
             texts.push_back(std::string(thread) + ": " + text);

@@ -56,30 +56,26 @@ private:
 };
 
 TEST(TimerThread, firstAndLaterCallsComeOnePeriodApart) {
-    struct {
-        int delayMs;
-        std::chrono::milliseconds period;
-        bool setLater;
-    } const cases[] = {
+    const std::tuple<int, std::chrono::milliseconds, bool> cases[] = {
         // -1 stands for the interval of 20 ms; no period is below 1 ms.
         {-1, 20ms, false}, {40, 40ms, false}, {0, 1ms, false}, {-7, 1ms, false},
         {-1, 20ms, true},  {40, 40ms, true},  {0, 1ms, true},  {-7, 1ms, true},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(std::to_string(entry.delayMs) + (entry.setLater ? " set later" : ""));
+    for (const auto& [delayMs, period, setLater] : cases) {
+        SCOPED_TRACE(std::to_string(delayMs) + (setLater ? " set later" : ""));
         Calls calls;
-        TimerThread timer(20, calls.callback(), entry.setLater ? farOffMs : entry.delayMs, TimerMode::FromCallbackEnd);
-        if (entry.setLater) {
-            timer.setDelayMs(entry.delayMs);
+        TimerThread timer(20, calls.callback(), setLater ? farOffMs : delayMs, TimerMode::FromCallbackEnd);
+        if (setLater) {
+            timer.setDelayMs(delayMs);
         }
         EXPECT_EQ(timer.getIntervalMs(), 20);
-        EXPECT_EQ(timer.getDelayMs(), entry.delayMs == -1 ? 20 : entry.delayMs);
+        EXPECT_EQ(timer.getDelayMs(), delayMs == -1 ? 20 : delayMs);
         const auto started = Clock::now();
         timer.start();
         const auto spans = calls.await(3);
-        EXPECT_GE(spans[0].begin - started, entry.period);
-        EXPECT_GE(spans[1].begin - spans[0].end, entry.period);
-        EXPECT_GE(spans[2].begin - spans[1].end, entry.period);
+        EXPECT_GE(spans[0].begin - started, period);
+        EXPECT_GE(spans[1].begin - spans[0].end, period);
+        EXPECT_GE(spans[2].begin - spans[1].end, period);
     }
 }
 
@@ -174,8 +170,7 @@ TEST(TimerThread, stopWaitsForTheCallbackInProgress) {
 
 TEST(TimerThread, failingCallbackIsToldByItsChangesAndTheTimerGoesOn) {
     using Texts = std::vector<std::string>;
-    class Collector : public ThreadExceptionAdapter {
-    public:
+    struct Collector : ThreadExceptionAdapter {
         void handleException(const std::string& text) override { texts.push_back(text); }
         Texts texts;
     };
@@ -217,30 +212,27 @@ TEST(TimerThread, failingCallbackIsToldByItsChangesAndTheTimerGoesOn) {
 
 // A fault that comes and goes, or whose text never stays the same, must not fill the log in a recording of days.
 TEST(FaultReport, changesAreToldTenTimesInTenMinutesAndThenHowThingsStand) {
-    struct {
-        const char* what;
-        std::function<std::string(int)> failure;  // of try n, one every 10 ms
-        const char* last;                         // when from try 50000 on nothing changes
-    } const cases[] = {
+    // failure: of try n, one every 10 ms; last: when from try 50000 on nothing changes.
+    const std::tuple<const char*, std::function<std::string(int)>, const char*> cases[] = {
         {"comes and goes", [](int n) { return std::string(n % 3 == 0   ? "a"
                                                           : n % 3 == 1 ? "b"
                                                                        : ""); },
          "it works again after 33328 failures"},
         {"never the same", [](int n) { return std::to_string(n); }, "it failed: 50000 (60001 failures so far)"},
     };
-    for (const auto& entry : cases) {
-        SCOPED_TRACE(entry.what);
+    for (const auto& [what, failure, last] : cases) {
+        SCOPED_TRACE(what);
         Harvane::Utils::FaultReport faults("it");
         std::vector<std::string> texts;
         const Harvane::Utils::FaultReport::Clock::time_point start{1h};
         for (int n = 0; n < 200000; ++n) {
-            const auto text = faults.after(entry.failure(std::min(n, 50000)), start + n * 10ms);
+            const auto text = faults.after(failure(std::min(n, 50000)), start + n * 10ms);
             if (!text.empty()) {
                 texts.push_back(text);
             }
         }
         EXPECT_EQ(texts.size(), 11u);
-        EXPECT_EQ(texts.back(), entry.last);
+        EXPECT_EQ(texts.back(), last);
     }
 }
 

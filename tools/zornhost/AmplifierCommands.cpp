@@ -33,10 +33,6 @@ bool endsWithPath(const std::string& path, const std::string& end) {
     return path == end || path.ends_with("/" + end);
 }
 
-bool hasHardware(const ChannelPtr<>& channel) {
-    return !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
-}
-
 // A function or procedure that the module has filled; empty when the definition only declares it or doesn't know it.
 template <class I>
 ObjectPtr<I> slot(const ChannelPtr<>& channel, const char* name) {

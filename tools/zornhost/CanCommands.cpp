@@ -13,6 +13,7 @@
 
 #include "tools/zornhost/CanExport.h"
 #include "tools/zornhost/CanPorts.h"
+#include "tools/zornhost/Elapsed.h"
 #include "tools/zornhost/Interrupt.h"
 #include "tools/zornhost/PositiveSeconds.h"
 
@@ -27,10 +28,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int pollMs = 20;
 constexpr auto sendingTime = std::chrono::milliseconds(200);  // from the last message handed over to its port's verdict
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 std::string describe(const CanCount& count) {
     return fmt::format("{} {}", count.value, count.text);

@@ -11,7 +11,8 @@
 
 #include "tools/zornhost/ClockPlot.h"
 #include "tools/zornhost/ClockWatch.h"
-#include "tools/zornhost/InstrumentSocket.h"
+#include "tools/zornhost/Elapsed.h"
+#include "tools/zornhost/InstrumentService.h"
 #include "tools/zornhost/Interrupt.h"
 #include "tools/zornhost/LockedStart.h"
 #include "tools/zornhost/PositiveSeconds.h"
@@ -25,10 +26,6 @@ namespace {
 
 constexpr int waitStepMs = 200;
 constexpr int longestPauseMs = 500;  // between two collections of rows
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 void print(const ClockReport& report, Output& output, bool json, bool live) {
     if (json) {
@@ -109,7 +106,7 @@ public:
 
 private:
     Json ask(const std::string& request) const {
-        const Json json = Json::parse(InstrumentSocket::ask(socket_, request), nullptr, false);
+        Json json = Json::parse(InstrumentSocket::ask(socket_, request), nullptr, false);
         if (!json.is_object() || !json.contains("clock")) {
             throw std::runtime_error(fmt::format("{}: what is answered there is no report of a clock", socket_));
         }
@@ -149,43 +146,45 @@ ClockCommandLine::ClockCommandLine(CLI::App& app) {
         ->capture_default_str();
 }
 
-int ClockCommandLine::run(Session& session, Output& output, bool json) const {
-    std::for_each(plots_.begin(), plots_.end(), checkPlotName);
+int ClockCommandLine::run(Session& session, InstrumentLock* lock, Output& output, bool json) const {
+    std::for_each(plots_.begin(), plots_.end(), checkPlotFile);
+    const auto begin = Clock::now();
     // Some channel has to run for the instrument to be started.
     bool used = false;
     for (const auto& entry : session.tree().channels()) {
-        const bool wanted = !used && entry.channel.getType() == 0 &&
-                            (!entry.channel.hasProperty("Enabled") || entry.channel.getPropertyValue<bool>("Enabled"));
+        const bool wanted = !used && entry.channel.getType() == 0 && hasHardware(entry.channel);
         entry.channel.setUsed(wanted);
         used = used || wanted;
     }
     session.prepare();
-    const ClockWatch clock(session);
-    if (wait_->parsed() && clock.report().followsNothing()) {
+    const InstrumentService service(session, lock, output);
+    if (service.clock() == nullptr) {
+        throw std::runtime_error("there is no clock to look at");
+    }
+    if (wait_->parsed() && service.clock()->report().followsNothing()) {
         throw std::runtime_error(
             "the clock follows nothing that could be waited for: choose a reference with --sync (see sync list)");
     }
-    HeldInstrument source(clock);
-    LockedStart start(session, &clock, output, timeoutS_);
+    HeldInstrument source(*service.clock());
+    LockedStart start(session, service.clock(), output, timeoutS_);
     start.awaitReference();
     start.start();
-    const int result = runWith(source, output, json);
+    const int result = runWith(source, begin, output, json);
     session.stop();
     return result;
 }
 
 int ClockCommandLine::runOn(const std::string& socket, Output& output, bool json) const {
-    std::for_each(plots_.begin(), plots_.end(), checkPlotName);
+    std::for_each(plots_.begin(), plots_.end(), checkPlotFile);
     OtherProcess source(socket);
-    return runWith(source, output, json);
+    return runWith(source, Clock::now(), output, json);
 }
 
-int ClockCommandLine::runWith(Source& source, Output& output, bool json) const {
-    return wait_->parsed() ? waitForLock(source, output, json) : watch(source, output, json);
+int ClockCommandLine::runWith(Source& source, Clock::time_point begin, Output& output, bool json) const {
+    return wait_->parsed() ? waitForLock(source, begin, output, json) : watch(source, output, json);
 }
 
-int ClockCommandLine::waitForLock(Source& source, Output& output, bool json) const {
-    const auto begin = Clock::now();
+int ClockCommandLine::waitForLock(Source& source, Clock::time_point begin, Output& output, bool json) const {
     ClockReport report = source.report();
     const auto reached = [&] {
         return report.lock == Lock::Locked &&

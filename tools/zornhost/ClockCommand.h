@@ -1,9 +1,11 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/Output.h"
 #include "tools/zornhost/Session.h"
 
@@ -17,7 +19,8 @@ public:
 
     bool parsed() const { return command_->parsed(); }
     // The exit code: 0 when the clock is locked (or follows nothing, unless it is waited for), 1 when it isn't.
-    int run(Session& session, Output& output, bool json) const;
+    // `lock`: by which others find what this process tells them; may be null.
+    int run(Session& session, InstrumentLock* lock, Output& output, bool json) const;
     // Of the process that serves on `socket`. Raises std::runtime_error when it doesn't answer.
     int runOn(const std::string& socket, Output& output, bool json) const;
 
@@ -36,8 +39,9 @@ private:
     class HeldInstrument;
     class OtherProcess;
     int watch(Source& source, Output& output, bool json) const;
-    int waitForLock(Source& source, Output& output, bool json) const;
-    int runWith(Source& source, Output& output, bool json) const;
+    // `begin`: since when it is waited.
+    int waitForLock(Source& source, std::chrono::steady_clock::time_point begin, Output& output, bool json) const;
+    int runWith(Source& source, std::chrono::steady_clock::time_point begin, Output& output, bool json) const;
 };
 
 }  // namespace zornhost

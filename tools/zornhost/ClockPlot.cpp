@@ -5,7 +5,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -40,10 +43,6 @@ constexpr Colour otherDot{0.62, 0.62, 0.65};
 constexpr Colour holdingBand{0.99, 0.93, 0.8};
 constexpr Colour unlockedBand{0.98, 0.87, 0.86};
 constexpr Colour equilibriumLine{0.85, 0.45, 0.1};
-
-bool endsIn(const std::string& file, const char* ending) {
-    return file.ends_with(ending);
-}
 
 struct Range {
     double low;
@@ -168,12 +167,16 @@ private:
 
     void axes(const Panel& panel, bool seconds) {
         const double step = niceStep(panel.values.high - panel.values.low, 6.0);
-        for (double value = std::ceil(panel.values.low / step) * step; value <= panel.values.high; value += step) {
+        const auto lowest = std::lround(std::ceil(panel.values.low / step));
+        const auto highest = std::lround(std::floor(panel.values.high / step));
+        for (long n = lowest; n <= highest; ++n) {
+            const double value = static_cast<double>(n) * step;
             rule(left, y(panel, value), width - right, y(panel, value));
-            text(left - 8.0, y(panel, value) + 4.0, formatNumber(std::fabs(value) < step / 2.0 ? 0.0 : value, 4), 1.0);
+            text(left - 8.0, y(panel, value) + 4.0, formatNumber(value, 4), 1.0);
         }
         const double timeStep = niceStep(times_.high, 10.0);
-        for (double value = 0.0; value <= times_.high; value += timeStep) {
+        for (long n = 0, last = std::lround(std::floor(times_.high / timeStep)); n <= last; ++n) {
+            const double value = static_cast<double>(n) * timeStep;
             rule(x(value), panel.y, x(value), panel.y + panel.height);
             if (seconds) {
                 text(x(value), panel.y + panel.height + 15.0, fmt::format("{:.0f}", value), 0.5);
@@ -210,18 +213,22 @@ private:
 
 }  // namespace
 
-void checkPlotName(const std::string& file) {
-    if (!endsIn(file, ".png") && !endsIn(file, ".svg")) {
+void checkPlotFile(const std::string& file) {
+    if (!file.ends_with(".png") && !file.ends_with(".svg")) {
         throw std::runtime_error(fmt::format("{}: a plot is drawn into a .png or .svg file", file));
+    }
+    errno = 0;
+    if (!std::ofstream(file, std::ios::app)) {
+        throw std::runtime_error(fmt::format("{}: cannot be written: {}", file, std::strerror(errno)));
     }
 }
 
 void drawClockPlot(const std::string& file, const std::string& mode, const std::vector<ClockRow>& rows) {
-    checkPlotName(file);
+    checkPlotFile(file);
     if (rows.empty()) {
         throw std::runtime_error(fmt::format("{}: there is no pulse to draw", file));
     }
-    const bool png = endsIn(file, ".png");
+    const bool png = file.ends_with(".png");
     const std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
         png ? cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(width * pngScale),
                                          static_cast<int>(height * pngScale))

@@ -12,7 +12,8 @@ namespace zornhost {
 // can't be written.
 void drawClockPlot(const std::string& file, const std::string& mode, const std::vector<ClockRow>& rows);
 
-// Before anything is collected: raises std::runtime_error for an ending that nothing can be drawn into.
-void checkPlotName(const std::string& file);
+// Before anything is collected: raises std::runtime_error for an ending that nothing can be drawn into, and a file that
+// can't be written.
+void checkPlotFile(const std::string& file);
 
 }  // namespace zornhost

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -34,6 +35,16 @@ std::string duration(int64_t microseconds) {
     }
     const auto minutes = static_cast<int64_t>(seconds / 60.0);
     return minutes < 120 ? fmt::format("{} min", minutes) : fmt::format("{} h {} min", minutes / 60, minutes % 60);
+}
+
+// The name of a state, or why there is none: reasons are in small letters.
+std::string portText(const std::string& port) {
+    if (port.empty()) {
+        return "not known yet";
+    }
+    return std::islower(static_cast<unsigned char>(port.front())) != 0
+               ? fmt::format("the PTP daemon gives no answer ({})", port)
+               : port;
 }
 
 // "-35 ns", "12.4 us", "203 ms".
@@ -80,9 +91,9 @@ std::string ClockReport::obstacle() const {
         return tracking ? "the frequency is locked, the phase comes with the next start"
                         : "the phase is out of reach: it takes a new start";
     }
-    const bool ptp = mode.starts_with("PTP");
-    if (ptp && ptpPort != "SLAVE" && ptpPort != "MASTER") {
-        return fmt::format("the PTP port is {}", ptpPort.empty() ? "not known yet" : ptpPort);
+    // Only a clock that follows PTP goes by it.
+    if (mode.starts_with("PTP") && ptpPort != "SLAVE" && ptpPort != "MASTER") {
+        return "the PTP port: " + portText(ptpPort);
     }
     return last.steered ? "the frequency is being pulled in" : "the reference is away";
 }
@@ -238,8 +249,8 @@ std::string describe(const ClockReport& report) {
     rows.push_back({"Absolute time", report.absTimeUs > 0 ? isoTime(report.absTimeUs) : "not known"});
     rows.push_back({"Acquisition time",
                     report.acquisitionTimeS >= 0.0 ? fmt::format("{:.3f} s", report.acquisitionTimeS) : "none runs"});
-    if (!report.ptpPort.empty()) {
-        rows.push_back({"PTP port", report.ptpPort});
+    if (report.usesPtp()) {
+        rows.push_back({"PTP port", portText(report.ptpPort)});
         rows.push_back({"PTP clock", report.ptpClock.empty() ? "not known" : report.ptpClock});
         rows.push_back({"Grandmaster", report.ptpGrandmaster.empty() ? "not known" : report.ptpGrandmaster});
     }

@@ -68,6 +68,7 @@ struct ClockReport {
     std::string ptpGrandmaster;
     std::string failure;  // why nothing newer is known
 
+    bool usesPtp() const { return mode.find("PTP") != std::string::npos; }
     bool followsNothing() const { return lock == Lock::FreeRunning; }
     // What stands in the way of the lock, and what helps; empty when nothing does.
     std::string obstacle() const;

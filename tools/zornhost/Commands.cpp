@@ -68,9 +68,7 @@ std::vector<ChannelEntry> chooseChannels(Session& session, Output& output, const
     for (const auto& entry : tree.channels()) {
         const bool wanted = std::any_of(chosen.begin(), chosen.end(),
                                         [&](const ChannelEntry& other) { return other.path == entry.path; });
-        const bool enabled =
-            (!entry.channel.hasProperty("Enabled") || entry.channel.getPropertyValue<bool>("Enabled")) &&
-            !(patterns.empty() && isCanOutput(entry.channel));
+        const bool enabled = hasHardware(entry.channel) && !(patterns.empty() && isCanOutput(entry.channel));
         if (wanted && !enabled && !patterns.empty()) {
             output.message(fmt::format("zornhost: \"{}\" has no amplifier and is left out", entry.label));
         }
@@ -221,7 +219,7 @@ void treeLines(const ChannelFolderPtr& folder, int depth, std::vector<std::vecto
         const std::string name = std::string(static_cast<size_t>(2 * depth), ' ') + child.getName().toStdString();
         if (auto raw = child.asPtrOrNull<IChannel>()) {
             const ChannelPtr<> channel(raw);
-            const bool enabled = !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
+            const bool enabled = hasHardware(channel);
             rows.push_back(
                 {name, formatNumber(toHz(channel.getSampleRate())),
                  fmt::format("{} .. {}", formatNumber(channel.getMinValue()), formatNumber(channel.getMaxValue())),
@@ -257,7 +255,7 @@ Json treeJson(const ChannelFolderPtr& folder) {
             entry["rangeMax"] = channel.getMaxValue();
             entry["unit"] = channel.getUnit().toStdString();
             entry["used"] = channel.getUsed();
-            entry["enabled"] = !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
+            entry["enabled"] = hasHardware(channel);
         } else {
             entry["kind"] = "folder";
             if (child.hasProperty("SampleRate")) {
@@ -935,7 +933,7 @@ int run(int argc, char** argv) {
         } else if (can.parsed()) {
             result = can.run(live, output, session.json);
         } else if (clock.parsed()) {
-            result = clock.run(live, output, session.json);
+            result = clock.run(live, lock ? &*lock : nullptr, output, session.json);
         } else if (mon->parsed()) {
             result = monitor(live, output, session.json, monitoring);
         }

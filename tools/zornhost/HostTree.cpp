@@ -65,6 +65,10 @@ void label(std::vector<ChannelEntry>& channels) {
 
 }  // namespace
 
+bool hasHardware(const ChannelPtr<>& channel) {
+    return !channel.hasProperty("Enabled") || channel.getPropertyValue<bool>("Enabled");
+}
+
 std::vector<ChannelEntry> HostTree::channels() const {
     std::vector<ChannelEntry> found;
     walk(dataModule_.getRootFolder(), "", [&](const ChannelNodePtr<>& node, const std::string& path) {

@@ -16,6 +16,9 @@ struct ChannelEntry {
     std::string label;  // the shortest end of the path that no other channel has: "AI 1/Raw input"
 };
 
+// Whether there is hardware behind a channel: an analog input without an amplifier has none.
+bool hasHardware(const Harvane::RT::Core::ChannelPtr<>& channel);
+
 // A node that a path leads to: the data module itself for "", a folder or a channel.
 struct NodeEntry {
     Harvane::RT::Core::GenericPropertyObjectPtr node;

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/zornhost/Elapsed.h"
 #include "tools/zornhost/Interrupt.h"
 
 namespace zornhost {
@@ -29,7 +30,7 @@ bool LockedStart::waitUntil(const std::function<bool()>& reached, const std::str
         if (Clock::now() >= until || Interrupt::sleepMs(stepMs)) {
             return false;
         }
-        const double waitedS = std::chrono::duration<double>(Clock::now() - begin_).count();
+        const double waitedS = secondsSince(begin_);
         if (waitedS >= nextTextS) {
             const std::string obstacle = watch_->report().obstacle();
             output_.progress(fmt::format("clock: {} ({:.0f} of {:.0f} s){}{}", text, waitedS, timeoutS_,

@@ -7,6 +7,7 @@
 
 #include <zorn/structure/property_classes.h>
 
+#include "tools/zornhost/Elapsed.h"
 #include "tools/zornhost/RateMath.h"
 
 using namespace Harvane::RT::Core;
@@ -19,10 +20,6 @@ constexpr auto passInterval = std::chrono::milliseconds(10);
 constexpr double moduleRowIntervalS = 1.0;  // a module that reports a loss in every cycle fills no table
 constexpr const char* lostSamplesName = "LostSamples";
 constexpr size_t channelsNamed = 3;  // in a verdict; the report has all
-
-double secondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 ChannelInfo describe(const ChannelEntry& entry) {
     const auto& channel = entry.channel;

@@ -41,7 +41,7 @@ void HostSynchronization::registerProperties() {
 namespace {
 
 ListPtr toList(const ClockState& state) {
-    const ListPtr list = ListPtr::create();
+    ListPtr list = ListPtr::create();
     const auto add = [&list](const char* name, const BasePtr& value) {
         list.pushBack(asBase(ListPtr::create({toValue(name), value})));
     };

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "modules/daq/can/CANSocketDevice.h"
@@ -18,8 +14,7 @@ using namespace Harvane::RT::Modules::Daq::Test;
 namespace {
 
 // Sixteen synchronous channels that count through, sixteen asynchronous ones with three samples a cycle, and an output.
-class WideDevice : public TestDevice {
-public:
+struct WideDevice : TestDevice {
     std::shared_ptr<AIDevice> createAIDevice() override {
         ai = std::make_shared<TestAI>();
         for (int i = 0; i < 11; ++i) {
@@ -56,8 +51,7 @@ public:
     std::vector<std::shared_ptr<Channel>> inputs;
 };
 
-class OpenModule : public DaqModuleImpl {
-public:
+struct OpenModule : DaqModuleImpl {
     using DaqModuleImpl::daqStructure;
 };
 
@@ -70,10 +64,8 @@ TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     plug({device});
     auto* const impl = new OpenModule();
     const auto module = ObjectPtr<IModule>::take(impl);
-    const auto params = made<IModuleAddParams>(createModuleAddParams, data.get(), dataModule.get(), sync.get());
-    checkErrorInfo(module->add(params.get()));
-    auto config = made<IModuleConfig>(createModuleConfig, data.get());
-    checkErrorInfo(module->configure(config.get()));
+    checkErrorInfo(add(*impl, dataModule));
+    configure(*impl);
     checkErrorInfo(module->initialize());
     Texts used{"Async out"};
     for (const auto& channels : {device->ai->channels, device->async->channels}) {
@@ -103,8 +95,7 @@ TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     EXPECT_EQ(device->async->output->samplesAcquired.get(), 200u);
     EXPECT_EQ(channel("Raw 1").getSamplesAcquired(), 2000);
     checkErrorInfo(module->stop());
-    config.release();
-    made<IModuleConfig>(createModuleConfig, data.get());
+    forgetProviders();
 }
 
 namespace {
@@ -170,5 +161,5 @@ TEST_F(Exchange, NorDoCanFramesAndRoutes) {
     EXPECT_EQ(fromValue<int>(executeFunc(functionOf(channel("CAN Port 2 Output"), "NotSentClosed"), nullptr)), 101);
     checkErrorInfo(module->stop());
     config.release();
-    made<IModuleConfig>(createModuleConfig, data.get());
+    forgetProviders();
 }

@@ -8,6 +8,7 @@
 #include <numbers>
 #include <utility>
 
+#include "tests/endtoend/Definition.h"
 #include "tests/endtoend/measurement/Bench.h"
 #include "tools/zornhost/AmplifierCommands.h"
 #include "tools/zornhost/Commands.h"
@@ -20,17 +21,7 @@ using namespace Harvane::RT::Core;
 namespace {
 
 Waveform physical(WaveformKind kind, double amplitude, double offset, double hz) {
-    Waveform waveform;
-    waveform.kind = kind;
-    waveform.frequencyHz = hz;
-    waveform.amplitude = amplitude;
-    waveform.offset = offset;
-    waveform.unit = WaveformUnit::Physical;
-    return waveform;
-}
-
-Waveform physicalSine(double amplitude, double offset, double hz) {
-    return physical(WaveformKind::Sine, amplitude, offset, hz);
+    return {kind, hz, amplitude, offset, 0.0, {}, WaveformUnit::Physical};
 }
 
 Waveform constant(double value) {
@@ -38,30 +29,20 @@ Waveform constant(double value) {
 }
 
 ModuleScenario plugged(int slot, AmplifierKind kind, const Waveform& waveform = constant(0.0)) {
-    ModuleScenario module;
-    module.slot = slot;
-    module.kind = kind;
-    module.waveform = waveform;
-    return module;
-}
-
-Scenario with(std::vector<ModuleScenario> modules) {
-    Scenario scenario;
-    scenario.modules = std::move(modules);
-    return scenario;
+    return {.slot = slot, .kind = kind, .waveform = waveform};
 }
 
 // One of each kind, in the order of the constants below.
 Scenario allKinds() {
-    return with({plugged(0, AmplifierKind::Voltage), plugged(1, AmplifierKind::Bridge), plugged(2, AmplifierKind::Iepe),
-                 plugged(3, AmplifierKind::HighVoltage)});
+    return {.modules = {plugged(0, AmplifierKind::Voltage), plugged(1, AmplifierKind::Bridge),
+                        plugged(2, AmplifierKind::Iepe), plugged(3, AmplifierKind::HighVoltage)},
+            .faults = {}};
 }
 constexpr int voltage = 0;
 constexpr int bridge = 1;
 constexpr int iepe = 2;
 
-class Amplified : public Bench {
-public:
+struct Amplified : Bench {
     explicit Amplified(const Scenario& scenario, const std::string& definitions = KESTRIX_AMPLIFIERS)
         : Bench(scenario, {"SampleRate=10000"}, definitions) {
         session().open();
@@ -83,6 +64,11 @@ public:
         return executeFunc(channel(slot).getPropertyValue<BasePtr>(function).asPtr<IFuncObject>(), argument);
     }
     int64_t number(int slot, const char* property) { return channel(slot).getPropertyValue<int64_t>(property); }
+    // Measurement and range that the amplifier works by.
+    std::pair<int64_t, int64_t> inForce(int slot) {
+        const auto state = instrument().amplifierState(slot);
+        return {state.measurement, state.range};
+    }
 
     // Commands with their payload that the slot's amplifier has taken: "BC 02".
     std::vector<std::string> sent(int slot) {
@@ -105,9 +91,9 @@ struct Sine {
     double mean;
 };
 
-template <class T>
-Sine sineOf(const RecordingReader& file, const std::string& path, double hz) {
-    const auto samples = file.samples<T>(path);
+Sine sineOf(const RecordingReader& file, int slot, bool filtered, double hz) {
+    const auto path = channelPath(slot, filtered);
+    const auto samples = filtered ? file.numbers<int32_t>(path) : file.numbers<int16_t>(path);
     const double scale = file.number(path, "scale");
     const double offset = file.number(path, "offset");
     const double rate = file.number(path, "sample_rate");
@@ -120,7 +106,7 @@ Sine sineOf(const RecordingReader& file, const std::string& path, double hz) {
     std::complex<double> turn;
     double sum = 0.0;
     for (size_t i = settled; i < settled + count; ++i) {
-        const double value = static_cast<double>(samples[i]) * scale + offset;
+        const double value = samples[i] * scale + offset;
         sum += value;
         turn += value * std::polar(1.0, -2.0 * std::numbers::pi * hz * static_cast<double>(i) / rate);
     }
@@ -186,10 +172,8 @@ TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsBack) {
             channel.setPropertyValue("Range", cell.range);
             ASSERT_EQ(bench.update(slot, true), Errors::Success);
             EXPECT_EQ(bench.number(slot, "Range"), cell.range);
-            const auto state = bench.instrument().amplifierState(slot);
-            EXPECT_EQ(state.measurement, cell.measurement);
-            EXPECT_EQ(state.range, cell.range);
-            bench.instrument().setWaveform(slot, physicalSine(share * cell.full, mean * cell.full, hz));
+            EXPECT_EQ(bench.inForce(slot), std::pair(cell.measurement, cell.range));
+            bench.instrument().setWaveform(slot, physical(WaveformKind::Sine, share * cell.full, mean * cell.full, hz));
         }
         const std::string name = "ranges" + std::to_string(run) + ".h5";
         const auto report = bench.record(name, 0.35);
@@ -208,8 +192,8 @@ TEST(AmplifierRoad, EveryRangeOfEveryDefinitionReadsBack) {
             const bool direct = fromValue<std::string>(channel.getPropertyEnum("HPFilter")) == "DC";
             const double amplitudeIn = share * cell.full;
             const double meanIn = direct ? mean * cell.full : 0.0;
-            const Sine raw = sineOf<int16_t>(file, channelPath(slot, false), hz);
-            const Sine filtered = sineOf<int32_t>(file, channelPath(slot, true), hz);
+            const Sine raw = sineOf(file, slot, false, hz);
+            const Sine filtered = sineOf(file, slot, true, hz);
             table.push_back({channel.getClassName().toStdString(), cell.name, zornhost::formatNumber(cell.full),
                              cell.unit, zornhost::formatNumber(amplitudeIn), zornhost::formatNumber(raw.amplitude),
                              zornhost::formatNumber(filtered.amplitude), zornhost::formatNumber(meanIn),
@@ -249,42 +233,38 @@ namespace {
 // What goes wrong while an amplifier is asked for something new, and what is so right after a first round of it.
 struct Trouble {
     const char* name;
-    std::vector<Fault> faults;
-    bool refused;         // what was in force stays; otherwise the next round brings the request
     const char* failure;  // the end of it after the first round; "": none
-    bool stops = false;   // the round ends with an exception
+    bool refused;         // what was in force stays; otherwise the next round brings the request
+    std::vector<Fault> faults;
+    bool stops = false;  // the round ends with an exception
 };
 
+// Of the answers to a command.
+Fault of(FaultKind kind, int command, int64_t times = 1, int code = 0) {
+    return {.kind = kind, .code = code, .times = times, .command = command};
+}
+
+using enum FaultKind;
 const Trouble troubles[] = {
-    {"setting refused",
-     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xBC}},
-     true,
-     "Range: refused with status 3"},
-    {"update refused",
-     {{.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = 3, .command = 0x67}},
-     true,
-     "Update: refused with status 7"},
-    {"scale refused",
-     {{.kind = FaultKind::AmplifierBadStatus, .times = 3, .command = 0xFA}},
-     false,
-     "Scaling: refused with status 3"},
-    {"offset is no number", {{.kind = FaultKind::AmplifierNan, .command = 0xFB}}, false, "Scaling: not a number"},
-    {"bus error", {{.kind = FaultKind::MuxError}}, false, "Selection: bus error: Input/output error"},
-    {"port error", {{.kind = FaultKind::UartRead, .times = 3}}, false, ": bus error: Error: read() failed."},
-    {"stuck multiplexer",
-     {{.kind = FaultKind::MuxReadsBack, .times = 32}},
-     false,
+    {"setting refused", "Range: refused with status 3", true, {of(AmplifierBadStatus, 0xBC, 3)}},
+    {"update refused", "Update: refused with status 7", true, {of(AmplifierBadStatus, 0x67, 3, 7)}},
+    {"scale refused", "Scaling: refused with status 3", false, {of(AmplifierBadStatus, 0xFA, 3)}},
+    {"offset is no number", "Scaling: not a number", false, {of(AmplifierNan, 0xFB)}},
+    {"bus error", "Selection: bus error: Input/output error", false, {{.kind = MuxError}}},
+    {"port error", ": bus error: Error: read() failed.", false, {{.kind = UartRead, .times = 3}}},
+    {"stuck",
      "Selection: bus error: unable to set amplifiers UART mux",
+     false,
+     {{.kind = MuxReadsBack, .times = 32}},
      true},
-    {"no answer", {{.kind = FaultKind::AmplifierSilent, .times = 3, .command = 0xBC}}, false, "Range: no answer"},
-    {"answer lost", {{.kind = FaultKind::AmplifierHalfFrame, .times = 3, .command = 0x67}}, false, "Update: no answer"},
-    {"late answer", {{.kind = FaultKind::AmplifierLate, .code = 607, .command = 0x67}}, false, ""},
+    {"no answer", "Range: no answer", false, {of(AmplifierSilent, 0xBC, 3)}},
+    {"answer lost", "Update: no answer", false, {of(AmplifierHalfFrame, 0x67, 3)}},
+    {"late answer", "", false, {of(AmplifierLate, 0x67, 1, 607)}},
     // The answer to the range must not be taken for that to the update.
     {"late answer, update refused",
-     {{.kind = FaultKind::AmplifierLate, .code = 203, .command = 0xBC},
-      {.kind = FaultKind::AmplifierBadStatus, .code = 7, .times = -1, .command = 0x67}},
+     "Update: refused with status 7",
      true,
-     "Update: refused with status 7"},
+     {of(AmplifierLate, 0xBC, 1, 203), of(AmplifierBadStatus, 0x67, -1, 7)}},
 };
 
 // What a recording says of itself.
@@ -311,18 +291,16 @@ TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
                                     {0, 3, 1.0, "mV/V", "Measurement: Bridge; Range: 1 mV/V;"}};
     enum class By { Update, Command, Start };  // UpdateAmplifier; the command `record`; a start of any other host
     constexpr double played = 0.8;             // in the unit of what is in force
-    Amplified bench(with({plugged(0, AmplifierKind::Bridge, constant(played))}));
+    Amplified bench({.modules = {plugged(0, AmplifierKind::Bridge, constant(played))}, .faults = {}});
     auto channel = bench.channel(0);
     const auto ask = [&](const Request& request) {
         channel.setPropertyValue("Measurement", request.measurement);
         channel.setPropertyValue("Range", request.range);
     };
     const auto expectInForce = [&](const Request& expected) {
-        const auto state = bench.instrument().amplifierState(0);
-        EXPECT_EQ(state.measurement, expected.measurement);
-        EXPECT_EQ(state.range, expected.range);
-        EXPECT_EQ(bench.number(0, "Measurement"), expected.measurement);
-        EXPECT_EQ(bench.number(0, "Range"), expected.range);
+        const std::pair wanted(expected.measurement, expected.range);
+        EXPECT_EQ(bench.inForce(0), wanted);
+        EXPECT_EQ(std::pair(bench.number(0, "Measurement"), bench.number(0, "Range")), wanted);
         EXPECT_TRUE(channel.getPropertyValue<std::string>("SettingsInForce").starts_with(expected.inForce));
     };
     const auto recorded = [&](By by) -> Said {
@@ -344,7 +322,10 @@ TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
             thrown = failure.what();
         }
         const std::string words = testing::internal::GetCapturedStderr();
-        const auto json = nlohmann::json::parse(testing::internal::GetCapturedStdout(), nullptr, false);
+        // What the module prints each second may come before the command's report or behind it.
+        const std::string printed = testing::internal::GetCapturedStdout();
+        const size_t begin = std::min(printed.find('{'), printed.size());
+        const auto json = nlohmann::json::parse(printed.substr(begin, printed.rfind('}') + 1 - begin), nullptr, false);
         if (!thrown.empty()) {
             throw std::runtime_error(thrown);
         }
@@ -413,9 +394,7 @@ TEST(AmplifierRoad, AgreesWhateverGoesWrong) {
                     const double quantum = 2.0 * end.full / (filtered ? 4294967296.0 : 65536.0);
                     EXPECT_NEAR(file.number(path, "scale") / quantum, state.scale, 1e-9);
                     EXPECT_NEAR(file.number(path, "offset"), state.offset * state.scale / 1000.0, 1e-9);
-                    const double mean =
-                        filtered ? sineOf<int32_t>(file, path, 100.0).mean : sineOf<int16_t>(file, path, 100.0).mean;
-                    EXPECT_NEAR(mean, played, 0.001 * played);
+                    EXPECT_NEAR(sineOf(file, 0, filtered, 100.0).mean, played, 0.001 * played);
                 }
                 if (refused) {
                     EXPECT_NE(said.refused.find(trouble.failure), std::string::npos) << said.refused;
@@ -456,11 +435,7 @@ TEST(Balancing, BeforeAndDuringARecording) {
     Amplified bench(allKinds());
     const auto balance = [&] {
         EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")) &&
-               std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        EXPECT_TRUE(eventually([&] { return !fromValue<bool>(bench.call(bridge, "GetSensorBalanceStatus")); }));
     };
     // What a recording of a steady input holds, of both streams.
     const auto recorded = [&](const std::string& name, double expected, const std::function<void()>& during = {}) {
@@ -469,8 +444,8 @@ TEST(Balancing, BeforeAndDuringARecording) {
         EXPECT_TRUE(report.good()) << report.verdict();
         const RecordingReader file(bench.file(name + ".h5"));
         EXPECT_EQ(file.text(channelPath(bridge, false), "unit"), "mV/V");
-        EXPECT_NEAR(sineOf<int16_t>(file, channelPath(bridge, false), 100.0).mean, expected, 0.00125);
-        EXPECT_NEAR(sineOf<int32_t>(file, channelPath(bridge, true), 100.0).mean, expected, 0.00125);
+        EXPECT_NEAR(sineOf(file, bridge, false, 100.0).mean, expected, 0.00125);
+        EXPECT_NEAR(sineOf(file, bridge, true, 100.0).mean, expected, 0.00125);
     };
     const auto offset = [&] {
         EXPECT_EQ(bench.update(bridge), Errors::Success);
@@ -502,10 +477,7 @@ TEST(Balancing, ModuleUnloadsWhileItRuns) {
     bench.session().prepare();
     bench.session().start();
     auto channel = bench.channel(bridge);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (channel.getSamplesAcquired() < 1000 && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    EXPECT_TRUE(eventually([&] { return channel.getSamplesAcquired() >= 1000; }));
     EXPECT_EQ(bench.dispatch(bridge, "StartSensorBalance"), Errors::Success);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const auto begin = std::chrono::steady_clock::now();
@@ -520,13 +492,6 @@ TEST(Balancing, ModuleUnloadsWhileItRuns) {
 }
 
 namespace {
-
-std::string definition(const std::string& name, const std::string& identifier, const std::string& more = "") {
-    return R"({"__type": "PropertyObjectClass", "name": ")" + name + R"(", "properties": [
-  {"name": "ModuleName", "type": "string", "readOnly": true, "readOnlyValue": "Mine"},
-  {"name": "AmplifierID", "type": "string", "readOnly": true, "readOnlyValue": ")" +
-           identifier + "\"}" + more + "]}";
-}
 
 std::string range(const std::string& name) {
     return R"(, {"name": "Range", "type": "int", "selection": true, "default": 0, "unit": "V", "values": [
@@ -544,88 +509,68 @@ const std::string balance = R"(, {"name": "StartSensorBalance", "type": "proc"},
 
 // What the check says of a folder is what the module does with it.
 TEST(Definitions, TheCheckAndTheModuleAgree) {
+    using Files = std::vector<std::string>;
     const std::string mine = "1.0.1.1";
-    struct Row {
-        const char* what;
-        std::vector<std::string> files;
-        const char* shown;  // class of the amplifier; "": the one that the check says counts
-        bool mistake;
-        std::vector<int> failing;  // measurements
-    };
-    const Row rows[] = {
-        {"a plus", {definition("ampl_a", mine, measurements + range("+10") + balance)}, "ampl_a", false, {}},
-        {"no number", {definition("ampl_a", mine, measurements + range("ten") + balance)}, "ampl_a", true, {}},
-        {"the unknown amplifier's name", {definition("Ampl_Unknown", mine)}, "ampl_unknown", true, {}},
-        {"the unknown amplifier itself", {definition("ampl_unknown", "0.0.0.0")}, "ampl_unknown", true, {}},
-        {"leading zero", {definition("ampl_a", "01.0.1.1")}, "ampl_unknown", true, {}},
-        {"a channel's property",
-         {definition("ampl_a", mine, R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true, "readOnlyValue":
+    const auto one = [&](const std::string& more = "") { return Files{definition("ampl_a", mine, more)}; };
+    // The class of the amplifier; "": the one that the check says counts. Then whether there is a mistake, the
+    // measurement that fails, and the files.
+    const std::tuple<const char*, const char*, bool, int, Files> rows[] = {
+        {"a plus", "ampl_a", false, -1, one(measurements + range("+10") + balance)},
+        {"no number", "ampl_a", true, -1, one(measurements + range("ten") + balance)},
+        {"the unknown amplifier's name", "ampl_unknown", true, -1, {definition("Ampl_Unknown", mine)}},
+        {"the unknown amplifier itself", "ampl_unknown", true, -1, {definition("ampl_unknown", "0.0.0.0")}},
+        {"leading zero", "ampl_unknown", true, -1, {definition("ampl_a", "01.0.1.1")}},
+        {"a channel's property", "ampl_a", false, -1,
+         one(R"json(, {"name": "BridgeLeg", "type": "int", "readOnly": true, "readOnlyValue":
            {"__type": "Eval", "expr": "if($Enabled, $PhaseDelay, 1)"}})json")},
-         "ampl_a",
-         false,
-         {}},
-        {"a mistake at first sight",
-         {definition("ampl_a", mine, R"(, {"name": "Short", "type": "bool", "enabled": false})")},
-         "ampl_unknown",
-         true,
-         {}},
-        {"a mistake in another measurement",
-         {definition("ampl_a", mine, measurements + R"json(, {"name": "Range", "type": "reference", "reference":
+        {"a mistake at first sight", "ampl_unknown", true, -1,
+         one(R"(, {"name": "Short", "type": "bool", "enabled": false})")},
+        {"a mistake in another measurement", "ampl_unknown", true, -1,
+         one(measurements + R"json(, {"name": "Range", "type": "reference", "reference":
            {"__type": "Eval", "expr": "switch($Measurement, 0, %ModuleName)"}})json")},
-         "ampl_unknown",
-         true,
-         {}},
-        {"a mistake in the second measurement",
-         {definition("ampl_a", mine, measurements + R"json(, {"name": "InputType", "type": "int", "selection": true,
+        {"a mistake in the second measurement", "ampl_a", true, 1,
+         one(measurements + R"json(, {"name": "InputType", "type": "int", "selection": true,
            "default": 0, "values": {"__type": "Eval", "expr": "if($Measurement == 0, $Texts, $ModuleName)"}},
            {"name": "Texts", "type": "list", "default": ["Differential"]})json")},
-         "ampl_a",
-         true,
-         {1}},
-        {"two of one amplifier", {definition("ampl_a", mine), definition("ampl_b", mine)}, "", true, {}},
-        {"two of one class", {definition("ampl_a", mine), definition("AMPL_A", "1.0.1.2")}, "", true, {}},
-        {"twice the same", {definition("ampl_a", mine), definition("ampl_a", mine)}, "ampl_a", true, {}},
+        {"two of one amplifier", "", true, -1, {definition("ampl_a", mine), definition("ampl_b", mine)}},
+        {"two of one class", "", true, -1, {definition("ampl_a", mine), definition("AMPL_A", "1.0.1.2")}},
+        {"twice the same", "ampl_a", true, -1, {definition("ampl_a", mine), definition("ampl_a", mine)}},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [what, shown, wrong, failing, files] : rows) {
+        SCOPED_TRACE(what);
         const auto folder = std::filesystem::temp_directory_path() / ("kestrix-agree-" + std::to_string(::getpid()));
         std::filesystem::create_directories(folder);
-        for (size_t i = 0; i < row.files.size(); ++i) {
-            std::ofstream(folder / ("file" + std::to_string(i) + ".json")) << row.files[i];
+        for (size_t i = 0; i < files.size(); ++i) {
+            std::ofstream(folder / ("file" + std::to_string(i) + ".json")) << files[i];
         }
         std::string counts = "ampl_unknown";
         bool mistake = false;
         std::string problems;
         for (const auto& report : zornhost::checkDefinitions(folder.string())) {
             mistake = mistake || report.hasErrors();
-            bool another = false;
+            bool another =
+                report.outcome != zornhost::DefinitionReport::Outcome::Registered || report.identifier != mine;
             for (const auto& problem : report.problems) {
                 problems += problem.text + "\n";
                 const size_t end = problem.text.find("\" counts");
                 another = another || problem.text.find("nothing of this file counts") != std::string::npos ||
                           (end != std::string::npos && !problem.text.substr(0, end).ends_with("\"" + report.file));
             }
-            if (report.outcome == zornhost::DefinitionReport::Outcome::Registered && report.identifier == mine &&
-                !another) {
-                counts = report.className;
-            }
+            counts = another ? counts : report.className;
         }
-        Amplified bench(with({plugged(0, AmplifierKind::Voltage)}), folder.string());
+        Amplified bench({.modules = {plugged(0, AmplifierKind::Voltage)}, .faults = {}}, folder.string());
         std::filesystem::remove_all(folder);
         EXPECT_EQ(bench.channel(0).getClassName(), counts) << problems;
-        EXPECT_TRUE(*row.shown == 0 || counts == row.shown) << counts << problems;
-        EXPECT_EQ(mistake, row.mistake) << problems;
+        EXPECT_TRUE(*shown == 0 || counts == shown) << counts << problems;
+        EXPECT_EQ(mistake, wrong) << problems;
         if (!bench.channel(0).hasProperty("Measurement") || counts == "ampl_unknown") {
             continue;
         }
-        for (int i = 0; i < 2; ++i) {
-            bench.channel(0).setPropertyValue("Measurement", i);
-            const bool fails = std::count(row.failing.begin(), row.failing.end(), i) > 0;
-            EXPECT_EQ(failed(bench.update(0, true)), fails) << i;
-            EXPECT_EQ(problems.find(i == 0 ? "InputType\": in the measurement \"Bridge"
-                                           : "in the measurement \"Voltage") != std::string::npos,
-                      fails)
-                << problems;
+        for (const auto& [place, words] :
+             {std::pair{0, "InputType\": in the measurement \"Bridge"}, {1, "in the measurement \"Voltage"}}) {
+            bench.channel(0).setPropertyValue("Measurement", place);
+            EXPECT_EQ(failed(bench.update(0, true)), place == failing) << place;
+            EXPECT_EQ(problems.find(words) != std::string::npos, place == failing) << problems;
         }
     }
 }

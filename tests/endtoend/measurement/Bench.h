@@ -2,13 +2,10 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "simulator/preload/Control.h"
 #include "tests/endtoend/RecordingReader.h"
@@ -29,6 +26,14 @@ long firstWrong(const std::vector<T>& samples) {
         }
     }
     return -1;
+}
+
+// Waits for a condition; false when it has not come true within ten seconds.
+inline bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 2000 && !condition(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
 }
 
 // A measuring place: a fresh simulated instrument, the module binary in the host, and a folder for recordings.
@@ -73,12 +78,9 @@ public:
         const auto chosen = tree.channels(patterns);
         std::vector<zornhost::ChannelEntry> used;
         for (const auto& entry : tree.channels()) {
-            bool wanted = entry.channel.getPropertyValue<bool>("Enabled");
-            bool named = false;
-            for (const auto& other : chosen) {
-                named = named || other.path == entry.path;
-            }
-            wanted = wanted && named;
+            const bool wanted =
+                entry.channel.getPropertyValue<bool>("Enabled") &&
+                std::ranges::any_of(chosen, [&](const auto& other) { return other.path == entry.path; });
             entry.channel.setUsed(wanted);
             if (wanted) {
                 used.push_back(entry);

@@ -81,6 +81,15 @@ TEST(ClockWatch, TellsLockHoldAndLossApart) {
     }
     EXPECT_EQ(next, changes);
 
+    // Who follows PTP is told of its port; who doesn't isn't.
+    ClockReport ptp = clock.watch.report();
+    ptp.ptpPort = "timeout";
+    EXPECT_EQ(describe(ptp).find("PTP port"), std::string::npos);
+    ptp.mode = "PTP";
+    EXPECT_EQ(ptp.obstacle(), "the PTP port: the PTP daemon gives no answer (timeout)");
+    ptp.ptpPort = "LISTENING";
+    EXPECT_EQ(ptp.obstacle(), "the PTP port: LISTENING");
+
     // Who can't be asked isn't locked, and the reason is told; what was seen stays.
     clock.pulse(true, false, true, 1.0);
     clock.failure = "the bus is gone";
@@ -196,7 +205,6 @@ TEST(InstrumentSocket, AnswersWhoAsksAndLeavesWhoDoesNot) {
     EXPECT_NE(failure(file, "clock").find("nobody answers there"), std::string::npos);
     {
         // One that a killed process has left is replaced; a file is not.
-        InstrumentSocket(file, answer);
         const int left = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{AF_UNIX, {}};
         std::strncpy(address.sun_path, file.c_str(), sizeof address.sun_path - 1);

@@ -63,20 +63,6 @@ INSTANTIATE_TEST_SUITE_P(
         OpenFault{"MuxStuck", {.kind = FaultKind::MuxReadsBack, .times = -1}, "unable to set amplifiers UART mux"}),
     nameOf);
 
-// A slot whose amplifier can't be talked to is an empty slot; the others measure.
-TEST(Faults, AmplifiersThatDoNotAnswerProperlyAreAbsent) {
-    for (const auto kind : {FaultKind::AmplifierSilent, FaultKind::AmplifierBadStatus, FaultKind::AmplifierHalfFrame}) {
-        auto scenario = Scenario::counters(2);
-        scenario.faults = {{.kind = kind, .target = 0, .times = -1}};
-        Bench bench(scenario, {"SampleRate=10000"});
-        bench.session().open();
-        const auto channels = bench.session().tree().channels();
-        EXPECT_FALSE(channels[0].channel.getPropertyValue<bool>("Enabled"));
-        EXPECT_TRUE(channels[2].channel.getPropertyValue<bool>("Enabled"));
-        EXPECT_TRUE(bench.record("rest.h5", 0.4).good());
-    }
-}
-
 // One failing read is logged and costs nothing: the samples are still in the driver's ring.
 TEST(Faults, FailingReadIsLoggedAndTheCycleGoesOn) {
     LogCapture log;
@@ -119,22 +105,4 @@ TEST(Faults, CycleThatStandsStillShowsAsAGap) {
     EXPECT_GT(bench.instrument().statistics(0, Stream::Raw).samplesDropped, 0u);
     EXPECT_FALSE(report.good()) << report.verdict();
     EXPECT_GT(report.lost(), 0u) << report.verdict();
-}
-
-TEST(Faults, RefusedClockChangeCanBeRepeated) {
-    Bench bench(Scenario::counters(1));
-    auto& session = bench.session();
-    session.open();
-    const auto clock = session.tree().property("KESTRIX/BaseClock");
-    bench.instrument().inject({.kind = FaultKind::ScriptRefuses, .times = 1});
-    LogCapture log;
-    session.set(clock, "1");
-    EXPECT_EQ(bench.instrument().registerWord(0xB0000000) >> 1 & 3, 0u);
-    EXPECT_GT(log.count("KestrixAI::configureClock failed"), 0u) << log.text();
-    session.set(clock, "1");
-    EXPECT_EQ(session.tree().property("KESTRIX/BaseClock").owner.node.getPropertyValue<int>("BaseClock"), 1);
-    session.set(session.tree().property("SampleRate"), "16000");
-    const auto report = bench.record("ten.h5", 1.2);
-    EXPECT_TRUE(report.good()) << report.verdict();
-    EXPECT_NEAR(static_cast<double>(report.channels[1].samples), 16000 * report.durationS, 16000 * 0.25);
 }

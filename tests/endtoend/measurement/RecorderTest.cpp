@@ -157,25 +157,23 @@ TEST(Recorder, AsynchronousChannelsAreAskedForTheirLosses) {
 
 // Blocks of 100 ms, read every 10 ms, by a clock that is 50 ppm off; then what is given happens after 4 s.
 TEST(Recorder, ClockShowsWhatTheStreamDoesNot) {
-    struct Case {
-        const char* name;
-        double missingS;
-        double pauseS;  // the reader doesn't look
-        bool seen;
-    };
-    for (const auto& entry : {Case{"nothing", 0.0, 0.0, false}, Case{"three blocks", 0.3, 0.0, true},
-                              Case{"a late reader", 0.0, 0.8, false}, Case{"ten seconds", 10.0, 0.0, true}}) {
-        SCOPED_TRACE(entry.name);
+    // pauseS: the reader doesn't look.
+    const std::tuple<const char*, double, double, bool> rows[] = {{"nothing", 0.0, 0.0, false},
+                                                                  {"three blocks", 0.3, 0.0, true},
+                                                                  {"a late reader", 0.0, 0.8, false},
+                                                                  {"ten seconds", 10.0, 0.0, true}};
+    for (const auto& [name, missingS, pauseS, seen] : rows) {
+        SCOPED_TRACE(name);
         zornhost::ClockCheck check(10000.0);
         uint64_t missing = 0;
         for (int step = 0; step < 2000; ++step) {
             const double timeS = step * 0.01;
-            if (timeS > 4.0 && timeS < 4.0 + entry.pauseS) {
+            if (timeS > 4.0 && timeS < 4.0 + pauseS) {
                 continue;
             }
-            const double streamS = timeS * 1.00005 - (timeS > 4.0 ? std::min(entry.missingS, timeS - 4.0) : 0.0);
+            const double streamS = timeS * 1.00005 - (timeS > 4.0 ? std::min(missingS, timeS - 4.0) : 0.0);
             missing += check.observe(timeS, static_cast<uint64_t>(streamS * 10.0) * 1000).value_or(0);
         }
-        EXPECT_NEAR(static_cast<double>(missing), entry.missingS * 10000.0, entry.seen ? 1500.0 : 0.0);
+        EXPECT_NEAR(static_cast<double>(missing), missingS * 10000.0, seen ? 1500.0 : 0.0);
     }
 }

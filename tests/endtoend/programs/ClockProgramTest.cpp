@@ -85,11 +85,16 @@ TEST_F(ClockProgram, TakesTheInstrumentAndWaitsForTheLock) {
          "{}",
          "it is locked, with an error of up to"},
         {{"--sync", "PPS", "clock", "--plot", "x.gif"}, "{}", ".png or .svg"},
+        {{"--sync", "PPS", "clock", "-d", "600", "--plot", "/nowhere/x.png"}, "{}", "cannot be written: No such file"},
     };
     for (const Case& each : cases) {
         const auto result = Process::run(onInstrument(each.arguments, each.reference));
         EXPECT_EQ(result.exitCode, 1) << each.words;
         EXPECT_NE(result.err.find(each.words), std::string::npos) << result.err;
+        // One time for all waiting: the start takes some seconds more.
+        if (const size_t after = result.err.find(" after "); after != std::string::npos) {
+            EXPECT_LT(std::stod(result.err.substr(after + 7)), 28.0) << result.err;
+        }
     }
     EXPECT_EQ(Process::run(onInstrument({"--sync", "PPS", "clock", "wait", "--within", "5000"})).exitCode, 0);
 }

@@ -33,17 +33,12 @@ TEST(Engine, anInfoServesOneRegistration) {
 }
 
 TEST(Engine, valuesTakeTheTypeOfTheirProperty) {
-    struct Case {
-        CoreType type;
-        BasePtr value;
-        const char* stored;
-    };
     const std::string refused = "80000001 Value type is different than property type and conversion failed";
-    const Case cases[] = {
+    const std::tuple<CoreType, BasePtr, std::string> cases[] = {
         {CoreType::Int, toValue(2.9), "2"},
         {CoreType::Int, toValue("12"), "12"},
-        {CoreType::Int, toValue("twelve"), refused.c_str()},
-        {CoreType::Int, asBase(ListPtr::create()), refused.c_str()},
+        {CoreType::Int, toValue("twelve"), refused},
+        {CoreType::Int, asBase(ListPtr::create()), refused},
         {CoreType::Float, toValue(2), "2"},
         {CoreType::Bool, toValue(1), "true"},
         {CoreType::String, toValue(1.5), "1.5"},
@@ -51,15 +46,15 @@ TEST(Engine, valuesTakeTheTypeOfTheirProperty) {
         {CoreType::Ratio, toValue(50), "50/1"},
         {CoreType::Enum, toValue(1.0), "1"},
         {CoreType::Object, toValue("anything"), "anything"},
-        {CoreType::List, toValue(1), refused.c_str()},
-        {CoreType::Proc, toValue(1), refused.c_str()},
+        {CoreType::List, toValue(1), refused},
+        {CoreType::Proc, toValue(1), refused},
         {CoreType::Int, asBase(makeEval("1 + 1")), "1 + 1"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(textOf(c.value));
-        const auto object = makeObject({property("P", c.type)});
-        const std::string error = failure([&] { object.setPropertyValue("P", c.value); });
-        EXPECT_EQ(c.stored, error.empty() ? get(object, "P") : error);
+    for (const auto& [type, value, stored] : cases) {
+        SCOPED_TRACE(textOf(value));
+        const auto object = makeObject({property("P", type)});
+        const std::string error = failure([&, given = value] { object.setPropertyValue("P", given); });
+        EXPECT_EQ(stored, error.empty() ? get(object, "P") : error);
         EXPECT_EQ(error.empty(), object.isPropertySet("P"));
     }
     const auto object = makeObject({property("Do", CoreType::Proc)});
@@ -347,12 +342,7 @@ TEST(Engine, checkedSetRefusesReadably) {
                     property("Off").enabled(false)});
     object.setPropertyValue("Child", makeObject());
     object.setPropertyValue("Child.X", 1);
-    struct Case {
-        const char* name;
-        BasePtr value;
-        const char* result;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, BasePtr, const char*> cases[] = {
         {"Rate", toValue(1000), ""},
         {"Rate", toValue("20"), ""},
         {"Rate", toValue(1001), "80000005 Property Rate takes 10 to 1000, not 1001"},
@@ -371,16 +361,14 @@ TEST(Engine, checkedSetRefusesReadably) {
         {"Child.X", toValue(2), ""},
         {"Rate.X", toValue(2), "80000006 Property Rate.X not found: Rate holds no properties"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.name) + " " + textOf(c.value));
-        const std::string before = get(object, c.name);
-        const StringPtr property(c.name);
-        const std::string result =
-            failure([&] { checkErrorInfo(zornCheckedSetProperty(object.get(), property.get(), c.value.get())); });
-        EXPECT_EQ(c.result, result);
-        if (!result.empty()) {
-            EXPECT_EQ(before, get(object, c.name));
-        }
+    for (const auto& [name, value, expected] : cases) {
+        SCOPED_TRACE(std::string(name) + " " + textOf(value));
+        const std::string before = get(object, name);
+        const std::string result = failure([&, property = StringPtr(name), given = value] {
+            checkErrorInfo(zornCheckedSetProperty(object.get(), property.get(), given.get()));
+        });
+        EXPECT_EQ(expected, result);
+        EXPECT_TRUE(result.empty() || get(object, name) == before);
     }
     EXPECT_EQ("20", get(object, "Rate"));
 }

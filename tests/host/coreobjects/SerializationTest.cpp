@@ -109,15 +109,9 @@ TEST(Serialization, classesKeepAllTheirAttributes) {
 }
 
 TEST(Update, actionsDecide) {
-    struct Case {
-        const char* what;
-        PropertyState states;  // of the rule in mode 1
-        ConfigurationAction action;
-        bool set, inSetup;
-        const char* result;
-    };
     using enum ConfigurationAction;
-    const Case cases[] = {
+    // states: of the rule in mode 1.
+    const std::tuple<const char*, PropertyState, ConfigurationAction, bool, bool, const char*> cases[] = {
         {"no rule, only here", 0, Leave, true, false, "here"},
         {"no rule, only in the setup", 0, Leave, false, true, "setup"},
         {"no rule, in both", 0, Leave, true, true, "setup"},
@@ -129,18 +123,18 @@ TEST(Update, actionsDecide) {
         {"take over everything", 7, TakeOver, true, false, "default"},
         {"take over", 7, TakeOver, true, true, "setup"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, states, action, set, inSetup, result] : cases) {
+        SCOPED_TRACE(what);
         const auto info = property("P", CoreType::String).defaultValue("default");
-        if (c.states != 0) {
-            info.configurationAction(1, c.states, c.action);
+        if (states != 0) {
+            info.configurationAction(1, states, action);
         }
         const auto object = makeObject({info});
-        if (c.set) {
+        if (set) {
             object.setPropertyValue("P", "here");
         }
-        update(object, c.inSetup ? R"({"propValues": {"P": "setup"}})" : R"({"propValues": {}})");
-        EXPECT_EQ(c.result, get(object, "P"));
+        update(object, inSetup ? R"({"propValues": {"P": "setup"}})" : R"({"propValues": {}})");
+        EXPECT_EQ(result, get(object, "P"));
         // The rules of the other mode don't matter.
         update(object, R"({"propValues": {"P": "stored"}})", 2);
         EXPECT_EQ("stored", get(object, "P"));

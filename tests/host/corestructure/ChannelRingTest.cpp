@@ -134,17 +134,15 @@ TEST(ChannelRing, PositionSizeAndCountOverTheEnd) {
     const auto channel = syncChannel(SampleDataType::Int16);
     reserve(channel, 10);
     const auto buffer = channel.getBuffer();
-    struct Step {
-        size_t add, position, size;
-        long count;
-    };
-    for (const auto& step : {Step{0, 0, 0, 0}, Step{4, 4, 4, 4}, Step{5, 9, 9, 9}, Step{1, 0, 10, 10},
-                             Step{9, 9, 10, 19}, Step{9, 8, 10, 28}, Step{2, 0, 10, 30}, Step{10, 0, 10, 40}}) {
-        checkErrorInfo(channel->incrementSamplePosition(step.add));
-        EXPECT_EQ(*positionOf(channel), step.position);
-        EXPECT_EQ(buffer.getPosition(), step.position);
-        EXPECT_EQ(buffer.getSize(), step.size);
-        EXPECT_EQ(channel.getSamplesAcquired(), step.count);
+    const std::tuple<size_t, size_t, size_t, long> rows[] = {{0, 0, 0, 0},   {4, 4, 4, 4},   {5, 9, 9, 9},
+                                                             {1, 0, 10, 10}, {9, 9, 10, 19}, {9, 8, 10, 28},
+                                                             {2, 0, 10, 30}, {10, 0, 10, 40}};
+    for (const auto& [add, position, size, count] : rows) {
+        checkErrorInfo(channel->incrementSamplePosition(add));
+        EXPECT_EQ(*positionOf(channel), position);
+        EXPECT_EQ(buffer.getPosition(), position);
+        EXPECT_EQ(buffer.getSize(), size);
+        EXPECT_EQ(channel.getSamplesAcquired(), count);
     }
     EXPECT_EQ(codeOf(channel->incrementSamplePosition(11)), Errors::OutOfRange);
     EXPECT_EQ(*positionOf(channel), 0u);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <limits>
-#include <string>
 
 #include <zorn/structure/module.h>
 

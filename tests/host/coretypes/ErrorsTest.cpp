@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <string>
 #include <thread>
 
 #include <zorn/types/callable.h>
 #include <zorn/types/object_impl.h>
-#include <zorn/types/values.h>
 
 #include "tests/host/Made.h"
 
@@ -19,8 +17,7 @@ bool hasErrorInfo() {
     return static_cast<bool>(made<IErrorInfo>(zornGetErrorInfo));
 }
 
-class ErrorsTest : public testing::Test {
-protected:
+struct ErrorsTest : testing::Test {
     void SetUp() override { zornClearErrorInfo(); }
     void TearDown() override { zornClearErrorInfo(); }
 };
@@ -154,8 +151,7 @@ TEST_F(ErrorsTest, everyThreadHasItsOwn) {
 
 TEST_F(ErrorsTest, aLaterFactoryReplacesAndDestroysTheEarlier) {
     static int destroyed = 0;
-    class Factory final : public IExceptionFactory {
-    public:
+    struct Factory final : IExceptionFactory {
         void destroy() override {
             ++destroyed;
             delete this;

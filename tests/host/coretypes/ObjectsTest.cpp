@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 
 #include <zorn/types/callable.h>
@@ -13,8 +12,7 @@ using namespace Harvane::RT::Core::Testing;
 
 namespace {
 
-class Weak final : public ObjectImpl<IIntObject, ISupportsWeakRef> {
-public:
+struct Weak final : ObjectImpl<IIntObject, ISupportsWeakRef> {
     ErrCode getValue(int64_t* value) override { return *value = 5, Errors::Success; }
     ErrCode getWeakRef(IWeakRef** reference) override {
         *reference = new WeakRefImpl(shareControl(), self());

@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
-#include <string>
-
-#include <zorn/types/values.h>
 
 #include "tests/host/Made.h"
 
@@ -31,43 +29,39 @@ std::string converted(const BasePtr& value, CoreType type) {
 }  // namespace
 
 TEST(Values, convertIntoEachOther) {
-    struct Case {
-        BasePtr value;
-        const char *toBool, *toInt, *toFloat, *toString, *toRatio;
+    // As Boolean, integer, float, string and ratio.
+    const std::pair<BasePtr, std::array<const char*, 5>> cases[] = {
+        {toValue(true), {"true", "1", "1", "true", "1/1"}},
+        {toValue(false), {"false", "0", "0", "false", "0/1"}},
+        {toValue(0), {"false", "0", "0", "0", "0/1"}},
+        {toValue(largest),
+         {"true", "9223372036854775807", "9223372036854775808", "9223372036854775807", "9223372036854775807/1"}},
+        {toValue(2.9), {"true", "2", "2.9", "2.9", "29/10"}},
+        {toValue(-2.9), {"true", "-2", "-2.9", "-2.9", "-29/10"}},
+        {toValue(0x1p63), {"true", "-", "9223372036854775808", "9223372036854775808", "-"}},
+        {toValue(notANumber), {"-", "-", "nan", "nan", "-"}},
+        {toValue(M_PI), {"true", "3", "3.141592653589793", "3.141592653589793", "-"}},
+        {toValue(Ratio{1000, 1}), {"true", "1000", "1000", "1000/1", "1000/1"}},
+        {toValue(Ratio{-7, 2}), {"true", "-3", "-3.5", "-7/2", "-7/2"}},
+        {toValue(Ratio{smallest, -1}),
+         {"true", "-", "9223372036854775808", "-9223372036854775808/-1", "-9223372036854775808/-1"}},
+        {toValue("true"), {"true", "-", "-", "true", "-"}},
+        {toValue("0"), {"false", "0", "0", "0", "0/1"}},
+        {toValue("12"), {"-", "12", "12", "12", "12/1"}},
+        {toValue("1.5"), {"-", "-", "1.5", "1.5", "-"}},
+        {toValue("1000/3"), {"-", "-", "-", "1000/3", "1000/3"}},
+        {toValue("5/0"), {"-", "-", "-", "5/0", "-"}},
+        {toValue(" 1"), {"-", "-", "-", " 1", "-"}},
+        {toValue("1x"), {"-", "-", "-", "1x", "-"}},
+        {toValue(""), {"-", "-", "-", "", "-"}},
+        {toValue("9223372036854775808"), {"-", "-", "9223372036854775808", "9223372036854775808", "-"}},
     };
-    const Case cases[] = {
-        {toValue(true), "true", "1", "1", "true", "1/1"},
-        {toValue(false), "false", "0", "0", "false", "0/1"},
-        {toValue(0), "false", "0", "0", "0", "0/1"},
-        {toValue(largest), "true", "9223372036854775807", "9223372036854775808", "9223372036854775807",
-         "9223372036854775807/1"},
-        {toValue(2.9), "true", "2", "2.9", "2.9", "29/10"},
-        {toValue(-2.9), "true", "-2", "-2.9", "-2.9", "-29/10"},
-        {toValue(0x1p63), "true", "-", "9223372036854775808", "9223372036854775808", "-"},
-        {toValue(notANumber), "-", "-", "nan", "nan", "-"},
-        {toValue(M_PI), "true", "3", "3.141592653589793", "3.141592653589793", "-"},
-        {toValue(Ratio{1000, 1}), "true", "1000", "1000", "1000/1", "1000/1"},
-        {toValue(Ratio{-7, 2}), "true", "-3", "-3.5", "-7/2", "-7/2"},
-        {toValue(Ratio{smallest, -1}), "true", "-", "9223372036854775808", "-9223372036854775808/-1",
-         "-9223372036854775808/-1"},
-        {toValue("true"), "true", "-", "-", "true", "-"},
-        {toValue("0"), "false", "0", "0", "0", "0/1"},
-        {toValue("12"), "-", "12", "12", "12", "12/1"},
-        {toValue("1.5"), "-", "-", "1.5", "1.5", "-"},
-        {toValue("1000/3"), "-", "-", "-", "1000/3", "1000/3"},
-        {toValue("5/0"), "-", "-", "-", "5/0", "-"},
-        {toValue(" 1"), "-", "-", "-", " 1", "-"},
-        {toValue("1x"), "-", "-", "-", "1x", "-"},
-        {toValue(""), "-", "-", "-", "", "-"},
-        {toValue("9223372036854775808"), "-", "-", "9223372036854775808", "9223372036854775808", "-"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(textOf(c.value) + " of type " + std::to_string(static_cast<int>(coreTypeOf(c.value))));
-        EXPECT_EQ(c.toBool, converted(c.value, CoreType::Bool));
-        EXPECT_EQ(c.toInt, converted(c.value, CoreType::Int));
-        EXPECT_EQ(c.toFloat, converted(c.value, CoreType::Float));
-        EXPECT_EQ(c.toString, converted(c.value, CoreType::String));
-        EXPECT_EQ(c.toRatio, converted(c.value, CoreType::Ratio));
+    constexpr CoreType types[] = {CoreType::Bool, CoreType::Int, CoreType::Float, CoreType::String, CoreType::Ratio};
+    for (const auto& [value, texts] : cases) {
+        SCOPED_TRACE(textOf(value) + " of type " + std::to_string(static_cast<int>(coreTypeOf(value))));
+        for (size_t i = 0; i < texts.size(); ++i) {
+            EXPECT_EQ(texts[i], converted(value, types[i])) << i;
+        }
     }
 }
 
@@ -83,11 +77,7 @@ TEST(Values, areReadAsAnotherTypeWithinItsLimits) {
 }
 
 TEST(Values, compareByContentWithinTheirKind) {
-    struct Case {
-        BasePtr left, right;
-        int order;
-    };
-    const Case cases[] = {
+    const std::tuple<BasePtr, BasePtr, int> cases[] = {
         {toValue("abc"), toValue("abc"), 0},
         {toValue("abc"), toValue("abd"), -1},
         {toValue("b"), toValue("abc"), 1},
@@ -105,18 +95,18 @@ TEST(Values, compareByContentWithinTheirKind) {
         {toValue(std::string_view("a\0b", 3)), toValue("a"), 1},
     };
     auto sign = [](int value) { return (value > 0) - (value < 0); };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(textOf(c.left) + " and " + textOf(c.right));
+    for (const auto& [left, right, expected] : cases) {
+        SCOPED_TRACE(textOf(left) + " and " + textOf(right));
         int order = 99;
-        ASSERT_EQ(Errors::Success, c.left.asPtr<IComparable>()->compareTo(c.right.get(), &order));
-        EXPECT_EQ(c.order, sign(order));
-        ASSERT_EQ(Errors::Success, c.right.asPtr<IComparable>()->compareTo(c.left.get(), &order));
-        EXPECT_EQ(-c.order, sign(order));
-        EXPECT_EQ(c.order == 0, c.left.equals(c.right));
-        size_t left = 0, right = 0;
-        checkErrorInfo(c.left->getHashCode(&left));
-        checkErrorInfo(c.right->getHashCode(&right));
-        EXPECT_TRUE(left == right || c.order != 0);
+        ASSERT_EQ(Errors::Success, left.asPtr<IComparable>()->compareTo(right.get(), &order));
+        EXPECT_EQ(expected, sign(order));
+        ASSERT_EQ(Errors::Success, right.asPtr<IComparable>()->compareTo(left.get(), &order));
+        EXPECT_EQ(-expected, sign(order));
+        EXPECT_EQ(expected == 0, left.equals(right));
+        size_t hashes[2] = {};
+        checkErrorInfo(left->getHashCode(&hashes[0]));
+        checkErrorInfo(right->getHashCode(&hashes[1]));
+        EXPECT_TRUE(hashes[0] == hashes[1] || expected != 0);
     }
     // Other kinds are never equal and have no order.
     int order = 0;

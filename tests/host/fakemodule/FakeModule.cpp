@@ -127,8 +127,7 @@ private:
     bool withoutWords_ = false;
 };
 
-class FakeFactory final : public ObjectImpl<IModuleFactory> {
-public:
+struct FakeFactory final : ObjectImpl<IModuleFactory> {
     ErrCode getName(IString** name) override { return createString(name, "Fake Module"); }
     ErrCode createInstance(IString** name, IModule** module) override {
         *module = new FakeModule;
@@ -136,8 +135,7 @@ public:
     }
 };
 
-class FakeDriver final : public ObjectImpl<IModuleDriver> {
-public:
+struct FakeDriver final : ObjectImpl<IModuleDriver> {
     ErrCode getName(IString** name) override { return createString(name, "Fake Driver"); }
     ErrCode enumerateModuleFactories(IList** factories) override {
         *factories = ListPtr::create({BasePtr::take(new FakeFactory)}).detach();

@@ -1,13 +1,10 @@
 #include <cctype>
-#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <zorn/types/values.h>
 
 #include "tests/host/Made.h"
 #include "tests/host/runtime/RecordingSink.h"

@@ -2,7 +2,6 @@
 #include <fstream>
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <zorn/manager/manager.h>
@@ -36,8 +35,7 @@ bool isLoaded(const std::string& file) {
     return handle != nullptr;
 }
 
-class ModuleHostTest : public testing::Test {
-protected:
+struct ModuleHostTest : testing::Test {
     void run() {
         host.add();
         host.configure();

@@ -38,8 +38,7 @@ private:
     std::function<ErrCode()> body_;
 };
 
-class SchedulerTest : public testing::Test {
-protected:
+struct SchedulerTest : testing::Test {
     // A module that runs `body` in every cycle.
     ObjectPtr<IModule> add(std::function<ErrCode()> body) {
         auto module = ObjectPtr<IModule>::take(new CycleModule(std::move(body)));

@@ -1,12 +1,9 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <iterator>
-#include <string>
 #include <vector>
 
 #include <zorn/objects/property_object.h>
-#include <zorn/structure/module.h>
 
 #include "tests/module/ModuleFile.h"
 
@@ -68,8 +65,7 @@ ZORN_FUNCTION ErrCode createProperyObjectClassWithName(IPropertyObjectClass** ob
 
 namespace {
 
-class HostVersionTest : public testing::Test {
-protected:
+struct HostVersionTest : testing::Test {
     HostVersionTest() { host = HostVersions(); }
     ~HostVersionTest() override { refuseClasses = false; }
 
@@ -90,11 +86,7 @@ TEST_F(HostVersionTest, OnlyTheMajorNumberCounts) {
 
 TEST_F(HostVersionTest, OtherMajorNumbersAreRefused) {
     ModuleFile module;
-    struct Row {
-        Version found;
-        const char* text;
-    };
-    const Row rows[] = {
+    const std::pair<Version, const char*> rows[] = {
         {{2, 0, 0}, "Incompatible CoreTypes v1.1.0 (expected compatible with v2.0.0)"},
         {{0, 9, 1}, "Incompatible CoreObjects v1.0.0 (expected compatible with v0.9.1)"},
         {{2, 3, 4}, "Incompatible CoreStructure v1.2.0 (expected compatible with v2.3.4)"},
@@ -103,8 +95,8 @@ TEST_F(HostVersionTest, OtherMajorNumbersAreRefused) {
     };
     for (size_t library = 0; library < std::size(rows); ++library) {
         host = HostVersions();
-        host.answers[library] = rows[library].found;
-        EXPECT_EQ(check(module, Errors::IncompatibleVersion), rows[library].text);
+        host.answers[library] = rows[library].first;
+        EXPECT_EQ(check(module, Errors::IncompatibleVersion), rows[library].second);
         // The first that fails ends the check.
         EXPECT_EQ(host.asked.size(), library + 1);
         EXPECT_EQ(module.call("zornCheckDependencies", static_cast<IString**>(nullptr)), Errors::IncompatibleVersion);

@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
-#include <complex>
 #include <memory>
-#include <numbers>
 #include <numeric>
 
 #include "simulator/model/Firmware.h"
-#include "simulator/model/Signal.h"
 #include "tests/simulator/model/Rig.h"
 
 using namespace kestrixsim;
@@ -35,106 +31,89 @@ std::vector<int32_t> filteredOf(const SignalSource& source, uint64_t first, size
 // ---- From a physical value to counts ----
 
 TEST(Physical, countsAreThoseOfTheDataSheet) {
-    const struct {
-        const char* name;
-        double range;
-        float scale;
-        float offset;
-        double value;
-        int16_t narrow;
-        int32_t wide;
-    } cases[] = {{"voltage", 5.0, 1.000213F, -1.75F, 3.2, 20979, 1374848434},
-                 {"bridge", 2.0, 0.9987F, 3.1F, 0.7531, 12304, 806358944},
-                 {"ideal", 10.0, 1.0F, 0.0F, 5.0, 16384, 1073741824},
-                 {"offset only", 10.0, 1.0F, 500.0F, 0.0, -1638, -107374182},
-                 {"full scale clips", 10.0, 1.0F, 0.0F, 10.0, 32767, 2147483647},
-                 {"too low", 10.0, 0.9998F, 0.0F, -1e6, -32768, -2147483647 - 1}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
+    const std::tuple<const char*, double, float, float, double, int16_t, int32_t> cases[] = {
+        {"voltage", 5.0, 1.000213F, -1.75F, 3.2, 20979, 1374848434},
+        {"bridge", 2.0, 0.9987F, 3.1F, 0.7531, 12304, 806358944},
+        {"ideal", 10.0, 1.0F, 0.0F, 5.0, 16384, 1073741824},
+        {"offset only", 10.0, 1.0F, 500.0F, 0.0, -1638, -107374182},
+        {"full scale clips", 10.0, 1.0F, 0.0F, 10.0, 32767, 2147483647},
+        {"too low", 10.0, 0.9998F, 0.0F, -1e6, -32768, -2147483647 - 1}};
+    for (const auto& [name, range, scale, offset, value, narrow, wide] : cases) {
+        SCOPED_TRACE(name);
         SignalSource source;
-        source.waveform = physical(WaveformKind::Constant, 0.0, p.value);
-        source.frontEnd = FrontEnd::calibrated(-p.range, p.range, p.scale, p.offset);
-        EXPECT_EQ(p.narrow, rawOf(source, 15, 1000, 1)[0]);
-        EXPECT_EQ(p.wide, filteredOf(source, 1000, 1)[0]);
+        source.waveform = physical(WaveformKind::Constant, 0.0, value);
+        source.frontEnd = FrontEnd::calibrated(-range, range, scale, offset);
+        EXPECT_EQ(narrow, rawOf(source, 15, 1000, 1)[0]);
+        EXPECT_EQ(wide, filteredOf(source, 1000, 1)[0]);
     }
 }
 
 // ---- Filters of the amplifier ----
 
 TEST(Physical, sineIsWeakenedAndTurned) {
-    const struct {
-        const char* name;
-        double highPass;
-        double lowPass;
-        double hertz;
-        double gain;
-        double degrees;
-    } cases[] = {{"direct", 0.0, 0.0, 1000.0, 1.0, 0.0},
-                 {"high-pass at its corner", 1.0, 0.0, 1.0, 0.70711, 45.0},
-                 {"high-pass below", 10.0, 0.0, 1.0, 0.09950, 84.289},
-                 {"high-pass far above", 1.0, 0.0, 100.0, 0.99995, 0.573},
-                 {"low-pass at its corner", 0.0, 10000.0, 10000.0, 0.70711, -90.0},
-                 {"low-pass below", 0.0, 10000.0, 1000.0, 0.99995, -8.130},
-                 {"low-pass ten times above", 0.0, 10000.0, 100000.0, 0.0100, -171.870},
-                 {"low-pass octave above", 0.0, 10000.0, 20000.0, 0.24254, -136.686},
-                 {"both", 1000.0, 1000.0, 1000.0, 0.5, -45.0}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
+    const std::tuple<const char*, double, double, double, double, double> cases[] = {
+        {"direct", 0.0, 0.0, 1000.0, 1.0, 0.0},
+        {"high-pass at its corner", 1.0, 0.0, 1.0, 0.70711, 45.0},
+        {"high-pass below", 10.0, 0.0, 1.0, 0.09950, 84.289},
+        {"high-pass far above", 1.0, 0.0, 100.0, 0.99995, 0.573},
+        {"low-pass at its corner", 0.0, 10000.0, 10000.0, 0.70711, -90.0},
+        {"low-pass below", 0.0, 10000.0, 1000.0, 0.99995, -8.130},
+        {"low-pass ten times above", 0.0, 10000.0, 100000.0, 0.0100, -171.870},
+        {"low-pass octave above", 0.0, 10000.0, 20000.0, 0.24254, -136.686},
+        {"both", 1000.0, 1000.0, 1000.0, 0.5, -45.0}};
+    for (const auto& [name, highPass, lowPass, hertz, gain, degrees] : cases) {
+        SCOPED_TRACE(name);
         SignalSource source;
-        source.waveform = physical(WaveformKind::Sine, 20000.0, 3000.0, p.hertz);
-        source.frontEnd.highPassHz = p.highPass;
-        source.frontEnd.lowPassHz = p.lowPass;
-        const double mean = p.highPass > 0.0 ? 0.0 : 3000.0;
+        source.waveform = physical(WaveformKind::Sine, 20000.0, 3000.0, hertz);
+        source.frontEnd.highPassHz = highPass;
+        source.frontEnd.lowPassHz = lowPass;
+        const double mean = highPass > 0.0 ? 0.0 : 3000.0;
         const auto raw = rawOf(source, 15, 0, 1000000);
-        const std::complex<double> rawAmplitude = amplitudeOf(raw, p.hertz / 1e6);
-        EXPECT_NEAR(p.gain, std::abs(rawAmplitude) / 20000.0, 2e-4);
-        EXPECT_NEAR(p.degrees, std::arg(rawAmplitude) * 180.0 / pi, p.gain < 0.02 ? 0.5 : 0.05);
+        const std::complex<double> rawAmplitude = amplitudeOf(raw, hertz / 1e6);
+        EXPECT_NEAR(gain, std::abs(rawAmplitude) / 20000.0, 2e-4);
+        EXPECT_NEAR(degrees, std::arg(rawAmplitude) * 180.0 / pi, gain < 0.02 ? 0.5 : 0.05);
         EXPECT_NEAR(mean, std::accumulate(raw.begin(), raw.end(), 0.0) / 1e6, 0.1);
-        if (p.hertz < 40000.0) {
+        if (hertz < 40000.0) {
             const auto filtered = filteredOf(source, 1000, 100000);
-            EXPECT_NEAR(p.gain, std::abs(amplitudeOf(filtered, p.hertz / 1e5)) / 20000.0 / 65536.0, 2e-4);
+            EXPECT_NEAR(gain, std::abs(amplitudeOf(filtered, hertz / 1e5)) / 20000.0 / 65536.0, 2e-4);
         }
     }
 }
 
 // The shape itself against the sum of the harmonics, each weakened and turned by the circuit.
 TEST(Physical, edgesHaveTheShapeThatTheCircuitGives) {
-    const struct {
-        const char* name;
-        WaveformKind kind;
-        double highPass;
-        double lowPass;
-    } cases[] = {{"square, high-pass", WaveformKind::Square, 300.0, 0.0},
-                 {"square, both", WaveformKind::Square, 300.0, 4000.0},
-                 {"ramp, high-pass", WaveformKind::Ramp, 300.0, 0.0},
-                 {"ramp, low-pass", WaveformKind::Ramp, 0.0, 2000.0},
-                 {"ramp, both", WaveformKind::Ramp, 300.0, 4000.0}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
+    const std::tuple<const char*, WaveformKind, double, double> cases[] = {
+        {"square, high-pass", WaveformKind::Square, 300.0, 0.0},
+        {"square, both", WaveformKind::Square, 300.0, 4000.0},
+        {"ramp, high-pass", WaveformKind::Ramp, 300.0, 0.0},
+        {"ramp, low-pass", WaveformKind::Ramp, 0.0, 2000.0},
+        {"ramp, both", WaveformKind::Ramp, 300.0, 4000.0}};
+    for (const auto& [name, kind, highPass, lowPass] : cases) {
+        SCOPED_TRACE(name);
         SignalSource source;
-        source.waveform = physical(p.kind, 16000.0, 500.0, 1000.0);
-        source.frontEnd.highPassHz = p.highPass;
-        source.frontEnd.lowPassHz = p.lowPass;
+        source.waveform = physical(kind, 16000.0, 500.0, 1000.0);
+        source.frontEnd.highPassHz = highPass;
+        source.frontEnd.lowPassHz = lowPass;
         const auto samples = rawOf(source, 100, 0, 150);  // one period
-        const bool square = p.kind == WaveformKind::Square;
-        const bool steep = p.lowPass == 0.0;
+        const bool square = kind == WaveformKind::Square;
+        const bool steep = lowPass == 0.0;
         for (size_t n = 0; n < samples.size(); ++n) {
             const double place = static_cast<double>(n) / 150.0;
             if (steep && std::fmod(place, square ? 0.5 : 1.0) == 0.0) {
                 continue;  // on an edge
             }
             // Steep edges are taken as they are, and only what the high-pass changes as a sum: that one converges.
-            double value = p.highPass > 0.0 ? 0.0 : 500.0;
+            double value = highPass > 0.0 ? 0.0 : 500.0;
             if (steep) {
                 value += square ? (place < 0.5 ? 16000.0 : -16000.0) : 16000.0 * (2.0 * place - 1.0);
             }
             for (int k = 1; k < 2000; k += square ? 2 : 1) {
                 const double hertz = 1000.0 * k;
-                std::complex<double> gain = p.highPass > 0.0 ? 1.0 / std::complex(1.0, -p.highPass / hertz) : 1.0;
+                std::complex<double> gain = highPass > 0.0 ? 1.0 / std::complex(1.0, -highPass / hertz) : 1.0;
                 if (steep) {
                     gain -= 1.0;
                 } else {
-                    const double relative = hertz / p.lowPass;
+                    const double relative = hertz / lowPass;
                     gain /= std::complex(1.0 - relative * relative, std::numbers::sqrt2 * relative);
                 }
                 const double part = 16000.0 * (square ? 4.0 : -2.0) / (pi * k);
@@ -173,8 +152,7 @@ TEST(Physical, fileIsScaledAndShifted) {
 
 // ---- The whole amplifier, driven by its frames ----
 
-class Bench : public testing::Test {
-protected:
+struct Bench : testing::Test {
     void make(AmplifierKind kind, const Waveform& waveform = {}, Sensor sensor = Sensor::Ok) {
         Scenario scenario;
         scenario.supplyOn = true;
@@ -242,15 +220,12 @@ TEST_F(Bench, settingsTakeEffectWithTheUpdateWhileTheStreamRuns) {
 }
 
 TEST_F(Bench, sensorStatesShowInSignalAndStatus) {
-    const struct {
-        AmplifierKind kind;
-        Sensor sensor;
-        uint8_t status;
-        double value;  // V, of 2 at the input; 10 is all that fits
-    } cases[] = {{AmplifierKind::Bridge, Sensor::Ok, 1, 2.0},
-                 {AmplifierKind::Bridge, Sensor::Open, 2, 10.0},
-                 {AmplifierKind::Bridge, Sensor::Shorted, 3, 0.0},
-                 {AmplifierKind::Voltage, Sensor::Open, 0, 2.0}};  // does not look
+    // value: V, of 2 at the input; 10 is all that fits.
+    const std::tuple<AmplifierKind, Sensor, uint8_t, double> cases[] = {
+        {AmplifierKind::Bridge, Sensor::Ok, 1, 2.0},
+        {AmplifierKind::Bridge, Sensor::Open, 2, 10.0},
+        {AmplifierKind::Bridge, Sensor::Shorted, 3, 0.0},
+        {AmplifierKind::Voltage, Sensor::Open, 0, 2.0}};  // does not look
     for (const auto& [kind, sensor, status, value] : cases) {
         make(kind, physical(WaveformKind::Constant, 0.0, 2.0), sensor);
         const bool excitable = kind == AmplifierKind::Bridge;

@@ -30,8 +30,7 @@ TEST(Scripts, faultsSwitchNothing) {
     EXPECT_EQ(0x110u, rig.word(0xB0000000)) << "this one does its work";
 }
 
-class RootTest : public testing::Test {
-protected:
+struct RootTest : testing::Test {
     RootTest() : root_(fs::temp_directory_path() / ("kestrix-root-" + std::to_string(getpid()))) {}
     ~RootTest() override { fs::remove_all(root_); }
 

@@ -9,8 +9,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 // The daemon of a clock 02A0B1.FFFE.C2D3E4 at the instrument's second 10, asked as the module asks.
-class PtpDaemonTest : public testing::Test {
-protected:
+struct PtpDaemonTest : testing::Test {
     PtpDaemonTest() {
         daemon_.start("slave");
         now_ = 10.25;
@@ -85,31 +84,6 @@ TEST_F(PtpDaemonTest, WhatIsNoQuestionIsIgnored) {
         EXPECT_TRUE(ask(bytes).empty()) << size;
     }
     EXPECT_EQ(daemon_.requests().size(), 62u);
-}
-
-TEST_F(PtpDaemonTest, LateRepliesComeInTheirTimeUnlessTheDaemonGoes) {
-    faults_.add({.kind = FaultKind::PtpLate, .code = 500});
-    EXPECT_TRUE(ask(request(0x2004)).empty());
-    EXPECT_TRUE(daemon_.pending());
-    EXPECT_EQ(ask(request(0xC000)).size(), 1u) << "overtakes it";
-    now_ += 0.5;
-    EXPECT_EQ(daemon_.due().size(), 1u);
-    EXPECT_FALSE(daemon_.pending());
-    const uint64_t before = daemon_.socket().incarnation;
-    for (const auto& [change, kind] : {std::pair<void (*)(PtpDaemon&), PtpSocketState::Kind>{
-                                           [](PtpDaemon& d) { d.restart(); }, PtpSocketState::Kind::Open},
-                                       {[](PtpDaemon& d) { d.crash(); }, PtpSocketState::Kind::Stale},
-                                       {[](PtpDaemon& d) { d.restart(); }, PtpSocketState::Kind::Open},
-                                       {[](PtpDaemon& d) { d.start("irig slave"); }, PtpSocketState::Kind::Absent}}) {
-        faults_.add({.kind = FaultKind::PtpLate, .code = 500});
-        ask(request(0x2004));
-        change(daemon_);
-        EXPECT_EQ(daemon_.socket().kind, kind);
-        EXPECT_FALSE(daemon_.pending());
-        faults_.clear();
-        EXPECT_EQ(ask(request(0x2004)).size(), kind == PtpSocketState::Kind::Open ? 1u : 0u);
-    }
-    EXPECT_EQ(daemon_.socket().incarnation, before + 4);
 }
 
 }  // namespace

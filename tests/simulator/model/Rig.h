@@ -11,8 +11,7 @@
 
 // The instrument with its time in the test's hand, and the few steps that every program takes on its registers and
 // streams. Numbers are those of the hardware.
-class Rig {
-public:
+struct Rig {
     explicit Rig(kestrixsim::Scenario scenario) : instrument(std::move(scenario), [this] { return now; }) {}
 
     uint32_t word(uint64_t address) const { return instrument.registerWord(address); }

@@ -10,64 +10,57 @@ using namespace kestrixsim;
 namespace {
 
 TEST(Streams, descriptorIsReadyWhenItsLastSampleIs) {
-    const struct {
-        const char* name;
-        Stream stream;
-        int clock;            // MHz
-        uint32_t decimation;  // or half-bands
-        uint64_t ratio;
-        double rate;
-        int descriptorSize;
-    } cases[] = {{"15 MHz raw", Stream::Raw, 15, 1, 0, 15e6, 937500},
-                 {"decimation zero", Stream::Raw, 15, 0, 0, 15e6, 937500},
-                 {"1 kHz raw", Stream::Raw, 15, 15000, 0, 1000.0, 248},
-                 {"100 Hz of 10 MHz raw", Stream::Raw, 10, 100000, 0, 100.0, 24},
-                 {"1.875 MHz", Stream::Filtered, 15, 1, 0, 1875000.0, 200000},
-                 {"1 MHz", Stream::Filtered, 15, 1, 240518168576, 1e6, 200000},
-                 {"50 kHz", Stream::Filtered, 15, 6, 47244640256, 50000.0, 25000},
-                 {"100 Hz", Stream::Filtered, 15, 15, 39694893056, 100.0, 48},
-                 {"16 kHz of 10 MHz", Stream::Filtered, 10, 7, 60666413056, 16000.0, 8000},
-                 {"10 Hz has wrapped stages", Stream::Filtered, 15, 0, 118338093056, 2621440.0, 4000}};
-    for (const auto& parameter : cases) {
-        SCOPED_TRACE(parameter.name);
+    // MHz of the clock, decimation or half-bands, ratio, samples a second, bytes of a descriptor.
+    const std::tuple<const char*, Stream, int, uint32_t, uint64_t, double, int> cases[] = {
+        {"15 MHz raw", Stream::Raw, 15, 1, 0, 15e6, 937500},
+        {"decimation zero", Stream::Raw, 15, 0, 0, 15e6, 937500},
+        {"1 kHz raw", Stream::Raw, 15, 15000, 0, 1000.0, 248},
+        {"100 Hz of 10 MHz raw", Stream::Raw, 10, 100000, 0, 100.0, 24},
+        {"1.875 MHz", Stream::Filtered, 15, 1, 0, 1875000.0, 200000},
+        {"1 MHz", Stream::Filtered, 15, 1, 240518168576, 1e6, 200000},
+        {"50 kHz", Stream::Filtered, 15, 6, 47244640256, 50000.0, 25000},
+        {"100 Hz", Stream::Filtered, 15, 15, 39694893056, 100.0, 48},
+        {"16 kHz of 10 MHz", Stream::Filtered, 10, 7, 60666413056, 16000.0, 8000},
+        {"10 Hz has wrapped stages", Stream::Filtered, 15, 0, 118338093056, 2621440.0, 4000}};
+    for (const auto& [name, stream, clock, decimation, ratio, rate, descriptorSize] : cases) {
+        SCOPED_TRACE(name);
         Rig rig(Scenario::counters(1));
-        if (parameter.clock == 10) {
+        if (clock == 10) {
             rig.instrument.runCommand("/opt/harvane/scripts/vcxo_control.sh set_clock 10");
             rig.storeBits(0xB0000000, 7, 3);
         }
-        const bool raw = parameter.stream == Stream::Raw;
+        const bool raw = stream == Stream::Raw;
         if (raw) {
-            rig.raw(0, parameter.decimation);
+            rig.raw(0, decimation);
         } else {
-            rig.filtered(0, parameter.decimation, parameter.ratio);
+            rig.filtered(0, decimation, ratio);
         }
-        const size_t size = static_cast<size_t>(parameter.descriptorSize);
-        rig.transfer(0, parameter.stream, parameter.descriptorSize);
+        const size_t size = static_cast<size_t>(descriptorSize);
+        rig.transfer(0, stream, descriptorSize);
         std::vector<uint8_t> buffer(20 * size);
-        const auto read = [&] { return rig.instrument.dmaRead(0, parameter.stream, buffer.data(), buffer.size()); };
+        const auto read = [&, from = stream] { return rig.instrument.dmaRead(0, from, buffer.data(), buffer.size()); };
         rig.now += 10.0;
         EXPECT_EQ(-EAGAIN, read()) << "nothing converts yet";
         rig.convert(1);
         const double samples = static_cast<double>(size) / (raw ? 2 : 4);
         const double start = rig.now;
-        rig.now = start + (samples - 0.5) / parameter.rate;
+        rig.now = start + (samples - 0.5) / rate;
         EXPECT_EQ(-EAGAIN, read());
-        rig.now = start + samples / parameter.rate;
-        EXPECT_EQ(parameter.descriptorSize, read());
+        rig.now = start + samples / rate;
+        EXPECT_EQ(descriptorSize, read());
         EXPECT_EQ(-EAGAIN, read());
-        rig.now = start + 4.5 * samples / parameter.rate;
-        EXPECT_EQ(3 * parameter.descriptorSize, read());
+        rig.now = start + 4.5 * samples / rate;
+        EXPECT_EQ(3 * descriptorSize, read());
         // Half a million descriptors later the place is still right.
-        rig.now = start + (500000.0 * samples - 0.25) / parameter.rate;
+        rig.now = start + (500000.0 * samples - 0.25) / rate;
         read();
-        rig.now = start + (500000.0 * samples + 0.25) / parameter.rate;
-        EXPECT_EQ(parameter.descriptorSize, read());
+        rig.now = start + (500000.0 * samples + 0.25) / rate;
+        EXPECT_EQ(descriptorSize, read());
     }
 }
 
 // One raw stream of 1 kHz with descriptors of 100 samples, converting.
-class RawStream : public testing::Test {
-protected:
+struct RawStream : testing::Test {
     void prepare(Scenario scenario = Scenario::counters(1)) {
         rig = std::make_unique<Rig>(std::move(scenario));
         rig->raw(0, 15000);

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 
 #include "tests/simulator/model/Rig.h"
@@ -27,8 +26,7 @@ struct Record {
 };
 
 // An instrument with quiet references, told to follow one of them.
-class TimingRig : public Rig {
-public:
+struct TimingRig : Rig {
     explicit TimingRig(Scenario scenario = quiet()) : Rig(std::move(scenario)) { store(timing + 0x24, 3); }
 
     static Scenario quiet() {
@@ -68,31 +66,25 @@ public:
 };
 
 TEST(Oscillator, frequencyFollowsTheControlWordByItsOwnCurve) {
-    struct Case {
-        uint16_t word;
-        OscillatorScenario curve;
-        double errorPpm;
-        double ppm;
-    };
-    const Case cases[] = {{506, {}, 0.0, 0.0},
-                          {506, {}, 12.0, 12.0},
-                          {0, {}, 0.0, 289.280},
-                          {1023, {}, 0.0, -60.965},
-                          {573, {}, 12.0, 0.0},
-                          {0, {.slope = 0.5}, 0.0, 144.640},
-                          {506, {.bendPpm = 3.0}, 0.0, 0.0},
-                          {1018, {.bendPpm = 3.0}, 0.0, -57.23}};
-    for (const Case& each : cases) {
+    const std::tuple<uint16_t, OscillatorScenario, double, double> cases[] = {{506, {}, 0.0, 0.0},
+                                                                              {506, {}, 12.0, 12.0},
+                                                                              {0, {}, 0.0, 289.280},
+                                                                              {1023, {}, 0.0, -60.965},
+                                                                              {573, {}, 12.0, 0.0},
+                                                                              {0, {.slope = 0.5}, 0.0, 144.640},
+                                                                              {506, {.bendPpm = 3.0}, 0.0, 0.0},
+                                                                              {1018, {.bendPpm = 3.0}, 0.0, -57.23}};
+    for (const auto& [word, curve, errorPpm, ppm] : cases) {
         Scenario scenario = TimingRig::quiet();
-        scenario.oscillator = each.curve;
-        scenario.oscillatorErrorPpm = each.errorPpm;
+        scenario.oscillator = curve;
+        scenario.oscillatorErrorPpm = errorPpm;
         TimingRig rig(scenario);
         rig.follow(1);
-        rig.setWord(each.word);
+        rig.setWord(word);
         rig.next();
         // Counts between two pulses of the reference are the frequency.
-        EXPECT_NEAR(each.ppm, rig.next().error() / 150.0, 0.1) << each.word;
-        EXPECT_NEAR(each.ppm, rig.instrument.timingState().oscillatorPpm, 0.1) << each.word;
+        EXPECT_NEAR(ppm, rig.next().error() / 150.0, 0.1) << word;
+        EXPECT_NEAR(ppm, rig.instrument.timingState().oscillatorPpm, 0.1) << word;
     }
 }
 
@@ -181,27 +173,23 @@ TEST(Detector, needsItsInterruptsItsPulseAndItsRelease) {
     TimingRig rig;
     rig.follow(5);
     EXPECT_FALSE(rig.next().lost());
-    struct Case {
-        const char* text;
-        uint64_t word;
-        uint32_t off;
-        uint32_t on;
-        bool silent;  // no record at all
-    };
-    for (const Case& each :
-         {Case{"phase interrupt masked", timing + 0x24, 2, 3, true},
-          Case{"frequency interrupt masked", timing + 0x24, 1, 3, true},
-          Case{"detector in reset", timing + 0x0C, 1, 0, true},
-          Case{"pulse not inverted", timing + 0x2C, 0, 1u << 3, false}, Case{"own timing", timing, 0x105, 5, false},
-          Case{"no input there", timing, 4, 5, false}}) {
-        rig.store(each.word, each.off);
+    // silent: no record at all.
+    const std::tuple<const char*, uint64_t, uint32_t, uint32_t, bool> rows[] = {
+        {"phase interrupt masked", timing + 0x24, 2, 3, true},
+        {"frequency interrupt masked", timing + 0x24, 1, 3, true},
+        {"detector in reset", timing + 0x0C, 1, 0, true},
+        {"pulse not inverted", timing + 0x2C, 0, 1u << 3, false},
+        {"own timing", timing, 0x105, 5, false},
+        {"no input there", timing, 4, 5, false}};
+    for (const auto& [text, word, off, on, silent] : rows) {
+        rig.store(word, off);
         rig.next(0.1);
         const Record record = rig.next(4.0);
-        EXPECT_EQ(each.silent, record.number == 0) << each.text;
-        EXPECT_EQ(!each.silent, record.lost()) << each.text;
-        rig.store(each.word, each.on);
+        EXPECT_EQ(silent, record.number == 0) << text;
+        EXPECT_EQ(!silent, record.lost()) << text;
+        rig.store(word, on);
         rig.next();  // may be one of before
-        EXPECT_FALSE(rig.next(4.0).lost()) << each.text;
+        EXPECT_FALSE(rig.next(4.0).lost()) << text;
     }
 }
 

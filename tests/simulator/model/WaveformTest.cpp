@@ -2,13 +2,10 @@
 
 #include <unistd.h>
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <numbers>
 #include <numeric>
 
-#include "simulator/model/Signal.h"
 #include "tests/simulator/model/Rig.h"
 
 using namespace kestrixsim;
@@ -30,31 +27,24 @@ SignalSource source(WaveformKind kind, double hertz, double amplitude = 16000.0,
 
 // The sine as it is, in twice the precision: also after five days of samples at 15 MHz.
 TEST(Waveforms, rawSineKeepsItsPhaseForDays) {
-    const struct {
-        const char* name;
-        double hertz;
-        double clock;
-        uint32_t decimation;
-        double amplitude;
-        double offset;
-        double phase;
-    } cases[] = {{"short period", 50.0, 15e6, 15000, 16000.0, 0.0, 0.0},
-                 {"long period", 50.0, 15e6, 1, 30000.0, -100.25, 1.25},
-                 {"no period", 1234.56789, 15e6, 1, 32767.0, 0.0, -3.0},
-                 {"oscillator error", 50.0, 15e6 * (1.0 + 12e-6), 3, 20000.0, 5.0, 0.0},
-                 {"above half the rate", 1010.0, 10e6, 10000, 1000.0, 0.0, 0.5},
-                 {"saturates", 440.0, 10e6, 7, 60000.0, 1000.0, 0.0},
-                 {"stands still", 1000.0, 15e6, 15000, 1000.0, 3.0, 0.5}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
-        const Signal signal(source(WaveformKind::Sine, p.hertz, p.amplitude, p.offset, p.phase),
-                            StreamFormat::raw(p.clock, p.decimation, 0xFFFFFFFF));
+    const std::tuple<const char*, double, double, uint32_t, double, double, double> cases[] = {
+        {"short period", 50.0, 15e6, 15000, 16000.0, 0.0, 0.0},
+        {"long period", 50.0, 15e6, 1, 30000.0, -100.25, 1.25},
+        {"no period", 1234.56789, 15e6, 1, 32767.0, 0.0, -3.0},
+        {"oscillator error", 50.0, 15e6 * (1.0 + 12e-6), 3, 20000.0, 5.0, 0.0},
+        {"above half the rate", 1010.0, 10e6, 10000, 1000.0, 0.0, 0.5},
+        {"saturates", 440.0, 10e6, 7, 60000.0, 1000.0, 0.0},
+        {"stands still", 1000.0, 15e6, 15000, 1000.0, 3.0, 0.5}};
+    for (const auto& [name, hertz, clock, decimation, amplitude, offset, phase] : cases) {
+        SCOPED_TRACE(name);
+        const Signal signal(source(WaveformKind::Sine, hertz, amplitude, offset, phase),
+                            StreamFormat::raw(clock, decimation, 0xFFFFFFFF));
         for (const uint64_t first : {uint64_t(0), uint64_t(1021), uint64_t(123456789), uint64_t(6480000000000) + 77}) {
             const auto samples = samplesOf<int16_t>(signal, first, 3000);
             for (size_t i = 0; i < samples.size(); ++i) {
-                const Real ticks = static_cast<Real>(first + i) * p.decimation;
-                const Real cycles = std::fmod(ticks * p.hertz / static_cast<Real>(p.clock), 1.0L);
-                const Real value = p.offset + p.amplitude * std::sin(2 * pi * cycles + p.phase);
+                const Real ticks = static_cast<Real>(first + i) * decimation;
+                const Real cycles = std::fmod(ticks * hertz / static_cast<Real>(clock), 1.0L);
+                const Real value = offset + amplitude * std::sin(2 * pi * cycles + phase);
                 const auto expected = static_cast<double>(std::clamp(value, -32768.0L, 32767.0L));
                 ASSERT_NEAR(expected, samples[i], 0.501) << first + i;
             }
@@ -88,29 +78,23 @@ TEST(Waveforms, piecesJoinWithoutSeam) {
 }
 
 TEST(Waveforms, chainDelaysAndPassesASineInItsBand) {
-    const struct {
-        const char* name;
-        double clock;
-        uint64_t ratio;
-        uint32_t halfBands;
-        double rate;
-        double delayTicks;
-    } cases[] = {{"1.875 MHz", 15e6, 0, 1, 1875000.0, 349.0},
-                 {"1 MHz", 15e6, ratio1M, 1, 1e6, 606.25},
-                 {"50 kHz", 15e6, 47244640256, 6, 50000.0, 12315.15625},
-                 {"100 Hz", 15e6, 39694893056, 15, 100.0, 6150016.0},
-                 {"2 MHz of 10 MHz", 10e6, uint64_t(0x10) << 32, 0, 2e6, 217.5},
-                 {"16 kHz of 10 MHz", 10e6, 60666413056, 7, 16000.0, 25638.5}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
-        const StreamFormat format = StreamFormat::lowPassed(p.clock, p.ratio, p.halfBands, usualFilter);
-        EXPECT_DOUBLE_EQ(p.rate, format.rate());
-        const double hertz = 0.11 * p.rate;
+    const std::tuple<const char*, double, uint64_t, uint32_t, double, double> cases[] = {
+        {"1.875 MHz", 15e6, 0, 1, 1875000.0, 349.0},
+        {"1 MHz", 15e6, ratio1M, 1, 1e6, 606.25},
+        {"50 kHz", 15e6, 47244640256, 6, 50000.0, 12315.15625},
+        {"100 Hz", 15e6, 39694893056, 15, 100.0, 6150016.0},
+        {"2 MHz of 10 MHz", 10e6, uint64_t(0x10) << 32, 0, 2e6, 217.5},
+        {"16 kHz of 10 MHz", 10e6, 60666413056, 7, 16000.0, 25638.5}};
+    for (const auto& [name, clock, ratio, halfBands, rate, delayTicks] : cases) {
+        SCOPED_TRACE(name);
+        const StreamFormat format = StreamFormat::lowPassed(clock, ratio, halfBands, usualFilter);
+        EXPECT_DOUBLE_EQ(rate, format.rate());
+        const double hertz = 0.11 * rate;
         const Signal signal(source(WaveformKind::Sine, hertz, 10000.0, 500.0, 0.3), format);
         const uint64_t first = 1000;
         const auto samples = samplesOf<int32_t>(signal, first, 500);
         for (size_t i = 0; i < samples.size(); ++i) {
-            const Real time = static_cast<Real>(first + i) / p.rate - p.delayTicks / static_cast<Real>(p.clock);
+            const Real time = static_cast<Real>(first + i) / rate - delayTicks / static_cast<Real>(clock);
             const Real value = 65536.0L * (500.0L + 10000.0L * std::sin(2 * pi * hertz * time + 0.3L));
             // The pass band's ripple is some 3e-5 in each stage, of 6.6e8 counts.
             ASSERT_NEAR(static_cast<double>(value), samples[i], 65536.0) << i;
@@ -192,35 +176,32 @@ TEST(Waveforms, squareAndRampOnTheRawStream) {
 
 // In the pass band each has its own amplitude; the next ones are stopped before they could fold.
 TEST(Waveforms, harmonicsAreThereAndNoAliases) {
-    const struct {
-        const char* name;
-        WaveformKind kind;
-        int cycles;      // in 5000 samples
-        double lowPass;  // of the amplifier, in Hz; 0: none
-    } cases[] = {{"square", WaveformKind::Square, 200, 0.0},
-                 {"square of few samples", WaveformKind::Square, 700, 0.0},
-                 {"square low-passed", WaveformKind::Square, 200, 50000.0},
-                 {"ramp", WaveformKind::Ramp, 100, 0.0},
-                 {"ramp of few samples", WaveformKind::Ramp, 1010, 0.0}};
-    for (const auto& p : cases) {
-        SCOPED_TRACE(p.name);
+    // periods: in 5000 samples; lowPass: of the amplifier, in Hz, 0 is none.
+    const std::tuple<const char*, WaveformKind, int, double> cases[] = {
+        {"square", WaveformKind::Square, 200, 0.0},
+        {"square of few samples", WaveformKind::Square, 700, 0.0},
+        {"square low-passed", WaveformKind::Square, 200, 50000.0},
+        {"ramp", WaveformKind::Ramp, 100, 0.0},
+        {"ramp of few samples", WaveformKind::Ramp, 1010, 0.0}};
+    for (const auto& [name, kind, periods, lowPass] : cases) {
+        SCOPED_TRACE(name);
         const StreamFormat format = StreamFormat::lowPassed(15e6, ratio1M, 1, usualFilter);
-        const double hertz = p.cycles * 200.0;
+        const double hertz = periods * 200.0;
         // The second never repeats exactly and takes the other way through the code.
         for (const double deviation : {0.0, 1e-7}) {
-            SignalSource wave = source(p.kind, hertz + deviation, 10000.0);
+            SignalSource wave = source(kind, hertz + deviation, 10000.0);
             wave.waveform.unit = WaveformUnit::Physical;
-            wave.frontEnd.lowPassHz = p.lowPass;
+            wave.frontEnd.lowPassHz = lowPass;
             const auto samples = samplesOf<int32_t>(Signal(wave, format), 1000, 5000);
             std::vector<double> expected(2501, 0.0);
-            const bool square = p.kind == WaveformKind::Square;
-            for (int k = 1; k * p.cycles <= 2250; k += square ? 2 : 1) {
-                const double corner = p.lowPass > 0.0 ? k * hertz / p.lowPass : 0.0;
-                expected[static_cast<size_t>(k * p.cycles)] =
+            const bool square = kind == WaveformKind::Square;
+            for (int k = 1; k * periods <= 2250; k += square ? 2 : 1) {
+                const double corner = lowPass > 0.0 ? k * hertz / lowPass : 0.0;
+                expected[static_cast<size_t>(k * periods)] =
                     (square ? 4.0 : 2.0) / std::numbers::pi * 10000.0 / k / std::sqrt(1.0 + std::pow(corner, 4));
             }
-            const int step = p.cycles > 400 ? 1 : p.cycles / 20;
-            for (int cycles = 1; cycles < 2500; cycles += cycles % p.cycles == 0 ? 1 : step) {
+            const int step = periods > 400 ? 1 : periods / 20;
+            for (int cycles = 1; cycles < 2500; cycles += cycles % periods == 0 ? 1 : step) {
                 const bool stopped = cycles > 2250;
                 const double want = expected[static_cast<size_t>(cycles)];
                 const double found = std::abs(amplitudeOf(samples, cycles / 5000.0)) / 65536.0;
@@ -281,8 +262,7 @@ std::string waveFile(char format, char channels, char bits, const std::vector<in
     return bytes.append(reinterpret_cast<const char*>(samples.data()), 2 * samples.size());
 }
 
-class WavTest : public testing::Test {
-protected:
+struct WavTest : testing::Test {
     WavTest()
         : file_((std::filesystem::temp_directory_path() / ("kestrix-wave-" + std::to_string(getpid()))).string()) {}
     ~WavTest() override { std::filesystem::remove(file_); }

@@ -342,8 +342,7 @@ void KestrixDaqTiming::fixPhaseError() {
         setVcxoValue(calibratedControl);
         tracking_ = true;
         syncError_ = false;
-        vcxoValue_ = calibratedControl;
-        publishPulse(false);
+        publishPulse(false, calibratedControl);
         return;
     }
     const auto magnitude = static_cast<std::int64_t>(record[1] & phaseBits);
@@ -369,14 +368,14 @@ void KestrixDaqTiming::fixPhaseError() {
     }
     vcxoValue_ = static_cast<std::uint16_t>(next);
     detectStep();
-    publishPulse(steered);
+    publishPulse(steered, vcxoValue_);
     setVcxoValue(vcxoValue_);
     printIrigTime();
     KESTRIX_LOG(4, "Tracking: {}, Error: {}, VCXValue: {}, Frequency error: {}, Phase error: {}, Frequency: {}\n",
                 tracking_.load(), syncError_.load(), vcxoValue_.load(), frequencyError_.load(), magnitude, frequency);
 }
 
-void KestrixDaqTiming::publishPulse(bool steered) {
+void KestrixDaqTiming::publishPulse(bool steered, int controlWord) {
     constexpr double countNs = 1e9 / static_cast<double>(nominalFrequency);
     const std::lock_guard<std::mutex> guard(pulseMutex_);
     ++pulse_.pulses;
@@ -384,7 +383,7 @@ void KestrixDaqTiming::publishPulse(bool steered) {
     pulse_.steered = steered;
     pulse_.phaseErrorNs = static_cast<double>(signedPhaseError_) * countNs;
     pulse_.frequencyErrorPpb = static_cast<double>(frequencyError_) * countNs;
-    pulse_.controlWord = vcxoValue_;
+    pulse_.controlWord = controlWord;
     pulse_.equilibrium = controller_.getEquilibriumPwm();
 }
 

@@ -75,7 +75,7 @@ private:
     void awaitNewSecond();
 
     void fixPhaseError();
-    void publishPulse(bool steered);
+    void publishPulse(bool steered, int controlWord);
     bool mayControl(const TimingDevice::Record& record) const;
     void detectStep();
     static ClockReadings readClocks();
