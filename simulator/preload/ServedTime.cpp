@@ -50,7 +50,7 @@ double machineSeconds() {
 void adopt(const Scenario& scenario, bool scaled) {
     const Settings* former = current.load();
     const bool scales = scaled && scenario.timeFactor != 1.0;
-    const bool own = scales || (scaled && scenario.realtimeAtStart > 0.0);
+    const bool own = scales || scenario.realtimeAtStart > 0.0;
     const int64_t machine = machineNow();
     const int64_t served = former != nullptr ? monotonic(*former, machine) : machine;
     current.store(new Settings{scales, own, scales ? scenario.timeFactor : 1.0, served, machine, former});

@@ -152,6 +152,33 @@ TEST_F(SeamCanTest, AnalogSamplesGoOnBesideAnUnusedInput) {
     EXPECT_EQ(stop(), "");
 }
 
+// Ports that can't be opened or configured fail no start. Each start names them, and is silent once they are as wanted.
+TEST_F(SeamCanTest, AStartTellsWhichPortsAreNotAsWanted) {
+    kestrixsim::reset(withTraffic(3, 0.01, 500000));
+    kestrixsim::instrument().inject({.kind = kestrixsim::FaultKind::CanBind, .target = 1});
+    ASSERT_EQ(add(), "");
+    ASSERT_EQ(configure(), "");
+    use(named({"CAN Port 1 Input"}));
+    kestrixsim::instrument().inject(
+        {.kind = kestrixsim::FaultKind::CanCommandStatus, .target = 0, .afterCount = 1, .times = 2});
+    kestrixsim::instrument().inject({.kind = kestrixsim::FaultKind::CanUp, .target = 2});
+    log.entries.clear();
+    const auto told = [&] {
+        EXPECT_EQ(initialize(), "");
+        EXPECT_EQ(start(), "");
+        EXPECT_EQ(stop(), "");
+        return log.take();
+    };
+    const std::string closed =
+        "The interface can1 of \"CAN Port 2 Input\" is not as wanted; it is not open (-112, No such device)";
+    EXPECT_EQ(
+        told(),
+        (Texts{"The interface can0 of \"CAN Port 1 Input\" is not as wanted; \"bitrate 500000\" ended with "
+               "status 2; \"listen-only on\" ended with status 2",
+               closed, "The interface can2 of \"CAN Port 3 Input\" is not as wanted; \"up\" ended with status 2"}));
+    EXPECT_EQ(told(), Texts{closed});
+}
+
 // From a channel of the host to the bus, as a user sets it up.
 TEST_F(SeamCanTest, ARouteReachesTheBus) {
     kestrixsim::reset(withTraffic(1, 10.0, 500000));

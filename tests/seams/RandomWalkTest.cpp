@@ -9,14 +9,19 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <sstream>
 
 #include <zorn/types/object_impl.h>
 
 #include "modules/daq/bridge/DaqStructure.h"
+#include "modules/daq/can/CanSocketSubDevice.h"
+#include "modules/daq/objectmodel/CanMessage.h"
+#include "modules/daq/objectmodel/DaqDevice.h"
 #include "tests/seams/Station.h"
 
 using namespace Harvane::RT::Core;
@@ -88,6 +93,17 @@ private:
         auto scenario = Station::slots(slots_);
         // The small board's modules are always on, which spares the waiting for their supply.
         scenario.boardType = oneOf({0, 1, 1});
+        // Frames that carry their number, on both ports' buses, and a system clock that goes with the instrument's
+        // time.
+        scenario.realtimeAtStart = 1795000000.0;
+        scenario.can.buses.resize(ports);
+        for (auto& bus : scenario.can.buses) {
+            kestrixsim::CanCyclicScenario cyclic;
+            cyclic.frame.length = 4;
+            cyclic.periodSeconds = 0.01;
+            cyclic.counter = true;
+            bus.cyclic.push_back(cyclic);
+        }
         tell("board " + std::to_string(scenario.boardType) + ", " + std::to_string(slots_) + " slots");
         station_ = std::make_unique<Station>(scenario);
         questioner_ = std::make_unique<Questioner>(station_->impl, 1, std::chrono::milliseconds(1));
@@ -103,8 +119,8 @@ private:
             {6, &Walk::use, true},       {2, &Walk::clock, true},        {6, &Walk::option, true},
             {5, &Walk::amplifier, true}, {3, &Walk::usb, true},          {5, &Walk::any, true},
             {10, &Walk::fault, false},   {6, &Walk::clearFaults, false}, {4, &Walk::otherCall, false},
-            {2, &Walk::pause, false}};
-        int place = below(113);
+            {2, &Walk::pause, false},    {9, &Walk::port, true},         {5, &Walk::canFault, false}};
+        int place = below(127);
         const auto chosen =
             std::ranges::find_if(moves, [&](const auto& each) { return (place -= std::get<0>(each)) < 0; });
         if (const auto& [weight, make, needsTree] = *chosen; !needsTree || hasTree()) {
@@ -228,6 +244,51 @@ private:
         edit(channel.asPtr<IPropertyObject>(), oneOf({"LPFilter", "HPFilter", "Range", "Measurement", "Excitation"}),
              below(4), 100);
     }
+    // Of a port that may not be there: an add with a fault finds fewer.
+    std::optional<ChannelPtr<>> portChannel(int port, const char* direction) const {
+        const std::string name = "CAN Port " + std::to_string(port + 1) + " " + direction;
+        for (const auto& channel : station_->channels()) {
+            if (channel.getName().toStdString() == name) {
+                return channel;
+            }
+        }
+        return std::nullopt;
+    }
+    void port() {
+        const int number = below(ports);
+        const auto input = portChannel(number, "Input");
+        const auto output = portChannel(number, "Output");
+        if (!input) {
+            return;
+        }
+        const auto settings = input->asPtr<IPropertyObject>();
+        switch (below(6)) {
+            case 0:
+                edit(settings, "BaudRate", oneOf({250000, 500000, 1000000, 3}));
+                break;
+            case 1:
+                edit(settings, "OperationMode", oneOf({"ReadWriteAcq", "ReadAcq"}));
+                break;
+            case 2:
+                edit(settings, "Used", chance(60));
+                break;
+            case 3:
+                if (output) {
+                    edit(output->asPtr<IPropertyObject>(), "Used", chance(60));
+                }
+                break;
+            case 4:
+                station_->data.setPropertyValue("OperationMode", oneOf({1, 2}));
+                break;
+            default: {
+                const auto source = station_->raw(1 + below(slots_)).getNodeId();
+                edit(settings, "RTC.Messages",
+                     ListPtr::create({asBase(ListPtr::create({toValue(below(0x800)), toValue(source)}))}));
+                edit(settings, "RTC.OutputRate", oneOf({0, 10, 50, 100}));
+                edit(settings, "RTC.Enabled", chance(80));
+            }
+        }
+    }
     void usb() {
         const char* mode = oneOf({"On", "Off"});
         tell(std::string("USB mode ") + mode + ": " + station_->ioctl(1, mode));
@@ -280,6 +341,19 @@ private:
         Station::inject(fault);
         faulty_ = true;
     }
+    void canFault() {
+        using enum kestrixsim::FaultKind;
+        const Fault fault{.kind = oneOf({CanErrorFrame, CanBusOff, CanUp, CanCommandFails, CanCommandStatus,
+                                         CanCommandSilent, CanSocket, CanIndex, CanFlags, CanBind, CanOption, CanWait,
+                                         CanRead, CanShortRead, CanWrite, CanShortWrite, CanStamp}),
+                          .target = oneOf({-1, below(ports)}),
+                          .afterCount = static_cast<uint64_t>(below(6)),
+                          .times = oneOf({1, 2, 50, -1})};
+        tell("fault " + std::to_string(static_cast<int>(fault.kind)) + " at port " + std::to_string(fault.target) +
+             ", after " + std::to_string(fault.afterCount) + ", " + std::to_string(fault.times) + " times");
+        Station::inject(fault);
+        faulty_ = true;
+    }
     void clearFaults() {
         tell("no faults");
         Station::clearFaults();
@@ -294,8 +368,9 @@ private:
             EXPECT_EQ(station_->stop(), "");
         }
         const auto& found = station_->impl->daqController.allChannels;
-        const bool nothingFound =
-            std::none_of(found.begin(), found.end(), [](const auto& channel) { return channel->enabled; });
+        const bool nothingFound = std::none_of(found.begin(), found.end(), [](const auto& channel) {
+            return channel->enabled && channel->sampleType == SampleType::Sync;
+        });
         if (station_->phase() == Phase::Empty || nothingFound) {
             // What an add left half-way, or found without an amplifier, only serves to be closed.
             tell("a new module");
@@ -313,9 +388,16 @@ private:
         // Nothing, or another attempt where the last one has left the clock unknown.
         const auto clock = station.device().getPropertyValue<int>("BaseClock");
         EXPECT_EQ(asUser(station.device(), "BaseClock", std::max(clock, 0)), "");
+        for (int i = 0; i < ports; ++i) {
+            if (const auto input = portChannel(i, "Input")) {
+                EXPECT_EQ(asUser(*input, "BaudRate", 500000), "");
+                EXPECT_EQ(asUser(*input, "RTC.Enabled", false), "");
+            }
+        }
         station.use(station.channels());
         tell("a good run");
         EXPECT_TRUE(station.goodRun());
+        expectFrames();
         for (const auto& [device, folder] : station.impl->daqStructure.getDevicesMap()) {
             EXPECT_EQ(rateOf(folder), device->getRate());
         }
@@ -324,6 +406,32 @@ private:
         }
         EXPECT_EQ(rateOf(station.dataModule), station.impl->daqController.sampleRate);
     }
+
+    // Of what came on each port in the good run, each frame once, in order, and to the end. A port that couldn't be
+    // opened when the module was made stays closed.
+    void expectFrames() {
+        for (const auto& device : station_->impl->daqController.daqDevices) {
+            const auto can = std::dynamic_pointer_cast<CanSocketSubDevice>(device->canDevice);
+            for (size_t i = 0; can && i < can->getPorts().size(); ++i) {
+                const auto input = portChannel(static_cast<int>(i), "Input");
+                const bool isOpen = can->getPorts()[i].socket.getSocketFd() > 0;
+                const auto count = static_cast<size_t>(input->getSamplesAcquired());
+                EXPECT_TRUE(isOpen ? count > 50 && count < 70 : count == 0) << i << ": " << count;
+                const auto buffer = input->getBuffer();
+                std::uint32_t first = 0;
+                for (size_t k = 0; k < count; ++k) {
+                    CanMessage message;
+                    std::memcpy(&message, buffer.getSample(k), sizeof message);
+                    std::uint32_t number = 0;
+                    std::memcpy(&number, message.data, sizeof number);
+                    first = k == 0 ? number : first;
+                    ASSERT_EQ(number, first + k) << i;
+                }
+            }
+        }
+    }
+
+    static constexpr int ports = 2;
 
     std::mt19937_64 random_;
     int slots_ = 1;

@@ -468,7 +468,7 @@ int setProperty(Session& session, Output& output, bool json, const std::string& 
 int record(Session& session, Output& output, bool json, const RecordOptions& options) {
     applyRate(session, output, options.rate);
     auto channels = chooseChannels(session, output, options.channels);
-    applyRoutes(session, options.routes, channels);
+    const std::string routes = applyRoutes(session, options.routes, channels);
     std::set<std::string> told;
     const auto checkAmplifiers = [&](const std::vector<AmplifierRefusal>& refusals) {
         tellRefusals(output, refusals, told);
@@ -504,6 +504,9 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     }
     sink.setAttribute("software", fmt::format("zornhost {}, {} {}", programVersion, session.host().driverName(),
                                               session.host().moduleVersion()));
+    if (!routes.empty()) {
+        sink.setAttribute("routes", routes);
+    }
 
     start.start();
     checkInterrupt();

@@ -27,7 +27,8 @@
 //                              clock stood at the start, each further one a change
 //   /                          attributes: manufacturer, model, serial_number, hardware_revision, software,
 //                              start_time, start_time_us, clock_mode, clock_lock_at_start,
-//                              clock_lock_at_end, verdict (set at the end), complete (1 after a proper end)
+//                              clock_lock_at_end, routes (a line each, if any), verdict (set at the end), complete
+//                              (1 after a proper end)
 //
 // A failure is a RecordingError with the file, what was tried and the system's reason; the file stays as the last flush
 // has left it. One thread.

@@ -1,33 +1,17 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "tools/zornhost/RouteText.h"
 #include "tools/zornhost/Session.h"
 
 namespace zornhost {
 
-// What goes out of the instrument while an acquisition runs: the newest sample of a channel, scaled and in its unit, as
-// the message of a CAN port on every nth cycle, or as the value of an analog output on every cycle.
-struct Route {
-    std::string source;  // pattern of a channel: "AI 1/Raw input"
-    std::string target;  // "CAN Port 1", or pattern of an analog output
-    bool can = false;
-    uint32_t id = 0;       // of a CAN message
-    int64_t every = 1;     // cycles
-    bool byRange = false;  // of an analog output: the source's range becomes the output's
-};
-
-// "AI 1/Raw input -> CAN Port 1 id 0x123 every 10", "AI 1/Raw input -> AO 1", "AI 1/Raw input -> AO 1 from range".
-// Raises std::runtime_error that says how a route is written.
-Route routeFromText(std::string_view text);
-
 // Sets routes and what they need: real-time operation, the ports' permission to write, sources and outputs in use.
 // Behind the choice of channels, before the preparation. Raises std::runtime_error for channels that aren't there, a
 // number of cycles that can't be had, and routes of one port that don't go together. `chosen` gets the outputs, so that
-// what goes out can be seen.
-void applyRoutes(Session& session, const std::vector<std::string>& texts, std::vector<ChannelEntry>& chosen);
+// what goes out can be seen. Returns the routes in full, a line each.
+std::string applyRoutes(Session& session, const std::vector<std::string>& texts, std::vector<ChannelEntry>& chosen);
 
 }  // namespace zornhost

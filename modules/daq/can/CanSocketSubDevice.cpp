@@ -1,16 +1,20 @@
 #include "modules/daq/can/CanSocketSubDevice.h"
 
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <system_error>
 
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CanMessage.h"
 #include "modules/daq/objectmodel/DaqClock.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
+#include "modules/daq/objectmodel/Log.h"
 #include "modules/daq/objectmodel/LossCount.h"
 
 namespace Harvane::RT::Modules::Daq {
@@ -102,7 +106,8 @@ CanSocketSubDevice::CanSocketSubDevice(std::uint16_t mask) {
         auto info = socket.getSocketInfo();
         info.interfaceName = "can" + std::to_string(i);
         socket.setSocketInfo(info);
-        if (socket.start() < 0) {
+        if (const auto result = socket.start(); result < 0) {
+            ports.back().whyClosed = std::to_string(result) + ", " + std::generic_category().message(errno);
             std::printf("\n\n\n\n\n\n\n\ncanDemo.start(): failed!\n\n\n\n\n");
         }
     }
@@ -150,15 +155,30 @@ void CanSocketSubDevice::startAcquisition(bool) {
     lastSyncTime = {};
 }
 
-// Results don't count: a port that can't be configured has its own say about what goes over it.
+// A port that can't be configured fails nothing, and hears or sends nothing, or at another rate than its bus: the log
+// says so.
 void CanSocketSubDevice::configurePorts() {
     for (auto& port : ports) {
         const Commands& commands = port.socket.getCommands();
         port.listenOnly = port.inputChannel->writeEnable == 0;
-        commands.runLinkSetDown();
-        commands.runLinkSetBitrate(static_cast<std::uint64_t>(std::max(port.inputChannel->baudRate, 0)));
-        commands.runIsListenOnly(port.listenOnly);
-        commands.runLinkSetUp();
+        const auto bitRate = static_cast<std::uint64_t>(std::max(port.inputChannel->baudRate, 0));
+        std::string trouble = port.whyClosed.empty() ? "" : "; it is not open (" + port.whyClosed + ")";
+        const auto check = [&trouble](const std::string& setting, int status) {
+            if (status != 0) {
+                trouble +=
+                    "; \"" + setting + "\" " +
+                    (WIFEXITED(status) && status != -1 ? "ended with status " + std::to_string(WEXITSTATUS(status))
+                                                       : "could not be run");
+            }
+        };
+        check("down", commands.runLinkSetDown());
+        check("bitrate " + std::to_string(bitRate), commands.runLinkSetBitrate(bitRate));
+        check(port.listenOnly ? "listen-only on" : "listen-only off", commands.runIsListenOnly(port.listenOnly));
+        check("up", commands.runLinkSetUp());
+        if (!trouble.empty()) {
+            LOG_(0, plog::error) << "The interface " << commands.getDeviceDesignation() << " of \""
+                                 << port.inputChannel->name << "\" is not as wanted" << trouble;
+        }
     }
 }
 

@@ -41,6 +41,7 @@ struct CanPortInfo {
     std::vector<Count> inputCounts;
     std::vector<Count> outputCounts;
 
+    std::string whyClosed;  // result and cause of an opening that failed
     bool listenOnly = false;
     bool discard = false;               // what waits in the socket was stamped by a clock that has stepped since
     std::int64_t lastKernelDrops = -1;  // -1: the kernel doesn't tell

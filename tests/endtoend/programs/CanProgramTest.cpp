@@ -5,6 +5,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "tests/endtoend/RecordingReader.h"
 #include "tests/endtoend/programs/Process.h"
 
 using Json = nlohmann::json;
@@ -132,6 +133,9 @@ TEST_F(CanProgram, RecordsFramesAndRoutesAndExportsThem) {
     EXPECT_NEAR(static_cast<double>(frames["CAN Port 1/CAN Port 1 Output"]), 34.0, 8.0);
     EXPECT_GT(frames["CAN Port 3/CAN Port 3 Input"], 200u);
 
+    EXPECT_EQ(
+        RecordingReader(file).text("", "routes"),
+        "AI 1/Raw input -> CAN Port 1 id 0x1ABCDE every 10\nAI 1/Filtered input -> CAN Port 1 id 0x1ABCDF every 10");
     const auto exported = Process::run({KESTRIX_ZORNHOST, "can", "export", file});
     ASSERT_EQ(exported.exitCode, 0) << exported.err;
     const auto lines = linesOf(exported.out);
