@@ -56,7 +56,7 @@ public:
 class RoutedDevice : public TestDevice {
 public:
     std::shared_ptr<AIDevice> createAIDevice() override {
-        const auto inputs = TestDevice::createAIDevice();
+        auto inputs = TestDevice::createAIDevice();
         ai->onAcquire = [this] {
             Channel& source = *ai->channels[0];
             if (fresh && source.active) {
@@ -97,8 +97,8 @@ protected:
         checkErrorInfo(module->configure(config.get()));
         data.setPropertyValue("OperationMode", 2);
     }
-    void start(Texts used = {"Raw 1", "Out 16", "Out 32", "Out float", "Out double", "CAN Port 1 Output",
-                             "CAN Port 2 Output"}) {
+    void start(const Texts& used = {"Raw 1", "Out 16", "Out 32", "Out float", "Out double", "CAN Port 1 Output",
+                                    "CAN Port 2 Output"}) {
         checkErrorInfo(module->initialize());
         reserveMemory(impl->daqStructure, used);
         checkErrorInfo(module->start());

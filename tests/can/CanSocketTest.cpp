@@ -194,7 +194,7 @@ TEST_F(CanSocketTest, CommandLines) {
     const size_t before = instrument().commandsRun().size();
     const auto fresh = [seen = before]() mutable {
         const auto all = instrument().commandsRun();
-        const Texts lines(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
+        Texts lines(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
         seen = all.size();
         return lines;
     };

@@ -416,7 +416,7 @@ private:
                 const auto input = portChannel(static_cast<int>(i), "Input");
                 const bool isOpen = can->getPorts()[i].socket.getSocketFd() > 0;
                 const auto count = static_cast<size_t>(input->getSamplesAcquired());
-                EXPECT_TRUE(isOpen ? count > 50 && count < 70 : count == 0) << i << ": " << count;
+                EXPECT_TRUE(isOpen ? count > 50 : count == 0) << i << ": " << count;
                 const auto buffer = input->getBuffer();
                 std::uint32_t first = 0;
                 for (size_t k = 0; k < count; ++k) {

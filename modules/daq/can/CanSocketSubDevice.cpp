@@ -268,6 +268,7 @@ void CanSocketSubDevice::acquireData() {
     } catch (...) {
         failure = std::current_exception();
     }
+    clockLine_ = softSync.line();
     Trouble first = Trouble::None;
     std::string words;
     for (auto& port : ports) {
@@ -332,7 +333,7 @@ CanSocketSubDevice::Trouble CanSocketSubDevice::take(CanPortInfo& port, const Ca
         port.beforeStart->add(1);
         return Trouble::None;
     }
-    const double time = softSync.masterTimeAt(slave);
+    const double time = clockLine_.masterTimeAt(slave);
     if (time == noTime) {
         port.withoutTime->add(1);
         return Trouble::None;

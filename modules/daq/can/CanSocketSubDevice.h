@@ -89,8 +89,9 @@ private:
 
     std::vector<CanPortInfo> ports;
     Utils::Synchronization::SoftSyncAlgorithm softSync;
-    SystemTime startTime{};     // 0 of the slave time
-    SystemTime lastSyncTime{};  // of the last pair of times
+    Utils::Synchronization::SoftSyncAlgorithm::Line clockLine_;  // of this cycle
+    SystemTime startTime{};                                      // 0 of the slave time
+    SystemTime lastSyncTime{};                                   // of the last pair of times
     std::shared_ptr<DaqClock> masterClock_;
     std::shared_ptr<LossCount> clockSteps_;
     double lastMaster_ = 0.0;  // the last pair, s; 0 before the first one

@@ -61,9 +61,9 @@ void SoftSyncAlgorithm::synchronizeClocks(double master, double slave) {
     offset = (sumMaster - sumSlave * slope) / sumWeight;
 }
 
-double SoftSyncAlgorithm::masterTimeAt(double slave) const {
+SoftSyncAlgorithm::Line SoftSyncAlgorithm::line() const {
     const std::shared_lock lock(mutex);
-    return lastMasterTime > 0.0 ? lastMasterTime + (slope * (slave - lastSlaveTime) + offset) : unknownTime;
+    return {lastMasterTime, lastSlaveTime, slope, offset};
 }
 
 double SoftSyncAlgorithm::slaveTimeAt(double master) const {

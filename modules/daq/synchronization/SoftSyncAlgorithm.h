@@ -16,6 +16,19 @@ namespace Harvane::Utils::Synchronization {
 // One thread brings pairs, resets and ends; any thread asks for times.
 class SoftSyncAlgorithm : public SoftSyncBase {
 public:
+    // The line as it stands, for many times in a row: no lock, and the same line for all of them.
+    struct Line {
+        double master = 0.0;  // the last pair; 0 without any
+        double slave = 0.0;
+        double slope = 1.0;
+        double offset = 0.0;
+
+        // -1 without any pair.
+        double masterTimeAt(double slaveTime) const {
+            return master > 0.0 ? master + (slope * (slaveTime - slave) + offset) : -1.0;
+        }
+    };
+
     SoftSyncAlgorithm() = default;
 
     void initiate() override;
@@ -25,7 +38,8 @@ public:
     // stepped back by more than a second, what was learned of the offset is void and the line begins again; its slope
     // stays until there are enough new pairs.
     void synchronizeClocks(double master, double slave) override;
-    double masterTimeAt(double slave) const override;
+    double masterTimeAt(double slave) const override { return line().masterTimeAt(slave); }
+    Line line() const;
     double slaveTimeAt(double master) const override;
     void reset() override;
 

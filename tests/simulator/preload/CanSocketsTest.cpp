@@ -29,10 +29,10 @@ protected:
     static void start(Scenario scenario) {
         reset(std::move(scenario));
         for (const std::string name : {"can0", "can1"}) {
-            for (const std::string rest : {" type can bitrate 500000", " txqueuelen 100"}) {
-                ASSERT_EQ(0, ::system(("ip link set " + name + rest).c_str()));
+            for (const std::string& line :
+                 {name + " type can bitrate 500000", name + " txqueuelen 100", "up " + name}) {
+                ASSERT_EQ(0, ::system(("ip link set " + line).c_str()));
             }
-            ASSERT_EQ(0, ::system(("ip link set up " + name).c_str()));
         }
     }
 
