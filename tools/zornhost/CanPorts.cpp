@@ -111,19 +111,28 @@ std::vector<CanPort> findPorts(const std::vector<CanPort>& ports, const std::vec
     return texts.empty() ? ports : found;
 }
 
-std::vector<CanCount> canCounts(const ChannelPtr<>& channel) {
-    std::vector<CanCount> found;
-    for (CanCount count : counts) {
-        if (!channel.hasProperty(count.property)) {
-            continue;
+CanCounts::CanCounts(const ChannelPtr<>& channel) {
+    for (const CanCount& count : counts) {
+        if (channel.hasProperty(count.property)) {
+            functions_.emplace_back(count, channel.getPropertyValue<BasePtr>(count.property).asPtr<IFuncObject>());
         }
-        const auto function = channel.getPropertyValue<BasePtr>(count.property).asPtr<IFuncObject>();
+    }
+}
+
+std::vector<CanCount> CanCounts::read() const {
+    std::vector<CanCount> found;
+    for (const auto& [kind, function] : functions_) {
+        CanCount count = kind;
         count.value = static_cast<uint64_t>(std::max<int64_t>(fromValue<int64_t>(executeFunc(function, {})), 0));
         if (count.value > 0) {
             found.push_back(count);
         }
     }
     return found;
+}
+
+std::vector<CanCount> canCounts(const ChannelPtr<>& channel) {
+    return CanCounts(channel).read();
 }
 
 CanReader::CanReader(const ChannelEntry& entry, const Scheduler& scheduler)

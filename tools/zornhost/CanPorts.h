@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/zornhost/CanFrame.h"
@@ -50,7 +51,18 @@ struct CanCount {
     uint64_t value = 0;
 };
 
-// Those that are not 0, of an input or an output channel. What can't be asked raises.
+// The counts of an input or an output channel. Made on the thread of the session; any thread may read.
+class CanCounts {
+public:
+    explicit CanCounts(const Harvane::RT::Core::ChannelPtr<>& channel);
+    // Those that are not 0. What can't be asked raises.
+    std::vector<CanCount> read() const;
+
+private:
+    std::vector<std::pair<CanCount, Harvane::RT::Core::ObjectPtr<Harvane::RT::Core::IFuncObject>>> functions_;
+};
+
+// Those that are not 0, at once.
 std::vector<CanCount> canCounts(const Harvane::RT::Core::ChannelPtr<>& channel);
 
 // What comes of a port, each frame once.

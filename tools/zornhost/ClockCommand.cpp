@@ -157,7 +157,7 @@ int ClockCommandLine::run(Session& session, InstrumentLock* lock, Output& output
         used = used || wanted;
     }
     session.prepare();
-    const InstrumentService service(session, lock, output);
+    const InstrumentService service(session, lock, output, "clock");
     if (service.clock() == nullptr) {
         throw std::runtime_error("there is no clock to look at");
     }

@@ -4,12 +4,12 @@
 
 #include <chrono>
 #include <limits>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "tools/zornhost/NamedValues.h"
 #include "tools/zornhost/Output.h"
 #include "tools/zornhost/SyncOptions.h"
 
@@ -26,32 +26,6 @@ constexpr size_t rowsKept = 86400;
 constexpr const char* clockStateName = "ClockState";
 constexpr double ticksPerSecond = 1e9;
 
-// The answer of the module's function: a list of [name, value].
-class StateList {
-public:
-    explicit StateList(const BasePtr& answer) {
-        const ListPtr list(answer.asPtr<IList>());
-        for (size_t i = 0, n = list.getCount(); i < n; ++i) {
-            const ListPtr pair(list.getItemAt(i).asPtr<IList>());
-            values_.emplace(fromValue<std::string>(pair.getItemAt(0)), pair.getItemAt(1));
-        }
-        if (values_.empty()) {
-            throw std::runtime_error("the module has no clock that it could tell of");
-        }
-    }
-    template <class T>
-    T get(const std::string& name) const {
-        const auto found = values_.find(name);
-        if (found == values_.end()) {
-            throw std::runtime_error(fmt::format("the module says nothing of its clock's \"{}\"", name));
-        }
-        return fromValue<T>(found->second);
-    }
-
-private:
-    std::map<std::string, BasePtr> values_;
-};
-
 ClockWatch::Looker lookerOf(Session& session) {
     const auto module = session.tree().dataModule();
     if (!module.hasProperty(clockStateName)) {
@@ -61,7 +35,10 @@ ClockWatch::Looker lookerOf(Session& session) {
     const auto clock = session.host().clockProvider();
     const auto absTime = session.host().absTimeProvider();
     return [function, clock, absTime] {
-        const StateList state(executeFunc(function, {}));
+        const NamedValues state(executeFunc(function, {}), "the module's clock");
+        if (state.empty()) {
+            throw std::runtime_error("the module has no clock that it could tell of");
+        }
         ClockWatch::Look look;
         look.pulses = static_cast<uint64_t>(state.get<int64_t>("Pulses"));
         look.tracking = state.get<bool>("Tracking");

@@ -26,6 +26,7 @@
 #include "tools/zornhost/Rates.h"
 #include "tools/zornhost/Recorder.h"
 #include "tools/zornhost/Routes.h"
+#include "tools/zornhost/StatusCommand.h"
 #include "tools/zornhost/SyncOptions.h"
 
 using namespace Harvane::RT::Core;
@@ -482,7 +483,7 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
     const auto refusals = updateAmplifiers(session.tree(), channels);
     checkAmplifiers(refusals);
     session.prepare();
-    const InstrumentService service(session, options.lock, output);
+    InstrumentService service(session, options.lock, output, fmt::format("record -o {}", options.file));
     LockedStart start(session, service.clock(), output, options.lockTimeoutS);
     start.awaitReference();
     const auto checkInterrupt = [&options] {
@@ -510,6 +511,7 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
 
     start.start();
     checkInterrupt();
+    service.health().lookAtAmplifiers();
     checkAmplifiers(amplifierRefusals(channels, refusals));
     if (const ClockWatch* clock = service.clock(); clock != nullptr && options.strict) {
         const ClockReport state = clock->report();
@@ -523,6 +525,8 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
         absTime->getStartAbsTime(&startUs);
     }
     recorder.start(startUs > 0 ? startUs : nowUs());
+    const HealthWatch::LossSource losses(service.health(),
+                                         [&recorder] { return static_cast<int64_t>(recorder.samplesLost()); });
 
     uint64_t reported = 0;
     double nextProgressS = 1.0;
@@ -642,7 +646,7 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     std::set<std::string> told;
     const auto refusals = updateAmplifiers(session.tree(), channels);
     session.prepare();
-    const InstrumentService service(session, options.lock, output);
+    InstrumentService service(session, options.lock, output, "monitor");
     LockedStart lockedStart(session, service.clock(), output, options.lockTimeoutS);
     lockedStart.awaitReference();
     lockedStart.start();
@@ -860,6 +864,7 @@ int run(int argc, char** argv) {
             ->capture_default_str();
     }
     const ClockCommandLine clock(app);
+    const StatusCommandLine status(app);
     const CanCommandLine can(app);
     const AmplifierCommandLine amplifier(app);
 
@@ -901,14 +906,15 @@ int run(int argc, char** argv) {
             try {
                 lock.emplace(lockFile, commandLine(argc, argv));
             } catch (const InstrumentBusy& busy) {
-                if (!clock.parsed() || busy.socket().empty()) {
+                if ((!clock.parsed() && !status.parsed()) || busy.socket().empty()) {
                     throw;
                 }
                 if (!session.synchronization.empty() || !session.settings.empty()) {
                     throw std::runtime_error(
                         fmt::format("--sync and --set are for a process that holds the instrument: {}", busy.what()));
                 }
-                return checkOutput(output, clock.runOn(busy.socket(), output, session.json));
+                return checkOutput(output, status.parsed() ? status.runOn(busy.socket(), output, session.json)
+                                                           : clock.runOn(busy.socket(), output, session.json));
             }
             recording.lock = monitoring.lock = &*lock;
         }
@@ -937,6 +943,8 @@ int run(int argc, char** argv) {
             result = can.run(live, output, session.json);
         } else if (clock.parsed()) {
             result = clock.run(live, lock ? &*lock : nullptr, output, session.json);
+        } else if (status.parsed()) {
+            result = status.run(live, lock ? &*lock : nullptr, output, session.json);
         } else if (mon->parsed()) {
             result = monitor(live, output, session.json, monitoring);
         }

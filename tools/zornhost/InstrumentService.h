@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "tools/zornhost/ClockWatch.h"
+#include "tools/zornhost/HealthWatch.h"
 #include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/InstrumentSocket.h"
 #include "tools/zornhost/Output.h"
@@ -16,17 +17,20 @@ class InstrumentService {
 public:
     // `lock`: where others find the socket; none for an instrument that nobody else can hold. What can't be served is
     // said and left at that.
-    InstrumentService(Session& session, InstrumentLock* lock, Output& output);
+    // `holder`: the command that holds the instrument, as others are told.
+    InstrumentService(Session& session, InstrumentLock* lock, Output& output, const std::string& holder);
     InstrumentService(const InstrumentService&) = delete;
     InstrumentService& operator=(const InstrumentService&) = delete;
 
     // Null when the module says nothing of its clock.
     const ClockWatch* clock() const { return clock_ ? &*clock_ : nullptr; }
+    HealthWatch& health() { return *health_; }
 
 private:
     std::string answer(const std::string& request) const;
 
     std::optional<ClockWatch> clock_;
+    std::optional<HealthWatch> health_;
     std::optional<InstrumentSocket> socket_;
 };
 
