@@ -125,6 +125,30 @@ TEST_F(SeamStatusTest, WhatHasNoRoomIsToldOnce) {
                          " times in this run; its line can be read again"}));
 }
 
+// A clock that can't be read costs the status channels their samples, and nobody else anything.
+TEST_F(SeamStatusTest, AClockThatCantBeReadIsToldOnceAndItsEnd) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    const auto analog = channel("Raw input");
+    const auto phase = channel("Phase error");
+    use({analog, phase});
+    ASSERT_EQ(initialize(), "");
+    ASSERT_EQ(start(), "");
+    cyclesFor(phase, 3);
+    log.entries.clear();
+    kestrixsim::instrument().inject({.kind = FaultKind::MemMap, .code = static_cast<int>(0xA3000000), .times = -1});
+    const long before = phase.getSamplesAcquired();
+    cyclesFor(analog, analog.getSamplesAcquired() + 4000);
+    EXPECT_EQ(phase.getSamplesAcquired(), before);
+    kestrixsim::instrument().clearFaults();
+    cyclesFor(phase, before + 3);
+    Texts told = log.take();
+    std::erase_if(told, [](const std::string& text) { return text.find("the status ") != 0; });
+    ASSERT_EQ(told.size(), 2u) << testing::PrintToString(told);
+    EXPECT_EQ(told[0], "the status channels get no samples: Failed to map memory.");
+    EXPECT_EQ(told[1].find("the status device works again after "), 0u) << told[1];
+    EXPECT_EQ(stop(), "");
+}
+
 TEST_F(SeamStatusTest, HealthIsToldToWhoeverAsks) {
     ASSERT_NO_FATAL_FAILURE(begin());
     const auto has = [](const std::vector<std::string>& row, const std::string& field) {
@@ -141,7 +165,7 @@ TEST_F(SeamStatusTest, HealthIsToldToWhoeverAsks) {
     ASSERT_EQ(sensors.size(), 5u);
     EXPECT_EQ(sensors[1].size(), 9u);
     for (const char* field : {"Group=CPU", "Name=PS remote", "Place=/sys/class/hwmon/hwmon2/temp2_input", "Celsius=0",
-                              "Reason=file /sys/class/hwmon/hwmon2/temp2_input holds no number"}) {
+                              "Ok=false", "Reason=file /sys/class/hwmon/hwmon2/temp2_input holds no number"}) {
         EXPECT_TRUE(has(sensors[1], field)) << field << testing::PrintToString(sensors[1]);
     }
     EXPECT_TRUE(has(sensors[4], "Ok=true"));

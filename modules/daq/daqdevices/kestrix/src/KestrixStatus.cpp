@@ -146,7 +146,7 @@ private:
     std::vector<Output> outputs_;  // by place of the channel
     std::shared_ptr<DaqClock> clock_;
     std::shared_ptr<KestrixDaqTiming> timing_;
-    Utils::FaultReport faults_{"the status channels get no samples: ", "the status channels"};
+    Utils::FaultReport faults_{"the status channels get no samples: ", "the status device"};
 
     Utils::Threading::TimerThread readerThread_;  // last: it uses the readers
 };
