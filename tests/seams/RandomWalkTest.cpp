@@ -294,8 +294,9 @@ private:
             EXPECT_EQ(station_->stop(), "");
         }
         const auto& found = station_->impl->daqController.allChannels;
-        const bool nothingFound =
-            std::none_of(found.begin(), found.end(), [](const auto& channel) { return channel->enabled; });
+        const bool nothingFound = std::none_of(found.begin(), found.end(), [](const auto& channel) {
+            return channel->enabled && channel->sampleType == SampleType::Sync;
+        });
         if (station_->phase() == Phase::Empty || nothingFound) {
             // What an add left half-way, or found without an amplifier, only serves to be closed.
             tell("a new module");
