@@ -1,5 +1,7 @@
 #include "simulator/model/Faults.h"
 
+#include <algorithm>
+
 namespace kestrixsim {
 
 namespace {
@@ -7,6 +9,10 @@ namespace {
 // The kinds in which `code` tells which accesses are meant; in the others it says how they fail.
 bool codeSelects(FaultKind kind) {
     return kind == FaultKind::DmaIoctl || kind == FaultKind::MuxReadsBack || kind == FaultKind::MemMap;
+}
+
+bool lasts(const Fault& fault, double now) {
+    return now >= fault.atSeconds && (fault.untilSeconds <= 0.0 || now < fault.untilSeconds);
 }
 
 }  // namespace
@@ -50,7 +56,7 @@ std::optional<Fault> Faults::find(double now, FaultKind kind, int target, uint32
         if (fault.command != 0 && fault.command != command) {
             continue;
         }
-        if (now < fault.atSeconds) {
+        if (!lasts(fault, now)) {
             continue;
         }
         if (entry.passed < fault.afterCount) {
@@ -64,6 +70,19 @@ std::optional<Fault> Faults::find(double now, FaultKind kind, int target, uint32
         return fault;
     }
     return std::nullopt;
+}
+
+bool Faults::due(FaultKind kind, int target) const {
+    if (!any_) {
+        return false;
+    }
+    const double now = clock_.seconds();
+    const std::lock_guard lock(mutex_);
+    return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) {
+        const Fault& fault = entry.fault;
+        return fault.kind == kind && (fault.target == -1 || fault.target == target) && lasts(fault, now) &&
+               entry.passed >= fault.afterCount && (fault.times < 0 || entry.hits < fault.times);
+    });
 }
 
 bool Faults::present(FaultKind kind, int target) const {

@@ -27,6 +27,9 @@ public:
     // The same for an access that happened at a time of its own, s of the instrument.
     std::optional<Fault> hitAt(double seconds, FaultKind kind, int target);
 
+    // Whether an access would be hit now. It is none itself.
+    bool due(FaultKind kind, int target) const;
+
     // Whether a fault of this kind exists, due or not, for the target.
     bool present(FaultKind kind, int target = -1) const;
 

@@ -26,9 +26,13 @@ void bigEndian(Bytes& bytes, size_t at, uint64_t value, size_t size) {
 
 }  // namespace
 
-I2cBus::I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)> select,
+I2cBus::I2cBus(const Scenario& scenario, Faults& faults, Thermals& thermals, std::function<void(int)> select,
                std::function<void(uint16_t)> control)
-    : eightSlots_(scenario.boardType != 1), faults_(faults), select_(std::move(select)), control_(std::move(control)) {
+    : eightSlots_(scenario.boardType != 1),
+      faults_(faults),
+      thermals_(thermals),
+      select_(std::move(select)),
+      control_(std::move(control)) {
     eeprom_.fill(0xFF);
     eeprom_[0x00] = static_cast<uint8_t>(scenario.eepromVersion);
     bigEndian(eeprom_, 0x01, scenario.eepromKeyValid ? 0xFAF320 : 0x5AA5A5, 3);
@@ -44,7 +48,6 @@ I2cBus::I2cBus(const Scenario& scenario, Faults& faults, std::function<void(int)
     // Bits 9 to 2 of the control word, and 1 and 0; the bits above these belong to something else.
     oscillator_[wordHigh] = static_cast<uint8_t>(scenario.oscillator.word >> 2);
     oscillator_[wordLow] = static_cast<uint8_t>(0xA8 | (scenario.oscillator.word & 3));
-    celsius_ = {38.5, 41.25, 36.0};
 }
 
 uint8_t* I2cBus::multiplexer(int address) {
@@ -97,7 +100,7 @@ ssize_t I2cBus::writeLocked(int address, const uint8_t* data, size_t size) {
         }
         return static_cast<ssize_t>(size);
     }
-    if (address >= firstThermometer && address <= lastThermometer) {
+    if (hasThermometer(address)) {
         const auto chip = static_cast<size_t>(address - firstThermometer);
         if (size != 0) {
             thermometerAt_[chip] = data[0];
@@ -139,25 +142,37 @@ ssize_t I2cBus::readLocked(int address, uint8_t* data, size_t size, bool multipl
         }
         return static_cast<ssize_t>(size);
     }
-    if (address >= firstThermometer && address <= lastThermometer) {
-        const auto chip = static_cast<size_t>(address - firstThermometer);
-        if (thermometerAt_[chip] == 1) {
-            std::fill_n(data, size, thermometerMode_[chip]);
-            return static_cast<ssize_t>(size);
-        }
-        // Twelve bits of 1/16 degree, left-aligned.
-        const double steps = std::clamp(std::round(celsius_[chip] * 16.0), -2048.0, 2047.0);
-        const auto word = static_cast<uint16_t>(static_cast<int>(steps) * 16);
-        for (size_t i = 0; i < size; ++i) {
-            data[i] = static_cast<uint8_t>(i % 2 == 0 ? word >> 8 : word & 0xFF);
-        }
-        return static_cast<ssize_t>(size);
+    if (hasThermometer(address)) {
+        return readThermometer(address, data, size);
     }
     if (const uint8_t* value = multiplexer(address)) {
         std::fill_n(data, size, multiplexerSilent ? uint8_t(0) : *value);
         return static_cast<ssize_t>(size);
     }
     return -ENXIO;
+}
+
+bool I2cBus::hasThermometer(int address) const {
+    return address >= firstThermometer && (address < lastThermometer || (address == lastThermometer && eightSlots_));
+}
+
+ssize_t I2cBus::readThermometer(int address, uint8_t* data, size_t size) {
+    const auto chip = static_cast<size_t>(address - firstThermometer);
+    double celsius = 0.0;
+    if (const int error = thermals_.readChip(address, celsius); error != 0) {
+        return error;
+    }
+    if (thermometerAt_[chip] == 1) {
+        std::fill_n(data, size, thermometerMode_[chip]);
+        return static_cast<ssize_t>(size);
+    }
+    // Twelve bits of 1/16 degree, left-aligned.
+    const double steps = std::clamp(std::round(celsius * 16.0), -2048.0, 2047.0);
+    const auto word = static_cast<uint16_t>(static_cast<int>(steps) * 16);
+    for (size_t i = 0; i < size; ++i) {
+        data[i] = static_cast<uint8_t>(i % 2 == 0 ? word >> 8 : word & 0xFF);
+    }
+    return static_cast<ssize_t>(size);
 }
 
 ssize_t I2cBus::write(int address, const uint8_t* data, size_t size) {

@@ -1,6 +1,7 @@
 #include "simulator/model/Instrument.h"
 
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +21,7 @@
 #include "simulator/model/RootFolder.h"
 #include "simulator/model/Scripts.h"
 #include "simulator/model/Signal.h"
+#include "simulator/model/Thermals.h"
 #include "simulator/model/WavFile.h"
 
 namespace kestrixsim {
@@ -27,6 +29,7 @@ namespace kestrixsim {
 namespace {
 
 constexpr int slotCount = 8;
+constexpr uint64_t converterEnable = 0xA0200000;
 
 struct StreamPair {
     DmaStream raw;
@@ -50,11 +53,12 @@ public:
         : scenario(std::move(wanted)),
           clock(scenario, std::move(now), served),
           faults(clock),
+          thermals(scenario, clock, faults),
           oscillator(clock, scenario),
           timing(clock, oscillator, faults, scenario),
           link(clock, faults, [this](int slot, const FrontEnd& frontEnd) { setFrontEnd(slot, frontEnd); }),
           bus(
-              scenario, faults, [this](int slot) { link.select(slot); },
+              scenario, faults, thermals, [this](int slot) { link.select(slot); },
               [this](uint16_t word) { timing.setWord(word); }),
           streams(makeStreams()),
           fpga(clock, oscillator, timing, faults, journal, pointers(), scenario,
@@ -82,6 +86,7 @@ public:
     void supply(uint8_t before, uint8_t after) {
         if (switchable()) {
             link.supply(before, after, false);
+            thermals.setSupplied(std::popcount(after));
         }
     }
 
@@ -143,6 +148,7 @@ public:
     const Scenario scenario;
     Clock clock;
     Faults faults;
+    Thermals thermals;
     Oscillator oscillator;
     TimingCore timing;
     Journal journal;
@@ -214,6 +220,9 @@ void Instrument::readPage(uint64_t physicalAddress, uint32_t* words, size_t coun
 
 void Instrument::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t after) {
     implementation_->fpga.storeWord(physicalAddress, before, after);
+    if (physicalAddress == converterEnable) {
+        implementation_->thermals.setConverting((registerWord(physicalAddress) & 1) != 0);
+    }
 }
 
 int Instrument::i2cOpen() {
@@ -443,7 +452,28 @@ void Instrument::populateRoot(const std::string& folder) const {
             interfaces.push_back(state.name);
         }
     }
-    populateRootFolder(folder, implementation_->scenario, implementation_->networkAddress(), interfaces);
+    populateRootFolder(folder, implementation_->scenario, implementation_->networkAddress(), interfaces,
+                       [this](const std::string& path) { return implementation_->thermals.textOf(path); });
+}
+
+bool Instrument::ownsSensor(std::string_view path) {
+    return Thermals::owns(path);
+}
+
+int Instrument::sensorAccess(std::string_view path) const {
+    return implementation_->thermals.fileAccess(path);
+}
+
+int Instrument::sensorOpen(std::string_view path, std::optional<std::string>& text) {
+    return implementation_->thermals.fileOpen(path, text);
+}
+
+double Instrument::processorCelsius() const {
+    return implementation_->thermals.processorCelsius();
+}
+
+double Instrument::boardCelsius() const {
+    return implementation_->thermals.boardCelsius();
 }
 
 const Scenario& Instrument::scenario() const {

@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "simulator/model/CanBus.h"
@@ -130,6 +132,11 @@ public:
     // Fills a folder with the plain files of the instrument (sysfs trees, scripts as real shell files).
     void populateRoot(const std::string& folder) const;
 
+    // Files of sensors and of the lines that detect a cable, by their paths: see Thermals.
+    static bool ownsSensor(std::string_view path);
+    int sensorAccess(std::string_view path) const;
+    int sensorOpen(std::string_view path, std::optional<std::string>& text);
+
     // ---- For tests and tools ---------------------------------------------------------------------------------------
 
     const Scenario& scenario() const;
@@ -141,6 +148,8 @@ public:
     void stepRealtime(double microseconds);
     void setReference(ReferenceKind kind, const ReferenceScenario& reference);
     TimingState timingState() const;
+    double processorCelsius() const;
+    double boardCelsius() const;
 
     void setPtpNetwork(const PtpScenario& network);
     void restartPtpDaemon();                                // in the role that it has

@@ -79,7 +79,8 @@ esac
 }  // namespace
 
 void populateRootFolder(const std::string& folder, const Scenario& scenario, const std::string& networkAddress,
-                        const std::vector<std::string>& canInterfaces) {
+                        const std::vector<std::string>& canInterfaces,
+                        const std::function<std::string(const std::string& path)>& sensorText) {
     const fs::path root(folder);
     const bool switchesMissing = std::any_of(scenario.faults.begin(), scenario.faults.end(),
                                              [](const Fault& fault) { return fault.kind == FaultKind::SysfsMissing; });
@@ -92,8 +93,12 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
         }
         // Lines of the board: cable detection 496 and 497, timing selection 504 to 506.
         for (int line : {496, 497, 504, 505, 506}) {
+            if (line < 504 && !scenario.thermals.cableLines) {
+                continue;
+            }
+            const bool high = line == 496 ? scenario.thermals.cable1 : line == 497 && scenario.thermals.cable2;
             const fs::path gpio = root / "sys/class/gpio" / ("gpio" + std::to_string(line));
-            writeFile(gpio / "value", "0\n");
+            writeFile(gpio / "value", high ? "1\n" : "0\n");
             writeFile(gpio / "direction", line < 504 ? "in\n" : "out\n");
         }
     }
@@ -101,13 +106,21 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
     for (const char* name : {"irig_in_enabled", "irig_out_enabled", "igb_ptp_update_correction_ns"}) {
         writeFile(timing / name, "0\n");
     }
-    // Millidegrees.
-    const fs::path hwmon = root / "sys/class/hwmon";
-    writeFile(hwmon / "hwmon0/temp1_input", "38500\n");
-    writeFile(hwmon / "hwmon1/temp1_input", "41250\n");
-    writeFile(hwmon / "hwmon2/temp1_input", "52300\n");
-    writeFile(hwmon / "hwmon2/temp2_input", "51800\n");
-    writeFile(hwmon / "hwmon2/temp3_input", "53100\n");
+    const auto writeSensors = [&](bool there, const std::string& place, std::initializer_list<const char*> names) {
+        for (const char* name : names) {
+            if (there) {
+                writeFile(root / (place.substr(1) + name), sensorText(place + name));
+            }
+        }
+    };
+    const SensorFamily family = scenario.thermals.sensors;
+    writeSensors(
+        family == SensorFamily::Monitors || family == SensorFamily::Both, "/sys/class/hwmon/",
+        {"hwmon0/temp1_input", "hwmon1/temp1_input", "hwmon2/temp1_input", "hwmon2/temp2_input", "hwmon2/temp3_input"});
+    writeSensors(family == SensorFamily::Chips || family == SensorFamily::Both, "/sys/bus/iio/devices/iio:device0/",
+                 {"in_temp0_ps_temp_raw", "in_temp1_remote_temp_raw", "in_temp2_pl_temp_raw"});
+    writeSensors(scenario.boardType == 1 && scenario.thermals.cableSensor, "/sys/bus/iio/devices/iio:device1/",
+                 {"in_voltage0-voltage1_raw", "in_voltage1_raw"});
     writeFile(root / "sys/class/net/eth0/address", networkAddress + "\n");
     for (const std::string& name : canInterfaces) {
         writeFile(root / "sys/class/net" / name / "type", "280\n");  // ARPHRD_CAN

@@ -133,6 +133,11 @@ enum class FaultKind {
     CanWrite,          // write fails (EIO)
     CanShortWrite,     // write takes 8 bytes of a frame and sends nothing
     CanStamp,          // the time of a frame cannot be had (ENOENT)
+    // Sensors: `target` is the number of one in the table of Thermals.
+    SensorMissing,  // its file is not there (ENOENT), its chip doesn't answer (ENXIO)
+    SensorDenied,   // its file may not be read (EACCES)
+    SensorRubbish,  // its file holds no number
+    SensorSlow,     // it takes `code` ms of the instrument's time; of a chip 1000 at most, then ETIMEDOUT
 };
 
 struct Fault {
@@ -142,7 +147,8 @@ struct Fault {
     double atSeconds = 0.0;
     uint64_t afterCount = 0;
     int64_t times = 1;
-    int command = 0;  // of an amplifier: the code that is meant, 0 any
+    int command = 0;            // of an amplifier: the code that is meant, 0 any
+    double untilSeconds = 0.0;  // no access is hit from then on; 0: there is no such time
 };
 
 // The oscillator of 150 MHz that everything of the FPGA runs on: converters, clock counter, timing core. Its frequency
@@ -242,6 +248,27 @@ struct CanScenario {
     bool stampsFromStart = true;
 };
 
+enum class SensorFamily {
+    Monitors,  // hardware monitors for processor and board
+    Chips,     // converter of the FPGA for the processor, I2C chips for the board
+    Both,
+    None,
+};
+
+// How warm it is. Processor and board strive for what the load makes of the ambient temperature.
+struct ThermalScenario {
+    SensorFamily sensors = SensorFamily::Monitors;
+    double ambientCelsius = 25.0;
+    double timeConstantSeconds = 300.0;  // of the board; the processor's is 40 s
+    // Of the cable on a board of type 1.
+    bool cableSensor = true;
+    double cableCelsius = 22.0;  // -200 to 850
+    // Lines that detect a cable: whether the board has them, and what they say at the start.
+    bool cableLines = true;
+    bool cable1 = false;
+    bool cable2 = false;
+};
+
 struct Scenario {
     // Board and identity EEPROM.
     int boardType = 0;  // 0: eight slots, 1: two slots
@@ -273,6 +300,7 @@ struct Scenario {
 
     PtpScenario ptp{};
     CanScenario can{};
+    ThermalScenario thermals{};
 
     // Eight modules of all kinds with different sines in physical units: what one sees without a scenario file.
     static Scenario standard();

@@ -58,6 +58,13 @@ constexpr auto sensors = std::to_array<Choice<Sensor>>({
     {"shorted", Sensor::Shorted},
 });
 
+constexpr auto sensorFamilies = std::to_array<Choice<SensorFamily>>({
+    {"monitors", SensorFamily::Monitors},
+    {"chips", SensorFamily::Chips},
+    {"both", SensorFamily::Both},
+    {"none", SensorFamily::None},
+});
+
 constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"eepromSilent", FaultKind::EepromSilent},
     {"eepromShortRead", FaultKind::EepromShortRead},
@@ -122,6 +129,10 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"canWrite", FaultKind::CanWrite},
     {"canShortWrite", FaultKind::CanShortWrite},
     {"canStamp", FaultKind::CanStamp},
+    {"sensorMissing", FaultKind::SensorMissing},
+    {"sensorDenied", FaultKind::SensorDenied},
+    {"sensorRubbish", FaultKind::SensorRubbish},
+    {"sensorSlow", FaultKind::SensorSlow},
 });
 
 // What `target` and `code` may be. Kinds that are not here have neither.
@@ -132,6 +143,7 @@ struct FaultNumbers {
 };
 
 constexpr int canTargets = 32;
+constexpr int sensorTargets = 15;
 
 constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::MemMap, 0, std::numeric_limits<uint32_t>::max()},
@@ -170,6 +182,10 @@ constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::CanWrite, canTargets, 4095},
     {FaultKind::CanShortWrite, canTargets, 0},
     {FaultKind::CanStamp, canTargets, 0},
+    {FaultKind::SensorMissing, sensorTargets, 0},
+    {FaultKind::SensorDenied, sensorTargets, 0},
+    {FaultKind::SensorRubbish, sensorTargets, 0},
+    {FaultKind::SensorSlow, sensorTargets, 600000},
 });
 
 template <typename E, size_t N>
@@ -510,6 +526,10 @@ Fault readFault(Section& section) {
     }
     fault.code = static_cast<int>(static_cast<uint32_t>(code));
     section.read("atSeconds", fault.atSeconds, 0.0, 1e9);
+    section.read("untilSeconds", fault.untilSeconds, 0.0, 1e9);
+    if (fault.untilSeconds > 0.0 && fault.untilSeconds <= fault.atSeconds) {
+        section.fail("untilSeconds", "is " + number(fault.untilSeconds) + ", must be 0 (no end) or after atSeconds");
+    }
     section.readInteger("afterCount", fault.afterCount, 0, std::numeric_limits<uint64_t>::max());
     section.readInteger("command", fault.command, 0, 255);
     const bool ofAmplifier = fault.kind >= FaultKind::AmplifierSilent && fault.kind <= FaultKind::AmplifierNan;
@@ -636,6 +656,19 @@ CanScenario readCan(Section& section, const std::string& folder, bool files) {
     return can;
 }
 
+ThermalScenario readThermals(Section& section) {
+    ThermalScenario thermals;
+    section.read("sensors", thermals.sensors, sensorFamilies);
+    section.read("ambientCelsius", thermals.ambientCelsius, -55.0, 100.0);
+    section.read("timeConstantSeconds", thermals.timeConstantSeconds, 0.001, 1e6);
+    section.read("cableSensor", thermals.cableSensor);
+    section.read("cableCelsius", thermals.cableCelsius, -200.0, 850.0);
+    section.read("cableLines", thermals.cableLines);
+    section.read("cable1", thermals.cable1);
+    section.read("cable2", thermals.cable2);
+    return thermals;
+}
+
 Json canJson(const CanScenario& can) {
     Json json = Json::object();
     if (can.interfaces) {
@@ -720,6 +753,7 @@ Scenario readScenario(const Json& json, const std::string& name, const std::stri
     section.readInteger("seed", scenario.seed, 0, std::numeric_limits<uint64_t>::max());
     section.readSection("ptp", [&](Section& inner) { scenario.ptp = readPtp(inner); });
     section.readSection("can", [&](Section& inner) { scenario.can = readCan(inner, folder, files); });
+    section.readSection("thermals", [&](Section& inner) { scenario.thermals = readThermals(inner); });
     section.finish();
     return scenario;
 }
@@ -817,6 +851,15 @@ std::string ScenarioJson::write(const Scenario& scenario) {
                    {"offsetNs", scenario.ptp.offsetNs},
                    {"pathDelayNs", scenario.ptp.pathDelayNs}};
     json["can"] = canJson(scenario.can);
+    const ThermalScenario& thermals = scenario.thermals;
+    json["thermals"] = {{"sensors", nameOf(sensorFamilies, thermals.sensors)},
+                        {"ambientCelsius", thermals.ambientCelsius},
+                        {"timeConstantSeconds", thermals.timeConstantSeconds},
+                        {"cableSensor", thermals.cableSensor},
+                        {"cableCelsius", thermals.cableCelsius},
+                        {"cableLines", thermals.cableLines},
+                        {"cable1", thermals.cable1},
+                        {"cable2", thermals.cable2}};
     json["modules"] = Json::array();
     for (const ModuleScenario& module : scenario.modules) {
         Json waveform;
@@ -846,6 +889,7 @@ std::string ScenarioJson::write(const Scenario& scenario) {
         item["target"] = fault.target;
         item["code"] = fault.code;
         item["atSeconds"] = fault.atSeconds;
+        item["untilSeconds"] = fault.untilSeconds;
         item["afterCount"] = fault.afterCount;
         item["times"] = fault.times;
         item["command"] = fault.command;

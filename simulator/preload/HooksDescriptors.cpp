@@ -15,6 +15,7 @@
 #include "simulator/preload/NextFunctions.h"
 #include "simulator/preload/Opening.h"
 #include "simulator/preload/Runtime.h"
+#include "simulator/preload/SensorFile.h"
 
 using namespace kestrixsim;
 
@@ -67,6 +68,10 @@ int openPath(const char* path, int flags, Pass&& pass) {
     if (location.files()) {
         if (needsMode(flags) && !location.exists()) {
             errno = EACCES;
+            return -1;
+        }
+        if (const int error = (flags & O_ACCMODE) == O_RDONLY ? SensorFile::refresh(location) : 0; error != 0) {
+            errno = -error;
             return -1;
         }
         return ordinary(pass(location.path(), attributeFlags(flags)));

@@ -15,6 +15,7 @@
 #include "simulator/preload/NextFunctions.h"
 #include "simulator/preload/Opening.h"
 #include "simulator/preload/PtpSocket.h"
+#include "simulator/preload/SensorFile.h"
 
 using namespace kestrixsim;
 
@@ -28,8 +29,12 @@ int nodePresent(const Location& location) {
 
 // One call that asks something about a path: `pass` makes it for a path of the file system, `node` for a device.
 template <typename Pass, typename Node>
-int ask(const char* path, Pass&& pass, Node&& node) {
+int ask(const char* path, Pass&& pass, Node&& node, bool permission = false) {
     const Location location(path);
+    if (const int error = SensorFile::check(location, permission); error != 0) {
+        errno = -error;
+        return -1;
+    }
     if (location.ordinary() || location.files()) {
         return pass(location.path());
     }
@@ -79,6 +84,10 @@ FILE* openStream(const char* path, const char* mode) {
         errno = EACCES;
         return nullptr;
     }
+    if (const int error = SensorFile::refresh(location); error != 0) {
+        errno = -error;
+        return nullptr;
+    }
     if (location.ordinary() || location.files()) {
         return next::fopen(location.path(), mode);
     }
@@ -103,25 +112,25 @@ FILE* reopenStream(const char* path, const char* mode, FILE* stream) {
 KESTRIX_HOOK(int, access, (const char* path, int mode)) {
     return ask(
         path, [&](const char* at) { return next::access(at, mode); },
-        [&](const Location& location) { return checkAccess(location, mode); });
+        [&](const Location& location) { return checkAccess(location, mode); }, (mode & R_OK) != 0);
 }
 
 KESTRIX_HOOK(int, euidaccess, (const char* path, int mode)) {
     return ask(
         path, [&](const char* at) { return next::euidaccess(at, mode); },
-        [&](const Location& location) { return checkAccess(location, mode); });
+        [&](const Location& location) { return checkAccess(location, mode); }, (mode & R_OK) != 0);
 }
 
 KESTRIX_HOOK(int, eaccess, (const char* path, int mode)) {
     return ask(
         path, [&](const char* at) { return next::euidaccess(at, mode); },
-        [&](const Location& location) { return checkAccess(location, mode); });
+        [&](const Location& location) { return checkAccess(location, mode); }, (mode & R_OK) != 0);
 }
 
 KESTRIX_HOOK(int, faccessat, (int folder, const char* path, int mode, int flags)) {
     return ask(
         path, [&](const char* at) { return next::faccessat(folder, at, mode, flags); },
-        [&](const Location& location) { return checkAccess(location, mode); });
+        [&](const Location& location) { return checkAccess(location, mode); }, (mode & R_OK) != 0);
 }
 
 KESTRIX_HOOK(int, stat, (const char* path, struct stat* status)) {

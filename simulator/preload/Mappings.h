@@ -12,6 +12,7 @@ namespace kestrixsim {
 class Mappings {
 public:
     static constexpr size_t limit = 64;  // at one time
+    static constexpr size_t pageWords = 1024;
 
     // MAP_FAILED and `error` if it cannot be made. Where no register block lies, an access ends in SIGBUS.
     static void* make(uint64_t physicalAddress, size_t length, int protection, bool shared, int& error);
@@ -26,9 +27,12 @@ private:
         std::atomic<uintptr_t> address{0};
         std::atomic<size_t> length{0};  // whole pages
         uint64_t physicalAddress = 0;
-        uint32_t* filledWith = nullptr;  // of `length`
+        uint32_t* filledWith = nullptr;  // of `length`: `page`, or of the heap where that is too small
+        uint32_t page[pageWords] = {};   // a program that takes nothing from the heap doesn't by mapping a page either
         bool stores = false;
     };
+    static void letGo(const Slot& slot, const uint32_t* filledWith);
+
     static constinit Slot slots_[limit];
     static constinit std::atomic<int> count_;
 };

@@ -77,7 +77,7 @@ TEST_F(AmplifierLink, boardPeripheralsShareTheBus) {
     Tmp100Register temperature(access, 0x48, true, true);
     VcxoDriverRegister vcxo(access, RegistersAddress::vcxoDriverSlaveAddress, true);
     EXPECT_EQ(eeprom.Key.read(), 0xFAF320u);
-    EXPECT_EQ(temperature.getTemperature(), 38.5f);
+    EXPECT_EQ(temperature.getTemperature(), 42.5f);
     vcxo.R16_XO_BY1.write(1);
     vcxo.R17_XO_BY0.write(0x7E);
     EXPECT_EQ(vcxo.R16_X0_BY1RES.read(), 0x2A) << "neighbours of the control word must stay";

@@ -85,6 +85,22 @@ public:
         return value;
     }
 
+    // Time and value of each row of an asynchronous channel.
+    std::vector<std::array<double, 2>> values(const std::string& path) const {
+        const hid_t set = open(path);
+        std::vector<std::array<double, 2>> rows(length(set));
+        const hid_t row = H5Tcreate(H5T_COMPOUND, sizeof rows[0]);
+        H5Tinsert(row, "time", 0, H5T_NATIVE_DOUBLE);
+        H5Tinsert(row, "value", sizeof(double), H5T_NATIVE_DOUBLE);
+        const herr_t result = H5Dread(set, row, H5S_ALL, H5S_ALL, H5P_DEFAULT, rows.data());
+        H5Tclose(row);
+        H5Dclose(set);
+        if (result < 0) {
+            throw std::runtime_error("can't read the rows of " + path);
+        }
+        return rows;
+    }
+
     size_t gapRows() const { return count("gaps"); }
 
     // The column "lock" of the table of the clock.

@@ -349,10 +349,10 @@ testing::AssertionResult Station::deliversWhatItShows(double seconds) {
     std::vector<Follower> used;
     std::vector<ChannelPtr<>> others;
     for (const auto& channel : channels()) {
-        if (channel.getType() == 0 && channel.getUsed() && channel.getPropertyValue<bool>("Enabled")) {
-            used.emplace_back(channel);
-        } else {
+        if (!channel.getUsed() || !channel.getPropertyValue<bool>("Enabled")) {
             others.push_back(channel);
+        } else if (channel.getType() == 0) {
+            used.emplace_back(channel);
         }
     }
     time->hold();

@@ -144,9 +144,9 @@ public:
     Core::ChannelPtr<> raw(int slot) const { return input(slot, "Raw input"); }  // slots count from 1, as shown
     Core::ChannelPtr<> filtered(int slot) const { return input(slot, "Filtered input"); }
 
-    // Cycles for so many seconds of the instrument, in a run. Every used channel must carry the counter from where it
-    // is, at the rate that it shows, by the instrument's own time; the others nothing. And the module's clocks must go
-    // with them.
+    // Cycles for so many seconds of the instrument, in a run. Every used analog channel must carry the counter from
+    // where it is, at the rate that it shows, by the instrument's own time; the others nothing. And the module's clocks
+    // must go with them.
     testing::AssertionResult deliversWhatItShows(double seconds = 0.6);
     // The whole road, from wherever no run is: configure, initialize, start, deliver, stop.
     testing::AssertionResult goodRun(double seconds = 0.6);

@@ -149,6 +149,8 @@ Json reportJson(const RecordingReport& report) {
             for (const auto& count : channel.counts) {
                 item["counts"][count.property] = count.value;
             }
+        } else {
+            item["samples"] = channel.frames;
         }
         if (!channel.failure.empty()) {
             item["lost"] = nullptr;
@@ -565,7 +567,7 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
                             fmt::format("{}", channel.lost), fmt::format("{:.0f}", 100.0 * channel.worstFill)});
         }
         for (const auto& channel : report.asyncChannels) {
-            rows.push_back({channel.label, "-", channel.can ? fmt::format("{}", channel.frames) : "-",
+            rows.push_back({channel.label, "-", fmt::format("{}", channel.frames),
                             channel.failure.empty() ? fmt::format("{}", channel.lost) : "?", "-"});
         }
         output.data(formatTable(rows));

@@ -16,6 +16,8 @@ public:
     void putGap(uint64_t, const Gap&) override {}
     size_t addCanTable(const ChannelInfo&, const std::string&) override { return canTables_++; }
     void addCanRows(size_t, const CanRow*, size_t) override {}
+    size_t addValueTable(const ChannelInfo&) override { return valueTables_++; }
+    void addValueRows(size_t, const void*, size_t) override {}
     void addClockChange(const ClockChange&, double) override {}
     void setClock(const std::string&, Lock, Lock) override {}
     void flush() override {}
@@ -24,6 +26,7 @@ public:
 private:
     size_t channels_ = 0;
     size_t canTables_ = 0;
+    size_t valueTables_ = 0;
 };
 
 }  // namespace zornhost

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <utility>
 
 #include <zorn/structure/property_classes.h>
 
@@ -19,6 +21,14 @@ namespace {
 constexpr auto passInterval = std::chrono::milliseconds(10);
 constexpr double moduleRowIntervalS = 1.0;  // a module that reports a loss in every cycle fills no table
 constexpr const char* lostSamplesName = "LostSamples";
+constexpr size_t pieceOfValues = 1024;  // asynchronous samples that are taken at a time
+// What an asynchronous channel counts of its samples, and what that means.
+constexpr std::pair<const char*, const char*> valueLosses[] = {
+    {lostSamplesName, "lost before they reached the host, at unknown places"},
+    {"SamplesOverflowed", "the module had no room for them, at unknown places"},
+    {"SamplesRefused", "the module's channel doesn't take them, at unknown places"},
+    {"FailedReads", "could not be read, at unknown places"},
+};
 constexpr size_t channelsNamed = 3;  // in a verdict; the report has all
 
 ChannelInfo describe(const ChannelEntry& entry) {
@@ -70,6 +80,21 @@ std::string canText(const std::vector<AsyncReport>& channels) {
     return count == 0 ? std::string()
                       : fmt::format(" CAN: {} of {}.{}", counted(frames, "frame", "frames"),
                                     counted(count, "channel", "channels"), besides);
+}
+
+// " Besides: 612 samples of 6 asynchronous channels."
+std::string valuesText(const std::vector<AsyncReport>& channels) {
+    uint64_t samples = 0;
+    size_t count = 0;
+    for (const auto& channel : channels) {
+        if (!channel.can) {
+            ++count;
+            samples += channel.frames;
+        }
+    }
+    return count == 0 ? std::string()
+                      : fmt::format(" Besides: {} of {}.", counted(samples, "sample", "samples"),
+                                    counted(count, "asynchronous channel", "asynchronous channels"));
 }
 
 // A channel whose samples go elsewhere has no ring and brings nothing.
@@ -177,6 +202,7 @@ std::string RecordingReport::verdict() const {
         text += " " + clock.text();
     }
     text += canText(asyncChannels);
+    text += valuesText(asyncChannels);
     for (const auto& refusal : refusals) {
         text += fmt::format(" SETTINGS NOT TAKEN: {}: {}.", refusal.module, refusal.text());
     }
@@ -215,7 +241,8 @@ Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, c
             anyRing = true;
             canStreams_.emplace_back(std::make_unique<CanStream>())->entry = entry;
         } else if (entry.channel.hasProperty(lostSamplesName)) {
-            asyncChannels_.push_back(entry);
+            anyRing = anyRing || reservesMemory(entry.channel);
+            valueStreams_.emplace_back(std::make_unique<ValueStream>())->entry = entry;
         }
     }
     if (!anyRing) {
@@ -232,6 +259,9 @@ Recorder::Recorder(Options options, const std::vector<ChannelEntry>& channels, c
     }
     for (auto& stream : canStreams_) {
         stream->table = sink_->addCanTable(describe(stream->entry), interfaceOf(stream->entry));
+    }
+    for (auto& stream : valueStreams_) {
+        stream->table = sink_->addValueTable(describe(stream->entry));
     }
     report_.file = options_.file;
     report_.keeps = sink_->keeps();
@@ -256,6 +286,11 @@ void Recorder::start(int64_t startTimeUs) {
     }
     for (const auto& stream : canStreams_) {
         stream->reader.emplace(stream->entry, scheduler_);
+    }
+    for (const auto& stream : valueStreams_) {
+        stream->reader.emplace(stream->entry.channel, scheduler_);
+        stream->samples.resize(pieceOfValues * stream->reader->sampleSize());
+        stream->stamps.resize(pieceOfValues);
     }
     noteRefusals();
     sink_->setStartTime(startTimeUs);
@@ -299,8 +334,37 @@ void Recorder::pass() {
     for (auto& stream : canStreams_) {
         drain(*stream);
     }
+    for (auto& stream : valueStreams_) {
+        drain(*stream);
+    }
     noteModuleReports();
     noteClock();
+}
+
+void Recorder::drain(ValueStream& stream) {
+    const size_t sampleSize = stream.reader->sampleSize();
+    for (size_t count = pieceOfValues; count == pieceOfValues;) {
+        const auto piece = stream.reader->read(stream.samples.data(), stream.stamps.data(), pieceOfValues);
+        count = piece.samples;
+        stream.rows.resize(count * (sizeof(double) + sampleSize));
+        unsigned char* row = stream.rows.data();
+        for (size_t i = 0; i < count; ++i) {
+            const double timeS = static_cast<double>(stream.stamps[i]) / 1e9;
+            std::memcpy(row, &timeS, sizeof timeS);
+            std::memcpy(row + sizeof timeS, stream.samples.data() + i * sampleSize, sampleSize);
+            row += sizeof timeS + sampleSize;
+        }
+        if (piece.lost > 0) {
+            const double timeS = count == 0 ? elapsedS() : static_cast<double>(stream.stamps[0]) / 1e9;
+            stream.lost += piece.lost;
+            addGap(nullptr,
+                   Gap{stream.entry.path, stream.count, piece.lost, timeS, "the writer could not keep up", false});
+        }
+        if (count > 0) {
+            sink_->addValueRows(stream.table, stream.rows.data(), count);
+            stream.count += count;
+        }
+    }
 }
 
 void Recorder::drain(CanStream& stream) {
@@ -516,19 +580,27 @@ void Recorder::askCanChannels() {
 
 // What they have lost nobody has seen the place of.
 void Recorder::askAsyncChannels() {
-    for (const auto& entry : asyncChannels_) {
+    for (const auto& stream : valueStreams_) {
+        const ChannelEntry& entry = stream->entry;
         AsyncReport report;
         report.label = entry.label;
         report.path = entry.path;
+        report.frames = stream->count;
+        report.lost = stream->lost;
         try {
-            const auto function = entry.channel.getPropertyValue<BasePtr>(lostSamplesName).asPtr<IFuncObject>();
-            report.lost = static_cast<uint64_t>(std::max<int64_t>(fromValue<int64_t>(executeFunc(function, {})), 0));
+            for (const auto& [property, cause] : valueLosses) {
+                if (!entry.channel.hasProperty(property)) {
+                    continue;
+                }
+                const auto function = entry.channel.getPropertyValue<BasePtr>(property).asPtr<IFuncObject>();
+                const auto lost = std::max<int64_t>(fromValue<int64_t>(executeFunc(function, {})), 0);
+                if (lost > 0) {
+                    report.lost += static_cast<uint64_t>(lost);
+                    report_.gapTable.push_back(Gap{entry.path, 0, static_cast<uint64_t>(lost), 0.0, cause, false});
+                }
+            }
         } catch (const std::exception& failure) {
             report.failure = failure.what();
-        }
-        if (report.lost > 0) {
-            report_.gapTable.push_back(
-                Gap{entry.path, 0, report.lost, 0.0, "lost before they reached the host, at unknown places", false});
         }
         report_.asyncChannels.push_back(std::move(report));
     }
@@ -546,6 +618,9 @@ RecordingReport Recorder::finish(bool interrupted, const std::string& stopFailur
     if (report_.error.empty()) {
         try {
             for (auto& stream : canStreams_) {
+                drain(*stream);
+            }
+            for (auto& stream : valueStreams_) {
                 drain(*stream);
             }
         } catch (const std::exception& failure) {

@@ -30,14 +30,14 @@ struct ChannelReport {
     bool silent = false;     // not a single sample has come
 };
 
-// An asynchronous channel that counts what it loses. Frames of CAN channels are recorded, other samples are not.
+// An asynchronous channel that counts what it loses.
 struct AsyncReport {
     std::string label;
     std::string path;
     uint64_t lost = 0;
     std::string failure;           // why the count is not known; empty when it is
     bool can = false;              // its samples are CAN frames
-    uint64_t frames = 0;           // written
+    uint64_t frames = 0;           // or samples, written
     uint64_t unsent = 0;           // messages of an output channel
     std::vector<CanCount> counts;  // what makes up `lost` and `unsent`, and what is told besides
 };
@@ -147,8 +147,21 @@ private:
         uint64_t lost = 0;  // that the ring no longer held
     };
 
+    // Another asynchronous channel.
+    struct ValueStream {
+        ChannelEntry entry;
+        size_t table = 0;
+        std::optional<RingReader> reader;
+        std::vector<unsigned char> samples;
+        std::vector<long> stamps;
+        std::vector<unsigned char> rows;
+        uint64_t count = 0;  // written
+        uint64_t lost = 0;   // that the ring no longer held
+    };
+
     void run();
     void pass();
+    void drain(ValueStream& stream);
     void drain(CanStream& stream);
     void flush();
     bool drain(Stream& stream);
@@ -167,7 +180,7 @@ private:
     std::unique_ptr<RecordingSink> sink_;
     std::vector<std::unique_ptr<Stream>> streams_;
     std::vector<std::unique_ptr<CanStream>> canStreams_;
-    std::vector<ChannelEntry> asyncChannels_;
+    std::vector<std::unique_ptr<ValueStream>> valueStreams_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
     std::atomic<bool> running_{false};

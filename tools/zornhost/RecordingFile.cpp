@@ -379,6 +379,35 @@ void RecordingFile::addCanRows(size_t number, const CanRow* rows, size_t count) 
     }
 }
 
+size_t RecordingFile::addValueTable(const ChannelInfo& info) {
+    const hid_t native = nativeType(info.type);
+    if (native < 0 || H5Tget_size(native) != info.sampleSize) {
+        throw RecordingError(
+            fmt::format("{}: channel \"{}\" has a sample type that can't be recorded", file_, info.path));
+    }
+    Hid type(H5Tcreate(H5T_COMPOUND, sizeof(double) + info.sampleSize), H5Tclose);
+    H5Tinsert(type.get(), "time", 0, H5T_NATIVE_DOUBLE);
+    H5Tinsert(type.get(), "value", sizeof(double), native);
+    RecordingTable table(handle_.get(), info.path.c_str(), std::move(type), canChunk);
+    if (!table.valid() || !writeText(table.id(), "name", info.name) || !writeText(table.id(), "unit", info.unit) ||
+        !writeNumber(table.id(), "scale", info.scale) || !writeNumber(table.id(), "offset", info.offset) ||
+        !writeNumber(table.id(), "range_min", info.rangeMin) || !writeNumber(table.id(), "range_max", info.rangeMax) ||
+        !writeText(table.id(), "node_id", info.nodeId)) {
+        fail(fmt::format("create the table of channel \"{}\"", info.path));
+    }
+    valueTables_.push_back(std::move(table));
+    return valueTables_.size() - 1;
+}
+
+void RecordingFile::addValueRows(size_t number, const void* rows, size_t count) {
+    keepQuiet();
+    errno = 0;
+    RecordingTable& table = valueTables_[number];
+    if (!table.put(table.size(), rows, count)) {
+        fail("write asynchronous samples");
+    }
+}
+
 void RecordingFile::addClockChange(const ClockChange& change, double timeS) {
     ClockRowOnDisk row{};
     std::strncpy(row.lock, lockText(change.lock), sizeof row.lock - 1);
@@ -444,8 +473,10 @@ void RecordingFile::close(const std::string& verdict, bool complete) {
     for (auto& channel : channels_) {
         closed = channel.dataset.reset() >= 0 && closed;
     }
-    for (auto& table : canTables_) {
-        closed = table.close() >= 0 && closed;
+    for (auto* const tables : {&canTables_, &valueTables_}) {
+        for (auto& table : *tables) {
+            closed = table.close() >= 0 && closed;
+        }
     }
     closed = gaps_.close() >= 0 && clock_.close() >= 0 && closed;
     if (handle_.reset() < 0 || !closed) {

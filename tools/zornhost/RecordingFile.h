@@ -18,8 +18,9 @@
 //                              1970), node_id; of a channel with an amplifier settings_in_force and settings_refused
 //                              (with the reason; empty when the amplifier has taken all)
 //   /<path of a CAN channel>   table of its frames: time (s since the start), id, length, data; attributes name,
-//   node_id
-//                              and interface (how logs name the port)
+//                              node_id and interface (how logs name the port)
+//   /<path of another          table of its samples: time (s since the start), value (in the channel's own type);
+//    asynchronous channel>     attributes name, unit, scale, offset, range_min, range_max, node_id
 //   /gaps                      table: channel, first_index, length (samples), time (s since the start), cause,
 //                              estimated
 //   /clock                     table: time (s since the start), time_us (since 1970), lock ("locked", "not locked",
@@ -50,6 +51,8 @@ public:
     void putGap(uint64_t row, const Gap& gap) override;
     size_t addCanTable(const ChannelInfo& info, const std::string& interface) override;
     void addCanRows(size_t table, const CanRow* rows, size_t count) override;
+    size_t addValueTable(const ChannelInfo& info) override;
+    void addValueRows(size_t table, const void* rows, size_t count) override;
     void addClockChange(const ClockChange& change, double timeS) override;
     void setClock(const std::string& mode, Lock atStart, Lock atEnd) override;
     // After this a killed process leaves all that was written before readable.
@@ -77,6 +80,7 @@ private:
     bool abandoned_ = false;  // nothing more gets into the file
     std::vector<Channel> channels_;
     std::vector<RecordingTable> canTables_;
+    std::vector<RecordingTable> valueTables_;
 };
 
 }  // namespace zornhost

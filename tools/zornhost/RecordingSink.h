@@ -66,6 +66,10 @@ public:
     // Tables of CAN frames are numbered in the order of adding. `interface`: how logs name the port.
     virtual size_t addCanTable(const ChannelInfo& info, const std::string& interface) = 0;
     virtual void addCanRows(size_t table, const CanRow* rows, size_t count) = 0;
+    // Tables of asynchronous samples, likewise. A row is its time (double, s since the start) and, right behind it, the
+    // sample in the channel's own type.
+    virtual size_t addValueTable(const ChannelInfo& info) = 0;
+    virtual void addValueRows(size_t table, const void* rows, size_t count) = 0;
     // A row of the clock's table; `timeS` since the start.
     virtual void addClockChange(const ClockChange& change, double timeS) = 0;
     virtual void setClock(const std::string& mode, Lock atStart, Lock atEnd) = 0;  // attributes; may be renewed

@@ -16,7 +16,8 @@ public:
     static constexpr const char* SynchronizationOptionsProp = "SynchronizationOptions";
     static constexpr const char* SynchronizationProp = "Synchronization";
     static constexpr const char* AppliedSynchronizationProp = "AppliedSynchronization";  // the option in force
-    static constexpr const char* ClockStateProp = "ClockState";  // a function, list of [name, value]; any thread
+    static constexpr const char* ClockStateProp = "ClockState";    // a function, list of [name, value]; any thread
+    static constexpr const char* HealthStateProp = "HealthState";  // likewise; see HostHealth
     // Of the data module's parent, kept by the host.
     static constexpr const char* IsUpdatingFromConfigurationProp = "isUpdatingFromConfiguration";
     // Of the data, kept by the host.

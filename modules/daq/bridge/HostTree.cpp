@@ -13,6 +13,7 @@
 #include "modules/daq/bridge/CntProperties.h"
 #include "modules/daq/bridge/DaqRTOperation.h"
 #include "modules/daq/bridge/DaqStructureConsts.h"
+#include "modules/daq/bridge/HostHealth.h"
 #include "modules/daq/bridge/HostRates.h"
 #include "modules/daq/bridge/HostSynchronization.h"
 #include "modules/daq/bridge/HostValues.h"
@@ -87,6 +88,7 @@ void HostTree::buildDataModuleProps(const DataModulePtr& dataModule) {
                                     return Errors::Success;
                                 })));
     synchronization_.registerProperties();
+    HostHealth::registerProperties(state_);
     takeBackOnChange(dataModule.getOnPropertyValueChanged());
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <tuple>
 
@@ -140,7 +141,9 @@ TEST(Recorder, AsynchronousChannelsAreAskedForTheirLosses) {
             bench.record("async.h5", 0.3, used ? std::vector<std::string>{} : std::vector<std::string>{"AI 1/*"});
         const std::string verdict = report.verdict();
         EXPECT_EQ(report.good(), loses == 0 || !used) << verdict;
-        ASSERT_EQ(report.asyncChannels.size(), used ? 1u : 0u);
+        EXPECT_EQ(std::count_if(report.asyncChannels.begin(), report.asyncChannels.end(),
+                                [](const auto& channel) { return channel.label.starts_with("CAN "); }),
+                  used ? 1 : 0);
         const RecordingReader file(bench.file("async.h5"));
         EXPECT_EQ(file.text("", "verdict"), verdict);
         if (!used) {

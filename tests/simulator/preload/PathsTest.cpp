@@ -138,4 +138,39 @@ TEST_F(Paths, NothingIsMadeInTheInstrumentsFolders) {
     EXPECT_TRUE(Descriptor(::open(gpio, O_WRONLY | O_CREAT, 0600)) >= 0);
 }
 
+// Each open finds what the sensor says now, and each question whether it is there now.
+TEST_F(Paths, SensorsAreReadAnew) {
+    const char* const sensor = "/sys/class/hwmon/hwmon2/temp1_input";
+    const std::string before = content(sensor);
+    EXPECT_EQ(before, "53100\n");
+    const Descriptor open(::open(sensor, O_RDONLY));
+    instrument().storeWord(0xA0200000, 0, 1);
+    for (int i = 0; i < 500 && content(sensor) == before; ++i) {
+        ::usleep(10000);
+    }
+    EXPECT_GT(std::stoi(content(sensor)), std::stoi(before)) << "converters warm it";
+    char held[16] = {};
+    EXPECT_EQ(::read(open, held, sizeof held), 6) << "the old file is whole";
+    struct stat status {};
+    for (const auto& [kind, error, there] :
+         {std::tuple{FaultKind::SensorMissing, ENOENT, -1}, {FaultKind::SensorDenied, EACCES, 0}}) {
+        instrument().inject({.kind = kind, .target = 0, .times = -1});
+        EXPECT_EQ(::access(sensor, R_OK), -1);
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(::access(sensor, F_OK), there);
+        EXPECT_EQ(::stat(sensor, &status), there);
+        errno = 0;
+        EXPECT_EQ(::open(sensor, O_RDONLY), -1);
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(::fopen(sensor, "r"), nullptr);
+        EXPECT_EQ(::access(gpio, R_OK), 0) << "a line of something else";
+        instrument().clearFaults();
+        EXPECT_EQ(::access(sensor, R_OK), 0);
+    }
+    // What a line says is written from outside.
+    const char* const line = "/sys/class/gpio/gpio496/value";
+    std::ofstream(under(line)) << "1\n";
+    EXPECT_EQ(content(line), "1\n");
+}
+
 }  // namespace

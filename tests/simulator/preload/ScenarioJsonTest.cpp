@@ -32,7 +32,8 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
                   .ptpPulse = {.steps = {{5.0, -6.5}}, .spikes = {{7.0, 8.0}}},
                   .realtimeAtStart = 1795000000.5,
                   .realtimeSteps = {{9.0, 1000.0}},
-                  .seed = 0x8000000000000001};
+                  .seed = 0x8000000000000001,
+                  .thermals = {SensorFamily::Both, -12.5, 7.5, false, 321.0, false, true, true}};
     for (size_t i = 0; i <= static_cast<size_t>(WaveformKind::Counter); ++i) {
         const auto kind = static_cast<WaveformKind>(i);
         full.modules.push_back({.slot = 7 - static_cast<int>(i),
@@ -44,8 +45,12 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
         full.modules[i].waveform.file = kind == WaveformKind::Wav ? "/somewhere/take.wav" : "";
         full.modules[i].waveform.unit = i % 2 == 1 ? WaveformUnit::Physical : WaveformUnit::Counts;
     }
-    for (int kind = 0; kind <= static_cast<int>(FaultKind::OscillatorSilent); ++kind) {
-        full.faults.push_back({.kind = static_cast<FaultKind>(kind), .atSeconds = 1.5, .afterCount = 7, .times = -1});
+    for (int kind = 0; kind <= static_cast<int>(FaultKind::SensorSlow); ++kind) {
+        full.faults.push_back({.kind = static_cast<FaultKind>(kind),
+                               .atSeconds = 1.5,
+                               .afterCount = 7,
+                               .times = -1,
+                               .untilSeconds = 2.5});
     }
     full.faults.push_back({.kind = FaultKind::DmaIoctl, .target = 3, .code = static_cast<int>(0xC0064C01)});
     const std::string text = ScenarioJson::write(full);
@@ -58,6 +63,10 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
     EXPECT_EQ(back.pps.outages.back().until, 4.0);
     EXPECT_EQ(back.ptpPulse.spikes.front().byMicroseconds, 8.0);
     EXPECT_EQ(back.realtimeSteps.front().byMicroseconds, 1000.0);
+    EXPECT_EQ(back.thermals.sensors, SensorFamily::Both);
+    EXPECT_TRUE(!back.thermals.cableSensor && !back.thermals.cableLines && back.thermals.cable1);
+    EXPECT_EQ(back.thermals.ambientCelsius + back.thermals.timeConstantSeconds + back.thermals.cableCelsius, 316.0);
+    EXPECT_EQ(back.faults.front().untilSeconds, 2.5);
     ASSERT_EQ(back.modules.size(), full.modules.size());
     for (size_t i = 0; i < back.modules.size(); ++i) {
         EXPECT_EQ(back.modules[i].kind, full.modules[i].kind);
@@ -143,6 +152,11 @@ TEST(ScenarioJson, MistakesAreNamedWithTheirPlace) {
         {R"({"faults": [{"kind": "muxError", "code": 1}]})", "faults[0].code: is 1, but this kind has none"},
         {R"({"faults": [{"kind": "muxError", "command": 1}]})", "faults[0].command: is 1, but this kind has none"},
         {R"({"faults": [{"kind": "dmaRead", "times": 0}]})", "faults[0].times: is 0"},
+        {R"({"faults": [{"kind": "sensorSlow", "target": 15}]})", "faults[0].target: is 15, must be from -1 to 14"},
+        {R"({"faults": [{"kind": "dmaRead", "atSeconds": 2, "untilSeconds": 2}]})",
+         "faults[0].untilSeconds: is 2, must"},
+        {R"({"thermals": {"sensors": "few"}})", "thermals.sensors: is \"few\", must be one of monitors, chips"},
+        {R"({"thermals": {"cableCelsius": -201}})", "thermals.cableCelsius: is -201"},
     };
     for (const auto& mistake : cases) {
         expectRefused([&] { ScenarioJson::parse(mistake.first, "s"); }, mistake.second);

@@ -6,6 +6,7 @@
 #include "modules/daq/daqdevices/kestrix/src/KestrixAI.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDaqClock.h"
 #include "modules/daq/daqdevices/kestrix/src/KestrixDaqTiming.h"
+#include "modules/daq/daqdevices/kestrix/src/KestrixStatus.h"
 #include "modules/daq/daqdevices/kestrix/src/LedBase.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
 #include "shared/libraries/kestrix/src/registers/EepromRegister.h"
@@ -95,6 +96,10 @@ std::shared_ptr<AIDevice> KestrixDevice::createAIDevice() {
 
 std::shared_ptr<CANDevice> KestrixDevice::createCANDevice() {
     return std::make_shared<CanSocketSubDevice>(identity_.canPorts);
+}
+
+std::shared_ptr<StatusDevice> KestrixDevice::createStatusDevice() {
+    return std::make_shared<KestrixStatus>(memoryAccess_, i2cAccess_);
 }
 
 void KestrixDevice::onBaseClockChanged() {

@@ -34,6 +34,7 @@ public:
     std::shared_ptr<DaqTiming> createDaqTiming() override;
     std::shared_ptr<AIDevice> createAIDevice() override;
     std::shared_ptr<CANDevice> createCANDevice() override;
+    std::shared_ptr<StatusDevice> createStatusDevice() override;
     std::shared_ptr<KestrixDaqTiming> getKestrixTiming() const { return kestrixTiming_.lock(); }
 
     // The base clock of the analog inputs is known or has changed.
