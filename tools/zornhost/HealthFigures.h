@@ -60,9 +60,9 @@ struct HealthFigures {
     std::vector<Amplifier> amplifiers;
     std::vector<std::string> ports;  // "CAN Port 1"
     std::vector<PortCount> portCounts;
-    int64_t streams = 0;          // analog channels in use
-    int64_t streamsSilent = 0;    // of them, without a single sample
-    int64_t mostDescriptors = 0;  // found in one cycle, over all streams
+    int64_t streams = 0;           // analog channels in use
+    int64_t streamsSilent = 0;     // of them, without a single sample
+    int64_t mostDescriptors = -1;  // found in one cycle, over all streams; -1: unknown
     int64_t driverDescriptors = 16;
     int64_t samplesLost = 0;    // that rings no longer held, and that channels say they have lost
     std::vector<Error> errors;  // the latest first

@@ -113,9 +113,11 @@ void addChannels(const HealthFigures& figures, Families& families) {
     families.single("kestrix_channels", "Analog channels in use.", static_cast<double>(figures.streams));
     families.single("kestrix_channels_silent", "Of them, without a single sample.",
                     static_cast<double>(figures.streamsSilent));
-    families.single("kestrix_descriptors_found_max",
-                    "Most blocks of a stream that one cycle has found waiting; the driver holds 16.",
-                    static_cast<double>(figures.mostDescriptors));
+    if (figures.mostDescriptors >= 0) {
+        families.single("kestrix_descriptors_found_max",
+                        "Most blocks of a stream that one cycle has found waiting; the driver holds 16.",
+                        static_cast<double>(figures.mostDescriptors));
+    }
     families.single("kestrix_lost_samples_total", "Samples that a ring no longer held.",
                     static_cast<double>(figures.samplesLost), MetricType::Counter);
     int64_t errors = 0;

@@ -79,7 +79,8 @@ constexpr HealthTopic lossTopic{"samplesLost", "Lost samples",
                                 "A faster disk, fewer channels, a lower rate."};
 constexpr HealthTopic lineTopic{"lines", "Inputs", "The lines by which the instrument sees its cables.",
                                 "A line that can't be read: its GPIO file is missing (`zornhost doctor`)."};
-constexpr HealthTopic errorTopic{"errors", "Errors", "Errors in the log since this process began, the latest first.",
+constexpr HealthTopic errorTopic{"errors", "Errors",
+                                 "Errors in the log since the instrument was prepared, the latest first.",
                                  "Each says what failed and why; --log-level shows more."};
 
 Health by(double value, const HealthLimit& limit) {
@@ -195,10 +196,14 @@ void judgeStreams(const HealthFigures& figures, const HealthLimits& limits, std:
             {&streamTopic, silent,
              plural(figures.streams, "channel", "channels") +
                  (figures.streamsSilent == 0 ? "" : fmt::format(", {} without a sample", figures.streamsSilent))});
-        const Health found = by(static_cast<double>(figures.mostDescriptors), limits.descriptors);
-        verdicts.push_back({&descriptorTopic, found,
-                            fmt::format("{} of {} in one cycle{}", figures.mostDescriptors, figures.driverDescriptors,
-                                        found == Health::Fail ? ": samples may be missing" : "")});
+        const bool known = figures.mostDescriptors >= 0;
+        const Health found =
+            known ? by(static_cast<double>(figures.mostDescriptors), limits.descriptors) : Health::Warn;
+        verdicts.push_back(
+            {&descriptorTopic, found,
+             !known ? "unknown"
+                    : fmt::format("{} of {} in one cycle{}", figures.mostDescriptors, figures.driverDescriptors,
+                                  found == Health::Fail ? ": samples may be missing" : "")});
     }
     verdicts.push_back({&lossTopic, by(static_cast<double>(figures.samplesLost), limits.samplesLost),
                         figures.samplesLost == 0 ? "none" : fmt::format("{}", figures.samplesLost)});

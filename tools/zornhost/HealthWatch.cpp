@@ -17,7 +17,6 @@ namespace zornhost {
 namespace {
 
 constexpr const char* healthStateName = "HealthState";
-constexpr const char* descriptorsName = "MostDescriptors";
 constexpr int synchronous = 0;
 
 ObjectPtr<IFuncObject> functionOf(const GenericPropertyObjectPtr& object, const char* name) {
@@ -71,7 +70,6 @@ void HealthWatch::gatherChannels() {
             portChannels_.push_back({portOf(entry), CanCounts(entry.channel)});
         } else if (entry.channel.getType() == synchronous && entry.channel.getUsed() && hasHardware(entry.channel)) {
             streams_.push_back(entry.channel);
-            descriptors_.push_back(functionOf(entry.channel.asPtr<IPropertyObject>(), descriptorsName));
         }
     }
 }
@@ -103,6 +101,7 @@ void HealthWatch::lookAtSensors(HealthFigures& figures) const {
         const std::string subject = "the module's state";
         const NamedValues state(executeFunc(health_, {}), subject);
         figures.supply = state.get<std::string>("Supply");
+        figures.mostDescriptors = state.get<int64_t>("MostDescriptors");
         forEachOf(state.at("Sensors"), subject,
                   [&](const NamedValues& sensor) { figures.sensors.push_back(sensorOf(sensor)); });
         forEachOf(state.at("Lines"), subject, [&](const NamedValues& line) { figures.lines.push_back(lineOf(line)); });
@@ -122,12 +121,8 @@ HealthFigures HealthWatch::figures() const {
         figures.clock = clock_->report();
     }
     figures.streams = static_cast<int64_t>(streams_.size());
-    for (size_t i = 0; i < streams_.size(); ++i) {
-        figures.streamsSilent += streams_[i].getSamplesAcquired() == 0 ? 1 : 0;
-        if (descriptors_[i]) {
-            figures.mostDescriptors =
-                std::max(figures.mostDescriptors, fromValue<int64_t>(executeFunc(descriptors_[i], {})));
-        }
+    for (const auto& stream : streams_) {
+        figures.streamsSilent += stream.getSamplesAcquired() == 0 ? 1 : 0;
     }
     for (const auto& channel : portChannels_) {
         if (std::find(figures.ports.begin(), figures.ports.end(), channel.port) == figures.ports.end()) {

@@ -57,7 +57,6 @@ private:
     const ErrorLog errors_;
     Harvane::RT::Core::ObjectPtr<Harvane::RT::Core::IFuncObject> health_;
     std::vector<Harvane::RT::Core::ChannelPtr<>> streams_;
-    std::vector<Harvane::RT::Core::ObjectPtr<Harvane::RT::Core::IFuncObject>> descriptors_;
     std::vector<PortChannel> portChannels_;
 
     mutable std::mutex mutex_;

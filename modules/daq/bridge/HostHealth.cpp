@@ -1,11 +1,13 @@
 #include "modules/daq/bridge/HostHealth.h"
 
+#include <algorithm>
 #include <initializer_list>
 #include <string>
 
 #include "modules/daq/bridge/DaqStructureConsts.h"
 #include "modules/daq/bridge/HostValues.h"
 #include "modules/daq/controller/DaqController.h"
+#include "modules/daq/objectmodel/AIDevice.h"
 #include "modules/daq/objectmodel/DaqDevice.h"
 #include "modules/daq/objectmodel/StatusDevice.h"
 
@@ -47,15 +49,17 @@ BasePtr toList(const HealthState::Line& line) {
 void HostHealth::registerProperties(BridgeState& state) {
     // The host's tree may outlive the devices.
     std::vector<std::weak_ptr<StatusDevice>> devices;
+    std::vector<std::weak_ptr<AIDevice>> inputs;
     for (const auto& device : state.controller.daqDevices) {
         if (device->statusDevice) {
             devices.push_back(device->statusDevice);
+            inputs.push_back(device->aiDevice);
         }
     }
     if (devices.empty()) {
         return;
     }
-    auto answer = [devices](const BasePtr&, BasePtr& result) -> ErrCode {
+    auto answer = [devices, inputs](const BasePtr&, BasePtr& result) -> ErrCode {
         const ListPtr sensors = ListPtr::create();
         const ListPtr lines = ListPtr::create();
         for (const auto& weak : devices) {
@@ -68,7 +72,18 @@ void HostHealth::registerProperties(BridgeState& state) {
                 lines.pushBack(toList(line));
             }
         }
-        result = asBase(ListPtr::create({named("Sensors", asBase(sensors)), named("Lines", asBase(lines))}));
+        std::string supply;
+        int descriptors = 0;
+        for (const auto& weak : inputs) {
+            const auto device = weak.lock();
+            const std::string of = device ? device->getSupplyState() : "";
+            // The texts of what is well begin or end with "on".
+            supply = supply.empty() || supply.ends_with("on") ? (of.empty() ? supply : of) : supply;
+            descriptors = std::max(descriptors, device ? device->getMostDescriptors() : 0);
+        }
+        result = asBase(ListPtr::create({named("Sensors", asBase(sensors)), named("Lines", asBase(lines)),
+                                         named("Supply", toValue(supply)),
+                                         named("MostDescriptors", toValue(int64_t{descriptors}))}));
         return Errors::Success;
     };
     state.dataModule.registerProperty(

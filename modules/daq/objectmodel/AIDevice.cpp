@@ -58,6 +58,14 @@ bool AIDevice::runsAt(int clock) {
     return clock == baseClock;
 }
 
+std::string AIDevice::getSupplyState() {
+    return {};
+}
+
+int AIDevice::getMostDescriptors() const {
+    return 0;
+}
+
 void AIDevice::setBaseClock(int clock) {
     if (clock < 1 || std::find(baseClocks.begin(), baseClocks.end(), clock) == baseClocks.end() || runsAt(clock)) {
         return;

@@ -30,6 +30,12 @@ public:
     // Whether there is nothing to do for this clock. A device with a clock in hardware asks the hardware.
     virtual bool runsAt(int clock);
 
+    // Whether the amplifiers have their supply: "on", "off", "always on", or why that isn't known; empty for a device
+    // that has no say in it. Any thread.
+    virtual std::string getSupplyState();
+    // The most descriptors of one stream that a cycle of the latest run has found waiting. Any thread.
+    virtual int getMostDescriptors() const;
+
     // Ignored below 1, for a clock that isn't in the list and where the device runs at it. Failures of the hardware
     // pass through; baseClock then still is the clock in force, and the same request tries again.
     void setBaseClock(int clock);

@@ -149,6 +149,18 @@ void KestrixAI::enableSupply() {
     }
 }
 
+std::string KestrixAI::getSupplyState() {
+    if (!identity_.hasModuleSupply()) {
+        return "always on";
+    }
+    try {
+        const int modules = globalControl_->EI.read();
+        return modules == 255 ? "on" : modules == 0 ? "off" : "on for some modules only";
+    } catch (const std::exception& failure) {
+        return std::string("unknown: ") + failure.what();
+    }
+}
+
 void KestrixAI::disableSupply() {
     KESTRIX_LOG(4, "disabling supply from application");
     globalControl_->EI.write(0);
@@ -395,7 +407,9 @@ void KestrixAI::initializeAcquisition(bool recursive) {
     endRun();
     requireClock();
     AIDevice::initializeAcquisition(recursive);
-    run_ = std::make_unique<Run>(Run::Parts{channels, kernels_, dspControls_, *adcControl_}, preparedForUsb_);
+    mostDescriptors_ = 0;
+    run_ = std::make_unique<Run>(Run::Parts{channels, kernels_, dspControls_, *adcControl_, mostDescriptors_},
+                                 preparedForUsb_);
     try {
         run_->setUp(clock_->inForce(), simulationMode);
     } catch (...) {

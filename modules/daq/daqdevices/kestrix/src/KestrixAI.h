@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -78,6 +79,8 @@ public:
     void onBaseClockChanged() override;
     // Asks the PLLs. False as well while a change has left something undone.
     bool runsAt(int clock) override;
+    std::string getSupplyState() override;
+    int getMostDescriptors() const override { return mostDescriptors_; }
 
     const std::vector<std::shared_ptr<KestrixKernel>>& getKernels() const { return kernels_; }
     const std::shared_ptr<Shared::Kestrix::AmplifierCommunication>& getAmplifierCommunication() const {
@@ -112,7 +115,8 @@ private:
 
     bool amplifiersPending_ = false;  // a change of the clock has left them without supply, or not all were read
     bool preparedForUsb_ = false;     // the mode of the coming run, whatever the host asks for meanwhile
-    std::unique_ptr<Run> run_;        // null between acquisitions
+    std::atomic<int> mostDescriptors_{0};
+    std::unique_ptr<Run> run_;  // null between acquisitions
 };
 
 }  // namespace Harvane::RT::Modules::Daq

@@ -147,6 +147,17 @@ void Run::acquireData() {
         if (stream.transferSamples()) {
             stream.transferSamples();
         }
+        noteDescriptors(stream);
+    }
+}
+
+// The driver holds sixteen: how near a cycle has come to that says whether it came in time.
+void Run::noteDescriptors(const Stream& stream) const {
+    const auto most = static_cast<unsigned long>(parts_.mostDescriptors.load(std::memory_order_relaxed));
+    const unsigned long bytes = stream.channel->samplesThisCycle * stream.sampleSize;
+    if (bytes > most * stream.bdSize) {
+        parts_.mostDescriptors.store(static_cast<int>((bytes + stream.bdSize - 1) / stream.bdSize),
+                                     std::memory_order_relaxed);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -24,6 +25,7 @@ public:
         const std::vector<std::shared_ptr<KestrixKernel>>& kernels;   // one a channel
         const std::vector<std::shared_ptr<DspControl>>& dspControls;  // one a module
         AdcControl& adcControl;
+        std::atomic<int>& mostDescriptors;  // of one stream, that a cycle has found
     };
 
     // In USB mode the driver delivers elsewhere: nothing is read here.
@@ -65,6 +67,7 @@ private:
         bool transferSamples();
     };
 
+    void noteDescriptors(const Stream& stream) const;
     void fitDescriptors(KestrixKernel& kernel, Channel& channel) const;
     void configureChains(int baseClock) const;
     void gatherStreams();
