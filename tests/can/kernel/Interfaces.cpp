@@ -30,7 +30,9 @@ void makeInterfacesInKernel() {
             mustRun("ip link del " + name);
         }
     }
-    mustRun("rmmod kvaser_pci");
+    if (std::filesystem::exists("/sys/module/kvaser_pci")) {
+        mustRun("rmmod kvaser_pci");
+    }
     mustRun("modprobe kvaser_pci");
     mustRun("ip link set can0 name ctl0");
     mustRun("ip link set can1 name ctl1");
