@@ -84,7 +84,7 @@ TEST_F(CanUtils, DumpShowsWhatWasSent) {
         text << std::ifstream(file).rdbuf();
         return linesOf(text.str());
     };
-    for (int i = 0; i < 1200 && linesIn(log).empty(); ++i) {
+    for (int i = 0; i < 400 && linesIn(log).empty(); ++i) {
         (void)!std::system("cansend can0 7FF# 2>/dev/null");  // while the host brings the interface down and up
         pauseMs(50);
     }
