@@ -13,4 +13,7 @@ namespace kestrixsim {
 void populateRootFolder(const std::string& folder, const Scenario& scenario, const std::string& networkAddress,
                         const std::vector<std::string>& canInterfaces);
 
+// Names of the CAN interfaces of the machine that this runs on.
+std::vector<std::string> machineCanInterfaces();
+
 }  // namespace kestrixsim
