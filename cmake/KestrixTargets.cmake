@@ -40,9 +40,10 @@ function(kestrix_archive target)
   kestrix_instrument(${target})
 endfunction()
 
-# kestrix_test(target DIRS dir... LINK lib... [TIMEOUT s] [ALONE]): one test program of a folder.
+# kestrix_test(target DIRS dir... LINK lib... [TIMEOUT s] [ALONE] [ELSEWHERE]): one test program of a folder. ELSEWHERE:
+# another machine runs it.
 function(kestrix_test target)
-  cmake_parse_arguments(A "ALONE" "TIMEOUT" "DIRS;LINK" ${ARGN})
+  cmake_parse_arguments(A "ALONE;ELSEWHERE" "TIMEOUT" "DIRS;LINK" ${ARGN})
   kestrix_sources(sources ${A_DIRS})
   if(NOT sources)
     return()
@@ -54,6 +55,9 @@ function(kestrix_test target)
   target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/host/include)
   target_link_libraries(${target} PRIVATE ${A_LINK} GTest::gmock GTest::gtest_main)
   kestrix_instrument(${target})
+  if(A_ELSEWHERE)
+    return()
+  endif()
   # Also of the programs that a test starts.
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${A_TIMEOUT} RUN_SERIAL ${A_ALONE}
     ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/cmake/leaks.supp:print_suppressions=0")

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -25,7 +24,6 @@ using Wire = CanNetwork::Wire;
 constexpr uint32_t fastest = 1'000'000;  // 1/s, of the controllers
 constexpr uint32_t slowest = 5'000;
 constexpr size_t smallestAddress = 8;  // of bind: family and interface
-constexpr double byNow = std::numeric_limits<double>::quiet_NaN();
 
 static_assert(sizeof(can_frame) == CAN_MTU);
 
@@ -52,11 +50,9 @@ can_frame rawOf(const CanFrame& frame) {
 
 CanFrame frameOf(const can_frame& raw) {
     CanFrame frame;
-    const bool extended = (raw.can_id & CAN_EFF_FLAG) != 0;
-    // No program sends error frames: its controller takes the rest for an identifier.
-    frame.id = raw.can_id & (CAN_EFF_FLAG | CAN_RTR_FLAG | (extended ? CAN_EFF_MASK : CAN_SFF_MASK));
+    frame.id = raw.can_id;
     frame.length = raw.len;
-    std::copy_n(raw.data, frame.length, frame.data.begin());
+    std::memcpy(frame.data.data(), raw.data, frame.data.size());
     return frame;
 }
 
@@ -106,10 +102,14 @@ void CanBus::goBusOff(int port) {
     all.turnOff(asked, time);
 }
 
+bool CanBus::served() const {
+    return !network_->kernel_;
+}
+
 bool CanBus::ownsName(const std::string& name) const {
     const auto& ports = network_->ports_;
-    return isCanName(name) ||
-           std::any_of(ports.begin(), ports.end(), [&](const Port& port) { return port.plan.name == name; });
+    return served() && (isCanName(name) || std::any_of(ports.begin(), ports.end(),
+                                                       [&](const Port& port) { return port.plan.name == name; }));
 }
 
 int CanBus::indexOf(const std::string& name) {
@@ -134,9 +134,13 @@ int CanBus::setUp(const std::string& name, bool up) {
 }
 
 int CanBus::setBitrate(const std::string& name, uint32_t bitrate) {
+    if (bitrate == 0) {
+        // The tool takes it for none given, and asks for nothing.
+        return network_->change(name, [](const Port& port, int64_t) { return port.isVirtual() ? -EOPNOTSUPP : 0; });
+    }
     return network_->changeDriver(name, [&](Port& port) {
         if (bitrate < slowest || bitrate > fastest) {
-            return bitrate == 0 ? -EINVAL : -EDOM;
+            return -EDOM;
         }
         port.bitrate = bitrate;
         return 0;
@@ -177,9 +181,7 @@ int CanBus::open(int type, int protocol) {
     }
     const std::lock_guard lock(all.mutex_);
     const int number = ++lastSocket;
-    CanRawSocket& made = all.sockets_[number];
-    made.wantsStamps = all.stampsFromStart_;
-    all.stamping_ += made.wantsStamps ? 1 : 0;
+    all.sockets_[number];
     return number;
 }
 
@@ -229,6 +231,9 @@ ssize_t CanBus::read(int socket, void* frame, size_t size) {
     if (const int error = found->takeError(); error != 0) {
         return -error;
     }
+    if (size == 0) {
+        return 0;  // and the frame stays
+    }
     if (found->queue.empty()) {
         return -EAGAIN;
     }
@@ -253,8 +258,11 @@ ssize_t CanBus::write(int socket, const void* frame, size_t size) {
     if (size != sizeof raw) {
         return -EINVAL;
     }
+    if (found->port < 0) {
+        return -ENXIO;
+    }
     std::memcpy(&raw, frame, sizeof raw);
-    return raw.len > CAN_MAX_DLEN ? -EINVAL : all.write(socket, *found, frameOf(raw));
+    return all.write(socket, *found, frameOf(raw));
 }
 
 short CanBus::ready(int socket) {
@@ -304,7 +312,11 @@ int CanBus::stamp(int socket, double& at) {
     if (found->stamp == CanRawSocket::Stamp::Never) {
         return -ENOENT;
     }
-    at = found->stamp == CanRawSocket::Stamp::Taken ? CanNetwork::inSeconds(found->stampAt) : byNow;
+    if (found->stamp == CanRawSocket::Stamp::Missing) {
+        found->stamp = CanRawSocket::Stamp::Taken;
+        found->stampAt = all.now();
+    }
+    at = CanNetwork::inSeconds(found->stampAt);
     return 0;
 }
 

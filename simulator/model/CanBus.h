@@ -64,6 +64,8 @@ public:
 
     // ---- Doors: 0, a count or a negative errno ----------------------------------------------------------------------
 
+    // False: the machine has CAN interfaces of its own, and what concerns CAN is its kernel's.
+    bool served() const;
     // Whether a name is that of an interface of the instrument, there or not.
     bool ownsName(const std::string& name) const;
     int indexOf(const std::string& name);  // if_nametoindex: from 1
@@ -85,7 +87,8 @@ public:
     short ready(int socket);                                    // events of poll(2)
     int waitFault(int socket);                                  // whether a wait for it fails
     int flagsFault(int socket);                                 // whether F_SETFL fails
-    // Time of the frame read last, s of the instrument; NaN: by now.
+    // Time of the frame read last, s of the instrument. Of one that came before the socket had asked for the first time
+    // nobody knows it: that is then the time of the question.
     int stamp(int socket, double& at);
     int setOption(int socket, int level, int name, const void* value, size_t size);
     int getOption(int socket, int level, int name, void* value, size_t& size);

@@ -117,7 +117,7 @@ CommandResult answer(int result, const std::string& name) {
 
 bool CanCommands::owns(const std::string& commandLine) const {
     if (commandLine == countLine) {
-        return true;
+        return bus_.served();
     }
     if (!commandLine.starts_with("ip")) {
         return false;

@@ -3,6 +3,7 @@
 #include <linux/can.h>
 #include <linux/can/error.h>
 
+#include <algorithm>
 #include <bit>
 #include <stdexcept>
 #include <utility>
@@ -33,10 +34,20 @@ CanFrame errorFrame(uint32_t classes) {
     return frame;
 }
 
+// What a controller makes of what a program writes: it has no flag for error frames and takes the rest for an
+// identifier.
+CanFrame asController(const CanFrame& written) {
+    CanFrame frame;
+    frame.id = written.id & (CAN_EFF_FLAG | CAN_RTR_FLAG | (written.isExtended() ? CAN_EFF_MASK : CAN_SFF_MASK));
+    frame.length = written.length;
+    std::copy_n(written.data.begin(), frame.isRemote() ? 0 : frame.length, frame.data.begin());
+    return frame;
+}
+
 }  // namespace
 
 CanNetwork::CanNetwork(const Clock& time, Faults& allFaults, const Scenario& scenario)
-    : clock_(time), faults_(allFaults), stampsFromStart_(scenario.can.stampsFromStart) {
+    : clock_(time), faults_(allFaults), kernel_(scenario.can.kernel), stamping_(scenario.can.stampsFromStart ? 1 : 0) {
     for (const CanInterfaceScenario& plan : interfacesOf(scenario)) {
         Port port;
         port.plan = plan;
@@ -208,18 +219,23 @@ bool CanNetwork::faultStrikes(Wire& wire, const Flight& flight) {
 void CanNetwork::complete(Port& port, const Flight& flight) {
     const int owner = port.queue.front().socket;
     port.queue.pop_front();
-    ++port.sentFrames;
-    port.sent.push_back({flight.frame, inSeconds(flight.end)});
-    if (port.sent.size() > recordsKept) {
-        port.sent.pop_front();
-    }
-    // The other sockets of this port hear what it has sent.
     CanRawSocket* from = socket(owner);
     if (from != nullptr) {
         --from->sending;
     }
+    haveSent(port, flight.frame, flight.end, owner);
+}
+
+void CanNetwork::haveSent(Port& port, const CanFrame& frame, int64_t at, int owner) {
+    ++port.sentFrames;
+    port.sent.push_back({frame, inSeconds(at)});
+    if (port.sent.size() > recordsKept) {
+        port.sent.pop_front();
+    }
+    // The other sockets of this port hear what it has sent.
+    const CanRawSocket* from = socket(owner);
     if (from == nullptr || from->loopback) {
-        spread(port, flight.frame, flight.end, owner);
+        spread(port, frame, at, owner);
     }
 }
 
@@ -381,9 +397,6 @@ int CanNetwork::bind(CanRawSocket& socket, int index) {
 }
 
 ssize_t CanNetwork::write(int number, CanRawSocket& socket, const CanFrame& frame) {
-    if (socket.port < 0) {
-        return -ENXIO;
-    }
     Port& port = at(socket.port);
     const int64_t time = now();
     advance(port, time);
@@ -393,11 +406,19 @@ ssize_t CanNetwork::write(int number, CanRawSocket& socket, const CanFrame& fram
     if (!socket.maySend()) {
         return -EAGAIN;
     }
+    if (frame.length > CAN_MAX_DLEN) {
+        return -EINVAL;
+    }
     if (!port.up) {
         return -ENETDOWN;
     }
     if (faults_.hit(FaultKind::CanShortWrite, socket.port)) {
         return sizeof(can_frame) / 2;
+    }
+    if (port.isVirtual()) {
+        // Nothing on the way changes the frame, or takes time.
+        haveSent(port, frame, time, number);
+        return sizeof(can_frame);
     }
     // One frame is in the controller, the others in the queue. What cannot go out is taken and thrown away.
     if (port.off || port.listenOnly) {
@@ -407,7 +428,8 @@ ssize_t CanNetwork::write(int number, CanRawSocket& socket, const CanFrame& fram
     if (port.queue.size() > port.txQueueLength) {
         return -ENOBUFS;
     }
-    port.queue.push_back({frame, frame.bits(), frame.priority(), time, number});
+    const CanFrame sent = asController(frame);
+    port.queue.push_back({sent, sent.bits(), sent.priority(), time, number});
     ++socket.sending;
     return sizeof(can_frame);
 }

@@ -33,7 +33,7 @@ public:
     };
 
     struct Port {
-        bool isVirtual() const { return plan.name.starts_with("vcan"); }
+        bool isVirtual() const { return plan.isVirtual(); }
 
         CanInterfaceScenario plan;
         int bus = 0;  // its wire
@@ -116,6 +116,8 @@ private:
     bool faultStrikes(Wire& wire, const Flight& flight);
     void complete(Port& port, const Flight& flight);
 
+    void haveSent(Port& port, const CanFrame& frame, int64_t at, int owner);
+
     template <typename Each>
     void eachSocket(Port& port, Each&& each) {
         std::for_each(port.sockets.begin(), port.sockets.end(), each);
@@ -174,12 +176,12 @@ private:
     std::mutex mutex_;
     const Clock& clock_;
     Faults& faults_;
-    const bool stampsFromStart_;
+    const bool kernel_;  // nothing of all this is asked
     std::vector<Port> ports_;
     std::deque<Wire> wires_;
     std::map<int, CanRawSocket> sockets_;
     std::vector<CanRawSocket*> everywhere_;
-    int stamping_ = 0;  // sockets that want stamps
+    int stamping_;  // who wants stamps: the sockets that do, and what else there is on the machine
 };
 
 }  // namespace kestrixsim

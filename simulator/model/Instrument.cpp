@@ -447,7 +447,10 @@ std::vector<std::vector<uint8_t>> Instrument::ptpRequests() const {
 
 void Instrument::populateRoot(const std::string& folder) const {
     std::vector<std::string> interfaces;
-    for (int port = 0; port < can().ports(); ++port) {
+    if (!can().served()) {
+        interfaces = machineCanInterfaces();
+    }
+    for (int port = 0; can().served() && port < can().ports(); ++port) {
         if (const CanPortState state = can().state(port); state.exists) {
             interfaces.push_back(state.name);
         }

@@ -27,6 +27,9 @@ void writeScript(const fs::path& file, const std::string& text) {
                     fs::perm_options::add);
 }
 
+// The kernel's number for CAN, of <linux/if_arp.h>.
+constexpr const char* canType = "280";
+
 // The state lies beside the scripts, so that copies of the folder do not disturb each other.
 const char* const ptpText = R"sh(#!/bin/sh
 # Role of the PTP daemon and of the timing driver's IRIG lines.
@@ -123,12 +126,26 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
                  {"in_voltage0-voltage1_raw", "in_voltage1_raw"});
     writeFile(root / "sys/class/net/eth0/address", networkAddress + "\n");
     for (const std::string& name : canInterfaces) {
-        writeFile(root / "sys/class/net" / name / "type", "280\n");  // ARPHRD_CAN
+        writeFile(root / "sys/class/net" / name / "type", canType + std::string("\n"));
         writeFile(root / "sys/class/net" / name / "mtu", "16\n");
     }
     fs::create_directories(root / "var/run");  // for sockets
     writeScript(root / "opt/harvane/scripts/ptp_control.sh", ptpText);
     writeScript(root / "opt/harvane/scripts/vcxo_control.sh", vcxoText);
+}
+
+std::vector<std::string> machineCanInterfaces() {
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator("/sys/class/net", none)) {
+        std::string type;
+        std::ifstream(entry.path() / "type") >> type;
+        if (type == canType) {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace kestrixsim

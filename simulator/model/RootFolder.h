@@ -16,4 +16,7 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
                         const std::vector<std::string>& canInterfaces,
                         const std::function<std::string(const std::string& path)>& sensorText);
 
+// Names of the CAN interfaces of the machine that this runs on.
+std::vector<std::string> machineCanInterfaces();
+
 }  // namespace kestrixsim

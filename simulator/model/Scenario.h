@@ -233,10 +233,15 @@ struct CanBusScenario {
 };
 
 struct CanInterfaceScenario {
-    std::string name{};  // "can0"; a name that begins with "vcan" needs no bit rate and has none
+    bool isVirtual() const { return virtualDevice || name.starts_with("vcan"); }
+
+    std::string name{};  // "can0"
     int bus = 0;         // place in the list of buses; those beyond it have no traffic
     bool present = true;
     bool starts = true;  // false: `ip link set up` fails
+    // Without a controller: no bit rate, no queue, and the other sockets have at once what one sends. "vcan..." always
+    // is.
+    bool virtualDevice = false;
 };
 
 struct CanScenario {
@@ -246,6 +251,8 @@ struct CanScenario {
     // Whether frames are stamped from the start, because something else on the instrument wants stamps. False: only
     // once a program has asked for one; what came before reads the time of asking.
     bool stampsFromStart = true;
+    // The CAN interfaces are the machine's own: sockets, names and commands for them go on to its kernel.
+    bool kernel = false;
 };
 
 enum class SensorFamily {

@@ -630,6 +630,7 @@ CanInterfaceScenario readInterface(Section& section, const std::vector<CanInterf
     section.readInteger("bus", interface.bus, 0, canTargets - 1);
     section.read("present", interface.present);
     section.read("starts", interface.starts);
+    section.read("virtual", interface.virtualDevice);
     return interface;
 }
 
@@ -653,6 +654,7 @@ CanScenario readCan(Section& section, const std::string& folder, bool files) {
         can.buses.push_back(std::move(bus));
     });
     section.read("stampsFromStart", can.stampsFromStart);
+    section.read("kernel", can.kernel);
     return can;
 }
 
@@ -677,7 +679,8 @@ Json canJson(const CanScenario& can) {
             json["interfaces"].push_back({{"name", interface.name},
                                           {"bus", interface.bus},
                                           {"present", interface.present},
-                                          {"starts", interface.starts}});
+                                          {"starts", interface.starts},
+                                          {"virtual", interface.virtualDevice}});
         }
     }
     json["buses"] = Json::array();
@@ -709,6 +712,7 @@ Json canJson(const CanScenario& can) {
         json["buses"].push_back(std::move(item));
     }
     json["stampsFromStart"] = can.stampsFromStart;
+    json["kernel"] = can.kernel;
     return json;
 }
 

@@ -6,7 +6,6 @@
 #include <time.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -80,8 +79,7 @@ int CanSocketFile::control(uint32_t request, uintptr_t argument) {
         return result;
     }
     const Instrument& instrument = runtime::get();
-    const timespec time =
-        servedtime::asTime(servedtime::realtimeAt(instrument, std::isnan(at) ? instrument.seconds() : at));
+    const timespec time = servedtime::asTime(servedtime::realtimeAt(instrument, at));
     if (request == SIOCGSTAMP) {
         *static_cast<timeval*>(target) = {time.tv_sec, time.tv_nsec / 1000};
     } else {

@@ -125,6 +125,11 @@ void waitForLateReply(int fd, int flags) {
     }
 }
 
+bool servesCan() {
+    const Entry entry;
+    return runtime::get().can().served();
+}
+
 ssize_t receive(int fd, void* bytes, size_t size, int flags, sockaddr* address, socklen_t* length) {
     if (PtpSocket::active() && !Entry::inside()) {
         waitForLateReply(fd, flags);
@@ -135,9 +140,9 @@ ssize_t receive(int fd, void* bytes, size_t size, int flags, sockaddr* address, 
 
 }  // namespace
 
-// CAN there is only on the instrument: no such socket reaches the machine.
+// CAN there is only on the instrument: no such socket reaches the machine, unless the scenario says so.
 KESTRIX_HOOK(int, socket, (int family, int type, int protocol)) {
-    if (family == AF_CAN && !Entry::inside()) {
+    if (family == AF_CAN && !Entry::inside() && servesCan()) {
         return served([&] { return CanSocketFile::open(type, protocol); });
     }
     const int fd = next::socket(family, type, protocol);

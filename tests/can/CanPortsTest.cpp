@@ -12,38 +12,15 @@
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CanMessage.h"
 #include "modules/daq/objectmodel/ChannelFolder.h"
-#include "modules/daq/objectmodel/DaqClock.h"
-#include "modules/daq/objectmodel/DaqDevice.h"
 #include "modules/daq/objectmodel/DaqException.h"
 #include "modules/daq/objectmodel/LossCount.h"
 #include "tests/can/CanFixture.h"
+#include "tests/can/kernel/CanInstrument.h"
 
 using namespace Harvane::RT::Modules::Daq;
 using namespace Harvane::Test;
 
 namespace {
-
-// The master clock, which the test lets run as it likes.
-struct TestClock : DaqClock {
-    double getCurrentTime(bool) override {
-        if (fails) {
-            throw DaqException("no clock");
-        }
-        return time();
-    }
-    std::function<double()> time = [] { return -1.0; };
-    bool fails = false;
-};
-
-struct Instrument : DaqDevice {
-    explicit Instrument(std::uint16_t mask) : mask(mask) {}
-    std::shared_ptr<DaqClock> createDaqClock() override { return clock = std::make_shared<TestClock>(); }
-    std::shared_ptr<CANDevice> createCANDevice() override { return can = std::make_shared<CanSocketSubDevice>(mask); }
-
-    const std::uint16_t mask;
-    std::shared_ptr<TestClock> clock;
-    std::shared_ptr<CanSocketSubDevice> can;
-};
 
 class CanPortsTest : public testing::Test {
 protected:
@@ -55,7 +32,7 @@ protected:
     void bringUp(const kestrixsim::Scenario& scenario, std::uint16_t mask = 0xFFFF) {
         device.reset();
         kestrixsim::reset(scenario);
-        device = std::make_shared<Instrument>(mask);
+        device = std::make_shared<CanInstrument>(mask);
         device->initialize();
         device->initializeHardware();
         device->buildChannelView();
@@ -133,7 +110,7 @@ protected:
     std::uint64_t* seenOf(const CanPortInfo& port) { return &seen[static_cast<size_t>(&port - &can().getPorts()[0])]; }
     using Ids = std::vector<std::uint32_t>;
 
-    std::shared_ptr<Instrument> device;
+    std::shared_ptr<CanInstrument> device;
     double startedAt = 0.0;
     double uptime = 0.0;  // of the master clock at the start
     std::uint64_t seen[20] = {};
@@ -141,7 +118,7 @@ protected:
 
 TEST_F(CanPortsTest, MasksAndInterfaces) {
     const auto portsOf = [this](std::uint16_t mask) {
-        device = std::make_shared<Instrument>(mask);
+        device = std::make_shared<CanInstrument>(mask);
         device->initialize();
         std::string names;
         for (const auto& port : can().getPorts()) {

@@ -172,6 +172,10 @@ std::int32_t CanSocket::start() {
     if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) < 0) {
         return failClosed(CanResult::optionFailed);
     }
+    // The kernel keeps the times of arrival for a socket from its first question on: frames that wait before it would
+    // get the time at which they are read. There is no frame yet, and so no answer.
+    timeval none{};
+    ::ioctl(fd, SIOCGSTAMP, &none);
     return 0;
 }
 

@@ -261,6 +261,8 @@ TEST_F(CanSockets, StampsAreOfTheProgramsClock) {
         scenario.realtimeAtStart = each.start;
         start(scenario);
         Descriptor fd(bound("can0"));
+        timespec stamp{};
+        EXPECT_EQ(-1, ::ioctl(fd, SIOCGSTAMPNS, &stamp));  // from now on
         double from = 0.0;
         double until = 1.0;
         double shown = 0.0;
@@ -280,7 +282,6 @@ TEST_F(CanSockets, StampsAreOfTheProgramsClock) {
             }
             can_frame raw{};
             EXPECT_EQ(16, ::read(fd, &raw, sizeof raw));
-            timespec stamp{};
             EXPECT_EQ(0, ::ioctl(fd, SIOCGSTAMPNS, &stamp));
             const double at = static_cast<double>(stamp.tv_sec) + 1e-9 * static_cast<double>(stamp.tv_nsec);
             const double expected = shown + later + 2e-6 * frame.bits() + (later > 0.25 ? each.step * 1e-6 : 0.0);
@@ -322,7 +323,8 @@ TEST(CanScenarios, TheExampleReadsAndWritesAlike) {
     EXPECT_EQ(static_cast<int>(scenario.can.interfaces->size()), instrument.can().ports());
     Scenario full = scenario;
     full.can.stampsFromStart = false;
-    full.can.interfaces->push_back({"vcan7", 3, false, false});
+    full.can.kernel = true;
+    full.can.interfaces->push_back({"pcan7", 3, false, false, true});
     full.can.buses.push_back({12345, false, {{{CanFrame::remote | 5, 8, {}}, 0.25, 1.5, 7, false}}, {}});
     for (int kind = static_cast<int>(FaultKind::CanErrorFrame); kind <= static_cast<int>(FaultKind::CanStamp); ++kind) {
         full.faults.push_back({.kind = static_cast<FaultKind>(kind)});
@@ -334,7 +336,10 @@ TEST(CanScenarios, TheExampleReadsAndWritesAlike) {
     EXPECT_EQ(full.can.buses.back().cyclic[0].frame, back.can.buses.back().cyclic[0].frame);
     EXPECT_EQ(full.can.buses[0].cyclic[0].frame, back.can.buses[0].cyclic[0].frame);
     EXPECT_EQ(3, back.can.interfaces->back().bus);
+    EXPECT_TRUE(back.can.interfaces->back().isVirtual());
+    EXPECT_FALSE(back.can.interfaces->front().isVirtual());
     EXPECT_FALSE(back.can.stampsFromStart);
+    EXPECT_TRUE(back.can.kernel);
     ASSERT_EQ(full.faults.size(), back.faults.size());
     for (size_t i = 0; i < back.faults.size(); ++i) {
         EXPECT_EQ(full.faults[i].kind, back.faults[i].kind);
