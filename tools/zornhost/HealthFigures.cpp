@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <type_traits>
@@ -77,7 +78,15 @@ void to_json(Json& json, const Part& part) {
 }
 template <FiguresPart Part>
 void from_json(const Json& json, Part& part) {
-    eachMember(part, [&json](const char* name, auto& value) { json.at(name).get_to(value); });
+    eachMember(part, [&json](const char* name, auto& value) {
+        if constexpr (std::is_floating_point_v<std::remove_reference_t<decltype(value)>>) {
+            if (json.at(name).is_null()) {  // as JSON writes what is no number
+                value = std::numeric_limits<double>::quiet_NaN();
+                return;
+            }
+        }
+        json.at(name).get_to(value);
+    });
 }
 
 Json toJson(const HealthFigures& figures) {

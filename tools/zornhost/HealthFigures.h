@@ -61,10 +61,10 @@ struct HealthFigures {
     std::vector<std::string> ports;  // "CAN Port 1"
     std::vector<PortCount> portCounts;
     int64_t streams = 0;           // analog channels in use
-    int64_t streamsSilent = 0;     // of them, without a single sample
+    int64_t streamsSilent = 0;     // of them, without a sample for more than a second
     int64_t mostDescriptors = -1;  // found in one cycle, over all streams; -1: unknown
     int64_t driverDescriptors = 16;
-    int64_t samplesLost = 0;    // that rings no longer held, and that channels say they have lost
+    int64_t samplesLost = -1;   // that a recording has found missing; -1: none runs
     std::vector<Error> errors;  // the latest first
 };
 

@@ -111,15 +111,17 @@ void addChannels(const HealthFigures& figures, Families& families) {
     }
     families.take(std::move(frames));
     families.single("kestrix_channels", "Analog channels in use.", static_cast<double>(figures.streams));
-    families.single("kestrix_channels_silent", "Of them, without a single sample.",
+    families.single("kestrix_channels_silent", "Of them, without a sample for more than a second.",
                     static_cast<double>(figures.streamsSilent));
     if (figures.mostDescriptors >= 0) {
         families.single("kestrix_descriptors_found_max",
                         "Most blocks of a stream that one cycle has found waiting; the driver holds 16.",
                         static_cast<double>(figures.mostDescriptors));
     }
-    families.single("kestrix_lost_samples_total", "Samples that a ring no longer held.",
-                    static_cast<double>(figures.samplesLost), MetricType::Counter);
+    if (figures.samplesLost >= 0) {
+        families.single("kestrix_lost_samples_total", "Samples that the recording has found missing.",
+                        static_cast<double>(figures.samplesLost), MetricType::Counter);
+    }
     int64_t errors = 0;
     for (const auto& error : figures.errors) {
         errors += error.count;

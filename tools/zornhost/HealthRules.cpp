@@ -24,13 +24,14 @@ namespace {
 constexpr double middleOfControl = 512.0;
 constexpr size_t errorsShown = 3;
 
-constexpr std::array<std::pair<const char*, HealthLimit HealthLimits::*>, 10> limitNames{{
+constexpr std::array<std::pair<const char*, HealthLimit HealthLimits::*>, 11> limitNames{{
     {"processorTemperature", &HealthLimits::processorTemperature},
     {"boardTemperature", &HealthLimits::boardTemperature},
     {"cableTemperature", &HealthLimits::cableTemperature},
     {"sensorAge", &HealthLimits::sensorAge},
     {"phaseError", &HealthLimits::phaseError},
     {"controlWord", &HealthLimits::controlWord},
+    {"emptySlots", &HealthLimits::emptySlots},
     {"descriptors", &HealthLimits::descriptors},
     {"samplesLost", &HealthLimits::samplesLost},
     {"framesLost", &HealthLimits::framesLost},
@@ -74,8 +75,7 @@ constexpr HealthTopic descriptorTopic{
     "The most blocks of samples that one cycle has found waiting. The driver holds 16 of a stream and drops what comes "
     "behind them.",
     "The process did not get to run in time: priority (`zornhost doctor`), other load, a paused virtual machine."};
-constexpr HealthTopic lossTopic{"samplesLost", "Lost samples",
-                                "What the rings no longer held when it was to be written.",
+constexpr HealthTopic lossTopic{"samplesLost", "Lost samples", "Samples that the recording has found missing.",
                                 "A faster disk, fewer channels, a lower rate."};
 constexpr HealthTopic lineTopic{"lines", "Inputs", "The lines by which the instrument sees its cables.",
                                 "A line that can't be read: its GPIO file is missing (`zornhost doctor`)."};
@@ -163,21 +163,36 @@ void judgeClock(const ClockReport& clock, const HealthLimits& limits, std::vecto
         const double us = clock.last.phaseErrorNs / 1000.0;
         verdicts.push_back({&phaseTopic, by(std::fabs(us), limits.phaseError), fmt::format("{:.3f} us", us)});
     }
+    if (clock.last.pulse == 0) {
+        verdicts.push_back({&controlTopic, Health::Warn, "unknown: no pulse of the timing device has come"});
+        return;
+    }
     const Health control = by(std::fabs(clock.last.controlWord - middleOfControl), limits.controlWord);
     verdicts.push_back({&controlTopic, control,
                         fmt::format("{}{}", clock.last.controlWord,
                                     control == Health::Ok ? "" : ", near the end of what the oscillator can do")});
 }
 
-void judgeAmplifiers(const HealthFigures& figures, std::vector<HealthVerdict>& verdicts) {
+void judgeAmplifiers(const HealthFigures& figures, const HealthLimits& limits, std::vector<HealthVerdict>& verdicts) {
     if (!figures.supply.empty()) {
-        verdicts.push_back({&supplyTopic, figures.supply == "off" ? Health::Fail : Health::Ok, figures.supply});
+        verdicts.push_back({&supplyTopic,
+                            figures.supply == "on" || figures.supply == "always on" ? Health::Ok : Health::Fail,
+                            figures.supply});
     }
     const auto fitted = std::count_if(figures.amplifiers.begin(), figures.amplifiers.end(),
                                       [](const auto& amplifier) { return amplifier.fitted; });
     std::string text =
         fmt::format("{} in {}", fitted, plural(static_cast<int64_t>(figures.amplifiers.size()), "slot", "slots"));
-    Health health = fitted == 0 ? Health::Fail : Health::Ok;
+    std::vector<std::string> silent;
+    for (const auto& amplifier : figures.amplifiers) {
+        if (!amplifier.fitted) {
+            silent.push_back(amplifier.module);
+        }
+    }
+    Health health = fitted == 0 ? Health::Fail : by(static_cast<double>(silent.size()), limits.emptySlots);
+    if (!silent.empty()) {
+        text += fmt::format("; nothing answers in {}", fmt::join(silent, ", "));
+    }
     for (const auto& amplifier : figures.amplifiers) {
         if (!amplifier.failure.empty()) {
             health = Health::Fail;
@@ -189,13 +204,11 @@ void judgeAmplifiers(const HealthFigures& figures, std::vector<HealthVerdict>& v
 
 void judgeStreams(const HealthFigures& figures, const HealthLimits& limits, std::vector<HealthVerdict>& verdicts) {
     if (figures.streams > 0) {
-        const Health silent = figures.streamsSilent == 0                ? Health::Ok
-                              : figures.streamsSilent < figures.streams ? Health::Warn
-                                                                        : Health::Fail;
+        const Health silent = figures.streamsSilent == 0 ? Health::Ok : Health::Fail;
         verdicts.push_back(
             {&streamTopic, silent,
              plural(figures.streams, "channel", "channels") +
-                 (figures.streamsSilent == 0 ? "" : fmt::format(", {} without a sample", figures.streamsSilent))});
+                 (figures.streamsSilent == 0 ? "" : fmt::format(", {} without samples", figures.streamsSilent))});
         const bool known = figures.mostDescriptors >= 0;
         const Health found =
             known ? by(static_cast<double>(figures.mostDescriptors), limits.descriptors) : Health::Warn;
@@ -205,8 +218,10 @@ void judgeStreams(const HealthFigures& figures, const HealthLimits& limits, std:
                     : fmt::format("{} of {} in one cycle{}", figures.mostDescriptors, figures.driverDescriptors,
                                   found == Health::Fail ? ": samples may be missing" : "")});
     }
-    verdicts.push_back({&lossTopic, by(static_cast<double>(figures.samplesLost), limits.samplesLost),
-                        figures.samplesLost == 0 ? "none" : fmt::format("{}", figures.samplesLost)});
+    if (figures.samplesLost >= 0) {
+        verdicts.push_back({&lossTopic, by(static_cast<double>(figures.samplesLost), limits.samplesLost),
+                            figures.samplesLost == 0 ? "none" : fmt::format("{}", figures.samplesLost)});
+    }
 }
 
 void judgePorts(const HealthFigures& figures, const HealthLimits& limits, std::vector<HealthVerdict>& verdicts) {
@@ -319,7 +334,7 @@ std::vector<HealthVerdict> judge(const HealthFigures& figures, const HealthLimit
     if (figures.clock) {
         judgeClock(*figures.clock, limits, verdicts);
     }
-    judgeAmplifiers(figures, verdicts);
+    judgeAmplifiers(figures, limits, verdicts);
     judgePorts(figures, limits, verdicts);
     judgeStreams(figures, limits, verdicts);
     judgeLines(figures, verdicts);

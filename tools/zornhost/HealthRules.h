@@ -26,6 +26,7 @@ struct HealthLimits {
     HealthLimit sensorAge{10.0, 30.0};      // s since a sensor was read
     HealthLimit phaseError{1.0, 10.0};      // us, either side, of a clock that follows a reference
     HealthLimit controlWord{400.0, 500.0};  // distance from 512, the middle of the oscillator's range
+    HealthLimit emptySlots{9.0, 9.0};       // slots in which nothing answers; a full instrument wants 1
     HealthLimit descriptors{12.0, 16.0};    // found in one cycle; the driver holds 16 and then drops
     HealthLimit samplesLost{1.0, 1.0};
     HealthLimit framesLost{1.0, 1000.0};  // CAN frames and messages, of one port

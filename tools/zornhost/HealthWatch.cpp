@@ -9,6 +9,7 @@
 #include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/NamedValues.h"
 #include "tools/zornhost/Output.h"
+#include "tools/zornhost/RateMath.h"
 
 using namespace Harvane::RT::Core;
 
@@ -18,6 +19,7 @@ namespace {
 
 constexpr const char* healthStateName = "HealthState";
 constexpr int synchronous = 0;
+constexpr double longestSilenceS = 1.0;
 
 ObjectPtr<IFuncObject> functionOf(const GenericPropertyObjectPtr& object, const char* name) {
     return object.hasProperty(name) ? object.getPropertyValue<BasePtr>(name).asPtr<IFuncObject>()
@@ -69,7 +71,7 @@ void HealthWatch::gatherChannels() {
         if (isCanChannel(entry.channel)) {
             portChannels_.push_back({portOf(entry), CanCounts(entry.channel)});
         } else if (entry.channel.getType() == synchronous && entry.channel.getUsed() && hasHardware(entry.channel)) {
-            streams_.push_back(entry.channel);
+            streams_.push_back({entry.channel, toHz(entry.channel.getPropertyValue<Ratio>("SampleRate"))});
         }
     }
 }
@@ -121,8 +123,13 @@ HealthFigures HealthWatch::figures() const {
         figures.clock = clock_->report();
     }
     figures.streams = static_cast<int64_t>(streams_.size());
+    std::vector<double> seconds;
     for (const auto& stream : streams_) {
-        figures.streamsSilent += stream.getSamplesAcquired() == 0 ? 1 : 0;
+        seconds.push_back(static_cast<double>(stream.channel.getSamplesAcquired()) / stream.rate);
+    }
+    const double longest = seconds.empty() ? 0.0 : *std::max_element(seconds.begin(), seconds.end());
+    for (const double one : seconds) {
+        figures.streamsSilent += one == 0.0 || longest - one > longestSilenceS ? 1 : 0;
     }
     for (const auto& channel : portChannels_) {
         if (std::find(figures.ports.begin(), figures.ports.end(), channel.port) == figures.ports.end()) {
@@ -139,7 +146,7 @@ HealthFigures HealthWatch::figures() const {
     figures.errors = errors_.errors();
     const std::lock_guard lock(mutex_);
     figures.amplifiers = amplifiers_;
-    figures.samplesLost = lostSamples_ ? lostSamples_() : 0;
+    figures.samplesLost = lostSamples_ ? lostSamples_() : -1;
     return figures;
 }
 

@@ -42,6 +42,10 @@ public:
     HealthFigures figures() const;
 
 private:
+    struct Stream {
+        Harvane::RT::Core::ChannelPtr<> channel;
+        double rate;  // Hz
+    };
     struct PortChannel {
         std::string port;  // "CAN Port 1"
         CanCounts counts;
@@ -56,7 +60,7 @@ private:
     const std::string holder_;
     const ErrorLog errors_;
     Harvane::RT::Core::ObjectPtr<Harvane::RT::Core::IFuncObject> health_;
-    std::vector<Harvane::RT::Core::ChannelPtr<>> streams_;
+    std::vector<Stream> streams_;
     std::vector<PortChannel> portChannels_;
 
     mutable std::mutex mutex_;

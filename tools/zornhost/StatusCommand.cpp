@@ -13,6 +13,7 @@
 #include "tools/zornhost/HealthMetrics.h"
 #include "tools/zornhost/InstrumentService.h"
 #include "tools/zornhost/Interrupt.h"
+#include "tools/zornhost/LockedStart.h"
 #include "tools/zornhost/PositiveSeconds.h"
 
 namespace zornhost {
@@ -53,6 +54,11 @@ StatusCommandLine::StatusCommandLine(CLI::App& app) {
         ->capture_default_str();
     command_->add_option("-d,--duration", durationS_, "Seconds to look at it (with --live or --listen)")
         ->check(secondsAbove0());
+    command_
+        ->add_option("--timeout", timeoutS_,
+                     "Seconds to wait for a reference, where no other process holds the instrument")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str();
     command_->add_flag("--explain", explain_, "What each line means, and what to do about it");
     command_->add_option("--thresholds", thresholds_,
                          "JSON file with other limits: {\"processorTemperature\": {\"warn\": 80, \"fail\": 90}}");
@@ -77,10 +83,10 @@ int StatusCommandLine::run(Session& session, InstrumentLock* lock, Output& outpu
     updateAmplifiers(session.tree(), used);
     session.prepare();
     InstrumentService service(session, lock, output, "");
-    session.start();
+    LockedStart start(session, service.clock(), output, timeoutS_);
+    start.awaitReference();
+    start.start();
     service.health().lookAtAmplifiers();
-    const HealthWatch::LossSource losses(service.health(),
-                                         [&session] { return static_cast<int64_t>(session.lostReports()); });
     // What the sensors say is worth waiting for.
     for (const auto begin = Clock::now(); secondsSince(begin) < firstLookS && !Interrupt::sleepMs(waitStepMs);) {
     }

@@ -33,6 +33,7 @@ private:
     bool explain_ = false;
     double intervalS_ = 2.0;
     double durationS_ = 0.0;  // 0: not given
+    double timeoutS_ = 30.0;
     std::string thresholds_;
     std::string listen_;
 };
