@@ -16,6 +16,7 @@
 #include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/CanCommands.h"
 #include "tools/zornhost/ClockCommand.h"
+#include "tools/zornhost/Elapsed.h"
 #include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/InstrumentService.h"
 #include "tools/zornhost/Interrupt.h"
@@ -582,6 +583,8 @@ int record(Session& session, Output& output, bool json, const RecordOptions& opt
 
 namespace {
 
+constexpr double longestRestS = 0.05;  // between two looks of the monitor into the rings
+
 // What the monitor knows of one channel.
 struct Watched {
     ChannelEntry entry;
@@ -607,10 +610,14 @@ void take(Watched& watched, size_t count) {
     watched.newest = physical(samples[count - 1]);
 }
 
-void drain(Watched& watched) {
-    watched.fill = watched.reader.fill();
+void beginInterval(Watched& watched) {
+    watched.fill = 0.0;
     watched.minimum = watched.maximum = std::numeric_limits<double>::quiet_NaN();
     watched.samples = 0;
+}
+
+void drain(Watched& watched) {
+    watched.fill = std::max(watched.fill, watched.reader.fill());
     while (true) {
         const auto piece =
             watched.reader.read(watched.piece.data(), watched.piece.size() / watched.reader.sampleSize());
@@ -632,8 +639,10 @@ void drain(Watched& watched) {
             case SampleDataType::Float32:
                 take<float>(watched, piece.samples);
                 break;
-            default:
+            case SampleDataType::Float64:
                 take<double>(watched, piece.samples);
+                break;
+            default:  // of frames there is only the number
                 break;
         }
     }
@@ -669,7 +678,16 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
     const auto start = std::chrono::steady_clock::now();
     auto last = start;
     uint64_t lost = 0;
-    while (!Interrupt::sleepMs(static_cast<int>(1000.0 * options.intervalS))) {
+    // A ring holds two seconds, that of a status channel two hundred cycles.
+    const auto interrupted = [&] {
+        bool ended = false;
+        for (double leftS = options.intervalS; !ended && leftS > 0.0; leftS = options.intervalS - secondsSince(last)) {
+            ended = Interrupt::sleepMs(static_cast<int>(std::ceil(1000.0 * std::min(leftS, longestRestS))));
+            std::for_each(watched.begin(), watched.end(), drain);
+        }
+        return ended;
+    };
+    while (!interrupted()) {
         const auto now = std::chrono::steady_clock::now();
         const double intervalS = std::chrono::duration<double>(now - last).count();
         const double elapsedS = std::chrono::duration<double>(now - start).count();
@@ -679,7 +697,6 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
         std::vector<std::vector<std::string>> rows{
             {"Channel", ">Rate S/s", ">Newest", ">Minimum", ">Maximum", "Unit", ">Ring %", ">Lost"}};
         for (auto& channel : watched) {
-            drain(channel);
             lost += channel.lost;
             const double rate = static_cast<double>(channel.samples) / intervalS;
             const std::string unit = channel.entry.channel.getUnit().toStdString();
@@ -695,6 +712,7 @@ int monitor(Session& session, Output& output, bool json, const MonitorOptions& o
                                               {"unit", unit},
                                               {"fill", channel.fill},
                                               {"lost", channel.lost}});
+            beginInterval(channel);
         }
         const auto standing = amplifierRefusals(channels, refusals);
         tellRefusals(output, standing, told);

@@ -191,6 +191,27 @@ TEST_F(StatusProgram, AsksWhoeverHoldsTheInstrument) {
     EXPECT_NE(nobody.exitCode, 0);
 }
 
+// Rings hold two seconds, those of status channels two hundred cycles: the monitor empties them more often than it
+// prints.
+TEST_F(StatusProgram, MonitorLosesNothingBetweenTwoReports) {
+    const auto watched =
+        Process::run(onInstrument({"--json", "--cycle", "5", "monitor", "--interval", "30", "-d", "29", "--channel",
+                                   "Phase error", "--channel", "AI 1/*", "--channel", "CAN Port 1 Input"},
+                                  {R"("can": {"buses": [{"bitrate": 500000, "cyclic": [{"id": 1, "data": "00",
+                                      "periodSeconds": 0.01}]}, {"bitrate": 500000}]}, )",
+                                   ""}));
+    EXPECT_EQ(watched.exitCode, 0) << watched.out << watched.err;
+    const Json report = Json::parse(watched.out);
+    for (const Json& channel : report["channels"]) {
+        EXPECT_EQ(channel["lost"], 0) << channel;
+        const std::string name = channel["channel"];
+        const double rate = channel["rate"];
+        EXPECT_NEAR(rate, name.find("AI") == 0 ? 1000.0 : name.find("CAN") == 0 ? 100.0 : 200.0, 60.0) << name;
+        EXPECT_EQ(channel["minimum"].is_null(), name.find("CAN") == 0) << "frames are no numbers: " << channel;
+    }
+    EXPECT_EQ(report["channels"].size(), 4u);
+}
+
 // Prometheus itself scrapes what is served, and its own checker has nothing against the format.
 TEST_F(StatusProgram, PrometheusScrapesTheFigures) {
     const int port = freePort();
