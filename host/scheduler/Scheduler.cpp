@@ -61,7 +61,7 @@ public:
             failureLog_.report(0, locked, Clock::now());
             return;
         }
-        sequence.fetch_add(1, std::memory_order_relaxed);
+        sequence.fetch_add(1, std::memory_order_acquire);
         sequenceFence();  // the odd number is seen before anything that the cycle writes
 
         const auto start = Clock::now();
@@ -264,7 +264,8 @@ uint64_t Scheduler::sequence() const {
 }
 
 bool Scheduler::waitForCycleEnd(int timeoutMs) const {
-    const uint64_t seen = sequence();
+    // What the caller has read comes before the next cycle, which may write there.
+    const uint64_t seen = state_->cycle->sequence.fetch_add(0, std::memory_order_acq_rel);
     if (seen % 2 == 0) {
         return true;
     }

@@ -299,6 +299,26 @@ TEST_F(CanPortsTest, StepsOfTheSystemClock) {
     }
 }
 
+// Where the clocks can't be read at one moment, times are as good as the readings, and nothing passes for a step.
+TEST_F(CanPortsTest, ClocksThatAreReadSlowlyRelateAllTheSame) {
+    auto scenario = withPorts(1);
+    scenario.realtimeAtStart = 1795000000.0;
+    bringUp(scenario);
+    startWithClock();
+    device->clock->time = [this, quick = device->clock->time, count = 0]() mutable {
+        const double time = quick();
+        wait(++count % 3 == 0 ? 0.004 : 0.002);
+        return time;
+    };
+    cycles(0.3);
+    const double at = instrument().seconds() + 0.02;
+    transmit(0, frameOf(7), 0.02);
+    cycles(0.3);
+    EXPECT_EQ(countsOf(input(0)), Texts());
+    ASSERT_EQ(input(0).samplesAcquired.get(), 1u);
+    EXPECT_NEAR(input(0).getTimeAtPos(0), masterAt(at, 0.0), 0.01);
+}
+
 TEST_F(CanPortsTest, WhatComesBeforeItsTimeIsCounted) {
     bringUp(withPorts(1));
     transmit(0, frameOf(1));  // heard by nobody: the port is at another bit rate

@@ -278,7 +278,7 @@ TEST_F(StatusTest, TemperaturesComeEachRoundAndTheRestInEachCycle) {
     std::uint64_t cycles = 0;
     cycleUntil([&] {
         ++cycles;
-        return countOf(Type::CpuTemperature) >= 12;
+        return countOf(Type::CpuTemperature) >= 24;
     });
     // The clock counts once the start trigger has fired.
     EXPECT_GE(countOf(Type::PhaseError), cycles - 60);
@@ -293,7 +293,7 @@ TEST_F(StatusTest, TemperaturesComeEachRoundAndTheRestInEachCycle) {
         before = time;
     }
     EXPECT_LE(before, device().daqClock->getCurrentTime(true));
-    EXPECT_GE(status().getHealthState().sensors.at(0).reads, 10u) << "whoever records wants to know";
+    EXPECT_GE(status().getHealthState().sensors.at(0).reads, 9u) << "whoever records wants to know";
     // The hottest of each part; a round ago it was up to a degree less.
     const double hottest = kestrixsim::instrument().processorCelsius() + 0.8;
     EXPECT_NEAR(last(cpu), hottest, 1.5);
@@ -346,7 +346,7 @@ TEST_F(StatusTest, FailedSensorsCountAsZeroAndComeBack) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        Scenario scenario = quick(50.0);
+        Scenario scenario = quick(25.0);
         scenario.boardType = row.boardType;
         scenario.thermals.sensors = row.family;
         scenario.thermals.ambientCelsius = -55.0;
@@ -374,10 +374,11 @@ TEST_F(StatusTest, FailedSensorsCountAsZeroAndComeBack) {
             EXPECT_EQ(last(of(Type::CpuTemperature)), -std::numeric_limits<double>::infinity());
         }
         clearFaults();
+        cycleUntil([&] {
+            const auto sensors = status().getHealthState().sensors;
+            return std::all_of(sensors.begin(), sensors.end(), [](const auto& sensor) { return sensor.ok; });
+        });
         EXPECT_NEAR(published(row.channel), frost, 10.0);
-        for (const auto& sensor : status().getHealthState().sensors) {
-            EXPECT_TRUE(sensor.ok) << sensor.place;
-        }
         stop();
     }
 }
@@ -499,7 +500,7 @@ TEST_F(StatusTest, NoSensorDisturbsTheMeasurement) {
 }
 
 TEST_F(StatusTest, TheEndWaitsForOneSensorAtMost) {
-    kestrixsim::reset(quick(50.0));
+    kestrixsim::reset(quick(25.0));
     inject({.kind = FaultKind::SensorSlow, .code = 10000, .times = -1});
     Capture log(1);
     const auto seen = [&log](const char* name) {

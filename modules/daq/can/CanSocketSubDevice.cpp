@@ -29,8 +29,10 @@ constexpr double noTime = -1.0;
 constexpr auto pairDistance = std::chrono::nanoseconds(100000000);
 // The clocks drift by far less between two pairs; a system clock that is slewed runs off by half of it in a second.
 constexpr double mostApart = 0.001;
-// Both clocks have been read at one moment when the reading took no longer; a shorter one is tried for.
+// Both clocks have been read at one moment when the reading took no longer; a shorter one is tried for. Where none is
+// to be had, a longer one counts cycle by cycle: a time that is off by so much is better than none.
 constexpr auto oneMoment = std::chrono::microseconds(200);
+constexpr auto longestMoment = std::chrono::milliseconds(10);
 constexpr auto goodMoment = std::chrono::microseconds(20);
 // Twice what a channel holds: a source without end must not hold up the cycle.
 constexpr int mostFramesInACycle = 20000;
@@ -150,6 +152,8 @@ void CanSocketSubDevice::startAcquisition(bool) {
     softSync.reset();
     lastMaster_ = 0.0;
     lastSlave_ = 0.0;
+    lastWidth_ = 0.0;
+    moment_ = oneMoment;
     emptySockets();
     startTime = std::chrono::system_clock::now();
     lastSyncTime = {};
@@ -206,8 +210,8 @@ double CanSocketSubDevice::calculateCurrentDeviceTime(SystemTime timePoint) cons
     return secondsOf(timePoint - startTime);
 }
 
-// False when they couldn't be read at one moment: what came between would pass for a step.
-bool CanSocketSubDevice::readClocks(double& master, SystemTime& now) const {
+// Returns how long it took; `now` is its end. What came between must not pass for a step.
+std::chrono::nanoseconds CanSocketSubDevice::readClocks(double& master, SystemTime& now) const {
     auto shortest = SystemTime::duration::max();
     for (int attempt = 0; attempt < 3 && shortest > goodMoment; ++attempt) {
         const SystemTime before = std::chrono::system_clock::now();
@@ -219,15 +223,15 @@ bool CanSocketSubDevice::readClocks(double& master, SystemTime& now) const {
             now = after;
         }
     }
-    return shortest <= oneMoment;
+    return shortest;
 }
 
-bool CanSocketSubDevice::haveParted(double master, double slave) const {
+bool CanSocketSubDevice::haveParted(double master, double slave, double uncertain) const {
     if (lastMaster_ <= 0.0) {
         return slave < 0.0;
     }
     const double masterAdvance = master - lastMaster_;
-    return std::abs(masterAdvance - (slave - lastSlave_)) > mostApart * std::max(masterAdvance, 1.0);
+    return std::abs(masterAdvance - (slave - lastSlave_)) > mostApart * std::max(masterAdvance, 1.0) + uncertain;
 }
 
 // A pair each 100 ms; whether the clocks have parted since the last one is asked in every cycle, before any frame gets
@@ -235,11 +239,22 @@ bool CanSocketSubDevice::haveParted(double master, double slave) const {
 void CanSocketSubDevice::synchronizeClocks() {
     double master = noTime;
     SystemTime now{};
-    if (!masterClock_ || !readClocks(master, now) || master < 0.0) {
+    if (!masterClock_) {
         return;
     }
+    const auto took = readClocks(master, now);
+    if (took > moment_) {
+        moment_ = std::min<std::chrono::nanoseconds>(2 * moment_, longestMoment);
+        return;
+    }
+    moment_ = oneMoment;
+    if (master < 0.0) {
+        return;
+    }
+    // Nothing beyond what is meant by one moment.
+    const double width = secondsOf(std::max<std::chrono::nanoseconds>(took - oneMoment, std::chrono::nanoseconds(0)));
     double slave = calculateCurrentDeviceTime(now);
-    if (haveParted(master, slave)) {
+    if (haveParted(master, slave, lastWidth_ + width)) {
         clockSteps_->add(1);
         softSync.reset();
         // The slave's time goes on as the master's: it must not be below 0, wherever the system clock stands now.
@@ -255,6 +270,7 @@ void CanSocketSubDevice::synchronizeClocks() {
     lastSyncTime = now;
     lastMaster_ = slave > 0.0 ? master : 0.0;
     lastSlave_ = slave;
+    lastWidth_ = width;
 }
 
 void CanSocketSubDevice::acquireData() {

@@ -80,8 +80,8 @@ private:
     void configurePorts();
     void emptySockets();
     void synchronizeClocks();
-    bool readClocks(double& master, SystemTime& now) const;
-    bool haveParted(double master, double slave) const;
+    std::chrono::nanoseconds readClocks(double& master, SystemTime& now) const;
+    bool haveParted(double master, double slave, double uncertain) const;
     Trouble receiveFrames(CanPortInfo& port);
     Trouble take(CanPortInfo& port, const ZornLib::Protocols::CAN::CanSockFrameInfo& frame) const;
     void countKernelDrops();
@@ -96,6 +96,8 @@ private:
     std::shared_ptr<LossCount> clockSteps_;
     double lastMaster_ = 0.0;  // the last pair, s; 0 before the first one
     double lastSlave_ = 0.0;
+    double lastWidth_ = 0.0;             // what the last pair's clocks were read apart, beyond one moment, s
+    std::chrono::nanoseconds moment_{};  // the longest that counts as one now
     std::chrono::steady_clock::time_point lastDropCheck_{};
 };
 

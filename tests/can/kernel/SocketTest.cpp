@@ -88,7 +88,8 @@ TEST_F(CanKernel, CodesThatAKernelGives) {
         // The tool isn't found on this path, which doesn't count, and the interface is no CAN one.
         {"another kind of interface", -112,
          [&] {
-             const std::string path = std::getenv("PATH");
+             const char* const before = std::getenv("PATH");
+             const std::string path = before != nullptr ? before : "";
              ::setenv("PATH", "/nowhere", 1);
              const auto result = startOf("lo");
              ::setenv("PATH", path.c_str(), 1);

@@ -42,11 +42,14 @@ protected:
         if (std::filesystem::exists("/sys/module/kvaser_pci")) {
             shell("rmmod kvaser_pci");
         }
-        for (const std::string name : {"can0", "can1"}) {
+        for (const std::string& name : {std::string("can0"), std::string("can1")}) {
             if (std::filesystem::exists("/sys/class/net/" + name)) {
                 shell("ip link del " + name);
             }
-            shell("ip link add dev " + name + " type vcan && ip link set up " + name);
+            std::string line = "ip link add dev ";
+            line += name;
+            line += " type vcan && ip link set up ";
+            shell(line += name);
         }
         if (std::filesystem::exists("/sys/class/net/vcan0")) {
             shell("ip link del vcan0");
