@@ -4,13 +4,14 @@
 #include <string>
 
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 using namespace Harvane::RT::Modules::Daq::Platform;
 
 namespace {
 
 std::string valuePath(int base, int pin) {
-    return "/sys/class/gpio/gpio" + std::to_string(base + pin) + "/value";
+    return Harvane::Shared::Kestrix::InstrumentPaths::gpioLine + std::to_string(base + pin) + "/value";
 }
 
 }  // namespace
