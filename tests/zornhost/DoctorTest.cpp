@@ -236,7 +236,8 @@ const std::vector<Broken>& situations() {
         {"root's alone", [](Bench& b) { setMode(b, "/dev/mem", 0660, 0); }, "memory device", failure,
          "(root:root 0660); log in again", "KERNEL==\"mem\", GROUP=\"kestrix\", MODE=\"0660\""},
         {"no right of raw I/O", [](Bench& b) { b.machine.openFailures["/dev/mem"] = EPERM; }, "memory device", failure,
-         "is there (root:meters 0660), but can't be opened: Operation not permitted", "sudo setcap cap_sys_rawio"},
+         "is there (root:meters 0660), but can't be opened: Operation not permitted",
+         "sudo setpriv --reuid anna --regid $(id -g anna) --init-groups --inh-caps +sys_rawio"},
         {"a port in use", [](Bench& b) { b.machine.openFailures["/dev/ttyPS1"] = EBUSY; }, "amplifier port", failure,
          "another program has it", "sudo fuser -v /dev/ttyPS1"},
         {"a node of a driver that is gone", [](Bench& b) { b.machine.openFailures["/dev/tolvn_timing"] = ENXIO; },
@@ -318,7 +319,7 @@ const std::vector<Broken>& situations() {
         {"no ip", [](Bench& b) { b.machine.hasIp = false; }, "CAN", failure, "no program ip",
          "apt-get install iproute2"},
         {"no right on the network", [](Bench& b) { b.machine.network = false; }, "CAN", failure,
-         "anna may not set them up", "sudo setcap cap_net_admin+ep"},
+         "anna may not set them up", "--ambient-caps +net_admin /usr/bin/zornhost doctor"},
         // The lock.
         {"another process has the instrument",
          hold,

@@ -193,6 +193,15 @@ private:
         return rights;
     }
 
+    // This program with rights of root's that a user is lent. As an attribute of the file they would keep it from
+    // finding its libraries, and ip gives those up.
+    std::string withRights(const char* right) const {
+        return fmt::format(
+            "sudo setpriv --reuid {0} --regid $(id -g {0}) --init-groups --inh-caps +{1} --ambient-caps "
+            "+{1} {2} doctor",
+            quoted(user_.name), right, quoted(questions_.program));
+    }
+
     // ---- Devices ---------------------------------------------------------------------------------------------------
 
     static std::vector<std::string> driverFix(const char* driver) {
@@ -239,10 +248,10 @@ private:
                 return fail(check, found + ": another program has it", {fmt::format("sudo fuser -v {}", quoted(path))});
             case EPERM:
             case EACCES:
-                if (path == paths::memoryDevice) {
-                    return fail(check, found + ": that takes the right of raw I/O besides",
-                                {fmt::format("sudo setcap cap_sys_rawio,cap_sys_nice,cap_ipc_lock+ep {}",
-                                             quoted(questions_.program))});
+                if (path == paths::memoryDevice && user_.id != 0) {
+                    return fail(check,
+                                found + ": that takes the right of raw I/O; start a measurement in this way, too",
+                                {withRights("sys_rawio")});
                 }
                 return fail(check, found, {"sudo dmesg | tail -n 20", fmt::format("ls -l {} && id", quoted(path))});
             default:
@@ -521,8 +530,10 @@ private:
                         {"sudo apt-get install iproute2"});
         }
         if (!machine_.mayConfigureNetwork()) {
-            return fail("CAN", fmt::format("{}: {} may not set them up", found, user_.name),
-                        {fmt::format("sudo setcap cap_net_admin+ep $(readlink -f {})", machine_.program("ip"))});
+            return fail(
+                "CAN",
+                fmt::format("{}: {} may not set them up; start a measurement in this way, too", found, user_.name),
+                {withRights("net_admin")});
         }
         return ok("CAN", found);
     }
@@ -753,8 +764,7 @@ private:
                     fmt::format("no real-time priority for {}: {}; a recording asks for none by itself, but can't be "
                                 "given any with chrt. Log in again after the change",
                                 user_.name, std::strerror(error)),
-                    {limitsLine("rtprio 90"), fmt::format("sudo setcap cap_sys_rawio,cap_sys_nice,cap_ipc_lock+ep {}",
-                                                          quoted(questions_.program))});
+                    {limitsLine("rtprio 90")});
     }
 
     Finding memoryLock() {

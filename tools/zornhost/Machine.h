@@ -88,7 +88,7 @@ public:
     // `failure`: why.
     virtual std::optional<std::string> answer(const std::string& command, std::string& failure) const;
     virtual std::string program(const std::string& name) const;  // its path; empty when there is none
-    virtual bool mayConfigureNetwork() const;                    // `ip link set` has the right to
+    virtual bool mayConfigureNetwork() const;                    // what this program runs with ip
     // Loads it in a process of its own, asks it for its version and forgets it.
     virtual ModuleProbe probeModule(const std::string& file) const;
     virtual bool lives(long process) const;
