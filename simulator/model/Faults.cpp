@@ -1,6 +1,7 @@
 #include "simulator/model/Faults.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace kestrixsim {
 
@@ -96,6 +97,10 @@ bool Faults::present(FaultKind kind, int target) const {
         }
     }
     return false;
+}
+
+int openFault(const std::optional<Fault>& fault) {
+    return !fault ? 0 : fault->code != 0 ? -fault->code : -ENOENT;
 }
 
 }  // namespace kestrixsim

@@ -48,4 +48,7 @@ private:
     std::vector<Entry> entries_;
 };
 
+// What the open of a device answers that was hit or not: 0, -ENOENT, or the fault's code as a negative errno.
+int openFault(const std::optional<Fault>& fault);
+
 }  // namespace kestrixsim

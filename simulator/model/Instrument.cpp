@@ -203,7 +203,7 @@ Instrument::Instrument(Scenario scenario, std::function<double()> now, bool serv
 Instrument::~Instrument() = default;
 
 int Instrument::memOpen() {
-    return implementation_->faults.hit(FaultKind::MemOpen) ? -ENOENT : 0;
+    return openFault(implementation_->faults.hit(FaultKind::MemOpen));
 }
 
 int Instrument::memMap(uint64_t physicalAddress) {
@@ -226,7 +226,7 @@ void Instrument::storeWord(uint64_t physicalAddress, uint32_t before, uint32_t a
 }
 
 int Instrument::i2cOpen() {
-    return implementation_->faults.hit(FaultKind::I2cOpen) ? -ENOENT : 0;
+    return openFault(implementation_->faults.hit(FaultKind::I2cOpen));
 }
 
 int Instrument::i2cSelect() {
@@ -246,7 +246,7 @@ int Instrument::i2cTransfer(I2cMessage* messages, size_t count) {
 }
 
 int Instrument::uartOpen() {
-    return implementation_->faults.hit(FaultKind::UartOpen) ? -ENOENT : 0;
+    return openFault(implementation_->faults.hit(FaultKind::UartOpen));
 }
 
 int Instrument::uartConfigure() {
@@ -292,11 +292,10 @@ void noteRequest(Journal& journal, const std::string& node, unsigned long reques
 }  // namespace
 
 int Instrument::dmaOpen(int module, Stream stream) {
-    if (implementation_->stream(module, stream) == nullptr ||
-        implementation_->faults.hit(FaultKind::DmaOpen, channelOf(module, stream))) {
+    if (implementation_->stream(module, stream) == nullptr) {
         return -ENOENT;
     }
-    return 0;
+    return openFault(implementation_->faults.hit(FaultKind::DmaOpen, channelOf(module, stream)));
 }
 
 int Instrument::dmaIoctl(int module, Stream stream, unsigned long request, unsigned long argument) {

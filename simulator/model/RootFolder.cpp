@@ -85,9 +85,11 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
                         const std::vector<std::string>& canInterfaces,
                         const std::function<std::string(const std::string& path)>& sensorText) {
     const fs::path root(folder);
-    const bool switchesMissing = std::any_of(scenario.faults.begin(), scenario.faults.end(),
-                                             [](const Fault& fault) { return fault.kind == FaultKind::SysfsMissing; });
-    if (!switchesMissing) {
+    const auto has = [&scenario](FaultKind kind) {
+        return std::any_of(scenario.faults.begin(), scenario.faults.end(),
+                           [kind](const Fault& fault) { return fault.kind == kind; });
+    };
+    if (!has(FaultKind::SysfsMissing)) {
         for (const char* place : {"board/leds", "sys/class/leds"}) {
             for (const char* led : {"led2", "alarm"}) {
                 writeFile(root / place / led / "brightness", "0\n");
@@ -130,8 +132,10 @@ void populateRootFolder(const std::string& folder, const Scenario& scenario, con
         writeFile(root / "sys/class/net" / name / "mtu", "16\n");
     }
     fs::create_directories(root / "var/run");  // for sockets
-    writeScript(root / "opt/harvane/scripts/ptp_control.sh", ptpText);
-    writeScript(root / "opt/harvane/scripts/vcxo_control.sh", vcxoText);
+    if (!has(FaultKind::ScriptsMissing)) {
+        writeScript(root / "opt/harvane/scripts/ptp_control.sh", ptpText);
+        writeScript(root / "opt/harvane/scripts/vcxo_control.sh", vcxoText);
+    }
 }
 
 std::vector<std::string> machineCanInterfaces() {

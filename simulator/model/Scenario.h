@@ -70,15 +70,15 @@ struct ModuleScenario {
 enum class FaultKind {
     EepromSilent,        // no chip at 0x50: ENXIO
     EepromShortRead,     // a read of the EEPROM delivers one byte less than asked for
-    MemOpen,             // open of /dev/mem fails (ENOENT)
+    MemOpen,             // open of /dev/mem fails with `code` as errno (0: ENOENT)
     MemMap,              // mmap of the page `code` of /dev/mem (0: any) fails (EPERM)
-    I2cOpen,             // open of /dev/i2c-1 fails (ENOENT)
-    UartOpen,            // open of /dev/ttyPS1 fails (ENOENT)
+    I2cOpen,             // open of /dev/i2c-1 fails, likewise
+    UartOpen,            // open of /dev/ttyPS1 fails, likewise
     UartAttributes,      // tcgetattr or tcsetattr of the port fails (EIO)
     UartRead,            // read of the port fails (EIO)
     UartWrite,           // write to the port fails (EIO)
     I2cSlave,            // I2C_SLAVE fails (EBUSY)
-    DmaOpen,             // open of a stream's node fails (ENOENT); `target` is the AI channel, -1 any
+    DmaOpen,             // open of a stream's node fails, likewise; `target` is the AI channel, -1 any
     DmaIoctl,            // an ioctl of a stream fails (EIO); `target` is the AI channel, `code` the request, 0 any
     DmaRead,             // read of a stream fails with `code` as errno (0: EIO); `target` is the AI channel
     DmaShortRead,        // read delivers one descriptor less than it could (not in whole descriptors if `code` is 1)
@@ -96,11 +96,12 @@ enum class FaultKind {
     ScriptSilent,        // platform scripts print nothing
     ScriptUnheard,       // platform scripts do their work and print nothing
     ScriptFails,         // popen of a platform script fails (ENOMEM)
+    ScriptsMissing,      // there are no platform scripts: running one prints nothing
     ClearLate,           // CLRST of module `target` (-1 all) is set `code` ms late
     ClearNever,          // CLRST of module `target` (-1 all) is never set
     PllBusy,             // the PLL stays busy
     SysfsMissing,        // files below the LED and GPIO folders are missing
-    TimingOpen,          // open of /dev/tolvn_timing fails (ENOENT)
+    TimingOpen,          // open of /dev/tolvn_timing fails with `code` as errno (0: ENOENT)
     TimingSilent,        // the timing driver has no records
     TimingRead,          // read of a record fails with `code` as errno (0: EIO)
     TimingShortRead,     // read of a record delivers 8 bytes

@@ -94,6 +94,7 @@ constexpr auto faultKinds = std::to_array<Choice<FaultKind>>({
     {"scriptSilent", FaultKind::ScriptSilent},
     {"scriptUnheard", FaultKind::ScriptUnheard},
     {"scriptFails", FaultKind::ScriptFails},
+    {"scriptsMissing", FaultKind::ScriptsMissing},
     {"clearLate", FaultKind::ClearLate},
     {"clearNever", FaultKind::ClearNever},
     {"pllBusy", FaultKind::PllBusy},
@@ -147,9 +148,12 @@ constexpr int sensorTargets = 15;
 
 constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::MemMap, 0, std::numeric_limits<uint32_t>::max()},
-    {FaultKind::DmaOpen, 16, 0},
+    {FaultKind::MemOpen, 0, 4095},  // the highest errno
+    {FaultKind::I2cOpen, 0, 4095},
+    {FaultKind::UartOpen, 0, 4095},
+    {FaultKind::DmaOpen, 16, 4095},
     {FaultKind::DmaIoctl, 16, std::numeric_limits<uint32_t>::max()},
-    {FaultKind::DmaRead, 16, 4095},  // the highest errno
+    {FaultKind::DmaRead, 16, 4095},
     {FaultKind::DmaShortRead, 16, 1},
     {FaultKind::DmaStall, 16, 0},
     {FaultKind::AmplifierSilent, 8, 0},
@@ -161,6 +165,7 @@ constexpr auto faultNumbers = std::to_array<FaultNumbers>({
     {FaultKind::MuxReadsBack, 0, 0x7F},
     {FaultKind::ClearLate, 8, 60000},
     {FaultKind::ClearNever, 8, 0},
+    {FaultKind::TimingOpen, 0, 4095},
     {FaultKind::TimingRead, 0, 4095},
     {FaultKind::PtpLate, 0, 60000},
     {FaultKind::PtpOversized, 0, 65000},

@@ -62,6 +62,9 @@ std::string Scripts::run(const std::string& commandLine) {
         return {};
     }
     note(commandLine);
+    if (faults_.present(FaultKind::ScriptsMissing)) {
+        return {};
+    }
     if (faults_.hit(FaultKind::ScriptRefuses)) {
         return "ERR:fault\n";
     }

@@ -339,7 +339,7 @@ void TimingCore::setWord(uint16_t word) {
 }
 
 int TimingCore::open() {
-    return faults_.hit(FaultKind::TimingOpen) ? -ENOENT : 0;
+    return openFault(faults_.hit(FaultKind::TimingOpen));
 }
 
 bool TimingCore::ready() {

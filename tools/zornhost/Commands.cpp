@@ -16,6 +16,7 @@
 #include "tools/zornhost/AmplifierState.h"
 #include "tools/zornhost/CanCommands.h"
 #include "tools/zornhost/ClockCommand.h"
+#include "tools/zornhost/DoctorCommand.h"
 #include "tools/zornhost/Elapsed.h"
 #include "tools/zornhost/InstrumentLock.h"
 #include "tools/zornhost/InstrumentService.h"
@@ -885,6 +886,7 @@ int run(int argc, char** argv) {
     }
     const ClockCommandLine clock(app);
     const StatusCommandLine status(app);
+    const DoctorCommandLine doctor(app);
     const CanCommandLine can(app);
     const AmplifierCommandLine amplifier(app);
 
@@ -922,7 +924,11 @@ int run(int argc, char** argv) {
         // Before anything of the instrument is touched, and until all of it has been given back.
         std::optional<InstrumentLock> lock;
         Output output(log->count() > 0);
-        if (lockOption->count() > 0 || !runsOnSimulation()) {
+        const bool locks = lockOption->count() > 0 || !runsOnSimulation();
+        if (doctor.parsed()) {
+            return checkOutput(output, doctor.run(session, locks ? lockFile : std::string(), output));
+        }
+        if (locks) {
             try {
                 lock.emplace(lockFile, commandLine(argc, argv));
             } catch (const InstrumentBusy& busy) {

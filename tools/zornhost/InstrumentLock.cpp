@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -60,16 +61,24 @@ Holder holderOf(const std::string& text) {
     return holder;
 }
 
-// Between taking the lock and saying so there is a moment in which the file names nobody, or one that has died.
-Holder introducedHolder(int descriptor) {
+bool lives(long pid) {
+    return pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH);
+}
+
+// Between taking the lock and saying so there is a moment in which the file names nobody, or one that has died. So it
+// is with a program that merely looks: the lock is to be had as soon as it has. Nothing when it was taken meanwhile.
+std::optional<Holder> introducedHolder(int descriptor) {
     const auto until = std::chrono::steady_clock::now() + introductionTime;
     while (true) {
         Holder holder = holderOf(readAll(descriptor));
-        if (holder.pid > 0 && (::kill(static_cast<pid_t>(holder.pid), 0) == 0 || errno != ESRCH)) {
+        if (lives(holder.pid)) {
             return holder;
         }
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+            return std::nullopt;
+        }
         if (std::chrono::steady_clock::now() >= until) {
-            return {};
+            return Holder();
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -136,16 +145,20 @@ InstrumentLock::InstrumentLock(const std::string& file, const std::string& comma
         (!present.empty() && !present.starts_with(pidMark))) {
         fail("is no lock file");
     }
-    if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0) {
+    std::optional<Holder> found;
+    if (::flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) {
+            fail(std::strerror(errno));
+        }
+        found = introducedHolder(descriptor_);
+    }
+    if (!found) {
         removeSocketOf(holderOf(present));
         introduction_ = introductionOf(command);
         introduce(descriptor_, introduction_);
         return;
     }
-    if (errno != EWOULDBLOCK) {
-        fail(std::strerror(errno));
-    }
-    const Holder holder = introducedHolder(descriptor_);
+    const Holder& holder = *found;
     ::close(descriptor_);
     if (holder.pid == 0) {
         throw InstrumentBusy(
@@ -166,6 +179,45 @@ InstrumentLock::~InstrumentLock() {
     // Never removed: two programs could then hold the lock of two files of that name.
     [[maybe_unused]] const int emptied = ::ftruncate(descriptor_, 0);
     ::close(descriptor_);
+}
+
+InstrumentLook::InstrumentLook(const std::string& file) {
+    const auto unusable = [this](const std::string& why) {
+        state = State::Unusable;
+        reason = why;
+    };
+    // As a program that wants the lock opens it; a file that can only be read is of no use to that.
+    descriptor_ = ::open(file.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (descriptor_ < 0) {
+        if (errno != ENOENT) {
+            unusable(std::strerror(errno));
+        }
+        return;
+    }
+    struct stat status {};
+    const std::string present = readAll(descriptor_);
+    if (::fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode) ||
+        (!present.empty() && !present.starts_with(pidMark))) {
+        unusable("is no lock file");
+    } else if (::flock(descriptor_, LOCK_SH | LOCK_NB) == 0) {
+        state = State::Free;
+    } else if (errno != EWOULDBLOCK) {
+        unusable(std::strerror(errno));
+    } else {
+        const Holder holder = holderOf(present);
+        state = State::Held;
+        if (lives(holder.pid)) {
+            pid = holder.pid;
+            since = holder.since;
+            command = holder.command;
+        }
+    }
+}
+
+InstrumentLook::~InstrumentLook() {
+    if (descriptor_ >= 0) {
+        ::close(descriptor_);
+    }
 }
 
 }  // namespace zornhost

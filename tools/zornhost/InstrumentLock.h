@@ -44,4 +44,31 @@ private:
     int descriptor_ = -1;
 };
 
+// How the lock of an instrument stands. Takes nothing from a program that holds it, and one that wants it meanwhile
+// gets it: it tries for half a second. While this lives no program that begins to use the instrument has got it.
+class InstrumentLook {
+public:
+    enum class State {
+        NoFile,  // nobody has ever held it since the machine started
+        Free,
+        Held,
+        Unusable  // the file is no lock file, or can't be opened: `reason` tells
+    };
+
+    explicit InstrumentLook(const std::string& file);
+    ~InstrumentLook();
+    InstrumentLook(const InstrumentLook&) = delete;
+    InstrumentLook& operator=(const InstrumentLook&) = delete;
+
+    State state = State::NoFile;
+    std::string reason;
+    // Of the holder, when it has said so.
+    long pid = 0;
+    std::string since;
+    std::string command;
+
+private:
+    int descriptor_ = -1;
+};
+
 }  // namespace zornhost

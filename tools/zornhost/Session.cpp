@@ -176,6 +176,12 @@ void ensureSimulation(const SessionOptions& options, char** argv) {
     if (std::getenv(simulatedMark) != nullptr) {
         // Only for this process: what it starts is no host.
         ::unsetenv(simulatedMark);
+        if (!runsOnSimulation()) {
+            // The loader preloads nothing into a program whose file gives it rights; that would measure for real.
+            throw std::runtime_error(
+                "the simulated instrument can't be preloaded: does the program's file have rights of its own "
+                "(getcap)?");
+        }
         return;
     }
     const std::string library = programFolder() + "/../lib/libkestrixsim.so";

@@ -148,6 +148,7 @@ TEST(ScenarioJson, MistakesAreNamedWithTheirPlace) {
          "waveform.amplitudeCounts: goes neither"},
         {R"({"faults": [{"kind": "amplifierLate", "target": 8}]})", "faults[0].target: is 8, must be from -1 to 7"},
         {R"({"faults": [{"kind": "memOpen", "target": 0}]})", "faults[0].target: is 0, but this kind has none"},
+        {R"({"faults": [{"kind": "memOpen", "code": 4096}]})", "faults[0].code: is 4096, must be from 0"},
         {R"({"faults": [{"kind": "amplifierBadStatus", "code": 256}]})", "faults[0].code: is 256, must be from 0"},
         {R"({"faults": [{"kind": "muxError", "code": 1}]})", "faults[0].code: is 1, but this kind has none"},
         {R"({"faults": [{"kind": "muxError", "command": 1}]})", "faults[0].command: is 1, but this kind has none"},

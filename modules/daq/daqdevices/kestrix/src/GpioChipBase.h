@@ -1,6 +1,7 @@
 #pragma once
 
 #include "modules/daq/daqdevices/kestrix/src/GpioInterfaceSysfs.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 // One GPIO chip by its base.
 template <typename Interface, int base>
@@ -14,4 +15,4 @@ private:
 };
 
 // The lines of the timing inputs and outputs and of the cable detection.
-using BoardGpio = GpioChipBase<GpioInterfaceSysfs, 496>;
+using BoardGpio = GpioChipBase<GpioInterfaceSysfs, Harvane::Shared::Kestrix::InstrumentPaths::gpioBase>;

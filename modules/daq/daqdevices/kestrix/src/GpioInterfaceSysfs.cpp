@@ -10,13 +10,16 @@
 
 #include "libraries/utils/DeviceFile.h"
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 using namespace Harvane::RT::Modules::Daq::Platform;
 
 namespace {
 
 struct ValuePath {
-    ValuePath(int base, int pin) { std::snprintf(text, sizeof text, "/sys/class/gpio/gpio%d/value", base + pin); }
+    ValuePath(int base, int pin) {
+        std::snprintf(text, sizeof text, "%s%d/value", Harvane::Shared::Kestrix::InstrumentPaths::gpioLine, base + pin);
+    }
     char text[48];
 };
 

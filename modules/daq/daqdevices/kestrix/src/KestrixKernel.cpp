@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -33,7 +34,9 @@ const char* modeName(bool usbMode) {
 }
 
 std::string makeDeviceName(int channel) {
-    return (channel % 2 == 0 ? "/dev/tolvn_dma_r" : "/dev/tolvn_dma_f") + std::to_string(channel / 2);
+    using namespace Harvane::Shared::Kestrix;
+    return (channel % 2 == 0 ? InstrumentPaths::rawStreamDevice : InstrumentPaths::filteredStreamDevice) +
+           std::to_string(channel / 2);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "modules/daq/daqdevices/kestrix/src/LedInterfaceSysfs.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 // One LED by its name.
 template <typename Interface, const char* name>
@@ -34,8 +35,5 @@ private:
     static inline Interface led;
 };
 
-inline constexpr char statusLedName[] = "led2";
-inline constexpr char alarmLedName[] = "alarm";
-
-using StatusLed = LedBase<LedInterfaceSysfs, statusLedName>;
-using AlarmLed = LedBase<LedInterfaceSysfs, alarmLedName>;
+using StatusLed = LedBase<LedInterfaceSysfs, Harvane::Shared::Kestrix::InstrumentPaths::statusLed>;
+using AlarmLed = LedBase<LedInterfaceSysfs, Harvane::Shared::Kestrix::InstrumentPaths::alarmLed>;

@@ -8,14 +8,16 @@
 
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 using namespace Harvane::RT::Modules::Daq::Platform;
 
 namespace {
 
 std::string ledPath(const std::string& name, const char* file) {
-    const std::string own = "/board/leds/" + name + "/" + file;
-    return access(own.c_str(), W_OK) == 0 ? own : "/sys/class/leds/" + name + "/" + file;
+    const std::string own = Harvane::Shared::Kestrix::InstrumentPaths::boardLeds + name + "/" + file;
+    return access(own.c_str(), W_OK) == 0 ? own
+                                          : Harvane::Shared::Kestrix::InstrumentPaths::kernelLeds + name + "/" + file;
 }
 
 void writeWhole(const std::string& path, std::string_view bytes) {

@@ -9,15 +9,16 @@
 #include "modules/daq/daqdevices/kestrix/src/PlatformScript.h"
 #include "modules/daq/daqdevices/kestrix/src/SysfsFile.h"
 #include "shared/libraries/kestrix/src/logger/KestrixLogger.h"
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
 
 using namespace Harvane::RT::Modules::Daq::Platform;
 
 namespace {
 
-const std::string scriptPath = "/opt/harvane/scripts/ptp_control.sh";
-const std::string irigInPath = "/sys/class/tolvn_korvel/tolvn_timing/irig_in_enabled";
-const std::string irigOutPath = "/sys/class/tolvn_korvel/tolvn_timing/irig_out_enabled";
-const std::string correctionPath = "/sys/class/tolvn_korvel/tolvn_timing/igb_ptp_update_correction_ns";
+const std::string scriptPath = Harvane::Shared::Kestrix::InstrumentPaths::ptpScript;
+const std::string irigInPath = Harvane::Shared::Kestrix::InstrumentPaths::irigInSwitch;
+const std::string irigOutPath = Harvane::Shared::Kestrix::InstrumentPaths::irigOutSwitch;
+const std::string correctionPath = Harvane::Shared::Kestrix::InstrumentPaths::ptpCorrection;
 
 struct Switch {
     const std::string& path;

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "shared/libraries/kestrix/src/paths/InstrumentPaths.h"
+
 // Board-wide values for those who know no device. Its identity fills the variables in one place before any part exists;
 // baseClock is filled by the sampling clock alone.
 namespace Harvane::Shared::Kestrix::RegistersAddress {
@@ -13,10 +15,10 @@ inline unsigned char maxAIModules = 8;  // amplifier slots as the EEPROM has the
 inline unsigned char maxAIChannels = 16;
 inline unsigned char deviceType = 0;  // 0 the 8-channel board, 1 the 2-channel board
 
-inline constexpr const char* i2cDeviceFileName = "/dev/i2c-1";
-inline constexpr const char* uartDeviceFileName = "/dev/ttyPS1";
-inline constexpr const char* timingInteruptFile = "/dev/tolvn_timing";
-inline constexpr const char* memoryDeviceFileName = "/dev/mem";
+inline constexpr const char* i2cDeviceFileName = InstrumentPaths::i2cDevice;
+inline constexpr const char* uartDeviceFileName = InstrumentPaths::uartDevice;
+inline constexpr const char* timingInteruptFile = InstrumentPaths::timingDevice;
+inline constexpr const char* memoryDeviceFileName = InstrumentPaths::memoryDevice;
 
 inline constexpr const char* fpgaTemperatureHW = "/sys/class/hwmon/hwmon1/temp1_input";
 inline constexpr const char* ip1TemperatureHW = "/sys/class/hwmon/hwmon0/temp1_input";
