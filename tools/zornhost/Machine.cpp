@@ -47,7 +47,7 @@ constexpr int probeTimeMs = 20000;
 constexpr double diskTimeS = 1.0;
 constexpr size_t diskPiece = 4 << 20;   // bytes of one write
 constexpr size_t diskAlignment = 4096;  // that writes past the cache need
-constexpr uint64_t mostPieces = 1024;
+constexpr uint64_t mostPieces = 256;
 constexpr uint64_t shareOfSpace = 10;  // the part of the free space that a test may use
 
 class Descriptor {

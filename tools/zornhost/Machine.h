@@ -81,7 +81,7 @@ public:
     virtual MachineClock clock() const;
     virtual int cores() const;
     virtual DiskSpace diskSpace(const std::string& folder) const;
-    // Writes past the cache for a second, or until a tenth of the free space is used. The file has no name or loses it
+    // Writes past the cache for a second, 1 GiB or a tenth of the free space at most. The file has no name or loses it
     // before the first byte.
     virtual DiskSpeed diskSpeed(const std::string& folder) const;
     // What a command prints, without blanks at the end; nothing when it can't be started or takes longer than 5 s.

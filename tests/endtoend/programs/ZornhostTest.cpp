@@ -462,3 +462,11 @@ TEST(KestrixSim, ServesTheHost) {
     EXPECT_EQ(host.exitCode, 0) << host.err;
     EXPECT_EQ(host.out, "KESTRIX\n");
 }
+
+// As it is with a program whose file gives it rights: the loader preloads nothing.
+TEST(Zornhost, NeverTakesTheRealInstrumentForTheSimulatedOne) {
+    const auto result = Process::run(
+        {"/usr/bin/env", "ZORNHOST_SIMULATED=1", KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", "tree"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.err.find("the simulated instrument can't be preloaded"), std::string::npos) << result.err;
+}
