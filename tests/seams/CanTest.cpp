@@ -179,44 +179,4 @@ TEST_F(SeamCanTest, AStartTellsWhichPortsAreNotAsWanted) {
     EXPECT_EQ(told(), Texts{closed});
 }
 
-// From a channel of the host to the bus, as a user sets it up.
-TEST_F(SeamCanTest, ARouteReachesTheBus) {
-    kestrixsim::reset(withTraffic(1, 10.0, 500000));
-    ASSERT_EQ(add(), "");
-    ASSERT_EQ(configure(), "");
-    const auto analog = channel("Raw input");
-    const auto input = channel("CAN Port 1 Input");
-    data.setPropertyValue("OperationMode", 2);
-    EXPECT_EQ(asUser(input, "OperationMode", "ReadWriteAcq"), "");
-    EXPECT_EQ(asUser(input, "RTC.Messages",
-                     ListPtr::create({asBase(ListPtr::create({toValue(0x123), toValue(analog.getNodeId())}))})),
-              "");
-    EXPECT_EQ(asUser(input, "RTC.OutputRate", 50), "");  // of 100 cycles a second: every other cycle
-    EXPECT_EQ(asUser(input, "RTC.Enabled", true), "");
-    use({analog, channel("CAN Port 1 Output")});
-    ASSERT_EQ(initialize(), "");
-    ASSERT_EQ(start(), "");
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_EQ(cycle(), "");
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(stop(), "");
-    const auto sent = kestrixsim::instrument().can().sent(0);
-    ASSERT_GE(sent.size(), 2u);  // the samples come in blocks
-    EXPECT_LE(sent.size(), 50u);
-    float last = -1e9F;
-    for (const auto& record : sent) {
-        EXPECT_EQ(record.frame.id, kestrixsim::CanFrame::extended | 0x123);
-        ASSERT_EQ(record.frame.length, 4);
-        float value = 0.0F;
-        std::memcpy(&value, record.frame.data.data(), sizeof value);
-        EXPECT_GT(value, last);  // the signal is a counter
-        last = value;
-    }
-    for (const char* property :
-         {"NotSentQueueFull", "NotSentClosed", "NotSentFailed", "NotSentInvalid", "NotSentListenOnly", "LostSamples"}) {
-        EXPECT_EQ(countOf("CAN Port 1 Output", property), 0) << property;
-    }
-}
-
 }  // namespace
