@@ -45,9 +45,6 @@ protected:
         }
         return found;
     }
-    std::int64_t countOf(const char* channelName, const char* property) const {
-        return fromValue<std::int64_t>(executeFunc(functionOf(channel(channelName), property), nullptr));
-    }
     void cyclesFor(double seconds) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
         while (std::chrono::steady_clock::now() < end) {
@@ -111,9 +108,9 @@ TEST_F(SeamCanTest, AMillionFramesOnceEachAndInOrder) {
             least = std::min(least, count);
         }
     }
-    for (int i = 0; i < ports; ++i) {
-        EXPECT_EQ(countOf(nameOf(i, "Input").c_str(), "LostSamples"), 0);
-        EXPECT_EQ(countOf(nameOf(i, "Input").c_str(), "KernelDrops"), 0);
+    for (const auto& input : inputs) {
+        EXPECT_EQ(countOf(input, "LostSamples"), 0);
+        EXPECT_EQ(countOf(input, "KernelDrops"), 0);
     }
     EXPECT_EQ(stop(), "");
     EXPECT_EQ(log.take(), Texts());
@@ -138,8 +135,8 @@ TEST_F(SeamCanTest, AnalogSamplesGoOnBesideAnUnusedInput) {
     EXPECT_NEAR(secondsOf(impl, &IClockProvider::getAcquiredClock), static_cast<double>(samples) / 1000.0, 0.01);
     EXPECT_GT(channel("CAN Port 2 Input").getSamplesAcquired(), 400);
     EXPECT_EQ(channel("CAN Port 1 Input").getSamplesAcquired(), 0);
-    EXPECT_GT(countOf("CAN Port 1 Input", "FramesUnused"), 400);
-    EXPECT_EQ(countOf("CAN Port 2 Input", "FramesUnused"), 0);
+    EXPECT_GT(countOf(channel("CAN Port 1 Input"), "FramesUnused"), 400);
+    EXPECT_EQ(countOf(channel("CAN Port 2 Input"), "FramesUnused"), 0);
     const auto told = log.take();
     EXPECT_NE(
         std::find(told.begin(), told.end(),
