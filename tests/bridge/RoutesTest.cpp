@@ -9,7 +9,6 @@
 
 #include "modules/daq/bridge/DaqRTOperation.h"
 #include "modules/daq/objectmodel/AOChannel.h"
-#include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CANDevice.h"
 #include "tests/bridge/ModuleBench.h"
 

@@ -1,11 +1,8 @@
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <thread>
-#include <utility>
 
 #include "modules/daq/can/CANSocketDevice.h"
 #include "modules/daq/can/CanSocketSubDevice.h"
@@ -32,15 +29,7 @@ protected:
     void bringUp(const kestrixsim::Scenario& scenario, std::uint16_t mask = 0xFFFF) {
         device.reset();
         kestrixsim::reset(scenario);
-        device = std::make_shared<CanInstrument>(mask);
-        device->initialize();
-        device->initializeHardware();
-        device->buildChannelView();
-        for (const auto& channel : can().channels) {
-            channel->used = true;
-            dynamic_cast<CANChannel&>(*channel).writeEnable = 1;
-        }
-        device->setOperationMode(2);
+        device = CanInstrument::broughtUp(mask);
     }
     void start() {
         device->initializeAcquisition(true);
@@ -100,12 +89,9 @@ protected:
         CANChannel& channel = input(number);
         std::vector<std::uint32_t> ids;
         for (std::uint64_t& seen = *seenOf(port(number)); seen < channel.samplesAcquired.get(); ++seen) {
-            ids.push_back(messageAt(channel, seen).id);
+            ids.push_back(CanInstrument::messageAt(channel, seen).id);
         }
         return ids;
-    }
-    static CanMessage messageAt(CANChannel& channel, std::uint64_t number) {
-        return *static_cast<const CanMessage*>(channel.buffer->getSample(number % channel.buffer->getCapacity()));
     }
     std::uint64_t* seenOf(const CanPortInfo& port) { return &seen[static_cast<size_t>(&port - &can().getPorts()[0])]; }
     using Ids = std::vector<std::uint32_t>;
@@ -283,7 +269,7 @@ TEST_F(CanPortsTest, StepsOfTheSystemClock) {
         ASSERT_EQ(input(0).samplesAcquired.get() + static_cast<std::uint64_t>(dropped),
                   static_cast<std::uint64_t>(count));
         for (std::uint64_t i = 0; i < input(0).samplesAcquired.get(); ++i) {
-            ASSERT_NEAR(input(0).getTimeAtPos(i), ends[messageAt(input(0), i).id], 500e-6) << i;
+            ASSERT_NEAR(input(0).getTimeAtPos(i), ends[CanInstrument::messageAt(input(0), i).id], 500e-6) << i;
         }
     }
 }

@@ -1,10 +1,8 @@
 #include "libraries/protocols/can/CanSocket.h"
 
 #include <fcntl.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>

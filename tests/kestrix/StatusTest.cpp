@@ -227,7 +227,7 @@ TEST_F(StatusTest, ReadsAsLongAsSomebodyWantsToKnow) {
 TEST_F(StatusTest, TheHottestOfEachPartAsLongAsItIsRecorded) {
     bringUp(quick());
     start();
-    cycleUntil([&] { return countOf(Type::CpuTemperature) >= 12; });
+    cycleUntil([&] { return countOf(Type::CpuTemperature) >= 14; });
     StatusChannel& cpu = of(Type::CpuTemperature);
     EXPECT_EQ(cpu.samplesAcquired, of(Type::BoardTemperature).samplesAcquired);
     EXPECT_EQ(countOf(Type::PhaseError), countOf(Type::VcxoValue));

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include <nlohmann/json.hpp>
 
 #include "tests/endtoend/RecordingReader.h"

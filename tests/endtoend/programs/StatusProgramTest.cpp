@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "tests/endtoend/programs/Process.h"

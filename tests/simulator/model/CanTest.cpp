@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cmath>
 #include <fstream>
 
 #include "simulator/model/CanLog.h"

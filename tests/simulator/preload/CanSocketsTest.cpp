@@ -8,11 +8,8 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 
-#include <cmath>
-#include <cstring>
 #include <fstream>
 #include <functional>
-#include <vector>
 
 #include "tests/simulator/preload/PreloadFixture.h"
 
