@@ -95,6 +95,11 @@ Core::ObjectPtr<Core::IFuncObject> functionOf(const Core::PropertyObjectPtr<I>& 
     return object.getPropertyValue(name).template asPtr<Core::IFuncObject>();
 }
 
+// What a hidden function of a channel counts.
+inline int64_t countOf(const Core::ChannelPtr<>& channel, const char* name) {
+    return Core::fromValue<int64_t>(Core::executeFunc(functionOf(channel, name), nullptr));
+}
+
 template <class I>
 void setRate(const Core::PropertyObjectPtr<I>& object, int64_t value) {
     object.setPropertyValue("SampleRate", Core::Ratio{value, 1});

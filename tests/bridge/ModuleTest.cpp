@@ -1,8 +1,7 @@
 #include <tuple>
 
-#include "modules/daq/module/DaqModuleImpl.h"
 #include "modules/daq/objectmodel/DaqException.h"
-#include "tests/bridge/Bench.h"
+#include "tests/bridge/ModuleBench.h"
 
 using namespace Harvane::RT::Core;
 using namespace Harvane::RT::Modules::Daq;
@@ -10,45 +9,23 @@ using namespace Harvane::RT::Modules::Daq::Test;
 
 namespace {
 
-struct OpenModule : DaqModuleImpl {
-    using DaqModuleImpl::daqController;
-    using DaqModuleImpl::daqStructure;
-    using DaqModuleImpl::onAdd;
-};
-
-// The module object in a host's tree, driven call by call.
-struct ModuleTest : testing::Test, protected HostData {
-    ModuleTest() : impl(new OpenModule()), module(ObjectPtr<IModule>::take(impl)) {}
-    ~ModuleTest() override { forgetProviders(); }
-
-    ErrCode add() { return HostData::add(*module, dataModule); }
-    void configure() { HostData::configure(*module); }
-    // A module with this device, ready to be initialized.
+struct ModuleTest : testing::Test, protected ModuleBench {
     std::shared_ptr<TestDevice> addDevice(const std::shared_ptr<TestDevice>& device = std::make_shared<TestDevice>()) {
-        plug({device});
-        checkErrorInfo(add());
-        configure();
+        ModuleBench::addDevice(device);
         return device;
     }
-    // Up to the first cycle; the channels of these names are used.
-    void start(const std::vector<std::string>& used) {
-        checkErrorInfo(module->initialize());
-        reserveMemory(impl->daqStructure, used);
-        checkErrorInfo(module->start());
-        checkErrorInfo(module->postStart());
+    void start(const Texts& used) {
+        ModuleBench::start(used);
         log.entries.clear();
     }
     AsyncChannelPtr async(const char* name) const { return channel(name).asPtr<IAsyncChannel>(); }
     static long heldBy(const AsyncChannelPtr& channel) {
         return ask(channel.get(), &IAsyncChannel::getSamplesAcquired);
     }
-
-    OpenModule* impl;
-    ObjectPtr<IModule> module;
 };
 
 TEST_F(ModuleTest, LifeOverAnEmptySystem) {
-    ASSERT_EQ(add(), Errors::Success);
+    add();
     configure();
     EXPECT_TRUE(clock && !loop && !absTime);
     start({});
@@ -79,7 +56,7 @@ TEST_F(ModuleTest, AddNeedsADataModule) {
 }
 
 TEST_F(ModuleTest, ClockProvider) {
-    checkErrorInfo(add());
+    add();
     configure();
     EXPECT_EQ(StringPtr(made<IString>([&](IString** unit) { return clock->getUnit(unit); })), StringPtr("s"));
     for (auto getter : {&IClockProvider::getClockBase, &IClockProvider::getResolution}) {
@@ -149,7 +126,7 @@ TEST_F(ModuleTest, AbsTimeFollowsTheTimingDevice) {
         EXPECT_EQ(linesOf(5), 1u);
         EXPECT_EQ(answersOf(impl), good);
     }
-    checkErrorInfo(module->stop());
+    stop();
 }
 
 TEST_F(ModuleTest, AbsTimeWithoutATimingDevice) {
@@ -226,7 +203,7 @@ TEST_F(ModuleTest, StartDoesNotRepeatBeforeStart) {
     const auto buffer = device->ai->channels[0]->buffer;
     checkErrorInfo(module->start());
     EXPECT_EQ(device->ai->channels[0]->buffer, buffer);
-    checkErrorInfo(module->stop());
+    stop();
 }
 
 TEST_F(ModuleTest, StagesGoOnAfterAnException) {
@@ -268,7 +245,7 @@ TEST_F(ModuleTest, StagesGoOnAfterAnException) {
     device->ai->onAcquire = [] { throw 5; };
     EXPECT_EQ(module->processData(), Errors::GeneralError);
     EXPECT_EQ(device->ai->sendCount, 4);
-    checkErrorInfo(module->stop());
+    stop();
 }
 
 // Numbers that count up, each half a second behind the one before it.
@@ -329,9 +306,7 @@ TEST_F(AsyncTest, SamplesReachTheHost) {
     deliver(1);
     EXPECT_EQ(heldBy(host), 37);
     EXPECT_EQ(channel("Async in").getSampleAtRelativePos(-1), 61.0);
-    const auto lost = [&] {
-        return fromValue<int>(executeFunc(functionOf(channel("Async in"), "LostSamples"), nullptr));
-    };
+    const auto lost = [&] { return countOf(channel("Async in"), "LostSamples"); };
     EXPECT_EQ(lost(), 24);
     // The first loss is told, and the sum once the samples flow again.
     const auto told = [](int count, const char* rest) {
@@ -344,7 +319,7 @@ TEST_F(AsyncTest, SamplesReachTheHost) {
     deliver(1);
     EXPECT_EQ(lost(), 29);
     EXPECT_EQ(log.take(), (Texts{told(28, begins), told(29, "; its samples are passed on again")}));
-    checkErrorInfo(module->stop());
+    stop();
 
     // The next run counts from 0 on both sides.
     configure();
@@ -352,7 +327,7 @@ TEST_F(AsyncTest, SamplesReachTheHost) {
     deliver(1);
     EXPECT_EQ(heldBy(host), 1);
     EXPECT_EQ(lost(), 0);
-    checkErrorInfo(module->stop());
+    stop();
 }
 
 TEST_F(AsyncTest, SamplesReachTheDevice) {
@@ -382,7 +357,7 @@ TEST_F(AsyncTest, SamplesReachTheDevice) {
     checkErrorInfo(module->processData());
     EXPECT_EQ(output.samplesAcquired.get(), before + 16);
     EXPECT_EQ(output.getCurrentSample(), next - 1.0);
-    checkErrorInfo(module->stop());
+    stop();
 }
 
 // An output that the host doesn't use has no memory on the device's side, whatever the host's side gets. And an input
@@ -399,7 +374,7 @@ TEST_F(AsyncTest, NothingFlowsWhereNothingShould) {
     EXPECT_EQ(device->async->output->samplesAcquired.get(), 0u);
     EXPECT_EQ(device->async->input->samplesAcquired.get(), 0u);
     EXPECT_TRUE(log.take().empty());
-    checkErrorInfo(module->stop());
+    stop();
 }
 
 }  // namespace

@@ -8,11 +8,9 @@
 #include <vector>
 
 #include "modules/daq/bridge/DaqRTOperation.h"
-#include "modules/daq/module/DaqModuleImpl.h"
 #include "modules/daq/objectmodel/AOChannel.h"
-#include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CANDevice.h"
-#include "tests/bridge/Bench.h"
+#include "tests/bridge/ModuleBench.h"
 
 using namespace Harvane::RT::Core;
 using namespace Harvane::RT::Modules::Daq;
@@ -75,40 +73,18 @@ public:
     bool fresh = true;
 };
 
-class RoutesTest : public testing::Test, protected HostData {
+class RoutesTest : public testing::Test, protected ModuleBench {
 protected:
-    RoutesTest() : device(std::make_shared<RoutedDevice>()), impl(new OpenModule()), module(take(impl)) {
-        plug({device});
-        device->ai.reset();
-    }
-    ~RoutesTest() override { made<IModuleConfig>(createModuleConfig, data.get()); }
-
-    class OpenModule : public DaqModuleImpl {
-    public:
-        using DaqModuleImpl::daqRTOperation;
-        using DaqModuleImpl::daqStructure;
-    };
-    static ObjectPtr<IModule> take(OpenModule* module) { return ObjectPtr<IModule>::take(module); }
+    RoutesTest() { device->ai.reset(); }
 
     void add() {
-        const auto params = made<IModuleAddParams>(createModuleAddParams, data.get(), dataModule.get(), sync.get());
-        checkErrorInfo(module->add(params.get()));
-        const auto config = made<IModuleConfig>(createModuleConfig, data.get());
-        checkErrorInfo(module->configure(config.get()));
+        addDevice(device);
         data.setPropertyValue("OperationMode", 2);
     }
     void start(const Texts& used = {"Raw 1", "Out 16", "Out 32", "Out float", "Out double", "CAN Port 1 Output",
                                     "CAN Port 2 Output"}) {
-        checkErrorInfo(module->initialize());
-        reserveMemory(impl->daqStructure, used);
-        checkErrorInfo(module->start());
+        ModuleBench::start(used);
     }
-    void cycles(int count) const {
-        for (int i = 0; i < count; ++i) {
-            checkErrorInfo(module->processData());
-        }
-    }
-    void stop() const { checkErrorInfo(module->stop()); }
 
     std::string idOf(const char* name) const { return channel(name).getNodeId().toStdString(); }
     GenericPropertyObjectPtr route(const char* name) const {
@@ -131,7 +107,7 @@ protected:
         route(output).setPropertyValue("ScalingType", scaling);
         route(output).setPropertyValue("Enabled", true);
     }
-    long countOf(const char* name) const { return channel(name).getSamplesAcquired(); }
+    long samplesOf(const char* name) const { return channel(name).getSamplesAcquired(); }
     // The newest message, as "1FF 4 1.5".
     std::string newestMessage(const char* name) const {
         const auto buffer = channel(name).getBuffer();
@@ -150,9 +126,7 @@ protected:
         return buffer.getSampleInDouble((buffer.getPosition() + buffer.getCapacity() - 1) % buffer.getCapacity());
     }
 
-    std::shared_ptr<RoutedDevice> device;
-    OpenModule* impl;
-    ObjectPtr<IModule> module;
+    std::shared_ptr<RoutedDevice> device = std::make_shared<RoutedDevice>();
 };
 
 // Messages in 30 cycles at 100 cycles a second, or as many as a loop device makes.
@@ -172,7 +146,7 @@ TEST_F(RoutesTest, DividersOfCanMessages) {
         routeCan("CAN Port 1 Input", {message(0x1FF, idOf("Raw 1"))}, row.outputRate);
         start();
         cycles(30);
-        EXPECT_EQ(countOf("CAN Port 1 Output"), row.sent) << row.outputRate << " " << row.cycleRate;
+        EXPECT_EQ(samplesOf("CAN Port 1 Output"), row.sent) << row.outputRate << " " << row.cycleRate;
         // What a cycle takes in, and a message made of it, goes to the device in that cycle.
         EXPECT_EQ(device->can->channels[1]->samplesAcquired.get(), static_cast<uint64_t>(row.sent));
         stop();
@@ -199,28 +173,28 @@ TEST_F(RoutesTest, CanMessagesCarryTheNewestValueOnce) {
                      "The route of channel \"CAN Port 2 Input\": its source \"" + idOf("Byte") + "\" is not in use"}));
     device->fresh = false;
     cycles(2);
-    EXPECT_EQ(countOf("CAN Port 1 Output"), 0);
+    EXPECT_EQ(samplesOf("CAN Port 1 Output"), 0);
     device->fresh = true;
     device->value = -3;
     cycles(1);
-    EXPECT_EQ(countOf("CAN Port 1 Output"), 2);  // of two identifiers, in the order of the list
+    EXPECT_EQ(samplesOf("CAN Port 1 Output"), 2);  // of two identifiers, in the order of the list
     EXPECT_EQ(newestMessage("CAN Port 1 Output"), "5 4 -1.5 00");
     device->fresh = false;
     cycles(5);
-    EXPECT_EQ(countOf("CAN Port 1 Output"), 2);
-    EXPECT_EQ(countOf("CAN Port 2 Output"), 0);  // its source has never had a sample
+    EXPECT_EQ(samplesOf("CAN Port 1 Output"), 2);
+    EXPECT_EQ(samplesOf("CAN Port 2 Output"), 0);  // its source has never had a sample
     stop();
 
     // The next run begins anew; in the other operation mode nothing goes out.
     device->fresh = true;
     start();
     cycles(1);
-    EXPECT_EQ(countOf("CAN Port 1 Output"), 2);
+    EXPECT_EQ(samplesOf("CAN Port 1 Output"), 2);
     stop();
     data.setPropertyValue("OperationMode", 1);
     start();
     cycles(3);
-    EXPECT_EQ(countOf("CAN Port 1 Output"), 0);
+    EXPECT_EQ(samplesOf("CAN Port 1 Output"), 0);
     stop();
 }
 
@@ -237,7 +211,7 @@ TEST_F(RoutesTest, StoredObjectsTakeTheirPlace) {
     stored.setPropertyValue("Enabled", true);
     start();
     cycles(4);
-    EXPECT_EQ(countOf("CAN Port 2 Output"), 4);
+    EXPECT_EQ(samplesOf("CAN Port 2 Output"), 4);
     EXPECT_EQ(newestMessage("CAN Port 2 Output"), "10 4 2 00");
     stop();
     // What is set after the preparation counts from the next start on.
@@ -246,7 +220,7 @@ TEST_F(RoutesTest, StoredObjectsTakeTheirPlace) {
     stored.setPropertyValue("Enabled", false);
     checkErrorInfo(module->start());
     cycles(4);
-    EXPECT_EQ(countOf("CAN Port 2 Output"), 0);
+    EXPECT_EQ(samplesOf("CAN Port 2 Output"), 0);
     stop();
     // And one that is nonsense is refused, with its place, and doesn't stand in the way of the next.
     stored.setPropertyValue("Enabled", true);
@@ -255,7 +229,7 @@ TEST_F(RoutesTest, StoredObjectsTakeTheirPlace) {
     stored.setPropertyValue("Messages", ListPtr::create({message(0x10, idOf("Raw 1"))}));
     start();
     cycles(1);
-    EXPECT_EQ(countOf("CAN Port 2 Output"), 1);
+    EXPECT_EQ(samplesOf("CAN Port 2 Output"), 1);
     stop();
     channel("CAN Port 2 Input").clearProperty("RTC");
     start();
@@ -300,12 +274,12 @@ TEST_F(RoutesTest, AnalogOutputsOfEachType) {
         checkErrorInfo(module->start());
         device->fresh = false;
         cycles(2);
-        EXPECT_EQ(countOf("Out 16"), 0);
+        EXPECT_EQ(samplesOf("Out 16"), 0);
         device->fresh = true;
         cycles(1);
         device->fresh = false;
         cycles(2);
-        EXPECT_EQ(countOf("Out 16"), 3);  // the same again in each cycle
+        EXPECT_EQ(samplesOf("Out 16"), 3);  // the same again in each cycle
         EXPECT_EQ(device->ao->channels[1]->samplesAcquired.get(), 3u);
         EXPECT_EQ(newestRaw("Out 16"), row.out16);
         EXPECT_EQ(newestRaw("Out 32"), row.out32);
@@ -331,9 +305,9 @@ TEST_F(RoutesTest, OneThatFailsHoldsUpNoOther) {
                "The route of channel \"Out 16\": there is no channel \"\""}));
     cycles(1);
     EXPECT_EQ(log.take(), Texts{"Exception in Daq::processData: unsupported type\n"});
-    EXPECT_EQ(countOf("Out 32"), 1);
-    EXPECT_EQ(countOf("Out double"), 0);
-    EXPECT_EQ(countOf("CAN Port 1 Output"), 1);
+    EXPECT_EQ(samplesOf("Out 32"), 1);
+    EXPECT_EQ(samplesOf("Out double"), 0);
+    EXPECT_EQ(samplesOf("CAN Port 1 Output"), 1);
     stop();
 }
 

@@ -161,11 +161,6 @@ protected:
         board_->initializeAcquisition(true);
         timing().startTransfer();
     }
-    static std::ptrdiff_t count(const kestrixtest::LogCapture& log, const char* text) {
-        const auto lines = log.all();
-        return std::count_if(lines.begin(), lines.end(),
-                             [&](const std::string& line) { return line.find(text) != line.npos; });
-    }
     static double phaseNs() { return kestrixsim::instrument().timingState().phaseSeconds * 1e9; }
 
     std::shared_ptr<Board> board_;
@@ -274,8 +269,6 @@ TEST_F(TimingTest, AScriptThatFailsIsToldAndTheSequenceGoesOn) {
         EXPECT_EQ(1, std::count(lines.begin(), lines.end(), each.text)) << each.text;
         EXPECT_EQ(0u, kestrixsim::instrument().registerWord(0xA3000000) & 0x100) << "follows nothing";
     }
-    kestrixtest::LogCapture::setHostLevel(4);
-    Harvane::Shared::Kestrix::KestrixLogger::get_logger().setLevel(7);
 }
 
 // The whole chain: record, law, I2C, oscillator, detector.
@@ -354,7 +347,7 @@ TEST_F(TimingTest, StandaloneHoldsTheCalibratedWordAndIsNeverInError) {
     std::this_thread::sleep_for(3s);
     const kestrixtest::LogCapture log(4);
     std::this_thread::sleep_for(5s);
-    EXPECT_EQ(0, count(log, "Tracking:"));
+    EXPECT_EQ(0, log.count("Tracking:"));
     EXPECT_EQ(506, kestrixsim::instrument().timingState().controlWord);
     EXPECT_EQ(506, timing().getClockState().controlWord);
 }
@@ -404,8 +397,6 @@ TEST_F(TimingTest, ADeviceThatIsNotThereIsToldOnceAndHangsNothing) {
         board_.reset();
         EXPECT_LT(std::chrono::steady_clock::now() - begun, 20s);
     }
-    kestrixtest::LogCapture::setHostLevel(4);
-    Harvane::Shared::Kestrix::KestrixLogger::get_logger().setLevel(7);
 }
 
 TEST_F(TimingTest, TheOscillatorsBusMayRefuseSevenTimes) {
@@ -416,8 +407,8 @@ TEST_F(TimingTest, TheOscillatorsBusMayRefuseSevenTimes) {
         const kestrixtest::LogCapture log(4);
         kestrixsim::instrument().inject({.kind = FaultKind::OscillatorSilent, .times = 7});
         std::this_thread::sleep_for(6s);
-        EXPECT_EQ(7, count(log, "caught exception"));
-        EXPECT_GE(count(log, "Tracking: true"), 5) << "no pulse is lost to it";
+        EXPECT_EQ(7, log.count("caught exception"));
+        EXPECT_GE(log.count("Tracking: true"), 5) << "no pulse is lost to it";
     }
     EXPECT_EQ(0xA8u, [] {
         uint8_t at = 0x10;

@@ -2,6 +2,7 @@
 
 #include <zorn/logger/logger.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -10,7 +11,8 @@
 
 namespace kestrixtest {
 
-// Everything that the hardware layer logs while it lives, as "5 text" with the hardware layer's level.
+// Everything that the hardware layer logs while it lives, as "5 text" with the hardware layer's level; from then on as
+// much as before.
 class LogCapture : public Harvane::RT::Core::ILogSink {
 public:
     explicit LogCapture(int level = 1) {
@@ -18,7 +20,11 @@ public:
         Harvane::RT::Core::addLogSink(this, 0);
         Harvane::Shared::Kestrix::KestrixLogger::get_logger().setLevel(level);
     }
-    ~LogCapture() override { Harvane::RT::Core::removeLogSink(this); }
+    ~LogCapture() override {
+        Harvane::RT::Core::removeLogSink(this);
+        setHostLevel(4);
+        Harvane::Shared::Kestrix::KestrixLogger::get_logger().setLevel(before_);
+    }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
@@ -45,6 +51,13 @@ public:
         return lines_;
     }
 
+    // Lines with these words in them.
+    std::ptrdiff_t count(const std::string& words) const {
+        const auto all = this->all();
+        return std::count_if(all.begin(), all.end(),
+                             [&](const std::string& line) { return line.find(words) != line.npos; });
+    }
+
     // Without those of the multiplexer's selections.
     std::vector<std::string> lines() const {
         std::vector<std::string> result = all();
@@ -53,6 +66,7 @@ public:
     }
 
 private:
+    const int before_ = Harvane::Shared::Kestrix::KestrixLogger::get_logger().getLevel();
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
 };

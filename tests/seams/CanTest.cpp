@@ -45,9 +45,6 @@ protected:
         }
         return found;
     }
-    std::int64_t countOf(const char* channelName, const char* property) const {
-        return fromValue<std::int64_t>(executeFunc(functionOf(channel(channelName), property), nullptr));
-    }
     void cyclesFor(double seconds) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
         while (std::chrono::steady_clock::now() < end) {
@@ -111,9 +108,9 @@ TEST_F(SeamCanTest, AMillionFramesOnceEachAndInOrder) {
             least = std::min(least, count);
         }
     }
-    for (int i = 0; i < ports; ++i) {
-        EXPECT_EQ(countOf(nameOf(i, "Input").c_str(), "LostSamples"), 0);
-        EXPECT_EQ(countOf(nameOf(i, "Input").c_str(), "KernelDrops"), 0);
+    for (const auto& input : inputs) {
+        EXPECT_EQ(countOf(input, "LostSamples"), 0);
+        EXPECT_EQ(countOf(input, "KernelDrops"), 0);
     }
     EXPECT_EQ(stop(), "");
     EXPECT_EQ(log.take(), Texts());
@@ -138,8 +135,8 @@ TEST_F(SeamCanTest, AnalogSamplesGoOnBesideAnUnusedInput) {
     EXPECT_NEAR(secondsOf(impl, &IClockProvider::getAcquiredClock), static_cast<double>(samples) / 1000.0, 0.01);
     EXPECT_GT(channel("CAN Port 2 Input").getSamplesAcquired(), 400);
     EXPECT_EQ(channel("CAN Port 1 Input").getSamplesAcquired(), 0);
-    EXPECT_GT(countOf("CAN Port 1 Input", "FramesUnused"), 400);
-    EXPECT_EQ(countOf("CAN Port 2 Input", "FramesUnused"), 0);
+    EXPECT_GT(countOf(channel("CAN Port 1 Input"), "FramesUnused"), 400);
+    EXPECT_EQ(countOf(channel("CAN Port 2 Input"), "FramesUnused"), 0);
     const auto told = log.take();
     EXPECT_NE(
         std::find(told.begin(), told.end(),
@@ -177,46 +174,6 @@ TEST_F(SeamCanTest, AStartTellsWhichPortsAreNotAsWanted) {
                "status 2; \"listen-only on\" ended with status 2",
                closed, "The interface can2 of \"CAN Port 3 Input\" is not as wanted; \"up\" ended with status 2"}));
     EXPECT_EQ(told(), Texts{closed});
-}
-
-// From a channel of the host to the bus, as a user sets it up.
-TEST_F(SeamCanTest, ARouteReachesTheBus) {
-    kestrixsim::reset(withTraffic(1, 10.0, 500000));
-    ASSERT_EQ(add(), "");
-    ASSERT_EQ(configure(), "");
-    const auto analog = channel("Raw input");
-    const auto input = channel("CAN Port 1 Input");
-    data.setPropertyValue("OperationMode", 2);
-    EXPECT_EQ(asUser(input, "OperationMode", "ReadWriteAcq"), "");
-    EXPECT_EQ(asUser(input, "RTC.Messages",
-                     ListPtr::create({asBase(ListPtr::create({toValue(0x123), toValue(analog.getNodeId())}))})),
-              "");
-    EXPECT_EQ(asUser(input, "RTC.OutputRate", 50), "");  // of 100 cycles a second: every other cycle
-    EXPECT_EQ(asUser(input, "RTC.Enabled", true), "");
-    use({analog, channel("CAN Port 1 Output")});
-    ASSERT_EQ(initialize(), "");
-    ASSERT_EQ(start(), "");
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_EQ(cycle(), "");
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(stop(), "");
-    const auto sent = kestrixsim::instrument().can().sent(0);
-    ASSERT_GE(sent.size(), 2u);  // the samples come in blocks
-    EXPECT_LE(sent.size(), 50u);
-    float last = -1e9F;
-    for (const auto& record : sent) {
-        EXPECT_EQ(record.frame.id, kestrixsim::CanFrame::extended | 0x123);
-        ASSERT_EQ(record.frame.length, 4);
-        float value = 0.0F;
-        std::memcpy(&value, record.frame.data.data(), sizeof value);
-        EXPECT_GT(value, last);  // the signal is a counter
-        last = value;
-    }
-    for (const char* property :
-         {"NotSentQueueFull", "NotSentClosed", "NotSentFailed", "NotSentInvalid", "NotSentListenOnly", "LostSamples"}) {
-        EXPECT_EQ(countOf("CAN Port 1 Output", property), 0) << property;
-    }
 }
 
 }  // namespace

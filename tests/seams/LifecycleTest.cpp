@@ -278,11 +278,6 @@ struct OtherParts : TestDevice {
     };
 
     std::shared_ptr<SubDevice> createAODevice() override { return std::make_shared<Parts>(); }
-    void applySynchronization() override {
-        ++applications;
-        TestDevice::applySynchronization();
-    }
-    int applications = 0;
 };
 
 struct OtherPartsTest : testing::Test, protected ModuleInHost {
@@ -312,12 +307,6 @@ TEST_F(OtherPartsTest, SettingsOfPortsAndRoutesTakeThePreparationBack) {
         EXPECT_EQ(make(), "") << what;
         EXPECT_EQ(phase(), Phase::Prepared) << what;
     }
-}
-
-TEST_F(OtherPartsTest, ConfigureAppliesTheOption) {
-    const int before = device->applications;
-    EXPECT_EQ(configure(), "");
-    EXPECT_EQ(device->applications, before + 1);
 }
 
 }  // namespace

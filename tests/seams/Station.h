@@ -8,9 +8,8 @@
 #include <thread>
 
 #include "modules/daq/controller/AcquisitionPhase.h"
-#include "modules/daq/module/DaqModuleImpl.h"
 #include "simulator/preload/Control.h"
-#include "tests/bridge/Bench.h"
+#include "tests/bridge/ModuleBench.h"
 
 namespace Harvane::RT::Modules::Daq {
 
@@ -24,12 +23,6 @@ namespace Test {
 using Core::Testing::failure;
 using kestrixsim::FaultKind;
 using Phase = AcquisitionPhase;
-
-struct OpenModule : DaqModuleImpl {
-    using DaqModuleImpl::daqController;
-    using DaqModuleImpl::daqStructure;
-    using DaqModuleImpl::dataModule;
-};
 
 // The module object in a host's tree, driven through its interfaces only, as a host drives it. What a step answers is
 // "" or the code and the text of its failure, as in "80000029 The acquisition is running".

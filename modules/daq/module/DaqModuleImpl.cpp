@@ -297,15 +297,19 @@ void DaqModuleImpl::onProcessData() {
         forceRefreshTrackingAndErrorStatus();
     }
     for (size_t i = 0; i < stageCount; ++i) {
-        try {
-            (this->*stages[i].run)();
-            if (stageFaults_[i]->isFailing()) {
-                tellStage(i, {});
-            }
-        } catch (const std::exception& exception) {
-            const std::string text = textOf(exception);
-            tellStage(i, text.empty() ? "without a text" : text);
+        runStage(i);
+    }
+}
+
+void DaqModuleImpl::runStage(size_t stage) {
+    try {
+        (this->*stages[stage].run)();
+        if (stageFaults_[stage]->isFailing()) {
+            tellStage(stage, {});
         }
+    } catch (const std::exception& exception) {
+        const std::string text = textOf(exception);
+        tellStage(stage, text.empty() ? "without a text" : text);
     }
 }
 

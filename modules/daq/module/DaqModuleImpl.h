@@ -81,6 +81,7 @@ private:
     void prepareRoutes();
     void forceRefreshTrackingAndErrorStatus();
     int64_t readAbsTime(DaqTiming& timing);
+    void runStage(size_t stage);
     void tellStage(size_t stage, const std::string& failure);
     void acquireData();
     void receiveAsyncSamples();

@@ -24,14 +24,7 @@ class CanKernelPorts : public testing::Test {
 protected:
     CanKernelPorts() {
         makeInterfaces();
-        device = std::make_shared<CanInstrument>(0xFFFF);
-        device->initialize();
-        device->initializeHardware();
-        for (const auto& channel : device->can->channels) {
-            channel->used = true;
-            dynamic_cast<CANChannel&>(*channel).writeEnable = 1;
-        }
-        device->setOperationMode(2);
+        device = CanInstrument::broughtUp();
     }
     // The master clock begins here and runs by the system clock.
     void start() {
@@ -54,9 +47,7 @@ protected:
         }
         EXPECT_EQ(input(0).samplesAcquired.get(), samples);
     }
-    CanMessage messageAt(std::uint64_t number) const {
-        return *static_cast<const CanMessage*>(input(0).buffer->getSample(number));
-    }
+    CanMessage messageAt(std::uint64_t number) const { return CanInstrument::messageAt(input(0), number); }
 
     std::shared_ptr<CanInstrument> device;
     std::int64_t startedAtUs = 0;
@@ -128,13 +119,19 @@ TEST_F(CanKernelPorts, MessagesGoOutInOrderAndNoneTwice) {
 
 // What a kernel does to a run: drops what finds no room, reports an interface that goes down. The other frames arrive.
 TEST_F(CanKernelPorts, LossesAreCounted) {
+    RawSocket peer("can0");
+    const auto flood = [&] {
+        for (canid_t i = 0; i < 700; ++i) {
+            ASSERT_EQ(peer.write(rawFrame(i)), 16);
+        }
+    };
+    flood();  // of no run
     start();
-    const RawSocket peer("can0");
+    EXPECT_EQ(peer.write(rawFrame(0)), -ENETDOWN);  // as the interface was in between
     cycle();
     cycle();
-    for (canid_t i = 0; i < 700; ++i) {
-        ASSERT_EQ(peer.write(rawFrame(i)), 16);
-    }
+    EXPECT_EQ(port(0).kernelDrops->get(), 0);
+    flood();
     cyclesUntil(500);
     for (int i = 0; i < 500 && port(0).kernelDrops->get() < 200; ++i) {
         cycle();
@@ -142,6 +139,7 @@ TEST_F(CanKernelPorts, LossesAreCounted) {
     EXPECT_EQ(port(0).kernelDrops->get(), 200);
     EXPECT_EQ(messageAt(499).id, 499u);
     EXPECT_EQ(port(0).failedReads->get(), 0);
+    EXPECT_EQ(port(0).atClockSteps->get(), 0);
 
     const Commands can0("can0");
     EXPECT_EQ(can0.runLinkSetDown(), 0);

@@ -127,6 +127,7 @@ TEST_F(CanKernel, CodesThatAKernelGives) {
              CanSockFrameInfo frame;
              const auto result = awaited(socket, frame);
              EXPECT_TRUE(frame.errorFrame);
+             EXPECT_EQ(frame.canId, 0u);
              return result;
          }},
         {"an error frame that was not", -116,

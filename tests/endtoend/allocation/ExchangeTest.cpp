@@ -1,10 +1,9 @@
 #include <thread>
 
 #include "modules/daq/can/CANSocketDevice.h"
-#include "modules/daq/module/DaqModuleImpl.h"
 #include "modules/daq/objectmodel/CANDevice.h"
 #include "simulator/preload/Control.h"
-#include "tests/bridge/Bench.h"
+#include "tests/bridge/ModuleBench.h"
 #include "tests/endtoend/allocation/HeapCounter.h"
 
 using namespace Harvane::RT::Core;
@@ -51,30 +50,20 @@ struct WideDevice : TestDevice {
     std::vector<std::shared_ptr<Channel>> inputs;
 };
 
-struct OpenModule : DaqModuleImpl {
-    using DaqModuleImpl::daqStructure;
-};
-
-class Exchange : public testing::Test, protected HostData {};
+class Exchange : public testing::Test, protected ModuleBench {};
 
 }  // namespace
 
 TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     const auto device = std::make_shared<WideDevice>();
-    plug({device});
-    auto* const impl = new OpenModule();
-    const auto module = ObjectPtr<IModule>::take(impl);
-    checkErrorInfo(add(*impl, dataModule));
-    configure(*impl);
-    checkErrorInfo(module->initialize());
+    addDevice(device);
     Texts used{"Async out"};
     for (const auto& channels : {device->ai->channels, device->async->channels}) {
         for (const auto& channel : channels) {
             used.push_back(channel->name);
         }
     }
-    reserveMemory(impl->daqStructure, used);
-    checkErrorInfo(module->start());
+    start(used);
     const auto output = channel("Async out").asPtr<IAsyncChannel>();
     const auto cycle = [&] {
         int value = 7;
@@ -94,8 +83,7 @@ TEST_F(Exchange, CycleTakesNothingFromTheHeap) {
     }
     EXPECT_EQ(device->async->output->samplesAcquired.get(), 200u);
     EXPECT_EQ(channel("Raw 1").getSamplesAcquired(), 2000);
-    checkErrorInfo(module->stop());
-    forgetProviders();
+    stop();
 }
 
 namespace {
@@ -120,24 +108,15 @@ TEST_F(Exchange, NorDoCanFramesAndRoutes) {
     scenario.can.interfaces = {{"can0"}, {"vcan0", 1}};
     kestrixsim::reset(scenario, [] { return now.load(); });
     const auto device = std::make_shared<CanAndNumbers>();
-    plug({device});
-    auto* const impl = new OpenModule();
-    const auto module = ObjectPtr<IModule>::take(impl);
-    const auto params = made<IModuleAddParams>(createModuleAddParams, data.get(), dataModule.get(), sync.get());
-    checkErrorInfo(module->add(params.get()));
-    auto config = made<IModuleConfig>(createModuleConfig, data.get());
-    checkErrorInfo(module->configure(config.get()));
+    addDevice(device);
     data.setPropertyValue("OperationMode", 2);
     const auto second = channel("CAN Port 2 Input");
     const auto source = toValue(channel("Async in").getNodeId());
     second.setPropertyValue("RTC.Messages", ListPtr::create({asBase(ListPtr::create({toValue(5), source}))}));
     second.setPropertyValue("RTC.OutputRate", 100);
     second.setPropertyValue("RTC.Enabled", true);
-    checkErrorInfo(module->initialize());
-    reserveMemory(impl->daqStructure, {"Async in", "CAN Port 1 Input", "CAN Port 2 Output"});
-    checkErrorInfo(module->start());
-    const auto cycle = [&] { checkErrorInfo(module->processData()); };
-    cycle();
+    start({"Async in", "CAN Port 1 Input", "CAN Port 2 Output"});
+    cycles(1);
     auto& can = kestrixsim::instrument().can();
     for (unsigned i = 0; i < 300; ++i) {
         kestrixsim::CanFrame frame;
@@ -149,17 +128,10 @@ TEST_F(Exchange, NorDoCanFramesAndRoutes) {
     now = now + 0.2;
     ASSERT_EQ(can.state(0).received, 300u);
     const auto input = channel("CAN Port 1 Input");
-    EXPECT_EQ(heapUseOf([&] { cycle(); }), 0u);
+    EXPECT_EQ(heapUseOf([&] { cycles(1); }), 0u);
     EXPECT_EQ(input.getSamplesAcquired(), 300);
-    EXPECT_EQ(heapUseOf([&] {
-                  for (int i = 0; i < 99; ++i) {
-                      cycle();
-                  }
-              }),
-              0u);
+    EXPECT_EQ(heapUseOf([&] { cycles(99); }), 0u);
     EXPECT_EQ(device->canDevice->channels[3]->samplesAcquired.get(), 101u);
-    EXPECT_EQ(fromValue<int>(executeFunc(functionOf(channel("CAN Port 2 Output"), "NotSentClosed"), nullptr)), 101);
-    checkErrorInfo(module->stop());
-    config.release();
-    forgetProviders();
+    EXPECT_EQ(countOf(channel("CAN Port 2 Output"), "NotSentClosed"), 101);
+    stop();
 }

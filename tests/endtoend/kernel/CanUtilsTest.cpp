@@ -11,15 +11,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-Lines linesOf(const std::string& text) {
-    Lines lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 // "(1436509052.249713) can0 123#DEADBEEF"
 double timeOf(const std::string& line) {
     return std::stod(line.substr(1));
@@ -57,9 +48,7 @@ protected:
     }
     static void shell(const std::string& line) { ASSERT_EQ(std::system(line.c_str()), 0) << line; }
     std::vector<std::string> host(std::vector<std::string> arguments) const {
-        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--amplifiers",
-                                             KESTRIX_AMPLIFIERS, "--simulate", folder.path("kernel.json")});
-        return arguments;
+        return Process::zornhostOn(folder.path("kernel.json"), std::move(arguments));
     }
     // A tool, found on the path.
     static std::vector<std::string> tool(const std::string& line) { return {"/bin/sh", "-c", "exec " + line}; }
@@ -82,11 +71,7 @@ TEST_F(CanUtils, DumpShowsWhatWasSent) {
         command += " '" + word + "'";
     }
     Process ours({"/bin/sh", "-c", command + " >" + log});
-    const auto linesIn = [](const std::string& file) {
-        std::stringstream text;
-        text << std::ifstream(file).rdbuf();
-        return linesOf(text.str());
-    };
+    const auto linesIn = [](const std::string& file) { return linesOf(contents(file)); };
     for (int i = 0; i < 400 && linesIn(log).empty(); ++i) {
         (void)!std::system("cansend can0 7FF# 2>/dev/null");  // while the host brings the interface down and up
         pauseMs(50);
@@ -148,12 +133,10 @@ TEST_F(CanUtils, SentFramesAreDumped) {
     EXPECT_EQ(result.out, "CAN Port 1: 300 of 300 frames sent\n");
     theirs.signal(SIGINT);
     theirs.wait();
-    std::stringstream text;
-    text << std::ifstream(own).rdbuf();
     Lines expected;
     for (int i = 0; i < 100; ++i) {
         // Always with the extended format.
         expected.insert(expected.end(), {"can0 00000123#0102", "can0 1FFFFFFF#", "can0 00000800#1122334455667788"});
     }
-    EXPECT_EQ(framesOf(linesOf(text.str())), expected);
+    EXPECT_EQ(framesOf(linesOf(contents(own))), expected);
 }

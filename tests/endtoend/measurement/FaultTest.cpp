@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/endtoend/measurement/Bench.h"
-#include "tests/endtoend/measurement/LogCapture.h"
+#include "tests/host/runtime/RecordingSink.h"
 
 using namespace kestrixsim;
 
@@ -65,25 +65,26 @@ INSTANTIATE_TEST_SUITE_P(
 
 // One failing read is logged and costs nothing: the samples are still in the driver's ring.
 TEST(Faults, FailingReadIsLoggedAndTheCycleGoesOn) {
-    LogCapture log;
+    const Harvane::RT::Core::RecordingSink log;
     Bench bench(Scenario::counters(1), {"SampleRate=20000"});
     bench.session().open();
     const auto report = bench.record(
         "eio.h5", 1.2, {}, [&] { bench.instrument().inject({.kind = FaultKind::DmaRead, .target = 0, .times = 3}); });
-    EXPECT_GT(log.count("Exception in DAQ::acquireData: DMA device read failed"), 0u) << log.text();
+    EXPECT_GT(log.count("Exception in DAQ::acquireData: DMA device read failed"), 0)
+        << testing::PrintToString(log.messages());
     EXPECT_TRUE(report.good()) << report.verdict();
     EXPECT_EQ(report.channels.size(), 2u);
 }
 
 // A stream that stands still while the others run is what the drift test is for.
 TEST(Faults, StalledStreamIsReportedAsLostData) {
-    LogCapture log;
+    const Harvane::RT::Core::RecordingSink log;
     Bench bench(Scenario::counters(1), {"SampleRate=20000"});
     bench.session().open();
     const auto report = bench.record("stall.h5", 5.0, {}, [&] {
         bench.instrument().inject({.kind = FaultKind::DmaStall, .target = 0, .times = -1});
     });
-    EXPECT_GT(log.count("Exception in DAQ::acquireData: Data lost"), 0u) << log.text();
+    EXPECT_GT(log.count("Exception in DAQ::acquireData: Data lost"), 0) << testing::PrintToString(log.messages());
     EXPECT_FALSE(report.good());
     EXPECT_GT(report.moduleReports, 0u);
     // One gap that grows, and at most a row a second of what the module says.

@@ -1,10 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <fstream>
-#include <numbers>
 
 #include "tests/endtoend/measurement/Bench.h"
 
@@ -41,80 +37,6 @@ TEST_P(CounterRecording, IsGaplessAndExact) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, CounterRecording, testing::Values(100, 1000, 46875, 50000, 1000000));
-
-TEST(Recording, OfAWavFileIsThatFile) {
-    const char* wav = "/usr/share/sounds/alsa/Front_Center.wav";
-    std::ifstream stream(wav, std::ios::binary);
-    ASSERT_TRUE(stream) << wav << " is missing";
-    const std::string bytes((std::istreambuf_iterator<char>(stream)), {});
-    const size_t data = bytes.find("data");
-    ASSERT_NE(data, std::string::npos);
-    uint32_t size = 0;
-    std::memcpy(&size, bytes.data() + data + 4, 4);
-    std::vector<int16_t> sound(size / 2);
-    std::memcpy(sound.data(), bytes.data() + data + 8, sound.size() * 2);
-
-    auto scenario = Scenario::counters(1);
-    scenario.modules[0].waveform.kind = WaveformKind::Wav;
-    scenario.modules[0].waveform.file = wav;
-    Bench bench(scenario, {"SampleRate=50000"});
-    bench.session().open();
-    const auto report = bench.record("wav.h5", 2.5, {"*Raw input"});
-    EXPECT_TRUE(report.good()) << report.verdict();
-    const auto samples = RecordingReader(bench.file("wav.h5")).samples<int16_t>(channelPath(0, false));
-    ASSERT_GT(samples.size(), sound.size());
-    EXPECT_TRUE(std::equal(sound.begin(), sound.end(), samples.begin()));
-    // It loops.
-    EXPECT_TRUE(std::equal(sound.begin(), sound.begin() + 1000, samples.begin() + static_cast<long>(sound.size())));
-}
-
-namespace {
-
-// Frequency of a sine by the phase between the first and the last quarter of the samples, in Hz.
-template <class T>
-double frequencyOf(const std::vector<T>& samples, double rate, double nearHz) {
-    const size_t quarter = samples.size() / 4;
-    const double cycles = nearHz / rate;
-    const auto phase = [&](size_t begin) {
-        double re = 0.0;
-        double im = 0.0;
-        for (size_t i = begin; i < begin + quarter; ++i) {
-            // A Hann window keeps the neighbours out; the remainder is taken first, for its digits.
-            const double window =
-                1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i - begin) / static_cast<double>(quarter));
-            const double angle = 2.0 * std::numbers::pi * std::fmod(cycles * static_cast<double>(i), 1.0);
-            re += window * static_cast<double>(samples[i]) * std::cos(angle);
-            im -= window * static_cast<double>(samples[i]) * std::sin(angle);
-        }
-        return std::atan2(im, re);
-    };
-    const size_t distance = 3 * quarter;
-    double turn = phase(distance) - phase(0);
-    turn = std::remainder(turn, 2.0 * std::numbers::pi);
-    return nearHz + turn / (2.0 * std::numbers::pi) * rate / static_cast<double>(distance);
-}
-
-}  // namespace
-
-TEST(Recording, OfASineHasItsFrequency) {
-    auto scenario = Scenario::counters(1);
-    scenario.modules[0].waveform.kind = WaveformKind::Sine;
-    scenario.modules[0].waveform.frequencyHz = 997.0;
-    scenario.modules[0].waveform.amplitude = 12000.0;
-    Bench bench(scenario, {"SampleRate=50000"});
-    bench.session().open();
-    const auto report = bench.record("sine.h5", 2.5);
-    EXPECT_TRUE(report.good()) << report.verdict();
-    const RecordingReader file(bench.file("sine.h5"));
-    const auto raw = file.samples<int16_t>(channelPath(0, false));
-    const auto filtered = file.samples<int32_t>(channelPath(0, true));
-    const double rawHz = frequencyOf(raw, file.number(channelPath(0, false), "sample_rate"), 997.0);
-    EXPECT_NEAR(rawHz / 997.0, 1.0, 10e-6);
-    EXPECT_NEAR(frequencyOf(filtered, file.number(channelPath(0, true), "sample_rate"), 997.0) / 997.0, 1.0, 10e-6);
-    // In counts as the scenario gave them, and 65536 times as many on the filtered stream.
-    EXPECT_NEAR(*std::max_element(raw.begin(), raw.end()), 12000.0, 40.0);
-    EXPECT_NEAR(*std::max_element(filtered.begin(), filtered.end()) / 65536.0, 12000.0, 40.0);
-}
 
 // What the instrument says of itself stands beside the samples, each value with its time.
 TEST(Recording, HasTheStatusChannels) {

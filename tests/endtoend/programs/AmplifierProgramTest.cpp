@@ -32,9 +32,7 @@ const Folder& scenarios() {
 }
 
 Process::Result run(const std::string& scenario, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--amplifiers",
-                                         KESTRIX_AMPLIFIERS, "--simulate", scenarios().path(scenario)});
-    return Process::run(std::move(arguments));
+    return Process::run(Process::zornhostOn(scenarios().path(scenario), std::move(arguments)));
 }
 Process::Result amplifier(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "amplifier");

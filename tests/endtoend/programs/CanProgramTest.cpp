@@ -12,20 +12,11 @@ using Json = nlohmann::json;
 
 namespace {
 
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 // Two ports on one bus of 500 kbit/s and one on another; on the first a counter every 10 ms and an extended frame every
 // 100 ms.
 class CanProgram : public testing::Test {
 protected:
-    std::vector<std::string> onInstrument(std::vector<std::string> arguments, const std::string& more = "") {
+    Process::Result run(std::vector<std::string> arguments, const std::string& more = "") {
         folder.write("can.json", R"({"slots": 1, "supplyOn": true, "canPorts": "0xE000",
             "modules": [{"slot": 0, "waveform": {"kind": "constant", "amplitude": 0, "offset": 2.5, "unit": "physical"}}],
             "can": {"interfaces": [{"name": "can0", "bus": 0}, {"name": "can1", "bus": 1}, {"name": "can2", "bus": 0}],
@@ -34,12 +25,7 @@ protected:
                         {"id": "0x18FEF100", "extended": true, "data": "FF7D", "periodSeconds": 0.1}]},
                               {"bitrate": 500000}]})" +
                                      more + "}");
-        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--amplifiers",
-                                             KESTRIX_AMPLIFIERS, "--simulate", folder.path("can.json")});
-        return arguments;
-    }
-    Process::Result run(std::vector<std::string> arguments, const std::string& more = "") {
-        return Process::run(onInstrument(std::move(arguments), more));
+        return Process::run(Process::zornhostOn(folder.path("can.json"), std::move(arguments)));
     }
     Folder folder;
 };
@@ -165,9 +151,7 @@ TEST_F(CanProgram, RecordsFramesAndRoutesAndExportsThem) {
 
     const std::string log = folder.path("r.log");
     EXPECT_EQ(Process::run({KESTRIX_ZORNHOST, "can", "export", file, "-o", log}).exitCode, 0);
-    std::stringstream written;
-    written << std::ifstream(log).rdbuf();
-    EXPECT_EQ(written.str(), exported.out);
+    EXPECT_EQ(contents(log), exported.out);
     for (const auto& [arguments, words] : std::initializer_list<std::pair<std::vector<std::string>, const char*>>{
              {{"can", "export", "/etc/hostname"}, "is no recording"},
              {{"can", "export", file, "-o", "/nowhere/x"}, "/nowhere/x: No such file"}}) {

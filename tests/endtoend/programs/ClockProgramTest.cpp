@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include <nlohmann/json.hpp>
 
 #include "tests/endtoend/RecordingReader.h"
@@ -11,13 +9,6 @@ using Json = nlohmann::json;
 
 namespace {
 
-std::string fileText(const std::string& file) {
-    std::ifstream stream(file);
-    std::stringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
 // A board with one module whose time runs twenty times as fast; `reference` is its "pps".
 class ClockProgram : public testing::Test {
 protected:
@@ -26,9 +17,7 @@ protected:
         folder.write("clock.json",
                      R"({"slots": 1, "supplyOn": true, "timeFactor": 20, "oscillatorErrorPpm": 9, "pps": )" +
                          reference + more + R"(, "modules": [{"slot": 0, "waveform": {"kind": "counter"}}]})");
-        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--amplifiers",
-                                             KESTRIX_AMPLIFIERS, "--simulate", folder.path("clock.json")});
-        return arguments;
+        return Process::zornhostOn(folder.path("clock.json"), std::move(arguments));
     }
     std::vector<std::string> asking(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--lock", folder.path("lock")});
@@ -36,19 +25,9 @@ protected:
     }
     // Of the process that holds the instrument; empty as long as it serves none.
     std::string socketOf() const {
-        const std::string text = fileText(folder.path("lock"));
+        const std::string text = contents(folder.path("lock"));
         const size_t at = text.find("socket ");
         return at == std::string::npos ? std::string() : text.substr(at + 7, text.find('\n', at) - at - 7);
-    }
-    static bool await(const std::function<bool()>& condition) {
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > until) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        return true;
     }
     Folder folder;
 };
@@ -64,10 +43,10 @@ TEST_F(ClockProgram, TakesTheInstrumentAndWaitsForTheLock) {
     EXPECT_GE(report["lastMinute"]["pulses"], 25);
     EXPECT_LT(report["lastMinute"]["rmsNs"], 3000.0);
     EXPECT_NEAR(report["acquisitionTimeS"].get<double>(), 32.0, 5.0);
-    const std::string csv = fileText(folder.path("c.csv"));
+    const std::string csv = contents(folder.path("c.csv"));
     EXPECT_GE(std::count(csv.begin(), csv.end(), '\n'), 30);
     EXPECT_NE(csv.find(",locked,"), std::string::npos);
-    EXPECT_NE(fileText(folder.path("c.svg")).find("<svg"), std::string::npos);
+    EXPECT_NE(contents(folder.path("c.svg")).find("<svg"), std::string::npos);
 
     const auto standalone = Process::run(onInstrument({"clock"}));
     EXPECT_EQ(standalone.exitCode, 0) << standalone.err;
@@ -120,7 +99,7 @@ TEST_F(ClockProgram, AHolderTellsOthersAndItsFileTellsOfTheClock) {
     EXPECT_EQ(Process::run(asking({"tree"})).exitCode, 3) << "only the clock can be asked for";
     // The history of a holder is there at once.
     EXPECT_EQ(Process::run(asking({"clock", "--csv", folder.path("h.csv")})).exitCode, 0);
-    EXPECT_NE(fileText(folder.path("h.csv")).find(",not locked,"), std::string::npos);
+    EXPECT_NE(contents(folder.path("h.csv")).find(",not locked,"), std::string::npos);
 
     ASSERT_TRUE(await([&] { return holder.errors().find("recording: 101 of") != std::string::npos; }));
     holder.signal(SIGINT);

@@ -8,11 +8,41 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
+
+// What a file holds; nothing if there is none.
+inline std::string contents(const std::string& file) {
+    std::ifstream stream(file);
+    std::stringstream text;
+    text << stream.rdbuf();
+    return text.str();
+}
+
+inline std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// Waits for a condition; false when it has not come true within forty seconds.
+inline bool await(const std::function<bool()>& condition) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > until) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    return true;
+}
 
 // A folder that is gone afterwards.
 class Folder {
@@ -99,6 +129,12 @@ public:
 
     static Result run(std::vector<std::string> arguments) { return Process(std::move(arguments)).wait(); }
 
+    // zornhost on the instrument of a scenario's file.
+    static std::vector<std::string> zornhostOn(const std::string& scenario, std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--amplifiers",
+                                             KESTRIX_AMPLIFIERS, "--simulate", scenario});
+        return arguments;
+    }
     // zornhost on the standard instrument, with its supply up: switching it on takes seconds. `faults` in JSON.
     static std::vector<std::string> zornhost(std::vector<std::string> arguments, const std::string& faults = "") {
         static const Folder folder;
@@ -124,13 +160,6 @@ private:
         ::dup2(target, descriptor);
         ::close(target);
     }
-    static std::string contents(const std::string& file) {
-        std::ifstream stream(file);
-        std::stringstream text;
-        text << stream.rdbuf();
-        return text.str();
-    }
-
     std::string base_;
     pid_t pid_ = -1;
 };

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "tests/endtoend/programs/Process.h"
@@ -26,19 +25,7 @@ protected:
                                R"("modules": [{"slot": 0, "waveform": {"kind": "counter"}},
                                               {"slot": 1, "waveform": {"kind": "counter"}}], "faults": [)" +
                                board.faults + "]}");
-        arguments.insert(arguments.begin(), {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--amplifiers",
-                                             KESTRIX_AMPLIFIERS, "--simulate", folder.path(file)});
-        return arguments;
-    }
-    static bool await(const std::function<bool()>& condition) {
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(40);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > until) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return true;
+        return Process::zornhostOn(folder.path(file), std::move(arguments));
     }
     Folder folder;
     int boards = 0;
@@ -85,64 +72,58 @@ TEST_F(StatusProgram, EachFaultInItsLine) {
     struct Row {
         const char* name;
         Board board;
-        std::vector<std::string> arguments;
         const char* key;  // empty: all is well
         const char* state;
         const char* words;
+        std::vector<std::string> arguments = {"status"};
     };
-    const auto fault = [](const std::string& text) { return Board{"", "{" + text + R"(, "times": -1})"}; };
-    const std::vector<std::string> plain{"status"};
+    // From the second `at` on; -1: from the beginning.
+    const auto fault = [](const std::string& kind, int target, int at = -1, const std::string& more = "") {
+        return Board{"", R"({"times": -1, "kind": ")" + kind + R"(", "target": )" + std::to_string(target) +
+                             (at < 0 ? "" : R"(, "atSeconds": )" + std::to_string(at)) + more + "}"};
+    };
+    const std::string limits = folder.path("limits.json");
+    const char* const cpu = "processorTemperature";
     // What goes away must have been there when the instrument was opened. Two looks; the second counts.
     const std::vector<std::string> later{"status", "--live", "--interval", "30", "-d", "31"};
     const Row rows[] = {
-        {"nothing", {}, plain, "", "OK", ""},
-        {"sensor gone", fault(R"("kind": "sensorMissing", "target": 2, "atSeconds": 20)"), later,
-         "processorTemperature", "WARN", "temp3_input) fails: unable to open"},
-        {"sensor forbidden", fault(R"("kind": "sensorDenied", "target": 1, "atSeconds": 20)"), later,
-         "processorTemperature", "WARN", "Permission denied"},
-        {"rubbish", fault(R"("kind": "sensorRubbish", "target": 3)"), plain, "boardTemperature", "WARN",
-         "holds no number"},
-        {"sensor hangs", fault(R"("kind": "sensorSlow", "target": 3, "code": 8000, "atSeconds": 0)"), plain,
-         "boardTemperature", "FAIL", "has not been read yet"},
-        {"hot", {R"("thermals": {"ambientCelsius": 68}, )", ""}, plain, "processorTemperature", "FAIL", "95 and more"},
-        {"no sensors",
-         {R"("thermals": {"sensors": "none"}, )", ""},
-         plain,
-         "processorTemperature",
-         "WARN",
-         "no sensor"},
+        {"nothing", {}, "", "OK", ""},
+        {"sensor gone", fault("sensorMissing", 2, 20), cpu, "WARN", "temp3_input) fails: unable to open", later},
+        {"sensor forbidden", fault("sensorDenied", 1, 20), cpu, "WARN", "Permission denied", later},
+        {"rubbish", fault("sensorRubbish", 3), "boardTemperature", "WARN", "holds no number"},
+        {"sensor hangs", fault("sensorSlow", 3, 0, R"(, "code": 8000)"), "boardTemperature", "FAIL",
+         "has not been read yet"},
+        {"hot", {R"("thermals": {"ambientCelsius": 68}, )", ""}, cpu, "FAIL", "95 and more"},
+        {"no sensors", {R"("thermals": {"sensors": "none"}, )", ""}, cpu, "WARN", "no sensor"},
         {"hot cable",
          {R"("boardType": 1, "thermals": {"cableCelsius": 90}, )", ""},
-         plain,
          "cableTemperature",
          "FAIL",
          "90.0 C"},
         {"no reference",
          {R"("pps": {"outages": [{"from": 0, "until": 1e6}]}, )", ""},
-         {"--sync", "PPS", "status", "--timeout", "2"},
          "lock",
          "FAIL",
-         "not locked"},
-        {"no timing device", fault(R"("kind": "timingSilent")"), plain, "controlWord", "WARN", "no pulse"},
+         "not locked",
+         {"--sync", "PPS", "status", "--timeout", "2"}},
+        {"no timing device", fault("timingSilent", -1), "controlWord", "WARN", "no pulse"},
         {"silent amplifier",
-         fault(R"("kind": "amplifierSilent", "target": 1)"),
-         {"status", "--thresholds", folder.path("limits.json")},
+         fault("amplifierSilent", 1),
          "amplifiers",
          "WARN",
-         "nothing answers in AI 2"},
-        {"stalled stream", fault(R"("kind": "dmaStall", "target": 1)"), plain, "streams", "FAIL", "1 without samples"},
-        {"port that can't be opened", fault(R"("kind": "canBind", "target": 1)"), plain, "errors", "WARN",
+         "nothing answers in AI 2",
+         {"status", "--thresholds", limits}},
+        {"stalled stream", fault("dmaStall", 1), "streams", "FAIL", "1 without samples"},
+        {"port that can't be opened", fault("canBind", 1), "errors", "WARN",
          "can1 of \"CAN Port 2 Input\" is not as wanted; it is not open (-112, No such device)"},
-        {"port that can't be read", fault(R"("kind": "canWait", "target": 0)"), plain, "ports", "WARN",
-         "frames lost by reads that failed"},
-        {"line gone", fault(R"("kind": "sensorMissing", "target": 13, "atSeconds": 20)"), later, "lines", "WARN",
-         "Cable detect 1 can't be read"},
+        {"port that can't be read", fault("canWait", 0), "ports", "WARN", "frames lost by reads that failed"},
+        {"line gone", fault("sensorMissing", 13, 20), "lines", "WARN", "Cable detect 1 can't be read", later},
         {"slow cycles",
          {},
-         {"--cycle", "1000", "status", "--thresholds", folder.path("limits.json")},
          "descriptors",
          "FAIL",
-         "of 16 in one cycle"},
+         "of 16 in one cycle",
+         {"--cycle", "1000", "status", "--thresholds", limits}},
     };
     folder.write("limits.json", R"({"emptySlots": {"warn": 1}, "descriptors": {"warn": 7, "fail": 8}})");
     for (const Row& row : rows) {

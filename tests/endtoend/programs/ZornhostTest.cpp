@@ -35,8 +35,7 @@ private:
 };
 
 std::string lineWith(const std::string& text, const std::string& words) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
+    for (const auto& line : linesOf(text)) {
         if (line.find(words) != std::string::npos) {
             return line;
         }
@@ -338,8 +337,7 @@ TEST(Zornhost, LockFilesThatCannotBeSayWhatToDo) {
         EXPECT_NE(line.find(reason), std::string::npos) << result.err;
         EXPECT_NE(line.find("--lock or KESTRIX_LOCK"), std::string::npos) << result.err;
     }
-    std::ifstream notes(folder.path("notes.txt"));
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(notes), {}), "my notes");
+    EXPECT_EQ(contents(folder.path("notes.txt")), "my notes");
 }
 
 // However short it was, with a file or without one: what brought nothing is no good recording.
@@ -438,9 +436,7 @@ TEST(Zornhost, TakesTheClockThatTheInstrumentHas) {
     const Folder folder;
     const auto with = [&](const std::string& pll, std::vector<std::string> arguments) {
         folder.write("clock.json", R"({"slots": 1, "supplyOn": true, "pll": )" + pll + "}");
-        arguments.insert(arguments.begin(),
-                         {KESTRIX_ZORNHOST, "--module", KESTRIX_MODULE, "--simulate", folder.path("clock.json")});
-        return Process::run(arguments);
+        return Process::run(Process::zornhostOn(folder.path("clock.json"), std::move(arguments)));
     };
     EXPECT_NE(with(R"({"selection": 1})", {"tree"}).out.find("base clock 10000000 Hz"), std::string::npos);
     const std::string none = R"({"lock0": false}, "faults": [{"kind": "scriptRefuses", "times": -1}])";

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -35,6 +36,11 @@ public:
             result.push_back(line.message);
         }
         return result;
+    }
+    // Messages with these words in them.
+    std::ptrdiff_t count(const std::string& words) const {
+        return std::ranges::count_if(messages(),
+                                     [&](const std::string& message) { return message.find(words) != message.npos; });
     }
     std::vector<Line> lines() const {
         std::lock_guard lock(mutex_);

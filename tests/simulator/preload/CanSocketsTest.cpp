@@ -8,13 +8,9 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 
-#include <cmath>
-#include <cstring>
 #include <fstream>
 #include <functional>
-#include <vector>
 
-#include "simulator/model/ScenarioJson.h"
 #include "tests/simulator/preload/PreloadFixture.h"
 
 using namespace kestrixsim;
@@ -76,18 +72,11 @@ TEST_F(CanSockets, AFrameGoesOutAndOneComesIn) {
     EXPECT_EQ(EAGAIN, errno);
     CanFrame frame{CanFrame::extended | 0x1234567, 3, {1, 2, 3}};
     instrument().can().transmit(1, frame, instrument().seconds() + 0.02);
-    const double before = realtime();
     EXPECT_TRUE(readable(fd, 900));
     Descriptor twin(::dup(fd));
     fd.reset();
     EXPECT_EQ(16, ::read(twin, &raw, sizeof raw));
     EXPECT_EQ(frame.id, raw.can_id);
-    EXPECT_EQ(0, std::memcmp(raw.data, "\1\2\3\0\0\0\0", 8));
-    timeval stamp{};
-    EXPECT_EQ(0, ::ioctl(twin, SIOCGSTAMP, &stamp));
-    const double at = static_cast<double>(stamp.tv_sec) + 1e-6 * static_cast<double>(stamp.tv_usec);
-    EXPECT_GE(at, before);
-    EXPECT_LE(at, realtime());
     raw.can_id = 0x77;
     raw.len = 0;
     EXPECT_EQ(16, ::write(twin, &raw, sizeof raw));
@@ -172,78 +161,41 @@ TEST_F(CanSockets, CommandsEndAsTheirs) {
     EXPECT_EQ("280", line);
 }
 
-// What a program's call does when the fault strikes, and that it strikes once. A fault names its port.
-TEST_F(CanSockets, EveryCallCanFail) {
+// With the scenario's code or one of its own. A fault strikes once, and at its port.
+TEST_F(CanSockets, FaultsHaveTheirCodes) {
     can_frame raw{};
-    timeval stamp{};
-    int value = 1;
-    Descriptor fd(-1);
+    Descriptor fd(bound("can0"));
     const auto wait = [&] {
         pollfd one{fd, POLLIN, 0};
         return ::poll(&one, 1, 0);
-    };
-    const auto selects = [&] {
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(fd, &set);
-        timeval none{};
-        return ::select(fd + 1, &set, nullptr, nullptr, &none);
     };
     const struct {
         FaultKind kind;
         int code;
         std::function<ssize_t()> call;
-        ssize_t result, healthy;
+        ssize_t healthy;
         int error;
     } cases[] = {
-        {FaultKind::CanSocket, 0, [] { return Descriptor(::socket(AF_CAN, SOCK_RAW, CAN_RAW)) < 0 ? -1 : 0; }, -1, 0,
-         EAFNOSUPPORT},
-        {FaultKind::CanIndex, 0, [] { return ::if_nametoindex("can0") == 0 ? 0 : 1; }, 0, 1, ENODEV},
-        {FaultKind::CanFlags, 0, [&] { return ::fcntl(fd, F_SETFL, O_NONBLOCK); }, -1, 0, EPERM},
-        {FaultKind::CanBind, ENOBUFS, [&] { return bindTo(fd, "can0"); }, -1, 0, ENOBUFS},
-        {FaultKind::CanOption, 0, [&] { return ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &value, sizeof value); }, -1, 0,
-         ENOBUFS},
-        {FaultKind::CanWait, EINTR, selects, -1, 1, EINTR},
-        {FaultKind::CanWait, 0, wait, -1, 1, ENOMEM},
-        {FaultKind::CanRead, 0, [&] { return ::read(fd, &raw, sizeof raw); }, -1, 16, EIO},
-        {FaultKind::CanShortRead, 0, [&] { return ::read(fd, &raw, sizeof raw); }, 8, 16, 0},
-        {FaultKind::CanWrite, EAGAIN, [&] { return ::write(fd, &raw, sizeof raw); }, -1, 16, EAGAIN},
-        {FaultKind::CanShortWrite, 0, [&] { return ::write(fd, &raw, sizeof raw); }, 8, 16, 0},
-        {FaultKind::CanStamp, 0, [&] { return ::ioctl(fd, SIOCGSTAMP, &stamp); }, -1, 0, ENOENT},
-        {FaultKind::CanUp, 0,
-         [] {
-             ::system("ip link set down can0");
-             return ::system("ip link set up can0");
-         },
-         2 << 8, 0, 0},
-        {FaultKind::CanCommandStatus, 4, [] { return ::system("ip link set up can0"); }, 4 << 8, 0, 0},
-        {FaultKind::CanCommandFails, 0, [] { return ::system("ip link set up can0"); }, -1, 0, ENOMEM},
+        {FaultKind::CanBind, ENOBUFS, [&] { return bindTo(fd, "can0"); }, 0, ENOBUFS},
+        {FaultKind::CanWait, EINTR, wait, 1, EINTR},
+        {FaultKind::CanWait, 0, wait, 1, ENOMEM},
+        {FaultKind::CanRead, 0, [&] { return ::read(fd, &raw, sizeof raw); }, 16, EIO},
+        {FaultKind::CanWrite, EAGAIN, [&] { return ::write(fd, &raw, sizeof raw); }, 16, EAGAIN},
     };
-    testing::internal::CaptureStderr();
+    for (int i = 0; i < 4; ++i) {
+        instrument().can().transmit(0, {1, 0, {}}, 0.0);
+    }
     for (const auto& each : cases) {
-        fd.reset(bound("can0"));
-        for (int i = 0; i < 4; ++i) {
-            instrument().can().transmit(0, {1, 0, {}}, 0.0);
-        }
         const int name = static_cast<int>(each.kind);
         ASSERT_TRUE(readable(fd, 900)) << name;
-        ASSERT_EQ(16, ::read(fd, &raw, sizeof raw)) << name;
-        const bool ofPort = each.kind != FaultKind::CanSocket && each.kind != FaultKind::CanCommandStatus &&
-                            each.kind != FaultKind::CanCommandFails;
-        if (ofPort) {
-            instrument().inject({.kind = each.kind, .target = 1, .code = ENOTTY});
-        }
-        instrument().inject({.kind = each.kind, .target = ofPort ? 0 : -1, .code = each.code});
+        instrument().inject({.kind = each.kind, .target = 1, .code = ENOTTY});
+        instrument().inject({.kind = each.kind, .target = 0, .code = each.code});
         errno = 0;
-        EXPECT_EQ(each.result, each.call()) << name;
+        EXPECT_EQ(-1, each.call()) << name;
         EXPECT_EQ(each.error, errno) << name;
         EXPECT_EQ(each.healthy, each.call()) << name;
         instrument().clearFaults();
     }
-    testing::internal::GetCapturedStderr();
-    instrument().inject({.kind = FaultKind::CanCommandSilent});
-    int status = 0;
-    EXPECT_EQ("", outputOf(R"(ls -A /sys/class/net | grep "can" | wc -l)", status));
 }
 
 // The stamp is what the program's clock showed at the end of the frame, with its start, its steps and its speed.
@@ -312,70 +264,6 @@ TEST_F(CanSockets, AForkedChildLeavesItsParentsSocketsAlone) {
     while (instrument().can().state(0).received < 300) {
     }
     EXPECT_EQ(0u, instrument().can().state(0).dropped);
-}
-
-// The delivered example says what the keys mean; every one comes back.
-TEST(CanScenarios, TheExampleReadsAndWritesAlike) {
-    const Scenario scenario = ScenarioJson::read(KESTRIX_SCENARIOS "/can.json");
-    ASSERT_TRUE(scenario.can.interfaces.has_value());
-    EXPECT_EQ(2u, scenario.can.buses.size());
-    Instrument instrument(scenario);
-    EXPECT_EQ(static_cast<int>(scenario.can.interfaces->size()), instrument.can().ports());
-    Scenario full = scenario;
-    full.can.stampsFromStart = false;
-    full.can.kernel = true;
-    full.can.interfaces->push_back({"pcan7", 3, false, false, true});
-    full.can.buses.push_back({12345, false, {{{CanFrame::remote | 5, 8, {}}, 0.25, 1.5, 7, false}}, {}});
-    for (int kind = static_cast<int>(FaultKind::CanErrorFrame); kind <= static_cast<int>(FaultKind::CanStamp); ++kind) {
-        full.faults.push_back({.kind = static_cast<FaultKind>(kind)});
-    }
-    full.faults.push_back({.kind = FaultKind::CanRead, .target = 31, .code = 5});
-    const std::string text = ScenarioJson::write(full);
-    const Scenario back = ScenarioJson::parse(text, "full");
-    EXPECT_EQ(text, ScenarioJson::write(back));
-    EXPECT_EQ(full.can.buses.back().cyclic[0].frame, back.can.buses.back().cyclic[0].frame);
-    EXPECT_EQ(full.can.buses[0].cyclic[0].frame, back.can.buses[0].cyclic[0].frame);
-    EXPECT_EQ(3, back.can.interfaces->back().bus);
-    EXPECT_TRUE(back.can.interfaces->back().isVirtual());
-    EXPECT_FALSE(back.can.interfaces->front().isVirtual());
-    EXPECT_FALSE(back.can.stampsFromStart);
-    EXPECT_TRUE(back.can.kernel);
-    ASSERT_EQ(full.faults.size(), back.faults.size());
-    for (size_t i = 0; i < back.faults.size(); ++i) {
-        EXPECT_EQ(full.faults[i].kind, back.faults[i].kind);
-    }
-}
-
-TEST(CanScenarios, MistakesAreNamed) {
-    const std::pair<const char*, const char*> cases[] = {
-        {R"({"interfaces": [{}]})", "can.interfaces[0].name: is missing"},
-        {R"({"interfaces": [{"name": "../x"}]})", "can.interfaces[0].name: is \"../x\", must be 1 to 15 letters"},
-        {R"({"interfaces": [{"name": "a"}, {"name": "a"}]})", "can.interfaces[1].name: is \"a\", which another"},
-        {R"({"buses": [{"bitrate": 0}]})", "can.buses[0].bitrate: is 0, must be from 5000"},
-        {R"({"buses": [{"cyclic": [{"id": 2048}]}]})", "cyclic[0].id: is 2048, must be from 0 to 2047"},
-        {R"({"buses": [{"cyclic": [{"id": 1, "data": "123"}]}]})", "cyclic[0].data: is \"123\", must be 0 to 8"},
-        {R"({"buses": [{"cyclic": [{"id": 1, "data": "12", "remote": true}]}]})", "data: goes with no remote"},
-        {R"({"buses": [{"cyclic": [{"id": 1, "data": "12", "length": 2}]}]})", "length: is 2, must be from 1 to 1"},
-        {R"({"buses": [{"cyclic": [{"id": 1, "counter": true}]}]})", "counter: is true, but there are not four"},
-        {R"({"buses": [{"log": {"file": ""}}]})", "can.buses[0].log.file: is empty"},
-    };
-    for (const auto& [text, expected] : cases) {
-        try {
-            ScenarioJson::parse("{\"can\": " + std::string(text) + "}", "s");
-            ADD_FAILURE() << "not refused: " << text;
-        } catch (const ScenarioError& error) {
-            EXPECT_NE(std::string::npos, std::string(error.what()).find(expected)) << error.what();
-        }
-    }
-    TemporaryFolder folder;
-    std::ofstream(folder / "traffic.log") << "(1.0) can0 123#\n(1.0) can0 12#\n";
-    std::ofstream(folder / "s.json") << R"({"can": {"buses": [{"log": {"file": "traffic.log"}}]}})";
-    try {
-        ScenarioJson::read(folder / "s.json");
-        ADD_FAILURE() << "not refused";
-    } catch (const ScenarioError& error) {
-        EXPECT_NE(std::string::npos, std::string(error.what()).find("traffic.log:2: must have")) << error.what();
-    }
 }
 
 }  // namespace

@@ -53,6 +53,14 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
                                .untilSeconds = 2.5});
     }
     full.faults.push_back({.kind = FaultKind::DmaIoctl, .target = 3, .code = static_cast<int>(0xC0064C01)});
+    full.faults.push_back({.kind = FaultKind::CanRead, .target = 31, .code = 5});
+    // The delivered example says what the keys of the buses mean.
+    full.can = ScenarioJson::read(KESTRIX_SCENARIOS "/can.json").can;
+    ASSERT_EQ(full.can.buses.size(), 2u);
+    full.can.stampsFromStart = false;
+    full.can.kernel = true;
+    full.can.interfaces->push_back({"pcan7", 3, false, false, true});
+    full.can.buses.push_back({12345, false, {{{CanFrame::remote | 5, 8, {}}, 0.25, 1.5, 7, false}}, {}});
     const std::string text = ScenarioJson::write(full);
     const Scenario back = ScenarioJson::parse(text, "full");
     EXPECT_EQ(ScenarioJson::write(back), text);
@@ -78,7 +86,14 @@ TEST(ScenarioJson, WrittenScenariosReadBackAlike) {
     for (size_t i = 0; i < back.faults.size(); ++i) {
         EXPECT_EQ(back.faults[i].kind, full.faults[i].kind);
     }
-    EXPECT_EQ(back.faults.back().code, full.faults.back().code);
+    EXPECT_EQ(back.faults.back().target, 31);
+    EXPECT_EQ(back.faults.rbegin()[1].code, full.faults.rbegin()[1].code);
+    for (const size_t bus : {0, 2}) {
+        EXPECT_EQ(back.can.buses.at(bus).cyclic.at(0).frame, full.can.buses[bus].cyclic[0].frame);
+    }
+    EXPECT_EQ(back.can.interfaces->back().bus, 3);
+    EXPECT_TRUE(back.can.interfaces->back().isVirtual() && !back.can.interfaces->front().isVirtual());
+    EXPECT_TRUE(back.can.kernel && !back.can.stampsFromStart);
 }
 
 TEST(ScenarioJson, UnitsFollowTheKeys) {
@@ -158,6 +173,16 @@ TEST(ScenarioJson, MistakesAreNamedWithTheirPlace) {
          "faults[0].untilSeconds: is 2, must"},
         {R"({"thermals": {"sensors": "few"}})", "thermals.sensors: is \"few\", must be one of monitors, chips"},
         {R"({"thermals": {"cableCelsius": -201}})", "thermals.cableCelsius: is -201"},
+        {R"({"can": {"interfaces": [{}]}})", "can.interfaces[0].name: is missing"},
+        {R"({"can": {"interfaces": [{"name": "../x"}]}})", "can.interfaces[0].name: is \"../x\", must be 1 to 15"},
+        {R"({"can": {"interfaces": [{"name": "a"}, {"name": "a"}]}})", "interfaces[1].name: is \"a\", which another"},
+        {R"({"can": {"buses": [{"bitrate": 0}]}})", "can.buses[0].bitrate: is 0, must be from 5000"},
+        {R"({"can": {"buses": [{"cyclic": [{"id": 2048}]}]}})", "cyclic[0].id: is 2048, must be from 0 to 2047"},
+        {R"({"can": {"buses": [{"cyclic": [{"id": 1, "data": "123"}]}]}})", "data: is \"123\", must be 0 to 8"},
+        {R"({"can": {"buses": [{"cyclic": [{"id": 1, "data": "12", "remote": true}]}]}})", "data: goes with no remote"},
+        {R"({"can": {"buses": [{"cyclic": [{"id": 1, "data": "12", "length": 2}]}]}})", "length: is 2, must be from 1"},
+        {R"({"can": {"buses": [{"cyclic": [{"id": 1, "counter": true}]}]}})", "counter: is true, but there are not"},
+        {R"({"can": {"buses": [{"log": {"file": ""}}]}})", "can.buses[0].log.file: is empty"},
     };
     for (const auto& mistake : cases) {
         expectRefused([&] { ScenarioJson::parse(mistake.first, "s"); }, mistake.second);
@@ -176,7 +201,10 @@ TEST(ScenarioJson, FilesAreFoundBesideTheScenarioAndTried) {
     write("good.json", R"({"modules": [{"slot": 0, "waveform": {"kind": "wav", "file": "takes/one.wav"}}]})");
     write("bad.json", R"({"modules": [{"slot": 0, "waveform": {"kind": "wav", "file": "good.json"}}]})");
     EXPECT_EQ(ScenarioJson::read(folder / "good.json").modules[0].waveform.file, folder / "takes/one.wav");
+    write("traffic.log", "(1.0) can0 123#\n(1.0) can0 12#\n");
+    write("can.json", R"({"can": {"buses": [{"log": {"file": "traffic.log"}}]}})");
     const std::pair<std::string, std::string> cases[] = {
+        {folder / "can.json", "traffic.log:2: must have"},
         {folder / "bad.json", "bad.json: modules[0].waveform.file: \""},
         {folder / "none.json", "none.json: cannot be read: No such file"},
         {folder.path().string(), "is a folder"}};
