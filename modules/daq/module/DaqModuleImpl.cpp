@@ -303,7 +303,8 @@ void DaqModuleImpl::onProcessData() {
 
 void DaqModuleImpl::runStage(size_t stage) {
     try {
-        (this->*stages[stage].run)();
+        const auto run = stages[stage].run;
+        (this->*run)();
         if (stageFaults_[stage]->isFailing()) {
             tellStage(stage, {});
         }
