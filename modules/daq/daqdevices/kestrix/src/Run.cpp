@@ -147,7 +147,9 @@ void Run::acquireData() {
         if (stream.transferSamples()) {
             stream.transferSamples();
         }
-        noteDescriptors(stream);
+        if (stream.channel->samplesThisCycle != 0) {
+            noteDescriptors(stream);
+        }
     }
 }
 
