@@ -161,6 +161,7 @@ std::unique_ptr<Acquisition>& instance() {
 Acquisition& acquisition() {
     if (!instance()) {
         instance() = std::make_unique<Acquisition>();
+        std::atexit([] { instance().reset(); });  // while the simulated instrument still is there
     }
     return *instance();
 }
