@@ -73,13 +73,15 @@ void AsyncExchange::prepare(const ChannelsMap& channels) {
 
 void AsyncExchange::receive() {
     for (Entry& entry : inputs_) {
-        receive(entry);
+        if (entry.channel->active) {
+            receive(entry);
+        }
     }
 }
 
 void AsyncExchange::send() {
     for (Entry& entry : outputs_) {
-        // An output that takes no part has no memory.
+        // One that takes no part has no memory.
         if (entry.channel->active) {
             send(entry);
         }

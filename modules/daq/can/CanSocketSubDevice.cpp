@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <system_error>
+#include <utility>
 
 #include "modules/daq/objectmodel/CANChannel.h"
 #include "modules/daq/objectmodel/CanMessage.h"
@@ -234,8 +235,7 @@ bool CanSocketSubDevice::haveParted(double master, double slave, double uncertai
     return std::abs(masterAdvance - (slave - lastSlave_)) > mostApart * std::max(masterAdvance, 1.0) + uncertain;
 }
 
-// A pair each 100 ms; whether the clocks have parted since the last one is asked in every cycle, before any frame gets
-// its time.
+// A pair each 100 ms; whether the clocks have parted since the last one is asked before any frame gets its time.
 void CanSocketSubDevice::synchronizeClocks() {
     double master = noTime;
     SystemTime now{};
@@ -273,18 +273,29 @@ void CanSocketSubDevice::synchronizeClocks() {
     lastWidth_ = width;
 }
 
+// Once in a cycle: for a pair that is due, or when there is a frame that wants its time.
+void CanSocketSubDevice::askClocks() {
+    if (std::exchange(clocksAsked_, true)) {
+        return;
+    }
+    try {
+        synchronizeClocks();
+    } catch (...) {
+        clockFailure_ = std::current_exception();
+    }
+    clockLine_ = softSync.line();
+}
+
 void CanSocketSubDevice::acquireData() {
     CANDevice::acquireData();
     if (ports.empty()) {
         return;
     }
-    std::exception_ptr failure;
-    try {
-        synchronizeClocks();
-    } catch (...) {
-        failure = std::current_exception();
+    clocksAsked_ = false;
+    clockFailure_ = nullptr;
+    if (std::chrono::system_clock::now() - lastSyncTime > pairDistance) {
+        askClocks();
     }
-    clockLine_ = softSync.line();
     Trouble first = Trouble::None;
     std::string words;
     for (auto& port : ports) {
@@ -308,8 +319,8 @@ void CanSocketSubDevice::acquireData() {
         }
     }
     clockSteps_->endOfPass(true);
-    if (failure) {
-        std::rethrow_exception(failure);
+    if (clockFailure_) {
+        std::rethrow_exception(std::exchange(clockFailure_, nullptr));
     }
     if (first == Trouble::Unused) {
         throw NotActiveChannelException(words);
@@ -324,6 +335,7 @@ CanSocketSubDevice::Trouble CanSocketSubDevice::receiveFrames(CanPortInfo& port)
     CanSockFrameInfo frame;
     std::int32_t result = 0;
     for (int i = 0; i < mostFramesInACycle && (result = port.socket.receive(frame)) >= 0; ++i) {
+        askClocks();
         const Trouble trouble = take(port, frame);
         first = first == Trouble::None ? trouble : first;
     }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -79,6 +80,7 @@ private:
 
     void configurePorts();
     void emptySockets();
+    void askClocks();
     void synchronizeClocks();
     std::chrono::nanoseconds readClocks(double& master, SystemTime& now) const;
     bool haveParted(double master, double slave, double uncertain) const;
@@ -89,7 +91,9 @@ private:
 
     std::vector<CanPortInfo> ports;
     Utils::Synchronization::SoftSyncAlgorithm softSync;
-    Utils::Synchronization::SoftSyncAlgorithm::Line clockLine_;  // of this cycle
+    Utils::Synchronization::SoftSyncAlgorithm::Line clockLine_;  // since the clocks were asked last
+    bool clocksAsked_ = false;                                   // in this cycle
+    std::exception_ptr clockFailure_;                            // then
     SystemTime startTime{};                                      // 0 of the slave time
     SystemTime lastSyncTime{};                                   // of the last pair of times
     std::shared_ptr<DaqClock> masterClock_;

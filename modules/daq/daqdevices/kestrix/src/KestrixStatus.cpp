@@ -144,6 +144,7 @@ private:
     std::unique_ptr<CableTemperatureReader> cableReader_;
 
     std::vector<Output> outputs_;  // by place of the channel
+    std::vector<Output*> used_;    // in this run
     std::shared_ptr<DaqClock> clock_;
     std::shared_ptr<KestrixDaqTiming> timing_;
     Utils::FaultReport faults_{"the status channels get no samples: ", "the status device"};
@@ -204,6 +205,7 @@ void KestrixStatus::Pimpl::readDataInBackground() const {
 }
 
 void KestrixStatus::Pimpl::adoptChannels() {
+    used_.clear();
     outputs_.clear();
     for (int i = 0; i < owner_.channels.maxChannels; ++i) {
         Output output;
@@ -227,32 +229,34 @@ void KestrixStatus::Pimpl::beginRun() {
     const auto device = std::dynamic_pointer_cast<DaqDevice>(owner_.getDevice());
     clock_ = device ? device->daqClock : nullptr;
     timing_ = device ? std::dynamic_pointer_cast<KestrixDaqTiming>(device->daqTiming) : nullptr;
-    for (const Output& output : outputs_) {
+    used_.clear();
+    for (Output& output : outputs_) {
         for (const auto& count : output.channel->losses) {
             count->reset();
+        }
+        if (output.channel->active) {
+            used_.push_back(&output);
         }
     }
 }
 
 void KestrixStatus::Pimpl::acquireData() noexcept {
-    if (!clock_) {
+    if (!clock_ || used_.empty()) {
         return;
     }
     try {
         std::string failure;
         try {
             publishTemperatures();
-            for (Output& output : outputs_) {
-                if (output.channel->active) {
-                    publish(output);
-                }
+            for (Output* const output : used_) {
+                publish(*output);
             }
         } catch (const std::exception& exception) {
             failure = textOf(exception);
         }
-        for (Output& output : outputs_) {
-            const bool flowed = std::exchange(output.flowed, false);
-            for (const auto& count : output.channel->losses) {
+        for (Output* const output : used_) {
+            const bool flowed = std::exchange(output->flowed, false);
+            for (const auto& count : output->channel->losses) {
                 count->endOfPass(flowed);
             }
         }
@@ -280,17 +284,14 @@ void KestrixStatus::Pimpl::publishTemperatures() {
         return;
     }
     lastTemperatureTime_ = time;
-    for (Output& output : outputs_) {
-        if (!output.channel->active) {
-            continue;
-        }
-        const Type type = output.channel->statusChannelType;
+    for (Output* const output : used_) {
+        const Type type = output->channel->statusChannelType;
         if (type == Type::CpuTemperature) {
             add(outputs_[0], hottestOf(cpuReaders_));
         } else if (type == Type::BoardTemperature) {
             add(outputs_[1], hottestOf(boardReaders_));
         } else if (type == Type::CableTemperature && cableReader_) {
-            add(output, static_cast<float>(cableReader_->take()));
+            add(*output, static_cast<float>(cableReader_->take()));
         }
     }
 }
